@@ -1,0 +1,114 @@
+/// The connection to the bus server: lines over TCP, buffers framed by marker lines, and the
+/// syntax of answers.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <chrono>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "BraidGeneral.h"
+
+namespace BraidConn {
+
+/// Longest silence between two bytes. A sector erase keeps the server quiet for seconds; a dead
+/// server stays quiet.
+inline constexpr std::chrono::seconds MAX_SILENCE{30};
+
+/// Most bytes of one line, its end not counted: what comes after is no answer any more.
+inline constexpr u_int32_t MAX_LINE = 1u << 24;
+
+/// One TCP socket that exchanges lines. Throws BraidError for what a caller cannot reasonably
+/// handle; a closed socket is told by BRAID_ERROR. Used by one caller at a time.
+class Socket {
+ public:
+  Socket() = default;
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+  virtual ~Socket();
+
+  /// Creates the IPv4 stream socket.
+  BraidResult Open();
+  BraidResult Close();
+  BraidResult Bind(int port);
+  BraidResult Listen() const;
+
+  /// Accepts one connection into `new_socket`, which then owns it. The peer's address lands in
+  /// this socket's own address.
+  BraidResult Accept(Socket& new_socket) const;
+
+  /// Resolves `host` (a name or a dotted address) and connects, waiting as long as the system does.
+  BraidResult Connect(const std::string& host, int port);
+
+  /// Sends `line` and a line feed.
+  BraidResult Puts(const std::string& line) const;
+
+  /// Appends the next line to `line`, without its end and without carriage returns. Throws after
+  /// MAX_SILENCE without a byte, at the end of the stream, and for a line longer than MAX_LINE.
+  BraidResult Gets(std::string& line) const;
+
+  /// Failures are ignored.
+  void SetNonBlocking(bool on);
+
+  bool IsOpen() const { return _sock != -1; }
+
+ protected:
+  /// Sends all of `bytes`, in one write where the system takes them at once.
+  void Send(std::string_view bytes) const;
+
+  int _sock = -1;                  ///< owned; -1 when closed
+  mutable sockaddr_in _addr{};     ///< local address after Bind, the peer's after Connect, Accept
+  std::string _host;               ///< of a successful Connect
+  int _port = 0;                   ///< of a successful Connect
+  std::chrono::milliseconds _max_silence = MAX_SILENCE;
+
+ private:
+  void WaitReadable() const;
+  void Fill() const;
+  [[noreturn]] void ThrowReadError(const std::string& reason, u_int32_t line = __builtin_LINE()) const;
+
+  mutable std::string _received;      ///< bytes read ahead of the line that a caller asked for
+  mutable std::size_t _consumed = 0;  ///< how many of them are spent
+};
+
+/// A connection that exchanges whole buffers: a small one is a frame of NEW_BUF, content and
+/// END_BUF lines; a large one goes in pieces, each agreed to by the peer.
+class ClientSocket : public Socket {
+ public:
+  ClientSocket() { Open(); }
+
+  /// Sends a small buffer; `request` is one line whatever it contains.
+  BraidResult Request(const std::string& request) const;
+
+  /// Receives one whole buffer into `response`, its lines joined without separators.
+  BraidResult Receive(std::string& response) const;
+
+  /// Sends one buffer, in pieces of about 4000 characters. Throws when the peer does not agree to
+  /// a further piece.
+  BraidResult Respond(const std::string& response) const;
+
+  /// Always false: the transport detects the end of the stream.
+  bool Eof() const { return false; }
+  BraidResult Flush() { return BRAID_OK; }
+};
+
+/// An answer of the bus server, or one element of one: a text that may tell an error or be a list
+/// of words and braced lists.
+class Response : public std::string {
+ public:
+  Response() = default;
+  explicit Response(const std::string& text) : std::string(text) {}
+
+  bool GotErr() const;
+
+  /// The description in an error answer "ERROR:...:description", the whole text when it has no ":".
+  std::string Error() const;
+
+  /// The elements of the list, outermost braces removed. Throws BraidError when braces do not
+  /// balance or one opens inside a word.
+  std::vector<Response> TclSplit() const;
+};
+
+}  // namespace BraidConn
