@@ -15,8 +15,8 @@
 #include <string_view>
 #include <vector>
 
-using Guid = u_int64_t;              ///< identifies a device on the fabric; 0 means "all devices"
-using GuidSet = std::set<Guid>;      ///< ascending: the order of devices in requests and answers
+using Guid = u_int64_t;          ///< identifies a device on the fabric; 0 means "all devices"
+using GuidSet = std::set<Guid>;  ///< ascending: the order of devices in requests and answers
 using GuidVec = std::vector<Guid>;
 using DataVec = std::vector<u_int8_t>;  ///< bytes of images and device memory, big-endian words
 
@@ -40,6 +40,8 @@ class BraidError {
   /// The description, complete and ready to print: no severity prefix, no line end.
   const std::string& Des() const { return _des; }
   BraidResult Num() const { return _num; }
+  const std::string& File() const { return _file; }
+  u_int32_t Line() const { return _line; }
 
  private:
   BraidResult _num;
