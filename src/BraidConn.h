@@ -58,19 +58,21 @@ class Socket {
   /// Sends all of `bytes`, in one write where the system takes them at once.
   void Send(std::string_view bytes) const;
 
-  int _sock = -1;                  ///< owned; -1 when closed
-  mutable sockaddr_in _addr{};     ///< local address after Bind, the peer's after Connect, Accept
-  std::string _host;               ///< of a successful Connect
-  int _port = 0;                   ///< of a successful Connect
+  int _sock = -1;               ///< owned; -1 when closed
+  mutable sockaddr_in _addr{};  ///< local address after Bind, the peer's after Connect, Accept
+  std::string _host;            ///< of a successful Connect
+  int _port = 0;                ///< of a successful Connect
   std::chrono::milliseconds _max_silence = MAX_SILENCE;
 
  private:
   void WaitReadable() const;
   void Fill() const;
-  [[noreturn]] void ThrowReadError(const std::string& reason, u_int32_t line = __builtin_LINE()) const;
+  [[noreturn]] void ThrowReadError(const std::string& reason,
+                                   u_int32_t line = __builtin_LINE()) const;
 
-  mutable std::string _received;      ///< bytes read ahead of the line that a caller asked for
-  mutable std::size_t _consumed = 0;  ///< how many of them are spent
+  // Read ahead of the line that was asked for: no part of what a caller can see.
+  mutable std::vector<char> _buffer;
+  mutable std::string_view _received;  ///< what of it no line has taken yet
 };
 
 /// A connection that exchanges whole buffers: a small one is a frame of NEW_BUF, content and

@@ -1,0 +1,335 @@
+#include "BraidConn.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+
+#include "utils.h"
+
+namespace BraidConn {
+
+namespace {
+
+constexpr char NEW_BUF[] = "NEW_BUF";
+constexpr char END_BUF[] = "END_BUF";
+constexpr char TO_BE_CONT[] = "TO_BE_CONT";
+constexpr char NS_CONTINUE[] = "NsContinue";
+constexpr char CONT_BUF[] = "CONT_BUF";
+
+/// Least size of a piece of a large buffer, the last one excepted.
+constexpr std::size_t PIECE_SIZE = 4000;
+constexpr std::size_t READ_BLOCK = 64 * 1024;
+
+bool IsOneOf(std::string_view text, std::string_view first, std::string_view second) {
+  return text.starts_with(first) || text.starts_with(second);
+}
+
+void AppendWithoutReturns(std::string& line, std::string_view bytes) {
+  for (;;) {
+    const std::size_t end = bytes.find('\r');
+    line.append(bytes.substr(0, end));
+    if (end == std::string_view::npos) return;
+    bytes.remove_prefix(end + 1);
+  }
+}
+
+/// The resolver keeps its own error number; this is the system's nearest.
+int ResolverErrno() {
+  if (errno != 0) return errno;
+  switch (h_errno) {
+    case TRY_AGAIN:
+      return EAGAIN;
+    case NO_RECOVERY:
+      return EIO;
+    default:
+      return ENXIO;
+  }
+}
+
+/// Waits until `sock` is ready to be read, or written. Returns as select does; a signal starts
+/// another wait for what is left of the time.
+int Wait(int sock, bool for_write, const std::chrono::milliseconds* limit) {
+  using std::chrono::steady_clock;
+  if (sock < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  const auto deadline = steady_clock::now() + (limit ? *limit : std::chrono::milliseconds(0));
+  for (;;) {
+    fd_set waiting;
+    FD_ZERO(&waiting);
+    FD_SET(sock, &waiting);
+    timeval left{};
+    if (limit) {
+      // Even past the deadline one look is due: a burner that was stopped and goes on finds its
+      // answer waiting.
+      const auto rest = std::max(deadline - steady_clock::now(), steady_clock::duration::zero());
+      const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(rest).count();
+      left.tv_sec = static_cast<time_t>(micros / 1000000);
+      left.tv_usec = static_cast<suseconds_t>(micros % 1000000);
+    }
+    const int ready = select(sock + 1, for_write ? nullptr : &waiting,
+                             for_write ? &waiting : nullptr, nullptr, limit ? &left : nullptr);
+    if (ready >= 0 || errno != EINTR) return ready;
+  }
+}
+
+/// Finishes a connect that a signal interrupted: it goes on by itself and must not be repeated.
+bool FinishConnect(int sock) {
+  int failure = 0;
+  socklen_t size = sizeof(failure);
+  return Wait(sock, true, nullptr) > 0 &&
+         getsockopt(sock, SOL_SOCKET, SO_ERROR, &failure, &size) == 0 && failure == 0;
+}
+
+}  // namespace
+
+Socket::~Socket() {
+  if (IsOpen()) Close();
+}
+
+BraidResult Socket::Open() {
+  Close();
+  _sock = socket(AF_INET, SOCK_STREAM, 0);
+  // select cannot wait for a descriptor past its set.
+  if (_sock >= FD_SETSIZE) Close();
+  if (_sock < 0) ThrowError("Failed creating socket.");
+  const int on = 1;
+  if (setsockopt(_sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) < 0) {
+    ThrowError("Failed creatindsetting socket option SO_REUSEADDR.");
+  }
+  return BRAID_OK;
+}
+
+BraidResult Socket::Close() {
+  if (IsOpen()) close(_sock);
+  _sock = -1;
+  _received = {};
+  return BRAID_OK;
+}
+
+BraidResult Socket::Bind(int port) {
+  if (!IsOpen()) return BRAID_ERROR;
+  _addr = {};
+  _addr.sin_family = AF_INET;
+  _addr.sin_addr.s_addr = htonl(INADDR_ANY);
+  _addr.sin_port = htons(static_cast<u_int16_t>(port));
+  const int result = bind(_sock, reinterpret_cast<const sockaddr*>(&_addr), sizeof(_addr));
+  return result < 0 ? BRAID_ERROR : BRAID_OK;
+}
+
+BraidResult Socket::Listen() const {
+  constexpr int BACKLOG = 5;
+  if (!IsOpen() || listen(_sock, BACKLOG) < 0) return BRAID_ERROR;
+  return BRAID_OK;
+}
+
+BraidResult Socket::Accept(Socket& new_socket) const {
+  new_socket.Close();
+  socklen_t size = sizeof(_addr);
+  do {
+    new_socket._sock = accept(_sock, reinterpret_cast<sockaddr*>(&_addr), &size);
+  } while (new_socket._sock < 0 && errno == EINTR);
+  return new_socket._sock > 0 ? BRAID_OK : BRAID_ERROR;
+}
+
+BraidResult Socket::Connect(const std::string& host, int port) {
+  if (!IsOpen()) return BRAID_ERROR;
+  errno = 0;
+  const hostent* found = gethostbyname(host.c_str());
+  if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+    ThrowError("Failed getting IP address for server " + host + ": " + strerror(ResolverErrno()));
+  }
+  _addr = {};
+  std::memcpy(&_addr.sin_addr, found->h_addr_list[0], sizeof(_addr.sin_addr));
+  _addr.sin_family = AF_INET;
+  _addr.sin_port = htons(static_cast<u_int16_t>(port));
+  // A port that 16 bits cannot hold must not end up as another one.
+  bool connected = port >= 0 && port <= 0xFFFF;
+  if (connected) {
+    connected = connect(_sock, reinterpret_cast<const sockaddr*>(&_addr), sizeof(_addr)) == 0 ||
+                (errno == EINTR && FinishConnect(_sock));
+  }
+  if (!connected) ThrowError(Text("Failed connecting to ", host, ":", port, " ."));
+  _host = host;
+  _port = port;
+  return BRAID_OK;
+}
+
+BraidResult Socket::Puts(const std::string& line) const {
+  Send(line + "\n");
+  return BRAID_OK;
+}
+
+void Socket::Send(std::string_view bytes) const {
+  while (!bytes.empty()) {
+    // A server that is gone must end the run with a message, not kill it with SIGPIPE.
+    const ssize_t sent = send(_sock, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(sent));
+    } else if (errno != EINTR) {
+      ThrowError(std::string("Failed remote read: ") + strerror(errno));
+    }
+  }
+}
+
+BraidResult Socket::Gets(std::string& line) const {
+  std::size_t length = 0;  // bytes of this line, dropped ones included
+  for (;;) {
+    if (_received.empty()) Fill();
+    const std::size_t end = _received.find('\n');
+    const std::string_view part = _received.substr(0, end);
+    length += part.size();
+    if (length > MAX_LINE) ThrowReadError("Response too large. Probably server is down.");
+    AppendWithoutReturns(line, part);
+    _received.remove_prefix(part.size());
+    if (end != std::string_view::npos) {
+      _received.remove_prefix(1);
+      return BRAID_OK;
+    }
+  }
+}
+
+void Socket::WaitReadable() const {
+  const int ready = Wait(_sock, false, &_max_silence);
+  if (ready < 0) {
+    ThrowError(std::string("Failed remote read: select failed: ") + strerror(errno));
+  }
+  if (ready == 0) {
+    ThrowError(
+        Text("Failed remote read: timeout while waiting for data from ", _host, ":", _port, "."));
+  }
+}
+
+void Socket::Fill() const {
+  _buffer.resize(READ_BLOCK);
+  ssize_t got;
+  do {
+    WaitReadable();
+    got = read(_sock, _buffer.data(), _buffer.size());
+  } while (got < 0 && (errno == EINTR || errno == EAGAIN));
+  if (got < 0) ThrowReadError(strerror(errno));
+  // The end of the stream never ends a line: the server is down.
+  if (got == 0) ThrowReadError("Response too large. Probably server is down.");
+  _received = std::string_view(_buffer.data(), static_cast<std::size_t>(got));
+}
+
+void Socket::ThrowReadError(const std::string& reason, u_int32_t line) const {
+  ThrowError(Text("Failed remote read from server ", _host, ":", _port, ". ", reason),
+             __builtin_FILE(), line);
+}
+
+void Socket::SetNonBlocking(bool on) {
+  const int flags = fcntl(_sock, F_GETFL);
+  if (flags < 0) return;
+  fcntl(_sock, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
+}
+
+BraidResult ClientSocket::Request(const std::string& request) const {
+  Send(std::string(NEW_BUF) + "\n" + request + "\n" + END_BUF + "\n");
+  return BRAID_OK;
+}
+
+BraidResult ClientSocket::Receive(std::string& response) const {
+  for (std::string line;; line.clear()) {
+    if (Eof()) ThrowError("Remote server closed connection (receivecs EOF)");
+    Gets(line);
+    if (line == NEW_BUF) {
+      response.clear();
+    } else if (line == END_BUF) {
+      return BRAID_OK;
+    } else if (line == TO_BE_CONT) {
+      Request(NS_CONTINUE);
+    } else if (line != CONT_BUF) {
+      response += line;
+    }
+  }
+}
+
+BraidResult ClientSocket::Respond(const std::string& response) const {
+  std::string_view rest = response;
+  for (const char* head = NEW_BUF;; head = CONT_BUF) {
+    const bool is_last = rest.size() <= PIECE_SIZE;
+    std::size_t length = rest.size();
+    if (!is_last) {
+      // Just before a line end, so that no line of the payload is split.
+      length = rest.find('\n', PIECE_SIZE);
+      if (length == std::string_view::npos) length = PIECE_SIZE;
+    }
+    std::string frame = std::string(head) + "\n";
+    frame.append(rest.substr(0, length));
+    Send(frame + "\n" + (is_last ? END_BUF : TO_BE_CONT) + "\n");
+    if (is_last) return BRAID_OK;
+
+    std::string agreement;
+    Receive(agreement);
+    if (agreement != NS_CONTINUE) {
+      ThrowError(
+          "Bus server protocol error: In ClientSocket::Respond(), After sending TO_BE_CONT, "
+          "expected \"NsContinue\" from peer, bur received \"" +
+          agreement + "\"");
+    }
+    rest.remove_prefix(length);
+  }
+}
+
+bool Response::GotErr() const { return *this != "ACK" && IsOneOf(*this, "ERROR", "TARGET_ERROR"); }
+
+std::string Response::Error() const {
+  if (!IsOneOf(*this, "ERROR", "TARGET_ERROR")) {
+    return "*** Error dexcription can't be extracted from response: " + *this;
+  }
+  const std::vector<std::string> pieces = splitv(*this, ":", false);
+  if (pieces.size() == 1) return *this;
+  if (pieces.size() == 2) return pieces[1];
+  std::string description = pieces[2];
+  for (std::size_t i = 3; i < pieces.size(); ++i) description += ":" + pieces[i];
+  return description;
+}
+
+std::vector<Response> Response::TclSplit() const {
+  std::vector<std::size_t> starts;
+  std::vector<std::size_t> ends;
+  u_int32_t depth = 0;  // a "}" too many wraps it: all that follows counts as braced
+  bool in_word = false;
+  for (std::size_t i = 0; i < size(); ++i) {
+    const char c = (*this)[i];
+    if (c == '{') {
+      if (in_word) {
+        ThrowError(Text("Response::TclSplit(): Can't parse '", *this,
+                        "' : '{' without a preceder white space at char ", i, "."));
+      }
+      if (depth == 0) starts.push_back(i + 1);
+      ++depth;
+    } else if (c == '}') {
+      --depth;
+      if (depth == 0) ends.push_back(i);
+    } else if (depth == 0) {
+      const bool is_blank = std::isspace(static_cast<unsigned char>(c)) != 0;
+      if (in_word == is_blank) {
+        (in_word ? ends : starts).push_back(i);
+        in_word = !in_word;
+      }
+    }
+  }
+  if (in_word && starts.size() == ends.size() + 1) ends.push_back(size());
+  if (starts.size() != ends.size()) {
+    ThrowError(Text("Response::TclSplit(): Can't parse '", *this, "' : Unbalanced starts (",
+                    starts.size(), ") and ends (", ends.size(), ") ."));
+  }
+  std::vector<Response> elements;
+  elements.reserve(starts.size());
+  for (std::size_t i = 0; i < starts.size(); ++i) {
+    elements.emplace_back(substr(starts[i], ends[i] - starts[i]));
+  }
+  return elements;
+}
+
+}  // namespace BraidConn
