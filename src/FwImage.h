@@ -182,12 +182,14 @@ class FwImage {
 
  private:
   class LineReader;
-  class SectionLoader;
 
   [[noreturn]] void ThrowLineError(const std::string& text, const char* file = __builtin_FILE(),
                                    u_int32_t line = __builtin_LINE()) const;
-  void AddNamedReplace(const std::vector<std::string>& words);
-  void SetSlotAddr(const std::vector<std::string>& words);
+  u_int32_t ParseSlotIndex(const std::vector<std::string>& words) const;
+  void ParseReplaceCrc(const std::vector<std::string>& words);
+  void ParseReplaceField(const std::vector<std::string>& words);
+  Section* OpenSection(const std::string& line);
+  void AppendData(const std::vector<std::string>& words, Section& section) const;
 
   bool _is_open = false;
   FileType _filetype = UNKNOWN_FILE;
@@ -196,12 +198,12 @@ class FwImage {
   u_int32_t _curr_line = 0;  ///< of the file being loaded, from 1; stands in messages
   Conv _conv;
   DeviceType _dev_type = DEV_UNKNOWN;
-  std::vector<u_int32_t> _sections_order;  ///< start addresses in file order
+  std::vector<u_int32_t> _sections_order;   ///< start addresses in file order
   std::map<u_int32_t, Section*> _sections;  ///< by start address; borrowed
   u_int32_t _ps_addr[SLOTS];
   u_int32_t _signature_addr[SLOTS];
   u_int32_t _image_addr[SLOTS];
-  std::vector<FieldReplace> _field_replaces;  ///< in order of addition
-  std::vector<CrcReplace> _crc_replaces;      ///< in order of addition
+  std::vector<FieldReplace> _field_replaces;      ///< in order of addition
+  std::vector<CrcReplace> _crc_replaces;          ///< in order of addition
   std::vector<std::unique_ptr<Section>> _loaded;  ///< sections that the loader made; owned
 };
