@@ -32,6 +32,8 @@ struct DeviceRecord {
 /// active devices before each operation.
 class RomInterface {
  public:
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"  // the operations READ and WRITE are not the file modes
   /// The kinds of remote operation.
   enum OpType {
     WRITE = 0,
@@ -44,6 +46,7 @@ class RomInterface {
     GETVSD = 7,
     GETATTR = 8,
   };
+#pragma GCC diagnostic pop
 
   /// What the last operation did on one device.
   struct Result {
@@ -143,9 +146,9 @@ class RomInterface {
   kmap<Guid, std::string> _error_des;  ///< of every device that has failed
   /// Device records, each under its node GUID and again under its port GUIDs.
   kmap<Guid, std::shared_ptr<DeviceData>> _devs_data;
-  GuidSet _access_devs;  ///< may be accessed in this run
-  GuidSet _active_devs;  ///< the next operation's
-  GuidSet _error_devs;   ///< have failed and never come back
+  GuidSet _access_devs;                ///< may be accessed in this run
+  GuidSet _active_devs;                ///< the next operation's
+  GuidSet _error_devs;                 ///< have failed and never come back
   AddressConvertor* _conv = nullptr;   ///< borrowed
   ProgressMeter* _progress = nullptr;  ///< borrowed
   std::string _ifc_name;               ///< stands in messages
@@ -220,7 +223,8 @@ class RemoteRomInterface : public RomInterface {
   void AskIfcVersion();
   /// GetVsd and GetBsn: `request_op` is asked for, the answer read as one of `answer_op`.
   BraidResult GetDeviceBytes(Guid g, OpType request_op, OpType answer_op, DataVec& out);
-  [[noreturn]] void ThrowCommandError(const std::string& reason) const;
+  [[noreturn]] void ThrowCommandError(const std::string& reason,
+                                      u_int32_t line = __builtin_LINE()) const;
 };
 
 /// A serial flash: erased sector by sector, attributes read when opened. One device a run.
@@ -244,8 +248,8 @@ class RemoteFlashInterface : public RemoteRomInterface {
   /// Reads sector and flash size of the one device.
   BraidResult InitAttributes();
 
-  u_int32_t _sector_size = 0;  ///< bytes; 0 until the attributes are read
-  u_int32_t _flash_size = 0;   ///< bytes
+  u_int32_t _sector_size = 0;     ///< bytes; 0 until the attributes are read
+  u_int32_t _flash_size = 0;      ///< bytes
   u_int32_t _last_erase_address;  ///< start of the last erased range
 };
 
