@@ -102,6 +102,12 @@ class BurnAlgorithm {
   };
 
   RomInterface& _burn_if;  ///< borrowed
+
+ private:
+  /// The fields, then the CRCs, of the one active device; stops when it fails.
+  void WriteUniqTo(Guid guid, u_int32_t addr, DataVec& data,
+                   const std::vector<FwImage::FieldReplace>& fields,
+                   const std::vector<FwImage::CrcReplace>& crcs);
 };
 
 /// Writes every section in file order. No failsafe guarantee.
