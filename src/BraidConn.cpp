@@ -25,7 +25,7 @@ constexpr char CONT_BUF[] = "CONT_BUF";
 
 /// Least size of a piece of a large buffer, the last one excepted.
 constexpr std::size_t PIECE_SIZE = 4000;
-constexpr std::size_t READ_BLOCK = 64 * 1024;
+constexpr std::size_t READ_BLOCK = std::size_t{64} * 1024;
 
 bool IsOneOf(std::string_view text, std::string_view first, std::string_view second) {
   return text.starts_with(first) || text.starts_with(second);

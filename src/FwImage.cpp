@@ -74,11 +74,8 @@ class FwImage::LineReader {
     if (_fd < 0) ThrowCantOpen();
     struct stat status {};
     if (fstat(_fd, &status) == 0 && !S_ISREG(status.st_mode)) {
-      // A device may never end.
-      errno = S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP;
-      const int reason = errno;
       close(_fd);
-      errno = reason;
+      errno = S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP;  // a device may never end
       ThrowCantOpen();
     }
     _block.resize(BLOCK);
@@ -100,7 +97,7 @@ class FwImage::LineReader {
   }
 
  private:
-  static constexpr std::size_t BLOCK = 64 * 1024;
+  static constexpr std::size_t BLOCK = std::size_t{64} * 1024;
 
   bool HoldsLine() const {
     return _rest.size() >= MAX_STR || _rest.find('\n') != std::string_view::npos;
