@@ -202,7 +202,7 @@ RemoteRomInterface::RemoteRomInterface(const std::string& ifc_name, RomType type
 BraidResult RemoteRomInterface::Open(const char* server) {
   ASSERT_ALWAYS(server != nullptr);
   _access = ParseServer(server);
-  if (_socket.Connect(_access.ip, _access.port) != BRAID_OK) return BRAID_ERROR;
+  if (Connect() != BRAID_OK) return BRAID_ERROR;
   AskMultiMax();
   AskIfcVersion();
   return CheckAccess();
@@ -318,6 +318,15 @@ BraidResult RemoteRomInterface::AddDeviceRecord(const Response& record) {
   _devs_data[node_guid] = device;
   _devs_data[port_guid] = device;
   return BRAID_OK;
+}
+
+BraidResult RemoteRomInterface::Connect() { return _socket.Connect(_access.ip, _access.port); }
+
+Response RemoteRomInterface::ExchangeText(const std::string& text) {
+  _socket.Respond(text);
+  Response answer;
+  _socket.Receive(answer);
+  return answer;
 }
 
 Response RemoteRomInterface::Exchange(const std::string& request) {
@@ -551,10 +560,7 @@ BraidResult RemoteRomInterface::BurnImage(const std::string& text) {
   const Response agreement = Exchange(req);
   Debug() << "Received " << agreement << std::endl;
   ProcessResponse(WRITE, agreement);
-  _socket.Respond(text);
-  Response outcome;
-  _socket.Receive(outcome);
-  ProcessResponse(WRITE, outcome);
+  ProcessResponse(WRITE, ExchangeText(text));
   return BRAID_OK;
 }
 

@@ -204,8 +204,11 @@ class RemoteRomInterface : public RomInterface {
   BraidResult GatherData(const BraidConn::Response& element, DataVec& out, bool bsn);
   /// Enters one record of the server's device list.
   BraidResult AddDeviceRecord(const BraidConn::Response& record);
-  /// Sends `request` and returns the answer.
-  BraidConn::Response Exchange(const std::string& request);
+  /// The way to the server, which derived classes may replace: connecting to `_access`, one
+  /// request and its answer, and one large text and its answer.
+  virtual BraidResult Connect();
+  virtual BraidConn::Response Exchange(const std::string& request);
+  virtual BraidConn::Response ExchangeText(const std::string& text);
   /// The memory's word in command names.
   const char* RomType2Str() const;
 
