@@ -1,0 +1,101 @@
+/// The simulated fabric: devices with their memories, and a bus server that executes requests on
+/// them. No sockets: text in, text out.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "BraidGeneral.h"
+#include "Faults.h"
+#include "Memory.h"
+
+namespace sim {
+
+constexpr std::size_t VSD_SIZE = 208;
+constexpr std::size_t BSN_SIZE = 64;
+
+enum class MemoryKind { FLASH, I2C };
+
+/// One device. A record, but for its memory, which only the chips' own rules change.
+struct Device {
+  Guid node_guid = 0;
+  GuidVec port_guids;  ///< in port order
+  Guid sys_guid = 0;
+  u_int32_t declared_ports = 0;  ///< what its records say; a healthy device has as many port GUIDs
+  std::string name = "device";   ///< one word
+  std::string attr = "none";     ///< one word
+  DataVec vsd = DataVec(VSD_SIZE, 0);
+  DataVec bsn = DataVec(BSN_SIZE, 0);
+  MemoryKind kind = MemoryKind::I2C;
+  std::map<u_int8_t, Chip> chips;  ///< by I2C address; a flash is chip 0
+  bool has_power = true;           ///< without it nothing is applied and nothing answered
+};
+
+/// A change of one chip, as its observer sees it before it is applied.
+struct Operation {
+  enum Kind { PROGRAM, ERASE };
+
+  Kind kind;
+  Guid device;  ///< node GUID
+  u_int8_t chip;
+  u_int32_t offset;                 ///< of the first byte; for an erase, of the sector
+  std::span<const u_int8_t> bytes;  ///< to be programmed; empty for an erase
+  u_int32_t size;                   ///< bytes changed
+};
+
+/// What the server tells of itself.
+struct ServerFacts {
+  std::string type = "IB";          ///< I2C, PCI, PPC or IB
+  std::string ifc_version = "2.2";  ///< answered as it stands
+  std::string multi_max = "64";     ///< answered as it stands; the limit where it is a number
+};
+
+/// The devices and their bus server. Single-threaded.
+class Fabric {
+ public:
+  /// Adds a device; throws std::invalid_argument for a GUID that is taken, for words with blanks,
+  /// and for a flash of other than one chip.
+  Device& Add(Device device);
+  /// By node or port GUID; null when there is none.
+  Device* Find(Guid guid);
+  const Device* Find(Guid guid) const { return const_cast<Fabric*>(this)->Find(guid); }
+  /// By node GUID, ascending.
+  std::map<Guid, Device>& Devices() { return _devices; }
+  const std::map<Guid, Device>& Devices() const { return _devices; }
+
+  /// Executes one request, faults included, and tells what to send for it.
+  Reply Execute(const std::string& request);
+
+  /// Burns an image file, given as text, into the devices, as the image burn commands do. Returns
+  /// the answer.
+  std::string BurnImage(const GuidVec& guids, const std::string& image);
+
+  ServerFacts facts;
+  FaultLayer faults;
+  std::function<void(const Operation&)> observer;  ///< called before each change; may be empty
+
+ private:
+  struct Command;
+  struct Request;
+  struct Refusal;
+
+  static Request Parse(const std::string& text);
+  std::string Run(const Request& request);
+  std::string RunOn(const Request& request, Device& device);
+  std::string ListDevices() const;
+  void CheckCounts(const Request& request) const;
+  void Program(Device& device, u_int8_t address, u_int32_t offset, DataVec bytes);
+  void Erase(Device& device, u_int8_t address, u_int32_t offset);
+
+  std::map<Guid, Device> _devices;
+  std::map<Guid, Guid> _node_of;  ///< the node GUID of every node and port GUID
+  const Fault* _fault = nullptr;  ///< that fires at the request in hand
+};
+
+}  // namespace sim

@@ -1,0 +1,328 @@
+#include "FabricFile.h"
+
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <set>
+
+#include "LocalRom.h"
+
+namespace sim {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// One table of the file: hands out its values, checked, and knows which keys nobody asked for.
+class Reader {
+ public:
+  Reader(const fs::path& file, const toml::table& table) : _file(file), _table(table) {}
+
+  [[noreturn]] void Throw(const toml::node& at, const std::string& text) const {
+    throw FabricFileError(Text(_file.string(), ":", at.source().begin.line, ": ", text));
+  }
+  [[noreturn]] void Throw(const std::string& text) const { Throw(_table, text); }
+
+  const toml::node* Node(std::string_view key) {
+    _asked.emplace(key);
+    return _table.get(key);
+  }
+
+  std::optional<std::string> String(std::string_view key) {
+    const toml::node* node = Node(key);
+    if (node == nullptr) return {};
+    if (!node->is_string()) Throw(*node, Text("'", key, "' must be a text"));
+    return node->as_string()->get();
+  }
+
+  std::optional<bool> Bool(std::string_view key) {
+    const toml::node* node = Node(key);
+    if (node == nullptr) return {};
+    if (!node->is_boolean()) Throw(*node, Text("'", key, "' must be true or false"));
+    return node->as_boolean()->get();
+  }
+
+  std::optional<u_int32_t> Number(std::string_view key, u_int32_t min, u_int32_t max) {
+    const toml::node* node = Node(key);
+    if (node == nullptr) return {};
+    const auto* number = node->as_integer();
+    if (number == nullptr || number->get() < min || number->get() > max) {
+      Throw(*node, Text("'", key, "' must be a number from ", min, " to ", max));
+    }
+    return static_cast<u_int32_t>(number->get());
+  }
+
+  std::optional<Guid> OneGuid(std::string_view key) {
+    const toml::node* node = Node(key);
+    if (node == nullptr) return {};
+    return ParseGuid(key, *node);
+  }
+
+  GuidVec Guids(std::string_view key) {
+    GuidVec guids;
+    for (const toml::node& node : Array(key)) guids.push_back(ParseGuid(key, node));
+    return guids;
+  }
+
+  /// The tables of an array of tables; none where the key is missing.
+  std::vector<Reader> Tables(std::string_view key) {
+    std::vector<Reader> tables;
+    for (const toml::node& node : Array(key)) {
+      if (!node.is_table()) Throw(node, Text("'", key, "' must be tables, as [[", key, "]]"));
+      tables.emplace_back(_file, *node.as_table());
+    }
+    return tables;
+  }
+
+  std::optional<Reader> Table(std::string_view key) {
+    const toml::node* node = Node(key);
+    if (node == nullptr) return {};
+    if (!node->is_table()) Throw(*node, Text("'", key, "' must be a table"));
+    return Reader(_file, *node->as_table());
+  }
+
+  template <typename Value>
+  Value Needed(std::string_view key, std::optional<Value> value) const {
+    if (!value) Throw(Text("'", key, "' is missing"));
+    return *std::move(value);
+  }
+
+  /// Refuses keys that mean nothing here: a misspelt one must not go unnoticed.
+  void Finish() const {
+    for (const auto& [key, node] : _table) {
+      if (!_asked.contains(key.str())) Throw(node, Text("unknown key '", key.str(), "'"));
+    }
+  }
+
+  fs::path Path(const std::string& name) const { return _file.parent_path() / name; }
+
+ private:
+  const toml::array& Array(std::string_view key) {
+    static const toml::array NONE;
+    const toml::node* node = Node(key);
+    if (node == nullptr) return NONE;
+    if (!node->is_array()) Throw(*node, Text("'", key, "' must be an array"));
+    return *node->as_array();
+  }
+
+  Guid ParseGuid(std::string_view key, const toml::node& node) const {
+    const std::string text = node.value_or(std::string());
+    Guid guid = 0;
+    const char* end = text.data() + text.size();
+    if (!text.starts_with("0x") || text.size() == 2 ||
+        std::from_chars(text.data() + 2, end, guid, 16).ptr != end) {
+      Throw(node, Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
+    }
+    return guid;
+  }
+
+  fs::path _file;
+  const toml::table& _table;
+  std::set<std::string, std::less<>> _asked;
+};
+
+/// `text`, or the bytes it names after "0x", filled up with zeros.
+DataVec Bytes(const Reader& reader, std::string_view key, const std::string& text,
+              std::size_t size) {
+  DataVec bytes;
+  if (text.starts_with("0x")) {
+    for (std::size_t i = 2; i < text.size(); i += 2) {
+      const std::string digits = text.substr(i, 2);
+      u_int8_t byte = 0;
+      const char* end = digits.data() + digits.size();
+      if (digits.size() != 2 || std::from_chars(digits.data(), end, byte, 16).ptr != end) {
+        reader.Throw(Text("'", key, "' must have two hexadecimal digits for each byte"));
+      }
+      bytes.push_back(byte);
+    }
+  } else {
+    bytes.assign(text.begin(), text.end());
+  }
+  if (bytes.size() > size) reader.Throw(Text("'", key, "' has more than ", size, " bytes"));
+  bytes.resize(size);
+  return bytes;
+}
+
+void ReadServer(Reader reader, ServerFacts& facts) {
+  facts.type = reader.String("type").value_or(facts.type);
+  constexpr std::string_view TYPES[] = {"I2C", "PCI", "PPC", "IB"};
+  if (std::ranges::find(TYPES, facts.type) == std::end(TYPES)) {
+    reader.Throw("'type' must be I2C, PCI, PPC or IB");
+  }
+  facts.ifc_version = reader.String("interface_version").value_or(facts.ifc_version);
+  if (const auto max = reader.Number("multi_max", 1, 1000000))
+    facts.multi_max = std::to_string(*max);
+  reader.Finish();
+}
+
+/// Makes chips, in files of the state folder where there is one.
+class ChipMaker {
+ public:
+  ChipMaker(const Reader& reader, const std::optional<fs::path>& state, Guid guid)
+      : _reader(reader), _state(state), _guid(guid) {}
+
+  void Make(Device& device, u_int8_t address, u_int32_t size, u_int32_t sector_size) const {
+    std::ostringstream name;
+    name << "0x" << std::hex << std::setw(16) << std::setfill('0') << _guid << ".";
+    if (sector_size != 0) {
+      name << "flash";
+    } else {
+      name << u_int32_t{address} << ".i2c";
+    }
+    std::unique_ptr<Cells> cells;
+    try {
+      cells = _state ? std::make_unique<Cells>(size, *_state / name.str())
+                     : std::make_unique<Cells>(size);
+    } catch (const std::runtime_error& error) {
+      _reader.Throw(error.what());
+    }
+    if (!device.chips.try_emplace(address, Chip(std::move(cells), sector_size)).second) {
+      _reader.Throw(Text("two chips at address 0x", std::hex, u_int32_t{address}));
+    }
+  }
+
+ private:
+  const Reader& _reader;
+  const std::optional<fs::path>& _state;
+  Guid _guid;
+};
+
+constexpr u_int32_t MAX_SIZE = u_int32_t{1} << 30;
+
+void ReadMemory(Reader& reader, const std::optional<fs::path>& state, Device& device) {
+  const ChipMaker maker(reader, state, device.node_guid);
+  if (auto flash = reader.Table("flash")) {
+    const u_int32_t sector =
+        flash->Needed("sector_size", flash->Number("sector_size", 4, MAX_SIZE));
+    const u_int32_t size = flash->Needed("size", flash->Number("size", 4, MAX_SIZE));
+    if (size % sector != 0) flash->Throw("'size' must be a whole number of sectors");
+    flash->Finish();
+    device.kind = MemoryKind::FLASH;
+    maker.Make(device, 0, size, sector);
+  }
+  std::vector<Reader> chips = reader.Tables("chip");
+  if (chips.empty() == device.chips.empty()) {
+    reader.Throw("a device has either a [device.flash] or [[device.chip]]s");
+  }
+  for (Reader& chip : chips) {
+    const u_int32_t address = chip.Needed("address", chip.Number("address", 0, 0xFF));
+    const u_int32_t size = chip.Needed("size", chip.Number("size", 4, MAX_SIZE));
+    chip.Finish();
+    maker.Make(device, static_cast<u_int8_t>(address), size, 0);
+  }
+}
+
+void FillContents(Reader& reader, Fabric& fabric, Device& device) {
+  const bool is_kept =
+      std::ranges::any_of(device.chips, [](const auto& entry) { return entry.second.Kept(); });
+  for (Reader& contents : reader.Tables("contents")) {
+    const auto fill = contents.Number("fill", 0, 0xFF);
+    const auto raw = contents.String("raw");
+    const auto address = contents.Number("chip", 0, 0xFF);
+    const auto at = contents.Number("at", 0, MAX_SIZE);
+    const auto image = contents.String("image");
+    const auto slot = contents.Number("slot", 0, 1);
+    const auto is_valid = contents.Bool("valid");
+    contents.Finish();
+    if (int{fill.has_value()} + int{raw.has_value()} + int{image.has_value()} != 1) {
+      contents.Throw("contents are one of 'fill', 'raw' and 'image'");
+    }
+    if (is_kept) continue;
+    if (fill) {
+      for (auto& [key, chip] : device.chips) {
+        chip.Load(0, DataVec(chip.Size(), static_cast<u_int8_t>(*fill)));
+      }
+    } else if (raw) {
+      std::ifstream file(contents.Path(*raw), std::ios::binary);
+      if (!file) contents.Throw("can't open " + contents.Path(*raw).string());
+      const DataVec bytes{std::istreambuf_iterator<char>(file), {}};
+      const auto chip =
+          address ? device.chips.find(static_cast<u_int8_t>(*address)) : device.chips.begin();
+      if (chip == device.chips.end()) contents.Throw("the device has no such chip");
+      if (!chip->second.Holds(at.value_or(0), bytes.size())) {
+        contents.Throw(Text("the chip is too small for ", bytes.size(), " bytes there"));
+      }
+      chip->second.Load(at.value_or(0), bytes);
+    } else {
+      try {
+        BurnInto(fabric, device.node_guid, contents.Path(*image).string(),
+                 {.slot = slot, .is_valid = is_valid.value_or(true)});
+      } catch (const BraidError& error) {
+        contents.Throw("can't burn the image: " + error.Des());
+      }
+    }
+  }
+}
+
+void ReadDevice(Reader& reader, const std::optional<fs::path>& state, Fabric& fabric) {
+  Device device;
+  device.node_guid = reader.Needed("node_guid", reader.OneGuid("node_guid"));
+  device.port_guids = reader.Guids("port_guids");
+  device.sys_guid = reader.OneGuid("system_guid").value_or(device.node_guid);
+  device.declared_ports = reader.Number("declared_ports", 0, 255)
+                              .value_or(static_cast<u_int32_t>(device.port_guids.size()));
+  device.name = reader.String("name").value_or(device.name);
+  device.attr = reader.String("attribute").value_or(device.attr);
+  device.vsd = Bytes(reader, "vsd", reader.String("vsd").value_or(""), VSD_SIZE);
+  device.bsn = Bytes(reader, "bsn", reader.String("bsn").value_or(""), BSN_SIZE);
+  device.has_power = reader.Bool("power").value_or(true);
+  ReadMemory(reader, state, device);
+  Device* added = nullptr;
+  try {
+    const bool has_power = std::exchange(device.has_power, true);  // while it is being filled
+    added = &fabric.Add(std::move(device));
+    FillContents(reader, fabric, *added);
+    added->has_power = has_power;
+  } catch (const std::invalid_argument& error) {
+    reader.Throw(error.what());
+  }
+  reader.Finish();
+}
+
+Fault ReadFault(Reader& reader) {
+  constexpr u_int32_t ANY = std::numeric_limits<int32_t>::max();
+  Fault fault;
+  const std::string kind = reader.Needed("kind", reader.String("kind"));
+  const auto named = std::ranges::find(FaultNames(), kind, &FaultName::name);
+  if (named == FaultNames().end()) reader.Throw("'kind' is no kind of fault: " + kind);
+  fault.kind = named->kind;
+  fault.command = reader.String("command").value_or("");
+  fault.device = reader.OneGuid("device");
+  fault.nth = reader.Number("nth", 1, ANY).value_or(1);
+  fault.from_then_on = reader.Bool("from_then_on").value_or(false);
+  fault.text = reader.String("text").value_or(fault.kind == Fault::DEVICE_ERROR ? "Fault" : "");
+  fault.milliseconds = reader.Number("milliseconds", 0, ANY).value_or(0);
+  fault.seed = reader.Number("seed", 0, ANY).value_or(1);
+  reader.Finish();
+  return fault;
+}
+
+}  // namespace
+
+void LoadFabric(const fs::path& path, const std::optional<fs::path>& state, Fabric& fabric) {
+  toml::table root;
+  try {
+    std::ifstream file(path);
+    if (!file) throw FabricFileError("can't open " + path.string());
+    root = toml::parse(file, path.string());
+  } catch (const toml::parse_error& error) {
+    throw FabricFileError(
+        Text(path.string(), ":", error.source().begin.line, ": ", error.description()));
+  }
+  if (state) {
+    std::error_code error;
+    fs::create_directories(*state, error);
+    if (error) throw FabricFileError(state->string() + ": " + error.message());
+  }
+  Reader reader(path, root);
+  if (const auto server = reader.Table("server")) ReadServer(*server, fabric.facts);
+  for (Reader& device : reader.Tables("device")) ReadDevice(device, state, fabric);
+  for (Reader& fault : reader.Tables("fault")) fabric.faults.Add(ReadFault(fault));
+  reader.Finish();
+}
+
+}  // namespace sim

@@ -1,0 +1,24 @@
+/// Fabrics described in files.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+
+#include "Fabric.h"
+
+namespace sim {
+
+/// A fabric file is wrong; the text names file, line and key.
+class FabricFileError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Builds the fabric that the TOML file `path` describes. With a `state` folder, which is made
+/// where needed, the devices' memories live in files there, and contents that these hold already
+/// stay. Throws FabricFileError.
+void LoadFabric(const std::filesystem::path& path,
+                const std::optional<std::filesystem::path>& state, Fabric& fabric);
+
+}  // namespace sim
