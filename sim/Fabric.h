@@ -69,8 +69,8 @@ class Fabric {
   std::map<Guid, Device>& Devices() { return _devices; }
   const std::map<Guid, Device>& Devices() const { return _devices; }
 
-  /// Executes one request, faults included, and tells what to send for it.
-  Reply Execute(const std::string& request);
+  /// Executes one request, given as text, faults included, and tells what to send for it.
+  Reply Execute(const std::string& text);
 
   /// Burns an image file, given as text, into the devices, as the image burn commands do. Returns
   /// the answer.

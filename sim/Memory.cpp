@@ -84,7 +84,7 @@ void Chip::Program(u_int32_t offset, std::span<const u_int8_t> bytes) {
 
 std::span<u_int8_t> Chip::Sector(u_int32_t offset) {
   ASSERT_ALWAYS(IsFlash() && Holds(offset, 1));
-  return _cells->Bytes().subspan(offset / _sector_size * _sector_size, _sector_size);
+  return _cells->Bytes().subspan(offset - offset % _sector_size, _sector_size);
 }
 
 void Chip::EraseSector(u_int32_t offset) {

@@ -105,7 +105,7 @@ class FwImage::LineReader {
 
   void Fill() {
     const std::size_t kept = _rest.size();
-    std::memmove(_block.data(), _rest.data(), kept);
+    std::copy(_rest.begin(), _rest.end(), _block.begin());
     std::size_t size = kept;
     while (size < BLOCK) {
       const ssize_t got = read(_fd, _block.data() + size, BLOCK - size);

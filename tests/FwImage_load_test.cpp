@@ -252,7 +252,7 @@ TEST_F(FwImageLoadTest, CommentLongerThanALineGoesOnAsAnotherLine) {
 }
 
 TEST_F(FwImageLoadTest, NulEndsItsLine) {
-  Load(std::string("START A 0 0\n1 2 3 4\0 5 zz\n5 6 7 8\nEND A\n", 43));
+  Load(std::string("START A 0 0\n1 2 3 4\0 5 zz\n5 6 7 8\nEND A\n", 40));
   EXPECT_EQ(Data(0), Hex("0102030405060708"));
 }
 
