@@ -101,6 +101,9 @@ class BurnAlgorithm {
     RomInterface& _burn_if;
   };
 
+  /// Burns a section of `image` at `destination`, with the fields and CRCs that lie there.
+  void BurnSection(const FwImage& image, FwImage::Section& section, u_int32_t destination);
+
   RomInterface& _burn_if;  ///< borrowed
 
  private:
@@ -108,6 +111,73 @@ class BurnAlgorithm {
   void WriteUniqTo(Guid guid, u_int32_t addr, DataVec& data,
                    const std::vector<FwImage::FieldReplace>& fields,
                    const std::vector<FwImage::CrcReplace>& crcs);
+};
+
+/// Burns flash devices that hold two images, each valid only while its signature word says so: the
+/// new image goes into the slot that is not in use, is validated, and only then is the other
+/// invalidated. What is not failsafe: the rewrite of a changed invariant sector, and a move of an
+/// image onto itself.
+///
+/// The flash begins with the invariant sector; a pointer sector per slot tells where the slot's
+/// image lies, and bears its signature.
+class RV52100FailsafeBurn : public BurnAlgorithm {
+ public:
+  /// When a device's invariant sector differs from the image's: `allow_non_fs_burn` rewrites it,
+  /// else `allow_keeping_old_is` leaves it as it is, else the device fails.
+  RV52100FailsafeBurn(RomInterface& burn_if, bool allow_non_fs_burn, bool allow_keeping_old_is)
+      : BurnAlgorithm(burn_if),
+        _allow_non_fs_burn(allow_non_fs_burn),
+        _allow_keeping_old_is(allow_keeping_old_is) {}
+
+  std::string GetName() const override { return "RV52100FailsafeBurn"; }
+  BraidResult Go(FwImage& image) override;
+
+  /// Burns the new image into slot `image_idx` (0 or 1) of the active devices and leaves the other
+  /// slot invalid.
+  BraidResult BurnImage(FwImage& image, u_int32_t image_idx);
+
+  /// Copies a device's image, whose pointer sector is at `from_ps`, to `to_addr` with a pointer
+  /// sector at `to_ps`, and invalidates the original. `image_idx` is the slot it leaves. Returns
+  /// BRAID_ERROR when the device did not take part in a read.
+  BraidResult MoveImage(Guid guid, u_int32_t image_idx, u_int32_t from_ps, u_int32_t to_ps,
+                        u_int32_t to_addr);
+
+  /// Compares two big-endian words, of exactly 4 bytes each.
+  static bool LessThan(const DataVec& d1, const DataVec& d2);
+
+ private:
+  /// The sections that stand first in the image and lie below the sector size.
+  std::vector<FwImage::Section*> InvariantSections(const FwImage& image) const;
+  void CheckImage(const FwImage& image) const;
+  void CheckInvariantSector(const FwImage& image);
+  void FailDevices(const GuidSet& devices, const std::string& des);
+
+  bool _allow_non_fs_burn;
+  bool _allow_keeping_old_is;
+};
+
+/// Burns devices that hold two images, each told valid by the checksum of the PLL boot record at
+/// its start. Rewrites both slots, first the one that is not needed to boot, each with its record
+/// spoilt until the rest of the slot is written.
+class RV61300FailsafeBurn : public BurnAlgorithm {
+ public:
+  /// With `check_only` the states are reported and nothing is written.
+  RV61300FailsafeBurn(RomInterface& burn_if, bool check_only)
+      : BurnAlgorithm(burn_if), _check_only(check_only) {}
+
+  std::string GetName() const override { return "RV61300FailsafeBurn"; }
+  BraidResult Go(FwImage& image) override;
+
+  /// Burns slot `image_idx` (0 or 1) of the active devices.
+  BraidResult BurnImage(FwImage& image, u_int32_t image_idx);
+
+  /// Whether the 16 bytes of a boot record have the sum of a valid one; `ref` only gives the length
+  /// to read. In the first slot a mark in the record also makes it invalid.
+  static bool VerifyFirstPllBootRecordChecksum(const DataVec& read_data, const DataVec& ref);
+  static bool VerifyPllBootRecordChecksum(const DataVec& read_data, const DataVec& ref);
+
+ private:
+  bool _check_only;
 };
 
 /// Writes every section in file order. No failsafe guarantee.

@@ -200,12 +200,14 @@ std::unique_ptr<BurnAlgorithm> MakeGeneric(RomInterface& rom_if, bool) {
   return std::make_unique<GenericBurn>(rom_if);
 }
 
-std::unique_ptr<BurnAlgorithm> MakeRV61300Failsafe(RomInterface&, bool) {
-  ThrowError("RV61300FailsafeBurn - not built yet");
+std::unique_ptr<BurnAlgorithm> MakeRV61300Failsafe(RomInterface& rom_if, bool check_only) {
+  return std::make_unique<RV61300FailsafeBurn>(rom_if, check_only);
 }
 
-std::unique_ptr<BurnAlgorithm> MakeRV52100Failsafe(RomInterface&, bool) {
-  ThrowError("RV52100FailsafeBurn - not built yet");
+std::unique_ptr<BurnAlgorithm> MakeRV52100Failsafe(RomInterface& rom_if, bool) {
+  constexpr bool ALLOW_NON_FS_BURN = true;
+  constexpr bool ALLOW_KEEPING_OLD_IS = false;
+  return std::make_unique<RV52100FailsafeBurn>(rom_if, ALLOW_NON_FS_BURN, ALLOW_KEEPING_OLD_IS);
 }
 
 /// Which memory a device has, and how a failsafe burn of it is done.
