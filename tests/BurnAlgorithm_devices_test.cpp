@@ -161,6 +161,40 @@ TEST_F(DevicesTest, DeviceThatFailsOneCrcGetsNoFurther) {
   EXPECT_EQ(Memory(LEAF2, 0x4C, 4), CrcWord(DataVec(8, 0x11)));
 }
 
+TEST_F(DevicesTest, DeviceThatFailsAFieldIsAskedForNoOther) {
+  // What a failed device is asked for comes back empty, and a field of no length would stop all.
+  OpenFor({LEAF1, LEAF2});
+  RefuseWrite(LEAF1, 2);
+  DataVec data(320, 0x11);
+  OutputOf([&] {
+    _burn.BurnRegion(0x40, data, {{0x40, 8, GUID}, {0x48, 208, VSD}, {0x118, 64, BSN}}, {});
+  });
+  EXPECT_EQ(Outlines(_rom), (Requests{"2: 320@0x40", "1: 8@0x40", "1: 8@0x40", "vsGetVsdMulti",
+                                      "1: 208@0x48", "crBSNGet", "1: 64@0x118"}));
+  EXPECT_EQ(_rom.GetActiveDevices(), GuidSet{LEAF2});
+}
+
+/// Adds up what it is told of.
+class SummingMeter : public RomInterface::ProgressMeter {
+ public:
+  BraidResult Add(u_int32_t done) override {
+    _sum += done;
+    return BRAID_OK;
+  }
+  BraidResult Reset(u_int32_t) override { return BRAID_OK; }
+  u_int32_t _sum = 0;
+};
+
+TEST_F(DevicesTest, StepsThatAFailedDeviceDoesNotTakeAreNoProgress) {
+  OpenFor({LEAF1, LEAF2});
+  RefuseWrite(LEAF1, 2);
+  SummingMeter meter;
+  _rom.SetProgresMeter(&meter);
+  DataVec data(16, 0x11);
+  OutputOf([&] { _burn.BurnRegion(0x40, data, {}, {{0x40, 8, 0x48}, {0x40, 8, 0x4C}}); });
+  EXPECT_EQ(meter._sum, 16u + 4 + 8);  // the region, the CRC that failed, the other device's two
+}
+
 TEST_F(DevicesTest, LastDeviceThatFailsItsStepsEndsTheRun) {
   OpenFor({LEAF1});
   RefuseWrite(LEAF1, 2);
@@ -227,6 +261,29 @@ TEST_F(DevicesTest, FlashIsErasedOnceAndItsFieldsAreProgrammedOverBlankBytes) {
   expected << ReferenceCrc(expected) << u_int32_t{0};
   EXPECT_EQ(MemoryOf(_fabric, 0x5000, 0, 0x20000, 24), expected);
   EXPECT_TRUE(_fabric.Find(0x5000)->chips.at(0).Violations().empty());
+}
+
+TEST_F(DevicesTest, FieldsAndCrcsOfAnEarlierSectorAreProgrammedWithoutErasingItAgain) {
+  _fabric.Add(FlashDevice(0x5000));
+  RecordedFlash flash(_fabric, 16);
+  OpenQuietly(flash, {0x5000});
+  GenericBurn burn(flash);
+  DataVec data(0x20010, 0x11);  // over three sectors; the last one is erased last
+  burn.BurnRegion(0x20000, data, {{0x20000, 8, GUID}}, {{0x20000, 16, 0x30000}});
+  EXPECT_EQ(Outlines(flash),
+            (Requests{"vsFlashEraseSectorMulti", "1: 65536@0x20000", "vsFlashEraseSectorMulti",
+                      "1: 65536@0x30000", "vsFlashEraseSectorMulti", "1: 16@0x40000",
+                      "1: 8@0x20000", "1: 4@0x30000"}));
+  const sim::Chip& chip = _fabric.Find(0x5000)->chips.at(0);
+  EXPECT_EQ(chip.EraseCounts()[2], 1u);
+  EXPECT_EQ(chip.EraseCounts()[3], 1u);
+  EXPECT_TRUE(chip.Violations().empty());
+  DataVec expected(0x20010, 0x11);
+  const DataVec guid = Hex("0000000000005000");
+  std::copy(guid.begin(), guid.end(), expected.begin());
+  const DataVec crc = CrcWord(Hex("0000000000005000 1111111111111111"));
+  std::copy(crc.begin(), crc.end(), expected.begin() + 0x10000);
+  EXPECT_TRUE(MemoryOf(_fabric, 0x5000, 0, 0x20000, 0x20010) == expected);
 }
 
 TEST_F(DevicesTest, CrcsAreComputedInSilence) {
