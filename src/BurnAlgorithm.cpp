@@ -82,6 +82,7 @@ std::vector<FwImage::Section*> ImageSections(const FwImage& image) {
   std::vector<u_int32_t> addrs;
   image.GetImageSectionsAddr(addrs);
   std::vector<FwImage::Section*> sections;
+  sections.reserve(addrs.size());
   for (const u_int32_t addr : addrs) sections.push_back(&SectionAt(image, addr, "image"));
   if (sections.empty()) {
     ThrowError(
