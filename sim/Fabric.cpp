@@ -196,6 +196,28 @@ Device& Fabric::Add(Device device) {
   return _devices.try_emplace(device.node_guid, std::move(device)).first->second;
 }
 
+void Fabric::CopyDevice(const Device& device) {
+  Device copy;
+  copy.node_guid = device.node_guid;
+  copy.port_guids = device.port_guids;
+  copy.sys_guid = device.sys_guid;
+  copy.declared_ports = device.declared_ports;
+  copy.name = device.name;
+  copy.attr = device.attr;
+  copy.vsd = device.vsd;
+  copy.bsn = device.bsn;
+  copy.kind = device.kind;
+  copy.has_power = device.has_power;
+  for (const auto& [address, chip] : device.chips) {
+    Chip& twin =
+        copy.chips
+            .try_emplace(address, Chip(std::make_unique<Cells>(chip.Size()), chip.SectorSize()))
+            .first->second;
+    twin.Load(0, chip.Bytes());
+  }
+  Add(std::move(copy));
+}
+
 Device* Fabric::Find(Guid guid) {
   const auto node = _node_of.find(guid);
   return node == _node_of.end() ? nullptr : &_devices.at(node->second);

@@ -62,6 +62,8 @@ class Fabric {
   /// Adds a device; throws std::invalid_argument for a GUID that is taken, for words with blanks,
   /// and for a flash of other than one chip.
   Device& Add(Device device);
+  /// Adds a device that is as `device` is now, memory included, but for its files and its counts.
+  void CopyDevice(const Device& device);
   /// By node or port GUID; null when there is none.
   Device* Find(Guid guid);
   const Device* Find(Guid guid) const { return const_cast<Fabric*>(this)->Find(guid); }
