@@ -1,5 +1,9 @@
 #include "main.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -226,6 +230,17 @@ constexpr auto DEVICES = std::to_array<DeviceRow>({
     {RV52410, MakeFlash, MakeRV52100Failsafe},
 });
 
+/// Whoever reads the console may go away, or never have been there: neither may stop a burn that is
+/// under way, nor may what is printed end up in the connection to the server.
+void GuardConsole() {
+  signal(SIGPIPE, SIG_IGN);
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
 }  // namespace
 
 void usage(const char* sname) {
@@ -284,6 +299,7 @@ std::unique_ptr<BurnAlgorithm> GetBurnAlgorithm(DeviceType dt, RomInterface* rom
 }
 
 int FwPush(int ac, char* av[]) {
+  GuardConsole();
   Options options;
   if (const ExitStatus status = ParseCommandLine(ac, av, options)) return *status;
   try {

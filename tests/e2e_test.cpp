@@ -297,6 +297,28 @@ TEST_F(FlatTest, OneDeviceOfThreeFailsAtEachRequestAndTheOthersAreBurnt) {
   EXPECT_EQ(kinds, 8);  // two chunks, the field and the CRC, each written and read back
 }
 
+TEST_F(FlatTest, BurnGoesOnWhoeverReadsTheConsole) {
+  for (const std::string console :
+       {"| head -c 1 >/dev/null", ">&-", "<&- >&- 2>&-", ">/dev/full"}) {
+    SCOPED_TRACE(console);
+    Serve(ServerText("I2C") + Devices(1));
+    RunProgram(
+        {"/bin/sh", "-c",
+         FwpushProgram() + " -f " + _image + " -s " + _simulator->Server() + " -g 10 " + console});
+    EXPECT_EQ(Memory(0x10), _burnt);
+    _simulator->Stop();
+    // Nothing but requests reached the server, and the write was among them.
+    std::istringstream trace(_simulator->Trace());
+    int writes = 0;
+    for (std::string line; std::getline(trace, line);) {
+      if (!line.starts_with("> ")) continue;
+      EXPECT_THAT(line, testing::MatchesRegex("> (vs|Ifc|Ns).*"));
+      if (line.starts_with("> vsI2cWriteMulti 1 0x0000000000000010 ")) ++writes;
+    }
+    EXPECT_EQ(writes, 1);
+  }
+}
+
 TEST_F(FlatTest, RunEndsWhenEveryDeviceHasFailed) {
   Serve(
       ServerText("PPC") + Devices(2) +
