@@ -13,19 +13,6 @@ namespace {
 constexpr u_int32_t LOG2_CHUNK = 8;
 constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
 
-/// Swallows what the burn code says on the console: a simulator's output is its own.
-class QuietConsole {
- public:
-  QuietConsole() : _console(std::cout.rdbuf(_swallowed.rdbuf())) {}
-  QuietConsole(const QuietConsole&) = delete;
-  QuietConsole& operator=(const QuietConsole&) = delete;
-  ~QuietConsole() { std::cout.rdbuf(_console); }
-
- private:
-  std::ostringstream _swallowed;
-  std::streambuf* _console;
-};
-
 /// A server without faults and limits, for as long as it lives.
 class KindServer {
  public:

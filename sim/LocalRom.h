@@ -2,7 +2,9 @@
 /// request to the byte, no socket.
 #pragma once
 
+#include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "BurnAlgorithm.h"
@@ -10,6 +12,19 @@
 #include "RomInterface.h"
 
 namespace sim {
+
+/// Swallows what the burn code says on the console: a simulator's output is its own.
+class QuietConsole {
+ public:
+  QuietConsole() : _console(std::cout.rdbuf(_swallowed.rdbuf())) {}
+  QuietConsole(const QuietConsole&) = delete;
+  QuietConsole& operator=(const QuietConsole&) = delete;
+  ~QuietConsole() { std::cout.rdbuf(_console); }
+
+ private:
+  std::ostringstream _swallowed;
+  std::streambuf* _console;
+};
 
 /// A remote interface whose requests go straight to a fabric, which is borrowed. What a server
 /// would do to the connection ends the run, as it would over a socket.
