@@ -17,6 +17,8 @@ namespace BraidConn {
 
 namespace {
 
+constexpr char TOO_LARGE[] = "Response too large. Probably server is down.";
+
 constexpr char NEW_BUF[] = "NEW_BUF";
 constexpr char END_BUF[] = "END_BUF";
 constexpr char TO_BE_CONT[] = "TO_BE_CONT";
@@ -27,9 +29,12 @@ constexpr char CONT_BUF[] = "CONT_BUF";
 constexpr std::size_t PIECE_SIZE = 4000;
 constexpr std::size_t READ_BLOCK = std::size_t{64} * 1024;
 
-bool IsOneOf(std::string_view text, std::string_view first, std::string_view second) {
-  return text.starts_with(first) || text.starts_with(second);
+bool TellsError(std::string_view text) {
+  return text.starts_with("ERROR") || text.starts_with("TARGET_ERROR");
 }
+
+/// A number that 16 bits cannot hold must not end up as another port.
+bool IsPort(int port) { return port >= 0 && port <= 0xFFFF; }
 
 void AppendWithoutReturns(std::string& line, std::string_view bytes) {
   for (;;) {
@@ -116,7 +121,7 @@ BraidResult Socket::Close() {
 }
 
 BraidResult Socket::Bind(int port) {
-  if (!IsOpen()) return BRAID_ERROR;
+  if (!IsOpen() || !IsPort(port)) return BRAID_ERROR;
   _addr = {};
   _addr.sin_family = AF_INET;
   _addr.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -137,6 +142,8 @@ BraidResult Socket::Accept(Socket& new_socket) const {
   do {
     new_socket._sock = accept(_sock, reinterpret_cast<sockaddr*>(&_addr), &size);
   } while (new_socket._sock < 0 && errno == EINTR);
+  // select cannot wait for a descriptor past its set.
+  if (new_socket._sock >= FD_SETSIZE) new_socket.Close();
   return new_socket._sock > 0 ? BRAID_OK : BRAID_ERROR;
 }
 
@@ -151,8 +158,7 @@ BraidResult Socket::Connect(const std::string& host, int port) {
   std::memcpy(&_addr.sin_addr, found->h_addr_list[0], sizeof(_addr.sin_addr));
   _addr.sin_family = AF_INET;
   _addr.sin_port = htons(static_cast<u_int16_t>(port));
-  // A port that 16 bits cannot hold must not end up as another one.
-  bool connected = port >= 0 && port <= 0xFFFF;
+  bool connected = IsPort(port);
   if (connected) {
     connected = connect(_sock, reinterpret_cast<const sockaddr*>(&_addr), sizeof(_addr)) == 0 ||
                 (errno == EINTR && FinishConnect(_sock));
@@ -171,13 +177,26 @@ BraidResult Socket::Puts(const std::string& line) const {
 void Socket::Send(std::string_view bytes) const {
   while (!bytes.empty()) {
     // A server that is gone must end the run with a message, not kill it with SIGPIPE.
-    const ssize_t sent = send(_sock, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    const ssize_t sent = send(_sock, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(sent));
+    } else if (errno == EAGAIN) {
+      WaitWritable();
     } else if (errno != EINTR) {
-      ThrowError(std::string("Failed remote read: ") + strerror(errno));
+      ThrowWriteError();
     }
   }
+}
+
+void Socket::WaitWritable() const {
+  const int ready = Wait(_sock, true, &_max_silence);
+  // A server that takes nothing more is as dead as one that says nothing more.
+  if (ready == 0) errno = ETIMEDOUT;
+  if (ready <= 0) ThrowWriteError();
+}
+
+void Socket::ThrowWriteError(u_int32_t line) const {
+  ThrowError(std::string("Failed remote read: ") + strerror(errno), __builtin_FILE(), line);
 }
 
 BraidResult Socket::Gets(std::string& line) const {
@@ -187,7 +206,7 @@ BraidResult Socket::Gets(std::string& line) const {
     const std::size_t end = _received.find('\n');
     const std::string_view part = _received.substr(0, end);
     length += part.size();
-    if (length > MAX_LINE) ThrowReadError("Response too large. Probably server is down.");
+    if (length > MAX_LINE) ThrowReadError(TOO_LARGE);
     AppendWithoutReturns(line, part);
     _received.remove_prefix(part.size());
     if (end != std::string_view::npos) {
@@ -217,7 +236,7 @@ void Socket::Fill() const {
   } while (got < 0 && (errno == EINTR || errno == EAGAIN));
   if (got < 0) ThrowReadError(strerror(errno));
   // The end of the stream never ends a line: the server is down.
-  if (got == 0) ThrowReadError("Response too large. Probably server is down.");
+  if (got == 0) ThrowReadError(TOO_LARGE);
   _received = std::string_view(_buffer.data(), static_cast<std::size_t>(got));
 }
 
@@ -248,6 +267,7 @@ BraidResult ClientSocket::Receive(std::string& response) const {
     } else if (line == TO_BE_CONT) {
       Request(NS_CONTINUE);
     } else if (line != CONT_BUF) {
+      if (response.size() + line.size() > _max_buffer) ThrowReadError(TOO_LARGE);
       response += line;
     }
   }
@@ -280,10 +300,10 @@ BraidResult ClientSocket::Respond(const std::string& response) const {
   }
 }
 
-bool Response::GotErr() const { return *this != "ACK" && IsOneOf(*this, "ERROR", "TARGET_ERROR"); }
+bool Response::GotErr() const { return TellsError(*this); }
 
 std::string Response::Error() const {
-  if (!IsOneOf(*this, "ERROR", "TARGET_ERROR")) {
+  if (!TellsError(*this)) {
     return "*** Error dexcription can't be extracted from response: " + *this;
   }
   const std::vector<std::string> pieces = splitv(*this, ":", false);

@@ -20,6 +20,10 @@ inline constexpr std::chrono::seconds MAX_SILENCE{30};
 /// Most bytes of one line, its end not counted: what comes after is no answer any more.
 inline constexpr u_int32_t MAX_LINE = 1u << 24;
 
+/// Most bytes of one buffer, all its lines together: far more than a fabric full of devices answers
+/// to the largest read.
+inline constexpr std::size_t MAX_BUFFER = std::size_t{1} << 30;
+
 /// One TCP socket that exchanges lines. Throws BraidError for what a caller cannot reasonably
 /// handle; a closed socket is told by BRAID_ERROR. Used by one caller at a time.
 class Socket {
@@ -55,20 +59,25 @@ class Socket {
   bool IsOpen() const { return _sock != -1; }
 
  protected:
-  /// Sends all of `bytes`, in one write where the system takes them at once.
+  /// Sends all of `bytes`, in one write where the system takes them at once. Throws when the peer
+  /// is gone, or takes nothing for MAX_SILENCE.
   void Send(std::string_view bytes) const;
+  /// Throws what Gets throws when reading fails.
+  [[noreturn]] void ThrowReadError(const std::string& reason,
+                                   u_int32_t line = __builtin_LINE()) const;
 
   int _sock = -1;               ///< owned; -1 when closed
   mutable sockaddr_in _addr{};  ///< local address after Bind, the peer's after Connect, Accept
   std::string _host;            ///< of a successful Connect
   int _port = 0;                ///< of a successful Connect
   std::chrono::milliseconds _max_silence = MAX_SILENCE;
+  std::size_t _max_buffer = MAX_BUFFER;
 
  private:
   void WaitReadable() const;
+  void WaitWritable() const;
   void Fill() const;
-  [[noreturn]] void ThrowReadError(const std::string& reason,
-                                   u_int32_t line = __builtin_LINE()) const;
+  [[noreturn]] void ThrowWriteError(u_int32_t line = __builtin_LINE()) const;
 
   // Read ahead of the line that was asked for: no part of what a caller can see.
   mutable std::vector<char> _buffer;
@@ -84,7 +93,8 @@ class ClientSocket : public Socket {
   /// Sends a small buffer; `request` is one line whatever it contains.
   BraidResult Request(const std::string& request) const;
 
-  /// Receives one whole buffer into `response`, its lines joined without separators.
+  /// Receives one whole buffer into `response`, its lines joined without separators. Throws for
+  /// more than MAX_BUFFER bytes.
   BraidResult Receive(std::string& response) const;
 
   /// Sends one buffer, in pieces of about 4000 characters. Throws when the peer does not agree to

@@ -29,6 +29,7 @@ class PairedClient : public ClientSocket {
     _sock = fd;
   }
   void SetMaxSilence(std::chrono::milliseconds limit) { _max_silence = limit; }
+  void SetMaxBuffer(std::size_t size) { _max_buffer = size; }
 };
 
 class ConnTest : public ConsoleTest {
@@ -229,6 +230,21 @@ TEST_F(ConnTest, PutsSendsTheLineAndALineFeed) {
 TEST_F(ConnTest, WritingToAPeerThatIsGoneIsAnErrorAndNoSignal) {
   ClosePeer();
   EXPECT_EQ(ErrorOf([&] { _client.Puts("x"); }), "Failed remote read: Broken pipe");
+}
+
+TEST_F(ConnTest, PeerThatTakesNothingMoreEndsTheWrite) {
+  _client.SetMaxSilence(std::chrono::milliseconds(20));
+  EXPECT_EQ(ErrorOf([&] { _client.Puts(std::string(4000000, 'x')); }),
+            "Failed remote read: Connection timed out");
+}
+
+TEST_F(ConnTest, BufferOfManyLinesIsGuardedAsAWhole) {
+  _client.SetMaxBuffer(10);
+  PeerSends("NEW_BUF\n12345\n67890\nEND_BUF\nNEW_BUF\n12345\n67890\n1\n");
+  std::string response;
+  _client.Receive(response);
+  EXPECT_EQ(response, "1234567890");
+  EXPECT_EQ(ErrorOf([&] { _client.Receive(response); }), DOWN);
 }
 
 TEST_F(ConnTest, WholeTextGoesOutWhereTheSystemTakesItInParts) {

@@ -467,6 +467,13 @@ TEST_F(TcpTest, NegativePortIsNoPort) {
             "Failed connecting to 127.0.0.1:-1 .");
 }
 
+TEST_F(TcpTest, NumberThatIsNoPortCannotBeBound) {
+  for (const int port : {-1, 65536, 65536 + 7}) {
+    ClientSocket socket;
+    EXPECT_EQ(socket.Bind(port), BRAID_ERROR) << port;
+  }
+}
+
 TEST_F(TcpTest, ServerIsNamedWhenItGoes) {
   ClientSocket client;
   client.Connect("127.0.0.1", _port);
