@@ -409,9 +409,11 @@ BraidResult RV52100FailsafeBurn::MoveImage(Guid guid, u_int32_t image_idx, u_int
                       << ", Sig: " << Word(pointer_section.data, PS_SIGNATURE_OFFSET) << std::endl;
   Debug(READING_IMAGE_LINE) << "Reading image from addr: " << from_addr << ", Size: " << size
                             << std::endl;
-  if (from_addr == to_addr) {
-    _burn_if.DeviceError(Text("Can't move image: it already starts at address ", std::hex, to_addr),
-                         guid);
+  if (from_addr == to_addr || size == 0) {
+    const std::string reason = from_addr == to_addr
+                                   ? Text("it already starts at address ", std::hex, to_addr)
+                                   : "its pointer sector gives it no bytes";
+    _burn_if.DeviceError("Can't move image: " + reason, guid);
     return BRAID_ERROR;
   }
   FwImage::Section image_section("Image", to_addr);

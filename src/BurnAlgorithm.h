@@ -115,8 +115,9 @@ class BurnAlgorithm {
 
 /// Burns flash devices that hold two images, each valid only while its signature word says so: the
 /// new image goes into the slot that is not in use, is validated, and only then is the other
-/// invalidated. What is not failsafe: the rewrite of a changed invariant sector, and a move of an
-/// image onto itself.
+/// invalidated. Not failsafe by nature: the rewrite of a changed invariant sector, a move whose
+/// copy overlaps the image that it copies, and a burn into the second slot of a device whose first
+/// image reaches into it. docs/fail-safety.md tells each state that an interruption leaves.
 ///
 /// The flash begins with the invariant sector; a pointer sector per slot tells where the slot's
 /// image lies, and bears its signature.
@@ -137,8 +138,9 @@ class RV52100FailsafeBurn : public BurnAlgorithm {
   BraidResult BurnImage(FwImage& image, u_int32_t image_idx);
 
   /// Copies a device's image, whose pointer sector is at `from_ps`, to `to_addr` with a pointer
-  /// sector at `to_ps`, and invalidates the original. `image_idx` is the slot it leaves. Returns
-  /// BRAID_ERROR when the device did not take part in a read.
+  /// sector at `to_ps`, and invalidates the original. `image_idx` is the slot it leaves; the copy
+  /// goes into the other. A device that does not give all its bytes, or has nothing to move, fails
+  /// before anything is written, and BRAID_ERROR is returned.
   BraidResult MoveImage(Guid guid, u_int32_t image_idx, u_int32_t from_ps, u_int32_t to_ps,
                         u_int32_t to_addr);
 
