@@ -28,8 +28,8 @@ enum BraidResult {
   BRAID_NOT_IMPLEMENTED = 4,
 };
 
-/// The one thing this program throws on purpose: a condition that ends the run. Only the driver
-/// catches it.
+/// The one thing this program throws on purpose: a condition that ends the run. In between nothing
+/// catches it: what was made is released by its owner.
 class BraidError {
  public:
   /// `file` and `line` are the throw site's, kept for the debugger and never printed.

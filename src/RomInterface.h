@@ -25,8 +25,8 @@ struct DeviceRecord {
 
 /// The memory of many devices, reached as one. Every operation goes to all active devices and
 /// leaves one Result for each; a device that fails is dropped for good and the rest go on. With no
-/// active device an operation does nothing and returns BRAID_OK. Addresses are linear, in bytes.
-/// Single-threaded. Failures of the whole run throw BraidError.
+/// active device an operation reaches nothing and returns BRAID_OK; a write still feeds the meter.
+/// Addresses are linear, in bytes. Single-threaded. Failures of the whole run throw BraidError.
 ///
 /// A client sets the address convertor and the devices, opens the server, and may then narrow the
 /// active devices before each operation.
@@ -106,8 +106,8 @@ class RomInterface {
   /// Put the vendor-specific data, or the board serial number, of one device into `out`.
   virtual BraidResult GetVsd(const Guid& g, DataVec& out) = 0;
   virtual BraidResult GetBsn(const Guid& g, DataVec& out) = 0;
-  /// Appends the device's value of one image field to `out`. Throws for an unknown device or
-  /// type, and for GUIDS of a device whose ports are not all known.
+  /// Puts the device's value of one image field into `out`, which comes in empty. Throws for an
+  /// unknown device or type, and for GUIDS of a device whose ports are not all known.
   virtual BraidResult GetField(Guid g, FieldType type, DataVec& out);
 
   /// The convertor is borrowed for as long as the interface is used.
