@@ -30,10 +30,6 @@ enum class Action {
 
 constexpr std::size_t WORD_SIZE = 4;
 
-std::string HexGuid(Guid guid) {
-  return Text("0x", std::hex, std::setw(16), std::setfill('0'), guid);
-}
-
 std::string Error(Guid guid, const std::string& text) {
   return "ERROR:" + HexGuid(guid) + ":" + text;
 }
@@ -60,6 +56,10 @@ std::string DataWords(std::string_view key, std::span<const u_int8_t> bytes, std
 }
 
 }  // namespace
+
+std::string HexGuid(Guid guid) {
+  return Text("0x", std::hex, std::setw(16), std::setfill('0'), guid);
+}
 
 struct Fabric::Command {
   std::string_view head;
@@ -271,8 +271,7 @@ Reply Fabric::Execute(const std::string& text) {
       if (device) device->has_power = false;
     }
     CheckCounts(request);
-    reply.text = Run(request);
-    if (request.command->action == Action::BURN) reply.burn_images = request.guids;
+    reply = Run(request);
     if (fires(Fault::DELAY)) reply.milliseconds = _fault->milliseconds;
     if (fires(Fault::CLOSE_BEFORE)) reply.manner = Reply::CLOSE_BEFORE;
     if (fires(Fault::CLOSE_INSIDE)) reply.manner = Reply::CLOSE_INSIDE;
@@ -284,18 +283,23 @@ Reply Fabric::Execute(const std::string& text) {
   return reply;
 }
 
-std::string Fabric::Run(const Request& request) {
+Reply Fabric::Run(const Request& request) {
+  Reply reply;
   switch (request.command->action) {
     case Action::MULTI_MAX:
-      return facts.multi_max;
+      reply.text = facts.multi_max;
+      return reply;
     case Action::VERSION:
-      return facts.ifc_version;
+      reply.text = facts.ifc_version;
+      return reply;
     case Action::LIST:
-      return ListDevices();
+      reply.text = ListDevices();
+      return reply;
     default:
       break;
   }
   std::vector<std::string> elements;
+  GuidVec willing;  // the devices that took the request
   for (const Guid guid : request.guids) {
     const bool is_hit = _fault && (_fault->device ? *_fault->device == guid : elements.empty());
     Device* device = Find(guid);
@@ -309,27 +313,33 @@ std::string Fabric::Run(const Request& request) {
       const Fault* fault = std::exchange(_fault, is_hit ? _fault : nullptr);
       try {
         elements.push_back(RunOn(request, *device));
+        willing.push_back(guid);
       } catch (const Refusal& refusal) {
         elements.push_back(Error(guid, refusal.reason));
       }
       _fault = fault;
     }
   }
+  if (request.command->action == Action::BURN && !willing.empty()) reply.burn_images = willing;
   if (_fault && _fault->kind == Fault::DROP_ELEMENT && !elements.empty()) elements.pop_back();
   if (_fault && _fault->kind == Fault::EXTRA_ELEMENT) elements.emplace_back("ACK");
+  const bool is_alone = request.command->action == Action::BSN && elements.size() == 1;
+  reply.text = is_alone ? elements.front() : Join(request, elements);
+  return reply;
+}
 
-  if (request.command->action == Action::BSN && elements.size() == 1) return elements.front();
+std::string Fabric::Join(const Request& request, const std::vector<std::string>& elements) {
+  const bool may_be_a_word = request.command->action != Action::READ;
+  const auto is_ack = [](const std::string& element) { return element == "ACK"; };
   // One word stands for all devices where each says the same word.
-  if (elements.size() == request.guids.size() &&
-      std::ranges::all_of(elements, [](const std::string& element) { return element == "ACK"; }) &&
-      request.command->action != Action::READ) {
+  if (may_be_a_word && elements.size() == request.guids.size() &&
+      std::ranges::all_of(elements, is_ack)) {
     return "ACK";
   }
   std::string answer;
   for (const std::string& element : elements) {
     if (!answer.empty()) answer += " ";
-    const bool is_word = element == "ACK" && request.command->action != Action::READ;
-    answer += is_word ? element : "{" + element + "}";
+    answer += may_be_a_word && is_ack(element) ? element : "{" + element + "}";
   }
   return answer;
 }

@@ -20,6 +20,9 @@ namespace sim {
 constexpr std::size_t VSD_SIZE = 208;
 constexpr std::size_t BSN_SIZE = 64;
 
+/// As requests have it: "0x" and 16 digits.
+std::string HexGuid(Guid guid);
+
 enum class MemoryKind { FLASH, I2C };
 
 /// One device. A record, but for its memory, which only the chips' own rules change.
@@ -88,8 +91,9 @@ class Fabric {
   struct Refusal;
 
   static Request Parse(const std::string& text);
-  std::string Run(const Request& request);
+  Reply Run(const Request& request);
   std::string RunOn(const Request& request, Device& device);
+  static std::string Join(const Request& request, const std::vector<std::string>& elements);
   std::string ListDevices() const;
   void CheckCounts(const Request& request) const;
   void Program(Device& device, u_int8_t address, u_int32_t offset, DataVec bytes);

@@ -112,9 +112,11 @@ class Reader {
   Guid ParseGuid(std::string_view key, const toml::node& node) const {
     const std::string text = node.value_or(std::string());
     Guid guid = 0;
-    const char* end = text.data() + text.size();
-    if (!text.starts_with("0x") || text.size() == 2 ||
-        std::from_chars(text.data() + 2, end, guid, 16).ptr != end) {
+    const std::string_view digits =
+        std::string_view(text).substr(std::min<std::size_t>(2, text.size()));
+    const auto [end, error] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), guid, 16);
+    if (!text.starts_with("0x") || error != std::errc() || end != digits.data() + digits.size()) {
       Throw(node, Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
     }
     return guid;
@@ -166,17 +168,13 @@ class ChipMaker {
       : _reader(reader), _state(state), _guid(guid) {}
 
   void Make(Device& device, u_int8_t address, u_int32_t size, u_int32_t sector_size) const {
-    std::ostringstream name;
-    name << "0x" << std::hex << std::setw(16) << std::setfill('0') << _guid << ".";
-    if (sector_size != 0) {
-      name << "flash";
-    } else {
-      name << u_int32_t{address} << ".i2c";
-    }
+    const std::string name =
+        HexGuid(_guid) +
+        (sector_size != 0 ? ".flash" : Text(".", std::hex, u_int32_t{address}, ".i2c"));
     std::unique_ptr<Cells> cells;
     try {
-      cells = _state ? std::make_unique<Cells>(size, *_state / name.str())
-                     : std::make_unique<Cells>(size);
+      cells =
+          _state ? std::make_unique<Cells>(size, *_state / name) : std::make_unique<Cells>(size);
     } catch (const std::runtime_error& error) {
       _reader.Throw(error.what());
     }
@@ -276,8 +274,11 @@ void ReadDevice(Reader& reader, const std::optional<fs::path>& state, Fabric& fa
     const bool has_power = std::exchange(device.has_power, true);  // while it is being filled
     added = &fabric.Add(std::move(device));
     FillContents(reader, fabric, *added);
+    for (auto& [address, chip] : added->chips) chip.Settle();
     added->has_power = has_power;
-  } catch (const std::invalid_argument& error) {
+  } catch (const FabricFileError&) {
+    throw;
+  } catch (const std::exception& error) {
     reader.Throw(error.what());
   }
   reader.Finish();
@@ -307,7 +308,7 @@ void LoadFabric(const fs::path& path, const std::optional<fs::path>& state, Fabr
   toml::table root;
   try {
     std::ifstream file(path);
-    if (!file) throw FabricFileError("can't open " + path.string());
+    if (!file || fs::is_directory(path)) throw FabricFileError("can't open " + path.string());
     root = toml::parse(file, path.string());
   } catch (const toml::parse_error& error) {
     throw FabricFileError(
@@ -323,6 +324,7 @@ void LoadFabric(const fs::path& path, const std::optional<fs::path>& state, Fabr
   for (Reader& device : reader.Tables("device")) ReadDevice(device, state, fabric);
   for (Reader& fault : reader.Tables("fault")) fabric.faults.Add(ReadFault(fault));
   reader.Finish();
+  if (fabric.Devices().empty()) throw FabricFileError(path.string() + ": no [[device]]");
 }
 
 }  // namespace sim

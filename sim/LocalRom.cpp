@@ -89,8 +89,13 @@ class ImageWriter : public BurnAlgorithm {
     if (section == nullptr)
       ThrowError(Text("The image has no section at address ", std::hex, addr));
     const auto size = static_cast<u_int32_t>(section->data.size());
-    BurnRegion(destination, section->data, image.GetFieldsInRange(destination, size),
-               image.GetCrcsInRange(destination, size));
+    const auto crcs = image.GetCrcsInRange(destination, size);
+    for (const auto& crc : crcs) {
+      if (crc.size % 4 != 0) {
+        ThrowError(Text("The CRC at address ", std::hex, crc.crc_addr, " covers no whole words"));
+      }
+    }
+    BurnRegion(destination, section->data, image.GetFieldsInRange(destination, size), crcs);
   }
 
   /// Returns the address of the slot.
@@ -165,8 +170,7 @@ std::string Fabric::BurnImage(const GuidVec& guids, const std::string& image) {
         answer += "ACK";
       } catch (const BraidError& error) {
         is_well = false;
-        answer += Text("{ERROR:0x", std::hex, std::setw(16), std::setfill('0'), guid, ":",
-                       error.Des(), "}");
+        answer += "{ERROR:" + HexGuid(guid) + ":" + error.Des() + "}";
       }
     }
   } catch (const BraidError& error) {

@@ -16,12 +16,16 @@ namespace sim {
 /// Swallows what the burn code says on the console: a simulator's output is its own.
 class QuietConsole {
  public:
-  QuietConsole() : _console(std::cout.rdbuf(_swallowed.rdbuf())) {}
+  QuietConsole() : _console(std::cout.rdbuf(_swallowed.rdbuf())) { _format.copyfmt(std::cout); }
   QuietConsole(const QuietConsole&) = delete;
   QuietConsole& operator=(const QuietConsole&) = delete;
-  ~QuietConsole() { std::cout.rdbuf(_console); }
+  ~QuietConsole() {
+    std::cout.rdbuf(_console);
+    std::cout.copyfmt(_format);
+  }
 
  private:
+  std::ios _format{nullptr};  ///< the console's, which the burn code changes
   std::ostringstream _swallowed;
   std::streambuf* _console;
 };
@@ -50,8 +54,9 @@ class Local : public Remote {
   }
 
   BraidConn::Response ExchangeText(const std::string& text) override {
-    ASSERT_ALWAYS(_burn_images.has_value());
-    return BraidConn::Response(_fabric.BurnImage(*_burn_images, text));
+    // A server that agreed to no image takes the text for one more request.
+    return BraidConn::Response(_burn_images ? _fabric.BurnImage(*_burn_images, text)
+                                            : _fabric.Execute(text).text);
   }
 
  private:

@@ -35,24 +35,37 @@ struct Descriptor {
 
 Cells::Cells(u_int32_t size) : _own(size, ERASED), _bytes(_own) {}
 
-Cells::Cells(u_int32_t size, const std::filesystem::path& path) : _mapped(size > 0) {
-  const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+Cells::Cells(u_int32_t size, const std::filesystem::path& path)
+    : _kept(std::filesystem::exists(path)), _path(path) {
+  // A run that ends before the first contents are complete must leave nothing that looks kept.
+  const std::filesystem::path name = _kept ? path : _new = path.string() + ".new";
+  const int create = _kept ? 0 : O_CREAT | O_TRUNC;
+  const Descriptor file(open(name.c_str(), O_RDWR | O_CLOEXEC | create, 0666));
   struct stat status {};
-  if (file.fd < 0 || fstat(file.fd, &status) < 0) ThrowFileError(path, strerror(errno));
-  _kept = status.st_size > 0;
+  if (file.fd < 0 || fstat(file.fd, &status) < 0) ThrowFileError(name, strerror(errno));
   if (_kept && static_cast<u_int64_t>(status.st_size) != size) {
-    ThrowFileError(path, Text("has ", status.st_size, " bytes, the memory has ", size));
+    ThrowFileError(name, Text("has ", status.st_size, " bytes, the memory has ", size));
   }
-  if (!_mapped) return;
-  if (ftruncate(file.fd, size) < 0) ThrowFileError(path, strerror(errno));
+  // All of it on the disk now: a disk that fills up later would end the simulator.
+  if (const int failure = posix_fallocate(file.fd, 0, size)) {
+    ThrowFileError(name, strerror(failure));
+  }
   void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.fd, 0);
-  if (map == MAP_FAILED) ThrowFileError(path, strerror(errno));
+  if (map == MAP_FAILED) ThrowFileError(name, strerror(errno));
+  _mapped = true;
   _bytes = std::span(static_cast<u_int8_t*>(map), size);
   if (!_kept) std::ranges::fill(_bytes, ERASED);
 }
 
 Cells::~Cells() {
   if (_mapped) munmap(_bytes.data(), _bytes.size());
+  if (!_new.empty()) unlink(_new.c_str());
+}
+
+void Cells::Settle() {
+  if (_new.empty()) return;
+  if (rename(_new.c_str(), _path.c_str()) < 0) ThrowFileError(_path, strerror(errno));
+  _new.clear();
 }
 
 Chip::Chip(std::unique_ptr<Cells> cells, u_int32_t sector_size)

@@ -21,8 +21,8 @@ using Rng = std::mt19937;
 class Cells {
  public:
   explicit Cells(u_int32_t size);
-  /// Cells kept in `path`: what the file holds, or FF where it is new. Throws std::runtime_error
-  /// when it cannot be used, or has another size.
+  /// Cells kept in `path`: what the file holds, or FF where it is new; a new file gets its name
+  /// when Settle is called. Throws std::runtime_error when it cannot be used, or has another size.
   Cells(u_int32_t size, const std::filesystem::path& path);
   Cells(const Cells&) = delete;
   Cells& operator=(const Cells&) = delete;
@@ -32,11 +32,15 @@ class Cells {
   std::span<const u_int8_t> Bytes() const { return _bytes; }
   /// Whether the contents came from an existing file.
   bool Kept() const { return _kept; }
+  /// The first contents are complete: from here on they are kept. Throws std::runtime_error.
+  void Settle();
 
  private:
   std::vector<u_int8_t> _own;
   bool _mapped = false;
   bool _kept = false;
+  std::filesystem::path _new;   ///< name of a new file until it is settled
+  std::filesystem::path _path;  ///< its name from then on
   std::span<u_int8_t> _bytes;
 };
 
@@ -62,6 +66,7 @@ class Chip {
   std::span<const u_int8_t> Bytes() const { return std::as_const(*_cells).Bytes(); }
   /// Whether the contents were kept from an earlier run.
   bool Kept() const { return _cells->Kept(); }
+  void Settle() { _cells->Settle(); }
 
   /// Sets cells without the rules of the chip: initial contents.
   void Load(u_int32_t offset, std::span<const u_int8_t> bytes);

@@ -1,5 +1,8 @@
 #include "Session.h"
 
+#include <exception>
+#include <utility>
+
 namespace sim {
 
 namespace {
@@ -63,18 +66,22 @@ std::string Session::EndPiece() {
 }
 
 void Session::TakeMessage(std::vector<Step>& steps) {
-  if (!_outgoing.empty() && _message == "NsContinue") {
+  if (_sent < _outgoing.size() && _message == "NsContinue") {
     SendPiece(steps);
     return;
   }
-  _outgoing.clear();
-  if (_burn_images) {
+  try {
+    if (const auto devices = std::exchange(_burn_images, {})) {
+      _reply = {};
+      _reply.text = _fabric.BurnImage(*devices, _message);
+    } else {
+      _reply = _fabric.Execute(_message);
+      _burn_images = _reply.burn_images;
+    }
+  } catch (const std::exception& error) {
+    // Such as no memory left: the other clients go on.
     _reply = {};
-    _reply.text = _fabric.BurnImage(*_burn_images, _message);
-    _burn_images.reset();
-  } else {
-    _reply = _fabric.Execute(_message);
-    _burn_images = _reply.burn_images;
+    _reply.text = Text("ERROR:", error.what());
   }
   if (trace) trace(_message, _reply.text);
   switch (_reply.manner) {
@@ -93,15 +100,15 @@ void Session::TakeMessage(std::vector<Step>& steps) {
   }
   if (_reply.milliseconds > 0) steps.push_back({Step::WAIT, {}, _reply.milliseconds});
   _outgoing = _reply.text;
-  _is_first_piece = true;
+  _sent = 0;
   SendPiece(steps);
 }
 
 void Session::SendPiece(std::vector<Step>& steps) {
-  const bool is_last = _outgoing.size() <= PIECE_SIZE;
-  const std::string_view piece = std::string_view(_outgoing).substr(0, PIECE_SIZE);
+  const std::string_view piece = std::string_view(_outgoing).substr(_sent, PIECE_SIZE);
+  const bool is_last = _sent + piece.size() == _outgoing.size();
   std::string frame =
-      Frame(_is_first_piece ? "NEW_BUF" : "CONT_BUF", piece, is_last ? "END_BUF" : "TO_BE_CONT");
+      Frame(_sent == 0 ? "NEW_BUF" : "CONT_BUF", piece, is_last ? "END_BUF" : "TO_BE_CONT");
   if (_reply.manner == Reply::CLOSE_INSIDE) {
     frame.resize(frame.size() / 2);
     steps.push_back({Step::SEND, frame});
@@ -110,8 +117,7 @@ void Session::SendPiece(std::vector<Step>& steps) {
     return;
   }
   steps.push_back({Step::SEND, std::move(frame)});
-  _outgoing.erase(0, piece.size());
-  _is_first_piece = false;
+  _sent += piece.size();
   if (is_last && _reply.manner == Reply::CLOSE_AFTER) {
     steps.push_back({Step::CLOSE, {}});
     _is_over = true;

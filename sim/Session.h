@@ -37,11 +37,11 @@ class Session {
   std::string EndPiece();
 
   Fabric& _fabric;
-  std::string _line;      ///< begun, not ended
-  std::string _message;   ///< pieces gathered so far
-  std::string _piece;     ///< lines of the piece in hand, each with its end
-  std::string _outgoing;  ///< what of a long answer is still to be sent
-  bool _is_first_piece = true;
+  std::string _line;                    ///< begun, not ended
+  std::string _message;                 ///< pieces gathered so far
+  std::string _piece;                   ///< lines of the piece in hand, each with its end
+  std::string _outgoing;                ///< the answer being sent
+  std::size_t _sent = 0;                ///< bytes of it
   Reply _reply;                         ///< being sent
   std::optional<GuidVec> _burn_images;  ///< the next message is an image for these
   bool _is_over = false;

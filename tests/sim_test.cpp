@@ -444,6 +444,33 @@ TEST_F(SimSessionTest, BadImageIsTheServersError) {
                                             "line must have multiple of 4 bytes.\\}\nEND_BUF\n"));
 }
 
+TEST_F(SimSessionTest, CrcOverHalfAWordIsTheServersError) {
+  sim::Session session(_fabric);
+  Sent(session, Framed(Text("vsFlashBurnImageMulti 1 ", G20)), 100);
+  const std::string answer =
+      Sent(session, Framed("START A 0 0\n1 2 3 4 5 6 7 8\nEND A\nREPLACE CRC 0 0 2 0 4 0\n"), 100);
+  EXPECT_EQ(answer,
+            "NEW_BUF\n{ERROR:0x0000000000000020:The CRC at address 4 covers no whole words}\n"
+            "END_BUF\n");
+  EXPECT_EQ(MemoryOf(_fabric, 0x20, 0, 0, 4), Hex("ffffffff"));
+}
+
+TEST_F(SimSessionTest, ImageGoesOnlyIntoDevicesThatAgreed) {
+  sim::Session session(_fabric);
+  EXPECT_EQ(Sent(session, Framed(Text("vsFlashBurnImageMulti 2 ", G20, G10)), 100),
+            Framed("ACK {ERROR:0x0000000000000010:Device has no flash}"));
+  EXPECT_EQ(Sent(session, Framed("START A 0 0\n1 2 3 4\nEND A\n"), 100), Framed("ACK"));
+  EXPECT_EQ(MemoryOf(_fabric, 0x20, 0, 0, 4), Hex("01020304"));
+}
+
+TEST_F(SimSessionTest, RefusedBurnTakesNoImage) {
+  sim::Session session(_fabric);
+  EXPECT_EQ(Sent(session, Framed(Text("vsFlashBurnImageMulti 1 ", G10)), 100),
+            Framed("{ERROR:0x0000000000000010:Device has no flash}"));
+  EXPECT_EQ(Sent(session, Framed("START A 0 0\n1 2 3 4\nEND A\n"), 100),
+            Framed("ERROR:unknown command"));
+}
+
 TEST_F(SimSessionTest, ConnectionEndsWhereAFaultSaysSo) {
   const std::pair<sim::Fault::Kind, std::string> kinds[] = {
       {sim::Fault::SILENCE, ""},
@@ -665,6 +692,9 @@ TEST_F(FabricFileTest, WhatIsWrongIsNamedWithItsLine) {
        ":2: 'node_guid' must be a GUID such as \"0x00aa550000000010\""},
       {"[[device]]\nnode_guid = \"0x1g\"\n",
        ":2: 'node_guid' must be a GUID such as \"0x00aa550000000010\""},
+      {"[[device]]\nnode_guid = \"0x10000000000000000\"\n",
+       ":2: 'node_guid' must be a GUID such as \"0x00aa550000000010\""},
+      {"", ": no [[device]]"},
       {Device(_eeprom + "name = 3"), ":5: 'name' must be a text"},
       {Device(_eeprom + "name = \"two words\""),
        ":1: a device's name and attribute must each be one word"},
@@ -697,6 +727,39 @@ TEST_F(FabricFileTest, MissingFileIsNamed) {
   } catch (const sim::FabricFileError& error) {
     EXPECT_EQ(std::string(error.what()), "can't open " + (_folder / "none.toml"));
   }
+}
+
+TEST_F(FabricFileTest, FolderIsNoFabricFile) {
+  try {
+    sim::LoadFabric(_folder.Path(), {}, _fabric);
+    FAIL();
+  } catch (const sim::FabricFileError& error) {
+    EXPECT_EQ(error.what(), "can't open " + _folder.Path().string());
+  }
+}
+
+TEST_F(FabricFileTest, FirstStartThatFailsLeavesNothingThatLooksKept) {
+  const std::filesystem::path state = _folder / "state";
+  const std::string text = Device(_eeprom + "contents = [{ raw = \"late.bin\" }]");
+  {
+    sim::Fabric first;
+    EXPECT_THROW(sim::LoadFabric(_folder.Write("fabric.toml", text), state, first),
+                 sim::FabricFileError);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(state));
+  _folder.Write("late.bin", "abcd");
+  sim::Fabric second;
+  sim::LoadFabric(_folder / "fabric.toml", state, second);
+  EXPECT_EQ(MemoryOf(second, 0x10, 0x50, 0, 6), Hex("61626364ffff"));
+}
+
+TEST_F(FabricFileTest, ConsoleIsAsItWasAfterAnImageWasBurnt) {
+  _folder.Write("a.img", "START A 0 0\n1 2 3 4\nEND A\n");
+  const std::string shown = OutputOf([&] {
+    Load(Device("chip = [{ address = 0, size = 16 }]\ncontents = [{ image = \"a.img\" }]"));
+    std::cout << 255 << std::setw(3) << 7;
+  });
+  EXPECT_EQ(shown, "255  7");
 }
 
 TEST_F(FabricFileTest, ShippedExamplesLoad) {
