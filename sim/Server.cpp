@@ -89,22 +89,34 @@ class Server::Implementation {
     _acceptor.set_option(tcp::acceptor::reuse_address(true));
     _acceptor.bind(endpoint);
     _acceptor.listen();
+    _port = _acceptor.local_endpoint().port();
     Accept();
   }
 
   void Accept() {
     _acceptor.async_accept([this](const asio::error_code& error, tcp::socket socket) {
       if (error == asio::error::operation_aborted) return;
-      if (!error) std::make_shared<Connection>(std::move(socket), _fabric, _trace)->Read();
-      Accept();
+      if (!error) {
+        std::make_shared<Connection>(std::move(socket), _fabric, _trace)->Read();
+        Accept();
+        return;
+      }
+      // No descriptor left: some client will go.
+      _pause.expires_after(std::chrono::milliseconds(100));
+      _pause.async_wait([this](const asio::error_code& stopped) {
+        if (!stopped) Accept();
+      });
     });
   }
 
   Fabric& _fabric;
   std::string _host;
   Trace _trace;
+  u_int16_t _port = 0;
   asio::io_context _context;
   tcp::acceptor _acceptor;
+  asio::steady_timer _pause{_context};
+  asio::signal_set _signals{_context};
 };
 
 Server::Server(Fabric& fabric, const std::string& host, u_int16_t port, Trace trace) try
@@ -115,7 +127,7 @@ Server::Server(Fabric& fabric, const std::string& host, u_int16_t port, Trace tr
 
 Server::~Server() = default;
 
-u_int16_t Server::Port() const { return _implementation->_acceptor.local_endpoint().port(); }
+u_int16_t Server::Port() const { return _implementation->_port; }
 
 std::string Server::ServerString() const {
   return Text(_implementation->_fabric.facts.type, ":", _implementation->_host, ":", Port());
@@ -123,12 +135,12 @@ std::string Server::ServerString() const {
 
 void Server::Run() { _implementation->_context.run(); }
 
-void Server::RunUntilSignal() {
-  asio::signal_set signals(_implementation->_context, SIGINT, SIGTERM);
-  signals.async_wait([this](const asio::error_code& error, int) {
+void Server::StopOnSignals() {
+  _implementation->_signals.add(SIGINT);
+  _implementation->_signals.add(SIGTERM);
+  _implementation->_signals.async_wait([this](const asio::error_code& error, int) {
     if (!error) Stop();
   });
-  Run();
 }
 
 void Server::Stop() { _implementation->_context.stop(); }
@@ -152,12 +164,9 @@ ServerThread::~ServerThread() {
 }
 
 void ServerThread::With(const std::function<void(Fabric&)>& task) {
-  std::promise<void> done;
-  _server.Post([&] {
-    task(_fabric);
-    done.set_value();
-  });
-  done.get_future().wait();
+  std::packaged_task<void()> work([&] { task(_fabric); });
+  _server.Post([&work] { work(); });
+  work.get_future().get();
 }
 
 std::vector<Exchange> ServerThread::Exchanges() const {

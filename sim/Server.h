@@ -35,8 +35,8 @@ class Server {
 
   /// Serves until Stop, which any thread may call.
   void Run();
-  /// The same, and SIGINT and SIGTERM stop it too.
-  void RunUntilSignal();
+  /// Has SIGINT and SIGTERM stop it too, from now on.
+  void StopOnSignals();
   void Stop();
   /// Has the serving thread call `task` between two steps.
   void Post(std::function<void()> task);
@@ -57,7 +57,8 @@ class ServerThread {
   u_int16_t Port() const { return _server.Port(); }
   std::string ServerString() const { return _server.ServerString(); }
 
-  /// Calls `task` with the fabric while no request is being executed, and waits for it.
+  /// Calls `task` with the fabric while no request is being executed, waits for it, and throws what
+  /// it throws.
   void With(const std::function<void(Fabric&)>& task);
   std::vector<Exchange> Exchanges() const;
   std::vector<std::string> Requests() const;

@@ -13,16 +13,13 @@ namespace {
 constexpr char VERSION[] = "fwpush-sim 1.0.0";
 
 void Show(const sim::Fabric& fabric) {
-  const auto guid = [](Guid value) {
-    return Text("0x", std::hex, std::setw(16), std::setfill('0'), value);
-  };
   std::cout << "server " << fabric.facts.type << ", interface version " << fabric.facts.ifc_version
             << ", at most " << fabric.facts.multi_max << " devices a request\n";
   for (const auto& [node_guid, device] : fabric.Devices()) {
-    std::cout << guid(node_guid) << " " << device.name << " " << device.attr
+    std::cout << sim::HexGuid(node_guid) << " " << device.name << " " << device.attr
               << (device.has_power ? "" : ", without power") << "\n  system "
-              << guid(device.sys_guid) << ", ports";
-    for (const Guid port : device.port_guids) std::cout << " " << guid(port);
+              << sim::HexGuid(device.sys_guid) << ", ports";
+    for (const Guid port : device.port_guids) std::cout << " " << sim::HexGuid(port);
     std::cout << "\n";
     for (const auto& [address, chip] : device.chips) {
       std::cout << Text("  ", chip.IsFlash() ? "flash" : "EEPROM ", std::hex);
@@ -58,8 +55,7 @@ void ReportViolations(const sim::Fabric& fabric) {
     for (const auto& [address, chip] : device.chips) {
       if (chip.Violations().empty()) continue;
       const sim::Violation& first = chip.Violations().front();
-      std::cerr << Text("fwpush-sim: device 0x", std::hex, std::setw(16), std::setfill('0'), guid,
-                        ": ", std::dec, chip.Violations().size(),
+      std::cerr << Text("fwpush-sim: device ", sim::HexGuid(guid), ": ", chip.Violations().size(),
                         " bytes programmed without an erase, the first at 0x", std::hex,
                         first.offset, " (held ", u_int32_t{first.held}, ", wanted ",
                         u_int32_t{first.wanted}, ")")
@@ -115,8 +111,10 @@ int main(int argc, char* argv[]) {
                            trace << "> " << request << "\n< " << answer << std::endl;
                          }
                        });
+    // Whoever reads the address may signal at once.
+    server.StopOnSignals();
     std::cout << server.ServerString() << std::endl;
-    server.RunUntilSignal();
+    server.Run();
     ReportViolations(fabric);
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
