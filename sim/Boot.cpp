@@ -47,16 +47,17 @@ bool BootVerdict::BootsNew() const {
 }
 
 std::string Describe(const BootVerdict& verdict) {
-  return Text(verdict.Boots() ? "boots" : "DOES NOT BOOT", ": slot 0 ", Name(verdict.slots[0]),
-              ", slot 1 ", Name(verdict.slots[1]),
+  const bool is_old = std::ranges::count(verdict.slots, SlotState::OLD) > 0;
+  const char* image = !verdict.BootsNew() ? "old" : is_old ? "old or new" : "new";
+  return Text(verdict.Boots() ? Text("boots ", image) : "DOES NOT BOOT", ": slot 0 ",
+              Name(verdict.slots[0]), ", slot 1 ", Name(verdict.slots[1]),
               verdict.invariant_is_whole ? "" : ", invariant sector broken");
 }
 
 BootLayout::BootLayout(const FwImage& image, u_int32_t sector) : sector_size(sector) {
   has_pointer_sectors = image.DevType() != RV61300;
   for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-    images[slot] = image.GetImageAddr(slot);
-    if (has_pointer_sectors) pointer_sectors[slot] = image.GetPsAddr(slot);
+    records[slot] = has_pointer_sectors ? image.GetPsAddr(slot) : image.GetImageAddr(slot);
   }
 }
 
@@ -105,29 +106,28 @@ void BootJudge::KnowPresentImages() {
     if (!IsValid(slot)) continue;
     if (!_layout.has_pointer_sectors) {
       // A slot reaches as far as the next one begins.
-      const u_int64_t start = _layout.images[slot];
-      const u_int64_t end =
-          std::min<u_int64_t>(start + _layout.images[1] - _layout.images[0], _memory.size());
+      const u_int32_t start = _layout.records[slot];
+      const u_int64_t end = std::min<u_int64_t>(
+          u_int64_t{start} + _layout.records[1] - _layout.records[0], _memory.size());
       const auto size = static_cast<u_int32_t>(end - start);
-      Add({slot,
-           SlotState::OLD,
-           0,
-           0,
-           {{_layout.images[slot], Part(_memory, _layout.images[slot], size)}}});
+      Add({slot, SlotState::OLD, 0, 0, {{start, Part(_memory, start, size)}}});
       continue;
     }
-    const u_int32_t addr = Word(_memory, _layout.pointer_sectors[slot]);
-    const u_int32_t size = Word(_memory, _layout.pointer_sectors[slot] + 4);
+    const u_int32_t addr = Word(_memory, _layout.records[slot]);
+    const u_int32_t size = Word(_memory, _layout.records[slot] + 4);
     if (!Fits(addr, size)) continue;
-    const DataVec bytes = Part(_memory, addr, size);
-    Add({slot, SlotState::OLD, addr, size, {{addr, bytes}}});
-    const u_int32_t moved_to = FIRST_IMAGE_SECTOR * _layout.sector_size;
-    if (slot == 1 && Fits(moved_to, size)) {
-      Add({0, SlotState::OLD, moved_to, size, {{moved_to, bytes}}});
-    }
+    Add({slot, SlotState::OLD, addr, size, {{addr, Part(_memory, addr, size)}}});
+    if (slot == 1) AddMoved(SlotState::OLD, _memory, addr, size);
   }
   if (HasSector(_layout)) {
     Add({INVARIANT, SlotState::OLD, 0, 0, {{0, Part(_memory, 0, _layout.sector_size)}}});
+  }
+}
+
+void BootJudge::AddMoved(SlotState state, const DataVec& memory, u_int32_t addr, u_int32_t size) {
+  const u_int32_t moved_to = FIRST_IMAGE_SECTOR * _layout.sector_size;
+  if (Fits(moved_to, size)) {
+    Add({0, state, moved_to, size, {{moved_to, Part(memory, addr, size)}}});
   }
 }
 
@@ -136,15 +136,16 @@ void BootJudge::KnowNewImage(const FwImage& image, const DataVec& memory, u_int3
   std::vector<u_int32_t> addrs;
   image.GetImageSectionsAddr(addrs);
   for (const u_int32_t addr : addrs) {
-    const u_int32_t at = addr - _layout.images[0] + _layout.images[slot];
+    const u_int32_t at = addr - image.GetImageAddr(0) + image.GetImageAddr(slot);
     const auto size = static_cast<u_int32_t>(image.GetSection(addr)->data.size());
     if (Fits(at, size)) known.ranges.emplace_back(at, Part(memory, at, size));
   }
   if (_layout.has_pointer_sectors) {
-    known.addr = Word(memory, _layout.pointer_sectors[slot]);
-    known.size = Word(memory, _layout.pointer_sectors[slot] + 4);
+    known.addr = Word(memory, _layout.records[slot]);
+    known.size = Word(memory, _layout.records[slot] + 4);
     if (!Fits(known.addr, known.size)) return;
     known.ranges.emplace_back(known.addr, Part(memory, known.addr, known.size));
+    if (slot == 1) AddMoved(SlotState::NEW, memory, known.addr, known.size);
   }
   Add(std::move(known));
   if (HasSector(_layout)) {
@@ -168,8 +169,7 @@ void BootJudge::Set(u_int32_t addr, u_int8_t byte) {
   }
   _memory[addr] = byte;
   for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-    const u_int32_t start =
-        _layout.has_pointer_sectors ? _layout.pointer_sectors[slot] : _layout.images[slot];
+    const u_int32_t start = _layout.records[slot];
     if (addr >= start && addr - start < PS_RECORD_SIZE) _is_judged[slot] = false;
   }
 }
@@ -179,8 +179,8 @@ bool BootJudge::IsValid(u_int32_t slot) const {
   _is_judged[slot] = true;
   bool& is_valid = _is_valid[slot];
   is_valid = false;
+  const u_int32_t record = _layout.records[slot];
   if (_layout.has_pointer_sectors) {
-    const u_int32_t record = _layout.pointer_sectors[slot];
     if (!Fits(record, PS_RECORD_SIZE)) return false;
     if (Word(_memory, record + PS_SIGNATURE_OFFSET) != VALID_SIGNATURE) return false;
     Crc16 crc(false);
@@ -188,7 +188,6 @@ bool BootJudge::IsValid(u_int32_t slot) const {
     crc.finish();
     is_valid = Word(_memory, record + PS_CRC_OFFSET) == crc.get();
   } else {
-    const u_int32_t record = _layout.images[slot];
     if (!Fits(record, BOOT_RECORD_SIZE)) return false;
     const DataVec bytes = Part(_memory, record, BOOT_RECORD_SIZE);
     const u_int32_t sum = std::accumulate(bytes.begin(), bytes.end(), u_int32_t{0});
@@ -212,7 +211,7 @@ BootVerdict BootJudge::Verdict() const {
     SlotState& state = verdict.slots[known.slot];
     if (state == SlotState::INVALID || state == SlotState::NEW) continue;
     if (_layout.has_pointer_sectors) {
-      const u_int32_t record = _layout.pointer_sectors[known.slot];
+      const u_int32_t record = _layout.records[known.slot];
       if (Word(_memory, record) != known.addr || Word(_memory, record + 4) != known.size) continue;
     }
     state = known.state;
@@ -223,23 +222,49 @@ BootVerdict BootJudge::Verdict() const {
 BootVerdict JudgeByImages(const Fabric& fabric, Guid guid, const std::vector<std::string>& images) {
   const Device& device = *fabric.Find(guid);
   const u_int32_t sector_size = device.chips.begin()->second.SectorSize();
+  std::optional<BootLayout> layout;
   std::optional<BootJudge> judge;
-  for (std::size_t i = 0; i < images.size(); ++i) {
+  for (const std::string& file : images) {
+    FwImage image;
+    {
+      const QuietConsole quiet;
+      image.Open(file.c_str(), READ);
+    }
+    const auto& conv = *static_cast<const FwImage::Conv*>(image.GetAddressConvertor());
+    const BootLayout its_layout(image, sector_size);
+    if (!layout) {
+      layout = its_layout;
+      judge.emplace(*layout, LinearMemory(device, conv));
+    } else if (its_layout != *layout) {
+      ThrowError(file + " keeps its slots elsewhere than " + images.front());
+    }
+    judge->CallKnownOld();
     for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
       Fabric scratch;
       scratch.CopyDevice(device);
-      BurnInto(scratch, guid, images[i], {.slot = slot, .is_valid = true});
-      const QuietConsole quiet;
-      FwImage image;
-      image.Open(images[i].c_str(), READ);
-      const auto* conv = static_cast<const FwImage::Conv*>(image.GetAddressConvertor());
-      if (!judge) judge.emplace(BootLayout(image, sector_size), LinearMemory(device, *conv));
-      judge->KnowNewImage(image, LinearMemory(*scratch.Find(guid), *conv), slot);
-      if (i + 1 < images.size()) judge->CallKnownOld();
+      scratch.Find(guid)->has_power = true;
+      BurnInto(scratch, guid, file, {.slot = slot, .is_valid = true});
+      judge->KnowNewImage(image, LinearMemory(*scratch.Find(guid), conv), slot);
     }
   }
-  if (!judge) ThrowError("No image to judge by");
+  if (!judge) ThrowError("no image to judge it by");
   return judge->Verdict();
+}
+
+std::string BootReport(const Fabric& fabric, const std::vector<std::string>& new_images) {
+  std::string report;
+  for (const auto& [guid, device] : fabric.Devices()) {
+    std::vector<std::string> images = device.images;
+    images.insert(images.end(), new_images.begin(), new_images.end());
+    report += HexGuid(guid) + " ";
+    try {
+      report += Describe(JudgeByImages(fabric, guid, images));
+    } catch (const BraidError& error) {
+      report += "not judged: " + error.Des();
+    }
+    report += "\n";
+  }
+  return report;
 }
 
 }  // namespace sim

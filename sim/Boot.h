@@ -31,19 +31,19 @@ struct BootVerdict {
   bool operator==(const BootVerdict&) const = default;
 };
 
-/// In words: "boots: slot 0 old, slot 1 invalid".
+/// In words: "boots old: slot 0 old, slot 1 invalid".
 std::string Describe(const BootVerdict& verdict);
 
 /// Where an image's device keeps what its boot code looks at.
 struct BootLayout {
   bool has_pointer_sectors = false;  ///< else a boot record at the start of each slot
-  std::array<u_int32_t, FwImage::SLOTS> pointer_sectors{};
-  std::array<u_int32_t, FwImage::SLOTS> images{};
-  u_int32_t sector_size = 0;  ///< of a flash
+  std::array<u_int32_t, FwImage::SLOTS> records{};  ///< addresses, of the one or the other
+  u_int32_t sector_size = 0;                        ///< of a flash
 
   /// Throws BraidError when the image does not place what its device type needs. `sector_size` is 0
   /// for a memory without sectors.
   BootLayout(const FwImage& image, u_int32_t sector_size);
+  bool operator==(const BootLayout&) const = default;
 };
 
 /// The device's chips end to end, as an image's device map has them.
@@ -55,8 +55,8 @@ class BootJudge {
  public:
   BootJudge(const BootLayout& layout, DataVec memory);
 
-  /// Takes every slot that is valid now, and the invariant sector, for whole old ones. Also what a
-  /// move of the second image makes of the first slot.
+  /// Takes every slot that is valid now, and the invariant sector, for whole old ones. A second
+  /// image that was moved into the first slot is as whole as it was, here and below.
   void KnowPresentImages();
   /// Takes what `memory` holds in `slot` at the places of `image`'s sections for the whole new one.
   void KnowNewImage(const FwImage& image, const DataVec& memory, u_int32_t slot);
@@ -85,6 +85,7 @@ class BootJudge {
   static constexpr u_int32_t INVARIANT = FwImage::SLOTS;  ///< in the place of a slot
 
   void Add(Known known);
+  void AddMoved(SlotState state, const DataVec& memory, u_int32_t addr, u_int32_t size);
   bool Fits(u_int64_t addr, u_int64_t size) const { return addr + size <= _memory.size(); }
   DataVec Part(const DataVec& memory, u_int32_t addr, u_int32_t size) const;
   u_int32_t Word(const DataVec& memory, u_int32_t addr) const;
@@ -100,5 +101,9 @@ class BootJudge {
 /// Judges a device by image files that it may run: whole is what burning one of them into a slot
 /// gives. The last file counts as the new image. Throws BraidError.
 BootVerdict JudgeByImages(const Fabric& fabric, Guid guid, const std::vector<std::string>& images);
+
+/// A line for each device: whether it boots, judged by the images that it was filled with and then
+/// `new_images`, files that may have been burnt since; or why that cannot be told.
+std::string BootReport(const Fabric& fabric, const std::vector<std::string>& new_images);
 
 }  // namespace sim

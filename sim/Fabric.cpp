@@ -208,6 +208,7 @@ void Fabric::CopyDevice(const Device& device) {
   copy.bsn = device.bsn;
   copy.kind = device.kind;
   copy.has_power = device.has_power;
+  copy.images = device.images;
   for (const auto& [address, chip] : device.chips) {
     Chip& twin =
         copy.chips

@@ -36,8 +36,9 @@ struct Device {
   DataVec vsd = DataVec(VSD_SIZE, 0);
   DataVec bsn = DataVec(BSN_SIZE, 0);
   MemoryKind kind = MemoryKind::I2C;
-  std::map<u_int8_t, Chip> chips;  ///< by I2C address; a flash is chip 0
-  bool has_power = true;           ///< without it nothing is applied and nothing answered
+  std::map<u_int8_t, Chip> chips;   ///< by I2C address; a flash is chip 0
+  bool has_power = true;            ///< without it nothing is applied and nothing answered
+  std::vector<std::string> images;  ///< image files that it was filled with
 };
 
 /// A change of one chip, as its observer sees it before it is applied.

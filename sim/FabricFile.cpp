@@ -229,6 +229,7 @@ void FillContents(Reader& reader, Fabric& fabric, Device& device) {
     if (int{fill.has_value()} + int{raw.has_value()} + int{image.has_value()} != 1) {
       contents.Throw("contents are one of 'fill', 'raw' and 'image'");
     }
+    if (image) device.images.push_back(contents.Path(*image).string());
     if (is_kept) continue;
     if (fill) {
       for (auto& [key, chip] : device.chips) {

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <optional>
 
+#include "Boot.h"
 #include "FabricFile.h"
 #include "Server.h"
 
@@ -72,13 +73,18 @@ int main(int argc, char* argv[]) {
   std::string state;
   std::string trace_file;
   std::string listen = "127.0.0.1:0";
+  std::vector<std::string> images;
   bool show = false;
+  bool boot_report = false;
   app.add_option("FABRIC", fabric_file, "The fabric file (TOML)")->required();
   app.add_option("--state", state, "Folder that keeps each device's memory in files");
   app.add_option("--trace", trace_file, "File that gets every request and answer");
   app.add_option("--listen", listen, "HOST:PORT to listen on; port 0 takes a free one")
       ->capture_default_str();
   app.add_flag("--show", show, "Print the devices and exit");
+  app.add_flag("--boot-report", boot_report, "Print whether each device boots, and exit");
+  app.add_option("--image", images, "Image file that may get burnt, for the boot report")
+      ->check(CLI::ExistingFile);
   app.set_version_flag("--version", VERSION);
 
   std::pair<std::string, u_int16_t> address;
@@ -99,6 +105,10 @@ int main(int argc, char* argv[]) {
       Show(fabric);
       return EXIT_SUCCESS;
     }
+    if (boot_report) {
+      std::cout << sim::BootReport(fabric, images) << std::flush;
+      return EXIT_SUCCESS;
+    }
     std::ofstream trace;
     if (!trace_file.empty()) {
       trace.open(trace_file);
@@ -115,6 +125,7 @@ int main(int argc, char* argv[]) {
     server.StopOnSignals();
     std::cout << server.ServerString() << std::endl;
     server.Run();
+    std::cout << sim::BootReport(fabric, images) << std::flush;
     ReportViolations(fabric);
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
