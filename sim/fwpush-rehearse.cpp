@@ -1,0 +1,206 @@
+/// fwpush-rehearse: pulls the plug at every step of a burn, on simulated devices.
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "Rehearsal.h"
+#include "main.h"
+
+namespace {
+
+constexpr char VERSION[] = "fwpush-rehearse 1.0.0";
+constexpr int NOT_WELL = 1;
+constexpr int CANNOT = 2;
+
+/// A bar on a terminal, a line for each tenth otherwise.
+class Progress {
+ public:
+  void operator()(const std::string& what, std::size_t done, std::size_t total) {
+    const std::size_t tenths = total == 0 ? 10 : done * 10 / total;
+    if (what == _what && tenths == _tenths) return;
+    if (_is_terminal) {
+      std::cerr << "\r" << std::left << std::setw(12) << what << "[" << std::string(2 * tenths, '#')
+                << std::string(2 * (10 - tenths), '.') << "] " << tenths * 10 << "%  "
+                << (tenths == 10 ? "\n" : "") << std::flush;
+    } else if (what != _what || tenths % 5 == 0) {
+      std::cerr << what << ": " << done << " of " << total << std::endl;
+    }
+    _what = what;
+    _tenths = tenths;
+  }
+
+ private:
+  const bool _is_terminal = isatty(STDERR_FILENO) != 0;
+  std::string _what;
+  std::size_t _tenths = 0;
+};
+
+std::size_t At(const auto& counts, auto key) {
+  const auto found = counts.find(key);
+  return found == counts.end() ? 0 : found->second;
+}
+
+void PrintTable(const sim::RehearsalReport& report) {
+  using sim::CutKind;
+  using sim::Interruption;
+  const auto row = [](const std::string& name, const std::string& text) {
+    std::cout << "  " << std::left << std::setw(18) << name << text << "\n";
+  };
+  std::cout << std::dec << std::setfill(' ') << "rehearsal: " << report.algorithm << ", "
+            << report.devices << " device(s)\n";
+  row("operations", Text(report.writes, " writes, ", report.erases, " erases, in ", report.requests,
+                         " requests"));
+  row("points", Text(report.Points(), ": ", At(report.points, CutKind::AFTER_WORD),
+                     " after a word, ", At(report.points, CutKind::TORN_WORD), " in a torn word, ",
+                     At(report.points, CutKind::TORN_ERASE), " in an erase, ",
+                     At(report.points, CutKind::AFTER_ERASE), " after one"));
+  row("device x points", Text(report.boot_old, " boot old, ", report.boot_new, " boot new, ",
+                              report.unbootable, " do not boot"));
+  if (report.valid_but_broken > 0) {
+    row("", Text(report.valid_but_broken,
+                 " of those that boot have another slot that only looks valid"));
+  }
+  if (report.unbootable_at_start > 0) {
+    row("", Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
+  }
+  const std::size_t recoveries = At(report.recoveries, Interruption::POWER) +
+                                 At(report.recoveries, Interruption::KILLED) +
+                                 At(report.recoveries, Interruption::DROPPED);
+  row("recoveries", Text(recoveries, ": ", At(report.recoveries, Interruption::POWER),
+                         " from lost power, ", At(report.recoveries, Interruption::KILLED),
+                         " from a killed burner, ", At(report.recoveries, Interruption::DROPPED),
+                         " from a dropped connection; ", report.unrecovered, " failed"));
+  row("wall time", Text(std::fixed, std::setprecision(1), report.seconds, " s"));
+  if (report.IsWell()) {
+    std::cout << "  no interruption leaves a device that does not boot" << std::endl;
+    return;
+  }
+  std::cout << "exceptions:\n";
+  for (const sim::RehearsalException& exception : report.exceptions) {
+    std::cout << "  point " << exception.first_point;
+    if (exception.points > 1) std::cout << " to " << exception.first_point + exception.points - 1;
+    std::cout << ", " << sim::HexGuid(exception.device) << ", request " << exception.request << " "
+              << exception.command << ", " << exception.step << ": " << exception.state << "; "
+              << exception.reason << "\n";
+  }
+  if (report.exceptions_left_out > 0) {
+    std::cout << "  and " << report.exceptions_left_out << " more\n";
+  }
+  std::cout << "  NOT FAILSAFE: replay one with --at POINT --seed SEED" << std::endl;
+}
+
+nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
+  using sim::CutKind;
+  using sim::Interruption;
+  nlohmann::json exceptions = nlohmann::json::array();
+  for (const sim::RehearsalException& exception : report.exceptions) {
+    exceptions.push_back({{"device", sim::HexGuid(exception.device)},
+                          {"first_point", exception.first_point},
+                          {"points", exception.points},
+                          {"request", exception.request},
+                          {"command", exception.command},
+                          {"step", exception.step},
+                          {"state", exception.state},
+                          {"reason", exception.reason}});
+  }
+  return {{"version", 1},
+          {"algorithm", report.algorithm},
+          {"devices", report.devices},
+          {"unbootable_at_start", report.unbootable_at_start},
+          {"seed", seed},
+          {"requests", report.requests},
+          {"writes", report.writes},
+          {"erases", report.erases},
+          {"points",
+           {{"after_word", At(report.points, CutKind::AFTER_WORD)},
+            {"torn_word", At(report.points, CutKind::TORN_WORD)},
+            {"torn_erase", At(report.points, CutKind::TORN_ERASE)},
+            {"after_erase", At(report.points, CutKind::AFTER_ERASE)}}},
+          {"boot_old", report.boot_old},
+          {"boot_new", report.boot_new},
+          {"unbootable", report.unbootable},
+          {"valid_but_broken", report.valid_but_broken},
+          {"recoveries",
+           {{"power", At(report.recoveries, Interruption::POWER)},
+            {"killed", At(report.recoveries, Interruption::KILLED)},
+            {"dropped", At(report.recoveries, Interruption::DROPPED)},
+            {"failed", report.unrecovered}}},
+          {"seconds", report.seconds},
+          {"exceptions_left_out", report.exceptions_left_out},
+          {"exceptions", exceptions}};
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  CLI::App app("Pulls the plug at every step of a burn, on simulated devices.");
+  sim::RehearsalOptions options;
+  std::string guids;
+  std::string recover = "100";
+  std::string json_file;
+  unsigned chunk_align = 5;
+  options.fwpush =
+      (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fwpush").string();
+  app.add_option("FABRIC", options.fabric_file, "The fabric file (TOML)")->required();
+  app.add_option("-f,--image", options.image_file, "The image file to burn")->required();
+  app.add_option("-g,--guids", guids, "The devices, separated by commas (default: all)");
+  app.add_option("-m,--chunk-align", chunk_align, "Chunk alignment (log2), as for fwpush")
+      ->check(CLI::Range(4, 15))
+      ->capture_default_str();
+  app.add_option("--recover", recover, "How many recoveries to run: a number, or all")
+      ->capture_default_str();
+  app.add_option("--jobs", options.jobs, "Recoveries side by side")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  app.add_option("--seed", options.seed, "Seed of all that is left to chance")
+      ->capture_default_str();
+  app.add_option("--at", options.at, "Only this point, as an exception names it");
+  app.add_option("--json", json_file, "File for the report, for machines");
+  app.add_option("--fwpush", options.fwpush, "The burner to rehearse with")->capture_default_str();
+  app.set_version_flag("--version", VERSION);
+  try {
+    app.parse(argc, argv);
+    if (recover == "all") {
+      options.recoveries = SIZE_MAX;
+    } else {
+      std::size_t used = 0;
+      try {
+        options.recoveries = std::stoul(recover, &used);
+      } catch (const std::logic_error&) {
+        used = 0;
+      }
+      if (used != recover.size() || recover.empty()) {
+        throw CLI::ValidationError("--recover", "must be a number or all");
+      }
+    }
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error);
+  }
+  options.extra_args = {"-m", std::to_string(chunk_align)};
+
+  try {
+    GuidSet given;
+    GetTargeGuids(guids, given);
+    options.guids.assign(given.begin(), given.end());
+    Progress progress;
+    const sim::RehearsalReport report = sim::Rehearse(options, std::ref(progress));
+    PrintTable(report);
+    if (!json_file.empty()) {
+      std::ofstream file(json_file);
+      file << Json(report, options.seed).dump(2) << "\n";
+      file.close();
+      if (!file) throw std::runtime_error("can't write " + json_file);
+    }
+    return report.IsWell() ? EXIT_SUCCESS : NOT_WELL;
+  } catch (const BraidError& error) {
+    std::cerr << "fwpush-rehearse: " << error.Des() << std::endl;
+  } catch (const std::exception& error) {
+    std::cerr << "fwpush-rehearse: " << error.what() << std::endl;
+  }
+  return CANNOT;
+}
