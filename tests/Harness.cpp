@@ -174,6 +174,8 @@ std::string FwpushProgram() { return FWPUSH_PROGRAM; }
 
 std::string SimProgram() { return SIM_PROGRAM; }
 
+std::string RehearseProgram() { return REHEARSE_PROGRAM; }
+
 std::string Golden(const std::string& name, const std::map<std::string, std::string>& places) {
   std::ifstream file(std::string(GOLDEN_FOLDER) + "/" + name, std::ios::binary);
   EXPECT_TRUE(file.good()) << "no transcript " << name;

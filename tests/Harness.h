@@ -74,6 +74,8 @@ class Simulator {
 std::string FwpushProgram();
 /// The built fwpush-sim.
 std::string SimProgram();
+/// The built fwpush-rehearse.
+std::string RehearseProgram();
 
 /// The text that the transcript tests/golden/`name` stands for, its places in braces replaced: see
 /// tests/golden/README.md.
