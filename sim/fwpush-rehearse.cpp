@@ -144,6 +144,7 @@ int main(int argc, char* argv[]) {
   std::string recover = "100";
   std::string json_file;
   unsigned chunk_align = 5;
+  bool is_not_failsafe = false;
   options.fwpush =
       (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fwpush").string();
   app.add_option("FABRIC", options.fabric_file, "The fabric file (TOML)")->required();
@@ -152,6 +153,7 @@ int main(int argc, char* argv[]) {
   app.add_option("-m,--chunk-align", chunk_align, "Chunk alignment (log2), as for fwpush")
       ->check(CLI::Range(4, 15))
       ->capture_default_str();
+  app.add_flag("-n", is_not_failsafe, "Rehearse the burn that is not failsafe, as for fwpush");
   app.add_option("--recover", recover, "How many recoveries to run: a number, or all")
       ->capture_default_str();
   app.add_option("--jobs", options.jobs, "Recoveries side by side")
@@ -182,6 +184,7 @@ int main(int argc, char* argv[]) {
     return app.exit(error);
   }
   options.extra_args = {"-m", std::to_string(chunk_align)};
+  if (is_not_failsafe) options.extra_args.emplace_back("-n");
 
   try {
     GuidSet given;
