@@ -243,7 +243,11 @@ BootVerdict JudgeByImages(const Fabric& fabric, Guid guid, const std::vector<std
       Fabric scratch;
       scratch.CopyDevice(device);
       scratch.Find(guid)->has_power = true;
-      BurnInto(scratch, guid, file, {.slot = slot, .is_valid = true});
+      try {
+        BurnInto(scratch, guid, file, {.slot = slot, .is_valid = true});
+      } catch (const BraidError&) {
+        continue;  // an image that does not fit into a slot is never whole there
+      }
       judge->KnowNewImage(image, LinearMemory(*scratch.Find(guid), conv), slot);
     }
   }
