@@ -19,6 +19,8 @@ struct Row {
   const char* end;   ///< after that run
 };
 
+std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.name; }
+
 std::string NameOf(const testing::TestParamInfo<Row>& info) { return info.param.name; }
 
 constexpr auto CUT = sim::Fault::CUT;
@@ -175,7 +177,7 @@ INSTANTIATE_TEST_SUITE_P(
     NameOf);
 
 /// What no order of writes can save.
-class NotFailsafeTest : public FlashFailSafetyTest {
+class NotFailsafe : public FlashFailSafetyTest {
  protected:
   void CutAt(const char* start, u_int32_t write) {
     Fill(start);
@@ -185,20 +187,20 @@ class NotFailsafeTest : public FlashFailSafetyTest {
   }
 };
 
-TEST_F(NotFailsafeTest, RewritingTheInvariantSector) {
+TEST_F(NotFailsafe, RewritingTheInvariantSector) {
   Images({}, {.content = 0x22, .invariant = 0x78});
   CutAt("o-", 1);
   EXPECT_EQ(Report(), "DOES NOT BOOT: slot 0 old, slot 1 invalid, invariant sector broken");
 }
 
-TEST_F(NotFailsafeTest, CopyingAnImageOverItself) {
+TEST_F(NotFailsafe, CopyingAnImageOverItself) {
   // From 0x1000 to 0xC00, 0x500 bytes: the copy ends at 0x1100.
   Images({.size = 0x500, .image1 = 0x1000}, {.content = 0x22, .size = 0x800});
   CutAt("-o", 3);
   EXPECT_EQ(Report(), "DOES NOT BOOT: slot 0 invalid, slot 1 broken");
 }
 
-TEST_F(NotFailsafeTest, FirstImageThatReachesIntoTheSecondSlot) {
+TEST_F(NotFailsafe, FirstImageThatReachesIntoTheSecondSlot) {
   // The old first image ends at 0x1500, the new second one starts at 0x1400.
   Images({.size = 0x900, .image1 = 0x1800}, {.content = 0x22});
   CutAt("o-", 2);
@@ -229,7 +231,7 @@ constexpr char OLD_THEN_NEW[] = "boots old or new: slot 0 old, slot 1 new";
 
 // The writes: 1 the slot that goes first, 2 its record; 3 the other slot, 4 its record.
 INSTANTIATE_TEST_SUITE_P(
-    SecondValid, BootRecordTest,
+    SecondRecordValid, BootRecordTest,
     testing::Values(
         Row{"BeforeAnything", "oo", BEFORE, 1, OLD_BOTH, BOTH_RECORDS, NEW_BOTH},
         Row{"WritingTheFirstSlot", "oo", CUT, 1, OLD_SECOND, SECOND_RECORD, NEW_BOTH},
@@ -241,7 +243,7 @@ INSTANTIATE_TEST_SUITE_P(
     NameOf);
 
 INSTANTIATE_TEST_SUITE_P(
-    FirstOnly, BootRecordTest,
+    FirstRecordOnly, BootRecordTest,
     testing::Values(Row{"WritingTheSecondSlot", "ox", CUT, 1, OLD_FIRST, FIRST_RECORD, NEW_BOTH},
                     Row{"ValidatingTheSecondSlot", "ox", CUT, 2, OLD_FIRST, FIRST_RECORD, NEW_BOTH},
                     Row{"BetweenTheSlots", "ox", BEFORE, 3, OLD_THEN_NEW, BOTH_RECORDS, NEW_BOTH},
@@ -249,5 +251,38 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"ValidatingTheFirstSlot", "ox", CUT, 4, NEW_SECOND, SECOND_RECORD,
                         NEW_BOTH}),
     NameOf);
+
+/// The tests of this file as the document names them: "FirstValid/WritingTheSecondImage".
+std::set<std::string> RowsTested() {
+  std::set<std::string> rows;
+  const testing::UnitTest& all = *testing::UnitTest::GetInstance();
+  for (int i = 0; i < all.total_test_suite_count(); ++i) {
+    const testing::TestSuite& suite = *all.GetTestSuite(i);
+    const std::string suite_name = suite.name();
+    if (suite_name == "DocumentTest") continue;
+    for (int j = 0; j < suite.total_test_count(); ++j) {
+      const std::string name = suite.GetTestInfo(j)->name();
+      rows.insert(suite_name.substr(0, suite_name.find('/')) + "/" +
+                  name.substr(name.rfind('/') + 1));
+    }
+  }
+  return rows;
+}
+
+TEST(DocumentTest, EveryRowHasItsTestAndEveryTestItsRow) {
+  std::ifstream file(FAIL_SAFETY_DOCUMENT);
+  ASSERT_TRUE(file.good());
+  std::set<std::string> rows;
+  for (std::string line; std::getline(file, line);) {
+    if (!line.starts_with("| ")) continue;
+    for (std::size_t at; (at = line.find('`')) != std::string::npos;) {
+      line.erase(0, at + 1);
+      const std::string quoted = line.substr(0, line.find('`'));
+      if (quoted.find('/') != std::string::npos) rows.insert(quoted);
+      line.erase(0, quoted.size() + 1);
+    }
+  }
+  EXPECT_EQ(rows, RowsTested());
+}
 
 }  // namespace
