@@ -42,8 +42,8 @@ template <typename Pieces>
 Pieces SplitAtMatches(const regex_t& separator, const std::string& s) {
   Pieces pieces;
   const char* rest = s.c_str();
-  while (*rest != '\0') {
-    regmatch_t found;
+  do {
+    regmatch_t found{};
     if (regexec(&separator, rest, 1, &found, 0) != 0) {
       pieces.emplace_back(rest);
       break;
@@ -51,7 +51,7 @@ Pieces SplitAtMatches(const regex_t& separator, const std::string& s) {
     ASSERT_ALWAYS(found.rm_eo > 0);  // an empty match would be found for ever
     if (found.rm_so > 0) pieces.emplace_back(rest, static_cast<std::size_t>(found.rm_so));
     rest += found.rm_eo;
-  }
+  } while (*rest != '\0');
   return pieces;
 }
 
@@ -145,7 +145,7 @@ bool Regexp::compile(const char* pattern, int cflags) {
   Release();
   err_clear();
   _compiled = true;
-  const int failure = regcomp(&_re, pattern, cflags | REG_EXTENDED);
+  const int failure = regcomp(&_re, pattern, (cflags | REG_EXTENDED) & ~REG_NOSUB);
   _valid = failure == 0;
   if (!_valid) {
     const std::size_t size = regerror(failure, &_re, nullptr, 0);

@@ -77,8 +77,8 @@ class Regexp {
   /// Capture `i`, 0 being the whole match; "" when there is none.
   std::string cap(unsigned int i) const;
 
-  /// The pieces of `s` between matches, none of them empty; `s` alone when nothing valid is
-  /// compiled. The pattern must not match the empty text.
+  /// The pieces of `s` between matches, none of them empty; `s` alone when nothing matches, or
+  /// nothing valid is compiled. The pattern must not match the empty text.
   std::list<std::string> splitl(const std::string& s) const;
   std::vector<std::string> splitv(const std::string& s) const;
 

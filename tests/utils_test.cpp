@@ -198,8 +198,15 @@ TEST_F(UtilsTest, RegexpSplitGivesNoEmptyPieces) {
   const Regexp regexp(",+", 0);
   EXPECT_EQ(regexp.splitv(",a,,b,"), (Pieces{"a", "b"}));
   EXPECT_EQ(regexp.splitv("ab"), Pieces{"ab"});
-  EXPECT_EQ(regexp.splitv(""), Pieces{});
   EXPECT_EQ(regexp.splitl("a,b"), (std::list<std::string>{"a", "b"}));
+}
+
+TEST_F(UtilsTest, RegexpSplitHandsBackATextWithoutAnyMatch) {
+  const Regexp regexp(",+", REG_NOSUB);  // which takes no captures away
+  EXPECT_EQ(regexp.splitv(""), Pieces{""});
+  EXPECT_EQ(regexp.splitv("ab"), Pieces{"ab"});
+  EXPECT_EQ(regexp.splitv("a,b"), (Pieces{"a", "b"}));
+  EXPECT_EQ(regexp.splitv(",,"), Pieces{});
 }
 
 TEST_F(UtilsTest, IntegersAreAppendedMostSignificantByteFirst) {
