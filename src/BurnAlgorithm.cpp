@@ -200,8 +200,9 @@ BraidResult BurnAlgorithm::PercentProgressMeter::Reset(u_int32_t total) {
 void BurnAlgorithm::BurnSection(const FwImage& image, FwImage::Section& section,
                                 u_int32_t destination) {
   const auto size = static_cast<u_int32_t>(section.data.size());
-  BurnRegion(destination, section.data, image.GetFieldsInRange(destination, size),
-             image.GetCrcsInRange(destination, size));
+  const auto fields = image.GetFieldsInRange(destination, size);
+  const auto crcs = image.GetCrcsInRange(destination, size);
+  BurnRegion(destination, section.data, fields, crcs);
 }
 
 namespace {
