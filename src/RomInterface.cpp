@@ -464,7 +464,7 @@ BraidResult RemoteRomInterface::GatherData(const Response& element, DataVec& out
 
 BraidResult RemoteRomInterface::Read(u_int32_t addr, u_int32_t size) {
   InitResults();
-  if (_active_devs.empty()) return BRAID_OK;
+  if (_active_devs.empty() || size == 0) return BRAID_OK;
   std::string req;
   GenRwRequest(READ, addr, size, {}, req);
   return ProcessResponse(READ, Exchange(req));

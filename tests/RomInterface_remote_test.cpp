@@ -412,6 +412,17 @@ TEST_F(RemoteTest, WritingNothingSendsNothing) {
   EXPECT_TRUE(_rom.Requests().empty());
 }
 
+TEST_F(RemoteTest, ReadingNothingSendsNothingAndFindsItEqual) {
+  OpenFor({LEAF1, LEAF2});
+  EXPECT_EQ(_rom.Read(0, 0), BRAID_OK);
+  EXPECT_TRUE(_rom.LastActionResult(LEAF1)->_data.empty());
+  const auto equal = [](const DataVec& a, const DataVec& b) { return a == b; };
+  GuidSet answer;
+  OutputOf([&] { answer = _rom.Query(0, {}, equal, true); });
+  EXPECT_EQ(answer, (GuidSet{LEAF1, LEAF2}));
+  EXPECT_TRUE(_rom.Requests().empty());
+}
+
 TEST_F(RemoteTest, WritePastTheLastAddressIsRefusedWhole) {
   OpenFor({LEAF1});
   EXPECT_EQ(ErrorOf([&] { _rom.Write(0xFFFFFFF0, DataVec(17), true); }),
