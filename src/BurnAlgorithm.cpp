@@ -16,21 +16,35 @@ constexpr u_int8_t ERASED = 0xFF;
 constexpr u_int32_t CRC_FIELD_SIZE = 4;
 constexpr u_int16_t CRC_POLYNOMIAL = 0x100B;
 
-/// What the 8 bits shifted out of the register leave in it.
-constexpr std::array<u_int16_t, 256> CRC_TABLE = [] {
-  std::array<u_int16_t, 256> table{};
-  for (u_int32_t top = 0; top < table.size(); ++top) {
-    u_int32_t crc = top << 8;
-    for (int bit = 0; bit < 8; ++bit) {
-      crc = (crc << 1) ^ ((crc & 0x8000) != 0 ? CRC_POLYNOMIAL : 0u);
+/// CRC_TABLES[n][byte]: what a byte leaves in the register once n more bytes have come in after the
+/// two that the register holds.
+constexpr std::size_t CRC_SLICES = 16;
+constexpr auto CRC_TABLES = [] {
+  std::array<std::array<u_int16_t, 256>, CRC_SLICES> tables{};
+  for (u_int32_t byte = 0; byte < 256; ++byte) {
+    u_int32_t crc = byte << 8;
+    for (auto& table : tables) {
+      for (int bit = 0; bit < 8; ++bit) {
+        crc = (crc << 1) ^ ((crc & 0x8000) != 0 ? CRC_POLYNOMIAL : 0u);
+      }
+      crc &= 0xFFFF;
+      table[byte] = static_cast<u_int16_t>(crc);
     }
-    table[top] = static_cast<u_int16_t>(crc);
   }
-  return table;
+  return tables;
 }();
 
 u_int16_t AddByte(u_int16_t crc, u_int8_t byte) {
-  return static_cast<u_int16_t>(((crc << 8) | byte) ^ CRC_TABLE[crc >> 8]);
+  return static_cast<u_int16_t>(((crc << 8) | byte) ^ CRC_TABLES[0][crc >> 8]);
+}
+
+/// Adds CRC_SLICES bytes at once: what each of them leaves does not depend on the others, so the
+/// processor looks them all up side by side.
+u_int16_t AddBlock(u_int16_t crc, std::span<const u_int8_t, CRC_SLICES> block) {
+  u_int32_t sum = CRC_TABLES[CRC_SLICES - 1][crc >> 8] ^ CRC_TABLES[CRC_SLICES - 2][crc & 0xFF];
+  for (std::size_t i = 0; i < CRC_SLICES - 2; ++i) sum ^= CRC_TABLES[CRC_SLICES - 3 - i][block[i]];
+  return static_cast<u_int16_t>(sum ^ u_int32_t{block[CRC_SLICES - 2]} << 8 ^
+                                block[CRC_SLICES - 1]);
 }
 
 /// Blanks the part of [from, from + size) that lies in the region `data` at `addr`.
@@ -105,13 +119,17 @@ void Crc16::finish() {
   _crc = static_cast<u_int16_t>(~_crc);
 }
 
+void Crc16::add(std::span<const u_int8_t> bytes) {
+  for (; bytes.size() >= CRC_SLICES; bytes = bytes.subspan(CRC_SLICES)) {
+    _crc = AddBlock(_crc, bytes.first<CRC_SLICES>());
+  }
+  for (const u_int8_t byte : bytes) _crc = AddByte(_crc, byte);
+}
+
 u_int32_t BurnAlgorithm::CalcCrc(std::span<const u_int8_t> data) {
   ASSERT_ALWAYS((data.size() % 4) == 0);
   Crc16 crc(false);
-  for (std::size_t i = 0; i < data.size(); i += 4) {
-    crc.add(u_int32_t{data[i]} << 24 | u_int32_t{data[i + 1]} << 16 | u_int32_t{data[i + 2]} << 8 |
-            data[i + 3]);
-  }
+  crc.add(data);
   crc.finish();
   return crc.get();
 }

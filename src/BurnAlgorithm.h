@@ -20,6 +20,8 @@ class Crc16 {
 
   void clear() { _crc = 0xFFFF; }
   void add(u_int32_t word);
+  /// Many bytes, as words; none of them is printed.
+  void add(std::span<const u_int8_t> bytes);
   void operator<<(u_int32_t word) { add(word); }
   void finish();
   u_int16_t get() const { return _crc; }
