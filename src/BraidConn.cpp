@@ -4,9 +4,11 @@
 #include <netdb.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -28,10 +30,8 @@ constexpr char CONT_BUF[] = "CONT_BUF";
 /// Least size of a piece of a large buffer, the last one excepted.
 constexpr std::size_t PIECE_SIZE = 4000;
 constexpr std::size_t READ_BLOCK = std::size_t{64} * 1024;
-
-bool TellsError(std::string_view text) {
-  return text.starts_with("ERROR") || text.starts_with("TARGET_ERROR");
-}
+/// Of one write: a frame is three lines and their ends.
+constexpr std::size_t MOST_PARTS = 6;
 
 /// A number that 16 bits cannot hold must not end up as another port.
 bool IsPort(int port) { return port >= 0 && port <= 0xFFFF; }
@@ -170,16 +170,30 @@ BraidResult Socket::Connect(const std::string& host, int port) {
 }
 
 BraidResult Socket::Puts(const std::string& line) const {
-  Send(line + "\n");
+  std::string_view parts[] = {line, "\n"};
+  Send(parts);
   return BRAID_OK;
 }
 
-void Socket::Send(std::string_view bytes) const {
-  while (!bytes.empty()) {
+void Socket::Send(std::span<std::string_view> parts) const {
+  while (!parts.empty()) {
+    std::array<iovec, MOST_PARTS> left{};
+    ASSERT_ALWAYS(parts.size() <= left.size());
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+      left[i] = {const_cast<char*>(parts[i].data()), parts[i].size()};
+    }
+    msghdr message{};
+    message.msg_iov = left.data();
+    message.msg_iovlen = parts.size();
     // A server that is gone must end the run with a message, not kill it with SIGPIPE.
-    const ssize_t sent = send(_sock, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = sendmsg(_sock, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(sent));
+      auto rest = static_cast<std::size_t>(sent);
+      while (!parts.empty() && rest >= parts.front().size()) {
+        rest -= parts.front().size();
+        parts = parts.subspan(1);
+      }
+      if (!parts.empty()) parts.front().remove_prefix(rest);
     } else if (errno == EAGAIN) {
       WaitWritable();
     } else if (errno != EINTR) {
@@ -251,8 +265,14 @@ void Socket::SetNonBlocking(bool on) {
   fcntl(_sock, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
 }
 
+void ClientSocket::SendFrame(std::string_view head, std::string_view content,
+                             std::string_view tail) const {
+  std::string_view parts[] = {head, "\n", content, "\n", tail, "\n"};
+  Send(parts);
+}
+
 BraidResult ClientSocket::Request(const std::string& request) const {
-  Send(std::string(NEW_BUF) + "\n" + request + "\n" + END_BUF + "\n");
+  SendFrame(NEW_BUF, request, END_BUF);
   return BRAID_OK;
 }
 
@@ -283,9 +303,7 @@ BraidResult ClientSocket::Respond(const std::string& response) const {
       length = rest.find('\n', PIECE_SIZE);
       if (length == std::string_view::npos) length = PIECE_SIZE;
     }
-    std::string frame = std::string(head) + "\n";
-    frame.append(rest.substr(0, length));
-    Send(frame + "\n" + (is_last ? END_BUF : TO_BE_CONT) + "\n");
+    SendFrame(head, rest.substr(0, length), is_last ? END_BUF : TO_BE_CONT);
     if (is_last) return BRAID_OK;
 
     std::string agreement;
@@ -298,6 +316,10 @@ BraidResult ClientSocket::Respond(const std::string& response) const {
     }
     rest.remove_prefix(length);
   }
+}
+
+bool TellsError(std::string_view text) {
+  return text.starts_with("ERROR") || text.starts_with("TARGET_ERROR");
 }
 
 bool Response::GotErr() const { return TellsError(*this); }
@@ -315,41 +337,50 @@ std::string Response::Error() const {
 }
 
 std::vector<Response> Response::TclSplit() const {
-  std::vector<std::size_t> starts;
-  std::vector<std::size_t> ends;
-  u_int32_t depth = 0;  // a "}" too many wraps it: all that follows counts as braced
-  bool in_word = false;
-  for (std::size_t i = 0; i < size(); ++i) {
-    const char c = (*this)[i];
+  std::vector<std::string_view> parts;
+  BraidConn::TclSplit(*this, parts);
+  std::vector<Response> elements;
+  elements.reserve(parts.size());
+  for (const std::string_view part : parts) elements.emplace_back(std::string(part));
+  return elements;
+}
+
+void TclSplit(std::string_view text, std::vector<std::string_view>& elements) {
+  elements.clear();
+  std::size_t start = 0;  // of the element that is open
+  bool is_open = false;   // a braced element or a bare word
+  bool in_word = false;   // it is a bare word
+  u_int32_t depth = 0;    // a "}" too many wraps it: all that follows counts as braced
+  const auto end_at = [&](std::size_t end) {
+    elements.push_back(text.substr(start, end - start));
+    is_open = in_word = false;
+  };
+  const auto start_at = [&](std::size_t at, bool is_word) {
+    start = at;
+    is_open = true;
+    in_word = is_word;
+  };
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
     if (c == '{') {
       if (in_word) {
-        ThrowError(Text("Response::TclSplit(): Can't parse '", *this,
+        ThrowError(Text("Response::TclSplit(): Can't parse '", text,
                         "' : '{' without a preceder white space at char ", i, "."));
       }
-      if (depth == 0) starts.push_back(i + 1);
-      ++depth;
+      if (depth++ == 0) start_at(i + 1, false);
     } else if (c == '}') {
-      --depth;
-      if (depth == 0) ends.push_back(i);
+      if (--depth == 0) end_at(i);
     } else if (depth == 0) {
       const bool is_blank = std::isspace(static_cast<unsigned char>(c)) != 0;
-      if (in_word == is_blank) {
-        (in_word ? ends : starts).push_back(i);
-        in_word = !in_word;
-      }
+      if (in_word && is_blank) end_at(i);
+      if (!is_open && !is_blank) start_at(i, true);
     }
   }
-  if (in_word && starts.size() == ends.size() + 1) ends.push_back(size());
-  if (starts.size() != ends.size()) {
-    ThrowError(Text("Response::TclSplit(): Can't parse '", *this, "' : Unbalanced starts (",
-                    starts.size(), ") and ends (", ends.size(), ") ."));
+  if (in_word) end_at(text.size());
+  if (is_open) {
+    ThrowError(Text("Response::TclSplit(): Can't parse '", text, "' : Unbalanced starts (",
+                    elements.size() + 1, ") and ends (", elements.size(), ") ."));
   }
-  std::vector<Response> elements;
-  elements.reserve(starts.size());
-  for (std::size_t i = 0; i < starts.size(); ++i) {
-    elements.emplace_back(substr(starts[i], ends[i] - starts[i]));
-  }
-  return elements;
 }
 
 }  // namespace BraidConn

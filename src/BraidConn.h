@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <chrono>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -59,9 +60,10 @@ class Socket {
   bool IsOpen() const { return _sock != -1; }
 
  protected:
-  /// Sends all of `bytes`, in one write where the system takes them at once. Throws when the peer
-  /// is gone, or takes nothing for MAX_SILENCE.
-  void Send(std::string_view bytes) const;
+  /// Sends all of `parts`, one after the other, in one write where the system takes them at once;
+  /// what is left of them is nothing. Throws when the peer is gone, or takes nothing for
+  /// MAX_SILENCE.
+  void Send(std::span<std::string_view> parts) const;
   /// Throws what Gets throws when reading fails.
   [[noreturn]] void ThrowReadError(const std::string& reason,
                                    u_int32_t line = __builtin_LINE()) const;
@@ -104,7 +106,18 @@ class ClientSocket : public Socket {
   /// Always false: the transport detects the end of the stream.
   bool Eof() const { return false; }
   BraidResult Flush() { return BRAID_OK; }
+
+ private:
+  /// Three lines in one write, the content as it stands.
+  void SendFrame(std::string_view head, std::string_view content, std::string_view tail) const;
 };
+
+/// Puts the elements of a list into `elements`, outermost braces removed, as parts of `text`.
+/// Throws BraidError when braces do not balance or one opens inside a word.
+void TclSplit(std::string_view text, std::vector<std::string_view>& elements);
+
+/// Whether a text tells an error.
+bool TellsError(std::string_view text);
 
 /// An answer of the bus server, or one element of one: a text that may tell an error or be a list
 /// of words and braced lists.
@@ -118,8 +131,7 @@ class Response : public std::string {
   /// The description in an error answer "ERROR:...:description", the whole text when it has no ":".
   std::string Error() const;
 
-  /// The elements of the list, outermost braces removed. Throws BraidError when braces do not
-  /// balance or one opens inside a word.
+  /// The elements of the list: see TclSplit above.
   std::vector<Response> TclSplit() const;
 };
 

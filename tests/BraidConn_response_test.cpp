@@ -1,3 +1,5 @@
+#include <set>
+
 #include "BraidConn.h"
 #include "support.h"
 
@@ -103,6 +105,71 @@ TEST(ResponseTest, ElementsCanBeSplitAgain) {
   ASSERT_EQ(words.size(), 2u);
   EXPECT_EQ(words[0], "ACK");
   EXPECT_EQ(words[1], "data 0x1");
+}
+
+/// The list's syntax as it is defined: starts and ends gathered apart and then matched.
+std::string SplitByDefinition(const std::string& text) {
+  std::vector<std::size_t> starts;
+  std::vector<std::size_t> ends;
+  u_int32_t depth = 0;
+  bool in_word = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool is_blank = std::string_view(" \t\n\v\f\r").find(text[i]) != std::string::npos;
+    if (text[i] == '{') {
+      if (in_word) return Text("brace in word at ", i);
+      if (depth == 0) starts.push_back(i + 1);
+      ++depth;
+    } else if (text[i] == '}') {
+      --depth;
+      if (depth == 0) ends.push_back(i);
+    } else if (depth == 0 && in_word && is_blank) {
+      ends.push_back(i);
+      in_word = false;
+    } else if (depth == 0 && !in_word && !is_blank) {
+      starts.push_back(i);
+      in_word = true;
+    }
+  }
+  if (starts.size() == ends.size() + 1 && in_word) ends.push_back(text.size());
+  if (starts.size() != ends.size()) return Text(starts.size(), " starts, ", ends.size(), " ends");
+  std::string result;
+  for (std::size_t i = 0; i < starts.size(); ++i) {
+    result += "[" + text.substr(starts[i], ends[i] - starts[i]) + "]";
+  }
+  return result;
+}
+
+std::string SplitBy(const std::string& text) {
+  std::string result;
+  const std::string error = ErrorOf([&] {
+    for (const Response& element : Response(text).TclSplit()) result += "[" + element + "]";
+  });
+  if (error == "(no error)") return result;
+  std::size_t at = error.rfind("at char ");
+  if (at != std::string::npos) {
+    return "brace in word at " + error.substr(at + 8, error.size() - at - 9);
+  }
+  at = error.rfind("(", error.rfind("and"));
+  const std::size_t ends = error.rfind("(");
+  return error.substr(at + 1, error.find(')', at) - at - 1) + " starts, " +
+         error.substr(ends + 1, error.find(')', ends) - ends - 1) + " ends";
+}
+
+TEST(ResponseTest, RandomTextsAreSplitAsTheSyntaxIsDefined) {
+  const unsigned seed = 33;
+  SCOPED_TRACE(seed);
+  TestRng rng(seed);
+  std::set<char> kinds;
+  for (int i = 0; i < 200000; ++i) {
+    std::string text;
+    for (std::size_t length = rng() % 12; text.size() < length;) {
+      text += "{{}} \t\nabc"[rng() % 11];
+    }
+    const std::string expected = SplitByDefinition(text);
+    ASSERT_EQ(SplitBy(text), expected) << text;
+    kinds.insert(expected.empty() ? ' ' : expected.front());
+  }
+  EXPECT_GE(kinds.size(), 4u);  // lists, nothing, and both errors
 }
 
 }  // namespace
