@@ -56,6 +56,54 @@ void AppendHex(std::string& text, u_int64_t value, std::size_t digits = 0) {
   text.append(buffer, length);
 }
 
+/// What a hexadecimal digit is worth; more than 15 for any other character.
+constexpr auto DIGITS = [] {
+  std::array<u_int8_t, 256> digits{};
+  digits.fill(0xFF);
+  for (u_int8_t i = 0; i < 10; ++i) digits[static_cast<u_int8_t>('0' + i)] = i;
+  for (u_int8_t i = 0; i < 6; ++i) {
+    digits[static_cast<u_int8_t>('a' + i)] = static_cast<u_int8_t>(10 + i);
+    digits[static_cast<u_int8_t>('A' + i)] = static_cast<u_int8_t>(10 + i);
+  }
+  return digits;
+}();
+
+/// Gathers data from an element as servers usually write it, "ACK {data 0x1} {data 0x2}": one blank
+/// between all, "0x" and at most 8 digits. False, and `out` as it was, when anything else stands in
+/// it.
+bool GatherPlainData(std::string_view element, DataVec& out, bool bsn) {
+  const std::string_view head = bsn ? " {bsn 0x" : " {data 0x";
+  constexpr std::size_t MOST_DIGITS = 8;
+  const std::size_t before = out.size();
+  const std::size_t width = bsn ? 1 : WORD_SIZE;
+  std::size_t at = element.find_first_of(" \t\n\v\f\r{}");
+  if (at == 0) return false;
+  if (at == std::string_view::npos) return true;  // one word: no data
+  // Room for the most that can come; what is too much goes at the end.
+  out.resize(before + (element.size() - at) / (head.size() + 2) * width + width);
+  u_int8_t* next = out.data() + before;
+  while (at < element.size()) {
+    if (element.compare(at, head.size(), head) != 0) break;
+    at += head.size();
+    u_int32_t value = 0;
+    std::size_t digits = 0;
+    for (; at < element.size() && digits <= MOST_DIGITS; ++at, ++digits) {
+      const u_int8_t digit = DIGITS[static_cast<u_int8_t>(element[at])];
+      if (digit > 15) break;
+      value = value << 4 | digit;
+    }
+    if (digits == 0 || digits > MOST_DIGITS || at == element.size() || element[at] != '}') break;
+    ++at;
+    for (std::size_t i = width; i > 0; --i) *next++ = static_cast<u_int8_t>(value >> 8 * (i - 1));
+    if (at == element.size()) {
+      out.resize(static_cast<std::size_t>(next - out.data()));
+      return true;
+    }
+  }
+  out.resize(before);
+  return false;
+}
+
 /// The big-endian word at the front of `bytes`; bytes that are not there read as erased memory.
 u_int32_t FirstWord(std::span<const u_int8_t> bytes) {
   u_int32_t word = 0;
@@ -75,8 +123,20 @@ u_int32_t RomInterface::GetSectorSize() {
 }
 
 BraidResult RomInterface::InitResults() {
+  const auto is_for = [](const auto& entry, Guid guid) { return entry.first == guid; };
+  if (std::equal(_last_result.begin(), _last_result.end(), _active_devs.begin(), _active_devs.end(),
+                 is_for)) {
+    for (auto& [guid, result] : _last_result) {
+      result._error = false;
+      result._error_des.clear();
+      result._data.clear();
+    }
+    return BRAID_OK;
+  }
   _last_result.clear();
-  for (const Guid guid : _active_devs) _last_result.emplace(guid, Result(guid));
+  for (const Guid guid : _active_devs) {
+    _last_result.emplace_hint(_last_result.end(), guid, Result(guid));
+  }
   return BRAID_OK;
 }
 
@@ -92,6 +152,7 @@ BraidResult RomInterface::DeviceError(const std::string& des, Guid g) {
   PrintBurnError(des, g);
   _error_des[g] = des;
   _active_devs.erase(g);
+  ActiveDevicesChanged();
   _access_devs.erase(g);
   _error_devs.insert(g);
   if (g == 0 || _access_devs.empty()) ThrowError("No more accessible devices");
@@ -101,11 +162,13 @@ BraidResult RomInterface::DeviceError(const std::string& des, Guid g) {
 BraidResult RomInterface::SetAccessDevices(const GuidSet& devs) {
   _access_devs = devs;
   _active_devs = devs;
+  ActiveDevicesChanged();
   return BRAID_OK;
 }
 
 BraidResult RomInterface::SetActiveDevices() {
   _active_devs = _access_devs;
+  ActiveDevicesChanged();
   return BRAID_OK;
 }
 
@@ -116,6 +179,7 @@ BraidResult RomInterface::SetActiveDevices(Guid g) {
 
 BraidResult RomInterface::SetActiveDevices(GuidSet& devs) {
   _active_devs.clear();
+  ActiveDevicesChanged();
   std::ostringstream strange;
   for (const Guid guid : devs) {
     if (_access_devs.contains(guid) || _error_devs.contains(guid)) continue;
@@ -364,10 +428,15 @@ BraidResult RemoteRomInterface::GenBaseRequest(OpType op, std::string& req) {
                     " whith more than 1 active devices (", _active_devs.size(), ")"));
   }
   req += " ";
-  for (const Guid guid : _active_devs) {
-    AppendHex(req, guid, 16);
-    req += " ";
+  if (_listed_version != _active_version) {
+    _active_list.clear();
+    for (const Guid guid : _active_devs) {
+      AppendHex(_active_list, guid, 16);
+      _active_list += " ";
+    }
+    _listed_version = _active_version;
   }
+  req += _active_list;
   return BRAID_OK;
 }
 
@@ -407,6 +476,7 @@ BraidResult RemoteRomInterface::ProcessResponse(OpType op, const Response& resp)
     for (auto& [guid, result] : _last_result) result._error = false;
     return BRAID_OK;
   }
+  _fresh_version = 0;
   if (resp.GotErr()) {
     for (auto& [guid, result] : _last_result) {
       result._error = true;
@@ -417,19 +487,23 @@ BraidResult RemoteRomInterface::ProcessResponse(OpType op, const Response& resp)
   }
 
   // A single-device answer is that device's element as it stands.
-  const std::vector<Response> elements =
-      op == GETBSN ? std::vector<Response>{resp} : resp.TclSplit();
-  if (elements.size() != _active_devs.size()) {
+  if (op == GETBSN) {
+    _elements.assign(1, resp);
+  } else {
+    BraidConn::TclSplit(resp, _elements);
+  }
+  if (_elements.size() != _active_devs.size()) {
     ThrowError(Text("Error accessing to ", _access, ": Tried to access ", _active_devs.size(),
-                    " devices, got response for ", elements.size(), " devices. Response: ", resp));
+                    " devices, got response for ", _elements.size(), " devices. Response: ", resp));
   }
   bool any_error = false;
-  auto element = elements.begin();
+  auto element = _elements.begin();
+  auto next_result = _last_result.begin();
   for (const Guid guid : _active_devs) {
-    Result& result = _last_result.try_emplace(guid, Result(guid)).first->second;
-    if (element->GotErr()) {
+    Result& result = ResultOf(guid, next_result);
+    if (BraidConn::TellsError(*element)) {
       result._error = true;
-      result._error_des = element->Error();
+      result._error_des = Response(std::string(*element)).Error();
       any_error = true;
     } else if (op == READ || op == GETBSN) {
       GatherData(*element, result._data, op == GETBSN);
@@ -443,15 +517,31 @@ BraidResult RemoteRomInterface::ProcessResponse(OpType op, const Response& resp)
   return BRAID_ERR_SOME;
 }
 
-BraidResult RemoteRomInterface::GatherData(const Response& element, DataVec& out, bool bsn) {
+RomInterface::Result& RemoteRomInterface::ResultOf(Guid guid, kmap<Guid, Result>::iterator& next) {
+  if (next == _last_result.end() || next->first != guid) {
+    next = _last_result.try_emplace(guid, Result(guid)).first;
+  }
+  return next++->second;
+}
+
+void RemoteRomInterface::FreshResults() {
+  if (_fresh_version == _active_version) return;
+  InitResults();
+  _fresh_version = _active_version;
+}
+
+BraidResult RemoteRomInterface::GatherData(std::string_view element, DataVec& out, bool bsn) {
+  if (GatherPlainData(element, out, bsn)) return BRAID_OK;
   const std::string_view key = bsn ? "bsn" : "data";
-  const std::vector<Response> words = element.TclSplit();
+  std::vector<std::string_view> words;
+  std::vector<std::string_view> parts;
+  BraidConn::TclSplit(element, words);
   for (std::size_t i = 1; i < words.size(); ++i) {
-    const std::vector<Response> parts = words[i].TclSplit();
+    BraidConn::TclSplit(words[i], parts);
     if (parts.size() != 2 || !parts[0].starts_with(key)) continue;
     u_int32_t value = 0;
-    if (!ParseNumber(parts[1], 16, value)) {
-      ThrowError("Fatal Error: Failed extracting data out of response: \"" + words[i] + "\" .");
+    if (!ParseNumber(std::string(parts[1]), 16, value)) {
+      ThrowError(Text("Fatal Error: Failed extracting data out of response: \"", words[i], "\" ."));
     }
     if (bsn) {
       out << static_cast<u_int8_t>(value);
@@ -463,20 +553,20 @@ BraidResult RemoteRomInterface::GatherData(const Response& element, DataVec& out
 }
 
 BraidResult RemoteRomInterface::Read(u_int32_t addr, u_int32_t size) {
-  InitResults();
+  FreshResults();
   if (_active_devs.empty() || size == 0) return BRAID_OK;
-  std::string req;
-  GenRwRequest(READ, addr, size, {}, req);
-  return ProcessResponse(READ, Exchange(req));
+  GenRwRequest(READ, addr, size, {}, _request);
+  return ProcessResponse(READ, Exchange(_request));
 }
 
 BraidResult RemoteRomInterface::WriteInternal(u_int32_t addr, u_int32_t size,
                                               std::span<const u_int8_t> data) {
-  InitResults();
+  FreshResults();
   if (_active_devs.empty()) return BRAID_OK;
-  std::string req;
-  GenRwRequest(WRITE, addr, size, data, req);
-  return ProcessResponse(WRITE, Exchange(req));
+  GenRwRequest(WRITE, addr, size, data, _request);
+  const Response answer = Exchange(_request);
+  // The Results are fresh, and so they say already that all went well.
+  return answer == "ACK" ? BRAID_OK : ProcessResponse(WRITE, answer);
 }
 
 BraidResult RemoteRomInterface::WriteChunks(u_int32_t addr, const DataVec& data, bool erase_first,

@@ -6,6 +6,8 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "BraidConn.h"
 #include "BraidGeneral.h"
@@ -141,6 +143,8 @@ class RomInterface {
  protected:
   /// Makes a fresh Result for every active device.
   BraidResult InitResults();
+  /// To be called by whatever changes _active_devs.
+  void ActiveDevicesChanged() { ++_active_version; }
 
   kmap<Guid, Result> _last_result;     ///< of the devices active when the operation began
   kmap<Guid, std::string> _error_des;  ///< of every device that has failed
@@ -148,6 +152,7 @@ class RomInterface {
   kmap<Guid, std::shared_ptr<DeviceData>> _devs_data;
   GuidSet _access_devs;                ///< may be accessed in this run
   GuidSet _active_devs;                ///< the next operation's
+  u_int64_t _active_version = 1;       ///< never the same for two sets of active devices
   GuidSet _error_devs;                 ///< have failed and never come back
   AddressConvertor* _conv = nullptr;   ///< borrowed
   ProgressMeter* _progress = nullptr;  ///< borrowed
@@ -201,7 +206,7 @@ class RemoteRomInterface : public RomInterface {
   /// Sorts an answer into the Results; devices whose element is an error fail.
   BraidResult ProcessResponse(OpType op, const BraidConn::Response& resp);
   /// Appends the data words of one device's element to `out`: bytes of BSN, or 32-bit words.
-  BraidResult GatherData(const BraidConn::Response& element, DataVec& out, bool bsn);
+  BraidResult GatherData(std::string_view element, DataVec& out, bool bsn);
   /// Enters one record of the server's device list.
   BraidResult AddDeviceRecord(const BraidConn::Response& record);
   /// The way to the server, which derived classes may replace: connecting to `_access`, one
@@ -226,8 +231,20 @@ class RemoteRomInterface : public RomInterface {
   void AskIfcVersion();
   /// GetVsd and GetBsn: `request_op` is asked for, the answer read as one of `answer_op`.
   BraidResult GetDeviceBytes(Guid g, OpType request_op, OpType answer_op, DataVec& out);
+  /// InitResults, where the Results are not fresh already.
+  void FreshResults();
+  /// The device's Result; `next` walks the Results beside the active devices, in the same order.
+  Result& ResultOf(Guid guid, kmap<Guid, Result>::iterator& next);
   [[noreturn]] void ThrowCommandError(const std::string& reason,
                                       u_int32_t line = __builtin_LINE()) const;
+
+  // Kept from one operation to the next, so that one that goes to the same devices as the one
+  // before costs no more than its own bytes.
+  std::string _request;
+  std::vector<std::string_view> _elements;  ///< of the answer in hand
+  std::string _active_list;                 ///< the active devices as requests name them
+  u_int64_t _listed_version = 0;            ///< of the active devices in _active_list
+  u_int64_t _fresh_version = 0;             ///< of those that the Results are fresh for
 };
 
 /// A serial flash: erased sector by sector, attributes read when opened. One device a run.

@@ -657,4 +657,106 @@ TEST_F(ConnectionTest, ServerThatIsNotThereIsNamed) {
             Text("Failed connecting to 127.0.0.1:", port, " ."));
 }
 
+/// An element's data as it is defined: word for word, number for number.
+std::string GatheredByDefinition(const std::string& element, bool bsn, DataVec& out) {
+  return ErrorOf([&] {
+    const std::vector<Response> words = Response(element).TclSplit();
+    for (std::size_t i = 1; i < words.size(); ++i) {
+      const std::vector<Response> parts = words[i].TclSplit();
+      if (parts.size() != 2 || parts[0].find(bsn ? "bsn" : "data") != 0) continue;
+      char* end = nullptr;
+      const auto value = static_cast<u_int32_t>(std::strtoul(parts[1].c_str(), &end, 16));
+      if (*end != '\0') {
+        ThrowError("Fatal Error: Failed extracting data out of response: \"" + words[i] + "\" .");
+      }
+      for (int shift = bsn ? 0 : 24; shift >= 0; shift -= 8) {
+        out.push_back(static_cast<u_int8_t>(value >> shift));
+      }
+    }
+  });
+}
+
+TEST_F(ProtocolTest, UsualAndUnusualDataWordsGiveTheBytesThatTheyAreDefinedToGive) {
+  const unsigned seed = 52;
+  SCOPED_TRACE(seed);
+  TestRng rng(seed);
+  int failures = 0;
+  int plain = 0;
+  for (int i = 0; i < 100000; ++i) {
+    const bool bsn = rng() % 4 == 0;
+    std::string element = "ACK";
+    for (std::size_t words = rng() % 5; words > 0; --words) {
+      element += Text(bsn ? " {bsn 0x" : " {data 0x", std::hex, rng() >> rng() % 32, "}");
+    }
+    // Half of them are spoilt in up to three places.
+    for (std::size_t spoilt = rng() % 2 == 0 ? 0 : 1 + rng() % 3; spoilt > 0; --spoilt) {
+      static constexpr char BAD[] = "{} \tx0fFg-+";
+      const std::size_t at = rng() % (element.size() + 1);
+      const char c = BAD[rng() % (sizeof(BAD) - 1)];
+      if (rng() % 2 == 0) {
+        element.insert(at, 1, c);
+      } else if (at < element.size()) {
+        element[at] = c;
+      }
+    }
+    DataVec expected{1, 2, 3};  // what is there already stays
+    DataVec gathered{1, 2, 3};
+    const std::string error = GatheredByDefinition(element, bsn, expected);
+    EXPECT_EQ(ErrorOf([&] { _rom.GatherData(element, gathered, bsn); }), error) << element;
+    if (error == "(no error)") {
+      ASSERT_EQ(gathered, expected) << element;
+      ++plain;
+    } else {
+      ++failures;
+    }
+  }
+  EXPECT_GT(plain, 10000);
+  EXPECT_GT(failures, 1000);
+}
+
+TEST_F(ProtocolTest, RequestsFollowEveryChangeOfTheActiveDevices) {
+  OpenFor({LEAF1, LEAF2, LEAF3});
+  const auto devices = [&] {
+    _rom.Read(0, 4);
+    const std::string request = _rom.Requests().back();
+    return request.substr(0, request.find(" 0x0 4 "));
+  };
+  const std::string all =
+      "vsI2cReadMulti 3 0x0000000000001000 0x0000000000002000 0x0000000000003000";
+  EXPECT_EQ(devices(), all);
+  EXPECT_EQ(devices(), all);
+  _rom.SetActiveDevices(LEAF2);
+  EXPECT_EQ(devices(), "vsI2cReadMulti 1 0x0000000000002000");
+  GuidSet two{LEAF1, LEAF3};
+  _rom.SetActiveDevices(two);
+  EXPECT_EQ(devices(), "vsI2cReadMulti 2 0x0000000000001000 0x0000000000003000");
+  _rom.SetActiveDevices();
+  EXPECT_EQ(devices(), all);
+  OutputOf([&] { _rom.DeviceError("gone", LEAF1); });
+  EXPECT_EQ(devices(), "vsI2cReadMulti 2 0x0000000000002000 0x0000000000003000");
+  _rom.SetAccessDevices({LEAF3});
+  EXPECT_EQ(devices(), "vsI2cReadMulti 1 0x0000000000003000");
+}
+
+TEST_F(ProtocolTest, ResultsTellTheLastOperationOnly) {
+  OpenFor({LEAF1, LEAF2});
+  _rom.Read(0, 4);
+  EXPECT_EQ(_rom.LastActionResult(LEAF1)->_data, Hex("ffffffff"));
+  _rom.WriteNoErase(0, Hex("01020304"));
+  EXPECT_TRUE(_rom.LastActionResult(LEAF1)->_data.empty());
+  _rom.Read(0, 4);
+  EXPECT_EQ(_rom.LastActionResult(LEAF1)->_data, Hex("01020304"));
+  _rom.Read(4, 4);
+  EXPECT_EQ(_rom.LastActionResult(LEAF1)->_data, Hex("ffffffff"));
+  _rom.SetActiveDevices(LEAF2);
+  _rom.Read(0, 4);
+  EXPECT_EQ(_rom.LastActionResult(LEAF1), nullptr);
+  EXPECT_EQ(_rom.LastActionResult(LEAF2)->_data, Hex("01020304"));
+  // An answer that breaks off leaves nothing to the next one.
+  AnswerNext("Read", "{ACK {data 0x1} {data xyz}}");
+  EXPECT_NE(ErrorOf([&] { _rom.Read(0, 8); }), "(no error)");
+  _rom.Read(0, 4);
+  EXPECT_EQ(_rom.LastActionResult(LEAF2)->_data, Hex("01020304"));
+}
+
 }  // namespace
