@@ -63,8 +63,32 @@ std::vector<std::string> Words(std::string_view line) {
 
 }  // namespace
 
-/// The lines of a file as C's line input hands them out: with their end, cut at MAX_STR characters,
-/// and what follows a NUL not seen. Owns the descriptor.
+/// Reads a line of data as it usually is, words of one or two digits between blanks, into `bytes`,
+/// which has room for a line. Returns their number; 0 when the line is anything else.
+std::size_t PlainBytes(std::string_view line, u_int8_t* bytes) {
+  const auto is_blank = [](char c) { return c == ' ' || c == '\n'; };
+  const char* at = line.data();
+  const char* const end = at + line.size();
+  u_int8_t* next = bytes;
+  while (at != end) {
+    if (is_blank(*at)) {
+      ++at;
+      continue;
+    }
+    u_int8_t value = HexDigit(*at++);
+    if (value > 15) return 0;
+    if (at != end && !is_blank(*at)) {
+      const u_int8_t low = HexDigit(*at++);
+      if (low > 15 || (at != end && !is_blank(*at))) return 0;
+      value = static_cast<u_int8_t>(value << 4 | low);
+    }
+    *next++ = value;
+  }
+  return static_cast<std::size_t>(next - bytes);
+}
+
+/// The lines of a file as C's line input hands them out: with their end, cut at MAX_STR characters.
+/// Owns the descriptor.
 class FwImage::LineReader {
  public:
   /// Throws when `path` is no readable file.
@@ -73,7 +97,9 @@ class FwImage::LineReader {
     _fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (_fd < 0) ThrowCantOpen();
     struct stat status {};
-    if (fstat(_fd, &status) == 0 && !S_ISREG(status.st_mode)) {
+    if (fstat(_fd, &status) == 0 && S_ISREG(status.st_mode)) {
+      _left = static_cast<u_int64_t>(status.st_size);
+    } else {
       close(_fd);
       errno = S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP;  // a device may never end
       ThrowCantOpen();
@@ -92,9 +118,12 @@ class FwImage::LineReader {
     const std::size_t end = whole.find('\n');
     line = whole.substr(0, end == std::string_view::npos ? end : end + 1);
     _rest.remove_prefix(line.size());
-    line = line.substr(0, line.find('\0'));
+    _left -= std::min<u_int64_t>(_left, line.size());
     return true;
   }
+
+  /// Bytes of the file that are still to come, as far as its size tells.
+  u_int64_t Left() const { return _left; }
 
  private:
   static constexpr std::size_t BLOCK = std::size_t{64} * 1024;
@@ -125,6 +154,7 @@ class FwImage::LineReader {
   int _fd;
   std::vector<char> _block;
   std::string_view _rest;  ///< of the block, not handed out yet
+  u_int64_t _left = 0;
 };
 
 u_int32_t FwImage::Conv::Convert(const EeLoc& loc) const {
@@ -363,6 +393,8 @@ BraidResult FwImage::LoadImg(const char* file_name) {
   Section* open_section = nullptr;
   for (std::string_view line; reader.Next(line);) {
     ++_curr_line;
+    if (open_section != nullptr && AppendPlainData(line, *open_section)) continue;
+    line = line.substr(0, line.find('\0'));  // what follows a NUL is not seen
     const std::size_t first = line.find_first_not_of(" \t");
     if (first == std::string_view::npos || line[first] == '#' || line[first] == '\n') continue;
 
@@ -371,6 +403,7 @@ BraidResult FwImage::LoadImg(const char* file_name) {
     if (open_section == nullptr) {
       if (words[0] != "START") ParseImgDirective(words);
       open_section = OpenSection(std::string(line));
+      if (open_section != nullptr) ReserveData(*open_section, reader.Left());
     } else if (words[0] != "END") {
       AppendData(words, *open_section);
     } else {
@@ -379,10 +412,38 @@ BraidResult FwImage::LoadImg(const char* file_name) {
         ThrowLineError(": END Section name (" + words[1] + ") differs from start section name (" +
                        open_section->name + ").");
       }
+      TrimData(*open_section);
       open_section = nullptr;
     }
   }
   return BRAID_OK;
+}
+
+void FwImage::ReserveData(Section& section, u_int64_t file_bytes) {
+  // A section may be all that comes: growing step by step would hold it twice for a while. Room
+  // that is not used costs nothing.
+  constexpr u_int64_t BYTE_WORD = 3;  // two digits and a blank
+  section.data.reserve(static_cast<std::size_t>(file_bytes / BYTE_WORD));
+}
+
+void FwImage::TrimData(Section& section) {
+  constexpr std::size_t WORTH_IT = std::size_t{64} * 1024;
+  if (section.data.capacity() > 2 * section.data.size() + WORTH_IT) section.data.shrink_to_fit();
+}
+
+bool FwImage::AppendPlainData(std::string_view line, Section& section) const {
+  std::array<u_int8_t, MAX_STR> bytes;
+  const std::size_t size = PlainBytes(line, bytes.data());
+  if (size == 0 || size % 4 != 0) return false;
+  section.data.insert(section.data.end(), bytes.data(), bytes.data() + size);
+  CheckEnd(section);
+  return true;
+}
+
+void FwImage::CheckEnd(const Section& section) const {
+  if (ReachesPast(section.addr, section.data.size(), 0, ADDRESS_SPACE)) {
+    ThrowLineError(": Section (" + section.name + ") reaches past the last address.");
+  }
 }
 
 FwImage::Section* FwImage::OpenSection(const std::string& line) {
@@ -414,9 +475,7 @@ void FwImage::AppendData(const std::vector<std::string>& words, Section& section
     }
     section.data << static_cast<u_int8_t>(byte);
   }
-  if (ReachesPast(section.addr, section.data.size(), 0, ADDRESS_SPACE)) {
-    ThrowLineError(": Section (" + section.name + ") reaches past the last address.");
-  }
+  CheckEnd(section);
 }
 
 BraidResult FwImage::ParseImgDirective(const std::vector<std::string>& words) {

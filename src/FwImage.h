@@ -189,7 +189,12 @@ class FwImage {
   void ParseReplaceCrc(const std::vector<std::string>& words);
   void ParseReplaceField(const std::vector<std::string>& words);
   Section* OpenSection(const std::string& line);
+  static void ReserveData(Section& section, u_int64_t file_bytes);
+  static void TrimData(Section& section);
+  /// Appends a line of words of one or two digits; false when the line is anything else.
+  bool AppendPlainData(std::string_view line, Section& section) const;
   void AppendData(const std::vector<std::string>& words, Section& section) const;
+  void CheckEnd(const Section& section) const;
 
   bool _is_open = false;
   FileType _filetype = UNKNOWN_FILE;

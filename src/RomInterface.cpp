@@ -56,18 +56,6 @@ void AppendHex(std::string& text, u_int64_t value, std::size_t digits = 0) {
   text.append(buffer, length);
 }
 
-/// What a hexadecimal digit is worth; more than 15 for any other character.
-constexpr auto DIGITS = [] {
-  std::array<u_int8_t, 256> digits{};
-  digits.fill(0xFF);
-  for (u_int8_t i = 0; i < 10; ++i) digits[static_cast<u_int8_t>('0' + i)] = i;
-  for (u_int8_t i = 0; i < 6; ++i) {
-    digits[static_cast<u_int8_t>('a' + i)] = static_cast<u_int8_t>(10 + i);
-    digits[static_cast<u_int8_t>('A' + i)] = static_cast<u_int8_t>(10 + i);
-  }
-  return digits;
-}();
-
 /// Gathers data from an element as servers usually write it, "ACK {data 0x1} {data 0x2}": one blank
 /// between all, "0x" and at most 8 digits. False, and `out` as it was, when anything else stands in
 /// it.
@@ -88,7 +76,7 @@ bool GatherPlainData(std::string_view element, DataVec& out, bool bsn) {
     u_int32_t value = 0;
     std::size_t digits = 0;
     for (; at < element.size() && digits <= MOST_DIGITS; ++at, ++digits) {
-      const u_int8_t digit = DIGITS[static_cast<u_int8_t>(element[at])];
+      const u_int8_t digit = HexDigit(element[at]);
       if (digit > 15) break;
       value = value << 4 | digit;
     }

@@ -4,6 +4,7 @@
 
 #include <regex.h>
 
+#include <array>
 #include <cstdarg>
 #include <list>
 #include <map>
@@ -29,6 +30,19 @@ std::string next_token(std::string& s, const char* delimiters);
 /// "0x" in front included), cut to 32 bits. False when anything is left over, or when there is
 /// nothing but a word that strtoul cannot begin on; an empty word reads as 0.
 bool ParseNumber(const std::string& word, int base, u_int32_t& value);
+
+inline constexpr auto HEX_DIGITS = [] {
+  std::array<u_int8_t, 256> digits{};
+  digits.fill(0xFF);
+  for (u_int8_t i = 0; i < 16; ++i) {
+    digits[static_cast<u_int8_t>("0123456789abcdef"[i])] = i;
+    digits[static_cast<u_int8_t>("0123456789ABCDEF"[i])] = i;
+  }
+  return digits;
+}();
+
+/// What a hexadecimal digit is worth; more than 15 for any other character.
+constexpr u_int8_t HexDigit(char c) { return HEX_DIGITS[static_cast<u_int8_t>(c)]; }
 
 /// A formatted text, newly allocated with new[]: the caller owns it. Nothing is printed.
 char* vprint(const char* format, va_list args) __attribute__((format(printf, 1, 0)));

@@ -2,6 +2,7 @@
 
 #include "FwImage.h"
 #include "support.h"
+#include "utils.h"
 
 namespace {
 
@@ -451,6 +452,108 @@ TEST_F(FwImageLoadTest, RandomImagesComeThroughTextUnchanged) {
       EXPECT_EQ(image.GetSection(start)->data, data);
     }
   }
+}
+
+/// What one line inside a section A stands for, as it is defined: its bytes go to `data`. Returns
+/// the error that it ends the loading with, and "END" where it ends the section.
+std::string LineByDefinition(std::string line, DataVec& data) {
+  line = line.substr(0, line.find('\0'));
+  const std::size_t first = line.find_first_not_of(" \t");
+  if (first == std::string::npos || line[first] == '#' || line[first] == '\n') return "";
+  std::vector<std::string> words;
+  std::string word;
+  for (const char c : line + " ") {
+    if (c != ' ' && c != '\n') {
+      word += c;
+    } else if (!word.empty()) {
+      words.push_back(std::exchange(word, ""));
+    }
+  }
+  if (words[0] == "END") {
+    if (words.size() != 2) return ": Wrong END section format - Sector name expected.";
+    if (words[1] == "A") return "END";
+    return ": END Section name (" + words[1] + ") differs from start section name (A).";
+  }
+  if (words.size() % 4 != 0) return ": Section data line must have multiple of 4 bytes.";
+  for (const std::string& digits : words) {
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(digits.c_str(), &end, 16);
+    if (*end != '\0') return ": Data byte (" + digits + ") contains invalid characters";
+    data.push_back(static_cast<u_int8_t>(value));
+  }
+  return "";
+}
+
+TEST_F(FwImageLoadTest, UsualAndUnusualDataLinesGiveTheBytesThatTheyAreDefinedToGive) {
+  const unsigned seed = 1023;
+  SCOPED_TRACE(seed);
+  TestRng rng(seed);
+  const std::string words[] = {"1",
+                               "a",
+                               "F",
+                               "12",
+                               "fE",
+                               "0",
+                               "00",
+                               "123",
+                               "0x1F",
+                               "0X",
+                               "+1",
+                               "-1",
+                               "g",
+                               "1g",
+                               "\t",
+                               "1\t",
+                               "0xg",
+                               "END",
+                               "FFFFFFFFFFFFFFFFFFFFF",
+                               "#",
+                               "\r"};
+  int refused = 0;
+  for (int round = 0; round < 5000; ++round) {
+    std::string line;
+    const bool is_plain = rng() % 2 == 0;
+    for (std::size_t n = rng() % 10; n > 0; --n) {
+      line += std::string(rng() % 3 == 0 ? 2 : 1, ' ') +
+              words[rng() % (is_plain ? 7 : std::size(words))];
+    }
+    if (rng() % 2 == 0 && !line.empty()) line.erase(0, 1);
+    if (rng() % 20 == 0) line.insert(rng() % (line.size() + 1), 1, '\0');
+    line += "\n";
+    DataVec expected = Hex("01020304");
+    const std::string error = LineByDefinition(line, expected);
+    const std::string file = File("START A 0 0\n1 2 3 4\n" + line + "1 2 3 4\n");
+    FwImage image;
+    const std::string got = ErrorOf([&] { image.Open(file.c_str(), READ); });
+    if (error.starts_with(":")) {
+      ASSERT_EQ(got, file + ":3" + error) << line;
+      ++refused;
+      continue;
+    }
+    if (error.empty()) expected << Hex("01020304");
+    ASSERT_EQ(got, "(no error)") << line;
+    ASSERT_EQ(image.GetSection(0)->data, expected) << line;
+  }
+  EXPECT_GT(refused, 500);
+  EXPECT_LT(refused, 4500);
+}
+
+TEST_F(FwImageLoadTest, LastLineNeedsNoEnd) {
+  Load("START A 0 0\n1 2 3 4");
+  EXPECT_EQ(Data(0), Hex("01020304"));
+}
+
+TEST_F(FwImageLoadTest, LongLineIsCutInTheMiddleOfAWord) {
+  std::string line;
+  for (int i = 0; i < 339; ++i) line += "11 ";
+  line += "    22";
+  ASSERT_EQ(line.size(), 1023u);
+  // What was one word "222" ends the first piece and begins the second.
+  const std::string text = "START A 0 0\n" + line + "2 4 5 6\n";
+  Load(text);
+  DataVec expected(339, 0x11);
+  EXPECT_EQ(Data(0), expected << Hex("2202040506"));
+  EXPECT_EQ(ErrorAt(4, text + "1 2 3\n"), ": Section data line must have multiple of 4 bytes.");
 }
 
 }  // namespace
