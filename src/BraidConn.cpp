@@ -231,7 +231,17 @@ BraidResult Socket::Gets(std::string& line) const {
 }
 
 void Socket::WaitReadable() const {
-  const int ready = Wait(_sock, false, &_max_silence);
+  std::chrono::milliseconds left = _max_silence;
+  int ready = 0;
+  if (ConsoleIsPending()) {
+    const auto glance = std::min(left, CONSOLE_DELAY);
+    ready = Wait(_sock, false, &glance);
+    if (ready == 0) {
+      FlushConsole();
+      left -= glance;
+    }
+  }
+  if (ready == 0) ready = Wait(_sock, false, &left);
   if (ready < 0) {
     ThrowError(std::string("Failed remote read: select failed: ") + strerror(errno));
   }

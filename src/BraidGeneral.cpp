@@ -12,6 +12,31 @@ std::ostream& Debug(u_int32_t line, const char* file) {
   return std::cout << "-D- " << UnitName(file) << ":" << std::to_string(line) << ": ";
 }
 
+namespace {
+
+using std::chrono::steady_clock;
+
+steady_clock::time_point g_last_flush;
+bool g_is_pending = false;
+
+}  // namespace
+
+void FlushConsoleSoon() {
+  if (steady_clock::now() - g_last_flush < CONSOLE_DELAY) {
+    g_is_pending = true;
+  } else {
+    FlushConsole();
+  }
+}
+
+bool ConsoleIsPending() { return g_is_pending; }
+
+void FlushConsole() {
+  std::cout.flush();
+  g_is_pending = false;
+  g_last_flush = steady_clock::now();
+}
+
 void ConsolePrintf(const char* format, ...) {
   std::cout.flush();
   va_list args;

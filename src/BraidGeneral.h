@@ -7,6 +7,7 @@
 
 #include <sys/types.h>  // u_int8_t ... u_int64_t
 
+#include <chrono>
 #include <iomanip>
 #include <iostream>
 #include <set>
@@ -77,6 +78,16 @@ std::ostream& Debug(u_int32_t line = __builtin_LINE(), const char* file = __buil
 /// printf to the console, then a flush, so that nothing is lost when the run ends abnormally.
 /// Untouched by the console's base and fill.
 void ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// How late a redrawn line may show up: less than an eye notices.
+inline constexpr std::chrono::milliseconds CONSOLE_DELAY{20};
+
+/// Has what was printed show up within CONSOLE_DELAY: flushes the console, unless that was done a
+/// moment ago. Whoever waits for longer than that calls FlushConsole first.
+void FlushConsoleSoon();
+/// Whether FlushConsoleSoon has left something to be flushed.
+bool ConsoleIsPending();
+void FlushConsole();
 
 /// Prints the failure line of one device, or of the whole run when `guid` is 0. The leading
 /// carriage return overwrites a progress meter. Leaves the console in hexadecimal with fill '0'.

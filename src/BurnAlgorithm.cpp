@@ -202,7 +202,8 @@ BraidResult BurnAlgorithm::PercentProgressMeter::Add(u_int32_t done) {
     std::cout << " OK " << std::endl;
   } else {
     const u_int32_t percent = _progress_max == 0 ? 0 : _current_progress * 100 / _progress_max;
-    std::cout << "%" << std::dec << std::setw(2) << percent << std::flush;
+    std::cout << "%" << std::dec << std::setw(2) << percent;
+    FlushConsoleSoon();
   }
   return BRAID_OK;
 }

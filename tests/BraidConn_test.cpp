@@ -169,6 +169,23 @@ TEST_F(ConnTest, SilenceEndsTheWait) {
             "Failed remote read: timeout while waiting for data from :0.");
 }
 
+TEST_F(ConnTest, ConsoleIsFlushedBeforeALongWaitAndNotBeforeAShortOne) {
+  std::string line;
+  const std::string shown = OutputOf([&] {
+    std::cout << "meter";
+    FlushConsole();
+    while (!ConsoleIsPending()) FlushConsoleSoon();  // the machine may be slow, but not for ever
+    PeerSends("x\n");
+    _client.Gets(line);
+    EXPECT_TRUE(ConsoleIsPending());  // the answer was there
+    _client.SetMaxSilence(2 * CONSOLE_DELAY);
+    EXPECT_EQ(ErrorOf([&] { _client.Gets(line); }),
+              "Failed remote read: timeout while waiting for data from :0.");
+    EXPECT_FALSE(ConsoleIsPending());
+  });
+  EXPECT_EQ(shown, "meter");
+}
+
 TEST_F(ConnTest, EveryByteStartsTheWaitAnew) {
   _client.SetMaxSilence(std::chrono::milliseconds(400));
   std::thread peer([&] {

@@ -1,5 +1,7 @@
 #include "BraidGeneral.h"
 
+#include <thread>
+
 #include "support.h"
 
 namespace {
@@ -90,6 +92,18 @@ TEST_F(BraidGeneralTest, FailedAssertionStopsTheProgramAndShowsItsExpression) {
 
 TEST_F(BraidGeneralTest, HoldingAssertionDoesNothing) {
   EXPECT_EQ(OutputOf([] { ASSERT_ALWAYS(1 + 1 == 2); }), "");
+}
+
+TEST_F(BraidGeneralTest, RedrawnLinesAreFlushedNowAndThenOnly) {
+  OutputOf([] {
+    std::this_thread::sleep_for(CONSOLE_DELAY);
+    FlushConsoleSoon();
+    EXPECT_FALSE(ConsoleIsPending());
+    while (!ConsoleIsPending()) FlushConsoleSoon();  // the machine may be slow, but not for ever
+    std::this_thread::sleep_for(CONSOLE_DELAY);
+    FlushConsoleSoon();
+    EXPECT_FALSE(ConsoleIsPending());
+  });
 }
 
 }  // namespace
