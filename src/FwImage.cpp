@@ -422,8 +422,8 @@ BraidResult FwImage::LoadImg(const char* file_name) {
 void FwImage::ReserveData(Section& section, u_int64_t file_bytes) {
   // A section may be all that comes: growing step by step would hold it twice for a while. Room
   // that is not used costs nothing.
-  constexpr u_int64_t BYTE_WORD = 3;  // two digits and a blank
-  section.data.reserve(static_cast<std::size_t>(file_bytes / BYTE_WORD));
+  constexpr u_int64_t SHORTEST_WORD = 2;  // one digit and a blank
+  section.data.reserve(static_cast<std::size_t>(file_bytes / SHORTEST_WORD));
 }
 
 void FwImage::TrimData(Section& section) {

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 
 using BraidConn::Response;
 
@@ -94,10 +96,45 @@ bool GatherPlainData(std::string_view element, DataVec& out, bool bsn) {
 
 /// The big-endian word at the front of `bytes`; bytes that are not there read as erased memory.
 u_int32_t FirstWord(std::span<const u_int8_t> bytes) {
+  if (bytes.size() >= WORD_SIZE) {
+    return u_int32_t{bytes[0]} << 24 | u_int32_t{bytes[1]} << 16 | u_int32_t{bytes[2]} << 8 |
+           bytes[3];
+  }
   u_int32_t word = 0;
   for (std::size_t i = 0; i < WORD_SIZE; ++i)
     word = word << 8 | (i < bytes.size() ? bytes[i] : 0xFF);
   return word;
+}
+
+constexpr auto HEX_PAIRS = [] {
+  std::array<std::array<char, 2>, 256> pairs{};
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    pairs[i] = {"0123456789abcdef"[i / 16], "0123456789abcdef"[i % 16]};
+  }
+  return pairs;
+}();
+
+/// Appends the first `size` bytes of `data` as words, each "0x", its digits and a blank. This is
+/// most of what a burn sends.
+void AppendWords(std::string& text, std::span<const u_int8_t> data, std::size_t size) {
+  constexpr std::size_t LONGEST = 11;  // "0x", 8 digits, a blank
+  const std::size_t before = text.size();
+  text.resize(before + (size + WORD_SIZE - 1) / WORD_SIZE * LONGEST);
+  char* next = text.data() + before;
+  for (std::size_t done = 0; done < size; done += WORD_SIZE) {
+    const u_int32_t word = FirstWord(data.subspan(done));
+    char digits[8];
+    for (int i = 0; i < 4; ++i) {
+      std::memcpy(digits + 2 * i, HEX_PAIRS[word >> (24 - 8 * i) & 0xFF].data(), 2);
+    }
+    const auto zeros = static_cast<std::size_t>(std::countl_zero(word | 1) / 4);
+    *next++ = '0';
+    *next++ = 'x';
+    std::memcpy(next, digits + zeros, sizeof(digits) - zeros);
+    next += sizeof(digits) - zeros;
+    *next++ = ' ';
+  }
+  text.resize(static_cast<std::size_t>(next - text.data()));
 }
 
 }  // namespace
@@ -452,10 +489,7 @@ BraidResult RemoteRomInterface::GenRwRequest(OpType op, u_int32_t addr, u_int32_
   AppendHex(req, loc.offset);
   req += " ";
   if (op != WRITE) return BRAID_OK;
-  for (std::size_t done = 0; done < size; done += WORD_SIZE) {
-    AppendHex(req, FirstWord(data.subspan(done)));
-    req += " ";
-  }
+  AppendWords(req, data, size);
   return BRAID_OK;
 }
 
