@@ -528,6 +528,29 @@ TEST_F(Rv52100Test, GroupThatHasLostItsOnlyDeviceIsBurntForNobody) {
   EXPECT_TRUE(Holds(LEAF2, After(OldFlash(NOT_VALID, VALID), SlotSteps(0))));
 }
 
+TEST_F(Rv52100Test, MoveThatFailsLeavesTheNextDevicesMoveItsErase) {
+  // What was erased for the device that is gone must not count as erased for the next one.
+  const Contents flash = OldFlash(NOT_VALID, VALID, IN_THE_WAY);
+  const std::pair<std::string, u_int32_t> cases[] = {
+      {"Read", 7},        {"Read", 8},  {"Write", 1}, {"EraseSector", 1}, {"Write", 2},
+      {"EraseSector", 2}, {"Write", 3}, {"Write", 4}, {"Write", 5},       {"Write", 6},
+  };
+  for (const auto& [command, nth] : cases) {
+    SCOPED_TRACE(command + " " + std::to_string(nth));
+    Serve();
+    Load(PlainImage());
+    AddDevice(LEAF1, flash);
+    AddDevice(LEAF2, flash);
+    OpenAll();
+    Refuse(LEAF1, command, nth);
+    Go();
+    EXPECT_TRUE(Holds(LEAF2, After(flash, MoveSteps() + SlotSteps(1))));
+    // Whatever its copy came to, the failed one has its original.
+    EXPECT_EQ(MemoryOf(_fabric, LEAF1, 0, 0x400, 264), OldRecord(IN_THE_WAY, OLD_SIZE, VALID));
+    EXPECT_EQ(MemoryOf(_fabric, LEAF1, 0, 0x800, OLD_SIZE), DataVec(OLD_SIZE, 0xC1));
+  }
+}
+
 TEST_F(Rv52100Test, EraseThatFailsRightAfterAnothersWriteReportsThatOneAgainAndEndsTheRun) {
   // An erase leaves the results of the write before it, and their errors, in place.
   AddDevice(LEAF1, OldFlash(VALID, NOT_VALID));
