@@ -734,7 +734,11 @@ BraidResult RemoteFlashInterface::Write(u_int32_t addr, const DataVec& data, boo
 }
 
 BraidResult RemoteFlashInterface::Erase(u_int32_t addr, u_int32_t size) {
-  if (_active_devs.empty()) return InitResults();
+  if (_active_devs.empty()) {
+    // The devices that come next have erased nothing yet.
+    _last_erase_address = NO_ERASE_YET;
+    return InitResults();
+  }
   if (size == 0) return BRAID_OK;
   if (_sector_size == 0) {
     ThrowError(Text("RemoteFlashInterface::Erase() : Can't erase address ", std::hex, addr,
