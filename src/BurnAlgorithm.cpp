@@ -534,6 +534,12 @@ BraidResult RV61300FailsafeBurn::BurnImage(FwImage& image, u_int32_t image_idx) 
 
   ASSERT_ALWAYS(first.data.size() >= HELD_BACK);
   const DataVec held_back(first.data.begin(), first.data.begin() + HELD_BACK);
+  // However the burn ends, the image in memory is as it was: a second burn would spoil it twice.
+  struct Restorer {
+    ~Restorer() { std::copy(held_back.begin(), held_back.end(), data.begin()); }
+    const DataVec& held_back;
+    DataVec& data;
+  } const restorer{held_back, first.data};
   // Not valid while it is incomplete.
   first.data[SPOILT_BYTE] = static_cast<u_int8_t>(first.data[SPOILT_BYTE] + SPOIL_BY);
   {
@@ -547,7 +553,6 @@ BraidResult RV61300FailsafeBurn::BurnImage(FwImage& image, u_int32_t image_idx) 
     const MeterLoan loan(_burn_if, meter);
     _burn_if.Write(delta + first.addr, held_back, true);
   }
-  std::copy(held_back.begin(), held_back.end(), first.data.begin());
   return BRAID_OK;
 }
 
