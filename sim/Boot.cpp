@@ -11,6 +11,7 @@ namespace sim {
 
 namespace {
 
+// The boot code's own idea of them: what the burn takes them for is on trial.
 constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
 constexpr u_int32_t PS_SIGNATURE_OFFSET = 8;
 constexpr u_int32_t PS_CRC_OFFSET = 260;
@@ -55,6 +56,9 @@ std::string Describe(const BootVerdict& verdict) {
 }
 
 BootLayout::BootLayout(const FwImage& image, u_int32_t sector) : sector_size(sector) {
+  if (image.DevType() == RV61100 || image.DevType() == DEV_UNKNOWN) {
+    ThrowError(image.GetFileName() + " is for a device without two image slots");
+  }
   has_pointer_sectors = image.DevType() != RV61300;
   for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
     records[slot] = has_pointer_sectors ? image.GetPsAddr(slot) : image.GetImageAddr(slot);
@@ -82,9 +86,12 @@ DataVec LinearMemory(const Device& device, const FwImage::Conv& conv) {
 BootJudge::BootJudge(const BootLayout& layout, DataVec memory)
     : _layout(layout), _memory(std::move(memory)) {}
 
-DataVec BootJudge::Part(const DataVec& memory, u_int32_t addr, u_int32_t size) const {
-  const auto start = memory.begin() + addr;
-  return DataVec(start, start + size);
+DataVec BootJudge::Part(const DataVec& memory, u_int64_t addr, u_int64_t size) {
+  if (addr + size > memory.size()) {
+    ThrowError(Text("The image's slots lie past the ", memory.size(), " bytes of its device map"));
+  }
+  const auto start = memory.begin() + static_cast<std::ptrdiff_t>(addr);
+  return DataVec(start, start + static_cast<std::ptrdiff_t>(size));
 }
 
 u_int32_t BootJudge::Word(const DataVec& memory, u_int32_t addr) const {
@@ -94,6 +101,7 @@ u_int32_t BootJudge::Word(const DataVec& memory, u_int32_t addr) const {
 
 void BootJudge::Add(Known known) {
   for (const auto& [addr, bytes] : known.ranges) {
+    if (!Fits(addr, bytes.size())) return;  // another image's device map: never whole in this one
     for (std::size_t i = 0; i < bytes.size(); ++i) {
       if (_memory[addr + i] != bytes[i]) ++known.wrong;
     }
@@ -105,12 +113,12 @@ void BootJudge::KnowPresentImages() {
   for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
     if (!IsValid(slot)) continue;
     if (!_layout.has_pointer_sectors) {
-      // A slot reaches as far as the next one begins.
-      const u_int32_t start = _layout.records[slot];
-      const u_int64_t end = std::min<u_int64_t>(
-          u_int64_t{start} + _layout.records[1] - _layout.records[0], _memory.size());
+      // A slot reaches as far as the other one begins, or to the end.
+      const u_int64_t start = _layout.records[slot];
+      const u_int64_t other = _layout.records[1 - slot];
+      const u_int64_t end = other > start ? other : _memory.size();
       const auto size = static_cast<u_int32_t>(end - start);
-      Add({slot, SlotState::OLD, 0, 0, {{start, Part(_memory, start, size)}}});
+      Add({slot, SlotState::OLD, 0, 0, {{_layout.records[slot], Part(_memory, start, size)}}});
       continue;
     }
     const u_int32_t addr = Word(_memory, _layout.records[slot]);
@@ -119,6 +127,9 @@ void BootJudge::KnowPresentImages() {
     Add({slot, SlotState::OLD, addr, size, {{addr, Part(_memory, addr, size)}}});
     if (slot == 1) AddMoved(SlotState::OLD, _memory, addr, size);
   }
+}
+
+void BootJudge::KnowPresentInvariantSector() {
   if (HasSector(_layout)) {
     Add({INVARIANT, SlotState::OLD, 0, 0, {{0, Part(_memory, 0, _layout.sector_size)}}});
   }
@@ -131,30 +142,52 @@ void BootJudge::AddMoved(SlotState state, const DataVec& memory, u_int32_t addr,
   }
 }
 
-void BootJudge::KnowNewImage(const FwImage& image, const DataVec& memory, u_int32_t slot) {
-  Known known{slot, SlotState::NEW, 0, 0, {}};
+void BootJudge::KnowImage(const FwImage& image, const DataVec& memory, u_int32_t slot,
+                          SlotState state) {
+  Known known{slot, state, 0, 0, {}};
   std::vector<u_int32_t> addrs;
   image.GetImageSectionsAddr(addrs);
   for (const u_int32_t addr : addrs) {
     const u_int32_t at = addr - image.GetImageAddr(0) + image.GetImageAddr(slot);
-    const auto size = static_cast<u_int32_t>(image.GetSection(addr)->data.size());
-    if (Fits(at, size)) known.ranges.emplace_back(at, Part(memory, at, size));
+    known.ranges.emplace_back(at, Part(memory, at, image.GetSection(addr)->data.size()));
   }
   if (_layout.has_pointer_sectors) {
-    known.addr = Word(memory, _layout.records[slot]);
-    known.size = Word(memory, _layout.records[slot] + 4);
-    if (!Fits(known.addr, known.size)) return;
+    const DataVec record = Part(memory, _layout.records[slot], PS_RECORD_SIZE);
+    known.addr = Word(record, 0);
+    known.size = Word(record, 4);
     known.ranges.emplace_back(known.addr, Part(memory, known.addr, known.size));
-    if (slot == 1) AddMoved(SlotState::NEW, memory, known.addr, known.size);
+    if (slot == 1) AddMoved(state, memory, known.addr, known.size);
   }
   Add(std::move(known));
   if (HasSector(_layout)) {
-    Add({INVARIANT, SlotState::NEW, 0, 0, {{0, Part(memory, 0, _layout.sector_size)}}});
+    Add({INVARIANT, state, 0, 0, {{0, Part(memory, 0, _layout.sector_size)}}});
   }
 }
 
-void BootJudge::CallKnownOld() {
-  for (Known& known : _known) known.state = SlotState::OLD;
+void BootJudge::KnowImageFile(const Device& device, const std::string& file, SlotState state) {
+  FwImage image;
+  {
+    const QuietConsole quiet;
+    image.Open(file.c_str(), READ);
+  }
+  if (BootLayout(image, _layout.sector_size) != _layout) {
+    ThrowError(file + " keeps its slots elsewhere");
+  }
+  const auto& conv = *static_cast<const FwImage::Conv*>(image.GetAddressConvertor());
+  const auto know = [&](const ImagePart& part, u_int32_t slot) {
+    Fabric scratch;
+    scratch.CopyDevice(device);
+    scratch.Find(device.node_guid)->has_power = true;
+    try {
+      BurnInto(scratch, device.node_guid, file, part);
+      KnowImage(image, LinearMemory(*scratch.Find(device.node_guid), conv), slot, state);
+    } catch (const BraidError&) {
+      // What does not fit there is never whole there.
+    }
+  };
+  for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot)
+    know({.slot = slot, .is_valid = true}, slot);
+  know({}, 0);
 }
 
 void BootJudge::Set(u_int32_t addr, u_int8_t byte) {
@@ -174,6 +207,12 @@ void BootJudge::Set(u_int32_t addr, u_int8_t byte) {
   }
 }
 
+bool BootJudge::IsSigned(u_int32_t slot) const {
+  const u_int32_t record = _layout.records[slot];
+  return _layout.has_pointer_sectors && Fits(record, PS_RECORD_SIZE) &&
+         Word(_memory, record + PS_SIGNATURE_OFFSET) == VALID_SIGNATURE;
+}
+
 bool BootJudge::IsValid(u_int32_t slot) const {
   if (_is_judged[slot]) return _is_valid[slot];
   _is_judged[slot] = true;
@@ -181,8 +220,7 @@ bool BootJudge::IsValid(u_int32_t slot) const {
   is_valid = false;
   const u_int32_t record = _layout.records[slot];
   if (_layout.has_pointer_sectors) {
-    if (!Fits(record, PS_RECORD_SIZE)) return false;
-    if (Word(_memory, record + PS_SIGNATURE_OFFSET) != VALID_SIGNATURE) return false;
+    if (!IsSigned(slot)) return false;
     Crc16 crc(false);
     for (u_int32_t i = 0; i < PS_CRC_OFFSET; i += 4) crc << Word(_memory, record + i);
     crc.finish();
@@ -219,50 +257,38 @@ BootVerdict BootJudge::Verdict() const {
   return verdict;
 }
 
-BootVerdict JudgeByImages(const Fabric& fabric, Guid guid, const std::vector<std::string>& images) {
-  const Device& device = *fabric.Find(guid);
-  const u_int32_t sector_size = device.chips.begin()->second.SectorSize();
-  std::optional<BootLayout> layout;
-  std::optional<BootJudge> judge;
-  for (const std::string& file : images) {
-    FwImage image;
-    {
-      const QuietConsole quiet;
-      image.Open(file.c_str(), READ);
-    }
-    const auto& conv = *static_cast<const FwImage::Conv*>(image.GetAddressConvertor());
-    const BootLayout its_layout(image, sector_size);
-    if (!layout) {
-      layout = its_layout;
-      judge.emplace(*layout, LinearMemory(device, conv));
-    } else if (its_layout != *layout) {
-      ThrowError(file + " keeps its slots elsewhere than " + images.front());
-    }
-    judge->CallKnownOld();
-    for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-      Fabric scratch;
-      scratch.CopyDevice(device);
-      scratch.Find(guid)->has_power = true;
-      try {
-        BurnInto(scratch, guid, file, {.slot = slot, .is_valid = true});
-      } catch (const BraidError&) {
-        continue;  // an image that does not fit into a slot is never whole there
-      }
-      judge->KnowNewImage(image, LinearMemory(*scratch.Find(guid), conv), slot);
-    }
+namespace {
+
+BootVerdict JudgeByImages(const Device& device, const std::vector<std::string>& images) {
+  if (device.images.empty() && images.empty()) ThrowError("no image to judge it by");
+  FwImage image;
+  {
+    const QuietConsole quiet;
+    image.Open((images.empty() ? device.images : images).back().c_str(), READ);
   }
-  if (!judge) ThrowError("no image to judge it by");
-  return judge->Verdict();
+  BootJudge judge(
+      BootLayout(image, device.chips.begin()->second.SectorSize()),
+      LinearMemory(device, *static_cast<const FwImage::Conv*>(image.GetAddressConvertor())));
+  for (const std::string& file : device.images) judge.KnowImageFile(device, file, SlotState::OLD);
+  for (const std::string& file : images) {
+    judge.KnowImageFile(device, file, file == images.back() ? SlotState::NEW : SlotState::OLD);
+  }
+  return judge.Verdict();
 }
 
-std::string BootReport(const Fabric& fabric, const std::vector<std::string>& new_images) {
+}  // namespace
+
+std::string BootReport(const Fabric& fabric, const std::vector<std::string>& images) {
   std::string report;
   for (const auto& [guid, device] : fabric.Devices()) {
-    std::vector<std::string> images = device.images;
-    images.insert(images.end(), new_images.begin(), new_images.end());
     report += HexGuid(guid) + " ";
     try {
-      report += Describe(JudgeByImages(fabric, guid, images));
+      const BootVerdict verdict = JudgeByImages(device, images);
+      if (images.empty() && std::ranges::count(verdict.slots, SlotState::BROKEN) > 0) {
+        report += "not judged: it holds an image that nobody has told of";
+      } else {
+        report += Describe(verdict);
+      }
     } catch (const BraidError& error) {
       report += "not judged: " + error.Des();
     }

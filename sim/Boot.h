@@ -55,14 +55,18 @@ class BootJudge {
  public:
   BootJudge(const BootLayout& layout, DataVec memory);
 
-  /// Takes every slot that is valid now, and the invariant sector, for whole old ones. A second
-  /// image that was moved into the first slot is as whole as it was, here and below.
+  /// Takes every slot that is valid now for a whole old image. A second image that was moved into
+  /// the first slot is as whole as it was, here and below.
   void KnowPresentImages();
-  /// Takes what `memory` holds in `slot` at the places of `image`'s sections for the whole new one.
-  void KnowNewImage(const FwImage& image, const DataVec& memory, u_int32_t slot);
-
-  /// What was known as new so far counts as old from here on.
-  void CallKnownOld();
+  /// Takes the invariant sector as it is now for whole.
+  void KnowPresentInvariantSector();
+  /// Takes what `memory` holds in `slot` at the places of `image`'s sections, and in the invariant
+  /// sector, for whole. Throws BraidError when the memory does not reach that far.
+  void KnowImage(const FwImage& image, const DataVec& memory, u_int32_t slot, SlotState state);
+  /// All that burning an image file can make of the device: into either slot, and as a burn that is
+  /// not failsafe leaves it. What does not fit is never whole. Throws BraidError when the image
+  /// keeps its slots elsewhere than this judge looks.
+  void KnowImageFile(const Device& device, const std::string& file, SlotState state);
 
   const DataVec& Memory() const { return _memory; }
   void Set(u_int32_t addr, u_int8_t byte);
@@ -70,6 +74,8 @@ class BootJudge {
   BootVerdict Verdict() const;
   /// Whether the boot code would take the slot for valid.
   bool IsValid(u_int32_t slot) const;
+  /// Whether its pointer sector bears a signature, which is all that a burn looks at.
+  bool IsSigned(u_int32_t slot) const;
 
  private:
   /// Bytes that together are one whole image in one slot.
@@ -87,7 +93,7 @@ class BootJudge {
   void Add(Known known);
   void AddMoved(SlotState state, const DataVec& memory, u_int32_t addr, u_int32_t size);
   bool Fits(u_int64_t addr, u_int64_t size) const { return addr + size <= _memory.size(); }
-  DataVec Part(const DataVec& memory, u_int32_t addr, u_int32_t size) const;
+  static DataVec Part(const DataVec& memory, u_int64_t addr, u_int64_t size);
   u_int32_t Word(const DataVec& memory, u_int32_t addr) const;
 
   BootLayout _layout;
@@ -98,12 +104,9 @@ class BootJudge {
   mutable std::array<bool, FwImage::SLOTS> _is_valid{};
 };
 
-/// Judges a device by image files that it may run: whole is what burning one of them into a slot
-/// gives. The last file counts as the new image. Throws BraidError.
-BootVerdict JudgeByImages(const Fabric& fabric, Guid guid, const std::vector<std::string>& images);
-
-/// A line for each device: whether it boots, judged by the images that it was filled with and then
-/// `new_images`, files that may have been burnt since; or why that cannot be told.
-std::string BootReport(const Fabric& fabric, const std::vector<std::string>& new_images);
+/// A line for each device: whether it boots, judged by the images that it was filled with and by
+/// `images`, files that may have been burnt since, the last of them the new one; or why that cannot
+/// be told.
+std::string BootReport(const Fabric& fabric, const std::vector<std::string>& images);
 
 }  // namespace sim

@@ -1,14 +1,18 @@
 #include "Rehearsal.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <charconv>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <numeric>
 #include <stdexcept>
 #include <thread>
@@ -100,8 +104,12 @@ void ApplyCut(const LoggedOperation& operation, bool is_flash, const Cut& cut, u
 /// How a run of the burner ended.
 struct Run {
   bool is_well = false;
+  int signal = 0;  ///< that ended it
   std::string console;
 };
+
+/// Longest silence of a burner, which itself waits half as long for a server.
+constexpr std::chrono::seconds MAX_SILENCE{60};
 
 /// Runs the burner against a fabric served in this process.
 class Burner {
@@ -118,7 +126,9 @@ class Burner {
   Run Burn(Fabric& fabric, std::atomic<std::size_t>& requests, std::size_t kill_after = 0) const {
     std::atomic<pid_t> pid{0};
     Server server(fabric, "127.0.0.1", 0, [&](const std::string&, const std::string&) {
-      if (++requests == kill_after && pid != 0) kill(pid, SIGKILL);
+      if (++requests != kill_after) return;
+      while (pid == 0) std::this_thread::yield();  // it has a request out: it is just being started
+      kill(pid, SIGKILL);
     });
     std::thread serving([&] { server.Run(); });
     std::vector<std::string> words = {
@@ -145,6 +155,7 @@ class Burner {
     av.push_back(nullptr);
     int output[2];
     if (pipe2(output, O_CLOEXEC) < 0) throw std::runtime_error("can't make a pipe");
+    fcntl(output[0], F_SETFL, O_NONBLOCK);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
@@ -157,18 +168,41 @@ class Burner {
       throw std::runtime_error("can't run " + words[0] + ": " + strerror(failure));
     }
     shown_pid = pid;
-    Run run;
-    char block[4096];
-    ssize_t got = 0;
-    while ((got = read(output[0], block, sizeof(block))) > 0) {
-      run.console.append(block, static_cast<std::size_t>(got));
-    }
+    const Run run = Watch(pid, output[0]);
     close(output[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    run.is_well = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     return run;
   }
+
+  /// Follows the burner to its end, and ends it when it hangs.
+  static Run Watch(pid_t pid, int output) {
+    Run run;
+    auto last_word = std::chrono::steady_clock::now();
+    int status = 0;
+    for (bool has_ended = false; !has_ended;) {
+      pollfd waiting{output, POLLIN, 0};
+      poll(&waiting, 1, 50);
+      has_ended = waitpid(pid, &status, WNOHANG) == pid;
+      char block[4096];
+      for (ssize_t got; (got = read(output, block, sizeof(block))) > 0;) {
+        last_word = std::chrono::steady_clock::now();
+        run.console.append(block, static_cast<std::size_t>(got));
+        // What matters is how it began and how it ended.
+        if (run.console.size() > 2 * MOST_CONSOLE) {
+          run.console.erase(MOST_CONSOLE / 2, run.console.size() - MOST_CONSOLE);
+        }
+      }
+      if (!has_ended && std::chrono::steady_clock::now() - last_word > MAX_SILENCE) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        throw std::runtime_error("the burner hangs");
+      }
+    }
+    run.is_well = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (WIFSIGNALED(status)) run.signal = WTERMSIG(status);
+    return run;
+  }
+
+  static constexpr std::size_t MOST_CONSOLE = std::size_t{1} << 20;
 
   const RehearsalOptions& _options;
   std::string _guids;
@@ -204,34 +238,28 @@ class Rehearsal {
       const QuietConsole quiet;
       _image.Open(_options.image_file.c_str(), READ);
     }
+    GuidSet guids;  // a device may be named by each of its GUIDs
     for (const Guid guid : _options.guids) {
       const Device* device = _initial.Find(guid);
-      if (device == nullptr)
-        throw std::runtime_error(Text("the fabric has no device 0x", std::hex, guid));
-      _guids.push_back(device->node_guid);
+      if (device == nullptr) throw std::runtime_error("the fabric has no device " + HexGuid(guid));
+      guids.insert(device->node_guid);
     }
     if (_options.guids.empty()) {
-      for (const auto& [guid, device] : _initial.Devices()) _guids.push_back(guid);
+      for (const auto& [guid, device] : _initial.Devices()) guids.insert(guid);
     }
-    if (_guids.empty()) throw std::runtime_error("the fabric has no devices");
+    _guids.assign(guids.begin(), guids.end());
     _report.devices = _guids.size();
     for (const Guid guid : _guids) {
-      // What each slot must hold once the image is in it: not taken from the burn that is on trial.
-      for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-        Fabric scratch;
-        scratch.CopyDevice(*_initial.Find(guid));
-        try {
-          BurnInto(scratch, guid, _options.image_file, {.slot = slot, .is_valid = true});
-        } catch (const BraidError&) {
-          continue;  // it does not fit there: the burn on trial will tell whether it must
-        }
-        _expected[guid][slot] = LinearMemory(*scratch.Find(guid), Conv());
-      }
-      if (const BootVerdict verdict = JudgeOf(guid).Verdict(); !verdict.Boots()) {
-        ++_report.unbootable_at_start;
-        AddException({guid, 0, 0, 0, "", "before the burn", Describe(verdict),
-                      "nothing can be lost, and a failsafe burn leaves the device as it is"});
-      }
+      const BootJudge judge = MakeJudge(*_initial.Find(guid));
+      const BootVerdict verdict = judge.Verdict();
+      _judges.emplace(guid, judge);
+      if (verdict.Boots()) continue;
+      _unbootable.insert(guid);
+      ++_report.unbootable_at_start;
+      AddException({.device = guid,
+                    .step = "before the burn",
+                    .state = Describe(verdict),
+                    .reason = "there is nothing to lose"});
     }
   }
 
@@ -239,22 +267,27 @@ class Rehearsal {
     return *static_cast<const FwImage::Conv*>(_image.GetAddressConvertor());
   }
 
-  /// A judge over a device as it was before the burn.
-  BootJudge JudgeOf(Guid guid) {
-    const Device& device = *_initial.Find(guid);
+  /// A judge over a device as it was before the burn. What is whole comes from the image files
+  /// themselves where the fabric file names them, and not from the burn that is on trial.
+  BootJudge MakeJudge(const Device& device) {
     BootJudge judge(BootLayout(_image, device.chips.begin()->second.SectorSize()),
                     LinearMemory(device, Conv()));
-    judge.KnowPresentImages();
-    for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-      if (_expected[guid][slot].empty()) continue;
-      judge.KnowNewImage(_image, _expected[guid][slot], slot);
+    try {
+      for (const std::string& file : device.images) {
+        judge.KnowImageFile(device, file, SlotState::OLD);
+      }
+    } catch (const BraidError&) {
+      judge.KnowPresentImages();  // an image of another make: what is marked valid must do
     }
+    if (device.images.empty()) judge.KnowPresentImages();
+    judge.KnowPresentInvariantSector();
+    judge.KnowImageFile(device, _options.image_file, SlotState::NEW);
     return judge;
   }
 
   /// What a device of another fabric, burnt from the same start, is worth.
   BootVerdict VerdictOn(const Fabric& fabric, Guid guid) {
-    BootJudge judge = JudgeOf(guid);
+    BootJudge judge = _judges.at(guid);
     const DataVec memory = LinearMemory(*fabric.Find(guid), Conv());
     for (u_int32_t addr = 0; addr < memory.size(); ++addr) judge.Set(addr, memory[addr]);
     return judge.Verdict();
@@ -282,19 +315,32 @@ class Rehearsal {
     if (!run.is_well) {
       throw std::runtime_error("the burn itself fails, before any plug is pulled:\n" + run.console);
     }
+    _has_moved = run.console.find("Moving image position") != std::string::npos;
     for (const Guid guid : _guids) {
-      _final[guid] = VerdictOn(fabric, guid);
-      if (StartsUnbootable(guid) || IsAsItShouldEnd(_final[guid])) continue;
-      AddException({guid, Total(), 1, _requests, "", "the end of the burn", Describe(_final[guid]),
-                    _image.DevType() == RV61300
-                        ? "the image's own boot record is not valid in both slots, or a CRC covers "
-                          "its first word"
-                        : "the image as burnt is not a valid new one"});
+      const BootVerdict end = VerdictOn(fabric, guid);
+      if (_unbootable.contains(guid) || IsAsItShouldEnd(end)) continue;
+      _ends_well = false;
+      AddException({.device = guid,
+                    .step = "the end of the burn",
+                    .state = Describe(end),
+                    .reason = ReasonForEnd(guid, end, run.console)});
     }
     Say("burning", 1, 1);
   }
 
-  bool StartsUnbootable(Guid guid) { return !JudgeOf(guid).Verdict().Boots(); }
+  std::string ReasonForEnd(Guid guid, const BootVerdict& end, const std::string& console) const {
+    const std::string failure = "BURN FAILED:" + HexGuid(guid) + ":";
+    if (const std::size_t at = console.find(failure); at != std::string::npos) {
+      const std::size_t text = at + failure.size();
+      return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
+    }
+    if (_image.DevType() != RV61300 || IsGeneric()) return "the image as burnt is no valid new one";
+    return std::ranges::count(end.slots, SlotState::INVALID) > 0
+               ? "the image's own boot record is not valid in each slot"
+               : "a CRC covers the first word of the boot record, which is held back";
+  }
+
+  bool IsGeneric() const { return _report.algorithm == "GenericBurn"; }
 
   /// After a burn one slot of a flash is valid and new, and both of an RV61300.
   bool IsAsItShouldEnd(const BootVerdict& verdict) const {
@@ -338,34 +384,45 @@ class Rehearsal {
   void Sweep(Guid guid) {
     const std::vector<LoggedOperation>& log = _log[guid];
     std::size_t point = _swept;
-    _swept += std::accumulate(
-        log.begin(), log.end(), std::size_t{0},
-        [](std::size_t sum, const auto& operation) { return sum + CutsOf(operation); });
-    if (StartsUnbootable(guid)) return;
-    BootJudge judge = JudgeOf(guid);
+    for (const LoggedOperation& operation : log) _swept += CutsOf(operation);
+    if (_unbootable.contains(guid)) return;
+    BootJudge judge = _judges.at(guid);
     const bool is_flash = _initial.Find(guid)->kind == MemoryKind::FLASH;
-    std::size_t last_bad_operation = SIZE_MAX;
+    BootVerdict last;  // of the point before, where that is an exception
+    bool goes_on = false;
     for (std::size_t i = 0; i < log.size(); ++i) {
       const LoggedOperation& operation = log[i];
-      const u_int32_t base = Linear(operation);
-      const auto addr = [&](u_int32_t offset) { return base + (offset - operation.offset); };
+      const auto held = [&](u_int32_t offset) {
+        const auto addr = LinearOf(operation.chip, offset);
+        return addr ? judge.Memory()[*addr] : u_int8_t{0xFF};
+      };
+      const auto set = [&](u_int32_t offset, u_int8_t byte) {
+        if (const auto addr = LinearOf(operation.chip, offset)) judge.Set(*addr, byte);
+      };
       for (std::size_t n = 0; n < CutsOf(operation); ++n, ++point) {
         const Cut cut = NthCut(operation, i, n);
-        ApplyCut(
-            operation, is_flash, cut, _options.seed,
-            [&](u_int32_t offset) { return judge.Memory()[addr(offset)]; },
-            [&](u_int32_t offset, u_int8_t byte) { judge.Set(addr(offset), byte); });
-        if (_options.at && *_options.at != point) continue;
+        ApplyCut(operation, is_flash, cut, _options.seed, held, set);
+        const bool is_asked = !_options.at || (_options.at->kind == Interruption::POWER &&
+                                               _options.at->place == point);
+        if (!is_asked) continue;
         ++_report.points[cut.kind];
         const BootVerdict verdict = judge.Verdict();
         Count(verdict);
-        if (verdict.Boots()) continue;
-        if (last_bad_operation == i) {
+        if (IsSafe(verdict)) {
+          goes_on = false;
+        } else if (goes_on && last == verdict) {
           ++_report.exceptions.back().points;
-        } else if (AddException({guid, point, 1, operation.request, Command(operation),
-                                 StepAt(addr(operation.offset)), Describe(verdict),
-                                 ReasonFor(guid, verdict)})) {
-          last_bad_operation = i;
+          _report.exceptions.back().last_request = operation.request;
+        } else {
+          goes_on = AddException({.device = guid,
+                                  .first = Moment{Interruption::POWER, point},
+                                  .first_request = operation.request,
+                                  .last_request = operation.request,
+                                  .command = Command(operation),
+                                  .step = StepAt(guid, operation),
+                                  .state = Describe(verdict),
+                                  .reason = ReasonFor(guid, verdict)});
+          last = verdict;
         }
       }
       if (i % 1000 == 0) Say("sweeping", i, log.size());
@@ -373,30 +430,49 @@ class Rehearsal {
     Say("sweeping", log.size(), log.size());
   }
 
+  /// It boots, whichever slot that is marked valid the boot code takes.
+  static bool IsSafe(const BootVerdict& verdict) {
+    return verdict.Boots() && std::ranges::count(verdict.slots, SlotState::BROKEN) == 0;
+  }
+
   void Count(const BootVerdict& verdict) {
     if (!verdict.Boots()) {
       ++_report.unbootable;
-      return;
+    } else if (!IsSafe(verdict)) {
+      ++_report.may_not_boot;
+    } else {
+      ++(verdict.BootsNew() ? _report.boot_new : _report.boot_old);
     }
-    ++(verdict.BootsNew() ? _report.boot_new : _report.boot_old);
-    if (std::ranges::count(verdict.slots, SlotState::BROKEN) > 0) ++_report.valid_but_broken;
   }
 
-  u_int32_t Linear(const LoggedOperation& operation) {
-    return Conv().Convert(EeLoc(operation.offset, operation.chip));
+  /// Where a byte of a chip lies in the image's address space; nothing past its device map.
+  std::optional<u_int32_t> LinearOf(u_int8_t chip, u_int32_t offset) const {
+    const auto& conv =
+        *static_cast<const FwImage::Conv*>(const_cast<FwImage&>(_image).GetAddressConvertor());
+    if (conv._devmap.empty()) return chip == 0 ? std::optional(offset) : std::nullopt;
+    u_int32_t base = 0;
+    for (const EeLoc& mapped : conv._devmap) {
+      if (mapped.dev == chip)
+        return offset < mapped.offset ? std::optional(base + offset) : std::nullopt;
+      base += mapped.offset;
+    }
+    return {};
   }
 
   static std::string Command(const LoggedOperation& operation) {
     return operation.kind == Operation::ERASE ? "erase" : "write";
   }
 
-  /// What lies at an address, in the words of the layout.
-  std::string StepAt(u_int32_t addr) {
-    const u_int32_t sector = _initial.Devices().begin()->second.chips.begin()->second.SectorSize();
+  /// What an operation changes, in the words of the layout.
+  std::string StepAt(Guid guid, const LoggedOperation& operation) {
+    const auto linear = LinearOf(operation.chip, operation.offset);
+    if (!linear) return "what the device map leaves out";
+    const u_int32_t addr = *linear;
+    const u_int32_t sector = _initial.Find(guid)->chips.begin()->second.SectorSize();
     const BootLayout layout(_image, sector);
     for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-      const u_int32_t ps = layout.records[slot];
-      if (layout.has_pointer_sectors && addr >= ps && addr - ps < std::max(sector, 264u)) {
+      const u_int32_t record = layout.records[slot];
+      if (layout.has_pointer_sectors && addr >= record && addr - record < sector) {
         return Text("pointer sector ", slot, " at 0x", std::hex, addr);
       }
     }
@@ -407,21 +483,36 @@ class Rehearsal {
     return Text("image slot ", slot, " at 0x", std::hex, addr);
   }
 
-  std::string ReasonFor(Guid guid, const BootVerdict& verdict) {
+  std::string ReasonFor(Guid guid, const BootVerdict& verdict) const {
+    if (IsGeneric()) return "a burn that is not failsafe writes over what boots";
     if (!verdict.invariant_is_whole) {
       return "the invariant sector is rewritten: there is only one of it";
     }
-    const BootJudge before = JudgeOf(guid);
+    const BootJudge& before = _judges.at(guid);
+    const BootVerdict start = before.Verdict();
+    if (std::ranges::count(start.slots, SlotState::BROKEN) > 0) {
+      return "a slot was marked valid before the burn, and its image was not whole";
+    }
     if (_image.DevType() != RV61300) {
-      if (verdict.slots[1] == SlotState::BROKEN && !before.IsValid(0)) {
+      for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
+        if (before.IsSigned(slot) && !before.IsValid(slot)) {
+          return "a record bore a signature before the burn, and its CRC was wrong: a burn goes by "
+                 "the signature";
+        }
+      }
+      if (_has_moved && verdict.slots[1] == SlotState::BROKEN) {
         return "the copy of the second image overlaps the second image, the only valid one";
       }
-      if (verdict.slots[0] == SlotState::BROKEN && before.IsValid(0)) {
+      if (verdict.slots[0] == SlotState::BROKEN && start.slots[0] != SlotState::INVALID) {
         return "the old first image reaches into the second slot";
       }
-    } else if (!IsAsItShouldEnd(_final[guid])) {
-      return "the image's own boot record is not valid in both slots, or a CRC covers its first "
-             "word";
+      if (verdict.slots[1] == SlotState::BROKEN) {
+        return "the new first image reaches into the second slot";
+      }
+    } else if (!_ends_well) {
+      return "the image as burnt is no valid new one in each slot";
+    } else if (verdict.slots[0] == SlotState::BROKEN || verdict.slots[1] == SlotState::BROKEN) {
+      return "a mix of an old and a new boot record happens to have a valid sum";
     }
     return "the order of writes leaves no image that boots";
   }
@@ -450,40 +541,35 @@ class Rehearsal {
     }
   }
 
-  struct Job {
-    Interruption kind;
-    std::size_t place;  ///< a point, or a request
-  };
-
-  std::vector<Job> Jobs() const {
-    std::vector<Job> jobs;
-    if (_options.at) {
-      jobs.push_back({Interruption::POWER, *_options.at});
-      return jobs;
-    }
+  std::vector<Moment> Moments() const {
+    std::vector<Moment> moments;
+    if (_options.at) return {*_options.at};
     const std::size_t total = Total();
-    if (total == 0 || _options.recoveries == 0) return jobs;
+    if (total == 0 || _options.recoveries == 0) return moments;
     // Spread evenly, with a seeded place in each stretch: every phase of the burn gets its share.
-    const auto spread = [&](Interruption kind, std::size_t count, std::size_t places) {
+    const auto spread = [&](Interruption kind, std::size_t count, std::size_t first,
+                            std::size_t places) {
       count = std::min(count, places);
       for (std::size_t i = 0; i < count; ++i) {
         const std::size_t start = places * i / count;
         const std::size_t end = places * (i + 1) / count;
         const std::size_t offset =
             Chance(_options.seed, i, places) % std::max(end - start, std::size_t{1});
-        jobs.push_back({kind, start + offset});
+        moments.push_back({kind, first + start + offset});
       }
     };
     const std::size_t live = std::min<std::size_t>(_options.recoveries / 5, _requests);
-    spread(Interruption::POWER, _options.recoveries - 2 * live, total);
-    spread(Interruption::KILLED, live, _requests);
-    spread(Interruption::DROPPED, live, _requests);
-    return jobs;
+    spread(Interruption::POWER, _options.recoveries - 2 * live, 0, total);
+    spread(Interruption::KILLED, live, 1, _requests);
+    spread(Interruption::DROPPED, live, 1, _requests);
+    return moments;
   }
 
   void Recover() {
-    const std::vector<Job> jobs = Jobs();
+    // Where the burn itself ends wrongly, a second one cannot end well.
+    const std::vector<Moment> jobs = _ends_well || _options.at ? Moments() : std::vector<Moment>();
     std::atomic<std::size_t> next{0};
+    std::size_t done = 0;
     std::exception_ptr trouble;
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < std::max(1u, _options.jobs); ++i) {
@@ -497,7 +583,7 @@ class Rehearsal {
             next = jobs.size();
           }
           const std::lock_guard lock(_mutex);
-          Say("recovering", job + 1, jobs.size());
+          Say("recovering", ++done, jobs.size());
         }
       });
     }
@@ -505,60 +591,73 @@ class Rehearsal {
     if (trouble) std::rethrow_exception(trouble);
   }
 
-  void RecoverFrom(const Job& job) {
+  void RecoverFrom(const Moment& moment) {
     Fabric fabric;
-    std::size_t request = job.place + 1;
+    std::size_t request = moment.place;
     {
       const std::lock_guard lock(_mutex);
       CopyAll(_initial, fabric);
     }
     const Burner burner(_options, _guids);
     std::atomic<std::size_t> requests{0};
-    if (job.kind == Interruption::POWER) {
-      const Place place = Locate(job.place);
+    if (moment.kind == Interruption::POWER) {
+      const Place place = Locate(moment.place);
       request = place.operation.request;
       // The others went on without the device.
       for (const auto& [guid, log] : _log) {
         BringTo(fabric, guid, guid == place.guid ? place.cuts + 1 : SIZE_MAX);
       }
-    } else if (job.kind == Interruption::KILLED) {
-      burner.Burn(fabric, requests, job.place + 1);
+    } else if (moment.place < 1 || moment.place > _requests) {
+      throw std::runtime_error("the burn has no such request");
+    } else if (moment.kind == Interruption::KILLED) {
+      if (burner.Burn(fabric, requests, moment.place).signal != SIGKILL) {
+        throw std::runtime_error("the burner was gone before it was killed");
+      }
     } else {
       Fault drop;
       drop.kind = Fault::CLOSE_BEFORE;
-      drop.nth = static_cast<u_int32_t>(job.place + 1);
+      drop.nth = static_cast<u_int32_t>(moment.place);
       fabric.faults.Add(drop);
-      burner.Burn(fabric, requests);
+      if (burner.Burn(fabric, requests).is_well) {
+        throw std::runtime_error("the burner did not notice that its connection was dropped");
+      }
       fabric.faults = {};
     }
 
+    const auto exception = [&](Guid guid, const BootVerdict& verdict, const std::string& step,
+                               const std::string& reason) {
+      AddException({.device = guid,
+                    .first = moment,
+                    .first_request = request,
+                    .last_request = request,
+                    .step = step,
+                    .state = Describe(verdict),
+                    .reason = reason});
+    };
     for (const Guid guid : _guids) {
       const std::lock_guard lock(_mutex);
-      if (StartsUnbootable(guid)) continue;
+      if (_unbootable.contains(guid)) continue;
       const BootVerdict verdict = VerdictOn(fabric, guid);
       if (verdict.Boots()) continue;
-      if (job.kind != Interruption::POWER) {
-        AddException({guid, job.place, 1, request, "", Name(job.kind), Describe(verdict),
-                      ReasonFor(guid, verdict)});
+      if (moment.kind != Interruption::POWER) {
+        exception(guid, verdict, Name(moment.kind), ReasonFor(guid, verdict));
       }
       return;  // nothing boots: the sweep has told so, and there is nothing to recover
     }
 
     const auto run = burner.Burn(fabric, requests);
     const std::lock_guard lock(_mutex);
-    ++_report.recoveries[job.kind];
+    ++_report.recoveries[moment.kind];
     bool is_counted = false;
     for (const Guid guid : _guids) {
-      if (StartsUnbootable(guid)) continue;
+      if (_unbootable.contains(guid)) continue;
       const BootVerdict verdict = VerdictOn(fabric, guid);
       if (run.is_well && IsAsItShouldEnd(verdict)) continue;
-      if (!IsAsItShouldEnd(_final[guid])) continue;  // told already
       if (!is_counted) ++_report.unrecovered;
       is_counted = true;
-      AddException({guid, job.place, 1, request, "",
-                    std::string(Name(job.kind)) + ", then burnt again", Describe(verdict),
-                    run.is_well ? "the second burn does not end as a burn should"
-                                : "the second burn fails: " + LastLine(run.console)});
+      exception(guid, verdict, std::string(Name(moment.kind)) + ", then burnt again",
+                run.is_well ? "the second burn does not end as a burn should"
+                            : "the second burn fails: " + LastLine(run.console));
     }
   }
 
@@ -590,15 +689,39 @@ class Rehearsal {
   std::mutex _mutex;  ///< over all that the recoveries share
   Fabric _initial;    ///< as before the burn
   FwImage _image;
-  GuidVec _guids;  ///< node GUIDs
-  std::map<Guid, std::array<DataVec, FwImage::SLOTS>> _expected;
+  GuidVec _guids;                     ///< node GUIDs
+  std::map<Guid, BootJudge> _judges;  ///< of each device as before the burn
+  GuidSet _unbootable;                ///< before the burn
   std::map<Guid, std::vector<LoggedOperation>> _log;
-  std::map<Guid, BootVerdict> _final;
+  bool _ends_well = true;   ///< the burn without an interruption, on every device
+  bool _has_moved = false;  ///< it moved an image
   std::size_t _requests = 0;
   std::size_t _swept = 0;  ///< points of the devices before
 };
 
 }  // namespace
+
+std::string Describe(const Moment& moment) {
+  const char* kind = moment.kind == Interruption::KILLED    ? "killed:"
+                     : moment.kind == Interruption::DROPPED ? "dropped:"
+                                                            : "";
+  return Text(kind, moment.place);
+}
+
+std::optional<Moment> ParseMoment(const std::string& text) {
+  Moment moment;
+  std::string_view number = text;
+  for (const Interruption kind : {Interruption::KILLED, Interruption::DROPPED}) {
+    const std::string head = kind == Interruption::KILLED ? "killed:" : "dropped:";
+    if (!text.starts_with(head)) continue;
+    moment.kind = kind;
+    number.remove_prefix(head.size());
+  }
+  const char* const end = number.data() + number.size();
+  const auto parsed = std::from_chars(number.data(), end, moment.place);
+  if (number.empty() || parsed.ec != std::errc() || parsed.ptr != end) return {};
+  return moment;
+}
 
 std::size_t RehearsalReport::Points() const {
   std::size_t sum = 0;

@@ -1,5 +1,7 @@
 #include "Server.h"
 
+#include <fcntl.h>
+
 #include <array>
 #include <asio.hpp>
 #include <csignal>
@@ -23,6 +25,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     _session.trace = trace;
     asio::error_code ignored;
     _socket.set_option(tcp::no_delay(true), ignored);
+    // Programs that this one starts have no part in its connections.
+    fcntl(_socket.native_handle(), F_SETFD, FD_CLOEXEC);
   }
 
   void Read() {
@@ -86,6 +90,7 @@ class Server::Implementation {
     const tcp::endpoint endpoint =
         resolver.resolve(tcp::v4(), _host, std::to_string(port))->endpoint();
     _acceptor.open(endpoint.protocol());
+    fcntl(_acceptor.native_handle(), F_SETFD, FD_CLOEXEC);
     _acceptor.set_option(tcp::acceptor::reuse_address(true));
     _acceptor.bind(endpoint);
     _acceptor.listen();

@@ -45,7 +45,7 @@ std::size_t At(const auto& counts, auto key) {
   return found == counts.end() ? 0 : found->second;
 }
 
-void PrintTable(const sim::RehearsalReport& report) {
+void PrintTable(const sim::RehearsalReport& report, bool is_one_only) {
   using sim::CutKind;
   using sim::Interruption;
   const auto row = [](const std::string& name, const std::string& text) {
@@ -61,9 +61,9 @@ void PrintTable(const sim::RehearsalReport& report) {
                      At(report.points, CutKind::AFTER_ERASE), " after one"));
   row("device x points", Text(report.boot_old, " boot old, ", report.boot_new, " boot new, ",
                               report.unbootable, " do not boot"));
-  if (report.valid_but_broken > 0) {
-    row("", Text(report.valid_but_broken,
-                 " of those that boot have another slot that only looks valid"));
+  if (report.may_not_boot > 0) {
+    row("", Text(report.may_not_boot,
+                 " may not boot: another slot is marked valid, and its image is not whole"));
   }
   if (report.unbootable_at_start > 0) {
     row("", Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
@@ -77,16 +77,23 @@ void PrintTable(const sim::RehearsalReport& report) {
                          " from a dropped connection; ", report.unrecovered, " failed"));
   row("wall time", Text(std::fixed, std::setprecision(1), report.seconds, " s"));
   if (report.IsWell()) {
-    std::cout << "  no interruption leaves a device that does not boot" << std::endl;
+    std::cout << (is_one_only ? "  this is no interruption that" : "  no interruption")
+              << " leaves a device that does not boot" << std::endl;
     return;
   }
   std::cout << "exceptions:\n";
   for (const sim::RehearsalException& exception : report.exceptions) {
-    std::cout << "  point " << exception.first_point;
-    if (exception.points > 1) std::cout << " to " << exception.first_point + exception.points - 1;
-    std::cout << ", " << sim::HexGuid(exception.device) << ", request " << exception.request << " "
-              << exception.command << ", " << exception.step << ": " << exception.state << "; "
-              << exception.reason << "\n";
+    std::cout << "  " << sim::HexGuid(exception.device) << ", ";
+    if (exception.first) {
+      std::cout << "point " << Describe(*exception.first);
+      if (exception.points > 1) std::cout << " and " << exception.points - 1 << " more";
+      std::cout << ", request " << exception.first_request;
+      if (exception.last_request != exception.first_request) {
+        std::cout << " to " << exception.last_request;
+      }
+      std::cout << (exception.command.empty() ? "" : " (" + exception.command + ")") << ", ";
+    }
+    std::cout << exception.step << ": " << exception.state << "; " << exception.reason << "\n";
   }
   if (report.exceptions_left_out > 0) {
     std::cout << "  and " << report.exceptions_left_out << " more\n";
@@ -100,9 +107,10 @@ nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
   nlohmann::json exceptions = nlohmann::json::array();
   for (const sim::RehearsalException& exception : report.exceptions) {
     exceptions.push_back({{"device", sim::HexGuid(exception.device)},
-                          {"first_point", exception.first_point},
+                          {"at", exception.first ? Describe(*exception.first) : ""},
                           {"points", exception.points},
-                          {"request", exception.request},
+                          {"first_request", exception.first_request},
+                          {"last_request", exception.last_request},
                           {"command", exception.command},
                           {"step", exception.step},
                           {"state", exception.state},
@@ -124,7 +132,7 @@ nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
           {"boot_old", report.boot_old},
           {"boot_new", report.boot_new},
           {"unbootable", report.unbootable},
-          {"valid_but_broken", report.valid_but_broken},
+          {"may_not_boot", report.may_not_boot},
           {"recoveries",
            {{"power", At(report.recoveries, Interruption::POWER)},
             {"killed", At(report.recoveries, Interruption::KILLED)},
@@ -142,6 +150,7 @@ int main(int argc, char* argv[]) {
   sim::RehearsalOptions options;
   std::string guids;
   std::string recover = "100";
+  std::string at;
   std::string json_file;
   unsigned chunk_align = 5;
   bool is_not_failsafe = false;
@@ -161,7 +170,8 @@ int main(int argc, char* argv[]) {
       ->capture_default_str();
   app.add_option("--seed", options.seed, "Seed of all that is left to chance")
       ->capture_default_str();
-  app.add_option("--at", options.at, "Only this point, as an exception names it");
+  app.add_option("--at", at,
+                 "Only this point, as an exception names it: 1234, killed:28, dropped:28");
   app.add_option("--json", json_file, "File for the report, for machines");
   app.add_option("--fwpush", options.fwpush, "The burner to rehearse with")->capture_default_str();
   app.set_version_flag("--version", VERSION);
@@ -169,16 +179,14 @@ int main(int argc, char* argv[]) {
     app.parse(argc, argv);
     if (recover == "all") {
       options.recoveries = SIZE_MAX;
+    } else if (const auto number = sim::ParseMoment(recover);
+               number && number->kind == sim::Interruption::POWER) {
+      options.recoveries = number->place;
     } else {
-      std::size_t used = 0;
-      try {
-        options.recoveries = std::stoul(recover, &used);
-      } catch (const std::logic_error&) {
-        used = 0;
-      }
-      if (used != recover.size() || recover.empty()) {
-        throw CLI::ValidationError("--recover", "must be a number or all");
-      }
+      throw CLI::ValidationError("--recover", "must be a number or all");
+    }
+    if (!at.empty() && !(options.at = sim::ParseMoment(at))) {
+      throw CLI::ValidationError("--at", "must be a point such as 1234, killed:28 or dropped:28");
     }
   } catch (const CLI::ParseError& error) {
     return app.exit(error);
@@ -189,16 +197,21 @@ int main(int argc, char* argv[]) {
   try {
     GuidSet given;
     GetTargeGuids(guids, given);
+    if (!guids.empty() && given.empty()) throw std::runtime_error("no device given");
     options.guids.assign(given.begin(), given.end());
+    // What cannot be written in the end had better be known before.
+    std::ofstream json;
+    if (!json_file.empty()) json.open(json_file);
+    if (!json_file.empty() && !json) throw std::runtime_error("can't write " + json_file);
     Progress progress;
     const sim::RehearsalReport report = sim::Rehearse(options, std::ref(progress));
-    PrintTable(report);
-    if (!json_file.empty()) {
-      std::ofstream file(json_file);
-      file << Json(report, options.seed).dump(2) << "\n";
-      file.close();
-      if (!file) throw std::runtime_error("can't write " + json_file);
+    PrintTable(report, options.at.has_value());
+    if (json.is_open()) {
+      json << Json(report, options.seed).dump(2) << "\n";
+      json.close();
+      if (!json) throw std::runtime_error("can't write " + json_file);
     }
+    if (!std::cout) throw std::runtime_error("can't write the report");
     return report.IsWell() ? EXIT_SUCCESS : NOT_WELL;
   } catch (const BraidError& error) {
     std::cerr << "fwpush-rehearse: " << error.Des() << std::endl;

@@ -1,6 +1,7 @@
 /// fwpush-sim: a bus server over simulated devices.
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -37,17 +38,14 @@ void Show(const sim::Fabric& fabric) {
 /// "HOST:PORT".
 std::pair<std::string, u_int16_t> ParseAddress(const std::string& text) {
   const std::size_t colon = text.rfind(':');
-  std::size_t used = 0;
-  unsigned long port = 65536;
-  try {
-    if (colon != std::string::npos) port = std::stoul(text.substr(colon + 1), &used);
-  } catch (const std::logic_error&) {
-    used = 0;
-  }
-  if (colon == 0 || colon == std::string::npos || used != text.size() - colon - 1 || port > 65535) {
+  u_int16_t port = 0;
+  const char* const end = text.data() + text.size();
+  const char* const digits = colon == std::string::npos ? end : text.data() + colon + 1;
+  const auto parsed = std::from_chars(digits, end, port);
+  if (colon == 0 || digits == end || parsed.ec != std::errc() || parsed.ptr != end) {
     throw CLI::ValidationError("--listen", "must be HOST:PORT");
   }
-  return {text.substr(0, colon), static_cast<u_int16_t>(port)};
+  return {text.substr(0, colon), port};
 }
 
 /// Says at the end what a real chip would not have taken.
@@ -127,6 +125,7 @@ int main(int argc, char* argv[]) {
     server.Run();
     std::cout << sim::BootReport(fabric, images) << std::flush;
     ReportViolations(fabric);
+    if (trace.is_open() && !trace) throw std::runtime_error("can't write " + trace_file);
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
     std::cerr << "fwpush-sim: " << error.what() << std::endl;
