@@ -51,11 +51,18 @@ struct FlashImage {
   }
 };
 
-/// One EEPROM of two slots, each of one section that begins with a boot record.
-inline std::string EepromImage(u_int8_t content) {
+/// The section of an EEPROM image: it begins with a boot record.
+inline DataVec EepromData(u_int8_t content) {
   DataVec data(0x40, content);
   std::fill(data.begin() + 4, data.begin() + 16, u_int8_t{0});
   // Four bytes of the content and one that makes the sum 0xAB.
   data[15] = static_cast<u_int8_t>(0xAB - 4 * content);
+  return data;
+}
+
+/// An EEPROM of two slots, each of one section.
+inline std::string EepromText(const DataVec& data) {
   return Text("DEVICE_TYPE RV61300\nIMAGE 0 0 0\nIMAGE 1 80 0\n", Section("A", 0, data));
 }
+
+inline std::string EepromImage(u_int8_t content) { return EepromText(EepromData(content)); }
