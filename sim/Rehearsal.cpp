@@ -168,7 +168,7 @@ class Burner {
       throw std::runtime_error("can't run " + words[0] + ": " + strerror(failure));
     }
     shown_pid = pid;
-    const Run run = Watch(pid, output[0]);
+    Run run = Watch(pid, output[0]);
     close(output[0]);
     return run;
   }

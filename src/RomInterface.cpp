@@ -124,7 +124,7 @@ void AppendWords(std::string& text, std::span<const u_int8_t> data, std::size_t 
   for (std::size_t done = 0; done < size; done += WORD_SIZE) {
     const u_int32_t word = FirstWord(data.subspan(done));
     char digits[8];
-    for (int i = 0; i < 4; ++i) {
+    for (std::size_t i = 0; i < WORD_SIZE; ++i) {
       std::memcpy(digits + 2 * i, HEX_PAIRS[word >> (24 - 8 * i) & 0xFF].data(), 2);
     }
     const auto zeros = static_cast<std::size_t>(std::countl_zero(word | 1) / 4);
