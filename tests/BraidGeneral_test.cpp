@@ -72,8 +72,8 @@ TEST_F(BraidGeneralTest, DebugLineNamesUnitAndLineInDecimalAndLeavesTheBase) {
   EXPECT_EQ(OutputOf([] { Debug(326) << "count " << 255 << std::endl; }),
             "-D- BraidGeneral_test:326: count ff\n");
   const int line = __LINE__ + 1;
-  EXPECT_EQ(OutputOf([] { Debug() << "here" << std::endl; }),
-            "-D- BraidGeneral_test:" + std::to_string(line) + ": here\n");
+  const std::string shown = OutputOf([] { Debug() << "here" << std::endl; });
+  EXPECT_EQ(shown, "-D- BraidGeneral_test:" + std::to_string(line) + ": here\n");
 }
 
 TEST_F(BraidGeneralTest, PrintfToTheConsoleKeepsItsPlaceAmongStreamOutputAndItsOwnBase) {
