@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -102,7 +103,9 @@ void WriteImage(const std::string& path, const Burn& burn) {
 }
 
 /// Runs a program to its end, its output thrown away, its errors written to `errors` where given.
-Cost Run(const std::vector<std::string>& words, const std::string& errors = "") {
+/// Throws when it ends with another status.
+Cost Run(const std::vector<std::string>& words, const std::string& errors = "",
+         int expected_status = 0) {
   std::vector<char*> av;
   av.reserve(words.size() + 1);
   for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
@@ -129,7 +132,9 @@ Cost Run(const std::vector<std::string>& words, const std::string& errors = "") 
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
   };
   cost.cpu = seconds(usage.ru_utime) + seconds(usage.ru_stime);
-  if (status != 0) throw std::runtime_error(words[0] + " failed");
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != expected_status) {
+    throw std::runtime_error(words[0] + " failed");
+  }
   return cost;
 }
 
@@ -217,11 +222,12 @@ std::vector<std::string> FwpushWords(const std::string& fwpush, const std::strin
 }
 
 /// System calls of a run, by strace; 0 where there is no strace.
-std::size_t SystemCalls(std::vector<std::string> words, const Folder& folder) {
+std::size_t SystemCalls(std::vector<std::string> words, const Folder& folder,
+                        int expected_status = 0) {
   const std::string counts = folder / "strace";
   words.insert(words.begin(), {"/usr/bin/strace", "-c", "-f", "-o", counts});
   if (!fs::exists(words[0])) return 0;
-  Run(words);
+  Run(words, "", expected_status);
   std::ifstream file(counts);
   for (std::string line; std::getline(file, line);) {
     if (!line.ends_with(" total")) continue;
@@ -245,8 +251,20 @@ long Peak(std::vector<std::string> words, const Programs& programs, const Folder
   return peak;
 }
 
+/// System calls of a run beyond those of one that ends when the image is loaded: the connection's.
+std::size_t ConnectionCalls(const std::vector<std::string>& words, const Folder& folder) {
+  std::vector<std::string> loading = words;
+  loading.emplace_back("-l");
+  return SystemCalls(words, folder) - SystemCalls(loading, folder, EXIT_FAILURE);
+}
+
 Cost Best(const Cost& a, const Cost& b) {
   return {std::min(a.wall, b.wall), std::min(a.cpu, b.cpu)};
+}
+
+double Median(std::vector<double> values) {
+  std::ranges::sort(values);
+  return values[values.size() / 2];
 }
 
 nlohmann::json Measure(const Burn& burn, const Programs& programs, unsigned rounds) {
@@ -279,9 +297,16 @@ nlohmann::json Measure(const Burn& burn, const Programs& programs, unsigned roun
                                          frames};
   Cost our_best{1e9, 1e9};
   Cost null_best = our_best;
+  // The machine may turn slow for seconds: only runs that follow each other are compared.
+  std::vector<double> wall_ratios;
+  std::vector<double> cpu_ratios;
   for (unsigned i = 0; i < rounds; ++i) {
-    our_best = Best(our_best, Run(ours));
-    null_best = Best(null_best, Run(null));
+    const Cost our_cost = Run(ours);
+    const Cost null_cost = Run(null);
+    our_best = Best(our_best, our_cost);
+    null_best = Best(null_best, null_cost);
+    wall_ratios.push_back(our_cost.wall / null_cost.wall);
+    cpu_ratios.push_back(our_cost.cpu / std::max(null_cost.cpu, 1e-6));
   }
   return {{"name", burn.name},
           {"devices", burn.devices},
@@ -292,7 +317,9 @@ nlohmann::json Measure(const Burn& burn, const Programs& programs, unsigned roun
           {"peak_kib", Peak(ours, programs, folder)},
           {"null_wall", null_best.wall},
           {"null_cpu", null_best.cpu},
-          {"system_calls", SystemCalls(ours, folder)}};
+          {"wall_ratio", Median(wall_ratios)},
+          {"cpu_ratio", Median(cpu_ratios)},
+          {"system_calls", ConnectionCalls(ours, folder)}};
 }
 
 }  // namespace
