@@ -15,8 +15,6 @@ namespace {
 constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
 constexpr u_int32_t PS_SIGNATURE_OFFSET = 8;
 constexpr u_int32_t PS_CRC_OFFSET = 260;
-constexpr u_int32_t PS_RECORD_SIZE = 264;
-constexpr u_int32_t BOOT_RECORD_SIZE = 16;
 constexpr u_int32_t FIRST_IMAGE_SECTOR = 3;  ///< where a moved image goes
 
 const char* Name(SlotState state) {

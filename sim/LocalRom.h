@@ -23,6 +23,7 @@ class QuietConsole {
     std::cout.rdbuf(_console);
     std::cout.copyfmt(_format);
   }
+  std::string Swallowed() const { return _swallowed.str(); }
 
  private:
   std::ios _format{nullptr};  ///< the console's, which the burn code changes
