@@ -1,0 +1,15 @@
+/// The commands of fwimg. Each adds itself to the program and keeps in `work` what is to be done when
+/// it is chosen.
+#pragma once
+
+#include "Tool.h"
+
+namespace tools {
+
+using Work = std::function<int()>;
+
+void AddInfo(CLI::App& app, Work& work);
+void AddCheck(CLI::App& app, Work& work);
+void AddDiff(CLI::App& app, Work& work);
+
+}  // namespace tools
