@@ -4,6 +4,7 @@
 #include <string>
 
 #include "support.h"
+#include "utils.h"
 
 // Where the small flash keeps what.
 constexpr u_int32_t SECTOR = 0x400;

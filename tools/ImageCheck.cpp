@@ -264,7 +264,7 @@ class Checker {
       try {
         addr = _view.Map().Convert(location.loc);
       } catch (const BraidError&) {
-        continue;  // not mapped at all: refused
+        if (!location.addr) continue;  // refused already
       }
       if (addr != location.addr) {
         Report("devmap-late", location.line,

@@ -159,7 +159,7 @@ std::string_view Meant(std::string_view word) {
   std::string upper(word);
   for (char& c : upper) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   for (const std::string_view keyword : KEYWORDS) {
-    if (Distance(upper, keyword) <= keyword.size() / 4) return keyword;
+    if (Distance(upper, keyword) <= keyword.size() / 3) return keyword;
   }
   return "";
 }
@@ -537,12 +537,8 @@ void ImageView::NoteUnknown(const std::vector<std::string>& words, const LineAt&
   if (words[0] == "END") {
     Note("stray-end", "END outside a section");
   } else if (CountPlain(line.text, bytes) == Data::PLAIN) {
-    if (_findings.empty() || _findings.back().kind != "stray-data" ||
-        _findings.back().line + 1 != _line) {
-      Note("stray-data", "data outside a section");
-    } else {
-      _findings.back().line = _line;  // one finding for a block, at its last line
-    }
+    if (_stray_line == 0 || _stray_line + 1 != _line) Note("stray-data", "data outside a section");
+    _stray_line = _line;  // a block of them is told once
   } else if (word.size() < words[0].size() && IsKeyword(word)) {
     Note("misspelt-directive", "\"" + Printable(words[0]) +
                                    "\" is no directive: words are parted by blanks, lines end "

@@ -170,6 +170,7 @@ class ImageView {
   FwImage _directives;  ///< takes one directive after the other
   LineNumber _line = 0;
   SectionView* _open = nullptr;
+  LineNumber _stray_line = 0;   ///< the last line of data outside sections
   u_int32_t _refused_data = 0;  ///< lines of the open section
   std::vector<SectionView> _sections;
   std::vector<FieldView> _fields;

@@ -74,6 +74,8 @@ std::string PlaceName(const ImageView& view, u_int64_t addr, u_int32_t sector_si
   return "-";
 }
 
+std::string Shown(const std::string& text) { return text.empty() ? "-" : text; }
+
 struct Bar {
   std::string label;
   std::vector<std::pair<u_int64_t, u_int64_t>> ranges;  ///< from and end
@@ -208,7 +210,7 @@ std::string SectionNameAt(const ImageView& view, u_int64_t addr) {
       return Printable(section.name);
     }
   }
-  return "-";
+  return "";
 }
 
 void Print(const ImageView& view, u_int32_t sector_size) {
@@ -264,7 +266,7 @@ void Print(const ImageView& view, u_int32_t sector_size) {
     for (const FieldView& field : view.Fields()) {
       std::cout << Padded(FieldKeyword(field.type), 11) << Hex8(field.from) << "  "
                 << Padded(std::to_string(field.size), 6)
-                << Padded(SectionNameAt(view, field.from), 24) << "  "
+                << Padded(Shown(SectionNameAt(view, field.from)), 24) << "  "
                 << PlaceName(view, field.from, sector_size) << "\n";
     }
   }
