@@ -299,6 +299,7 @@ TEST_F(FwimgCheckTest, AllProblemsAreToldAtOnceInTheLoadersOwnWords) {
       {11, "Device addr must be 8 bits (100)."},
   };
   std::vector<std::pair<u_int32_t, std::string>> found;
+  found.reserve(problems.size());
   for (const auto& problem : problems) found.emplace_back(problem.line, problem.text);
   EXPECT_EQ(found, expected);
 }
