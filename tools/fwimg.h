@@ -1,5 +1,5 @@
-/// The commands of fwimg. Each adds itself to the program and keeps in `work` what is to be done when
-/// it is chosen.
+/// The commands of fwimg. Each adds itself to the program and keeps in `work` what is to be done
+/// when it is chosen.
 #pragma once
 
 #include "Tool.h"
