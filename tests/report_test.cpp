@@ -7,6 +7,7 @@
 
 #include "BurnLog.h"
 #include "Harness.h"
+#include "slot_images.h"
 
 namespace {
 
@@ -222,7 +223,7 @@ BurnReport ReportOf(const std::string& console, const GuidSet& asked,
                     const std::optional<Ending>& ending = {}) {
   BurnLog log;
   log.Feed(console);
-  const BurnReport report = log.Conclude(asked, ending);
+  BurnReport report = log.Conclude(asked, ending);
   EXPECT_TRUE(log.IsFwpush());
   return report;
 }
@@ -525,8 +526,7 @@ TEST(BurnLogTest, CommandLineThatIsRefusedIsTold) {
       "Unexpected parameter \"x\" is specified.\n",
       "Invalid switch \"-x\" is specified.\n",
       "Missed parameter after \"-f\" switch\n",
-      "FW image file may be specified onyl once.\nNew FW image file: \"b\", Old FW image file: "
-      "\"a\"\n",
+      "FW image file may be specified onyl once.\nNew FW image file: \"b\", Old FW image file",
       "Bad argument to -m flag",
       "Illegal value to -m flag: 3"};
   for (const std::string& refusal : refusals) {
@@ -863,6 +863,64 @@ TEST_F(ReportTest, BurnGoesOnWhenNobodyReadsTheConsole) {
     EXPECT_TRUE(IsBurnt(10));
     EXPECT_EQ(Json()["all_burnt"], true);
   }
+}
+
+TEST_F(ReportTest, FailsafeBurnTellsOfTheDeviceThatItOnlyReported) {
+  const std::string old_image = _folder.Write("old.img", EepromImage(0x11));
+  const std::string image = _folder.Write("new.img", EepromImage(0x22));
+  std::string fabric = "[server]\ntype = \"PPC\"\n";
+  for (const int node : {1, 2}) {
+    fabric +=
+        Text("[[device]]\nname = \"leaf\"\nattribute = \"a\"\nnode_guid = \"0x", node,
+             "0\"\nport_guids = [\"0x", node, "1\"]\nchip = [{ address = 0, size = 0x100 }]\n");
+    if (node != 1) continue;
+    fabric += Text("[[device.contents]]\nimage = \"", old_image, "\"\nslot = 0\nvalid = true\n");
+  }
+  _simulator = std::make_unique<Simulator>(_folder, fabric);
+  const Outcome outcome =
+      Report({"--json", _folder / "report.json"},
+             {FwpushProgram(), "-f", image, "-s", _simulator->Server(), "-g", "10,20"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(Json()["algorithm"], "RV61300FailsafeBurn");
+  EXPECT_EQ(Json()["exit_status"], 0);
+  EXPECT_EQ(
+      Json()["counts"],
+      nlohmann::json(
+          {{"total", 2}, {"both_valid", 0}, {"first_only_valid", 1}, {"second_only_valid", 0}}));
+  EXPECT_EQ(Json()["devices"][0]["outcome"], "burnt");
+  EXPECT_EQ(Json()["devices"][1]["outcome"], "failed");
+  EXPECT_EQ(Json()["devices"][1]["reason"],
+            "Both images are invalid - Can't perform failsafe burn.");
+  EXPECT_EQ(Json()["devices"][1]["may_have_changed"], false);
+  std::vector<std::string> labels;
+  const nlohmann::json phases = Json()["phases"];
+  for (const auto& phase : phases) labels.push_back(phase["label"]);
+  EXPECT_THAT(
+      labels,
+      ElementsAre("Burning second image with invalidated signature", "Validating second image",
+                  "Burning first image with invalidated signature", "Validating first image"));
+  DataVec memory = EepromData(0x22);
+  memory.resize(0x80, 0xFF);
+  memory.insert(memory.end(), memory.begin(), memory.begin() + 0x80);
+  EXPECT_EQ(_simulator->Memory("0x0000000000000010.0.i2c"), memory);
+  EXPECT_EQ(_simulator->Memory("0x0000000000000020.0.i2c"), DataVec(0x100, 0xFF));
+}
+
+TEST_F(ReportTest, CheckOnlyIsNoBurn) {
+  const std::string image = _folder.Write("new.img", EepromImage(0x22));
+  _simulator = std::make_unique<Simulator>(
+      _folder,
+      "[server]\ntype = \"PPC\"\n[[device]]\nname = \"leaf\"\nattribute = \"a\"\nnode_guid = "
+      "\"0x10\"\nport_guids = [\"0x11\"]\nchip = [{ address = 0, size = 0x100 }]\n"
+      "[[device.contents]]\nimage = \"" +
+          image + "\"\n");
+  const Outcome outcome =
+      Report({}, {FwpushProgram(), "-c", "-f", image, "-s", _simulator->Server(), "-g", "10"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.output.find("-I- BURN SUCCEEDED\n"), std::string::npos);
+  EXPECT_NE(outcome.errors.find("  0x0000000000000010  never reached: nothing was written\n"),
+            std::string::npos)
+      << outcome.errors;
 }
 
 TEST_F(ReportTest, SavedLogIsJudgedAsItsBurnWas) {

@@ -432,9 +432,9 @@ void PrintSummary(const RunReport& run) {
   }
   if (!burn.is_devices_known) out << "  other devices may have been asked for\n";
   for (const Phase& phase : burn.phases) {
-    out << "  " << std::left << std::setw(48) << Printable(phase.label);
-    if (run.seconds) out << std::right << std::setw(9) << phase.end - phase.start << " s";
-    if (!phase.is_done) out << "  stopped at " << phase.percent << " %";
+    out << "  " << Printable(phase.label);
+    if (run.seconds) out << ": " << phase.end - phase.start << " s";
+    if (!phase.is_done) out << ": stopped at " << phase.percent << " %";
     out << "\n";
   }
   if (!burn.is_succeeded) out << "  the run failed: " << Printable(burn.failure) << "\n";
@@ -500,7 +500,8 @@ int Report(const Options& options) {
   run.burn = log.Conclude(asked, run.ending);
   json.Write(json.IsWanted() ? Json(run) : "");
   junit.Write(junit.IsWanted() ? JUnit(run) : "");
-  const bool is_kept = json.IsWhole() & junit.IsWhole() & saved.IsWhole();
+  bool is_kept = true;
+  for (const OutputFile* file : {&json, &junit, &saved}) is_kept = file->IsWhole() && is_kept;
   if (!log.IsFwpush() && !(run.ending && run.ending->signal != 0)) {
     std::cerr << NAME << ": " << (is_live ? options.words[0] : options.from)
               << ": this is no console of fwpush" << std::endl;
