@@ -451,6 +451,8 @@ TEST(BurnLogTest, ImageWithoutContentBurnsNothing) {
   const BurnReport report =
       ReportOf(std::string(PREAMBLE) + GENERIC + "-I- BURN SUCCEEDED\n", {0x10}, Ending{0, 0});
   EXPECT_FALSE(report.is_all_burnt);
+  // Nor does it when no device is known by name.
+  EXPECT_FALSE(ReportOf(std::string(PREAMBLE) + GENERIC + "-I- BURN SUCCEEDED\n", {}).is_all_burnt);
 }
 
 TEST(BurnLogTest, InvariantSectorIsAPhaseWhateverFailsInIt) {
