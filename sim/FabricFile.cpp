@@ -1,15 +1,13 @@
 #include "FabricFile.h"
 
-#include <toml++/toml.h>
-
 #include <algorithm>
 #include <charconv>
 #include <fstream>
 #include <iterator>
 #include <limits>
-#include <set>
 
 #include "LocalRom.h"
+#include "TomlReader.h"
 
 namespace sim {
 
@@ -17,118 +15,32 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// One table of the file: hands out its values, checked, and knows which keys nobody asked for.
-class Reader {
- public:
-  Reader(const fs::path& file, const toml::table& table) : _file(file), _table(table) {}
-
-  [[noreturn]] void Throw(const toml::node& at, const std::string& text) const {
-    throw FabricFileError(Text(_file.string(), ":", at.source().begin.line, ": ", text));
+Guid ParseGuid(const TomlReader& reader, std::string_view key, const toml::node& node) {
+  const std::string text = node.value_or(std::string());
+  Guid guid = 0;
+  const std::string_view digits =
+      std::string_view(text).substr(std::min<std::size_t>(2, text.size()));
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), guid, 16);
+  if (!text.starts_with("0x") || error != std::errc() || end != digits.data() + digits.size()) {
+    reader.Throw(node, Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
   }
-  [[noreturn]] void Throw(const std::string& text) const { Throw(_table, text); }
+  return guid;
+}
 
-  const toml::node* Node(std::string_view key) {
-    _asked.emplace(key);
-    return _table.get(key);
-  }
+std::optional<Guid> OneGuid(TomlReader& reader, std::string_view key) {
+  const toml::node* node = reader.Node(key);
+  if (node == nullptr) return {};
+  return ParseGuid(reader, key, *node);
+}
 
-  std::optional<std::string> String(std::string_view key) {
-    const toml::node* node = Node(key);
-    if (node == nullptr) return {};
-    if (!node->is_string()) Throw(*node, Text("'", key, "' must be a text"));
-    return node->as_string()->get();
-  }
-
-  std::optional<bool> Bool(std::string_view key) {
-    const toml::node* node = Node(key);
-    if (node == nullptr) return {};
-    if (!node->is_boolean()) Throw(*node, Text("'", key, "' must be true or false"));
-    return node->as_boolean()->get();
-  }
-
-  std::optional<u_int32_t> Number(std::string_view key, u_int32_t min, u_int32_t max) {
-    const toml::node* node = Node(key);
-    if (node == nullptr) return {};
-    const auto* number = node->as_integer();
-    if (number == nullptr || number->get() < min || number->get() > max) {
-      Throw(*node, Text("'", key, "' must be a number from ", min, " to ", max));
-    }
-    return static_cast<u_int32_t>(number->get());
-  }
-
-  std::optional<Guid> OneGuid(std::string_view key) {
-    const toml::node* node = Node(key);
-    if (node == nullptr) return {};
-    return ParseGuid(key, *node);
-  }
-
-  GuidVec Guids(std::string_view key) {
-    GuidVec guids;
-    for (const toml::node& node : Array(key)) guids.push_back(ParseGuid(key, node));
-    return guids;
-  }
-
-  /// The tables of an array of tables; none where the key is missing.
-  std::vector<Reader> Tables(std::string_view key) {
-    std::vector<Reader> tables;
-    for (const toml::node& node : Array(key)) {
-      if (!node.is_table()) Throw(node, Text("'", key, "' must be tables, as [[", key, "]]"));
-      tables.emplace_back(_file, *node.as_table());
-    }
-    return tables;
-  }
-
-  std::optional<Reader> Table(std::string_view key) {
-    const toml::node* node = Node(key);
-    if (node == nullptr) return {};
-    if (!node->is_table()) Throw(*node, Text("'", key, "' must be a table"));
-    return Reader(_file, *node->as_table());
-  }
-
-  template <typename Value>
-  Value Needed(std::string_view key, std::optional<Value> value) const {
-    if (!value) Throw(Text("'", key, "' is missing"));
-    return *std::move(value);
-  }
-
-  /// Refuses keys that mean nothing here: a misspelt one must not go unnoticed.
-  void Finish() const {
-    for (const auto& [key, node] : _table) {
-      if (!_asked.contains(key.str())) Throw(node, Text("unknown key '", key.str(), "'"));
-    }
-  }
-
-  fs::path Path(const std::string& name) const { return _file.parent_path() / name; }
-
- private:
-  const toml::array& Array(std::string_view key) {
-    static const toml::array NONE;
-    const toml::node* node = Node(key);
-    if (node == nullptr) return NONE;
-    if (!node->is_array()) Throw(*node, Text("'", key, "' must be an array"));
-    return *node->as_array();
-  }
-
-  Guid ParseGuid(std::string_view key, const toml::node& node) const {
-    const std::string text = node.value_or(std::string());
-    Guid guid = 0;
-    const std::string_view digits =
-        std::string_view(text).substr(std::min<std::size_t>(2, text.size()));
-    const auto [end, error] =
-        std::from_chars(digits.data(), digits.data() + digits.size(), guid, 16);
-    if (!text.starts_with("0x") || error != std::errc() || end != digits.data() + digits.size()) {
-      Throw(node, Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
-    }
-    return guid;
-  }
-
-  fs::path _file;
-  const toml::table& _table;
-  std::set<std::string, std::less<>> _asked;
-};
+GuidVec Guids(TomlReader& reader, std::string_view key) {
+  GuidVec guids;
+  for (const toml::node& node : reader.Array(key)) guids.push_back(ParseGuid(reader, key, node));
+  return guids;
+}
 
 /// `text`, or the bytes it names after "0x", filled up with zeros.
-DataVec Bytes(const Reader& reader, std::string_view key, const std::string& text,
+DataVec Bytes(const TomlReader& reader, std::string_view key, const std::string& text,
               std::size_t size) {
   DataVec bytes;
   if (text.starts_with("0x")) {
@@ -149,7 +61,7 @@ DataVec Bytes(const Reader& reader, std::string_view key, const std::string& tex
   return bytes;
 }
 
-void ReadServer(Reader reader, ServerFacts& facts) {
+void ReadServer(TomlReader reader, ServerFacts& facts) {
   facts.type = reader.String("type").value_or(facts.type);
   constexpr std::string_view TYPES[] = {"I2C", "PCI", "PPC", "IB"};
   if (std::ranges::find(TYPES, facts.type) == std::end(TYPES)) {
@@ -164,7 +76,7 @@ void ReadServer(Reader reader, ServerFacts& facts) {
 /// Makes chips, in files of the state folder where there is one.
 class ChipMaker {
  public:
-  ChipMaker(const Reader& reader, const std::optional<fs::path>& state, Guid guid)
+  ChipMaker(const TomlReader& reader, const std::optional<fs::path>& state, Guid guid)
       : _reader(reader), _state(state), _guid(guid) {}
 
   void Make(Device& device, u_int8_t address, u_int32_t size, u_int32_t sector_size) const {
@@ -184,14 +96,14 @@ class ChipMaker {
   }
 
  private:
-  const Reader& _reader;
+  const TomlReader& _reader;
   const std::optional<fs::path>& _state;
   Guid _guid;
 };
 
 constexpr u_int32_t MAX_SIZE = u_int32_t{1} << 30;
 
-void ReadMemory(Reader& reader, const std::optional<fs::path>& state, Device& device) {
+void ReadMemory(TomlReader& reader, const std::optional<fs::path>& state, Device& device) {
   const ChipMaker maker(reader, state, device.node_guid);
   if (auto flash = reader.Table("flash")) {
     const u_int32_t sector =
@@ -202,11 +114,11 @@ void ReadMemory(Reader& reader, const std::optional<fs::path>& state, Device& de
     device.kind = MemoryKind::FLASH;
     maker.Make(device, 0, size, sector);
   }
-  std::vector<Reader> chips = reader.Tables("chip");
+  std::vector<TomlReader> chips = reader.Tables("chip");
   if (chips.empty() == device.chips.empty()) {
     reader.Throw("a device has either a [device.flash] or [[device.chip]]s");
   }
-  for (Reader& chip : chips) {
+  for (TomlReader& chip : chips) {
     const u_int32_t address = chip.Needed("address", chip.Number("address", 0, 0xFF));
     const u_int32_t size = chip.Needed("size", chip.Number("size", 4, MAX_SIZE));
     chip.Finish();
@@ -214,10 +126,10 @@ void ReadMemory(Reader& reader, const std::optional<fs::path>& state, Device& de
   }
 }
 
-void FillContents(Reader& reader, Fabric& fabric, Device& device) {
+void FillContents(TomlReader& reader, Fabric& fabric, Device& device) {
   const bool is_kept =
       std::ranges::any_of(device.chips, [](const auto& entry) { return entry.second.Kept(); });
-  for (Reader& contents : reader.Tables("contents")) {
+  for (TomlReader& contents : reader.Tables("contents")) {
     const auto fill = contents.Number("fill", 0, 0xFF);
     const auto raw = contents.String("raw");
     const auto address = contents.Number("chip", 0, 0xFF);
@@ -257,11 +169,11 @@ void FillContents(Reader& reader, Fabric& fabric, Device& device) {
   }
 }
 
-void ReadDevice(Reader& reader, const std::optional<fs::path>& state, Fabric& fabric) {
+void ReadDevice(TomlReader& reader, const std::optional<fs::path>& state, Fabric& fabric) {
   Device device;
-  device.node_guid = reader.Needed("node_guid", reader.OneGuid("node_guid"));
-  device.port_guids = reader.Guids("port_guids");
-  device.sys_guid = reader.OneGuid("system_guid").value_or(device.node_guid);
+  device.node_guid = reader.Needed("node_guid", OneGuid(reader, "node_guid"));
+  device.port_guids = Guids(reader, "port_guids");
+  device.sys_guid = OneGuid(reader, "system_guid").value_or(device.node_guid);
   device.declared_ports = reader.Number("declared_ports", 0, 255)
                               .value_or(static_cast<u_int32_t>(device.port_guids.size()));
   device.name = reader.String("name").value_or(device.name);
@@ -277,7 +189,7 @@ void ReadDevice(Reader& reader, const std::optional<fs::path>& state, Fabric& fa
     FillContents(reader, fabric, *added);
     for (auto& [address, chip] : added->chips) chip.Settle();
     added->has_power = has_power;
-  } catch (const FabricFileError&) {
+  } catch (const TomlError&) {
     throw;
   } catch (const std::exception& error) {
     reader.Throw(error.what());
@@ -285,7 +197,7 @@ void ReadDevice(Reader& reader, const std::optional<fs::path>& state, Fabric& fa
   reader.Finish();
 }
 
-Fault ReadFault(Reader& reader) {
+Fault ReadFault(TomlReader& reader) {
   constexpr u_int32_t ANY = std::numeric_limits<int32_t>::max();
   Fault fault;
   const std::string kind = reader.Needed("kind", reader.String("kind"));
@@ -293,7 +205,7 @@ Fault ReadFault(Reader& reader) {
   if (named == FaultNames().end()) reader.Throw("'kind' is no kind of fault: " + kind);
   fault.kind = named->kind;
   fault.command = reader.String("command").value_or("");
-  fault.device = reader.OneGuid("device");
+  fault.device = OneGuid(reader, "device");
   fault.nth = reader.Number("nth", 1, ANY).value_or(1);
   fault.from_then_on = reader.Bool("from_then_on").value_or(false);
   fault.text = reader.String("text").value_or(fault.kind == Fault::DEVICE_ERROR ? "Fault" : "");
@@ -303,29 +215,29 @@ Fault ReadFault(Reader& reader) {
   return fault;
 }
 
-}  // namespace
-
-void LoadFabric(const fs::path& path, const std::optional<fs::path>& state, Fabric& fabric) {
-  toml::table root;
-  try {
-    std::ifstream file(path);
-    if (!file || fs::is_directory(path)) throw FabricFileError("can't open " + path.string());
-    root = toml::parse(file, path.string());
-  } catch (const toml::parse_error& error) {
-    throw FabricFileError(
-        Text(path.string(), ":", error.source().begin.line, ": ", error.description()));
-  }
+void Load(const fs::path& path, const std::optional<fs::path>& state, Fabric& fabric) {
+  const toml::table root = ParseToml(path);
   if (state) {
     std::error_code error;
     fs::create_directories(*state, error);
-    if (error) throw FabricFileError(state->string() + ": " + error.message());
+    if (error) throw TomlError(state->string() + ": " + error.message());
   }
-  Reader reader(path, root);
+  TomlReader reader(path, root);
   if (const auto server = reader.Table("server")) ReadServer(*server, fabric.facts);
-  for (Reader& device : reader.Tables("device")) ReadDevice(device, state, fabric);
-  for (Reader& fault : reader.Tables("fault")) fabric.faults.Add(ReadFault(fault));
+  for (TomlReader& device : reader.Tables("device")) ReadDevice(device, state, fabric);
+  for (TomlReader& fault : reader.Tables("fault")) fabric.faults.Add(ReadFault(fault));
   reader.Finish();
-  if (fabric.Devices().empty()) throw FabricFileError(path.string() + ": no [[device]]");
+  if (fabric.Devices().empty()) throw TomlError(path.string() + ": no [[device]]");
+}
+
+}  // namespace
+
+void LoadFabric(const fs::path& path, const std::optional<fs::path>& state, Fabric& fabric) {
+  try {
+    Load(path, state, fabric);
+  } catch (const TomlError& error) {
+    throw FabricFileError(error.what());
+  }
 }
 
 }  // namespace sim
