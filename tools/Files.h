@@ -1,0 +1,57 @@
+/// Files as the tools read and write them: whole, or not at all.
+#pragma once
+
+#include <filesystem>
+#include <span>
+#include <string>
+
+#include "BraidGeneral.h"
+
+namespace tools {
+
+/// All bytes of a file. Throws std::runtime_error when it cannot be read whole, or is no regular
+/// file.
+DataVec ReadFile(const std::filesystem::path& path);
+
+/// A file that gets its name only when it is complete: until then, and for good where Keep is never
+/// called, whatever bore the name stays as it was. All operations throw std::runtime_error.
+class NewFile {
+ public:
+  /// Makes a file beside `path` that ends in the same extension.
+  explicit NewFile(const std::filesystem::path& path);
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+  ~NewFile();
+
+  void Write(std::span<const char> bytes);
+  /// Ends the writing, so that the file can be read under the name that it has for now.
+  const std::string& Close();
+  /// Gives the file its name.
+  void Keep();
+
+ private:
+  [[noreturn]] void Throw() const;
+
+  std::filesystem::path _path;
+  std::string _temporary;
+  int _fd = -1;
+};
+
+/// Writes a whole file.
+void WriteFile(const std::filesystem::path& path, const DataVec& bytes);
+
+/// A folder for scratch files, removed with all that is in it.
+class ScratchFolder {
+ public:
+  ScratchFolder();
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+  ~ScratchFolder();
+
+  std::string operator/(const std::string& name) const { return _path / name; }
+
+ private:
+  std::filesystem::path _path;
+};
+
+}  // namespace tools
