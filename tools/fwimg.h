@@ -11,5 +11,8 @@ using Work = std::function<int()>;
 void AddInfo(CLI::App& app, Work& work);
 void AddCheck(CLI::App& app, Work& work);
 void AddDiff(CLI::App& app, Work& work);
+void AddMake(CLI::App& app, Work& work);
+void AddExtract(CLI::App& app, Work& work);
+void AddConvert(CLI::App& app, Work& work);
 
 }  // namespace tools

@@ -1,0 +1,784 @@
+// The built fwimg: images made from layouts, and the bytes of their sections.
+#include <nlohmann/json.hpp>
+
+#include "BurnAlgorithm.h"
+#include "FwImage.h"
+#include "Harness.h"
+#include "utils.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+class FwimgMakeTest : public ConsoleTest {
+ protected:
+  Outcome Fwimg(std::vector<std::string> words) const {
+    words.insert(words.begin(), FWIMG_PROGRAM);
+    return RunProgram(words);
+  }
+
+  /// Makes out.img from a layout; its text.
+  std::string Make(const std::string& layout) {
+    const Outcome outcome =
+        Fwimg({"make", _folder.Write("layout.toml", layout), "-o", _folder / "out.img"});
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(outcome.errors, "");
+    return Content("out.img");
+  }
+
+  /// What is said of a layout that is refused, without the program's name and the folder.
+  std::string Refusal(const std::string& layout) {
+    const Outcome outcome =
+        Fwimg({"make", _folder.Write("layout.toml", layout), "-o", _folder / "refused.img"});
+    EXPECT_EQ(outcome.status, 2) << layout;
+    EXPECT_EQ(outcome.output, "");
+    for (const auto& entry : fs::directory_iterator(_folder.Path())) {
+      EXPECT_FALSE(entry.path().filename().string().starts_with("refused"));
+    }
+    std::string text = outcome.errors;
+    const std::string folder = _folder.Path().string() + "/";
+    for (std::size_t at = 0; (at = text.find(folder)) != std::string::npos;) {
+      text.erase(at, folder.size());
+    }
+    EXPECT_TRUE(text.starts_with("fwimg: ") && text.ends_with("\n")) << text;
+    return text.substr(7, text.size() - 8);
+  }
+
+  void Load(FwImage& image, const std::string& name = "out.img") const {
+    image.Open((_folder / name).c_str(), READ);
+  }
+
+  std::string Content(const std::string& name) const {
+    std::ifstream file(_folder / name, std::ios::binary);
+    EXPECT_TRUE(file) << name;
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  DataVec Bytes(const std::string& name) const {
+    const std::string content = Content(name);
+    return {content.begin(), content.end()};
+  }
+
+  TemporaryFolder _folder;
+};
+
+// A section of 0x40 bytes on line 2, for layouts that are wrong behind it.
+const std::string ONE =
+    "device_type = \"RV52100\"\n"
+    "section = [{ name = \"A\", at = 0, fill = 0, size = 0x40 }]\n";
+
+TEST_F(FwimgMakeTest, ALayoutBecomesAnImageFileThatSaysTheSame) {
+  _folder.Write("tail.bin", "xxtail of it");
+  EXPECT_EQ(Make(R"(title = "Two EEPROMs\nand a slot in each"
+device_type = "RV61300"
+version = { major = 1, minor = 26, sub_minor = 255 }
+devmap = [{ device = 0x50, size = 0x100 }, { device = 0x51, size = 0x100 }]
+[[slot]]
+ps = { device = 0x50, offset = 0xC0 }
+signature = { device = 0x50, offset = 0xC4 }
+image = { device = 0x50, offset = 0 }
+[[slot]]
+image = { device = 0x51, offset = 0 }
+[[section]]
+name = "PS"
+at = { device = 0x50, offset = 0xC0 }
+fill = 0xA5
+size = 8
+[[section]]
+name = "BOOT-1.0_a"
+at = { device = 0x50, offset = 0 }
+content = [{ hex = "0102 03 ff" }, { fill = 0xC3, size = 10 }, { file = "tail.bin", from = 2, size = 4 }]
+pad = 0x7E
+[[field]]
+type = "GUID"
+at = { device = 0x50, offset = 4 }
+[[crc]]
+from = { device = 0x50, offset = 4 }
+size = 8
+at = { device = 0x50, offset = 16 }
+)"),
+            R"(# Two EEPROMs
+# and a slot in each
+# All numbers are hexadecimal.
+
+DEVICE_TYPE RV61300
+MAJ_FW_VER 1
+MIN_FW_VER 1A
+SUB_MIN_FW_VER FF
+DEVMAP 100 50
+DEVMAP 100 51
+PS 0 C0 50
+SIGNATURE 0 C4 50
+IMAGE 0 0 50
+IMAGE 1 0 51
+REPLACE GUID 4 50
+REPLACE CRC 4 50 8 50 10 50
+
+# PS: 8 bytes
+START PS C0 50
+A5 A5 A5 A5 A5 A5 A5 A5
+END PS
+
+# BOOT-1.0_a: 20 bytes
+START BOOT-1.0_a 0 50
+01 02 03 FF C3 C3 C3 C3 C3 C3 C3 C3 C3 C3 74 61
+69 6C 7E 7E
+END BOOT-1.0_a
+)");
+}
+
+TEST_F(FwimgMakeTest, PlacesCountedFromTheSlotsAreOnesInEachSlotThatHasThem) {
+  Make(R"(device_type = "RV52100"
+[[slot]]
+ps = 0x400
+image = 0xC00
+[[slot]]
+ps = 0x800
+image = 0x1400
+[[section]]
+name = "PS0"
+at = 0x400
+fill = 1
+size = 0x20
+[[section]]
+name = "PS1"
+at = 0x800
+fill = 2
+size = 0x20
+[[section]]
+name = "FIRMWARE"
+at = 0xC00
+fill = 3
+size = 0x40
+[[field]]
+type = "GUIDS"
+at = { image = 0x10 }
+[[crc]]
+from = { ps = 8 }
+size = 0x10
+at = { ps = 0x1C }
+)");
+  FwImage image;
+  Load(image);
+  const auto fields = image.GetFieldsInRange(0, 0x2000);
+  ASSERT_EQ(fields.size(), 2u);
+  EXPECT_EQ(fields[0].from, 0xC10u);
+  EXPECT_EQ(fields[1].from, 0x1410u);
+  EXPECT_EQ(fields[1].type, GUIDS);
+  const auto crcs = image.GetCrcsInRange(0, 0x2000);
+  ASSERT_EQ(crcs.size(), 2u);
+  EXPECT_EQ(crcs[0].from, 0x408u);
+  EXPECT_EQ(crcs[0].size, 0x10u);
+  EXPECT_EQ(crcs[0].crc_addr, 0x41Cu);
+  EXPECT_EQ(crcs[1].from, 0x808u);
+  EXPECT_EQ(crcs[1].crc_addr, 0x81Cu);
+}
+
+TEST_F(FwimgMakeTest, CrcWordsAreFilledInOnlyOnRequest) {
+  Make(R"(device_type = "RV52100"
+section = [{ name = "A", at = 0, hex = "cb84cb84 eeeeeeee 00000000 eeeeeeee 00000000 eeeeeeee" }]
+crc = [
+  { from = 0, size = 4, at = 4, fill = true },
+  { from = 8, size = 4, at = 12, fill = true },
+  { from = 16, size = 4, at = 20 },
+]
+)");
+  FwImage image;
+  Load(image);
+  // The CRC of cb84cb84 is b29b, that of a word of zeros 0009.
+  EXPECT_EQ(image.GetSection(0)->data,
+            Hex("cb84cb84 0000b29b 00000000 00000009 00000000 eeeeeeee"));
+}
+
+TEST_F(FwimgMakeTest, TheLastByteOfABootRecordMakesItsSumRightBeforeACrcCoversIt) {
+  Make(R"(device_type = "RV61300"
+section = [{ name = "A", at = 0, boot_record = true, hex = """
+  01020304 05060700 EEEEEEEE EEEEEE55 00000000""" }]
+crc = [{ from = 8, size = 8, at = 16, fill = true }]
+)");
+  FwImage image;
+  Load(image);
+  const DataVec& data = image.GetSection(0)->data;
+  // 01 to 07 are 1C, seven times EE is 82 modulo 100, and AB - 1C - 82 is 0D.
+  const DataVec record = Hex("01020304 05060700 EEEEEEEE EEEEEE0D");
+  EXPECT_EQ(DataVec(data.begin(), data.begin() + 16), record);
+  OutputOf([&] { EXPECT_TRUE(RV61300FailsafeBurn::VerifyFirstPllBootRecordChecksum(record, {})); });
+  DataVec word;
+  word << ReferenceCrc(Hex("EEEEEEEE EEEEEE0D"));
+  EXPECT_EQ(DataVec(data.begin() + 16, data.end()), word);
+}
+
+TEST_F(FwimgMakeTest, WhatIsNoTomlIsToldWithFileAndLine) {
+  // The rest are the TOML library's words.
+  EXPECT_THAT(Refusal("device_type = \"RV52100\"\nslot = \n"),
+              testing::StartsWith("layout.toml:2: "));
+}
+
+struct Refused {
+  std::string name;
+  std::string layout;
+  std::string text;
+};
+
+class FwimgRefusalTest : public FwimgMakeTest, public testing::WithParamInterface<Refused> {};
+
+TEST_P(FwimgRefusalTest, IsToldWithFileAndLine) {
+  _folder.Write("five.bin", "12345");
+  EXPECT_EQ(Refusal(GetParam().layout), GetParam().text);
+}
+
+std::string Eeproms(const std::string& rest) {
+  return "device_type = \"RV61300\"\n"
+         "devmap = [{ device = 0x50, size = 0x100 }, { device = 0x51, size = 0x100 }]\n"
+         "[[slot]]\nimage = { device = 0x50, offset = 0 }\n"
+         "[[slot]]\nimage = { device = 0x51, offset = 0 }\n" +
+         rest;
+}
+std::string EepromSection(const std::string& name, const std::string& offset) {
+  return "[[section]]\nname = \"" + name + "\"\nat = { device = 0x50, offset = " + offset +
+         " }\nfill = 0\nsize = 0x20\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, FwimgRefusalTest,
+    testing::Values(
+        Refused{"NoType", "\ntitle = \"x\"\n", "layout.toml:1: 'device_type' is missing"},
+        Refused{"UnknownType", "\ndevice_type = \"RV1\"\n",
+                "layout.toml:2: 'device_type' is no known device: RV1"},
+        Refused{"UnknownKey", ONE + "sections = []\n", "layout.toml:3: unknown key 'sections'"},
+        Refused{"NoSection", "device_type = \"RV52100\"\n", "layout.toml:1: no [[section]]"},
+        Refused{"LongTitle", ONE + "title = \"" + std::string(201, 'x') + "\"\n",
+                "layout.toml:3: 'title' must be lines of at most 200 characters, without control "
+                "characters"},
+        Refused{"ThreeSlots", ONE + "slot = [{}, {},\n{}]\n",
+                "layout.toml:4: an image has two slots at most"},
+        Refused{"DeviceTwice",
+                ONE + "devmap = [{ device = 1, size = 4 },\n{ device = 1, size = 4 }]\n",
+                "layout.toml:4: device 0x1 is mapped already"},
+        Refused{"DevicesTooLarge",
+                ONE + "devmap = [{ device = 1, size = 0x80000000 },\n{ device = 2, size = "
+                      "0x80000000 }]\n",
+                "layout.toml:4: all devices together must have less than 4 GiB"},
+        Refused{"UnmappedDevice",
+                ONE + "[[field]]\ntype = \"GUID\"\nat = { device = 0x50, offset = 0 }\n",
+                "layout.toml:5: [[devmap]] has no device 0x50"},
+        Refused{"OffsetBehindDevice", Eeproms(EepromSection("A", "0x100")),
+                "layout.toml:9: device 0x50 has only 0x100 bytes"},
+        Refused{
+            "StrangePlace", ONE + "[[field]]\ntype = \"GUID\"\nat = { ps = 0, image = 0 }\n",
+            "layout.toml:5: a place is { device = D, offset = N }, { ps = N }, { image = N }, or "
+            "a number"},
+        Refused{"PlaceOfNoSlot", ONE + "[[field]]\ntype = \"GUID\"\nat = { image = 0 }\n",
+                "layout.toml:3: no [[slot]] has what this is counted from"},
+        Refused{"SlotInSlot", ONE + "[[slot]]\nps = 0\nimage = { ps = 0 }\n",
+                "layout.toml:5: 'image' must be a place of its own"},
+        Refused{"StrangeName",
+                "device_type = \"RV52100\"\nsection = [{ name = \"A B\", at = 0, fill = 0, size = "
+                "4 }]\n",
+                "layout.toml:2: a section's name is 1 to 64 letters, digits, '_', '.' and '-'"},
+        Refused{
+            "TwoSources",
+            "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, fill = 0, size = 4, hex "
+            "= \"00\" }]\n",
+            "layout.toml:2: the bytes of a section come from one of 'file', 'hex' and 'fill', or "
+            "from a 'content' of several"},
+        Refused{
+            "OddHex",
+            "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, hex = \"0011 2\" }]\n",
+            "layout.toml:2: 'hex' must have two hexadecimal digits for each byte: 2"},
+        Refused{"NoFile",
+                "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, file = \"none.bin\" "
+                "}]\n",
+                "layout.toml:2: can't read none.bin: No such file or directory"},
+        Refused{"ShortFile",
+                "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, file = "
+                "\"five.bin\", from = 2, size = 4 }]\n",
+                "layout.toml:2: five.bin has only 5 bytes"},
+        Refused{
+            "NotWholeWords",
+            "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, file = \"five.bin\" "
+            "}]\n",
+            "layout.toml:2: the section A has 5 bytes, not whole words of 4; 'pad' fills the last "
+            "one up"},
+        Refused{"NoBytes",
+                "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, file = "
+                "\"five.bin\", from = 5 }]\n",
+                "layout.toml:2: the section A has no bytes"},
+        Refused{"PastTheLastAddress",
+                "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0xFFFFFFFC, fill = 0, "
+                "size = 8 }]\n",
+                "layout.toml:2: the section A reaches past the last address"},
+        Refused{"PastTheLastDevice",
+                Eeproms("[[section]]\nname = \"A\"\nat = { device = 0x51, offset = 0xF0 }\nfill = "
+                        "0\nsize = 0x20\n"),
+                "layout.toml:7: the section A reaches past the last device"},
+        Refused{"UnknownField", ONE + "[[field]]\ntype = \"guid\"\nat = 0\n",
+                "layout.toml:4: 'type' is no known field: guid"},
+        Refused{"SignatureAsField", ONE + "[[field]]\ntype = \"SIGNATURE\"\nat = 0\n",
+                "layout.toml:4: a signature is placed by the 'signature' of its [[slot]]"},
+        Refused{"FieldOutside", ONE + "[[field]]\ntype = \"GUID\"\nat = 0x40\n",
+                "layout.toml:3: the field GUID at 00:00000040 lies in no section"},
+        Refused{"FieldCrossing", ONE + "[[field]]\ntype = \"GUID\"\nat = 0x3C\n",
+                "layout.toml:3: the field GUID at 00:0000003c reaches past the section A"},
+        Refused{"FieldsOverlapping",
+                ONE + "[[field]]\ntype = \"GUID\"\nat = 8\n[[field]]\ntype = \"SYSGUID\"\nat = 4\n",
+                "layout.toml:6: the field SYSGUID at 00:00000004 overlaps the field GUID at "
+                "00:00000008"},
+        Refused{"CrcOfHalfWords", ONE + "[[crc]]\nfrom = 0\nsize = 6\nat = 8\n",
+                "layout.toml:3: 'size' must be whole words of 4 bytes"},
+        Refused{"CrcOverItself", ONE + "[[crc]]\nfrom = 0\nsize = 12\nat = 8\n",
+                "layout.toml:3: the CRC at 00:00000008 covers itself"},
+        Refused{"CrcOverAnother",
+                ONE + "[[crc]]\nfrom = 0\nsize = 4\nat = 4\n[[crc]]\nfrom = 0\nsize = 8\nat = 8\n",
+                "layout.toml:7: the CRC at 00:00000008 covers another, the CRC at 00:00000004"},
+        Refused{
+            "CrcOfTwoSections",
+            "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, fill = 0, size = 8 }, { "
+            "name = \"B\", at = 8, fill = 0, size = 8 }]\n"
+            "[[crc]]\nfrom = 0\nsize = 12\nat = 12\n",
+            "layout.toml:3: what is covered by the CRC at 00:0000000c reaches past the section A"},
+        Refused{"CrcWordInAnotherSection",
+                "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, fill = 0, size = 8 "
+                "}, { name = \"B\", at = 8, fill = 0, size = 8 }]\n"
+                "[[crc]]\nfrom = 0\nsize = 8\nat = 12\n",
+                "layout.toml:3: the CRC at 00:0000000c does not lie in the section that it covers"},
+        Refused{"FieldOnCrc",
+                ONE + "[[crc]]\nfrom = 0\nsize = 4\nat = 8\n[[field]]\ntype = \"GUID\"\nat = 4\n",
+                "layout.toml:7: the field GUID at 00:00000004 overlaps the CRC at 00:00000008"},
+        Refused{"MixedPlaces",
+                ONE + "[[slot]]\nimage = 0\n[[crc]]\nfrom = 0\nsize = 4\nat = { image = 8 }\n",
+                "layout.toml:5: 'from' and 'at' must be given in the same way"},
+        Refused{"PointerSectorWithoutSection", ONE + "[[slot]]\nps = 8\n",
+                "layout.toml:3: slot 0: no section begins at 00:00000008, its pointer sector"},
+        Refused{"SignatureOutside", ONE + "[[slot]]\nsignature = 0x3E\n",
+                "layout.toml:3: slot 0: its signature lies in no section"},
+        Refused{"ImageWithoutSection", ONE + "[[slot]]\nimage = 4\n",
+                "layout.toml:3: slot 0: no section begins at 00:00000004, its image"},
+        Refused{
+            "SlotsInTheWrongOrder",
+            "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 8, fill = 0, size = 8 }]\n"
+            "slot = [{ image = 8 },\n{ image = 0 }]\n",
+            "layout.toml:4: slot 1: its image must lie above the one of slot 0"},
+        Refused{"ImageIntoTheSecondSlot", ONE + "slot = [{ image = 0 }, { image = 0x20 }]\n",
+                "layout.toml:2: the section A reaches into the second slot"},
+        Refused{"ImageOutsideItsSlot",
+                "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 8, fill = 0, size = 8 "
+                "},\n{ name = \"B\", at = 0, fill = 0, size = 8 }]\n"
+                "slot = [{ image = 8 }, { image = 16 }]\n",
+                "layout.toml:3: the section B would be burnt as a part of the image, but does not "
+                "lie in "
+                "the first slot; sections that are no part of it come before it"},
+        Refused{"SecondSlotTooShort",
+                "device_type = \"RV61300\"\ndevmap = [{ device = 1, size = 0x100 }, { device = 2, "
+                "size = 0x10 }]\n"
+                "slot = [{ image = { device = 1, offset = 0 } }, { image = { device = 2, offset = "
+                "0 } }]\n"
+                "section = [{ name = \"A\", at = { device = 1, offset = 0 }, fill = 0, size = 0x20 "
+                "}]\n",
+                "layout.toml:4: the section A does not fit into the second slot"},
+        Refused{"CrcOverTheHeldBackWord",
+                Eeproms(EepromSection("A", "0") +
+                        "[[crc]]\nfrom = { image = 0 }\nsize = 8\nat = { image = 0x10 }\n"),
+                "layout.toml:12: the CRC at 50:00000010 covers the first word of a boot record, "
+                "which a "
+                "failsafe burn holds back"},
+        Refused{"MarkedBootRecord",
+                Eeproms("[[section]]\nname = \"A\"\nat = { device = 0x50, offset = 0 }\nfill = "
+                        "1\nsize = 0x20\nboot_record = true\n"),
+                "layout.toml:7: a boot record with 1 in byte 7 is not valid in the first slot"},
+        Refused{"ShortBootRecord",
+                "device_type = \"RV61300\"\nsection = [{ name = \"A\", at = 0, fill = 0, size = "
+                "12, boot_record = true }]\n",
+                "layout.toml:2: a boot record has 16 bytes, the section A only 12"},
+        Refused{"FieldInTheSecondBootRecord",
+                Eeproms(EepromSection("A", "0") + "boot_record = true\n[[field]]\ntype = "
+                                                  "\"GUID\"\nat = { device = 0x51, offset = 8 }\n"),
+                "layout.toml:13: the field GUID at 51:00000008 overlaps the boot record of A"},
+        Refused{"IgnoredBsn",
+                "device_type = \"RV61100\"\nsection = [{ name = \"A\", at = 0, fill = 0, size = "
+                "0x40 }]\n[[field]]\ntype = \"BSN\"\nat = 0\n",
+                "layout.toml:3: the field BSN is ignored for an RV61100"}),
+    [](const auto& refused) { return refused.param.name; });
+
+TEST_F(FwimgMakeTest, TwoSectionsOfOneNameOrOverOneByteAreRefused) {
+  const std::string two =
+      "device_type = \"RV52100\"\nsection = [\n"
+      "{ name = \"A\", at = 8, fill = 0, size = 8 },\n"
+      "{ name = \"";
+  EXPECT_EQ(Refusal(two + "A\", at = 0, fill = 0, size = 8 }]\n"),
+            "layout.toml:4: there are two sections A");
+  EXPECT_EQ(Refusal(two + "B\", at = 0, fill = 0, size = 12 }]\n"),
+            "layout.toml:4: the section B overlaps the section A");
+}
+
+TEST_F(FwimgMakeTest, ARefusedLayoutLeavesTheImageOfBeforeAsItIs) {
+  _folder.Write("out.img", "before");
+  const Outcome outcome =
+      Fwimg({"make", _folder.Write("layout.toml", "wrong"), "-o", _folder / "out.img"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(Content("out.img"), "before");
+}
+
+TEST_F(FwimgMakeTest, OnlyWhatIsNamedAndIsAFileLikeAnImageIsWritten) {
+  const std::string layout = _folder.Write("layout.toml", ONE);
+  Outcome outcome = Fwimg({"make", layout, "-o", _folder / "out.bin"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors, "fwimg: the name of an image file ends in .img or .IMG: " +
+                                (_folder / "out.bin") + "\n");
+  EXPECT_FALSE(fs::exists(_folder / "out.bin"));
+  fs::create_directory(_folder / "dir.img");
+  outcome = Fwimg({"make", layout, "-o", _folder / "dir.img"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors, "fwimg: can't write " + (_folder / "dir.img") + ": not a file\n");
+  outcome = Fwimg({"make", layout, "-o", _folder / "none/out.img"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors,
+            "fwimg: can't write " + (_folder / "none/out.img") + ": No such file or directory\n");
+}
+
+TEST_F(FwimgMakeTest, ThroughALinkTheFileItStandsForIsReplaced) {
+  _folder.Write("real.img", "before");
+  fs::create_symlink("real.img", _folder / "out.img");
+  Make(ONE);
+  EXPECT_TRUE(fs::is_symlink(_folder / "out.img"));
+  EXPECT_NE(Content("real.img"), "before");
+}
+
+TEST_F(FwimgMakeTest, TheObjectTellsWhatStandsWhere) {
+  const Outcome outcome = Fwimg(
+      {"make",
+       _folder.Write("layout.toml",
+                     "device_type = \"RV61300\"\n"
+                     "devmap = [{ device = 0x50, size = 0x100 }, { device = 0x51, size = 0x100 }]\n"
+                     "section = [{ name = \"A\", at = { device = 0x51, offset = 8 }, fill = 0, "
+                     "size = 4 }]\n"),
+       "-o", _folder / "out.img", "--json"});
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(
+      json::parse(outcome.output),
+      (json{
+          {"version", 1},
+          {"image", _folder / "out.img"},
+          {"device_type", "RV61300"},
+          {"sections",
+           {{{"name", "A"}, {"address", 0x108}, {"device", 0x51}, {"offset", 8}, {"size", 4}}}}}));
+}
+
+/// A random layout, and what an image of it must hold.
+class RandomLayout {
+ public:
+  explicit RandomLayout(u_int32_t seed, const TemporaryFolder& folder) : _rng(seed) {
+    const u_int32_t count = 1 + Below(5);
+    u_int32_t addr = 4 * Below(64);
+    for (u_int32_t i = 0; i < count; ++i) {
+      AddSection(Text("S", i, "-x_", seed), addr, 4 + 4 * Below(100));
+      addr +=
+          static_cast<u_int32_t>(sections.back().data.size()) + (Below(2) == 0 ? 0 : 4 * Below(64));
+    }
+    image0 = sections[0].addr;
+    image1 = addr + 4 * Below(64);
+    // Both slots fit, and there may be more.
+    const u_int32_t total = 2 * image1 + 4 + Below(256);
+    const u_int32_t devices = Below(4);
+    u_int32_t rest = total;
+    for (u_int32_t i = 0; i < devices; ++i) {
+      const u_int32_t size = i + 1 == devices ? rest : 4 + Below(rest / 2);
+      devmap.emplace_back(size, static_cast<u_int8_t>(0x50 + 7 * i));
+      rest -= size;
+    }
+    WriteText(folder);
+  }
+
+  struct Section {
+    std::string name;
+    u_int32_t addr;
+    DataVec data;
+  };
+  std::string text;
+  std::vector<EeLoc> devmap;
+  std::vector<Section> sections;
+  std::vector<FwImage::FieldReplace> fields;
+  std::vector<FwImage::CrcReplace> crcs;
+  u_int32_t image0 = 0;
+  u_int32_t image1 = 0;
+
+ private:
+  u_int32_t Below(u_int32_t end) { return static_cast<u_int32_t>(_rng() % end); }
+
+  void AddSection(const std::string& name, u_int32_t addr, u_int32_t size) {
+    Section section{name, addr, RandomBytes(_rng, size)};
+    u_int32_t at = 0;
+    for (const FieldType type : {GUIDS, GUID, SYS_GUID, BSN}) {
+      at += Below(8);
+      const u_int32_t field = FwImage::ReplaceFieldSize(type);
+      if (Below(2) == 0 || at + field > size) continue;
+      fields.push_back({addr + at, field, type});
+      at += field;
+    }
+    const u_int32_t covered = (at + 3) / 4 * 4;
+    _raw.push_back(section.data);
+    _filled.push_back(false);
+    if (covered >= 4 && covered + 4 <= size && Below(3) != 0) {
+      const u_int32_t word = covered + Below(size - covered - 3);
+      crcs.push_back({addr, covered, addr + word});
+      _filled.back() = Below(2) == 0;
+      if (_filled.back()) {
+        DataVec crc;
+        crc << ReferenceCrc(DataVec(section.data.begin(), section.data.begin() + covered));
+        std::copy(crc.begin(), crc.end(), section.data.begin() + word);
+      }
+      _crc_filled.push_back(_filled.back());
+    }
+    sections.push_back(section);
+  }
+
+  std::string Place(u_int32_t addr) const {
+    if (devmap.empty()) return Text(addr);
+    for (const EeLoc& dev : devmap) {
+      if (addr < dev.offset) {
+        return Text("{ offset = ", addr, ", device = ", u_int32_t{dev.dev}, " }");
+      }
+      addr -= dev.offset;
+    }
+    ADD_FAILURE() << "no device";
+    return "";
+  }
+
+  static std::string HexText(const DataVec& bytes) {
+    std::string digits;
+    for (const u_int8_t byte : bytes) {
+      digits += Text(std::hex, std::setfill('0'), std::setw(2), u_int32_t{byte});
+    }
+    return digits;
+  }
+
+  void WriteText(const TemporaryFolder& folder) {
+    text = "device_type = \"RV52300\"\n";
+    for (const EeLoc& dev : devmap) {
+      text += Text("[[devmap]]\ndevice = ", u_int32_t{dev.dev}, "\nsize = ", dev.offset, "\n");
+    }
+    text += "[[slot]]\nimage = " + Place(image0) + "\n[[slot]]\nimage = " + Place(image1) + "\n";
+    for (std::size_t i = 0; i < sections.size(); ++i) {
+      const DataVec& raw = _raw[i];
+      text += "[[section]]\nname = \"" + sections[i].name + "\"\nat = " + Place(sections[i].addr) +
+              "\n";
+      const auto cut = static_cast<std::ptrdiff_t>(Below(static_cast<u_int32_t>(raw.size())));
+      const DataVec head(raw.begin(), raw.begin() + cut);
+      const DataVec tail(raw.begin() + cut, raw.end());
+      folder.Write(Text("part", i), "junk" + std::string(tail.begin(), tail.end()) + "junk");
+      text += Text("content = [{ hex = \"", HexText(head), "\" }, { file = \"part", i,
+                   "\", from = 4, size = ", tail.size(), " }]\n");
+    }
+    constexpr const char* KEYWORDS[] = {"", "", "GUIDS", "GUID", "SYSGUID", "BSN"};
+    for (const auto& field : fields) {
+      text +=
+          Text("[[field]]\ntype = \"", KEYWORDS[field.type], "\"\nat = ", Place(field.from), "\n");
+    }
+    for (std::size_t i = 0; i < crcs.size(); ++i) {
+      text += Text("[[crc]]\nfrom = ", Place(crcs[i].from), "\nsize = ", crcs[i].size,
+                   "\nat = ", Place(crcs[i].crc_addr),
+                   "\nfill = ", _crc_filled[i] ? "true" : "false", "\n");
+    }
+  }
+
+  TestRng _rng;
+  std::vector<DataVec> _raw;
+  std::vector<bool> _filled;
+  std::vector<bool> _crc_filled;
+};
+
+TEST_F(FwimgMakeTest, AnyLayoutGivesAnImageThatMeansTheSameAndGivesTheBytesBack) {
+  std::size_t fields = 0;
+  std::size_t crcs = 0;
+  for (u_int32_t seed = 1; seed <= 40; ++seed) {
+    SCOPED_TRACE(Text("seed ", seed));
+    const RandomLayout layout(seed, _folder);
+    SCOPED_TRACE(layout.text);
+    Make(layout.text);
+    ASSERT_FALSE(HasFailure());
+    FwImage image;
+    Load(image);
+    EXPECT_EQ(image.DevType(), RV52300);
+    EXPECT_EQ(image.GetImageAddr(0), layout.image0);
+    EXPECT_EQ(image.GetImageAddr(1), layout.image1);
+    std::vector<u_int32_t> addrs;
+    image.GetSectionsAddr(addrs);
+    ASSERT_EQ(addrs.size(), layout.sections.size());
+    fs::remove_all(_folder / "parts");
+    ASSERT_EQ(Fwimg({"extract", _folder / "out.img", "--all", _folder / "parts"}).status, 0);
+    for (std::size_t i = 0; i < addrs.size(); ++i) {
+      const auto& section = layout.sections[i];
+      EXPECT_EQ(addrs[i], section.addr);
+      EXPECT_EQ(image.GetSection(addrs[i])->name, section.name);
+      EXPECT_EQ(image.GetSection(addrs[i])->data, section.data);
+      EXPECT_EQ(Bytes("parts/" + section.name + ".bin"), section.data);
+    }
+    const auto same_field = [](const auto& a, const auto& b) {
+      return a.from == b.from && a.size == b.size && a.type == b.type;
+    };
+    EXPECT_TRUE(
+        std::ranges::equal(image.GetFieldsInRange(0, 0xFFFFFFFF), layout.fields, same_field));
+    const auto same_crc = [](const auto& a, const auto& b) {
+      return a.from == b.from && a.size == b.size && a.crc_addr == b.crc_addr;
+    };
+    EXPECT_TRUE(std::ranges::equal(image.GetCrcsInRange(0, 0xFFFFFFFF), layout.crcs, same_crc));
+    fields += layout.fields.size();
+    crcs += layout.crcs.size();
+    ASSERT_FALSE(HasFailure());
+  }
+  EXPECT_GT(fields, 40u);  // else little was tried
+  EXPECT_GT(crcs, 20u);
+}
+
+TEST_F(FwimgMakeTest, TheLaidOutExamplesHoldWhatMakeImagesWrites) {
+  const Outcome parts = RunProgram({EXAMPLES "/make-images", _folder.Path()});
+  ASSERT_EQ(parts.status, 0) << parts.errors;
+  for (const std::string name : {"rv61300", "rv52100"}) {
+    SCOPED_TRACE(name);
+    const Outcome made = Fwimg({"make", EXAMPLES "/" + name + ".toml", "--parts", _folder / "parts",
+                                "-o", _folder / "made.img"});
+    ASSERT_EQ(made.status, 0) << made.errors;
+    FwImage image;
+    Load(image, "made.img");
+    FwImage other;
+    Load(other, name + ".img");
+    EXPECT_EQ(image.DevType(), other.DevType());
+    std::vector<u_int32_t> addrs;
+    std::vector<u_int32_t> other_addrs;
+    image.GetSectionsAddr(addrs);
+    other.GetSectionsAddr(other_addrs);
+    ASSERT_EQ(addrs, other_addrs);
+    for (const u_int32_t addr : addrs) {
+      EXPECT_EQ(image.GetSection(addr)->name, other.GetSection(addr)->name);
+      EXPECT_EQ(image.GetSection(addr)->data, other.GetSection(addr)->data);
+      const EeLoc loc = image.GetAddressConvertor()->Convert(addr);
+      EXPECT_EQ(loc.dev, other.GetAddressConvertor()->Convert(addr).dev);
+      EXPECT_EQ(loc.offset, other.GetAddressConvertor()->Convert(addr).offset);
+    }
+    const auto replaces = [](const FwImage& from) {
+      std::vector<std::array<u_int32_t, 4>> all;
+      for (const auto& field : from.GetFieldsInRange(0, 0xFFFFFFFF)) {
+        all.push_back({field.from, field.size, 0, static_cast<u_int32_t>(field.type)});
+      }
+      for (const auto& crc : from.GetCrcsInRange(0, 0xFFFFFFFF)) {
+        all.push_back({crc.from, crc.size, crc.crc_addr, 0xC2C});
+      }
+      std::ranges::sort(all);
+      return all;
+    };
+    EXPECT_EQ(replaces(image), replaces(other));
+    EXPECT_GT(replaces(image).size(), 8u);
+    for (const u_int32_t slot : {0u, 1u}) {
+      EXPECT_EQ(image.GetImageAddr(slot), other.GetImageAddr(slot));
+      if (name == "rv61300") continue;
+      EXPECT_EQ(image.GetPsAddr(slot), other.GetPsAddr(slot));
+      EXPECT_EQ(image.GetSignatureAddr(slot), other.GetSignatureAddr(slot));
+    }
+  }
+}
+
+class FwimgExtractTest : public FwimgMakeTest {
+ protected:
+  FwimgExtractTest() {
+    _folder.Write("two.img",
+                  "DEVMAP 100 50\nDEVMAP 100 51\nSTART A 8 50\n00 01 0A FF\nEND A\n"
+                  "START B 4 51\n10 11 12 13 14 15 16 17\nEND B\n");
+  }
+};
+
+TEST_F(FwimgExtractTest, OneSectionGoesToAFileOrTheOutput) {
+  Outcome outcome =
+      Fwimg({"extract", _folder / "two.img", "--section", "A", "-o", _folder / "a.bin"});
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(outcome.output, (_folder / "a.bin") + ": A, 4 bytes from 50:00000008\n");
+  EXPECT_EQ(Bytes("a.bin"), Hex("00010AFF"));
+  outcome = Fwimg({"extract", _folder / "two.img", "--section", "A", "-o", "-"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.output, std::string("\0\1\n\xff", 4));
+}
+
+TEST_F(FwimgExtractTest, AllSectionsGoToAFolderAndTheObjectListsThem) {
+  const Outcome outcome =
+      Fwimg({"extract", _folder / "two.img", "--all", _folder / "new/folder", "--json"});
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(json::parse(outcome.output), (json{{"version", 1},
+                                               {"image", _folder / "two.img"},
+                                               {"written",
+                                                {{{"section", "A"},
+                                                  {"address", 8},
+                                                  {"device", 0x50},
+                                                  {"offset", 8},
+                                                  {"size", 4},
+                                                  {"file", _folder / "new/folder/A.bin"}},
+                                                 {{"section", "B"},
+                                                  {"address", 0x104},
+                                                  {"device", 0x51},
+                                                  {"offset", 4},
+                                                  {"size", 8},
+                                                  {"file", _folder / "new/folder/B.bin"}}}}}));
+  EXPECT_EQ(Bytes("new/folder/A.bin"), Hex("00010AFF"));
+  EXPECT_EQ(Bytes("new/folder/B.bin"), Hex("1011121314151617"));
+}
+
+TEST_F(FwimgExtractTest, NoNameOfASectionLeadsOutOfTheFolder) {
+  _folder.Write(
+      "wild.img",
+      "START ../../up 0 0\n01 01 01 01\nEND ../../up\nSTART .. 10 0\n02 02 02 02\nEND ..\n"
+      "START a/b 20 0\n03 03 03 03\nEND a/b\nSTART a?b 30 0\n04 04 04 04\nEND a?b\n");
+  const Outcome outcome = Fwimg({"extract", _folder / "wild.img", "--all", _folder / "in/here"});
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(Bytes("in/here/_.._.._up.bin"), Hex("01010101"));
+  EXPECT_EQ(Bytes("in/here/_...bin"), Hex("02020202"));
+  EXPECT_EQ(Bytes("in/here/a_b.bin"), Hex("03030303"));
+  EXPECT_EQ(Bytes("in/here/a_b@00000030.bin"), Hex("04040404"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(_folder / "in"), {}), 1);
+  EXPECT_EQ(std::distance(fs::directory_iterator(_folder / "in/here"), {}), 4);
+}
+
+TEST_F(FwimgExtractTest, ASectionThatIsMissingOrNotAloneIsRefused) {
+  Outcome outcome =
+      Fwimg({"extract", _folder / "two.img", "--section", "C", "-o", _folder / "c.bin"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors, "fwimg: " + (_folder / "two.img") + ": no section C\n");
+  EXPECT_FALSE(fs::exists(_folder / "c.bin"));
+  _folder.Write("same.img", "START A 0 0\n1 1 1 1\nEND A\nSTART A 10 0\n2 2 2 2\nEND A\n");
+  outcome = Fwimg({"extract", _folder / "same.img", "--section", "A", "-o", _folder / "c.bin"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors, "fwimg: " + (_folder / "same.img") +
+                                ": 2 sections are named A; --all DIR writes each\n");
+}
+
+TEST_F(FwimgExtractTest, TheLoadersErrorsAndWarningsKeepOffTheResult) {
+  _folder.Write("bad.img", "START A 0 0\n1 2 3\n");
+  Outcome outcome = Fwimg({"extract", _folder / "bad.img", "--section", "A", "-o", "-"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_EQ(outcome.errors, "fwimg: " + (_folder / "bad.img") +
+                                ":2: Section data line must have multiple of 4 bytes.\n");
+  _folder.Write("bsn.img",
+                "DEVICE_TYPE RV61100\nREPLACE BSN 0 0\nSTART A 0 0\n41 42 43 44\nEND A\n");
+  outcome = Fwimg({"extract", _folder / "bsn.img", "--section", "A", "-o", "-"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.output, "ABCD");
+  EXPECT_EQ(outcome.errors, "-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE 61100 ***\n");
+}
+
+TEST_F(FwimgExtractTest, AWrongCommandLineIsAUsageError) {
+  const std::string image = _folder / "two.img";
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"extract", image},
+        {"extract", image, "--section", "A"},
+        {"extract", image, "--all", _folder / "x", "--section", "A", "-o", _folder / "y"},
+        {"extract", image, "--section", "A", "-o", "-", "--json"},
+        {"make"},
+        {"make", image},
+        {}}) {
+    const Outcome outcome = Fwimg(words);
+    EXPECT_EQ(outcome.status, 64);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors, "");
+  }
+  EXPECT_FALSE(fs::exists(_folder / "x"));
+}
+
+}  // namespace
