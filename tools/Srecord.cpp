@@ -13,10 +13,10 @@
 #include <fstream>
 #include <iostream>
 #include <span>
-#include <sstream>
 #include <stdexcept>
 
 #include "Files.h"
+#include "utils.h"
 
 namespace tools {
 
@@ -134,44 +134,29 @@ void CheckEnd(const fs::path& path, RecordFormat format) {
   }
 }
 
-struct Extent {
-  u_int64_t from;
-  u_int64_t to;
-};
-
-/// The addresses that have bytes, as srec_info lists them: "Data:   0010 - 0013", and lines below.
-std::vector<Extent> Extents(const ScratchFolder& scratch, const std::string& records) {
-  const Run run(scratch, {"srec_info", records, "-motorola"});
-  std::vector<Extent> extents;
-  std::ifstream output = run.Output();
-  for (std::string line; std::getline(output, line);) {
-    if (!line.starts_with("Data:") && !line.starts_with("     ")) continue;
-    std::istringstream words(line.substr(5));
-    Extent extent{};
-    std::string dash;
-    if (words >> std::hex >> extent.from >> dash >> extent.to && dash == "-") {
-      ++extent.to;
-      extents.push_back(extent);
+/// The bytes of S3 records as srec_cat writes them: one record a line, in ascending order.
+std::vector<Range> BytesOf(std::istream& records) {
+  std::vector<Range> ranges;
+  DataVec record;
+  for (std::string line; std::getline(records, line);) {
+    if (!line.starts_with("S3")) continue;  // the number of records, the end
+    record.clear();
+    for (std::size_t i = 2; i + 1 < line.size(); i += 2) {
+      record.push_back(static_cast<u_int8_t>(HexDigit(line[i]) << 4 | HexDigit(line[i + 1])));
     }
-  }
-  return extents;
-}
-
-/// Extents that are fetched in one go: few runs, and little that lies between them.
-std::vector<std::vector<Extent>> Clusters(const std::vector<Extent>& extents) {
-  constexpr u_int64_t WIDEST_GAP = 0x10000;
-  constexpr u_int64_t LONGEST = u_int64_t{64} << 20;
-  constexpr std::size_t MOST = 1024;
-  std::vector<std::vector<Extent>> clusters;
-  for (const Extent& extent : extents) {
-    if (clusters.empty() || extent.from - clusters.back().back().to > WIDEST_GAP ||
-        extent.to - clusters.back().front().from > LONGEST) {
-      clusters.emplace_back();
+    // The length of what follows it, the address, the bytes, a sum.
+    constexpr std::size_t AROUND = 6;
+    if (record.size() <= AROUND || record.size() != 1u + record[0]) {
+      throw std::runtime_error("srec_cat writes a strange record: " + line);
     }
-    clusters.back().push_back(extent);
+    const u_int32_t addr = u_int32_t{record[1]} << 24 | u_int32_t{record[2]} << 16 |
+                           u_int32_t{record[3]} << 8 | record[4];
+    if (ranges.empty() || ranges.back().addr + u_int64_t{ranges.back().data.size()} != addr) {
+      ranges.push_back({addr, {}});
+    }
+    ranges.back().data.insert(ranges.back().data.end(), record.begin() + 5, record.end() - 1);
   }
-  if (clusters.size() > MOST) throw std::runtime_error("the bytes lie too far scattered");
-  return clusters;
+  return ranges;
 }
 
 }  // namespace
@@ -211,7 +196,7 @@ std::vector<Range> ReadRecords(const fs::path& path, RecordFormat format, bool l
   const ScratchFolder scratch;
   const std::string records = scratch / "records";
   const Run run(scratch, {"srec_cat", input, Option(format), "-o", records, "-motorola",
-                          "-disable=header", "-execution-start-address=0"});
+                          "-address-length=4", "-disable=header"});
   for (const std::string& message : run.Messages()) {
     const bool is_harmless = std::ranges::any_of(
         HARMLESS, [&](std::string_view text) { return message.find(text) != std::string::npos; });
@@ -220,30 +205,8 @@ std::vector<Range> ReadRecords(const fs::path& path, RecordFormat format, bool l
     std::cerr << message << std::endl;
   }
 
-  std::vector<Range> ranges;
-  const std::vector<std::vector<Extent>> clusters = Clusters(Extents(scratch, records));
-  for (const std::vector<Extent>& cluster : clusters) {
-    const u_int64_t from = cluster.front().from;
-    const u_int64_t to = cluster.back().to;
-    const std::string bytes = scratch / "bytes";
-    std::vector<std::string> words{"srec_cat", records, "-motorola"};
-    if (&cluster != &clusters.back()) {
-      words.insert(words.end(), {"-crop", Hex(from), Hex(to)});
-    } else if (from > 0) {
-      // Its end may be that of the address space, which is no address.
-      words.insert(words.end(), {"-exclude", "0", Hex(from)});
-    }
-    if (from > 0) words.insert(words.end(), {"-offset", "-" + Hex(from)});
-    words.insert(words.end(), {"-o", bytes, "-binary"});
-    const Run fetch(scratch, words);
-    const DataVec data = ReadFile(bytes);
-    if (data.size() != to - from) throw std::runtime_error("srec_cat gives other bytes than asked");
-    for (const Extent& extent : cluster) {
-      const auto part = std::span(data).subspan(extent.from - from, extent.to - extent.from);
-      ranges.push_back({static_cast<u_int32_t>(extent.from), DataVec(part.begin(), part.end())});
-    }
-  }
-  return ranges;
+  std::ifstream file(records);
+  return BytesOf(file);
 }
 
 }  // namespace tools
