@@ -438,7 +438,7 @@ TEST_F(FwimgCheckTest, WhatATerminalWouldObeyIsShownEscaped) {
 
 TEST_F(FwimgCheckTest, TheExampleImagesAreClean) {
   const std::string folder = _folder / "examples";
-  ASSERT_EQ(RunProgram({EXAMPLES "/make-images", folder}).status, 0);
+  ASSERT_EQ(RunProgram({EXAMPLES "/make-images", folder, FWIMG_PROGRAM}).status, 0);
   for (const char* name : {"rv52100", "rv52100-old", "rv61300", "rv61300-old"}) {
     const std::string path = folder + "/" + name + ".img";
     const Outcome outcome = Run({"--strict", path});

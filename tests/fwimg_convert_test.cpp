@@ -101,6 +101,7 @@ TEST_F(FwimgConvertTest, AnImageBecomesMotorolaRecordsThatEnd) {
   const Outcome outcome = Convert("a.img", "a.s19", {"--json"});
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(json::parse(outcome.output), (json{{"version", 1},
+                                               {"command", "convert"},
                                                {"from", _folder / "a.img"},
                                                {"to", _folder / "a.s19"},
                                                {"ranges", {{{"address", 0x10}, {"size", 4}}}}}));
@@ -166,6 +167,19 @@ TEST_F(FwimgConvertTest, NeighboursBecomeOnePieceUnlessASlotBeginsThere) {
   expected << ReferenceCrc(DataVec(4, 2));
   expected.resize(0x400, 2);
   EXPECT_EQ(image.GetSection(0x800)->data, expected);
+}
+
+TEST_F(FwimgConvertTest, TheDocumentedFrameIsTaken) {
+  const std::vector<std::string> blocks = FencedBlocks(LAYOUT_DOCUMENT, "toml");
+  ASSERT_EQ(blocks.size(), 2u);
+  _folder.Write("in.img", ImageText({{0x400, DataVec(0x800, 1)}}));
+  ASSERT_EQ(Convert("in.img", "x.hex").status, 0);
+  const Outcome outcome =
+      Convert("x.hex", "out.img", {"--layout", _folder.Write("frame.toml", blocks[1])});
+  ASSERT_EQ(outcome.status, 0) << outcome.errors;
+  const auto sections = Sections("out.img");
+  ASSERT_EQ(sections.size(), 2u);
+  EXPECT_EQ(sections[1].first, 0x800u);
 }
 
 TEST_F(FwimgConvertTest, TheLayoutOfAConversionHasNoSections) {

@@ -458,6 +458,7 @@ TEST_F(FwimgMakeTest, TheObjectTellsWhatStandsWhere) {
       json::parse(outcome.output),
       (json{
           {"version", 1},
+          {"command", "make"},
           {"image", _folder / "out.img"},
           {"device_type", "RV61300"},
           {"sections",
@@ -630,18 +631,19 @@ TEST_F(FwimgMakeTest, AnyLayoutGivesAnImageThatMeansTheSameAndGivesTheBytesBack)
   EXPECT_GT(crcs, 20u);
 }
 
-TEST_F(FwimgMakeTest, TheLaidOutExamplesHoldWhatMakeImagesWrites) {
-  const Outcome parts = RunProgram({EXAMPLES "/make-images", _folder.Path()});
-  ASSERT_EQ(parts.status, 0) << parts.errors;
-  for (const std::string name : {"rv61300", "rv52100"}) {
+TEST_F(FwimgMakeTest, TheExamplesHoldWhatAnotherWriterGivesThem) {
+  const Outcome made = RunProgram({EXAMPLES "/make-images", _folder.Path(), FWIMG_PROGRAM});
+  ASSERT_EQ(made.status, 0) << made.errors;
+  const fs::path others = _folder.Path() / "others";
+  fs::create_directory(others);
+  const Outcome written = RunProgram({EXAMPLES "/../tests/example_images.py", others});
+  ASSERT_EQ(written.status, 0) << written.errors;
+  for (const std::string name : {"rv61300", "rv61300-old", "rv52100", "rv52100-old"}) {
     SCOPED_TRACE(name);
-    const Outcome made = Fwimg({"make", EXAMPLES "/" + name + ".toml", "--parts", _folder / "parts",
-                                "-o", _folder / "made.img"});
-    ASSERT_EQ(made.status, 0) << made.errors;
     FwImage image;
-    Load(image, "made.img");
+    Load(image, name + ".img");
     FwImage other;
-    Load(other, name + ".img");
+    Load(other, "others/" + name + ".img");
     EXPECT_EQ(image.DevType(), other.DevType());
     std::vector<u_int32_t> addrs;
     std::vector<u_int32_t> other_addrs;
@@ -670,11 +672,27 @@ TEST_F(FwimgMakeTest, TheLaidOutExamplesHoldWhatMakeImagesWrites) {
     EXPECT_GT(replaces(image).size(), 8u);
     for (const u_int32_t slot : {0u, 1u}) {
       EXPECT_EQ(image.GetImageAddr(slot), other.GetImageAddr(slot));
-      if (name == "rv61300") continue;
+      if (image.DevType() == RV61300) continue;
       EXPECT_EQ(image.GetPsAddr(slot), other.GetPsAddr(slot));
       EXPECT_EQ(image.GetSignatureAddr(slot), other.GetSignatureAddr(slot));
     }
   }
+}
+
+TEST_F(FwimgMakeTest, TheDocumentedLayoutIsMadeAndCheckAcceptsIt) {
+  const std::vector<std::string> blocks = FencedBlocks(LAYOUT_DOCUMENT, "toml");
+  ASSERT_EQ(blocks.size(), 2u);
+  _folder.Write("code.bin", std::string(1024, '\x5a'));
+  _folder.Write("config.bin", std::string(64, 'c'));
+  Make(blocks[0]);
+  const Outcome checked = Fwimg({"check", "--strict", _folder / "out.img"});
+  EXPECT_EQ(checked.status, 0) << checked.output;
+  FwImage image;
+  Load(image);
+  EXPECT_EQ(image.DevType(), RV61300);
+  ASSERT_NE(image.GetSection(0), nullptr);
+  EXPECT_EQ(image.GetSection(0)->data.size(), 1024u);
+  EXPECT_EQ(image.GetImageAddr(1), 0x20000u);
 }
 
 class FwimgExtractTest : public FwimgMakeTest {
@@ -702,6 +720,7 @@ TEST_F(FwimgExtractTest, AllSectionsGoToAFolderAndTheObjectListsThem) {
       Fwimg({"extract", _folder / "two.img", "--all", _folder / "new/folder", "--json"});
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(json::parse(outcome.output), (json{{"version", 1},
+                                               {"command", "extract"},
                                                {"image", _folder / "two.img"},
                                                {"written",
                                                 {{{"section", "A"},

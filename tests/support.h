@@ -142,3 +142,23 @@ inline DataVec RandomBytes(TestRng& rng, std::size_t size) {
   for (u_int8_t& byte : bytes) byte = static_cast<u_int8_t>(rng());
   return bytes;
 }
+
+/// The blocks of a Markdown document that are fenced as `language`, each with its line ends.
+inline std::vector<std::string> FencedBlocks(const std::string& path, const std::string& language) {
+  std::ifstream file(path);
+  EXPECT_TRUE(file.good()) << path;
+  std::vector<std::string> blocks;
+  bool is_inside = false;
+  for (std::string line; std::getline(file, line);) {
+    if (is_inside && line == "```") {
+      is_inside = false;
+    } else if (is_inside) {
+      blocks.back() += line + "\n";
+    } else if (line == "```" + language) {
+      is_inside = true;
+      blocks.emplace_back();
+    }
+  }
+  EXPECT_FALSE(is_inside) << path << ": a block is not closed";
+  return blocks;
+}

@@ -44,6 +44,7 @@ void Report(const ConvertOptions& options, const std::vector<Range>& ranges) {
   }
   if (options.as_json) {
     std::cout << ordered_json{{"version", 1},
+                              {"command", "convert"},
                               {"from", options.from},
                               {"to", options.to},
                               {"ranges", std::move(json)}}

@@ -43,6 +43,7 @@ int Make(const MakeOptions& options) {
   WriteImage(layout, options.output);
 
   ordered_json json{{"version", 1},
+                    {"command", "make"},
                     {"image", options.output},
                     {"device_type", layout.device_type},
                     {"sections", ordered_json::array()}};
@@ -148,7 +149,10 @@ int Extract(const ExtractOptions& options) {
     }
   }
   if (options.as_json) {
-    Print({{"version", 1}, {"image", options.image}, {"written", std::move(written)}});
+    Print({{"version", 1},
+           {"command", "extract"},
+           {"image", options.image},
+           {"written", std::move(written)}});
   }
   return ALL_WELL;
 }
