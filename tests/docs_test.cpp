@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <optional>
 #include <regex>
 #include <set>
 
 #include "FabricFile.h"
+#include "Harness.h"
 #include "ImageCheck.h"
 #include "LocalRom.h"
 #include "Server.h"
@@ -301,6 +303,46 @@ TEST_F(ImageFormatTest, CrcsOfTheTableAreThoseOfABurn) {
     EXPECT_EQ(ReferenceCrc(data), expected);
   }
   EXPECT_EQ(checks, 2u);
+}
+
+TEST_F(ImageFormatTest, WholeExamplesHaveTheCrcsOfTheirBytes) {
+  std::size_t crcs = 0;
+  for (const Block& block : _document.Blocks("img")) {
+    if (block.info.empty()) continue;
+    SCOPED_TRACE(_document.At(block));
+    FwImage image;
+    Load(block.Text(), image);
+    std::vector<u_int32_t> addrs;
+    image.GetSectionsAddr(addrs);
+    for (const u_int32_t addr : addrs) {
+      const DataVec& data = image.GetSection(addr)->data;
+      const auto at = [&](u_int32_t place) { return data.begin() + (place - addr); };
+      for (const auto& crc : image.GetCrcsInRange(addr, static_cast<u_int32_t>(data.size()))) {
+        DataVec expected;
+        expected << ReferenceCrc(DataVec(at(crc.from), at(crc.from) + crc.size));
+        EXPECT_EQ(DataVec(at(crc.crc_addr), at(crc.crc_addr) + 4), expected) << crc.from;
+        ++crcs;
+      }
+    }
+  }
+  EXPECT_EQ(crcs, 5u);
+}
+
+TEST_F(ImageFormatTest, TheCrcInPythonIsThatOfABurn) {
+  const std::vector<Block> blocks = _document.Blocks("python");
+  ASSERT_EQ(blocks.size(), 1u);
+  const std::string script = _folder.Write(
+      "crc.py", blocks.front().Text() + "import sys\nprint(crc16(bytes.fromhex(sys.argv[1])))\n");
+  TestRng rng(20261);
+  for (const std::size_t size : {0u, 4u, 64u}) {
+    const DataVec data = RandomBytes(rng, size);
+    std::ostringstream digits;
+    for (const u_int8_t byte : data) {
+      digits << std::hex << std::setw(2) << std::setfill('0') << u_int32_t{byte};
+    }
+    const Outcome outcome = RunProgram({"/usr/bin/env", "python3", script, digits.str()});
+    EXPECT_EQ(outcome.output, std::to_string(ReferenceCrc(data)) + "\n") << outcome.errors;
+  }
 }
 
 TEST_F(ImageFormatTest, ErrorsQuotedInProseAreThoseOfTheProgram) {
@@ -645,24 +687,46 @@ TEST_F(ProtocolTest, DescriptionsOfErrorsAreCutAsItSays) {
   }
 }
 
-TEST(ArchitectureTest, EveryPathThatTheDocumentsNameExists) {
+/// The names by which links reach the headings of a document.
+std::set<std::string> AnchorsOf(const std::filesystem::path& path) {
+  std::set<std::string> anchors;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    if (!line.starts_with("#")) continue;
+    std::string anchor;
+    for (const char c : line.substr(line.find(' ') + 1)) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (c == ' ') anchor += '-';
+      if (std::isalnum(byte) != 0 || c == '-') anchor += static_cast<char>(std::tolower(byte));
+    }
+    anchors.insert(anchor);
+  }
+  return anchors;
+}
+
+TEST(ArchitectureTest, EveryLinkAndPathOfTheDocumentsLeadsSomewhere) {
   const std::filesystem::path root = std::filesystem::path(DOCUMENTS).parent_path();
-  const std::regex link(R"(\]\(([^)#]+)[^)]*\))");
+  const std::regex link(R"(\]\(([^)#]*)#?([^)]*)\))");
   const std::regex path(R"((src|sim|tools|tests|bench|examples|script|docs)/[A-Za-z0-9_./-]*)");
-  for (const char* name : {"architecture.md", "image-format.md", "protocol.md"}) {
+  for (const std::string name : {"architecture.md", "image-format.md", "protocol.md"}) {
+    SCOPED_TRACE(name);
     const Document document(name);
     const std::string& prose = document.Prose();
-    std::size_t paths = 0;
-    for (std::sregex_iterator at(prose.begin(), prose.end(), link), end; at != end; ++at, ++paths) {
-      EXPECT_TRUE(std::filesystem::exists(root / "docs" / (*at)[1].str()))
-          << name << ": " << (*at)[1];
+    std::size_t places = 0;
+    for (std::sregex_iterator at(prose.begin(), prose.end(), link), end; at != end;
+         ++at, ++places) {
+      const std::string file = (*at)[1];
+      const std::string anchor = (*at)[2];
+      const auto target = root / "docs" / (file.empty() ? name : file);
+      EXPECT_TRUE(std::filesystem::exists(target)) << target;
+      EXPECT_TRUE(anchor.empty() || AnchorsOf(target).contains(anchor)) << anchor;
     }
     for (const std::string& quoted : Quoted(prose)) {
       if (!std::regex_match(quoted, path)) continue;
-      EXPECT_TRUE(std::filesystem::exists(root / quoted)) << name << ": " << quoted;
-      ++paths;
+      EXPECT_TRUE(std::filesystem::exists(root / quoted)) << quoted;
+      ++places;
     }
-    EXPECT_GT(paths, 0u) << name;
+    EXPECT_GT(places, 0u);
   }
 }
 
