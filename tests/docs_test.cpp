@@ -166,7 +166,7 @@ std::string Unquoted(const std::string& cell) {
   return quoted.empty() ? cell : quoted.front();
 }
 
-class ImageFormatTest : public ConsoleTest {
+class ImageFormatDocumentTest : public ConsoleTest {
  protected:
   const Document _document{"image-format.md"};
   TemporaryFolder _folder;
@@ -191,7 +191,7 @@ class ImageFormatTest : public ConsoleTest {
   }
 };
 
-TEST_F(ImageFormatTest, EveryExampleLoadsOrEndsWithTheErrorNamedBeforeIt) {
+TEST_F(ImageFormatDocumentTest, EveryExampleLoadsOrEndsWithTheErrorNamedBeforeIt) {
   std::size_t refused = 0;
   for (const Block& block : _document.Blocks("img")) {
     SCOPED_TRACE(_document.At(block));
@@ -207,7 +207,7 @@ TEST_F(ImageFormatTest, EveryExampleLoadsOrEndsWithTheErrorNamedBeforeIt) {
   EXPECT_GT(refused, 0u);
 }
 
-TEST_F(ImageFormatTest, TheCheckFindsInAnExampleWhatTheTextBeforeItNames) {
+TEST_F(ImageFormatDocumentTest, TheCheckFindsInAnExampleWhatTheTextBeforeItNames) {
   const std::string words = "`fwimg check` finds ";
   std::size_t checked = 0;
   for (const Block& block : _document.Blocks("img")) {
@@ -229,7 +229,7 @@ TEST_F(ImageFormatTest, TheCheckFindsInAnExampleWhatTheTextBeforeItNames) {
   EXPECT_GT(checked, 0u);
 }
 
-TEST_F(ImageFormatTest, EveryKindOfFindingInTheTableExists) {
+TEST_F(ImageFormatDocumentTest, EveryKindOfFindingInTheTableExists) {
   std::set<std::string> known;
   for (const tools::ProblemKind& kind : tools::ProblemKinds()) known.emplace(kind.id);
   for (const Row& row : _document.Table("in the file")) {
@@ -238,7 +238,7 @@ TEST_F(ImageFormatTest, EveryKindOfFindingInTheTableExists) {
   }
 }
 
-TEST_F(ImageFormatTest, ExamplesShowEveryDirective) {
+TEST_F(ImageFormatDocumentTest, ExamplesShowEveryDirective) {
   std::set<std::string> shown;
   for (const Block& block : _document.Blocks("img")) {
     if (block.before.starts_with("Refused: ")) continue;
@@ -257,7 +257,7 @@ TEST_F(ImageFormatTest, ExamplesShowEveryDirective) {
   }
 }
 
-TEST_F(ImageFormatTest, DeviceTypesAreBurntAsTheTableSays) {
+TEST_F(ImageFormatDocumentTest, DeviceTypesAreBurntAsTheTableSays) {
   std::set<std::string> words;
   for (const Row& row : _document.Table("word")) {
     ASSERT_EQ(row.size(), 4u);
@@ -275,7 +275,7 @@ TEST_F(ImageFormatTest, DeviceTypesAreBurntAsTheTableSays) {
                                           "RV52400", "RV52410"}));
 }
 
-TEST_F(ImageFormatTest, FieldsHaveTheSizesOfTheTable) {
+TEST_F(ImageFormatDocumentTest, FieldsHaveTheSizesOfTheTable) {
   std::set<FieldType> types;
   for (const Row& row : _document.Table("type")) {
     const FieldType type = FwImage::Str2FieldType(Unquoted(row.at(0)));
@@ -285,7 +285,7 @@ TEST_F(ImageFormatTest, FieldsHaveTheSizesOfTheTable) {
   EXPECT_EQ(types, (std::set<FieldType>{SIGNATURE, GUIDS, GUID, SYS_GUID, BSN, VSD}));
 }
 
-TEST_F(ImageFormatTest, CrcsOfTheTableAreThoseOfABurn) {
+TEST_F(ImageFormatDocumentTest, CrcsOfTheTableAreThoseOfABurn) {
   struct Probe : BurnAlgorithm {
     using BurnAlgorithm::BurnAlgorithm;
     std::string GetName() const override { return ""; }
@@ -305,7 +305,7 @@ TEST_F(ImageFormatTest, CrcsOfTheTableAreThoseOfABurn) {
   EXPECT_EQ(checks, 2u);
 }
 
-TEST_F(ImageFormatTest, WholeExamplesHaveTheCrcsOfTheirBytes) {
+TEST_F(ImageFormatDocumentTest, WholeExamplesHaveTheCrcsOfTheirBytes) {
   std::size_t crcs = 0;
   for (const Block& block : _document.Blocks("img")) {
     if (block.info.empty()) continue;
@@ -328,7 +328,7 @@ TEST_F(ImageFormatTest, WholeExamplesHaveTheCrcsOfTheirBytes) {
   EXPECT_EQ(crcs, 5u);
 }
 
-TEST_F(ImageFormatTest, TheCrcInPythonIsThatOfABurn) {
+TEST_F(ImageFormatDocumentTest, TheCrcInPythonIsThatOfABurn) {
   const std::vector<Block> blocks = _document.Blocks("python");
   ASSERT_EQ(blocks.size(), 1u);
   const std::string script = _folder.Write(
@@ -345,7 +345,7 @@ TEST_F(ImageFormatTest, TheCrcInPythonIsThatOfABurn) {
   }
 }
 
-TEST_F(ImageFormatTest, ErrorsQuotedInProseAreThoseOfTheProgram) {
+TEST_F(ImageFormatDocumentTest, ErrorsQuotedInProseAreThoseOfTheProgram) {
   // Of files that no block can show: by their name, and by what only a burn finds out.
   for (const Row& row : _document.Table("name")) {
     FwImage image;
@@ -443,9 +443,9 @@ std::string Unframed(const std::vector<sim::Step>& steps, sim::Session& session)
   return message;
 }
 
-class ProtocolTest : public ConsoleTest {
+class ProtocolDocumentTest : public ConsoleTest {
  protected:
-  ProtocolTest() {
+  ProtocolDocumentTest() {
     const Document images("image-format.md");
     for (const Block& block : images.Blocks("img")) {
       if (!block.info.empty()) _folder.Write(block.info, block.Text());
@@ -486,7 +486,7 @@ class ProtocolTest : public ConsoleTest {
   std::string _fabric_file;
 };
 
-TEST_F(ProtocolTest, TheFabricAnswersAsEveryExampleShows) {
+TEST_F(ProtocolDocumentTest, TheFabricAnswersAsEveryExampleShows) {
   std::string heading;
   std::unique_ptr<sim::Fabric> fabric;
   std::size_t exchanges = 0;
@@ -511,7 +511,7 @@ TEST_F(ProtocolTest, TheFabricAnswersAsEveryExampleShows) {
   EXPECT_GE(exchanges, 60u);
 }
 
-TEST_F(ProtocolTest, EveryBurnShownIsTheOneThatTheProgramMakes) {
+TEST_F(ProtocolDocumentTest, EveryBurnShownIsTheOneThatTheProgramMakes) {
   std::size_t burns = 0;
   for (const Block& block : _document.Blocks("wire")) {
     if (!block.info.starts_with("fwpush ")) continue;
@@ -540,7 +540,7 @@ class WiredClient : public BraidConn::ClientSocket {
   }
 };
 
-TEST_F(ProtocolTest, TheProgramFramesAsEveryRawExampleShows) {
+TEST_F(ProtocolDocumentTest, TheProgramFramesAsEveryRawExampleShows) {
   for (const Block& block : _document.Blocks("wire")) {
     if (block.info != "raw") continue;
     SCOPED_TRACE(_document.At(block));
@@ -606,7 +606,7 @@ std::regex PatternOf(const std::string& request) {
   return std::regex(pattern);
 }
 
-TEST_F(ProtocolTest, TheVocabularyIsWhatTheProgramSends) {
+TEST_F(ProtocolDocumentTest, TheVocabularyIsWhatTheProgramSends) {
   // Every kind of burn, and what only an algorithm that no device type chooses sends.
   std::string zeros;
   for (int i = 0; i < 17; ++i) zeros += Repeated("(00 )*16") + "\n";
@@ -668,7 +668,7 @@ TEST_F(ProtocolTest, TheVocabularyIsWhatTheProgramSends) {
   EXPECT_EQ(never_sent, std::set<std::string>());
 }
 
-TEST_F(ProtocolTest, LimitsAreThoseOfTheConnection) {
+TEST_F(ProtocolDocumentTest, LimitsAreThoseOfTheConnection) {
   const auto seconds = std::to_string(BraidConn::MAX_SILENCE.count()) + " seconds";
   EXPECT_TRUE(_document.Says("waits for an answer | " + seconds));
   EXPECT_TRUE(_document.Says("takes no more bytes | " + seconds));
@@ -677,7 +677,7 @@ TEST_F(ProtocolTest, LimitsAreThoseOfTheConnection) {
       _document.Says("all its lines together | " + std::to_string(BraidConn::MAX_BUFFER) + " "));
 }
 
-TEST_F(ProtocolTest, DescriptionsOfErrorsAreCutAsItSays) {
+TEST_F(ProtocolDocumentTest, DescriptionsOfErrorsAreCutAsItSays) {
   const auto description = [](const char* text) { return BraidConn::Response(text).Error(); };
   EXPECT_EQ(description("ERROR:0x1234:No such device"), "No such device");
   EXPECT_EQ(description("ERROR:No such device"), "No such device");
@@ -704,7 +704,7 @@ std::set<std::string> AnchorsOf(const std::filesystem::path& path) {
   return anchors;
 }
 
-TEST(ArchitectureTest, EveryLinkAndPathOfTheDocumentsLeadsSomewhere) {
+TEST(ArchitectureDocumentTest, EveryLinkAndPathOfTheDocumentsLeadsSomewhere) {
   const std::filesystem::path root = std::filesystem::path(DOCUMENTS).parent_path();
   const std::regex link(R"(\]\(([^)#]*)#?([^)]*)\))");
   const std::regex path(R"((src|sim|tools|tests|bench|examples|script|docs)/[A-Za-z0-9_./-]*)");
@@ -730,7 +730,7 @@ TEST(ArchitectureTest, EveryLinkAndPathOfTheDocumentsLeadsSomewhere) {
   }
 }
 
-TEST(ArchitectureTest, TheTableOfUnitsHasEveryUnit) {
+TEST(ArchitectureDocumentTest, TheTableOfUnitsHasEveryUnit) {
   std::set<std::string> units;
   const auto folder = std::filesystem::path(DOCUMENTS).parent_path() / "src";
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
