@@ -72,7 +72,7 @@ class ReaderOf : public Reader, private Remote {
     return Remote::Exchange(request);
   }
   BraidConn::Response ExchangeText(const std::string&) override {
-    ASSERT_ALWAYS(!"an image would be sent");
+    ASSERT_ALWAYS(false && "an image would be sent");
   }
 };
 
