@@ -1,16 +1,66 @@
 #include "TomlReader.h"
 
 #include <fstream>
+#include <iterator>
 
 namespace sim {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+/// The line, from 1, of the first byte beyond ASCII that stands neither in a text nor in a comment;
+/// 0 where there is none. The parser's own test of such characters goes astray.
+u_int32_t StrangeLine(std::string_view text) {
+  u_int32_t line = 1;
+  std::string_view quote;  // that ends the text in hand
+  bool is_comment = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '\n') {
+      ++line;
+      is_comment = false;
+      if (quote.size() == 1) quote = {};
+    } else if (is_comment) {
+      continue;
+    } else if (!quote.empty()) {
+      if (c == '\\' && quote[0] == '"') {
+        ++i;
+        if (i < text.size() && text[i] == '\n') ++line;
+      } else if (text.substr(i).starts_with(quote)) {
+        i += quote.size() - 1;
+        quote = {};
+      }
+    } else if (c == '#') {
+      is_comment = true;
+    } else if (c == '"' || c == '\'') {
+      const std::string_view rest = text.substr(i);
+      const bool is_long = rest.size() > 2 && rest[1] == c && rest[2] == c;
+      quote = rest.substr(0, is_long ? 3 : 1);
+      i += quote.size() - 1;
+    } else if (static_cast<unsigned char>(c) >= 0x80) {
+      return line;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
 toml::table ParseToml(const fs::path& path) {
   try {
     std::ifstream file(path);
     if (!file || fs::is_directory(path)) throw TomlError("can't open " + path.string());
-    return toml::parse(file, path.string());
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+    const bool is_marked = text.starts_with(BYTE_ORDER_MARK);
+    const u_int32_t strange =
+        StrangeLine(std::string_view(text).substr(is_marked ? BYTE_ORDER_MARK.size() : 0));
+    if (strange != 0) {
+      throw TomlError(Text(path.string(), ":", strange,
+                           ": characters beyond ASCII belong into texts and comments"));
+    }
+    return toml::parse(text, path.string());
   } catch (const toml::parse_error& error) {
     throw TomlError(Text(path.string(), ":", error.source().begin.line, ": ", error.description()));
   }

@@ -720,6 +720,18 @@ TEST_F(FabricFileTest, WhatIsWrongIsNamedWithItsLine) {
                   .starts_with(":5: can't burn the image: Can't open file "));
 }
 
+// The TOML library took a Greek letter where a value ends for what cannot be.
+TEST_F(FabricFileTest, LettersBeyondAsciiAreRefusedOutsideTextsAndComments) {
+  const std::string refusal = ": characters beyond ASCII belong into texts and comments";
+  const std::string eta = "\xCE\x97";
+  EXPECT_EQ(ErrorOfFile("a = 1\nb = " + eta + "x\n"), ":2" + refusal);
+  EXPECT_EQ(ErrorOfFile("a = [1, 'x', \"y\\\"z\"]" + eta + "\n"), ":1" + refusal);
+  EXPECT_EQ(ErrorOfFile("a = \"\"\"\n" + eta + "\n\"\"\" " + eta), ":3" + refusal);
+  EXPECT_EQ(ErrorOfFile("a = '''" + eta + "'" + eta + "''' # " + eta + "\n" + eta), ":2" + refusal);
+  EXPECT_EQ(ErrorOfFile("\xEF\xBB\xBF# " + eta + "\n" + Device(_eeprom + "vsd = '" + eta + "'")),
+            "(no error)");
+}
+
 TEST_F(FabricFileTest, MissingFileIsNamed) {
   try {
     sim::LoadFabric(_folder / "none.toml", {}, _fabric);
