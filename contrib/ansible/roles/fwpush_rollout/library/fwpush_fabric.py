@@ -107,7 +107,7 @@ class Fabric:
         by_guid = {device["guid"]: device for device in self.record["devices"]}
         for device in result["devices"]:
             by_guid[device["guid"]].update(burn=device["outcome"], reason=device["reason"])
-        if result["failure"]:
+        if result["failure"] and not any(device["reason"] for device in result["devices"]):
             raise Trouble("the burn failed: " + result["failure"])
         return status == 0 and result["all_burnt"]
 

@@ -39,7 +39,8 @@ run: {type: str, description: The folder of this run.}
 image: {type: str, description: The copy of the image that is burnt.}
 stop: {type: bool, description: Whether nothing more may begin.}
 reason: {type: str, description: Why.}
-not_well: {type: dict, description: "finish: the hosts without the image, and why."}
+wave: {type: dict, description: "The wave at hand: number, hosts, failed, max_failed."}
+not_well: {type: dict, description: "The hosts that were to get the image and have not, and why."}
 counts: {type: dict, description: How many hosts have each outcome.}
 """
 
@@ -201,8 +202,7 @@ class Rollout:
         kinds = sorted({tuple(settings["switches"]) for settings in self.params["hosts"].values()})
         for number, switches in enumerate(kinds, 1):
             name = os.path.join(self.folder, f"rehearsal-{number}.json")
-            more = [os.path.join(self.params["bin_dir"], "fwpush")]
-            more = ["--fwpush", more[0]] if self.params["bin_dir"] else []
+            more = []
             for switch in switches:
                 more += switch.split("=")
             status, _, trouble = run([program, self.params["rehearsal"], "-f", self.image(), "--json", name] + more,
@@ -285,6 +285,7 @@ def main():
     module.exit_json(
         changed=False, run=rollout.folder, image=rollout.image(), counts=rollout.summary["counts"],
         stop=rollout.summary["stopped"], reason=rollout.summary["stop_reason"],
+        wave=rollout.summary["waves"][-1] if rollout.summary["waves"] else None,
         not_well={host["host"]: rollout.why(host) for host in rollout.summary["hosts"]
                   if host["outcome"] not in WELL})
 
