@@ -142,7 +142,10 @@ class Fabric:
         except Trouble as error:
             trouble = error
         # After a failure, too: what is on the devices now is what counts for the next step.
-        after, self.record["verify_after"] = self.verify()
+        try:
+            after, self.record["verify_after"] = self.verify()
+        except Trouble as error:
+            raise trouble or error
         for device in self.record["devices"]:
             device["after"] = after[device["guid"]]["state"]
             device["reason"] = device["reason"] or after[device["guid"]]["reason"] or None

@@ -30,7 +30,7 @@ options:
   is_check: {type: bool, default: false, description: "begin: whether nothing is to be burnt."}
   wave: {type: list, elements: str, default: [], description: "start_wave: its hosts."}
   fabrics: {type: dict, default: {}, description: "end_wave: what each host's tasks returned, in their order."}
-  max_failed: {type: list, elements: int, default: [0], description: "end_wave: the limits, wave by wave."}
+  max_failed: {type: list, elements: int, default: [0], description: "begin, end_wave: the limits, wave by wave."}
   bin_dir: {type: str, default: '', description: "begin: where the programs are; the PATH if empty."}
 """
 
@@ -158,6 +158,11 @@ class Rollout:
                        "verify_before": None, "burns": [], "verify_after": None}
                       for host, settings in sorted(self.params["hosts"].items())]}
         self.save()  # from now on, whatever happens, no older one is taken for this run's
+        if min(self.params["max_failed"], default=-1) < 0:
+            self.stop("fwpush_rollout_max_failed is no list of numbers from 0 up")
+            self.summary["finished"] = timestamp(now())
+            self.save()
+            return
         problems = problems_of(self.params["hosts"])
         for host, problem in problems.items():
             self.host(host)["reason"] = problem
