@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <numeric>
 
-#include "BurnAlgorithm.h"
 #include "LocalRom.h"
 #include "utils.h"
 
@@ -11,10 +10,6 @@ namespace sim {
 
 namespace {
 
-// The boot code's own idea of them: what the burn takes them for is on trial.
-constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
-constexpr u_int32_t PS_SIGNATURE_OFFSET = 8;
-constexpr u_int32_t PS_CRC_OFFSET = 260;
 constexpr u_int32_t FIRST_IMAGE_SECTOR = 3;  ///< where a moved image goes
 
 const char* Name(SlotState state) {
@@ -54,10 +49,11 @@ std::string Describe(const BootVerdict& verdict) {
 }
 
 BootLayout::BootLayout(const FwImage& image, u_int32_t sector) : sector_size(sector) {
-  if (image.DevType() == RV61100 || image.DevType() == DEV_UNKNOWN) {
+  const Family family = FamilyOf(image.DevType());
+  if (family != Family::POINTER_SECTORS && family != Family::BOOT_RECORDS) {
     ThrowError(image.GetFileName() + " is for a device without two image slots");
   }
-  has_pointer_sectors = image.DevType() != RV61300;
+  has_pointer_sectors = family == Family::POINTER_SECTORS;
   for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
     records[slot] = has_pointer_sectors ? image.GetPsAddr(slot) : image.GetImageAddr(slot);
   }
@@ -171,7 +167,7 @@ void BootJudge::KnowImageFile(const Device& device, const std::string& file, Slo
   if (BootLayout(image, _layout.sector_size) != _layout) {
     ThrowError(file + " keeps its slots elsewhere");
   }
-  const auto& conv = *static_cast<const FwImage::Conv*>(image.GetAddressConvertor());
+  const FwImage::Conv& conv = MapOf(image);
   const auto know = [&](const ImagePart& part, u_int32_t slot) {
     Fabric scratch;
     scratch.CopyDevice(device);
@@ -219,15 +215,12 @@ bool BootJudge::IsValid(u_int32_t slot) const {
   const u_int32_t record = _layout.records[slot];
   if (_layout.has_pointer_sectors) {
     if (!IsSigned(slot)) return false;
-    Crc16 crc(false);
-    for (u_int32_t i = 0; i < PS_CRC_OFFSET; i += 4) crc << Word(_memory, record + i);
-    crc.finish();
-    is_valid = Word(_memory, record + PS_CRC_OFFSET) == crc.get();
+    is_valid = Word(_memory, record + PS_CRC_OFFSET) == CrcOf(Part(_memory, record, PS_CRC_OFFSET));
   } else {
     if (!Fits(record, BOOT_RECORD_SIZE)) return false;
     const DataVec bytes = Part(_memory, record, BOOT_RECORD_SIZE);
     const u_int32_t sum = std::accumulate(bytes.begin(), bytes.end(), u_int32_t{0});
-    is_valid = sum % 256 == 0xAB && !(slot == 0 && bytes[7] == 1);
+    is_valid = sum % 256 == BOOT_RECORD_SUM && !(slot == 0 && bytes[BOOT_RECORD_MARK] == 1);
   }
   return is_valid;
 }
@@ -264,9 +257,8 @@ BootVerdict JudgeByImages(const Device& device, const std::vector<std::string>& 
     const QuietConsole quiet;
     image.Open((images.empty() ? device.images : images).back().c_str(), READ);
   }
-  BootJudge judge(
-      BootLayout(image, device.chips.begin()->second.SectorSize()),
-      LinearMemory(device, *static_cast<const FwImage::Conv*>(image.GetAddressConvertor())));
+  BootJudge judge(BootLayout(image, device.chips.begin()->second.SectorSize()),
+                  LinearMemory(device, MapOf(image)));
   for (const std::string& file : device.images) judge.KnowImageFile(device, file, SlotState::OLD);
   for (const std::string& file : images) {
     judge.KnowImageFile(device, file, file == images.back() ? SlotState::NEW : SlotState::OLD);

@@ -7,13 +7,10 @@
 #include <vector>
 
 #include "Fabric.h"
+#include "Family.h"
 #include "FwImage.h"
 
 namespace sim {
-
-/// Bytes of what the boot code looks at: a pointer sector's record, an RV61300's boot record.
-constexpr u_int32_t PS_RECORD_SIZE = 264;
-constexpr u_int32_t BOOT_RECORD_SIZE = 16;
 
 /// What one image slot of a device is worth.
 enum class SlotState {

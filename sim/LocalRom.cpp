@@ -6,12 +6,13 @@
 #include <sstream>
 #include <utility>
 
+#include "Family.h"
+
 namespace sim {
 
 namespace {
 
 constexpr u_int32_t LOG2_CHUNK = 8;
-constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
 
 /// A server without faults and limits, for as long as it lives.
 class KindServer {
@@ -75,7 +76,7 @@ class ImageWriter : public BurnAlgorithm {
       std::vector<u_int32_t> addrs;
       image.GetSectionsAddr(addrs);
       for (const u_int32_t addr : addrs) Put(image, addr, addr);
-    } else if (image.DevType() == RV61300) {
+    } else if (FamilyOf(image.DevType()) == Family::BOOT_RECORDS) {
       PutBootRecordSlot(image, *_part.slot);
     } else {
       PutSignedSlot(image, *_part.slot);

@@ -263,9 +263,7 @@ class Rehearsal {
     }
   }
 
-  const FwImage::Conv& Conv() {
-    return *static_cast<const FwImage::Conv*>(_image.GetAddressConvertor());
-  }
+  const FwImage::Conv& Conv() { return MapOf(_image); }
 
   /// A judge over a device as it was before the burn. What is whole comes from the image files
   /// themselves where the fabric file names them, and not from the burn that is on trial.
@@ -334,7 +332,8 @@ class Rehearsal {
       const std::size_t text = at + failure.size();
       return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
     }
-    if (_image.DevType() != RV61300 || IsGeneric()) return "the image as burnt is no valid new one";
+    if (FamilyOf(_image.DevType()) != Family::BOOT_RECORDS || IsGeneric())
+      return "the image as burnt is no valid new one";
     return std::ranges::count(end.slots, SlotState::INVALID) > 0
                ? "the image's own boot record is not valid in each slot"
                : "a CRC covers the first word of the boot record, which is held back";
@@ -347,7 +346,7 @@ class Rehearsal {
     const auto is_new = [](SlotState state) { return state == SlotState::NEW; };
     if (!verdict.invariant_is_whole) return false;
     const auto count = std::ranges::count_if(verdict.slots, is_new);
-    if (_image.DevType() == RV61300) return count == 2;
+    if (FamilyOf(_image.DevType()) == Family::BOOT_RECORDS) return count == 2;
     return count == 1 && std::ranges::count(verdict.slots, SlotState::INVALID) == 1;
   }
 
@@ -447,8 +446,7 @@ class Rehearsal {
 
   /// Where a byte of a chip lies in the image's address space; nothing past its device map.
   std::optional<u_int32_t> LinearOf(u_int8_t chip, u_int32_t offset) const {
-    const auto& conv =
-        *static_cast<const FwImage::Conv*>(const_cast<FwImage&>(_image).GetAddressConvertor());
+    const auto& conv = MapOf(_image);
     if (conv._devmap.empty()) return chip == 0 ? std::optional(offset) : std::nullopt;
     u_int32_t base = 0;
     for (const EeLoc& mapped : conv._devmap) {
@@ -493,7 +491,7 @@ class Rehearsal {
     if (std::ranges::count(start.slots, SlotState::BROKEN) > 0) {
       return "a slot was marked valid before the burn, and its image was not whole";
     }
-    if (_image.DevType() != RV61300) {
+    if (FamilyOf(_image.DevType()) != Family::BOOT_RECORDS) {
       for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
         if (before.IsSigned(slot) && !before.IsValid(slot)) {
           return "a record bore a signature before the burn, and its CRC was wrong: a burn goes by "

@@ -571,17 +571,7 @@ std::string ImageView::FirmwareVersion() const {
   return version;
 }
 
-Family ImageView::DeviceFamily() const {
-  try {
-    const auto memory = GetRomInterface(_image->DevType(), 0, false, false);
-    const auto burn = GetBurnAlgorithm(_image->DevType(), memory.get(), true, false, false);
-    if (dynamic_cast<const RV52100FailsafeBurn*>(burn.get())) return Family::POINTER_SECTORS;
-    if (dynamic_cast<const RV61300FailsafeBurn*>(burn.get())) return Family::BOOT_RECORDS;
-    return Family::GENERIC;
-  } catch (const BraidError&) {
-    return Family::UNKNOWN;
-  }
-}
+Family ImageView::DeviceFamily() const { return sim::FamilyOf(_image->DevType()); }
 
 bool ImageView::HasSlots() const {
   const Family family = DeviceFamily();

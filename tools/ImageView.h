@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Family.h"
 #include "FwImage.h"
 
 namespace tools {
@@ -73,13 +74,7 @@ struct Location {
   std::optional<u_int32_t> addr;  ///< none where the map, as far as it had come, lacked the device
 };
 
-/// How a failsafe burn tells valid images on a device type.
-enum class Family {
-  UNKNOWN,  ///< a type that cannot be burnt
-  GENERIC,  ///< no second image
-  POINTER_SECTORS,
-  BOOT_RECORDS,
-};
+using sim::Family;
 
 /// Made once; owns what its members point to. Everything that a line means is asked of FwImage.
 class ImageView {
