@@ -1,0 +1,131 @@
+#include "Burns.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "LocalRom.h"
+#include "main.h"
+#include "utils.h"
+
+namespace fuzz {
+
+namespace {
+
+constexpr u_int32_t SECTOR_SIZE = 0x400;
+constexpr u_int32_t MEMORY_SIZE = 0x2000;  ///< of a flash, and of each EEPROM
+constexpr u_int32_t INVARIANT_MARKER = 0x24;
+constexpr auto CHIPS = std::to_array<u_int8_t>({0x00, 0x50, 0x51});
+constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
+
+bool IsFlash(DeviceType type) { return type != RV61100 && type != RV61300; }
+
+sim::Device MakeDevice(Guid guid, bool is_flash) {
+  sim::Device device;
+  device.node_guid = guid;
+  device.port_guids = {guid + 1, guid + 2};
+  device.sys_guid = guid + 0xF;
+  device.declared_ports = 2;
+  device.kind = is_flash ? sim::MemoryKind::FLASH : sim::MemoryKind::I2C;
+  for (const u_int8_t chip : CHIPS) {
+    device.chips.try_emplace(
+        chip, sim::Chip(std::make_unique<sim::Cells>(MEMORY_SIZE), is_flash ? SECTOR_SIZE : 0));
+    if (is_flash) break;
+  }
+  return device;
+}
+
+/// Sets cells where the image says that there are such, and where the device has them.
+void Load(sim::Device& device, FwImage& image, u_int32_t addr, const DataVec& bytes) {
+  Run([&] {
+    const EeLoc loc = image.GetAddressConvertor()->Convert(addr);
+    const auto chip = device.chips.find(loc.dev);
+    if (chip == device.chips.end() || !chip->second.Holds(loc.offset, bytes.size())) return;
+    chip->second.Load(loc.offset, bytes);
+  });
+}
+
+/// Marks a slot valid as the device's own code would find it.
+void MarkValid(sim::Device& device, FwImage& image, u_int32_t slot) {
+  DataVec signature;
+  signature << VALID_SIGNATURE;
+  Run([&] { Load(device, image, image.GetSignatureAddr(slot), signature); });
+  // A boot record whose bytes add up to AB.
+  DataVec record(16, 0);
+  record[15] = 0xAB;
+  if (image.DevType() == RV61300) {
+    Run([&] { Load(device, image, image.GetImageAddr(slot), record); });
+  }
+}
+
+/// An interface whose answers pass by a tamperer.
+template <typename Local>
+class Tampered : public Local {
+ public:
+  Tampered(sim::Fabric& fabric, u_int32_t log2_chunk_align, const Tamper& tamper)
+      : Local(fabric, log2_chunk_align), _tamper(tamper) {}
+
+ protected:
+  BraidConn::Response Exchange(const std::string& request) override {
+    const BraidConn::Response answer = Local::Exchange(request);
+    return _tamper ? BraidConn::Response(_tamper(_number++, request, answer)) : answer;
+  }
+
+ private:
+  const Tamper& _tamper;
+  std::size_t _number = 0;
+};
+
+template <typename Local>
+void BurnThrough(FwImage& image, const BurnOptions& options, sim::Fabric& fabric,
+                 const Tamper& tamper) {
+  Tampered<Local> rom(fabric, options.log2_chunk_align, tamper);
+  rom.SetAddressConvertor(image.GetAddressConvertor());
+  GuidSet devices;
+  for (const auto& [guid, device] : fabric.Devices()) devices.insert(guid);
+  rom.SetAccessDevices(devices);
+  rom.Open(rom.ServerString().c_str());
+  GetBurnAlgorithm(image.DevType(), &rom, options.is_failsafe, false, options.is_check_only)
+      ->Go(image);
+}
+
+}  // namespace
+
+BurnOptions::BurnOptions(Input& input)
+    : log2_chunk_align(4 + input.Below(12)),
+      is_failsafe(input.Below(2) == 0),
+      is_check_only(input.Below(4) == 3),
+      is_read_back(input.Below(2) == 1),
+      devices(1 + input.Below(4)),
+      states(input.Byte()),
+      has_invariant_marker(input.Below(4) != 3) {}
+
+Ending Burn(FwImage& image, const BurnOptions& options, sim::Fabric& fabric, const Tamper& tamper) {
+  const bool is_flash = IsFlash(image.DevType());
+  fabric.facts.type = options.is_read_back ? "I2C" : "IB";
+  DataVec marker;
+  marker << VALID_SIGNATURE;
+  for (u_int32_t i = 0; i < (is_flash ? 1 : options.devices); ++i) {
+    sim::Device& device = fabric.Add(MakeDevice(0x1000 * (i + 1), is_flash));
+    for (const u_int32_t slot : {0u, 1u}) {
+      if ((options.states >> (2 * i + slot) & 1) != 0) MarkValid(device, image, slot);
+    }
+    if (options.has_invariant_marker) Load(device, image, INVARIANT_MARKER, marker);
+  }
+  return Run([&] {
+    if (is_flash) {
+      BurnThrough<sim::LocalFlash>(image, options, fabric, tamper);
+    } else {
+      BurnThrough<sim::LocalI2c>(image, options, fabric, tamper);
+    }
+  });
+}
+
+void CheckEnding(const Ending& ending, const FwImage& image) {
+  if (!ending.assertion) return;
+  // What a CRC covers must be whole words: an image that says otherwise is a mistake of its maker.
+  Must(*ending.assertion == "(data.size() % 4) == 0", "this assertion fails: " + *ending.assertion);
+  Must(HasOddCrc(image), "a CRC that covers whole words ends no burn");
+}
+
+}  // namespace fuzz

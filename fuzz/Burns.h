@@ -1,0 +1,41 @@
+/// Burns of fuzzed images onto small simulated devices, in the same process.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "Fabric.h"
+#include "Fuzz.h"
+#include "FwImage.h"
+
+namespace fuzz {
+
+/// How a burn is done, and onto what: the first bytes of an input.
+struct BurnOptions {
+  /// Takes seven bytes.
+  explicit BurnOptions(Input& input);
+
+  u_int32_t log2_chunk_align;
+  bool is_failsafe;
+  bool is_check_only;
+  bool is_read_back;  ///< by the type of server
+  u_int32_t devices;  ///< 1 to 4; a flash is alone
+  u_int32_t states;   ///< two bits a device: which slots are marked valid
+  bool has_invariant_marker;
+};
+
+/// Told of every answer, with its request and their number from 0, before the program gets it; what
+/// it returns is what the program gets.
+using Tamper =
+    std::function<std::string(std::size_t number, const std::string& request, std::string answer)>;
+
+/// Fills `fabric`, which is empty, with devices that fit the image, and burns it as the program
+/// does.
+Ending Burn(FwImage& image, const BurnOptions& options, sim::Fabric& fabric,
+            const Tamper& tamper = {});
+
+/// Ends the process where `ending` is none that a burn of this image may have.
+void CheckEnding(const Ending& ending, const FwImage& image);
+
+}  // namespace fuzz

@@ -1,0 +1,147 @@
+#include "Fuzz.h"
+
+#include <netdb.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <utility>
+
+// Linked in the places of what they are named for, the first after AssertionFailed. Nobody is
+// connected to: a fuzzed name may be anybody's.
+extern "C" {
+[[noreturn]] void __wrap__Z15AssertionFailedPKcS0_jS0_(const char*, const char*, unsigned,
+                                                       const char*);
+int __wrap_connect(int, const sockaddr*, socklen_t);
+hostent* __wrap_gethostbyname(const char*);
+}
+
+void __wrap__Z15AssertionFailedPKcS0_jS0_(const char* expression, const char*, unsigned,
+                                          const char*) {
+  throw fuzz::AbnormalEnd{expression};
+}
+
+int __wrap_connect(int, const sockaddr*, socklen_t) {
+  errno = ECONNREFUSED;
+  return -1;
+}
+
+hostent* __wrap_gethostbyname(const char*) {
+  h_errno = HOST_NOT_FOUND;
+  return nullptr;
+}
+
+namespace fuzz {
+
+namespace fs = std::filesystem;
+
+u_int8_t Input::Byte() {
+  if (_rest.empty()) return 0;
+  const auto byte = static_cast<u_int8_t>(_rest[0]);
+  _rest.remove_prefix(1);
+  return byte;
+}
+
+u_int32_t Input::Below(u_int32_t end) {
+  const u_int32_t byte = Byte();
+  return (byte >= '0' ? byte - '0' : byte) % end;
+}
+
+std::string_view Input::Until(std::string_view separator) {
+  const std::size_t at = std::min(_rest.find(separator), _rest.size());
+  const std::string_view piece = _rest.substr(0, at);
+  _rest.remove_prefix(std::min(at + separator.size(), _rest.size()));
+  return piece;
+}
+
+std::string_view Input::Rest() { return std::exchange(_rest, {}); }
+
+void Must(bool is_so, std::string_view what) {
+  if (is_so) return;
+  std::fprintf(stderr, "fuzz: this must not be: %.*s\n", static_cast<int>(what.size()),
+               what.data());
+  std::abort();
+}
+
+Ending Run(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const BraidError& error) {
+    return {error.Des(), {}};
+  } catch (const AbnormalEnd& end) {
+    return {{}, end.expression};
+  }
+  return {};
+}
+
+namespace {
+
+/// A file in memory, and a link to it that has a name of our own.
+class NamedMemory {
+ public:
+  NamedMemory() : _fd(memfd_create("fuzz", MFD_CLOEXEC)) {
+    const std::string process = "/proc/" + std::to_string(getpid());
+    fs::create_symlink(process + "/fd/" + std::to_string(_fd), _link);
+  }
+  NamedMemory(const NamedMemory&) = delete;
+  NamedMemory& operator=(const NamedMemory&) = delete;
+  ~NamedMemory() {
+    close(_fd);
+    std::error_code ignored;
+    fs::remove(_link, ignored);
+  }
+
+  void Set(std::string_view content) const {
+    const bool is_set = ftruncate(_fd, 0) == 0 && pwrite(_fd, content.data(), content.size(), 0) ==
+                                                      static_cast<ssize_t>(content.size());
+    Must(is_set, "a file in memory takes its content");
+  }
+  const std::string& Name() const { return _link; }
+
+ private:
+  int _fd;
+  std::string _link =
+      fs::temp_directory_path() / ("fwpush-fuzz-" + std::to_string(getpid()) + ".img");
+};
+
+}  // namespace
+
+const std::string& MemoryFile(std::string_view content) {
+  static const NamedMemory memory;
+  memory.Set(content);
+  return memory.Name();
+}
+
+void LoadImage(FwImage& image, std::string_view text) {
+  image.Open(MemoryFile(text).c_str(), READ);
+}
+
+bool HasOddCrc(const FwImage& image) {
+  struct Range {
+    u_int32_t addr;
+    u_int32_t size;
+  };
+  // Ranges of 32 bits cannot be the whole address space: its last byte is asked for by itself.
+  for (const Range& range : {Range{0, 0xFFFFFFFF}, Range{0xFFFFFFFF, 1}}) {
+    bool is_odd = false;
+    const Ending ending = Run([&] {
+      is_odd = std::ranges::any_of(image.GetCrcsInRange(range.addr, range.size),
+                                   [](const auto& crc) { return crc.size % 4 != 0; });
+    });
+    // Where one crosses the end, nobody can tell.
+    if (is_odd || ending.error) return true;
+  }
+  return false;
+}
+
+}  // namespace fuzz
+
+/// What the program prints is of no use here.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;
+}

@@ -1,0 +1,28 @@
+// A console of fwpush, or what somebody takes for one, in pieces of any size.
+#include "BurnLog.h"
+#include "Fuzz.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
+  fuzz::Input input(bytes, size);
+  const u_int32_t step = 1 + input.Below(60);
+  const bool has_asked = input.Below(2) == 1;
+  const std::string_view text = input.Rest();
+  const GuidSet asked = has_asked ? GuidSet{0x10, 0x20} : GuidSet();
+
+  tools::BurnLog in_steps;
+  tools::BurnLog at_once;
+  for (std::size_t at = 0; at < text.size(); at += step) in_steps.Feed(text.substr(at, step));
+  at_once.Feed(text);
+  const tools::BurnReport report = in_steps.Conclude(asked);
+  const tools::BurnReport other = at_once.Conclude(asked);
+  fuzz::Must(report.is_all_burnt == other.is_all_burnt && report.failure == other.failure &&
+                 report.devices.size() == other.devices.size() &&
+                 report.phases.size() == other.phases.size(),
+             "it does not matter how a console comes");
+  for (const tools::DeviceReport& device : report.devices) {
+    fuzz::Must(!report.is_all_burnt || device.fate == tools::Fate::BURNT,
+               "all are burnt only where each is");
+  }
+  fuzz::Must(!has_asked || report.devices.size() == asked.size(), "every device asked for is told");
+  return 0;
+}

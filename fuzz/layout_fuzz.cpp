@@ -1,0 +1,36 @@
+// A layout, from which an image is made where it is good.
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "Fuzz.h"
+#include "ImageMaker.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
+  static const std::filesystem::path IMAGE =
+      std::filesystem::temp_directory_path() / ("fuzz-" + std::to_string(getpid()) + ".img");
+  const std::string_view text(reinterpret_cast<const char*>(bytes), size);
+  const std::string& file = fuzz::MemoryFile(text);
+  // What is made is loaded back and compared, by an assertion.
+  const fuzz::Ending ending = fuzz::Run([&] {
+    try {
+      tools::Layout layout = tools::ReadLayout(file, "/nonexistent", tools::LayoutKind::WHOLE);
+      std::size_t total = 0;
+      for (const auto& section : layout.sections) total += section.data.size();
+      if (total > 1 << 16) return;
+      tools::CheckLayout(layout);
+      tools::FillIn(layout);
+      tools::WriteImage(layout, IMAGE);
+      FwImage image;
+      image.Open(IMAGE.c_str(), READ);
+      fuzz::Must(!fuzz::HasOddCrc(image), "what a CRC covers is whole words");
+    } catch (const tools::LayoutError&) {
+      return;  // the layout is wrong
+    }
+  });
+  std::error_code ignored;
+  std::filesystem::remove(IMAGE, ignored);
+  fuzz::Must(!ending.assertion, "what is made says what was laid out");
+  fuzz::Must(!ending.error, "what is made can be loaded");
+  return 0;
+}
