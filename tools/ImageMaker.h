@@ -19,6 +19,9 @@ class LayoutError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Bytes of a flash sector where nothing else is said: as of `fwimg check`.
+constexpr u_int32_t USUAL_SECTOR_SIZE = 0x10000;
+
 /// What an image file is to say, at linear addresses. Lines are those of the layout, for messages;
 /// 0 where there is none.
 struct Layout {
@@ -54,6 +57,8 @@ struct Layout {
   std::filesystem::path file;  ///< the layout's own, for messages
   std::string title;
   std::string device_type;  ///< as image files have it; empty for none
+  u_int32_t device_type_line = 0;
+  u_int32_t sector_size = USUAL_SECTOR_SIZE;  ///< of the flash that it is for, in bytes
   std::optional<Version> version;
   FwImage::Conv conv;  ///< of the device map
   std::array<Slot, FwImage::SLOTS> slots;
@@ -61,6 +66,8 @@ struct Layout {
   std::vector<Field> fields;
   std::vector<Crc> crcs;
 
+  /// "layout.toml:7: ", without the number where there is no line.
+  std::string At(u_int32_t line) const;
   /// Throws a LayoutError for `line`.
   [[noreturn]] void Throw(u_int32_t line, const std::string& text) const;
   /// An address in words: "50:00000040".
@@ -76,15 +83,18 @@ enum class LayoutKind {
 Layout ReadLayout(const std::filesystem::path& file, const std::filesystem::path& parts,
                   LayoutKind kind);
 
-/// Refuses what a burn would stumble over or do otherwise than meant. Throws LayoutError.
+/// Refuses what an image file could not say, or not so that a layout's author would understand what
+/// the check of the image says of it. Throws LayoutError.
 void CheckLayout(const Layout& layout);
 
-/// Fills in the boot records and CRC words that are to be.
+/// Fills in the boot records and CRC words that are to be, as far as they have a place.
 void FillIn(Layout& layout);
 
-/// Writes the image file of a checked layout. It gets its name only when it was loaded back and
-/// says what it should. Throws LayoutError or std::runtime_error.
-void WriteImage(const Layout& layout, const std::filesystem::path& path);
+/// Writes the image file of a layout that CheckLayout takes. It gets its name only when `fwimg
+/// check` finds no error in it, and it was loaded back and says what it should. A layout without a
+/// device type is not checked for one. Returns the warnings of the check, with their lines of the
+/// layout. Throws LayoutError, with all errors, or std::runtime_error.
+std::vector<std::string> WriteImage(const Layout& layout, const std::filesystem::path& path);
 
 /// Whether `path` is named as image files are.
 bool IsImageName(const std::filesystem::path& path);

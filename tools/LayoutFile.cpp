@@ -33,7 +33,8 @@ class LayoutReader {
 
   void Read(TomlReader reader, LayoutKind kind) {
     _layout.title = ReadTitle(reader);
-    _layout.device_type = ReadDeviceType(reader);
+    ReadDeviceType(reader);
+    _layout.sector_size = reader.Number("sector_size", 4, ANY_NUMBER).value_or(USUAL_SECTOR_SIZE);
     ReadVersion(reader);
     for (TomlReader& device : reader.Tables("devmap")) ReadDevice(device);
     // The slots before the fields, which may be placed by them, wherever they stand.
@@ -67,12 +68,14 @@ class LayoutReader {
     return title;
   }
 
-  static std::string ReadDeviceType(TomlReader& reader) {
-    std::string type = reader.Needed("device_type", reader.String("device_type"));
+  void ReadDeviceType(TomlReader& reader) {
+    const std::string type = reader.Needed("device_type", reader.String("device_type"));
+    const toml::node& node = *reader.Node("device_type");
     if (FwImage::Str2DeviceType(type) == DEV_UNKNOWN) {
-      reader.Throw(*reader.Node("device_type"), "'device_type' is no known device: " + type);
+      reader.Throw(node, "'device_type' is no known device: " + type);
     }
-    return type;
+    _layout.device_type = type;
+    _layout.device_type_line = node.source().begin.line;
   }
 
   void ReadVersion(TomlReader& reader) {

@@ -163,7 +163,9 @@ int FromRecords(const ConvertOptions& options) {
   }
   CheckLayout(layout);
   FillIn(layout);
-  WriteImage(layout, options.to);
+  for (const std::string& warning : WriteImage(layout, options.to)) {
+    std::cerr << "fwimg: " << warning << "\n";
+  }
   Report(options, ranges);
   return ALL_WELL;
 }

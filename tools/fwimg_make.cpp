@@ -40,7 +40,9 @@ int Make(const MakeOptions& options) {
   Layout layout = ReadLayout(options.layout, parts, LayoutKind::WHOLE);
   CheckLayout(layout);
   FillIn(layout);
-  WriteImage(layout, options.output);
+  for (const std::string& warning : WriteImage(layout, options.output)) {
+    std::cerr << "fwimg: " << warning << "\n";
+  }
 
   ordered_json json{{"version", 1},
                     {"command", "make"},
