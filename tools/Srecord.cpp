@@ -135,8 +135,8 @@ void CheckEnd(const fs::path& path, RecordFormat format) {
 }
 
 /// The bytes of S3 records as srec_cat writes them: one record a line, in ascending order.
-std::vector<Range> BytesOf(std::istream& records) {
-  std::vector<Range> ranges;
+std::vector<RecordRange> BytesOf(std::istream& records) {
+  std::vector<RecordRange> ranges;
   DataVec record;
   for (std::string line; std::getline(records, line);) {
     if (!line.starts_with("S3")) continue;  // the number of records, the end
@@ -167,7 +167,8 @@ std::optional<RecordFormat> ParseFormat(std::string_view name_or_extension) {
   return row->format;
 }
 
-void WriteRecords(const std::vector<Range>& ranges, RecordFormat format, const fs::path& path) {
+void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
+                  const fs::path& path) {
   const ScratchFolder scratch;
   std::vector<std::string> words{"srec_cat"};
   for (std::size_t i = 0; i < ranges.size(); ++i) {
@@ -188,7 +189,7 @@ void WriteRecords(const std::vector<Range>& ranges, RecordFormat format, const f
   WriteFile(path, ReadFile(records));
 }
 
-std::vector<Range> ReadRecords(const fs::path& path, RecordFormat format, bool lax) {
+std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, bool lax) {
   // An absolute name is taken for no option.
   const fs::path input = fs::absolute(path);
   ReadFile(input);

@@ -17,18 +17,19 @@ enum class RecordFormat { INTEL, MOTOROLA };
 std::optional<RecordFormat> ParseFormat(std::string_view name_or_extension);
 
 /// Bytes without a gap.
-struct Range {
+struct RecordRange {
   u_int32_t addr;
   DataVec data;
 };
 
 /// Writes `ranges`, which are not empty and do not overlap, as records. The file gets its name only
 /// when it is complete. Throws std::runtime_error; when srec_cat is missing, the text says so.
-void WriteRecords(const std::vector<Range>& ranges, RecordFormat format,
+void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
                   const std::filesystem::path& path);
 
 /// The bytes of a file of records, in ascending order, neighbours made one. What srec_cat warns of
 /// is refused, unless it costs no byte or the reading is `lax`. Throws std::runtime_error.
-std::vector<Range> ReadRecords(const std::filesystem::path& path, RecordFormat format, bool lax);
+std::vector<RecordRange> ReadRecords(const std::filesystem::path& path, RecordFormat format,
+                                     bool lax);
 
 }  // namespace tools

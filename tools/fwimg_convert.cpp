@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ImageMaker.h"
+#include "ImageView.h"
 #include "Srecord.h"
 #include "fwimg.h"
 
@@ -35,10 +36,10 @@ RecordFormat FormatOf(const ConvertOptions& options, const fs::path& path) {
   return *format;
 }
 
-void Report(const ConvertOptions& options, const std::vector<Range>& ranges) {
+void Report(const ConvertOptions& options, const std::vector<RecordRange>& ranges) {
   std::size_t total = 0;
   ordered_json json = ordered_json::array();
-  for (const Range& range : ranges) {
+  for (const RecordRange& range : ranges) {
     json.push_back({{"address", range.addr}, {"size", range.data.size()}});
     total += range.data.size();
   }
@@ -58,19 +59,20 @@ void Report(const ConvertOptions& options, const std::vector<Range>& ranges) {
 
 /// The bytes of all sections, neighbours made one. Throws where two sections overlap: records can
 /// not say what an image file can.
-std::vector<Range> RangesOf(const FwImage& image) {
+std::vector<RecordRange> RangesOf(const FwImage& image) {
   std::vector<u_int32_t> addrs;
   image.GetSectionsAddr(addrs);
   std::ranges::sort(addrs);
   addrs.erase(std::unique(addrs.begin(), addrs.end()), addrs.end());
-  std::vector<Range> ranges;
+  std::vector<RecordRange> ranges;
   std::string before;
   for (const u_int32_t addr : addrs) {
     const FwImage::Section& section = *image.GetSection(addr);
     if (section.data.empty()) continue;
     const u_int64_t end = ranges.empty() ? 0 : ranges.back().addr + ranges.back().data.size();
     if (!ranges.empty() && addr < end) {
-      throw std::runtime_error("the sections " + before + " and " + section.name + " overlap");
+      throw std::runtime_error("the sections " + Printable(before) + " and " +
+                               Printable(section.name) + " overlap");
     }
     if (ranges.empty() || addr != end) ranges.push_back({addr, {}});
     ranges.back().data.insert(ranges.back().data.end(), section.data.begin(), section.data.end());
@@ -84,7 +86,7 @@ int ToRecords(const ConvertOptions& options) {
   const RecordFormat format = FormatOf(options, options.to);
   FwImage image;
   LoadImage(image, options.from);
-  const std::vector<Range> ranges = RangesOf(image);
+  const std::vector<RecordRange> ranges = RangesOf(image);
   WriteRecords(ranges, format, options.to);
   Report(options, ranges);
   return ALL_WELL;
@@ -92,11 +94,11 @@ int ToRecords(const ConvertOptions& options) {
 
 /// Fills up what follows the last whole word of each range, as far as the next range leaves room,
 /// which then becomes a part of it.
-void Pad(std::vector<Range>& ranges, u_int8_t pad) {
-  std::vector<Range> padded;
-  for (Range& range : ranges) {
+void Pad(std::vector<RecordRange>& ranges, u_int8_t pad) {
+  std::vector<RecordRange> padded;
+  for (RecordRange& range : ranges) {
     if (!padded.empty()) {
-      Range& last = padded.back();
+      RecordRange& last = padded.back();
       const u_int64_t end = last.addr + u_int64_t{last.data.size()};
       // The words of a range begin where it does, so the next one may begin inside one.
       const u_int64_t whole = last.addr + (u_int64_t{last.data.size()} + 3) / 4 * 4;
@@ -109,21 +111,21 @@ void Pad(std::vector<Range>& ranges, u_int8_t pad) {
     }
     padded.push_back(std::move(range));
   }
-  Range& last = padded.back();
+  RecordRange& last = padded.back();
   last.data.resize((last.data.size() + 3) / 4 * 4, pad);
   ranges = std::move(padded);
 }
 
 /// Cuts ranges where a burn looks for a section that begins there.
-void CutAt(std::vector<Range>& ranges, const Layout& layout) {
+void CutAt(std::vector<RecordRange>& ranges, const Layout& layout) {
   for (const Layout::Slot& slot : layout.slots) {
     for (const auto& addr : {slot.ps, slot.image}) {
       if (!addr) continue;
       for (std::size_t i = 0; i < ranges.size(); ++i) {
-        Range& range = ranges[i];
+        RecordRange& range = ranges[i];
         if (*addr <= range.addr || *addr - range.addr >= range.data.size()) continue;
         const auto cut = range.data.begin() + (*addr - range.addr);
-        Range rest{*addr, DataVec(cut, range.data.end())};
+        RecordRange rest{*addr, DataVec(cut, range.data.end())};
         range.data.erase(cut, range.data.end());
         ranges.insert(ranges.begin() + static_cast<std::ptrdiff_t>(i) + 1, std::move(rest));
         break;
@@ -149,10 +151,10 @@ int FromRecords(const ConvertOptions& options) {
   } else {
     layout = ReadLayout(options.layout, fs::path(options.layout).parent_path(), LayoutKind::FRAME);
   }
-  std::vector<Range> ranges = ReadRecords(options.from, format, options.is_lax);
+  std::vector<RecordRange> ranges = ReadRecords(options.from, format, options.is_lax);
   CutAt(ranges, layout);
   if (options.pad >= 0) Pad(ranges, static_cast<u_int8_t>(options.pad));
-  for (const Range& range : ranges) {
+  for (const RecordRange& range : ranges) {
     if (range.data.size() % 4 != 0) {
       throw std::runtime_error(Text(options.from, ": the ", range.data.size(), " bytes at 0x",
                                     std::hex, range.addr,
