@@ -283,6 +283,7 @@ class FwimgRefusalTest : public FwimgMakeTest, public testing::WithParamInterfac
 
 TEST_P(FwimgRefusalTest, IsToldWithFileAndLine) {
   _folder.Write("five.bin", "12345");
+  fs::resize_file(_folder.Write("large.bin", ""), (1 << 30) + 1);  // a hole
   EXPECT_EQ(Refusal(GetParam().layout), GetParam().text);
 }
 
@@ -404,6 +405,15 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"CoveredPastTheLastAddress",
                 ONE + "[[crc]]\nfrom = 0xFFFFFFF8\nsize = 12\nat = 0\n",
                 "layout.toml:3: a CRC covers bytes past the last address"},
+        Refused{"MoreBytesThanMayBe",
+                "device_type = \"RV61100\"\nsection = [\n"
+                "{ name = \"A\", at = 0, fill = 0, size = 4 },\n"
+                "{ name = \"B\", at = 4, fill = 0, size = 0x40000000 }]\n",
+                "layout.toml:4: all sections together have 1 GiB at most"},
+        Refused{"LargeFile",
+                "device_type = \"RV61100\"\n"
+                "section = [{ name = \"A\", at = 0, file = \"large.bin\", size = 4 }]\n",
+                "layout.toml:2: large.bin has more than 1 GiB"},
         Refused{"SectorsOfNoBytes", ONE + "sector_size = 0\n",
                 "layout.toml:3: 'sector_size' must be a number from 4 to 4294967295"}),
     [](const auto& refused) { return refused.param.name; });

@@ -16,7 +16,8 @@ namespace fs = std::filesystem;
 using sim::TomlReader;
 
 constexpr u_int32_t ANY_NUMBER = std::numeric_limits<u_int32_t>::max();
-/// More than any memory that is burnt with these images, and no more than can be held.
+/// Bytes of all sections: more than any memory that is burnt with these images, and no more than
+/// can be held. Likewise of a raw file.
 constexpr u_int32_t MAX_SIZE = u_int32_t{1} << 30;
 
 /// A place: fixed, or counted from where each slot begins.
@@ -132,7 +133,13 @@ class LayoutReader {
     }
   }
 
-  void AppendPiece(TomlReader& reader, DataVec& data) const {
+  /// Refuses `size` bytes more than there may be, before they are held.
+  void Count(const TomlReader& reader, u_int64_t size) {
+    if (size > MAX_SIZE - _total) reader.Throw("all sections together have 1 GiB at most");
+    _total += static_cast<u_int32_t>(size);
+  }
+
+  void AppendPiece(TomlReader& reader, DataVec& data) {
     const auto file = reader.String("file");
     const auto hex = reader.String("hex");
     const auto fill = reader.Number("fill", 0, 0xFF);
@@ -147,15 +154,19 @@ class LayoutReader {
       AppendHex(reader, *hex, data);
     } else {
       const u_int32_t size = reader.Needed("size", reader.Number("size", 1, MAX_SIZE));
+      Count(reader, size);
       data.insert(data.end(), size, static_cast<u_int8_t>(*fill));
     }
-    if (data.size() > MAX_SIZE) reader.Throw("a section has 1 GiB at most");
   }
 
-  static void AppendFile(TomlReader& reader, const fs::path& path, DataVec& data) {
+  void AppendFile(TomlReader& reader, const fs::path& path, DataVec& data) {
     const std::size_t from = reader.Number("from", 0, ANY_NUMBER).value_or(0);
     const std::optional<u_int32_t> size = reader.Number("size", 1, MAX_SIZE);
     DataVec bytes;
+    std::error_code unreadable;  // which ReadFile tells
+    if (const auto all = fs::file_size(path, unreadable); !unreadable && all > MAX_SIZE) {
+      reader.Throw(*reader.Node("file"), path.string() + " has more than 1 GiB");
+    }
     try {
       bytes = ReadFile(path);
     } catch (const std::runtime_error& error) {
@@ -165,12 +176,14 @@ class LayoutReader {
     if (from > bytes.size() || wanted > bytes.size() - from) {
       reader.Throw(Text(path.string(), " has only ", bytes.size(), " bytes"));
     }
+    Count(reader, size ? wanted : bytes.size() - from);
     const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(from);
     data.insert(data.end(), begin,
                 size ? begin + static_cast<std::ptrdiff_t>(wanted) : bytes.end());
   }
 
-  static void AppendHex(TomlReader& reader, const std::string& digits, DataVec& data) {
+  void AppendHex(TomlReader& reader, const std::string& digits, DataVec& data) {
+    const std::size_t before = data.size();
     for (const std::string& group : splitv(digits, " \n\t", false)) {
       for (std::size_t i = 0; i < group.size(); i += 2) {
         const u_int8_t high = HexDigit(group[i]);
@@ -182,6 +195,7 @@ class LayoutReader {
         data.push_back(static_cast<u_int8_t>(high << 4 | low));
       }
     }
+    Count(reader, data.size() - before);
   }
 
   void ReadField(TomlReader& reader) {
@@ -289,6 +303,7 @@ class LayoutReader {
 
   const fs::path& _parts;
   Layout& _layout;
+  u_int32_t _total = 0;  ///< bytes of all sections so far
 };
 
 }  // namespace
