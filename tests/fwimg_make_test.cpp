@@ -967,6 +967,19 @@ TEST_F(FwimgExtractTest, TheLoadersErrorsAndWarningsKeepOffTheResult) {
   EXPECT_EQ(outcome.errors, "-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE 61100 ***\n");
 }
 
+TEST_F(FwimgExtractTest, NothingOfANameReachesTheTerminalAsItIs) {
+  _folder.Write("esc.img", "START \x1b[2J 0 0\n1 1 1 1\nEND \x1b[2J\n");
+  Outcome outcome = Fwimg({"extract", _folder / "esc.img", "--all", _folder / "esc"});
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(outcome.output, (_folder / "esc/__2J.bin") + ": \\x1b[2J, 4 bytes from 00:00000000\n");
+  // The loader's own words.
+  _folder.Write("bad.img", "START \x1b[2J 0 0\n1 1 1 1\nEND \x1b[3J\n");
+  outcome = Fwimg({"extract", _folder / "bad.img", "--all", _folder / "esc"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors.find('\x1b'), std::string::npos) << outcome.errors;
+  EXPECT_THAT(outcome.errors, testing::HasSubstr("\\x1b["));
+}
+
 TEST_F(FwimgExtractTest, AWrongCommandLineIsAUsageError) {
   const std::string image = _folder / "two.img";
   for (const std::vector<std::string>& words :

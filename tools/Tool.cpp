@@ -6,9 +6,25 @@
 #include <iostream>
 
 #include "BraidGeneral.h"
+#include "ImageView.h"
 #include "main.h"
+#include "utils.h"
 
 namespace tools {
+
+namespace {
+
+/// Tells what has gone wrong. It may hold words of a file or a server: nothing of them may move a
+/// terminal's cursor.
+void Complain(const CLI::App& app, const std::string& text) {
+  std::string lines;
+  for (const std::string& line : splitv(text, "\n", true)) {
+    lines += (lines.empty() ? "" : "\n") + Printable(line);
+  }
+  std::cerr << app.get_name() << ": " << lines << std::endl;
+}
+
+}  // namespace
 
 int RunTool(CLI::App& app, int argc, char* argv[], const std::function<int()>& work) {
   app.set_version_flag("--version", app.get_name() + " " + Version());
@@ -21,11 +37,11 @@ int RunTool(CLI::App& app, int argc, char* argv[], const std::function<int()>& w
     const int status = work();
     std::cout.flush();
     if (std::cout) return status;
-    std::cerr << app.get_name() << ": can't write the result" << std::endl;
+    Complain(app, "can't write the result");
   } catch (const BraidError& error) {
-    std::cerr << app.get_name() << ": " << error.Des() << std::endl;
+    Complain(app, error.Des());
   } catch (const std::exception& error) {
-    std::cerr << app.get_name() << ": " << error.what() << std::endl;
+    Complain(app, error.what());
   }
   return CANNOT;
 }

@@ -6,8 +6,10 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "Family.h"
 #include "Files.h"
 #include "ImageMaker.h"
+#include "ImageView.h"
 #include "fwimg.h"
 
 namespace tools {
@@ -138,7 +140,7 @@ int Extract(const ExtractOptions& options) {
                                  ? (fs::path(options.all) / FileName(*section, taken)).string()
                                  : options.output;
     WriteFile(file, section->data);
-    const EeLoc loc = image.GetAddressConvertor()->Convert(section->addr);
+    const EeLoc loc = sim::MapOf(image).Convert(section->addr);
     written.push_back({{"section", section->name},
                        {"address", section->addr},
                        {"device", loc.dev},
@@ -146,8 +148,8 @@ int Extract(const ExtractOptions& options) {
                        {"size", section->data.size()},
                        {"file", file}});
     if (!options.as_json) {
-      std::cout << file << ": " << section->name << ", " << section->data.size() << " bytes from "
-                << Where(loc) << "\n";
+      std::cout << Printable(file) << ": " << Printable(section->name) << ", "
+                << section->data.size() << " bytes from " << Where(loc) << "\n";
     }
   }
   if (options.as_json) {
