@@ -3,19 +3,21 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <span>
+#include <string_view>
 
+#include "CommandLine.h"
 #include "Rehearsal.h"
 #include "main.h"
 
 namespace {
 
 constexpr char VERSION[] = "fwpush-rehearse 1.0.0";
-constexpr int NOT_WELL = 1;
-constexpr int CANNOT = 2;
 
 /// A bar on a terminal, a line for each tenth otherwise.
 class Progress {
@@ -143,6 +145,30 @@ nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
           {"exceptions", exceptions}};
 }
 
+/// The devices of -g, by fwpush's own rules; none: all.
+std::vector<Guid> ParseGuids(const std::string& words) {
+  GuidSet guids;
+  try {
+    GetTargeGuids(words, guids);
+  } catch (const BraidError& error) {
+    throw CLI::ValidationError("--guids", error.Des());
+  }
+  if (!words.empty() && guids.empty()) throw CLI::ValidationError("--guids", "no device given");
+  return {guids.begin(), guids.end()};
+}
+
+/// Lets the switches that fwpush has, too, take their values as it takes them: "-m=8". The parser
+/// knows "-m8".
+void TakeEqualsSigns(int argc, char* argv[]) {
+  for (char* word : std::span(argv, static_cast<std::size_t>(argc))) {
+    const std::string_view text = word;
+    const bool is_switch =
+        text.starts_with("-f=") || text.starts_with("-g=") || text.starts_with("-m=");
+    // An empty value is left to the parser to refuse: it would take the next word for it.
+    if (is_switch && text.size() > 3) std::memmove(word + 2, word + 3, text.size() - 2);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -173,10 +199,13 @@ int main(int argc, char* argv[]) {
   app.add_option("--at", at,
                  "Only this point, as an exception names it: 1234, killed:28, dropped:28");
   app.add_option("--json", json_file, "File for the report, for machines");
-  app.add_option("--fwpush", options.fwpush, "The burner to rehearse with")->capture_default_str();
+  app.add_option("--fwpush", options.fwpush,
+                 "The burner to rehearse with (default: fwpush beside this program)");
   app.set_version_flag("--version", VERSION);
+  TakeEqualsSigns(argc, argv);
   try {
     app.parse(argc, argv);
+    options.guids = ParseGuids(guids);
     if (recover == "all") {
       options.recoveries = SIZE_MAX;
     } else if (const auto number = sim::ParseMoment(recover);
@@ -189,16 +218,12 @@ int main(int argc, char* argv[]) {
       throw CLI::ValidationError("--at", "must be a point such as 1234, killed:28 or dropped:28");
     }
   } catch (const CLI::ParseError& error) {
-    return app.exit(error);
+    return sim::EndParsing(app, error);
   }
   options.extra_args = {"-m", std::to_string(chunk_align)};
   if (is_not_failsafe) options.extra_args.emplace_back("-n");
 
   try {
-    GuidSet given;
-    GetTargeGuids(guids, given);
-    if (!guids.empty() && given.empty()) throw std::runtime_error("no device given");
-    options.guids.assign(given.begin(), given.end());
     // What cannot be written in the end had better be known before.
     std::ofstream json;
     if (!json_file.empty()) json.open(json_file);
@@ -212,11 +237,11 @@ int main(int argc, char* argv[]) {
       if (!json) throw std::runtime_error("can't write " + json_file);
     }
     if (!std::cout) throw std::runtime_error("can't write the report");
-    return report.IsWell() ? EXIT_SUCCESS : NOT_WELL;
+    return report.IsWell() ? sim::ALL_WELL : sim::DIFFERS;
   } catch (const BraidError& error) {
     std::cerr << "fwpush-rehearse: " << error.Des() << std::endl;
   } catch (const std::exception& error) {
     std::cerr << "fwpush-rehearse: " << error.what() << std::endl;
   }
-  return CANNOT;
+  return sim::CANNOT;
 }

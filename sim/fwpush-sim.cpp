@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "Boot.h"
+#include "CommandLine.h"
 #include "FabricFile.h"
 #include "Server.h"
 
@@ -90,7 +91,7 @@ int main(int argc, char* argv[]) {
     app.parse(argc, argv);
     address = ParseAddress(listen);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error);
+    return sim::EndParsing(app, error);
   }
 
   try {

@@ -407,8 +407,6 @@ TEST_F(RehearseProgramTest, WhatItCannotRehearseEndsItWithTwo) {
   NewImage();
   FlashFabric(Holds("old.img", 0));
   EXPECT_EQ(Run({"-g", "77"}).status, 2);
-  EXPECT_EQ(Run({"-g", "zz"}).status, 2);
-  EXPECT_EQ(Run({"-g", ","}).status, 2);
   EXPECT_EQ(Run({"--at", "160"}).status, 2);
   EXPECT_EQ(Run({"--at", "killed:1000"}).status, 2);
   const Outcome outcome = RunProgram({RehearseProgram(), _folder / "fabric.toml", "-f",
@@ -425,12 +423,52 @@ TEST_F(RehearseProgramTest, WrongCommandLineIsRefused) {
                                                 {"--recover=-1"},
                                                 {"--at", "x"},
                                                 {"-m", "3"},
+                                                {"-m=3"},
+                                                {"-m="},
+                                                {"-g", "zz"},
+                                                {"-g", ","},
+                                                {"-g=zz"},
                                                 {"--jobs", "0"},
                                                 {"--what"}}) {
     const Outcome outcome = Run(words);
-    EXPECT_GT(outcome.status, 2) << words.front();
+    EXPECT_EQ(outcome.status, 64) << words.front();
+    EXPECT_EQ(outcome.output, "") << words.front();
     EXPECT_FALSE(outcome.errors.empty()) << words.front();
   }
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{SimProgram()},
+        {SimProgram(), "fabric.toml", "--listen", "nowhere"},
+        {SimProgram(), "fabric.toml", "--what"},
+        {RehearseProgram()}}) {
+    EXPECT_EQ(RunProgram(words).status, 64);
+  }
+  EXPECT_EQ(RunProgram({SimProgram(), "--help"}).status, 0);
+  EXPECT_EQ(RunProgram({RehearseProgram(), "--version"}).status, 0);
+}
+
+TEST_F(RehearseProgramTest, SwitchesOfTheBurnerTakeTheirValuesAsTheBurnerDoes) {
+  OldImage();
+  NewImage();
+  FlashFabric(Holds("old.img", 0));
+  const auto requests = [&](const std::vector<std::string>& words) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    return outcome.output.substr(0, outcome.output.find("  points"));
+  };
+  const std::string large = requests({"--recover", "0", "-m", "10"});
+  EXPECT_EQ(requests({"--recover", "0", "-m=10", "-g=10"}), large);
+  EXPECT_NE(requests({"--recover", "0", "-m=4"}), large);
+  EXPECT_EQ(Run({"--recover", "0", "-g=77"}).status, 2);  // a device that is not there
+}
+
+TEST_F(RehearseProgramTest, HelpDoesNotTellWhereTheProgramLies) {
+  const Outcome outcome = RunProgram({RehearseProgram(), "--help"});
+  EXPECT_THAT(outcome.output, testing::HasSubstr("fwpush beside this program"));
+  // Its own name on the line of usage apart.
+  const std::size_t options = outcome.output.find("Options:");
+  ASSERT_NE(options, std::string::npos);
+  const std::string folder = std::filesystem::path(RehearseProgram()).parent_path();
+  EXPECT_EQ(outcome.output.find(folder, options), std::string::npos);
 }
 
 TEST_F(RehearseProgramTest, SimulatorReportsWhatBootsOnRequestAndAtItsEnd) {

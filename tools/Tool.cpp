@@ -31,7 +31,7 @@ int RunTool(CLI::App& app, int argc, char* argv[], const std::function<int()>& w
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? ALL_WELL : USAGE;  // 0: --help and --version
+    return sim::EndParsing(app, error);
   }
   try {
     const int status = work();

@@ -5,15 +5,12 @@
 #include <functional>
 #include <string>
 
+#include "CommandLine.h"
+
 namespace tools {
 
-/// How every one of them ends.
-enum ExitStatus {
-  ALL_WELL = 0,
-  DIFFERS = 1,  ///< something failed, or is not as it should be
-  CANNOT = 2,   ///< the work could not be done
-  USAGE = 64,   ///< the command line is wrong
-};
+using sim::ExitStatus;
+using enum sim::ExitStatus;
 
 /// Parses the command line, has `work` done, and returns the exit status that it gives. A wrong
 /// command line, and whatever `work` throws, are told on standard error.
