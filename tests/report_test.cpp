@@ -636,6 +636,28 @@ TEST(PlainConsoleTest, ReportOfItIsThatOfTheConsole) {
   }
 }
 
+TEST(BurnLogTest, OfALineOnlyTheBeginningIsHeld) {
+  const std::string piece(std::size_t{1} << 20, 'x');
+  BurnLog log;
+  log.Feed("-E- BURN FAILED:0x0000000000000010:");
+  for (int i = 0; i < 31; ++i) log.Feed(piece);
+  EXPECT_FALSE(log.IsOverlong());  // an answer of 16 MiB is quoted whole
+  for (int i = 0; i < 10; ++i) log.Feed(piece);
+  EXPECT_TRUE(log.IsOverlong());
+  log.Feed("\n");
+  const BurnReport report = log.Conclude({0x10});
+  ASSERT_EQ(report.devices.size(), 1u);
+  EXPECT_EQ(report.devices[0].fate, Fate::FAILED);
+  EXPECT_EQ(report.devices[0].text.size(), (std::size_t{1} << 25) - 35);
+}
+
+TEST(PlainConsoleTest, WhatIsTooLongForAMeterGoesOutAsItComes) {
+  PlainConsole plain;
+  const std::string text = "Burning " + std::string(2000, 'x');
+  EXPECT_EQ(plain.Feed("\r" + text), text);
+  EXPECT_EQ(plain.Feed("y\n"), "y\n");
+}
+
 // ---- Whole burns: the built programs.
 
 constexpr char FLAT_IMAGE[] = "DEVICE_TYPE RV61100\nSTART ALL 0 0\n";

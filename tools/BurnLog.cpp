@@ -105,6 +105,7 @@ constexpr std::string_view GUIDS_SWITCH = "g";
 constexpr std::string_view ALL_DEVICES = "ALL";
 constexpr std::string_view UPDATING_LABEL = "Updating invariant sector";
 constexpr u_int32_t DONE_PERCENT = 100;
+constexpr std::size_t LONGEST_METER = 1024;  ///< bytes; a drawing of it has less than 100
 
 template <typename Number>
 std::optional<Number> WholeNumber(std::string_view digits, int base) {
@@ -246,7 +247,11 @@ void BurnLog::Feed(std::string_view piece, double when) {
     if (c == '\n') {
       EndSegment();
     } else if (c != '\r') {
-      _segment += c;
+      if (_segment.size() < LONGEST_LINE) {
+        _segment += c;
+      } else {
+        _is_overlong = true;
+      }
     }
   }
 }
@@ -434,7 +439,7 @@ std::string PlainConsole::Feed(std::string_view piece) {
     }
   }
   if (_segment.empty()) return out;
-  if (!MayBecomeMeter(_segment)) {
+  if (_segment.size() > LONGEST_METER || !MayBecomeMeter(_segment)) {
     Show(_segment, out);
     _segment.clear();
     _is_passing = true;

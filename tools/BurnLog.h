@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "BraidConn.h"
 #include "BraidGeneral.h"
 
 namespace tools {
@@ -112,6 +113,10 @@ struct BurnReport {
 /// Reads the console of one run as it comes.
 class BurnLog {
  public:
+  /// Bytes of a line that are looked at: twice the longest line of a server, which fwpush may
+  /// quote.
+  static constexpr std::size_t LONGEST_LINE = 2 * std::size_t{BraidConn::MAX_LINE};
+
   /// Takes the next piece, cut anywhere, that came `when`: in seconds, from any start, never less
   /// than before.
   void Feed(std::string_view piece, double when = 0);
@@ -119,6 +124,8 @@ class BurnLog {
   /// Whether anything that fwpush prints has been seen; of a last line without an end, Conclude
   /// takes note.
   bool IsFwpush() const { return _is_fwpush; }
+  /// Whether a line was longer than LONGEST_LINE: fwpush prints none.
+  bool IsOverlong() const { return _is_overlong; }
 
   /// What became of the devices in `asked`, now that nothing more comes; where that is empty, of
   /// those that the log names.
@@ -138,7 +145,8 @@ class BurnLog {
   void StartPhase(const std::string& label);
   std::string RunFailure(const std::optional<Ending>& ending) const;
 
-  std::string _segment;        ///< since the last carriage return or line end
+  std::string _segment;  ///< since the last carriage return or line end, LONGEST_LINE at most
+  bool _is_overlong = false;
   double _last = 0;            ///< when the last byte came
   double _before_segment = 0;  ///< when the last byte before the segment came
   bool _is_fwpush = false;
