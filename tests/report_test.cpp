@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <regex>
 
@@ -993,6 +994,102 @@ TEST_F(ReportTest, ResultThatCannotBeKeptCostsNoBurn) {
   EXPECT_EQ(_simulator->Trace(), "");
   EXPECT_EQ(Report({"--json", "/dev/full"}, Burn("10")).status, 2);
   EXPECT_TRUE(IsBurnt(10));
+}
+
+TEST_F(ReportTest, FilesOfOneNameAreRefusedBeforeAnythingIsLost) {
+  const std::string log = _folder.Write("burn.log", "before");
+  std::filesystem::create_symlink("burn.log", _folder / "link");
+  std::filesystem::create_hard_link(log, _folder / "other-name");
+  const std::string fresh = _folder / "fresh";
+  for (const std::vector<std::string>& options :
+       {std::vector<std::string>{"--json", log, "--junit", log},
+        {"--json", log, "--log", _folder / "link"},
+        {"--junit", _folder / "other-name", "--log", log},
+        {"--json", fresh, "--log", _folder.Path().string() + "/./fresh"},
+        {"--from", log, "--json", log},
+        {"--from", log, "--junit", _folder / "link"}}) {
+    const Outcome outcome =
+        Report(options, options[0] == "--from" ? std::vector<std::string>{}
+                                               : std::vector<std::string>{"/bin/echo", "burnt"});
+    EXPECT_EQ(outcome.status, 64);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors.find("names of their own"), std::string::npos) << outcome.errors;
+    EXPECT_EQ(ReadFile(log), "before");
+    EXPECT_FALSE(std::filesystem::exists(fresh));
+  }
+  EXPECT_EQ(Report({"--json", "/dev/null", "--log", "/dev/null"}, {"/bin/echo", "x"}).status, 2);
+}
+
+TEST_F(ReportTest, BurnThatCannotStartLeavesTheResultsOfBefore) {
+  for (const std::string name : {"report.json", "report.xml", "console"}) {
+    _folder.Write(name, "before");
+  }
+  EXPECT_EQ(Report({"--json", _folder / "report.json", "--junit", _folder / "report.xml", "--log",
+                    _folder / "console"},
+                   {_folder / "no-such-program"})
+                .status,
+            2);
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(_folder.Path())) {
+    if (entry.path() == _image) continue;
+    EXPECT_EQ(ReadFile(entry.path()), "before") << entry.path();
+    ++files;
+  }
+  EXPECT_EQ(files, 3u);  // and nothing half done beside them
+}
+
+TEST_F(ReportTest, NewResultsReplaceThoseOfBeforeWhole) {
+  Serve(1);
+  const std::string before(100000, 'x');
+  for (const std::string name : {"report.json", "report.xml", "console"}) {
+    _folder.Write(name, before);
+  }
+  const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
+                                  _folder / "report.xml", "--log", _folder / "console"},
+                                 Burn("10"));
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(Json()["all_burnt"], true);
+  EXPECT_TRUE(ReadFile(_folder / "report.xml").ends_with("</testsuites>\n"));
+  EXPECT_EQ(ReadFile(_folder / "console"), outcome.output);
+}
+
+TEST_F(ReportTest, BurnInheritsNoneOfTheFiles) {
+  const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
+                                  _folder / "report.xml", "--log", _folder / "console"},
+                                 {"/bin/ls", "-l", "/proc/self/fd"});
+  EXPECT_NE(outcome.output.find("pipe:"), std::string::npos);  // the console
+  EXPECT_EQ(outcome.output.find(_folder.Path().filename()), std::string::npos) << outcome.output;
+}
+
+TEST_F(ReportTest, WhatTheBurnStartedHoldsTheReportUpForSecondsOnly) {
+  const std::string console = _folder.Write("shown", std::string(PREAMBLE) + GENERIC);
+  const auto start = std::chrono::steady_clock::now();
+  const Outcome outcome = Report({"--json", _folder / "report.json"},
+                                 {"/bin/sh", "-c", "cat \"$0\"; sleep 20 2>/dev/null & echo $! >\"$1\"; exit 3",
+                                  console, _folder / "pid"});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
+  EXPECT_EQ(outcome.output, ReadFile(console));
+  EXPECT_EQ(Json()["exit_status"], 3);
+  EXPECT_NE(outcome.errors.find("goes on without the console"), std::string::npos);
+}
+
+TEST_F(ReportTest, WhatChattersOnAfterTheBurnIsLeftToItself) {
+  const auto start = std::chrono::steady_clock::now();
+  Report({"--log", _folder / "console"},
+         {"/bin/sh", "-c", "timeout 20 yes & echo $! >\"$0\"; exit 0", _folder / "pid"});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
+}
+
+TEST_F(ReportTest, LineWithoutEndIsNoConsole) {
+  const Outcome outcome =
+      RunProgram({REPORT_PROGRAM, "--from", "/dev/zero", "--json", _folder / "report.json"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors,
+            "fwpush-report: /dev/zero: a line of more than 33554432 bytes: this is no console of "
+            "fwpush\n");
+  EXPECT_FALSE(std::filesystem::exists(_folder / "report.json"));
 }
 
 TEST_F(ReportTest, WrongCommandLineIsRefused) {

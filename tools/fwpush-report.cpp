@@ -16,7 +16,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <fstream>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "BurnLog.h"
+#include "Files.h"
 #include "Tool.h"
 
 namespace {
@@ -33,6 +34,10 @@ using namespace tools;
 constexpr char NAME[] = "fwpush-report";
 constexpr int SCHEMA_VERSION = 1;
 constexpr std::size_t BLOCK_SIZE = 65536;
+/// How long the console may stay open after the burner's end, for what it started.
+constexpr std::chrono::seconds MOST_PATIENCE{2};
+/// More than a pipe or a terminal holds: what comes later did not come from the burner.
+constexpr std::size_t MOST_HELD = std::size_t{1} << 20;
 
 struct Options {
   std::string json;
@@ -170,15 +175,27 @@ Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
   console.in.Close();
 
   std::optional<Ending> ending;
+  std::chrono::steady_clock::time_point deadline;
+  std::size_t since_end = 0;  // bytes
   std::vector<char> block(BLOCK_SIZE);
   // What it started may go on printing after its own end.
   while (!ending || console.out.IsOpen()) {
+    int patience = -1;
+    if (ending) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0 && since_end > MOST_HELD) break;
+      patience = std::max(0, static_cast<int>(left.count()));
+    }
     pollfd waiting[] = {{signals.Fd(), POLLIN, 0}, {console.out.Get(), POLLIN, 0}};
-    if (poll(waiting, 2, -1) < 0 && errno != EINTR) ThrowSystemError("can't wait for the burn");
+    const int ready = poll(waiting, 2, patience);
+    if (ready < 0 && errno != EINTR) ThrowSystemError("can't wait for the burn");
+    if (ready == 0) break;
     if (waiting[1].revents != 0) {
       const ssize_t got = read(console.out.Get(), block.data(), block.size());
       if (got > 0) {
         take({block.data(), static_cast<std::size_t>(got)});
+        if (ending) since_end += static_cast<std::size_t>(got);
       } else if (got == 0 || errno != EINTR) {
         console.out.Close();  // a terminal ends with an error
       }
@@ -190,36 +207,118 @@ Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
       kill(pid, number);
     } else if (int status = 0; !ending && waitpid(pid, &status, WNOHANG) == pid) {
       ending = WIFSIGNALED(status) ? Ending{0, WTERMSIG(status)} : Ending{WEXITSTATUS(status), 0};
+      deadline = std::chrono::steady_clock::now() + MOST_PATIENCE;
     }
+  }
+  if (console.out.IsOpen()) {
+    std::cerr << NAME << ": the burner has ended; what it started goes on without the console"
+              << std::endl;
   }
   return *ending;
 }
 
-/// A file of ours. Opened before anything is burnt: a result that can't be kept must not cost a
-/// burn.
-class OutputFile {
+/// Whether `name` is there and no file, but a device or a pipe: it is written as it is.
+bool IsNoFile(const std::string& name) {
+  std::error_code error;
+  const auto status = std::filesystem::status(name, error);
+  return exists(status) && !is_regular_file(status);
+}
+
+Descriptor OpenForWriting(const std::string& name, int flags) {
+  Descriptor file(open(name.c_str(), O_WRONLY | O_CLOEXEC | flags, 0666));
+  if (!file.IsOpen()) ThrowSystemError("can't write " + name);
+  return file;
+}
+
+void WriteAll(const Descriptor& file, std::string_view text, const std::string& name) {
+  while (!text.empty()) {
+    const ssize_t written = write(file.Get(), text.data(), text.size());
+    if (written >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      ThrowSystemError("can't write " + name);
+    }
+  }
+}
+
+/// A result of the run. Made before anything is burnt: a result that can't be kept must not cost a
+/// burn. It replaces the one of before only when it is complete.
+class ResultFile {
  public:
-  explicit OutputFile(const std::string& name) : _name(name) {
+  explicit ResultFile(const std::string& name) : _name(name) {
     if (name.empty()) return;
-    _file.open(name, std::ios::binary | std::ios::trunc);
-    if (!_file) ThrowSystemError("can't write " + name);
+    if (IsNoFile(name)) {
+      _device = OpenForWriting(name, 0);
+    } else {
+      _file.emplace(name);
+    }
   }
 
   bool IsWanted() const { return !_name.empty(); }
-  void Write(std::string_view text) {
-    if (IsWanted()) _file << text << std::flush;
-  }
-  /// Tells on standard error where something is missing in it.
-  bool IsWhole() const {
-    if (!IsWanted() || _file.good()) return true;
-    std::cerr << NAME << ": can't write " << _name << std::endl;
-    return false;
+  void Keep(std::string_view text) {
+    if (_file) {
+      _file->Write(text);
+      _file->Keep();
+    } else {
+      WriteAll(_device, text, _name);
+    }
   }
 
  private:
   std::string _name;
-  std::ofstream _file;
+  std::optional<NewFile> _file;
+  Descriptor _device;
 };
+
+/// The console as it comes. Likewise opened before anything is burnt; what it held is lost with the
+/// first text of the burn.
+class LogFile {
+ public:
+  explicit LogFile(const std::string& name) : _name(name) {
+    if (!name.empty()) _file = OpenForWriting(name, O_CREAT);
+  }
+
+  void Write(std::string_view text) {
+    if (!_file.IsOpen()) return;
+    try {
+      if (!std::exchange(_is_begun, true) && !IsNoFile(_name) && ftruncate(_file.Get(), 0) != 0) {
+        ThrowSystemError("can't write " + _name);
+      }
+      WriteAll(_file, text, _name);
+    } catch (const std::system_error& error) {
+      _trouble = error.what();
+      _file.Close();
+    }
+  }
+  /// Throws where something is missing in it.
+  void Finish() const {
+    if (!_trouble.empty()) throw std::runtime_error(_trouble);
+  }
+
+ private:
+  std::string _name;
+  Descriptor _file;
+  bool _is_begun = false;
+  std::string _trouble;
+};
+
+/// Whether two of the files that are given are one; devices may be.
+bool IsTwice(const Options& options) {
+  namespace fs = std::filesystem;
+  std::vector<fs::path> files;
+  for (const std::string* name : {&options.json, &options.junit, &options.log, &options.from}) {
+    if (name->empty() || IsNoFile(*name)) continue;
+    std::error_code error;
+    const fs::path file = fs::weakly_canonical(fs::absolute(*name), error);
+    const bool is_known = std::ranges::any_of(files, [&](const fs::path& other) {
+      std::error_code missing;
+      return file == other || fs::equivalent(file, other, missing);
+    });
+    if (is_known) return true;
+    files.push_back(file);
+  }
+  return false;
+}
 
 /// Writes to standard output as long as anybody reads there.
 class Passage {
@@ -462,9 +561,14 @@ int Report(const Options& options) {
     std::cerr << NAME << ": give the burn, \"-- fwpush ARGS...\", or --from LOG" << std::endl;
     return USAGE;
   }
-  OutputFile json(options.json);
-  OutputFile junit(options.junit);
-  OutputFile saved(options.log);
+  if (IsTwice(options)) {
+    std::cerr << NAME << ": the files that are read and written must have names of their own"
+              << std::endl;
+    return USAGE;
+  }
+  ResultFile json(options.json);
+  ResultFile junit(options.junit);
+  LogFile saved(options.log);
 
   BurnLog log;
   PlainConsole plain;
@@ -490,7 +594,14 @@ int Report(const Options& options) {
     run.ending = RunBurn(options.words, is_terminal, take);
     run.seconds = seconds();
   } else {
-    ReadLog(options.from, take);
+    ReadLog(options.from, [&](std::string_view piece) {
+      take(piece);
+      // Nothing to go on with: it may never end.
+      if (log.IsOverlong()) {
+        throw std::runtime_error(Text(options.from, ": a line of more than ", BurnLog::LONGEST_LINE,
+                                      " bytes: this is no console of fwpush"));
+      }
+    });
   }
   if (options.is_plain) console.Write(plain.Finish());
   if (console.IsInsideLine() && isatty(STDERR_FILENO) != 0) std::cerr << std::endl;
@@ -498,10 +609,18 @@ int Report(const Options& options) {
   const GuidSet asked =
       options.words.empty() ? GuidSet() : AskedDevices(std::span(options.words).subspan(1));
   run.burn = log.Conclude(asked, run.ending);
-  json.Write(json.IsWanted() ? Json(run) : "");
-  junit.Write(junit.IsWanted() ? JUnit(run) : "");
   bool is_kept = true;
-  for (const OutputFile* file : {&json, &junit, &saved}) is_kept = file->IsWhole() && is_kept;
+  const auto keep = [&is_kept](const std::function<void()>& file) {
+    try {
+      file();
+    } catch (const std::runtime_error& error) {
+      std::cerr << NAME << ": " << error.what() << std::endl;
+      is_kept = false;
+    }
+  };
+  if (json.IsWanted()) keep([&] { json.Keep(Json(run)); });
+  if (junit.IsWanted()) keep([&] { junit.Keep(JUnit(run)); });
+  keep([&] { saved.Finish(); });
   if (!log.IsFwpush() && !(run.ending && run.ending->signal != 0)) {
     std::cerr << NAME << ": " << (is_live ? options.words[0] : options.from)
               << ": this is no console of fwpush" << std::endl;
