@@ -220,7 +220,7 @@ std::unique_ptr<ImageView> ViewOf(const std::string& file, const Layout& layout)
     return std::make_unique<ImageView>(file);
   } catch (const BraidError& error) {
     const std::string name = file + ": ";
-    const std::string text = error.Des();
+    const std::string& text = error.Des();
     throw LayoutError(layout.At(0) + (text.starts_with(name) ? text.substr(name.size()) : text));
   }
 }
