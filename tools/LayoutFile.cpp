@@ -57,7 +57,7 @@ class LayoutReader {
   static std::string ReadTitle(TomlReader& reader) {
     // The loader reads longer lines as several, and would take what is behind for a directive.
     constexpr std::size_t LONGEST_LINE = 200;
-    const std::string title = reader.String("title").value_or("");
+    std::string title = reader.String("title").value_or("");
     std::size_t length = 0;
     for (const char c : title) {
       length = c == '\n' ? 0 : length + 1;
