@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <sstream>
 #include <utility>
@@ -12,7 +14,14 @@ namespace sim {
 
 namespace {
 
-constexpr u_int32_t LOG2_CHUNK = 8;
+/// The largest chunk, up to 256 bytes, that crosses no chip's end wherever it lies: what is to be
+/// burnt must not depend on how it is cut.
+u_int32_t Log2Chunk(const FwImage& image) {
+  int log2 = 8;
+  for (const EeLoc& chip : MapOf(image)._devmap)
+    log2 = std::min(log2, std::countr_zero(chip.offset));
+  return static_cast<u_int32_t>(log2);
+}
 
 /// A server without faults and limits, for as long as it lives.
 class KindServer {
@@ -153,9 +162,9 @@ void BurnInto(Fabric& fabric, Guid guid, const std::string& image_file, const Im
   FwImage image;
   image.Open(image_file.c_str(), READ);
   if (device->kind == MemoryKind::FLASH) {
-    BurnThrough(LocalFlash(fabric, LOG2_CHUNK), guid, image, part);
+    BurnThrough(LocalFlash(fabric, Log2Chunk(image)), guid, image, part);
   } else {
-    BurnThrough(LocalI2c(fabric, LOG2_CHUNK), guid, image, part);
+    BurnThrough(LocalI2c(fabric, Log2Chunk(image)), guid, image, part);
   }
 }
 

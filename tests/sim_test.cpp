@@ -260,6 +260,19 @@ TEST_F(SimFabricTest, ImageTextIsBurntIntoTheNamedDevices) {
   EXPECT_EQ(_fabric.BurnImage({0x20}, "START A 20000 0\n1 2 3 4\nEND A\n"), "ACK");
 }
 
+TEST_F(SimFabricTest, ImageTextIsCutAtTheEndsOfItsChips) {
+  sim::Device device = I2cDevice(0x30, 0);
+  device.chips.try_emplace(u_int8_t{0x50}, sim::Chip(std::make_unique<sim::Cells>(0x14), 0));
+  device.chips.try_emplace(u_int8_t{0x51}, sim::Chip(std::make_unique<sim::Cells>(0x20), 0));
+  _fabric.Add(std::move(device));
+  EXPECT_EQ(_fabric.BurnImage({0x30},
+                              "DEVMAP 14 50\nDEVMAP 20 51\nSTART A 10 50\n"
+                              "1 2 3 4\n5 6 7 8\nEND A\n"),
+            "ACK");
+  EXPECT_EQ(MemoryOf(_fabric, 0x30, 0x50, 0x10, 4), Hex("01020304"));
+  EXPECT_EQ(MemoryOf(_fabric, 0x30, 0x51, 0, 4), Hex("05060708"));
+}
+
 class SimFaultTest : public SimFabricTest {
  protected:
   sim::Fault& Fault(sim::Fault::Kind kind) {
