@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Boot.h"
 #include "FwImage.h"
 
 namespace tools {
@@ -13,7 +14,8 @@ namespace tools {
 enum class SlotChoice {
   FIRST,
   SECOND,
-  AUTO,  ///< those that are marked valid; both of an RV61300; all sections where there are no slots
+  AUTO,  ///< those that are valid or signed; both where boot records tell; all sections where the
+         ///< image is for no slots
   NONE,  ///< all sections where they stand, as a burn that is not failsafe leaves them
 };
 
@@ -26,45 +28,59 @@ struct Difference {
 };
 
 /// What one device holds.
-struct Finding {
+struct DeviceFinding {
   enum State { IDENTICAL, DIFFERENT, UNREACHABLE, UNREADABLE };
 
   Guid guid = 0;  ///< as it was asked for
   State state = UNREADABLE;
-  std::string reason;                   ///< why it could not be read, or has nothing to compare
+  std::string reason;        ///< what there is to say beside the bytes; "" where nothing
+  std::string failure;       ///< what went wrong and is no fault of the device: the server, a file
+  bool knows_slots = false;  ///< whether its slots were looked at
   std::vector<u_int32_t> valid_slots;   ///< that the boot code takes for valid
   std::vector<u_int32_t> slots;         ///< that were compared; none: all sections
   std::size_t compared = 0;             ///< bytes
   std::size_t different = 0;            ///< of them
   std::vector<Difference> differences;  ///< the first of them
+
+  /// The slot that boots: the valid one, the first where both are.
+  std::optional<u_int32_t> Boots() const {
+    return valid_slots.empty() ? std::nullopt : std::optional(valid_slots.front());
+  }
 };
 
 /// "identical", "different", "unreachable" or "unreadable".
-const char* Name(Finding::State state);
+const char* Name(DeviceFinding::State state);
+
+/// Throws BraidError, in fwpush's words, when `server` is no "TYPE:IP:PORT".
+void CheckServerForm(const std::string& server);
 
 /// Verifies devices behind one server against one image. Only ever reads.
 class Verifier {
  public:
+  /// No more of a device's memory is saved, whatever the device claims to have: bytes.
+  static constexpr u_int64_t MOST_SAVED = u_int64_t{256} << 20;
+
   /// Loads the image. `save` is the folder that gets each device's memory, where given. Throws
   /// BraidError.
   Verifier(const std::string& image_file, const std::string& server, SlotChoice choice,
            const std::optional<std::string>& save);
 
-  /// Looks at one device, over a connection of its own. Throws BraidError when the server cannot be
-  /// used at all.
-  Finding Verify(Guid guid) const;
+  /// Looks at one device, over a connection of its own.
+  DeviceFinding Verify(Guid guid);
 
-  bool HasSlots() const { return _image.DevType() != RV61100; }
+  /// Whether the image can be burnt into slots.
+  bool HasSlots() const { return _has_slots; }
 
   /// The image file's own warnings, a line each.
   const std::string& Warnings() const { return _warnings; }
 
  private:
-  std::string _image_file;
   std::string _server;
   SlotChoice _choice;
   std::optional<std::string> _save;
   FwImage _image;
+  std::optional<sim::BootLayout> _layout;  ///< where the image places the records of its slots
+  bool _has_slots = false;
   std::string _warnings;
 };
 
