@@ -85,9 +85,13 @@ class Fabric:
             self.params["time_limit"])
         try:
             result = json.loads(output)
-            return {device["guid"]: device for device in result["devices"]}, result
+            failure = result["failure"]
+            findings = {device["guid"]: device for device in result["devices"]}
         except (ValueError, KeyError) as error:
             raise Trouble("can't verify: " + last_line(diagnostics, status)) from error
+        if failure:  # of the server: what the devices hold is not known of all
+            raise Trouble("can't verify: " + failure)
+        return findings, result
 
     def burn(self, guids):
         """Burns these devices in one run. Returns whether all of them are burnt."""
