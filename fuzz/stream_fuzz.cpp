@@ -28,6 +28,7 @@ class Client : public BraidConn::ClientSocket {
       _peer = -1;
     }
     _max_buffer = 1 << 16;
+    _max_silence = std::chrono::milliseconds(20);  // the peer reads nothing
   }
   ~Client() override {
     if (_peer != -1) close(_peer);
