@@ -34,6 +34,7 @@ struct Flash {
   bool is_second_valid = false;
   std::size_t ps1_size = 264;  ///< bytes of it that are there; 0: no section at all
   bool is_invariant_late = false;
+  u_int32_t ps1 = PS1;
 
   /// Line 1: DEVICE_TYPE; 2, 3: PS; 4, 5: SIGNATURE; 6, 7: IMAGE; 8, 9: CRCs, or else all below
   /// two lines up; 10 to 15: INVARIANT; 16 to 34: PS0; 35 to 53: PS1; 54 to 57: FIRMWARE.
@@ -41,15 +42,16 @@ struct Flash {
     DataVec invariant(0x40, 0x77);
     const DataVec marks = Hex(marker);
     std::copy(marks.begin(), marks.end(), invariant.begin() + 0x24);
-    DataVec ps1 = PointerSector(record_image1, record_size, is_second_valid);
-    ps1.resize(ps1_size);
+    DataVec ps1_data = PointerSector(record_image1, record_size, is_second_valid);
+    ps1_data.resize(ps1_size);
     const std::string ps0_text = Section("PS0", PS0, PointerSector(image0, record_size, true));
     const std::string invariant_text = Section("INVARIANT", 0, invariant);
-    return ::Text("DEVICE_TYPE RV52100\nPS 0 400 0\nPS 1 800 0\nSIGNATURE 0 408 0\n", signature1,
-                  std::hex, "IMAGE 0 ", image0, " 0\nIMAGE 1 ", image1, " 0\n",
+    return ::Text("DEVICE_TYPE RV52100\nPS 0 400 0\n", std::hex, "PS 1 ", ps1,
+                  " 0\nSIGNATURE 0 408 0\n", signature1, "IMAGE 0 ", image0, " 0\nIMAGE 1 ", image1,
+                  " 0\n",
                   has_crcs ? "REPLACE CRC 400 0 500 0 504 0\nREPLACE CRC 800 0 900 0 904 0\n" : "",
                   is_invariant_late ? ps0_text + invariant_text : invariant_text + ps0_text,
-                  ps1.empty() ? "" : Section("PS1", PS1, ps1),
+                  ps1_data.empty() ? "" : Section("PS1", ps1, ps1_data),
                   Section("FIRMWARE", image0, DataVec(size, 0x11)));
   }
 };
@@ -58,6 +60,7 @@ struct Case {
   const char* name;
   std::string text;
   Found found;
+  std::optional<u_int32_t> flash_size = std::nullopt;
 };
 
 const std::vector<Case>& Cases() {
@@ -78,6 +81,15 @@ const std::vector<Case>& Cases() {
       {"StrayData", "0 1 2 3\n0 1 2 3\n" + Generic(), {{1, "stray-data"}}},
       {"StrayEnd", "END A\n" + Generic(), {{1, "stray-end"}}},
       {"LongLine", "#" + std::string(1100, ' ') + "\n" + Generic(), {{1, "long-line"}}},
+      {"LongCommentInASection",
+       "DEVICE_TYPE RV61100\nSTART A 0 0\n0 1 2 3\n#" + std::string(1021, ' ') + " \nEND A\n",
+       {{4, "long-line"}}},
+      {"LongCommentThatGoesOnAsData",
+       "DEVICE_TYPE RV61100\nSTART A 0 0\n#" + std::string(1022, ' ') + "0 1 2 3\nEND A\n",
+       {{3, "long-line"}, {4, "long-line-rest"}}},
+      {"LongCommentThatGoesOnAsADirective",
+       "#" + std::string(1022, ' ') + "REPLACE GUID 0 0\n" + Generic(),
+       {{1, "long-line"}, {2, "long-line-rest"}}},
       {"Nul", std::string("REPLACE GUID 0 0\0 more\n", 23) + Generic(), {{1, "nul"}}},
       {"DataCut", "DEVICE_TYPE RV61100\nSTART A 0 0\n0 1ff 2 3\nEND A\n", {{3, "data-cut"}}},
       {"NumberCut", Generic() + "REPLACE GUID 100000008 0\n", {{8, "number-cut"}}},
@@ -105,6 +117,12 @@ const std::vector<Case>& Cases() {
       {"MapLateForARefusedLine",
        "DEVMAP 100 0\n" + Generic() + "REPLACE GUID 0 51\nDEVMAP 100 51\n",
        {{9, "refused"}, {9, "devmap-late"}}},
+      {"MapWithoutTheDeviceOfALineBefore",
+       "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(8)) + "DEVMAP 2000 50\n",
+       {{2, "devmap-late"}}},
+      {"NotInTheMap",
+       "DEVMAP 100 0\nDEVMAP 30 2\nDEVMAP 20 0\n" + Generic() + "START B 0 51\nEND B\n",
+       {{3, "devmap-twice"}, {11, "refused"}}},
       {"MapTwice", "DEVMAP 100 0\nDEVMAP 100 0\n" + Generic(), {{2, "devmap-twice"}}},
       {"MapEmpty", "DEVMAP 100 0\nDEVMAP 0 1\n" + Generic(), {{2, "devmap-empty"}}},
       {"MapWraps", "DEVMAP ffffffff 0\nDEVMAP 2 1\n" + Generic(), {{2, "devmap-wraps"}}},
@@ -113,6 +131,33 @@ const std::vector<Case>& Cases() {
        {{10, "past-device"}}},
       {"PastMap", "DEVMAP 20 0\n" + Generic(), {{3, "past-map"}}},
       {"SecondSlotPastMap", "DEVMAP 80 0\n" + Eeprom(), {{4, "past-map"}, {4, "past-device"}}},
+      {"ChunkCrossesDevice",
+       "DEVMAP 10 0\nDEVMAP 100 1\n" + Generic(),
+       {{4, "chunk-crosses-device"}}},
+      {"ChunkOfTheSecondSlotCrossesDevice",
+       "DEVMAP 90 0\nDEVMAP 100 1\n" + Eeprom(),
+       {{6, "chunk-crosses-device"}}},
+      {"DeviceEndsWithAChunk", "DEVMAP 20 0\nDEVMAP 100 1\n" + Generic(), {}},
+      {"SecondSlotPast4GiB",
+       Flash{.image1 = 0xfffffc00, .size = 0x800, .record_image1 = 0xfffffc00, .record_size = 0x800}
+           .Text(),
+       {{7, "slot-wraps"}}},
+      {"SecondSlotUpTo4GiB",
+       Flash{.image1 = 0xfffffc00, .size = 0x400, .record_image1 = 0xfffffc00, .record_size = 0x400}
+           .Text(),
+       {}},
+      {"SecondSlotPastTheFlash", Flash{}.Text(), {{54, "past-flash"}}, IMAGE1 + 0x1f},
+      {"SecondSlotUpToTheEndOfTheFlash", Flash{}.Text(), {}, IMAGE1 + 0x20},
+      {"NoFlash", Eeprom(), {}, 0x20},
+      {"SecondSlotOfAnEepromPast4GiB",
+       "DEVICE_TYPE RV61300\nIMAGE 0 0 0\nIMAGE 1 ffffffe0 0\n" + Section("A", 0, EepromData(0)),
+       {{3, "slot-wraps"}}},
+      {"VsdOfAGenericBurn",
+       "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(0x100)) + "REPLACE VSD 0 0\n",
+       {{20, "field-not-replaced"}}},
+      {"SignatureOfAGenericBurn",
+       Generic() + "REPLACE SIGNATURE 0 0\n",
+       {{8, "field-not-replaced"}}},
       {"FieldOutside", Generic() + "REPLACE GUID 40 0\n", {{8, "field-outside"}}},
       {"FieldCrosses", Generic() + "REPLACE GUID 3c 0\n", {{8, "field-crosses"}}},
       {"FieldsOverlap",
@@ -164,6 +209,14 @@ const std::vector<Case>& Cases() {
        Eeprom() + Section("B", 0x100, DataVec(8)),
        {{10, "image-section-outside"}}},
       {"SectionNotBurnt", Section("B", 0x100, DataVec(8)) + Eeprom(), {{1, "section-not-burnt"}}},
+      {"SectionInTheSecondSlot",
+       Section("B", 0x90, DataVec(8)) + Eeprom(),
+       {{1, "section-in-slot"}}},
+      {"SectionInTheLastSectorOfTheSecondSlot",
+       Section("B", 0x17f8, DataVec(8)) + Flash{}.Text(),
+       {{1, "section-in-slot"},  // before the invariant sector, which is then not first
+        {1, "erase-unaligned"},
+        {13, "invariant-not-first"}}},
       {"Gaps",
        Flash{.record_size = 0xa0}.Text() + Section("MORE", 0xC80, DataVec(0x20)),
        {{54, "image-gaps"}}},
@@ -171,6 +224,38 @@ const std::vector<Case>& Cases() {
        Flash{.ps1_size = 0}.Text(),
        {{3, "ps-without-section"}, {5, "field-outside"}, {9, "crc-outside"}}},
       {"ShortPointerSector", Flash{.ps1_size = 260}.Text(), {{9, "crc-crosses"}, {35, "ps-short"}}},
+      {"PointerSectorWhereItsImageIs",
+       Flash{.size = 0x800,
+             .signature1 = "SIGNATURE 1 1408 0\n",
+             .has_crcs = false,
+             .record_size = 0x800,
+             .ps1 = IMAGE1}
+           .Text(),
+       {{3, "ps-in-image"}, {33, "ps-crc"}}},
+      {"PointerSectorInItsImage",
+       Flash{.size = 0x800,
+             .signature1 = "SIGNATURE 1 1808 0\n",
+             .has_crcs = false,
+             .record_size = 0x800,
+             .ps1 = 0x1800}
+           .Text(),
+       {{3, "ps-in-image"}, {33, "ps-crc"}}},
+      {"PointerSectorInTheLastSectorOfItsImage",
+       Flash{.size = 0x404,
+             .signature1 = "SIGNATURE 1 1808 0\n",
+             .has_crcs = false,
+             .record_size = 0x404,
+             .ps1 = 0x1800}
+           .Text(),
+       {{3, "ps-in-image"}, {33, "ps-crc"}}},
+      {"PointerSectorBehindItsImage",
+       Flash{.size = 0x400,
+             .signature1 = "SIGNATURE 1 1808 0\n",
+             .has_crcs = false,
+             .record_size = 0x400,
+             .ps1 = 0x1800}
+           .Text(),
+       {{33, "ps-crc"}}},
       {"RecordOfAnotherImage", Flash{.record_image1 = 0x1800}.Text(), {{35, "ps-record"}}},
       {"RecordOfAnotherSize",
        Flash{.record_size = 0x24}.Text(),
@@ -182,6 +267,7 @@ const std::vector<Case>& Cases() {
       {"SignatureElsewhere",
        Flash{}.Text() + "REPLACE SIGNATURE c00 0\n",
        {{58, "signature-elsewhere"}}},
+      {"SignatureOfAnEeprom", Eeprom() + "REPLACE SIGNATURE 20 0\n", {{10, "signature-elsewhere"}}},
       {"SignatureShipped", Flash{.is_second_valid = true}.Text(), {{35, "signature-shipped"}}},
       {"InvariantNotFirst", Flash{.is_invariant_late = true}.Text(), {{29, "invariant-not-first"}}},
       {"MarkerMissing", Flash{.marker = "cb84cb85"}.Text(), {{10, "marker-missing"}}},
@@ -239,8 +325,9 @@ std::string Describe(const std::vector<tools::Problem>& problems) {
 
 class FwimgCheckTest : public ConsoleTest {
  protected:
-  std::vector<tools::Problem> Check(const std::string& text) {
-    return tools::Check(tools::ImageView(_folder.Write("fw.img", text)), SECTOR);
+  std::vector<tools::Problem> Check(const std::string& text,
+                                    std::optional<u_int32_t> flash_size = std::nullopt) {
+    return tools::Check(tools::ImageView(_folder.Write("fw.img", text)), SECTOR, flash_size);
   }
   Outcome Run(std::vector<std::string> words) {
     words.insert(words.begin(), {FWIMG_PROGRAM, "check"});
@@ -255,7 +342,7 @@ class FwimgCheckCaseTest : public FwimgCheckTest,
 
 TEST_P(FwimgCheckCaseTest, JustThisIsFound) {
   const Case& example = Cases()[GetParam()];
-  const auto problems = Check(example.text);
+  const auto problems = Check(example.text, example.flash_size);
   Found found;
   for (const auto& problem : problems) found.emplace(problem.line, problem.kind->id);
   EXPECT_EQ(found, example.found) << Describe(problems);
@@ -340,6 +427,77 @@ TEST_F(FwimgCheckTest, TheFirstRefusalIsTheOneThatFwpushGives) {
   }
 }
 
+TEST_F(FwimgCheckTest, OfAKindThatFillsTheFileAPartIsToldAndTheLinesAreCounted) {
+  // 3000 fields at one place: each lies on each other, four and a half million times.
+  std::string text = "DEVICE_TYPE RV61300\n";
+  for (int i = 0; i < 3000; ++i) text += "REPLACE VSD 0 0\n";
+  const auto problems = Check(text + Section("A", 0, DataVec(0x100)));
+  std::map<std::string, std::size_t> told;
+  std::map<std::string, std::string> summary;
+  for (const auto& problem : problems) {
+    ++told[std::string(problem.kind->id)];
+    if (problem.line == 0) summary[std::string(problem.kind->id)] = problem.text;
+  }
+  EXPECT_EQ(told["field-twice"], 101u);
+  EXPECT_EQ(summary["field-twice"], "more of this kind, on 2999 lines in all");
+  EXPECT_EQ(summary.size(), 1u) << Describe(problems);
+}
+
+TEST_F(FwimgCheckTest, AHundredOfAKindAreToldWhole) {
+  std::string text = Generic();
+  for (int i = 0; i < 100; ++i) text += "FROBNICATE\n";
+  EXPECT_EQ(Check(text).size(), 100u);
+  const auto problems = Check(text + "FROBNICATE\n");
+  EXPECT_EQ(problems.size(), 101u);
+  EXPECT_EQ(problems.front().text, "more of this kind, on 101 lines in all");
+}
+
+TEST_F(FwimgCheckTest, SectionsThatCannotBePlacedAreNoDuplicatesHoweverMany) {
+  std::string text = "DEVICE_TYPE RV61100\nDEVMAP 100 0\n" + Section("A", 0, DataVec(4));
+  for (int i = 0; i < 150; ++i) text += "START B 0 51\nEND B\n";
+  const auto problems = Check(text);
+  EXPECT_EQ(problems.size(), 101u);
+  for (const auto& problem : problems) EXPECT_EQ(problem.kind->id, "refused") << problem.text;
+}
+
+TEST_F(FwimgCheckTest, WhatWouldHappenGoesByTheDeviceType) {
+  const auto burn_of = [&](const std::string& text) {
+    for (const auto& problem : Check(text)) {
+      if (problem.kind->id == "no-sections") return std::string(problem.burn);
+    }
+    return std::string("(not found)");
+  };
+  EXPECT_EQ(burn_of("DEVICE_TYPE RV61100\n"), "nothing is burnt, and the burn succeeds");
+  EXPECT_EQ(burn_of("DEVICE_TYPE RV61300\n"), "the failsafe burn ends before it writes");
+  EXPECT_EQ(burn_of("DEVICE_TYPE RV52100\n"), "the failsafe burn ends before it writes");
+  EXPECT_EQ(burn_of("DEVICE_TYPE RV1\n"), "nothing is burnt");
+  EXPECT_EQ(burn_of(""), "nothing is burnt");
+}
+
+TEST_F(FwimgCheckTest, ALateMapIsToldAsItIs) {
+  const auto problems = Check(Section("A", 0, DataVec(4)) + "DEVMAP 2000 50\nREPLACE GUID 0 50\n");
+  ASSERT_FALSE(problems.empty());
+  const auto found = std::ranges::find_if(
+      problems, [](const auto& problem) { return problem.kind->id == "devmap-late"; });
+  ASSERT_NE(found, problems.end());
+  EXPECT_EQ(found->text,
+            "the location stands before the first DEVMAP, so that it means 0x0; no DEVMAP has its "
+            "device 0x0");
+}
+
+TEST_F(FwimgCheckTest, AFileThatCannotBeKeptIsNotCalledRefused) {
+  const std::string path = _folder.Write("fw.img", Generic());
+  const std::string hide = "mount -t tmpfs none /proc && ";
+  const auto run = [&](const std::string& command) {
+    return RunProgram({"/usr/bin/unshare", "-rm", "sh", "-c", command});
+  };
+  if (run(hide + "true").status != 0) GTEST_SKIP() << "no namespace without /proc to be had";
+  const Outcome outcome = run(hide + "exec '" FWIMG_PROGRAM "' check '" + path + "'");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_THAT(outcome.errors, testing::StartsWith("fwimg: Can't load the image from /proc/self/"));
+}
+
 TEST_F(FwimgCheckTest, ManyRefusedLinesAreToldInPart) {
   std::string text = "DEVICE_TYPE RV61100\r\nSTART A 0 0\r\n";
   for (int i = 0; i < 5000; ++i) text += "0 1 2 3\r\n";
@@ -364,6 +522,14 @@ TEST_F(FwimgCheckTest, AWrongNameIsAProblemOfTheWholeFile) {
   EXPECT_EQ(problems[0].text, "Bad FW file type (" + path + "). Supported types: img, bin");
 }
 
+TEST_F(FwimgCheckTest, AWrongNameIsToldBesideARefusedLine) {
+  const std::string path = _folder.Write("fw.txt", Generic() + "PS 2 0 0\n");
+  const auto problems = tools::Check(tools::ImageView(path), SECTOR);
+  ASSERT_EQ(problems.size(), 2u) << Describe(problems);
+  EXPECT_EQ(problems[0].text, "Bad FW file type (" + path + "). Supported types: img, bin");
+  EXPECT_EQ(problems[1].line, 8u);
+}
+
 TEST_F(FwimgCheckTest, AProblemIsPrintedWithItsLineSeverityAndConsequence) {
   const std::string path = _folder.Write("fw.img", "REPLCAE GUID 0 0\nEND A\n" + Generic());
   const Outcome outcome = Run({path});
@@ -380,6 +546,17 @@ TEST_F(FwimgCheckTest, AProblemIsPrintedWithItsLineSeverityAndConsequence) {
                 path + ": 1 error, 1 warning\n");
 }
 
+TEST_F(FwimgCheckTest, AnImageCutOffAtALineEndFailsTheCheck) {
+  const std::string whole = Flash{}.Text();
+  // In the firmware, behind its first line of data.
+  const std::size_t start = whole.find("START FIRMWARE");
+  const std::size_t cut = whole.find('\n', whole.find('\n', start) + 1) + 1;
+  const std::string path = _folder.Write("fw.img", whole.substr(0, cut));
+  const Outcome outcome = Run({"--sector-size", "0x400", path});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.output, testing::HasSubstr("[section-not-closed]"));
+}
+
 TEST_F(FwimgCheckTest, WarningsFailAStrictCheckOnly) {
   const std::string path = _folder.Write("fw.img", "END A\n" + Generic());
   EXPECT_EQ(Run({path}).status, 0);
@@ -394,6 +571,17 @@ TEST_F(FwimgCheckTest, TheSectorSizeDecidesWhatAnEraseSpoils) {
   for (const char* wrong : {"0", "-1", "x", "", "0x100000000"}) {
     EXPECT_EQ(Run({"--sector-size", wrong, path}).status, 64) << wrong;
   }
+}
+
+TEST_F(FwimgCheckTest, TheFlashSizeDecidesWhatIsPastItsEnd) {
+  const std::string path = _folder.Write("fw.img", Flash{}.Text());
+  const auto status = [&](const char* size) {
+    return Run({"--sector-size", "0x400", "--flash-size", size, path}).status;
+  };
+  EXPECT_EQ(status("0x1420"), 0);
+  EXPECT_EQ(status("0x1400"), 1);
+  EXPECT_EQ(status("0"), 64);
+  EXPECT_EQ(status("x"), 64);
 }
 
 TEST_F(FwimgCheckTest, JsonTellsTheSameForEachFile) {

@@ -1,35 +1,26 @@
 /// Finds everything that is wrong, or likely wrong, with an image file.
 #pragma once
 
-#include <span>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "ImageView.h"
+#include "ProblemKinds.h"
 
 namespace tools {
-
-enum class Severity { WARNING, ERROR };
-
-/// A kind of problem.
-struct ProblemKind {
-  std::string_view id;
-  Severity severity;
-  std::string_view burn;  ///< what would happen at the burn
-};
 
 struct Problem {
   LineNumber line;  ///< 0: the whole file
   const ProblemKind* kind;
   std::string text;
+  std::string_view burn;  ///< what would happen at a burn of this image
 };
 
-/// All kinds there are.
-std::span<const ProblemKind> ProblemKinds();
-
-/// All problems of an image in order of lines. `sector_size`: of the flash that it is for, in
-/// bytes, more than 0; no matter to an EEPROM.
-std::vector<Problem> Check(const ImageView& view, u_int32_t sector_size);
+/// The problems of an image in order of lines, at most some hundred of each kind. `sector_size` and
+/// `flash_size`: of the flash that it is for, in bytes, more than 0; no matter to an EEPROM.
+std::vector<Problem> Check(const ImageView& view, u_int32_t sector_size,
+                           std::optional<u_int32_t> flash_size = std::nullopt);
 
 }  // namespace tools

@@ -21,8 +21,6 @@ namespace {
 constexpr std::size_t LONGEST_LINE = 1023;
 /// Refused data lines that are told one by one in a section; more of them say nothing new.
 constexpr u_int32_t TOLD_DATA_LINES = 8;
-/// Findings of one kind that are told, for the same reason.
-constexpr u_int32_t TOLD_FINDINGS = 100;
 /// They are compared with each other: more would take forever.
 constexpr u_int32_t MOST_PLACES = 10000;
 
@@ -69,16 +67,25 @@ std::string ReadFile(const std::string& path) {
 /// Loads `text` into `image`, by way of a file that exists in memory only. Returns what the loader
 /// says against it, without file and line; "" where it takes it.
 std::string LoadText(FwImage& image, std::string_view text) {
+  const auto fail = [] {
+    ThrowError(std::string("Can't keep the image in memory: ") + strerror(errno));
+  };
   const Descriptor file(memfd_create("image", MFD_CLOEXEC));
+  if (file.Get() < 0) fail();
   for (std::size_t done = 0; done < text.size();) {
     const ssize_t written = write(file.Get(), text.data() + done, text.size() - done);
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) ThrowError(std::string("Can't keep the image in memory: ") + strerror(errno));
+    if (written <= 0) fail();
     done += static_cast<std::size_t>(written);
+  }
+  // What the loader cannot open here is no fault of the image.
+  const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
+  if (Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)).Get() < 0) {
+    ThrowError("Can't load the image from " + path + ": " + strerror(errno));
   }
   const sim::QuietConsole quiet;
   try {
-    image.LoadImg(("/proc/self/fd/" + std::to_string(file.Get())).c_str());
+    image.LoadImg(path.c_str());
   } catch (const BraidError& error) {
     return error.Des();
   }
@@ -183,7 +190,7 @@ std::string Printable(std::string_view text) {
 
 std::string HexText(u_int64_t number) { return Text("0x", std::hex, number); }
 
-std::optional<u_int32_t> ParseSectorSize(const std::string& text) {
+std::optional<u_int32_t> ParseByteCount(const std::string& text) {
   char* end = nullptr;
   errno = 0;
   const auto size = std::strtoull(text.c_str(), &end, 0);
@@ -192,8 +199,8 @@ std::optional<u_int32_t> ParseSectorSize(const std::string& text) {
   return static_cast<u_int32_t>(size);
 }
 
-std::string SectorSizeCheck(const std::string& text) {
-  return ParseSectorSize(text) ? "" : "must be a number of bytes, such as 0x10000";
+std::string ByteCountCheck(const std::string& text) {
+  return ParseByteCount(text) ? "" : "must be a number of bytes, such as 0x10000";
 }
 
 std::string FieldKeyword(FieldType type) {
@@ -217,11 +224,7 @@ ImageView::ImageView(const std::string& path) : _path(path), _image(std::make_un
   }
   if (!_refusal.empty()) LoadRest(text);
   TakeData();
-  for (const auto& [kind, count] : _noted) {
-    if (count <= TOLD_FINDINGS) continue;
-    _findings.push_back({0, kind, Text(count - TOLD_FINDINGS, " more of this kind")});
-  }
-  std::ranges::stable_sort(_findings, {}, &Finding::line);
+  _family = sim::FamilyOf(_image->DevType());
 }
 
 void ImageView::LoadRest(std::string_view text) {
@@ -236,7 +239,7 @@ void ImageView::LoadRest(std::string_view text) {
   _image = std::make_unique<FwImage>();
   const std::string refusal = LoadText(*_image, rest);
   // A refusal that the scan did not foresee: told, though without the rest.
-  if (!refusal.empty()) NoteAt(0, "refused", Printable(WithoutLine(refusal)));
+  if (!refusal.empty()) _findings.Add(ProblemId::REFUSED, 0, Printable(WithoutLine(refusal)));
 }
 
 void ImageView::TakeData() {
@@ -267,10 +270,13 @@ void ImageView::Scan(std::string_view text) {
 
     const bool was_cut = is_cut;
     is_cut = end == std::string_view::npos && from < text.size();
-    if (is_cut && !was_cut) Note("long-line", "the line is longer than 1022 characters");
+    if (is_cut && !was_cut) {
+      Note(ProblemId::LONG_LINE, "the line is longer than 1022 characters");
+      _long_line = _line;
+    }
     const std::size_t nul = line.text.find('\0');
     if (nul != std::string_view::npos) {
-      Note("nul", "what follows the NUL is not read");
+      Note(ProblemId::NUL, "what follows the NUL is not read");
       line.text = line.text.substr(0, nul);
     }
     const std::size_t first = line.text.find_first_not_of(" \t");
@@ -278,21 +284,21 @@ void ImageView::Scan(std::string_view text) {
       continue;
     }
     if (Words(line.text).empty()) continue;
+    if (was_cut) NoteRestOfLongLine(line);
     if (_open == nullptr || !ScanInside(line)) ScanOutside(line);
   }
   if (_open != nullptr) {
-    NoteAt(_open->line, "section-not-closed",
-           "section " + Printable(_open->name) + " is not closed by an END");
+    _findings.Add(ProblemId::SECTION_NOT_CLOSED, _open->line,
+                  "section " + Printable(_open->name) + " is not closed by an END");
     CloseSection(text.size());
   }
 }
 
-void ImageView::NoteAt(LineNumber line, std::string_view kind, std::string text) {
-  if (++_noted[kind] <= TOLD_FINDINGS) _findings.push_back({line, kind, std::move(text)});
-}
-
-void ImageView::Note(std::string_view kind, std::string text) {
-  NoteAt(_line, kind, std::move(text));
+void ImageView::NoteRestOfLongLine(const LineAt& line) {
+  const std::vector<std::string> words = Words(line.text);
+  if (_open == nullptr && !IsKeyword(words[0])) return;  // ignored as any other such line
+  Note(ProblemId::LONG_LINE_REST,
+       "this is the rest of the long line " + std::to_string(_long_line));
 }
 
 void ImageView::CountPlace() {
@@ -303,7 +309,7 @@ void ImageView::CountPlace() {
 }
 
 void ImageView::Refuse(const std::string& text, const LineAt& line, std::string instead) {
-  Note("refused", Printable(text));
+  Note(ProblemId::REFUSED, Printable(text));
   _edits.push_back({line.from, line.size, std::move(instead)});
 }
 
@@ -331,7 +337,7 @@ bool ImageView::ScanInside(const LineAt& line) {
     if (!ParseNumber(word, 16, value)) {
       is_good = false;
     } else if (value > 0xFF || IsCut(word)) {
-      Note("data-cut", "the word " + Printable(word) + " is more than a byte");
+      Note(ProblemId::DATA_CUT, "the word " + Printable(word) + " is more than a byte");
     }
   }
   if (is_good) {
@@ -344,18 +350,18 @@ bool ImageView::ScanInside(const LineAt& line) {
   const std::string keyword = words[0].substr(0, words[0].find('\t'));
   if (IsKeyword(keyword)) {
     Refuse(AskLoader(line.text), line);
-    NoteAt(_open->line, "section-not-closed",
-           "section " + Printable(_open->name) + " is not closed before line " +
-               std::to_string(_line));
+    _findings.Add(ProblemId::SECTION_NOT_CLOSED, _open->line,
+                  "section " + Printable(_open->name) + " is not closed before line " +
+                      std::to_string(_line));
     _edits.back() = {line.from, 0, "END " + _open->name + "\n"};
     CloseSection(line.from);
     return false;
   }
   if (++_refused_data <= TOLD_DATA_LINES) {
-    Refuse(AskLoader(line.text), line);
-    if (_refused_data == TOLD_DATA_LINES && _findings.back().line == _line) {
-      _findings.back().text += " (more such lines of this section are not told)";
-    }
+    const bool is_last = _refused_data == TOLD_DATA_LINES;
+    Refuse(
+        AskLoader(line.text) + (is_last ? " (more such lines of this section are not told)" : ""),
+        line);
   } else {
     _edits.push_back({line.from, line.size, ""});
   }
@@ -395,31 +401,38 @@ std::optional<u_int32_t> ImageView::NoteLocation(const EeLoc& loc) {
   return addr;
 }
 
+std::string ImageView::MapFor(u_int32_t dev) const {
+  if (_devices.empty()) return "";
+  const auto known = _by_device.find(static_cast<u_int8_t>(dev));
+  const bool is_mapped = known != _by_device.end();
+  // All that lies before it, as one other device.
+  const u_int32_t before = is_mapped ? _devices[known->second].addr : _mapped;
+  std::string map = Text("DEVMAP ", std::hex, before, " ", dev ^ 1, "\n");
+  if (is_mapped) map += Text("DEVMAP ", std::hex, _devices[known->second].size, " ", dev, "\n");
+  return map;
+}
+
 void ImageView::OpenSection(const LineAt& line) {
   CountPlace();
-  FwImage judge;
-  std::string with_map;
-  for (const MappedDevice& mapped : _devices) {
-    with_map += Text("DEVMAP ", std::hex, mapped.size, " ", u_int32_t{mapped.dev}, "\n");
-  }
-  with_map += line.text;
-  const std::string refusal = WithoutLine(LoadText(judge, with_map));
-
   // The words as the loader's scan cuts them: at any white space.
   const std::vector<std::string> words = splitv(std::string(line.text), " \t\n\v\f\r", false);
   u_int32_t offset = 0;
   u_int32_t dev = 0;
   const bool has_location = words.size() >= 4 && ParseNumber(words[2], 16, offset);
+  char* end = nullptr;
+  if (has_location) dev = static_cast<u_int32_t>(std::strtoul(words[3].c_str(), &end, 16));
+  FwImage judge;
+  const std::string refusal =
+      WithoutLine(LoadText(judge, MapFor(dev & 0xFF) + std::string(line.text)));
   if (has_location) {
-    char* end = nullptr;
-    dev = static_cast<u_int32_t>(std::strtoul(words[3].c_str(), &end, 16));
     if (refusal.empty() && (words.size() > 4 || *end != '\0')) {
-      Note("start-not-read-whole",
+      Note(ProblemId::START_NOT_READ_WHOLE,
            "the loader stops reading after the device number " + HexText(dev));
     }
-    if (IsCut(words[2])) Note("number-cut", "the offset " + Printable(words[2]) + " is cut");
+    if (IsCut(words[2]))
+      Note(ProblemId::NUMBER_CUT, "the offset " + Printable(words[2]) + " is cut");
     if (dev > 0xFF || IsCut(words[3])) {
-      Note("device-cut",
+      Note(ProblemId::DEVICE_CUT,
            "the device number " + Printable(words[3]) + " is cut to " + HexText(dev & 0xFF));
     }
     NoteLocation(EeLoc(offset, static_cast<u_int8_t>(dev)));
@@ -431,6 +444,7 @@ void ImageView::OpenSection(const LineAt& line) {
   judge.GetSectionsAddr(addrs);
   if (addrs.empty()) {
     // Its lines are read all the same: they may have faults of their own.
+    section.is_placed = false;
     section.is_kept = false;
     section.is_whole = false;
     Refuse(refusal, line);
@@ -457,7 +471,7 @@ void ImageView::Directive(const std::vector<std::string>& words, const LineAt& l
   if (const auto version = std::ranges::find(VERSIONS, words[0]); version != VERSIONS.end()) {
     std::string& part = _version[static_cast<std::size_t>(version - VERSIONS.begin())];
     part = words.size() > 1 ? Printable(words[1]) : "?";
-    if (words.size() != 2) Note("version-words", "a version directive has one number");
+    if (words.size() != 2) Note(ProblemId::VERSION_WORDS, "a version directive has one number");
   } else if (IsKeyword(words[0]) && words[0] != "END") {
     Accepted(words);
   } else {
@@ -479,7 +493,8 @@ void ImageView::NoteLocations(const std::vector<std::string>& words) {
     for (const std::size_t at : row.at) {
       for (const std::size_t word : {at, at + 1}) {
         if (IsCut(words[word])) {
-          Note("number-cut", "the number " + Printable(words[word]) + " is cut to 32 bits");
+          Note(ProblemId::NUMBER_CUT,
+               "the number " + Printable(words[word]) + " is cut to 32 bits");
         }
       }
       if (row.keyword == "DEVMAP") continue;
@@ -498,21 +513,23 @@ void ImageView::Accepted(const std::vector<std::string>& words) {
   const auto addr = [&](std::size_t at) { return _directives.ParseAddr(words[at], words[at + 1]); };
   if (words[0] == "DEVICE_TYPE") {
     if (_device_type_line != 0) {
-      Note("device-type-twice",
+      Note(ProblemId::DEVICE_TYPE_TWICE,
            "the device type is given on line " + std::to_string(_device_type_line) + " already");
     }
     _device_type_line = _line;
     _device_type_word = words[1];
   } else if (words[0] == "DEVMAP") {
     const EeLoc mapped = _directives.ParseEeLoc(words[1], words[2]);
-    _devices.push_back({mapped.offset, mapped.dev, _line});
+    _by_device.try_emplace(mapped.dev, _devices.size());
+    _devices.push_back({_mapped, mapped.offset, mapped.dev, _line});
+    _mapped += mapped.offset;
   } else if (words[0] == "REPLACE" && words[1] == "CRC") {
     constexpr u_int32_t LAST_WORD = 4;  // the "to" location names the last word covered
     _crcs.push_back({{addr(2), addr(4) - addr(2) + LAST_WORD, addr(6)}, _line});
   } else if (words[0] == "REPLACE") {
     const FieldType type = FwImage::Str2FieldType(words[1]);
     if (type == BSN && _directives.DevType() == RV61100) {
-      Note("bsn-ignored", "an RV61100 has no BSN: the field is ignored");
+      Note(ProblemId::BSN_IGNORED, "an RV61100 has no BSN: the field is ignored");
     } else {
       _fields.push_back({{addr(2), FwImage::ReplaceFieldSize(type), type}, _line});
     }
@@ -520,10 +537,10 @@ void ImageView::Accepted(const std::vector<std::string>& words) {
     SlotView& slot = _slots[words[1] == "0" ? 0 : 1];
     auto& place = words[0] == "PS" ? slot.ps : words[0] == "IMAGE" ? slot.image : slot.signature;
     if (place) {
-      Note("slot-twice",
+      Note(ProblemId::SLOT_TWICE,
            words[0] + " " + words[1] + " replaces that of line " + std::to_string(place->line));
     }
-    place = Place{addr(2), _line};
+    place = MarkedAddr{addr(2), _line};
     if (words[0] == "SIGNATURE") {
       _fields.push_back({{place->addr, FwImage::ReplaceFieldSize(SIGNATURE), SIGNATURE}, _line});
     }
@@ -535,27 +552,25 @@ void ImageView::NoteUnknown(const std::vector<std::string>& words, const LineAt&
   const std::string_view word =
       std::string_view(words[0]).substr(0, words[0].find_first_of("\t\r"));
   if (words[0] == "END") {
-    Note("stray-end", "END outside a section");
+    Note(ProblemId::STRAY_END, "END outside a section");
   } else if (CountPlain(line.text, bytes) == Data::PLAIN) {
-    if (_stray_line == 0 || _stray_line + 1 != _line) Note("stray-data", "data outside a section");
+    if (_stray_line == 0 || _stray_line + 1 != _line)
+      Note(ProblemId::STRAY_DATA, "data outside a section");
     _stray_line = _line;  // a block of them is told once
   } else if (word.size() < words[0].size() && IsKeyword(word)) {
-    Note("misspelt-directive", "\"" + Printable(words[0]) +
-                                   "\" is no directive: words are parted by blanks, lines end "
-                                   "without a carriage return");
+    Note(ProblemId::MISSPELT_DIRECTIVE,
+         "\"" + Printable(words[0]) +
+             "\" is no directive: words are parted by blanks, lines end "
+             "without a carriage return");
   } else if (const std::string_view meant = Meant(words[0]); !meant.empty()) {
-    Note("misspelt-directive",
+    Note(ProblemId::MISSPELT_DIRECTIVE,
          "unknown directive \"" + Printable(words[0]) + "\": is " + std::string(meant) + " meant?");
   } else {
-    Note("unknown-directive", "unknown directive \"" + Printable(words[0]) + "\"");
+    Note(ProblemId::UNKNOWN_DIRECTIVE, "unknown directive \"" + Printable(words[0]) + "\"");
   }
 }
 
-const FwImage::Conv& ImageView::Map() const {
-  // The image hands its own convertor out as what burns need of it.
-  auto& directives = const_cast<FwImage&>(_directives);
-  return dynamic_cast<const FwImage::Conv&>(*directives.GetAddressConvertor());
-}
+const FwImage::Conv& ImageView::Map() const { return sim::MapOf(_directives); }
 
 const SectionView* ImageView::SectionAt(u_int32_t addr) const {
   const auto found = _by_addr.find(addr);
@@ -571,7 +586,13 @@ std::string ImageView::FirmwareVersion() const {
   return version;
 }
 
-Family ImageView::DeviceFamily() const { return sim::FamilyOf(_image->DevType()); }
+bool ImageView::IsEmpty() const {
+  return _places == 0 && _refusal.empty() && FirmwareVersion().empty();
+}
+
+bool ImageView::IsReplaced(const FwImage::FieldReplace& field) const {
+  return DeviceFamily() != Family::GENERIC || (field.type != VSD && field.type != SIGNATURE);
+}
 
 bool ImageView::HasSlots() const {
   const Family family = DeviceFamily();

@@ -11,29 +11,21 @@
 #include <string_view>
 #include <vector>
 
-#include "Family.h"
 #include "FwImage.h"
+#include "ProblemKinds.h"
 
 namespace tools {
-
-/// A line of the image file as the loader counts them: from 1, long ones cut. 0: the whole file.
-using LineNumber = u_int32_t;
-
-/// One odd thing about a line. `kind` is an id of the table of problems.
-struct Finding {
-  LineNumber line;
-  std::string_view kind;
-  std::string text;
-};
 
 struct SectionView {
   std::string name;
   LineNumber line = 0;
   LineNumber end_line = 0;  ///< 0 where none closes it
   u_int32_t addr = 0;
-  u_int32_t size = 0;    ///< bytes
-  bool is_kept = true;   ///< false: one before it has the same address, and its data is dropped
-  bool is_whole = true;  ///< false: some of its lines are refused
+  u_int32_t size = 0;     ///< bytes
+  bool is_placed = true;  ///< false: its START is refused
+  bool is_kept =
+      true;  ///< false: that, or one before it has the same address, and its data is dropped
+  bool is_whole = true;            ///< false: some of its lines are refused
   std::span<const u_int8_t> data;  ///< empty unless it is kept
 
   u_int64_t End() const { return u_int64_t{addr} + size; }
@@ -50,21 +42,22 @@ struct CrcView : FwImage::CrcReplace {
 };
 
 struct MappedDevice {
+  u_int32_t addr;  ///< of its first byte, in 32 bits, as the loader has it
   u_int32_t size;  ///< bytes
   u_int8_t dev;
   LineNumber line;
 };
 
 /// An address that a directive gives.
-struct Place {
+struct MarkedAddr {
   u_int32_t addr;
   LineNumber line;
 };
 
 struct SlotView {
-  std::optional<Place> ps;
-  std::optional<Place> image;
-  std::optional<Place> signature;
+  std::optional<MarkedAddr> ps;
+  std::optional<MarkedAddr> image;
+  std::optional<MarkedAddr> signature;
 };
 
 /// A location as a line gives it, and what it meant there.
@@ -74,13 +67,11 @@ struct Location {
   std::optional<u_int32_t> addr;  ///< none where the map, as far as it had come, lacked the device
 };
 
-using sim::Family;
-
 /// Made once; owns what its members point to. Everything that a line means is asked of FwImage.
 class ImageView {
  public:
-  /// Throws BraidError when the file cannot be read, or has more parts than could be told apart; a
-  /// bad file gives refusals instead.
+  /// Throws BraidError when the file cannot be read or kept, or has more parts than could be told
+  /// apart; a bad file gives refusals instead.
   explicit ImageView(const std::string& path);
   ImageView(const ImageView&) = delete;
   ImageView& operator=(const ImageView&) = delete;
@@ -110,10 +101,12 @@ class ImageView {
   const std::string& DeviceTypeWord() const { return _device_type_word; }
   /// "1.2.0", the parts that are missing as "?"; "" where no version is given.
   std::string FirmwareVersion() const;
-  /// In order of lines.
-  const std::vector<Finding>& Findings() const { return _findings; }
+  /// What is odd about single lines, without a look at others.
+  const LineFindings& Findings() const { return _findings; }
+  /// Whether no line of the file means anything to the loader.
+  bool IsEmpty() const;
 
-  Family DeviceFamily() const;
+  Family DeviceFamily() const { return _family; }
   /// Whether each slot has what its family looks at: the addresses, and a first section.
   bool HasSlots() const;
   /// The sections that a failsafe burn puts into either slot, in burn order; none where HasSlots is
@@ -124,6 +117,8 @@ class ImageView {
 
   /// `size` bytes from `addr` on, across sections; none where sections lack some of them.
   std::optional<DataVec> Bytes(u_int64_t addr, u_int64_t size) const;
+  /// False where every burn of this device type leaves a field's bytes as the image has them.
+  bool IsReplaced(const FwImage::FieldReplace& field) const;
 
  private:
   /// Something to be left out of the text, or put in, so that the loader takes the rest.
@@ -153,8 +148,10 @@ class ImageView {
   void Refuse(const std::string& text, const LineAt& line, std::string instead = {});
   /// What the loader says to a line inside the open section.
   std::string AskLoader(std::string_view line) const;
-  void Note(std::string_view kind, std::string text);
-  void NoteAt(LineNumber line, std::string_view kind, std::string text);
+  void Note(ProblemId kind, std::string text) { _findings.Add(kind, _line, std::move(text)); }
+  void NoteRestOfLongLine(const LineAt& line);
+  /// A device map that is as short as can be, and in which the loader finds `dev` where it is.
+  std::string MapFor(u_int32_t dev) const;
   void CountPlace();
   void LoadRest(std::string_view text);
   void TakeData();
@@ -162,10 +159,12 @@ class ImageView {
   std::string _path;
   std::string _refusal;
   std::unique_ptr<FwImage> _image;
+  Family _family = Family::UNKNOWN;
   FwImage _directives;  ///< takes one directive after the other
   LineNumber _line = 0;
   SectionView* _open = nullptr;
   LineNumber _stray_line = 0;   ///< the last line of data outside sections
+  LineNumber _long_line = 0;    ///< the last line that was cut, where it began
   u_int32_t _refused_data = 0;  ///< lines of the open section
   std::vector<SectionView> _sections;
   std::vector<FieldView> _fields;
@@ -176,11 +175,12 @@ class ImageView {
   LineNumber _device_type_line = 0;
   std::string _device_type_word;
   std::array<std::string, 3> _version;
-  std::vector<Finding> _findings;
-  std::map<std::string_view, u_int32_t> _noted;  ///< findings by kind, the untold ones included
-  u_int32_t _places = 0;                         ///< sections, fields, CRCs and mapped devices
-  std::map<u_int32_t, std::size_t> _by_addr;     ///< of the sections that are kept
-  std::vector<Edit> _edits;                      ///< ascending
+  LineFindings _findings;
+  u_int32_t _places = 0;                       ///< sections, fields, CRCs and mapped devices
+  std::map<u_int32_t, std::size_t> _by_addr;   ///< of the sections that are kept
+  u_int32_t _mapped = 0;                       ///< bytes of the device map, in 32 bits
+  std::map<u_int8_t, std::size_t> _by_device;  ///< the first entry of each in the device map
+  std::vector<Edit> _edits;                    ///< ascending
   std::optional<std::size_t> _drop_from;  ///< the START of an open section that cannot be placed
   std::size_t _edits_before_drop = 0;
 };
@@ -190,9 +190,9 @@ std::string Printable(std::string_view text);
 /// "0x1f000"
 std::string HexText(u_int64_t number);
 /// A number of bytes, more than 0, as a command line has it: decimal, or 0x and hexadecimal.
-std::optional<u_int32_t> ParseSectorSize(const std::string& text);
+std::optional<u_int32_t> ParseByteCount(const std::string& text);
 /// The same as a test of an option: what is wrong with the text, "" where nothing is.
-std::string SectorSizeCheck(const std::string& text);
+std::string ByteCountCheck(const std::string& text);
 /// The keyword of a field type, as the image file has it.
 std::string FieldKeyword(FieldType type);
 

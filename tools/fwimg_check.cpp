@@ -1,6 +1,7 @@
 /// fwimg check: all problems of image files at once.
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -15,6 +16,7 @@ namespace {
 struct Options {
   std::vector<std::string> files;
   std::string sector_size = "0x10000";
+  std::string flash_size;
   bool is_strict = false;
   bool as_json = false;
 };
@@ -46,8 +48,8 @@ void Print(const Report& report) {
     if (problem.line != 0) std::cout << ":" << problem.line;
     std::cout << ": " << (in_colour ? is_error ? "\033[31m" : "\033[33m" : "")
               << Word(problem.kind->severity) << (in_colour ? "\033[0m" : "") << ": "
-              << problem.text << " [" << problem.kind->id
-              << "]\n    at the burn: " << problem.kind->burn << "\n";
+              << problem.text << " [" << problem.kind->id << "]\n    at the burn: " << problem.burn
+              << "\n";
   }
   std::cout << Printable(report.file) << ": " << Plural(report.Count(Severity::ERROR), "error")
             << ", " << Plural(report.Count(Severity::WARNING), "warning") << "\n";
@@ -62,7 +64,7 @@ nlohmann::ordered_json Json(const std::vector<Report>& reports) {
                           {"severity", Word(problem.kind->severity)},
                           {"kind", problem.kind->id},
                           {"text", problem.text},
-                          {"burn", problem.kind->burn}});
+                          {"burn", problem.burn}});
     }
     nlohmann::ordered_json file{{"file", report.file}};
     if (!report.trouble.empty()) file["cannot"] = report.trouble;
@@ -75,13 +77,14 @@ nlohmann::ordered_json Json(const std::vector<Report>& reports) {
 }
 
 int Run(const Options& options) {
-  const u_int32_t sector_size = ParseSectorSize(options.sector_size).value();
+  const u_int32_t sector_size = ParseByteCount(options.sector_size).value();
+  const auto flash_size = ParseByteCount(options.flash_size);
   std::vector<Report> reports;
   int status = ALL_WELL;
   for (const std::string& file : options.files) {
     Report report{file, {}, ""};
     try {
-      report.problems = Check(ImageView(file), sector_size);
+      report.problems = Check(ImageView(file), sector_size, flash_size);
     } catch (const BraidError& error) {
       report.trouble = error.Des();
       std::cerr << "fwimg: " << Printable(error.Des()) << std::endl;
@@ -115,7 +118,11 @@ void AddCheck(CLI::App& app, Work& work) {
       ->add_option("--sector-size", options->sector_size,
                    "Bytes of a sector of the flash that the image is for")
       ->capture_default_str()
-      ->check(SectorSizeCheck);
+      ->check(ByteCountCheck);
+  command
+      ->add_option("--flash-size", options->flash_size,
+                   "Bytes of the flash that the image is for; its end is not checked without")
+      ->check(ByteCountCheck);
   command->add_flag("--json", options->as_json, "Prints one JSON object");
   command->callback([options, &work] { work = [options] { return Run(*options); }; });
 }

@@ -102,8 +102,8 @@ class Comparison {
   }
 
   void ComparePlace(const std::string& what, const std::string& label,
-                    const std::optional<Place>& a, const std::optional<Place>& b) {
-    const auto text = [](const std::optional<Place>& place) {
+                    const std::optional<MarkedAddr>& a, const std::optional<MarkedAddr>& b) {
+    const auto text = [](const std::optional<MarkedAddr>& place) {
       return place ? HexText(place->addr) : std::string();
     };
     CompareValue(what, label, text(a), text(b));

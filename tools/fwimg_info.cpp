@@ -37,7 +37,7 @@ Burning BurningOf(const ImageView& view) {
   const Family family = view.DeviceFamily();
   if (family == Family::UNKNOWN) return burning;
   const auto memory = GetRomInterface(type, 0, false, false);
-  const bool is_flash = dynamic_cast<const RemoteFlashInterface*>(memory.get()) != nullptr;
+  const bool is_flash = sim::IsFlash(type);
   burning.memory = is_flash ? "serial flash, one device a run" : "I2C EEPROM, many devices at once";
   burning.failsafe = GetBurnAlgorithm(type, memory.get(), true, false, false)->GetName();
   burning.with_n = GetBurnAlgorithm(type, memory.get(), false, false, false)->GetName();
@@ -234,7 +234,7 @@ void Print(const ImageView& view, u_int32_t sector_size) {
     std::cout << "\nSlot  Image     ends      Pointer sector  Signature\n";
     for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
       const SlotView& slot = view.Slots()[idx];
-      const auto addr = [](const std::optional<Place>& place) {
+      const auto addr = [](const std::optional<MarkedAddr>& place) {
         return place ? Hex8(place->addr) : std::string("-");
       };
       std::cout << idx << "     " << Padded(addr(slot.image), 10)
@@ -287,7 +287,7 @@ void Print(const ImageView& view, u_int32_t sector_size) {
 nlohmann::ordered_json Json(const ImageView& view, u_int32_t sector_size) {
   using Value = nlohmann::ordered_json;
   const Burning burning = BurningOf(view);
-  const auto address = [](const std::optional<Place>& place) {
+  const auto address = [](const std::optional<MarkedAddr>& place) {
     return place ? Value(place->addr) : Value(nullptr);
   };
   const auto text = [](const std::string& s) { return s.empty() ? Value(nullptr) : Value(s); };
@@ -356,7 +356,7 @@ nlohmann::ordered_json Json(const ImageView& view, u_int32_t sector_size) {
 int Run(const Options& options) {
   const ImageView view(options.file);
   if (!view.Refusal().empty()) ThrowError(view.Refusal());
-  const u_int32_t sector_size = ParseSectorSize(options.sector_size).value();
+  const u_int32_t sector_size = ParseByteCount(options.sector_size).value();
   if (options.as_json) {
     std::cout
         << Json(view, sector_size).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
@@ -378,7 +378,7 @@ void AddInfo(CLI::App& app, Work& work) {
       ->add_option("--sector-size", options->sector_size,
                    "Bytes of a sector of the flash that the image is for")
       ->capture_default_str()
-      ->check(SectorSizeCheck);
+      ->check(ByteCountCheck);
   command->add_flag("--json", options->as_json, "Prints one JSON object");
   command->callback([options, &work] { work = [options] { return Run(*options); }; });
 }
