@@ -586,8 +586,11 @@ std::string ImageView::FirmwareVersion() const {
   return version;
 }
 
-bool ImageView::IsEmpty() const {
-  return _places == 0 && _refusal.empty() && FirmwareVersion().empty();
+void ImageView::RequireImage() const {
+  if (!_refusal.empty()) ThrowError(_refusal);
+  if (_places == 0 && FirmwareVersion().empty()) {
+    ThrowError(_path + ": no image: the file has no directive and no section");
+  }
 }
 
 bool ImageView::IsReplaced(const FwImage::FieldReplace& field) const {

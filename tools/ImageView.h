@@ -103,8 +103,9 @@ class ImageView {
   std::string FirmwareVersion() const;
   /// What is odd about single lines, without a look at others.
   const LineFindings& Findings() const { return _findings; }
-  /// Whether no line of the file means anything to the loader.
-  bool IsEmpty() const;
+  /// Throws BraidError where the loader refuses the file, or no line of it means anything to the
+  /// loader: it is of some other kind then.
+  void RequireImage() const;
 
   Family DeviceFamily() const { return _family; }
   /// Whether each slot has what its family looks at: the addresses, and a first section.

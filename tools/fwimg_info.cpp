@@ -267,7 +267,8 @@ void Print(const ImageView& view, u_int32_t sector_size) {
       std::cout << Padded(FieldKeyword(field.type), 11) << Hex8(field.from) << "  "
                 << Padded(std::to_string(field.size), 6)
                 << Padded(Shown(SectionNameAt(view, field.from)), 24) << "  "
-                << PlaceName(view, field.from, sector_size) << "\n";
+                << PlaceName(view, field.from, sector_size)
+                << (view.IsReplaced(field) ? "" : ", not replaced") << "\n";
     }
   }
   if (!view.Crcs().empty()) {
@@ -322,7 +323,8 @@ nlohmann::ordered_json Json(const ImageView& view, u_int32_t sector_size) {
                       {"size", field.size},
                       {"line", field.line},
                       {"section", text(SectionNameAt(view, field.from))},
-                      {"lies_in", PlaceName(view, field.from, sector_size)}});
+                      {"lies_in", PlaceName(view, field.from, sector_size)},
+                      {"replaced", view.IsReplaced(field)}});
   }
   Value crcs = Value::array();
   for (const CrcView& crc : view.Crcs()) {
@@ -355,7 +357,7 @@ nlohmann::ordered_json Json(const ImageView& view, u_int32_t sector_size) {
 
 int Run(const Options& options) {
   const ImageView view(options.file);
-  if (!view.Refusal().empty()) ThrowError(view.Refusal());
+  view.RequireImage();
   const u_int32_t sector_size = ParseByteCount(options.sector_size).value();
   if (options.as_json) {
     std::cout
