@@ -142,7 +142,8 @@ TEST_F(FwimgInfoTest, JsonTellsAFlashImage) {
                                                {"size", 8},
                                                {"line", 58},
                                                {"section", "FIRMWARE"},
-                                               {"lies_in", "slot 0"}}));
+                                               {"lies_in", "slot 0"},
+                                               {"replaced", true}}));
   EXPECT_EQ(json.at("crcs")[0],
             (nlohmann::json{{"address", PS0 + 260},
                             {"from", PS0},
@@ -157,6 +158,36 @@ TEST_F(FwimgInfoTest, AnUnknownDeviceTypeIsShownAsSuch) {
   EXPECT_EQ(json.at("device_type"), "RV1");
   EXPECT_EQ(json.at("burn"), nullptr);
   EXPECT_EQ(json.at("memory"), "unknown: fwpush cannot burn this device type");
+}
+
+TEST_F(FwimgInfoTest, AFieldThatAGenericBurnLeavesIsShownAsSuch) {
+  const std::string image = "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(0x100)) +
+                            "REPLACE VSD 0 0\nREPLACE GUID d8 0\n";
+  EXPECT_THAT(Info(image),
+              testing::HasSubstr("VSD        00000000  208   A                         "
+                                 "-, not replaced\n"
+                                 "GUID       000000d8  8     A                         "
+                                 "-\n"));
+  const auto json = InfoJson(image);
+  EXPECT_EQ(json.at("fields")[0].at("replaced"), false);
+  EXPECT_EQ(json.at("fields")[1].at("replaced"), true);
+}
+
+TEST_F(FwimgInfoTest, AFileThatIsNoImageIsCalledSo) {
+  for (const char* text : {"", "# nothing\n", "It was a dark night\nEND\n01 02 03 04\n"}) {
+    SCOPED_TRACE(text);
+    const std::string path = _folder.Write("fw.img", text);
+    const std::string error =
+        "fwimg: " + path + ": no image: the file has no directive and no section\n";
+    for (const auto& words :
+         {std::vector<std::string>{"info", path}, {"info", "--json", path}, {"diff", path, path}}) {
+      const Outcome outcome = Run(words);
+      EXPECT_EQ(outcome.status, 2);
+      EXPECT_EQ(outcome.output, "");
+      EXPECT_EQ(outcome.errors, error);
+    }
+  }
+  EXPECT_EQ(Run({"info", _folder.Write("fw.img", "MAJ_FW_VER 1\n")}).status, 0);
 }
 
 TEST_F(FwimgInfoTest, WhatTheLoaderRefusesEndsWithTwoAndItsWords) {
@@ -214,6 +245,45 @@ TEST_F(FwimgDiffTest, ManyRangesAreToldInPartButWholeInJson) {
                                                      {"size", 2},
                                                      {"a", "0000"},
                                                      {"b", "0101"}}));
+}
+
+TEST_F(FwimgDiffTest, DifferencesOfEveryByteNeedNoMemoryOfTheirOwn) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "this build's memory has no bound";
+#endif
+  // 100,000 ranges of one byte: kept as text they would take 70 MB, as JSON 200 MB.
+  std::string a = "START A 0 0\n";
+  std::string b = a;
+  for (int i = 0; i < 100000; ++i) {
+    a += "0 0 0 0 0 0 0 0\n";
+    b += "1 0 0 0 0 0 0 0\n";
+  }
+  const std::string path_a = _folder.Write("a.img", a + "END A\n");
+  const std::string path_b = _folder.Write("b.img", b + "END A\n");
+  for (const char* option : {"", "--json"}) {
+    SCOPED_TRACE(option);
+    const Outcome outcome =
+        RunProgram({"/bin/sh", "-c",
+                    Text("ulimit -v 40000; exec '" FWIMG_PROGRAM "' diff ", option, " '", path_a,
+                         "' '", path_b, "' | tail -c 300; exit $?")});
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_THAT(outcome.output,
+                testing::HasSubstr(*option == 0 ? "and 99984 bytes in 99984 more ranges"
+                                                : "\"address\":799992"));
+  }
+}
+
+TEST_F(FwimgDiffTest, TheSameIsAnEmptyListInJson) {
+  const std::string image = Section("A", 0, DataVec(4));
+  const Outcome outcome = Diff(image, image, true);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(outcome.output),
+            (nlohmann::json{{"version", 1},
+                            {"command", "diff"},
+                            {"a", _folder / "a.img"},
+                            {"b", _folder / "b.img"},
+                            {"same", true},
+                            {"differences", nlohmann::json::array()}}));
 }
 
 TEST_F(FwimgDiffTest, EverythingElseIsToldToo) {

@@ -1,5 +1,6 @@
 /// fwimg diff: how two image files differ in what they mean.
 #include <algorithm>
+#include <functional>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -25,9 +26,44 @@ struct Options {
   bool as_json = false;
 };
 
-struct Difference {
-  std::string text;
-  Json json;
+/// Is told each difference as it is found: there may be as many as bytes.
+class Listener {
+ public:
+  virtual ~Listener() = default;
+  /// No `text`: people are told in sum later. No `json`: this is for people only.
+  virtual void Tell(const std::function<std::string()>& text,
+                    const std::function<Json()>& json) = 0;
+};
+
+class Counter : public Listener {
+ public:
+  void Tell(const std::function<std::string()>&, const std::function<Json()>&) override {
+    is_same = false;
+  }
+  bool is_same = true;
+};
+
+class TextPrinter : public Listener {
+ public:
+  void Tell(const std::function<std::string()>& text, const std::function<Json()>&) override {
+    if (text) std::cout << text() << "\n";
+  }
+};
+
+/// Elements of an array, a line each.
+class JsonPrinter : public Listener {
+ public:
+  void Tell(const std::function<std::string()>&, const std::function<Json()>& json) override {
+    if (!json) return;
+    std::cout << (_is_first ? "\n    " : ",\n    ") << Dump(json());
+    _is_first = false;
+  }
+  static std::string Dump(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  }
+
+ private:
+  bool _is_first = true;
 };
 
 std::string HexBytes(std::span<const u_int8_t> bytes, std::size_t most = ~std::size_t{0}) {
@@ -41,7 +77,12 @@ std::string HexBytes(std::span<const u_int8_t> bytes, std::size_t most = ~std::s
 
 class Comparison {
  public:
-  Comparison(const ImageView& a, const ImageView& b) : _a(a), _b(b) {
+  Comparison(const ImageView& a, const ImageView& b, Listener& listener)
+      : _a(a), _b(b), _listener(listener) {}
+
+  void Run() {
+    const ImageView& a = _a;
+    const ImageView& b = _b;
     CompareValue("device_type", "device type", Type(a), Type(b));
     CompareValue("firmware", "firmware version", a.FirmwareVersion(), b.FirmwareVersion());
     CompareValue("device_map", "device map", Map(a), Map(b));
@@ -57,8 +98,6 @@ class Comparison {
     CompareLists("field", Fields(a), Fields(b));
     CompareLists("crc", Crcs(a), Crcs(b));
   }
-
-  const std::vector<Difference>& Differences() const { return _differences; }
 
  private:
   /// By its number: two keywords may name one type.
@@ -97,8 +136,10 @@ class Comparison {
     if (a == b) return;
     const auto shown = [](const std::string& s) { return s.empty() ? "none" : Printable(s); };
     const auto value = [](const std::string& s) { return s.empty() ? Json(nullptr) : Json(s); };
-    _differences.push_back({label + ": " + shown(a) + " / " + shown(b),
-                            {{"what", what}, {"a", value(a)}, {"b", value(b)}}});
+    _listener.Tell([&] { return label + ": " + shown(a) + " / " + shown(b); },
+                   [&] {
+                     return Json{{"what", what}, {"a", value(a)}, {"b", value(b)}};
+                   });
   }
 
   void ComparePlace(const std::string& what, const std::string& label,
@@ -110,8 +151,10 @@ class Comparison {
   }
 
   void OnlyIn(const char* side, const std::string& what, const std::string& text) {
-    _differences.push_back(
-        {Text("only in ", side, ": ", text), {{"what", what}, {"only_in", side}, {"text", text}}});
+    _listener.Tell([&] { return Text("only in ", side, ": ", text); },
+                   [&] {
+                     return Json{{"what", what}, {"only_in", side}, {"text", text}};
+                   });
   }
 
   void CompareLists(const std::string& what, std::vector<std::string> a,
@@ -155,16 +198,21 @@ class Comparison {
       }
     }
     if (order_a != order_b) {
-      _differences.push_back({"order: the sections are burnt in another order",
-                              {{"what", "order"}, {"a", order_a}, {"b", order_b}}});
+      _listener.Tell([] { return "order: the sections are burnt in another order"; },
+                     [&] {
+                       return Json{{"what", "order"}, {"a", order_a}, {"b", order_b}};
+                     });
     }
   }
 
   void CompareBytes(const SectionView& a, const SectionView& b) {
     if (a.size != b.size) {
-      _differences.push_back(
-          {Text("size of ", Describe(a), ": ", b.size, " in b"),
-           {{"what", "section_size"}, {"address", a.addr}, {"a", a.size}, {"b", b.size}}});
+      _listener.Tell(
+          [&] { return Text("size of ", Describe(a), ": ", b.size, " in b"); },
+          [&] {
+            return Json{
+                {"what", "section_size"}, {"address", a.addr}, {"a", a.size}, {"b", b.size}};
+          });
     }
     const std::size_t size = std::min(a.data.size(), b.data.size());
     std::size_t ranges = 0;
@@ -176,13 +224,18 @@ class Comparison {
       for (std::size_t next = end; next < size && next <= end + BRIDGED; ++next) {
         if (a.data[next] != b.data[next]) end = next + 1;
       }
-      AddRange(a, b, at, end - at, ++ranges, left_out);
+      const bool is_told = ++ranges <= TOLD_RANGES;
+      if (!is_told) left_out += end - at;
+      TellRange(a, b, at, end - at, is_told);
       at = end;
     }
     if (left_out > 0) {
-      _differences.push_back({Text("  and ", left_out, " bytes in ", ranges - TOLD_RANGES,
-                                   " more ranges of section ", Printable(a.name)),
-                              nullptr});
+      _listener.Tell(
+          [&] {
+            return Text("  and ", left_out, " bytes in ", ranges - TOLD_RANGES,
+                        " more ranges of section ", Printable(a.name));
+          },
+          nullptr);
     }
   }
 
@@ -194,55 +247,59 @@ class Comparison {
     return static_cast<std::size_t>(found - a.data.begin());
   }
 
-  void AddRange(const SectionView& a, const SectionView& b, std::size_t at, std::size_t size,
-                std::size_t number, std::size_t& left_out) {
+  void TellRange(const SectionView& a, const SectionView& b, std::size_t at, std::size_t size,
+                 bool in_text) {
     const auto bytes_a = a.data.subspan(at, size);
     const auto bytes_b = b.data.subspan(at, size);
-    std::string text;
-    if (number <= TOLD_RANGES) {
-      text = Text("bytes ", HexText(a.addr + at), " to ", HexText(a.addr + at + size), " of ",
+    const auto text = [&] {
+      return Text("bytes ", HexText(a.addr + at), " to ", HexText(a.addr + at + size), " of ",
                   Printable(a.name), ": ", HexBytes(bytes_a, TOLD_BYTES), " / ",
                   HexBytes(bytes_b, TOLD_BYTES));
+    };
+    const auto json = [&] {
+      return Json{{"what", "bytes"}, {"section", a.name},      {"address", a.addr + at},
+                  {"size", size},    {"a", HexBytes(bytes_a)}, {"b", HexBytes(bytes_b)}};
+    };
+    if (in_text) {
+      _listener.Tell(text, json);
     } else {
-      left_out += size;
+      _listener.Tell(nullptr, json);
     }
-    _differences.push_back({std::move(text),
-                            {{"what", "bytes"},
-                             {"section", a.name},
-                             {"address", a.addr + at},
-                             {"size", size},
-                             {"a", HexBytes(bytes_a)},
-                             {"b", HexBytes(bytes_b)}}});
   }
 
   const ImageView& _a;
   const ImageView& _b;
-  std::vector<Difference> _differences;
+  Listener& _listener;
 };
 
 int Run(const Options& options) {
   const ImageView a(options.a);
-  if (!a.Refusal().empty()) ThrowError(a.Refusal());
+  a.RequireImage();
   const ImageView b(options.b);
-  if (!b.Refusal().empty()) ThrowError(b.Refusal());
-  const Comparison comparison(a, b);
-  const bool is_same = comparison.Differences().empty();
+  b.RequireImage();
+  Counter counter;
+  Comparison(a, b, counter).Run();
   if (options.as_json) {
-    Json differences = Json::array();
-    for (const Difference& difference : comparison.Differences()) {
-      if (!difference.json.is_null()) differences.push_back(difference.json);
-    }
-    const Json all{{"version", 1},   {"command", "diff"}, {"a", options.a},
-                   {"b", options.b}, {"same", is_same},   {"differences", differences}};
-    std::cout << all.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    const auto member = [](const char* name, const Json& value) {
+      std::cout << "  \"" << name << "\": " << JsonPrinter::Dump(value) << ",\n";
+    };
+    std::cout << "{\n";
+    member("version", 1);
+    member("command", "diff");
+    member("a", options.a);
+    member("b", options.b);
+    member("same", counter.is_same);
+    std::cout << "  \"differences\": [";
+    JsonPrinter printer;
+    Comparison(a, b, printer).Run();
+    std::cout << (counter.is_same ? "]\n}\n" : "\n  ]\n}\n");
   } else {
     std::cout << "a: " << Printable(options.a) << "\nb: " << Printable(options.b) << "\n";
-    for (const Difference& difference : comparison.Differences()) {
-      if (!difference.text.empty()) std::cout << difference.text << "\n";
-    }
-    if (is_same) std::cout << "They mean the same.\n";
+    TextPrinter printer;
+    Comparison(a, b, printer).Run();
+    if (counter.is_same) std::cout << "They mean the same.\n";
   }
-  return is_same ? ALL_WELL : DIFFERS;
+  return counter.is_same ? ALL_WELL : DIFFERS;
 }
 
 }  // namespace
