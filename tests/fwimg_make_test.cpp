@@ -141,7 +141,7 @@ from = { image = 0x10 }
 size = 8
 at = { image = 0x18 }
 )",
-                 {"11 warning section-not-burnt"}),
+                 {"5 warning signature-elsewhere", "11 warning section-not-burnt"}),
             R"(# Two EEPROMs
 # and a slot in each
 # All numbers are hexadecimal.
@@ -596,8 +596,11 @@ class RandomLayout {
     const u_int32_t total = 2 * image1 + 4 + Below(256);
     const u_int32_t devices = Below(4);
     u_int32_t rest = total;
-    for (u_int32_t i = 0; i < devices; ++i) {
-      const u_int32_t size = i + 1 == devices ? rest : 4 + Below(rest / 2);
+    // Sections cross from one device into the next, so all but the last are whole chunks.
+    constexpr u_int32_t CHUNK = 32;
+    for (u_int32_t i = 0; i < devices && rest > 0; ++i) {
+      const bool is_last = i + 1 == devices || rest <= 2 * CHUNK;
+      const u_int32_t size = is_last ? rest : CHUNK * (1 + Below(rest / (2 * CHUNK)));
       devmap.emplace_back(size, static_cast<u_int8_t>(0x50 + 7 * i));
       rest -= size;
     }
