@@ -1064,9 +1064,10 @@ TEST_F(ReportTest, BurnInheritsNoneOfTheFiles) {
 TEST_F(ReportTest, WhatTheBurnStartedHoldsTheReportUpForSecondsOnly) {
   const std::string console = _folder.Write("shown", std::string(PREAMBLE) + GENERIC);
   const auto start = std::chrono::steady_clock::now();
-  const Outcome outcome = Report({"--json", _folder / "report.json"},
-                                 {"/bin/sh", "-c", "cat \"$0\"; sleep 20 2>/dev/null & echo $! >\"$1\"; exit 3",
-                                  console, _folder / "pid"});
+  const Outcome outcome =
+      Report({"--json", _folder / "report.json"},
+             {"/bin/sh", "-c", "cat \"$0\"; sleep 20 2>/dev/null & echo $! >\"$1\"; exit 3",
+              console, _folder / "pid"});
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
   kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
   EXPECT_EQ(outcome.output, ReadFile(console));
