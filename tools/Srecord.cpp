@@ -60,6 +60,7 @@ class Run {
   Run(const ScratchFolder& scratch, const std::vector<std::string>& words)
       : _output(scratch / "output"), _errors(scratch / "errors") {
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
