@@ -38,6 +38,9 @@ class Burn {
   std::vector<std::string> Words(const std::string& program) const;
   const std::string& ServerType() const { return _server_type; }
 
+  /// Whether it is not burnt, having no image to fall back on.
+  bool IsLeftAlone(Guid guid) const { return _untouched.contains(guid); }
+
   Worth Judge(const sim::Device& device) const;
   bool IsFailsafe() const { return _algorithm != Algorithm::GENERIC; }
 
