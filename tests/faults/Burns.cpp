@@ -120,7 +120,7 @@ std::unique_ptr<Burn> Burn::Generic(const TemporaryFolder& folder) {
   burn->_switches = {"-m", "6", "-g", "100,200,300"};
   burn->_server_type = "I2C";
   burn->_setting.has_guids_field = true;
-  for (const Guid guid : {0x100, 0x200, 0x300}) {
+  for (const Guid guid : {0x100u, 0x200u, 0x300u}) {
     burn->_contents[guid] = GenericContents(burn->AddDevice(guid, 0));
   }
   return burn;
@@ -143,7 +143,7 @@ std::unique_ptr<Burn> Burn::Rv61300(const TemporaryFolder& folder) {
                  {0x400, {false, false}}};
   for (const auto& [guid, is_valid] : devices) {
     burn->AddDevice(guid, 0);
-    for (const u_int32_t slot : {0, 1}) {
+    for (const u_int32_t slot : {0u, 1u}) {
       BurnInto(burn->_start, guid, old_image, {.slot = slot, .is_valid = is_valid[slot]});
     }
     burn->Settle(guid, old_image);
@@ -167,7 +167,7 @@ std::unique_ptr<Burn> Burn::Rv52100(const TemporaryFolder& folder, const FlashSt
   const std::string old_file = folder.Write(burn->_name + "-old.img", old_image.Text());
   burn->_switches = {"-m", "9", "-g", "100"};
   burn->AddDevice(GUID, SECTOR);
-  for (const u_int32_t slot : {0, 1}) {
+  for (const u_int32_t slot : {0u, 1u}) {
     const Slot content = state.slots[slot];
     burn->_setting.is_signed[slot] = content == Slot::VALID;
     if (content == Slot::BLANK) continue;
@@ -214,7 +214,7 @@ Worth Burn::Judge(const sim::Device& device) const {
   const Guid guid = device.node_guid;
   const DataVec memory = Memory(device);
   if (_algorithm == Algorithm::GENERIC) {
-    worth.is_right = memory == _contents.at(guid);
+    worth.is_right = worth.boots = memory == _contents.at(guid);
     worth.text = worth.is_right ? "right" : "not as burnt";
     worth.row = "RV61100, and any burn with `-n`";
     return worth;
