@@ -56,7 +56,7 @@ class Restorer {
 /// The memory of one device as far as the regions reach: writes elsewhere leave no trace.
 class Predictor::Twin : public RomInterface {
  public:
-  Twin(std::span<Region> regions, u_int32_t sector_size, const FieldSource& fields)
+  Twin(std::span<ComparedRegion> regions, u_int32_t sector_size, const FieldSource& fields)
       : RomInterface("Twin"), _regions(regions), _twin_sector_size(sector_size), _fields(fields) {
     SetAccessDevices({TWIN});
   }
@@ -74,7 +74,7 @@ class Predictor::Twin : public RomInterface {
     const u_int64_t end = addr + u_int64_t{data.size()};
     if (end > ADDRESS_SPACE) ThrowError("it would write past the last address");
     if (erase && _twin_sector_size != 0 && !data.empty()) EraseFor(addr, end);
-    for (Region& region : _regions) {
+    for (ComparedRegion& region : _regions) {
       const u_int64_t last = std::min(end, region.End());
       for (u_int64_t at = std::max(addr, region.addr); at < last; ++at) {
         u_int8_t& cell = region.expected[at - region.addr];
@@ -115,7 +115,7 @@ class Predictor::Twin : public RomInterface {
     }
     if (sector * size >= end) return;
     _erased = (end - 1) / size;
-    for (Region& region : _regions) {
+    for (ComparedRegion& region : _regions) {
       const u_int64_t last = std::min((*_erased + 1) * size, region.End());
       for (u_int64_t at = std::max<u_int64_t>(sector * size, region.addr); at < last; ++at) {
         region.expected[at - region.addr] = ERASED;
@@ -123,15 +123,16 @@ class Predictor::Twin : public RomInterface {
     }
   }
 
-  std::span<Region> _regions;
+  std::span<ComparedRegion> _regions;
   u_int32_t _twin_sector_size;
   const FieldSource& _fields;
   std::optional<u_int64_t> _erased;  ///< number of the sector erased last
   bool _is_asking = false;
 };
 
-void Predictor::Run(std::span<Region> regions, const std::function<void(Twin&)>& burn) {
-  for (Region& region : regions) region.expected.assign(region.section->data.size(), ERASED);
+void Predictor::Run(std::span<ComparedRegion> regions, const std::function<void(Twin&)>& burn) {
+  for (ComparedRegion& region : regions)
+    region.expected.assign(region.section->data.size(), ERASED);
   const Restorer restorer(_image);
   Twin twin(regions, _sector_size, _fields);
   try {
@@ -142,18 +143,19 @@ void Predictor::Run(std::span<Region> regions, const std::function<void(Twin&)>&
   }
 }
 
-void Predictor::GenericBurn(std::span<Region> regions) {
+void Predictor::GenericBurn(std::span<ComparedRegion> regions) {
   Run(regions, [&](Twin& twin) { Checked<::GenericBurn>(twin).Go(_image); });
 }
 
-void Predictor::PointerSectorBurn(std::span<Region> regions, u_int32_t slot, bool keeps_invariant) {
+void Predictor::PointerSectorBurn(std::span<ComparedRegion> regions, u_int32_t slot,
+                                  bool keeps_invariant) {
   const auto is_invariant = [&](u_int32_t addr) { return addr < _sector_size; };
   Run(regions, [&](Twin& twin) {
     Checked<RV52100FailsafeBurn> burn(twin, true, false);
     std::vector<u_int32_t> addrs;
     _image.GetSectionsAddr(addrs);
     if (keeps_invariant) {
-      for (Region& region : regions) {
+      for (ComparedRegion& region : regions) {
         if (!is_invariant(region.addr)) break;
         region.expected = region.section->data;
       }
@@ -167,7 +169,7 @@ void Predictor::PointerSectorBurn(std::span<Region> regions, u_int32_t slot, boo
   });
 }
 
-void Predictor::BootRecordBurn(std::span<Region> regions, u_int32_t first) {
+void Predictor::BootRecordBurn(std::span<ComparedRegion> regions, u_int32_t first) {
   Run(regions, [&](Twin& twin) {
     Checked<RV61300FailsafeBurn> burn(twin, false);
     burn.BurnImage(_image, first);

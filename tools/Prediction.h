@@ -13,7 +13,7 @@
 namespace tools {
 
 /// Bytes of a device's memory that one section of an image fills.
-struct Region {
+struct ComparedRegion {
   const FwImage::Section* section;  ///< borrowed from the image
   u_int32_t addr;                   ///< linear, where the burn puts it
   DataVec expected;                 ///< what the burn leaves there; as long as the section
@@ -41,18 +41,18 @@ class Predictor {
   // Each sets `expected` of the regions, whatever was there. They throw CannotPredict.
 
   /// All sections where they stand.
-  void GenericBurn(std::span<Region> regions);
+  void GenericBurn(std::span<ComparedRegion> regions);
   /// A slot with a pointer sector; the regions of the invariant sector, if any, stand first.
   /// `keeps_invariant`: that sector was found as the image has it, and then a burn leaves it so,
   /// fields and CRCs included.
-  void PointerSectorBurn(std::span<Region> regions, u_int32_t slot, bool keeps_invariant);
+  void PointerSectorBurn(std::span<ComparedRegion> regions, u_int32_t slot, bool keeps_invariant);
   /// Both slots with boot records, `first` before the other. The order matters where the image
   /// marks a field or a CRC in one slot only.
-  void BootRecordBurn(std::span<Region> regions, u_int32_t first);
+  void BootRecordBurn(std::span<ComparedRegion> regions, u_int32_t first);
 
  private:
   class Twin;
-  void Run(std::span<Region> regions, const std::function<void(Twin&)>& burn);
+  void Run(std::span<ComparedRegion> regions, const std::function<void(Twin&)>& burn);
 
   FwImage& _image;
   u_int32_t _sector_size;

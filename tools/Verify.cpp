@@ -91,7 +91,7 @@ class ReaderOf : public Reader, private Remote {
   }
 };
 
-std::size_t CountDifferences(const Region& region) {
+std::size_t CountDifferences(const ComparedRegion& region) {
   std::size_t count = 0;
   for (std::size_t i = 0; i < region.expected.size(); ++i) {
     if (region.expected[i] != region.found[i]) ++count;
@@ -99,9 +99,9 @@ std::size_t CountDifferences(const Region& region) {
   return count;
 }
 
-std::size_t CountDifferences(std::span<const Region> regions) {
+std::size_t CountDifferences(std::span<const ComparedRegion> regions) {
   std::size_t count = 0;
-  for (const Region& region : regions) count += CountDifferences(region);
+  for (const ComparedRegion& region : regions) count += CountDifferences(region);
   return count;
 }
 
@@ -184,7 +184,7 @@ class Device {
   void CompareAll(DeviceFinding& finding) {
     std::vector<u_int32_t> addrs;
     _image.GetSectionsAddr(addrs);
-    std::vector<Region> regions;
+    std::vector<ComparedRegion> regions;
     for (const u_int32_t addr : addrs) Add(regions, addr, addr);
     ReadInto(regions);
     Predict().GenericBurn(regions);
@@ -244,7 +244,7 @@ class Device {
   }
 
   void CompareBootRecordSlots(DeviceFinding& finding) {
-    std::vector<Region> regions;
+    std::vector<ComparedRegion> regions;
     for (const u_int32_t slot : finding.slots) AddImage(regions, slot);
     ReadInto(regions);
     Predict().BootRecordBurn(regions, 0);
@@ -252,7 +252,7 @@ class Device {
       // Which slot came first depends on what was valid before the burn.
       std::vector<DataVec> expected;
       expected.reserve(regions.size());
-      for (const Region& region : regions) expected.push_back(region.expected);
+      for (const ComparedRegion& region : regions) expected.push_back(region.expected);
       Predict().BootRecordBurn(regions, 1);
       if (different <= CountDifferences(regions)) {
         for (std::size_t i = 0; i < regions.size(); ++i) {
@@ -269,7 +269,7 @@ class Device {
   }
 
   void ComparePointerSectorSlots(DeviceFinding& finding) {
-    std::vector<Region> invariant;
+    std::vector<ComparedRegion> invariant;
     std::vector<u_int32_t> addrs;
     _image.GetSectionsAddr(addrs);
     for (const u_int32_t addr : addrs) {
@@ -277,11 +277,12 @@ class Device {
       Add(invariant, addr, addr);
     }
     ReadInto(invariant);
-    const bool keeps_invariant = std::ranges::all_of(
-        invariant, [](const Region& region) { return region.found == region.section->data; });
+    const bool keeps_invariant = std::ranges::all_of(invariant, [](const ComparedRegion& region) {
+      return region.found == region.section->data;
+    });
     bool is_told = false;
     for (const u_int32_t slot : finding.slots) {
-      std::vector<Region> regions = invariant;
+      std::vector<ComparedRegion> regions = invariant;
       Add(regions, _image.GetPsAddr(slot), _image.GetPsAddr(slot));
       AddImage(regions, slot);
       const auto own = std::span(regions).subspan(invariant.size());
@@ -293,14 +294,14 @@ class Device {
   }
 
   /// Adds a section; one that starts where another did is never burnt.
-  void Add(std::vector<Region>& regions, u_int32_t addr, u_int32_t destination) const {
-    const auto is_there = [&](const Region& region) { return region.addr == destination; };
+  void Add(std::vector<ComparedRegion>& regions, u_int32_t addr, u_int32_t destination) const {
+    const auto is_there = [&](const ComparedRegion& region) { return region.addr == destination; };
     if (std::ranges::any_of(regions, is_there)) return;
     const FwImage::Section* section = _image.GetSection(addr);
     regions.push_back({section, destination, DataVec(section->data.size()), {}});
   }
 
-  void AddImage(std::vector<Region>& regions, u_int32_t slot) const {
+  void AddImage(std::vector<ComparedRegion>& regions, u_int32_t slot) const {
     std::vector<u_int32_t> addrs;
     _image.GetImageSectionsAddr(addrs);
     for (const u_int32_t addr : addrs) {
@@ -308,8 +309,8 @@ class Device {
     }
   }
 
-  static void Tell(std::span<const Region> regions, DeviceFinding& finding) {
-    for (const Region& region : regions) {
+  static void Tell(std::span<const ComparedRegion> regions, DeviceFinding& finding) {
+    for (const ComparedRegion& region : regions) {
       finding.compared += region.expected.size();
       for (u_int32_t i = 0; i < region.expected.size(); ++i) {
         const u_int8_t expected = region.expected[i];
@@ -335,13 +336,13 @@ class Device {
   /// Bytes; as far as the image reaches where the end is not known.
   u_int64_t MemorySize() const {
     if (const auto end = KnownEnd()) return *end;
-    std::vector<Region> regions;
+    std::vector<ComparedRegion> regions;
     std::vector<u_int32_t> addrs;
     _image.GetSectionsAddr(addrs);
     for (const u_int32_t addr : addrs) Add(regions, addr, addr);
     if (CanBeBurntIntoSlots(_image)) AddImage(regions, 1);
     u_int64_t size = 0;
-    for (const Region& region : regions) size = std::max(size, region.End());
+    for (const ComparedRegion& region : regions) size = std::max(size, region.End());
     return size;
   }
 
@@ -349,8 +350,8 @@ class Device {
     return start + size <= KnownEnd().value_or(u_int64_t{1} << 32);
   }
 
-  void ReadInto(std::span<Region> regions) {
-    for (Region& region : regions) {
+  void ReadInto(std::span<ComparedRegion> regions) {
+    for (ComparedRegion& region : regions) {
       region.found = Read(region.addr, static_cast<u_int32_t>(region.section->data.size()));
     }
   }
