@@ -85,15 +85,19 @@ namespace {
 class NamedMemory {
  public:
   NamedMemory() : _fd(memfd_create("fuzz", MFD_CLOEXEC)) {
+    std::string folder = fs::temp_directory_path() / "fwpush-fuzz-XXXXXX";
+    Must(mkdtemp(folder.data()) != nullptr, "there is room for a folder");
+    _folder = folder;
     const std::string process = "/proc/" + std::to_string(getpid());
-    fs::create_symlink(process + "/fd/" + std::to_string(_fd), _link);
+    fs::create_symlink(process + "/fd/" + std::to_string(_fd), _folder / "memory.img");
+    _link = _folder / "memory.img";
   }
   NamedMemory(const NamedMemory&) = delete;
   NamedMemory& operator=(const NamedMemory&) = delete;
   ~NamedMemory() {
     close(_fd);
     std::error_code ignored;
-    fs::remove(_link, ignored);
+    fs::remove_all(_folder, ignored);
   }
 
   void Set(std::string_view content) const {
@@ -105,8 +109,8 @@ class NamedMemory {
 
  private:
   int _fd;
-  std::string _link =
-      fs::temp_directory_path() / ("fwpush-fuzz-" + std::to_string(getpid()) + ".img");
+  fs::path _folder;  // of our own
+  std::string _link;
 };
 
 }  // namespace

@@ -1,16 +1,13 @@
 // A layout, from which an image is made where it is good.
-#include <unistd.h>
-
 #include <filesystem>
 
 #include "Fuzz.h"
 #include "ImageMaker.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
-  static const std::filesystem::path IMAGE =
-      std::filesystem::temp_directory_path() / ("fuzz-" + std::to_string(getpid()) + ".img");
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);
-  const std::string& file = fuzz::MemoryFile(text);
+  const std::filesystem::path file = fuzz::MemoryFile(text);
+  const std::filesystem::path made = file.parent_path() / "made.img";
   // What is made is loaded back and compared, by an assertion.
   const fuzz::Ending ending = fuzz::Run([&] {
     try {
@@ -20,16 +17,16 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
       if (total > 1 << 16) return;
       tools::CheckLayout(layout);
       tools::FillIn(layout);
-      tools::WriteImage(layout, IMAGE);
+      tools::WriteImage(layout, made);
       FwImage image;
-      image.Open(IMAGE.c_str(), READ);
+      image.Open(made.c_str(), READ);
       fuzz::Must(!fuzz::HasOddCrc(image), "what a CRC covers is whole words");
     } catch (const tools::LayoutError&) {
       return;  // the layout is wrong
     }
   });
   std::error_code ignored;
-  std::filesystem::remove(IMAGE, ignored);
+  std::filesystem::remove(made, ignored);
   fuzz::Must(!ending.assertion, "what is made says what was laid out");
   fuzz::Must(!ending.error, "what is made can be loaded");
   return 0;
