@@ -23,7 +23,7 @@ options:
   results: {type: path, description: "begin: the folder of all runs."}
   run: {type: path, description: "The other steps: the folder of this run."}
   image: {type: path, description: "begin: the image file."}
-  hosts: {type: dict, description: "begin: server, guids and switches of each host."}
+  hosts: {type: dict, description: "begin: server, guids, switches, devices_per_burn and time_limit of each host."}
   check_arguments: {type: list, elements: str, default: [], description: "begin: more for fwimg check."}
   rehearsal: {type: path, description: "begin: a fabric file to rehearse the burn on."}
   rehearsal_time_limit: {type: int, default: 3600, description: "begin: seconds for each rehearsal."}
@@ -81,6 +81,15 @@ def run(argv, time_limit=600):
     return done.returncode, done.stdout, lines[-1] if lines else f"{argv[0]}: status {done.returncode}"
 
 
+# Below it, a burn would name no devices, or be ended before it has begun.
+LEAST = {"devices_per_burn": 0, "time_limit": 1}
+
+
+def is_number_from(least, value):
+    """Whether Ansible takes it for such a number: one of the command line comes as text."""
+    return not isinstance(value, bool) and re.fullmatch(r"-?[0-9]+", str(value).strip()) and int(value) >= least
+
+
 def problems_of(hosts):
     """What is wrong with the hosts' settings: the first thing of each host, by host."""
     problems, servers, devices = {}, {}, {}
@@ -115,6 +124,9 @@ def problems_of(hosts):
         for switch in switches:
             if not isinstance(switch, str) or not re.fullmatch(r"-n|-m=([4-9]|1[0-5])", switch):
                 problem(host, f"fwpush_rollout_switches may have -n and -m=N (4 to 15), not {switch!r}")
+        for key, least in LEAST.items():
+            if key in settings and not is_number_from(least, settings[key]):
+                problem(host, f"fwpush_rollout_{key} is no number from {least} up: {settings[key]!r}")
     return problems
 
 
