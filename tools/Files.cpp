@@ -43,10 +43,12 @@ NewFile::NewFile(const fs::path& path) : _path(path) {
   _temporary = (_path.parent_path() / (_path.stem().string() + ".XXXXXX" + extension)).string();
   _fd = mkostemps(_temporary.data(), static_cast<int>(extension.size()), O_CLOEXEC);
   if (_fd < 0) Throw();
-  // As a file that is simply opened would be.
+  // As a file that is simply opened would be: what was private stays it.
   const mode_t mask = umask(0);
   umask(mask);
-  if (fchmod(_fd, 0666 & ~mask) != 0) {
+  struct stat before {};
+  const bool is_replaced = stat(_path.c_str(), &before) == 0;
+  if (fchmod(_fd, is_replaced ? before.st_mode & 0777 : 0666 & ~mask) != 0) {
     close(_fd);
     unlink(_temporary.c_str());
     Throw();
@@ -68,6 +70,8 @@ void NewFile::Write(std::span<const char> bytes) {
 }
 
 const std::string& NewFile::Close() {
+  // Without it a power cut after the rename may leave a name that stands for nothing.
+  if (_fd >= 0 && fsync(_fd) != 0) Throw();
   if (_fd >= 0 && close(std::exchange(_fd, -1)) != 0) Throw();
   return _temporary;
 }

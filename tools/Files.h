@@ -14,7 +14,8 @@ namespace tools {
 DataVec ReadFile(const std::filesystem::path& path);
 
 /// A file that gets its name only when it is complete: until then, and for good where Keep is never
-/// called, whatever bore the name stays as it was. All operations throw std::runtime_error.
+/// called, whatever bore the name stays as it was. It has the mode of what it replaces. All
+/// operations throw std::runtime_error.
 class NewFile {
  public:
   /// Makes a file beside `path` that ends in the same extension.
@@ -24,7 +25,8 @@ class NewFile {
   ~NewFile();
 
   void Write(std::span<const char> bytes);
-  /// Ends the writing, so that the file can be read under the name that it has for now.
+  /// Ends the writing, with all bytes on the disk, so that the file can be read under the name that
+  /// it has for now.
   const std::string& Close();
   /// Gives the file its name.
   void Keep();
