@@ -616,6 +616,41 @@ TEST_F(VerifyTest, OneBadDeviceDoesNotHideTheOthers) {
   EXPECT_THAT(missing.reason, testing::StartsWith("Device not accessible by server "));
 }
 
+TEST_F(VerifyTest, MemoryOutsideTheImageThatCannotBeReadForASaveLeavesTheVerdict) {
+  const std::string file = File("DEVICE_TYPE RV61100\nDEVMAP 2000 50\nDEVMAP 2000 51\n" +
+                                Section("A", 0, DataVec(16, 0x44), "50"));
+  sim::Fault stuck;
+  stuck.kind = sim::Fault::DEVICE_ERROR;
+  stuck.text = "bus stuck";
+  sim::Fault on_fire;
+  on_fire.text = "ERROR:bus is on fire";
+  sim::Fault gone;
+  gone.kind = sim::Fault::CLOSE_BEFORE;
+  for (const auto& [fault, reason] :
+       {std::pair(stuck, "bus stuck"), {on_fire, "bus is on fire"}, {gone, "Failed remote read"}}) {
+    for (const u_int8_t byte : DataVec{0x44, 0x45}) {
+      SCOPED_TRACE(Text(reason, " ", u_int32_t{byte}));
+      _fabric = sim::Fabric();
+      _fabric.Add(I2cDevice(0x10, 2));  // 0x2000 bytes each
+      _fabric.Find(0x10)->chips.at(0x50).Load(0, DataVec(16, byte));
+      sim::Fault later = fault;
+      later.command = "Read";
+      later.nth = 3;  // what is compared, the first chip, the second
+      _fabric.faults.Add(later);
+      const std::string folder = _folder / Text("saved-", reason, u_int32_t{byte});
+      std::filesystem::create_directory(folder);
+      const DeviceFinding finding = Verify(file, 0x10, SlotChoice::AUTO, folder);
+      EXPECT_EQ(finding.state, byte == 0x44 ? DeviceFinding::IDENTICAL : DeviceFinding::DIFFERENT);
+      EXPECT_EQ(finding.compared, 16u);
+      EXPECT_EQ(finding.reason, "");
+      EXPECT_THAT(finding.failure, testing::StartsWith(Text(
+                                       "can't save the memory of 0x0000000000000010: ", reason)));
+      EXPECT_TRUE(std::filesystem::exists(folder + "/0x0000000000000010.50.i2c"));
+      EXPECT_FALSE(std::filesystem::exists(folder + "/0x0000000000000010.51.i2c"));
+    }
+  }
+}
+
 TEST_F(VerifyTest, ServerThatCannotBeUsedIsNoDevicesFault) {
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
   tools::Verifier verifier(file, "IB:127.0.0.1:1", SlotChoice::AUTO, {});
@@ -701,6 +736,37 @@ TEST_F(VerifyProgramTest, ServerThatFailsInBetweenHidesNoResult) {
   EXPECT_EQ(result["devices"][2]["state"], "identical");
   EXPECT_THAT(result["failure"], testing::StartsWith("Failed remote read"));
   EXPECT_EQ(run.errors, "fwpush-verify: " + result["failure"].get<std::string>() + "\n");
+}
+
+TEST_F(VerifyProgramTest, MemoryThatCannotBeSavedCostsTheStatusAndNoVerdict) {
+  const std::string file = File("DEVICE_TYPE RV61100\nDEVMAP 2000 50\nDEVMAP 2000 51\n" +
+                                Section("A", 0, DataVec(16, 0x44), "50"));
+  for (const Guid guid : GuidSet{0x10, 0x20}) {
+    _fabric.Add(I2cDevice(guid, 2));
+    _fabric.Find(guid)->chips.at(0x50).Load(0, DataVec(16, 0x44));
+  }
+  sim::Fault fault;
+  fault.kind = sim::Fault::DEVICE_ERROR;
+  fault.command = "Read";
+  fault.device = 0x10;
+  fault.text = "bus stuck";
+  fault.nth = 2;
+  _fabric.faults.Add(fault);
+  sim::ServerThread server(_fabric);
+  const Outcome run = Run(
+      file, {"-s", server.ServerString(), "-g", "10,20", "--json", "--save", _folder / "saved"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.errors, "fwpush-verify: can't save the memory of 0x0000000000000010: bus stuck\n");
+  const nlohmann::json result = nlohmann::json::parse(run.output);
+  EXPECT_EQ(result["failure"], "can't save the memory of 0x0000000000000010: bus stuck");
+  ASSERT_EQ(result["devices"].size(), 2u);
+  for (const auto& device : result["devices"]) {
+    EXPECT_EQ(device["state"], "identical");
+    EXPECT_EQ(device["reason"], "");
+    EXPECT_EQ(device["compared_bytes"], 16);
+  }
+  EXPECT_FALSE(std::filesystem::exists(_folder / "saved/0x0000000000000010.50.i2c"));
+  EXPECT_EQ(std::filesystem::file_size(_folder / "saved/0x0000000000000020.51.i2c"), 0x2000u);
 }
 
 TEST_F(VerifyProgramTest, ServerThatIsGoneIsGivenUp) {

@@ -30,7 +30,7 @@ struct Unreadable {
   std::string reason;
 };
 
-/// Why a device's memory cannot be kept.
+/// Why a device's memory cannot be kept. Says nothing of what was compared before.
 struct SaveFailure {
   std::string reason;
 };
@@ -200,8 +200,24 @@ class Device {
     }
   }
 
-  /// Writes all of the memory to files, a chip each.
+  /// Writes all of the memory to files, a chip each. Whatever fails throws SaveFailure: the bytes
+  /// that nobody compares are no part of the verdict.
   void Save(const std::filesystem::path& folder) {
+    const auto fail = [this](const std::string& reason) {
+      throw SaveFailure{"can't save the memory of " + sim::HexGuid(_guid) + ": " + reason};
+    };
+    try {
+      SaveChips(folder);
+    } catch (const Unreadable& failure) {
+      fail(failure.reason);
+    } catch (const BraidError& error) {
+      const std::string reason = _reader.Reason(_guid);
+      fail(reason.empty() ? error.Des() : reason);
+    }
+  }
+
+ private:
+  void SaveChips(const std::filesystem::path& folder) {
     const u_int64_t size = MemorySize();
     if (size > Verifier::MOST_SAVED) {
       throw SaveFailure{Text("the memory of ", sim::HexGuid(_guid), " has ", size,
@@ -219,7 +235,6 @@ class Device {
     }
   }
 
- private:
   Predictor Predict() {
     if (_is_flash && _reader.SectorSize() == 0) throw Unreadable{"the flash has no sector size"};
     return {_image, _reader.SectorSize(), [this](FieldType type) { return Field(type); }};

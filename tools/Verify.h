@@ -34,7 +34,7 @@ struct DeviceFinding {
   Guid guid = 0;  ///< as it was asked for
   State state = UNREADABLE;
   std::string reason;        ///< what there is to say beside the bytes; "" where nothing
-  std::string failure;       ///< what went wrong and is no fault of the device: the server, a file
+  std::string failure;       ///< what could not be done: the server fails, the memory is not saved
   bool knows_slots = false;  ///< whether its slots were looked at
   std::vector<u_int32_t> valid_slots;   ///< that the boot code takes for valid
   std::vector<u_int32_t> slots;         ///< that were compared; none: all sections
