@@ -970,6 +970,35 @@ TEST_F(FwimgExtractTest, TheLoadersErrorsAndWarningsKeepOffTheResult) {
   EXPECT_EQ(outcome.errors, "-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE 61100 ***\n");
 }
 
+TEST_F(FwimgExtractTest, TheImageIsNotOverwrittenByItsOwnSections) {
+  const std::string image = _folder / "two.img";
+  const DataVec before = Bytes("two.img");
+  const std::string link = _folder / "link.img";
+  fs::create_symlink("two.img", link);
+  fs::create_directory(_folder / "parts");
+  fs::create_symlink("../two.img", _folder / "parts/B.bin");
+  struct Case {
+    std::vector<std::string> words;
+    std::string refused;
+  };
+  for (const auto& [words, refused] :
+       {Case{{"extract", image, "--section", "A", "-o", image}, image},
+        Case{{"extract", image, "--section", "A", "-o", link}, link},
+        Case{{"extract", link, "--section", "A", "-o", image}, image},
+        Case{{"extract", image, "--section", "A", "-o", _folder / "parts/../two.img", "--json"},
+             _folder / "parts/../two.img"},
+        Case{{"extract", image, "--all", _folder / "parts"}, _folder / "parts/B.bin"}}) {
+    const Outcome outcome = Fwimg(words);
+    EXPECT_EQ(outcome.status, 64);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.errors, "fwimg: " + refused +
+                                  ": the image itself would be overwritten\n"
+                                  "Run with --help for more information.\n");
+    EXPECT_EQ(Bytes("two.img"), before);
+    EXPECT_FALSE(fs::exists(_folder / "parts/A.bin"));  // none is written where one must not be
+  }
+}
+
 TEST_F(FwimgExtractTest, NothingOfANameReachesTheTerminalAsItIs) {
   _folder.Write("esc.img", "START \x1b[2J 0 0\n1 1 1 1\nEND \x1b[2J\n");
   Outcome outcome = Fwimg({"extract", _folder / "esc.img", "--all", _folder / "esc"});

@@ -129,16 +129,28 @@ int Extract(const ExtractOptions& options) {
                       static_cast<std::streamsize>(data.size()));
       return ALL_WELL;
     }
-  } else {
-    fs::create_directories(options.all);
   }
 
-  ordered_json written = ordered_json::array();
+  std::vector<std::string> files;
   std::set<std::string> taken;
   for (const FwImage::Section* section : sections) {
-    const std::string file = options.section.empty()
-                                 ? (fs::path(options.all) / FileName(*section, taken)).string()
-                                 : options.output;
+    files.push_back(options.section.empty()
+                        ? (fs::path(options.all) / FileName(*section, taken)).string()
+                        : options.output);
+    std::error_code missing;
+    if (fs::equivalent(files.back(), options.image, missing)) {
+      std::cerr << "fwimg: " << Printable(files.back())
+                << ": the image itself would be overwritten\nRun with --help for more information."
+                << std::endl;
+      return USAGE;
+    }
+  }
+  if (options.section.empty()) fs::create_directories(options.all);
+
+  ordered_json written = ordered_json::array();
+  for (std::size_t i = 0; i < sections.size(); ++i) {
+    const FwImage::Section* section = sections[i];
+    const std::string& file = files[i];
     WriteFile(file, section->data);
     const EeLoc loc = sim::MapOf(image).Convert(section->addr);
     written.push_back({{"section", section->name},
