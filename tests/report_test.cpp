@@ -1038,6 +1038,21 @@ TEST_F(ReportTest, BurnThatCannotStartLeavesTheResultsOfBefore) {
   EXPECT_EQ(files, 3u);  // and nothing half done beside them
 }
 
+TEST_F(ReportTest, BurnThatCannotStartLeavesNoNewFiles) {
+  const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
+                                  _folder / "report.xml", "--log", _folder / "console"},
+                                 {_folder / "no-such-program"});
+  EXPECT_EQ(outcome.status, 2);
+  for (const auto& entry : std::filesystem::directory_iterator(_folder.Path())) {
+    EXPECT_EQ(entry.path(), _image);
+  }
+}
+
+TEST_F(ReportTest, LogOfABurnThatSaysNothingIsEmptyAndStays) {
+  EXPECT_EQ(Report({"--log", _folder / "console"}, {"/bin/false"}).status, 2);
+  EXPECT_EQ(ReadFile(_folder / "console"), "");
+}
+
 TEST_F(ReportTest, NewResultsReplaceThoseOfBeforeWhole) {
   Serve(1);
   const std::string before(100000, 'x');

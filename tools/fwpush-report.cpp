@@ -271,11 +271,19 @@ class ResultFile {
 };
 
 /// The console as it comes. Likewise opened before anything is burnt; what it held is lost with the
-/// first text of the burn.
+/// first text of the burn. Where there was none and nothing is burnt, none is left.
 class LogFile {
  public:
   explicit LogFile(const std::string& name) : _name(name) {
-    if (!name.empty()) _file = OpenForWriting(name, O_CREAT);
+    if (name.empty()) return;
+    _file = Descriptor(open(name.c_str(), O_WRONLY | O_CLOEXEC | O_CREAT | O_EXCL, 0666));
+    _is_ours = _file.IsOpen();
+    if (!_is_ours) _file = OpenForWriting(name, O_CREAT);
+  }
+  LogFile(const LogFile&) = delete;
+  LogFile& operator=(const LogFile&) = delete;
+  ~LogFile() {
+    if (_is_ours && !_is_begun) unlink(_name.c_str());
   }
 
   void Write(std::string_view text) {
@@ -290,15 +298,18 @@ class LogFile {
       _file.Close();
     }
   }
-  /// Throws where something is missing in it.
-  void Finish() const {
+  /// For the end of the burn, of one that said nothing, too. Throws where something is missing in
+  /// the file.
+  void Finish() {
+    _is_begun = true;
     if (!_trouble.empty()) throw std::runtime_error(_trouble);
   }
 
  private:
   std::string _name;
   Descriptor _file;
-  bool _is_begun = false;
+  bool _is_ours = false;   ///< there was none before
+  bool _is_begun = false;  ///< it is the log of a burn
   std::string _trouble;
 };
 
