@@ -68,7 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   fuzz::Run([&] {  // an image of too many parts is left alone
     const tools::ImageView view(file);
     is_refused = std::ranges::any_of(tools::Check(view, 0x10000), [](const auto& problem) {
-      return problem.kind->id == "refused";
+      return problem.kind->word == "refused";
     });
   });
   if (is_refused) {

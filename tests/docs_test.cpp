@@ -185,7 +185,7 @@ class ImageFormatDocumentTest : public ConsoleTest {
     const tools::ImageView view(_folder.Write("fw.img", text));
     std::set<std::string> kinds;
     for (const tools::Problem& problem : tools::Check(view, SECTOR_SIZE)) {
-      kinds.emplace(problem.kind->id);
+      kinds.emplace(problem.kind->word);
     }
     return kinds;
   }
@@ -231,7 +231,7 @@ TEST_F(ImageFormatDocumentTest, TheCheckFindsInAnExampleWhatTheTextBeforeItNames
 
 TEST_F(ImageFormatDocumentTest, EveryKindOfFindingInTheTableExists) {
   std::set<std::string> known;
-  for (const tools::ProblemKind& kind : tools::ProblemKinds()) known.emplace(kind.id);
+  for (const tools::ProblemKind& kind : tools::ProblemKinds()) known.emplace(kind.word);
   for (const Row& row : _document.Table("in the file")) {
     ASSERT_EQ(row.size(), 3u);
     for (const std::string& kind : Quoted(row[2])) EXPECT_TRUE(known.contains(kind)) << kind;

@@ -17,13 +17,13 @@ class FwimgBurnsTest : public ConsoleTest {
   std::set<std::string> Errors(const std::string& text) {
     std::set<std::string> kinds;
     for (const auto& problem : Problems(text)) {
-      if (problem.kind->severity == tools::Severity::ERROR) kinds.emplace(problem.kind->id);
+      if (problem.kind->severity == tools::Severity::ERROR) kinds.emplace(problem.kind->word);
     }
     return kinds;
   }
   bool Finds(const std::string& text, const std::string& kind) {
     return std::ranges::any_of(Problems(text),
-                               [&](const auto& problem) { return problem.kind->id == kind; });
+                               [&](const auto& problem) { return problem.kind->word == kind; });
   }
 
   /// Burns the image into the device; returns what ended the burn, or why the device failed.

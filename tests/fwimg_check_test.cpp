@@ -318,7 +318,7 @@ const std::vector<Case>& Cases() {
 std::string Describe(const std::vector<tools::Problem>& problems) {
   std::string text;
   for (const auto& problem : problems) {
-    text += Text(problem.line, ": ", problem.text, " [", problem.kind->id, "]\n");
+    text += Text(problem.line, ": ", problem.text, " [", problem.kind->word, "]\n");
   }
   return text;
 }
@@ -344,7 +344,7 @@ TEST_P(FwimgCheckCaseTest, JustThisIsFound) {
   const Case& example = Cases()[GetParam()];
   const auto problems = Check(example.text, example.flash_size);
   Found found;
-  for (const auto& problem : problems) found.emplace(problem.line, problem.kind->id);
+  for (const auto& problem : problems) found.emplace(problem.line, problem.kind->word);
   EXPECT_EQ(found, example.found) << Describe(problems);
 }
 
@@ -357,7 +357,7 @@ TEST_F(FwimgCheckTest, EveryKindOfProblemHasAnImage) {
     for (const auto& [line, kind] : example.found) covered.insert(kind);
   }
   std::set<std::string> all;
-  for (const auto& kind : tools::ProblemKinds()) all.emplace(kind.id);
+  for (const auto& kind : tools::ProblemKinds()) all.emplace(kind.word);
   EXPECT_EQ(covered, all);
 }
 
@@ -394,8 +394,8 @@ TEST_F(FwimgCheckTest, AllProblemsAreToldAtOnceInTheLoadersOwnWords) {
 TEST_F(FwimgCheckTest, ContentsAreCheckedThoughTheLoaderRefusesAnotherLine) {
   const auto problems = Check(EepromText(DataVec(0x40)) + "PS 2 0 0\n");
   EXPECT_EQ(problems.size(), 2u) << Describe(problems);
-  EXPECT_EQ(problems.front().kind->id, "record-sum");
-  EXPECT_EQ(problems.back().kind->id, "refused");
+  EXPECT_EQ(problems.front().kind->word, "record-sum");
+  EXPECT_EQ(problems.back().kind->word, "refused");
 }
 
 TEST_F(FwimgCheckTest, ASectionThatCannotBePlacedHidesNoOther) {
@@ -404,7 +404,7 @@ TEST_F(FwimgCheckTest, ASectionThatCannotBePlacedHidesNoOther) {
       "0 1 2\nEND B\n" +
       Section("A", 0, DataVec(0x40), "50"));
   Found found;
-  for (const auto& problem : problems) found.emplace(problem.line, problem.kind->id);
+  for (const auto& problem : problems) found.emplace(problem.line, problem.kind->word);
   EXPECT_EQ(found, (Found{{5, "refused"}, {6, "refused"}, {8, "record-sum"}}))
       << Describe(problems);
 }
@@ -417,7 +417,7 @@ TEST_F(FwimgCheckTest, TheFirstRefusalIsTheOneThatFwpushGives) {
     OutputOf([&] { refusal = ErrorOf([&] { FwImage().Open(path.c_str(), READ); }); });
     std::string first = "(no error)";
     for (const auto& problem : Check(example.text)) {
-      if (problem.kind->id != "refused") continue;
+      if (problem.kind->word != "refused") continue;
       first = problem.text.starts_with("Can't convert")
                   ? problem.text
                   : Text(path, ":", problem.line, ": ", problem.text);
@@ -435,8 +435,8 @@ TEST_F(FwimgCheckTest, OfAKindThatFillsTheFileAPartIsToldAndTheLinesAreCounted) 
   std::map<std::string, std::size_t> told;
   std::map<std::string, std::string> summary;
   for (const auto& problem : problems) {
-    ++told[std::string(problem.kind->id)];
-    if (problem.line == 0) summary[std::string(problem.kind->id)] = problem.text;
+    ++told[std::string(problem.kind->word)];
+    if (problem.line == 0) summary[std::string(problem.kind->word)] = problem.text;
   }
   EXPECT_EQ(told["field-twice"], 101u);
   EXPECT_EQ(summary["field-twice"], "more of this kind, on 2999 lines in all");
@@ -457,13 +457,13 @@ TEST_F(FwimgCheckTest, SectionsThatCannotBePlacedAreNoDuplicatesHoweverMany) {
   for (int i = 0; i < 150; ++i) text += "START B 0 51\nEND B\n";
   const auto problems = Check(text);
   EXPECT_EQ(problems.size(), 101u);
-  for (const auto& problem : problems) EXPECT_EQ(problem.kind->id, "refused") << problem.text;
+  for (const auto& problem : problems) EXPECT_EQ(problem.kind->word, "refused") << problem.text;
 }
 
 TEST_F(FwimgCheckTest, WhatWouldHappenGoesByTheDeviceType) {
   const auto burn_of = [&](const std::string& text) {
     for (const auto& problem : Check(text)) {
-      if (problem.kind->id == "no-sections") return std::string(problem.burn);
+      if (problem.kind->word == "no-sections") return std::string(problem.burn);
     }
     return std::string("(not found)");
   };
@@ -478,7 +478,7 @@ TEST_F(FwimgCheckTest, ALateMapIsToldAsItIs) {
   const auto problems = Check(Section("A", 0, DataVec(4)) + "DEVMAP 2000 50\nREPLACE GUID 0 50\n");
   ASSERT_FALSE(problems.empty());
   const auto found = std::ranges::find_if(
-      problems, [](const auto& problem) { return problem.kind->id == "devmap-late"; });
+      problems, [](const auto& problem) { return problem.kind->word == "devmap-late"; });
   ASSERT_NE(found, problems.end());
   EXPECT_EQ(found->text,
             "the location stands before the first DEVMAP, so that it means 0x0; no DEVMAP has its "
@@ -653,7 +653,7 @@ TEST_F(FwimgCheckTest, GarbageIsToldOfAndNeverFollowed) {
     OutputOf([&] { refusal = ErrorOf([&] { FwImage().Open(path.c_str(), READ); }); });
     const auto problems = Check(text);
     const bool is_refused = std::ranges::any_of(
-        problems, [](const auto& problem) { return problem.kind->id == "refused"; });
+        problems, [](const auto& problem) { return problem.kind->word == "refused"; });
     EXPECT_EQ(is_refused, refusal != "(no error)") << refusal << "\n" << Describe(problems);
   }
 }

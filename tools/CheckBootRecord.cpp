@@ -1,7 +1,7 @@
 #include <numeric>
 
 #include "BurnAlgorithm.h"
-#include "ImageChecks.h"
+#include "CheckedImage.h"
 #include "LocalRom.h"
 
 namespace tools {

@@ -1,5 +1,5 @@
 #include "BraidGeneral.h"
-#include "ImageChecks.h"
+#include "CheckedImage.h"
 
 namespace tools {
 

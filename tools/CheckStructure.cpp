@@ -1,7 +1,7 @@
 #include <map>
 
 #include "BraidGeneral.h"
-#include "ImageChecks.h"
+#include "CheckedImage.h"
 
 namespace tools {
 

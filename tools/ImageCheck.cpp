@@ -1,6 +1,6 @@
 #include "ImageCheck.h"
 
-#include "ImageChecks.h"
+#include "CheckedImage.h"
 
 namespace tools {
 
@@ -80,7 +80,7 @@ std::vector<Problem> Check(const ImageView& view, u_int32_t sector_size,
   // What no line is to blame for: the file's name, say. It is what fwpush sees first.
   const std::string refusal = Printable(view.Refusal());
   const bool is_told = std::ranges::any_of(problems, [&](const Problem& problem) {
-    if (problem.kind->number != ProblemId::REFUSED) return false;
+    if (problem.kind->id != ProblemId::REFUSED) return false;
     return refusal == problem.text ||
            refusal == Text(Printable(view.Path()), ":", problem.line, ": ", problem.text);
   });

@@ -231,7 +231,7 @@ std::vector<std::string> Judge(const ImageView& view, const ImageText& text, con
   using Told = std::pair<u_int32_t, std::string>;
   std::array<std::set<Told>, 2> told;  // warnings, errors
   for (const Problem& problem : Check(view, layout.sector_size)) {
-    const std::string_view kind = problem.kind->id;
+    const std::string_view kind = problem.kind->word;
     if (layout.device_type.empty() && kind == "no-device-type") continue;
     const bool is_error = problem.kind->severity == Severity::ERROR;
     const u_int32_t line = text.LayoutLine(problem.line);

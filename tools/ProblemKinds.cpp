@@ -166,7 +166,7 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
 
 constexpr bool IsInOrder() {
   for (std::size_t i = 0; i < KINDS.size(); ++i) {
-    if (static_cast<std::size_t>(KINDS[i].number) != i) return false;
+    if (static_cast<std::size_t>(KINDS[i].id) != i) return false;
   }
   return KINDS.size() == static_cast<std::size_t>(ProblemId::COUNT);
 }
@@ -182,7 +182,7 @@ std::string_view ProblemKind::BurnOf(Family family) const {
 
 std::span<const ProblemKind> ProblemKinds() { return KINDS; }
 
-const ProblemKind& KindOf(ProblemId number) { return KINDS[static_cast<std::size_t>(number)]; }
+const ProblemKind& KindOf(ProblemId id) { return KINDS[static_cast<std::size_t>(id)]; }
 
 void LineFindings::Mark(OfKind& known, LineNumber line) {
   if (known.lines.size() <= line) known.lines.resize(std::size_t{line} + 1);

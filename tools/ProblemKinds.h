@@ -106,8 +106,8 @@ enum class ProblemId {
 
 /// A kind of problem.
 struct ProblemKind {
-  ProblemId number;
-  std::string_view id;  ///< what people and programs call it
+  ProblemId id;
+  std::string_view word;  ///< what people and programs call it
   Severity severity;
   std::string_view burn;           ///< what would happen at the burn
   std::string_view failsafe = {};  ///< the same for a device type with slots, where it differs
@@ -118,7 +118,7 @@ struct ProblemKind {
 
 /// All kinds there are.
 std::span<const ProblemKind> ProblemKinds();
-const ProblemKind& KindOf(ProblemId number);
+const ProblemKind& KindOf(ProblemId id);
 
 /// One odd thing about a line.
 struct LineFinding {

@@ -48,8 +48,8 @@ void Print(const Report& report) {
     if (problem.line != 0) std::cout << ":" << problem.line;
     std::cout << ": " << (in_colour ? is_error ? "\033[31m" : "\033[33m" : "")
               << Word(problem.kind->severity) << (in_colour ? "\033[0m" : "") << ": "
-              << problem.text << " [" << problem.kind->id << "]\n    at the burn: " << problem.burn
-              << "\n";
+              << problem.text << " [" << problem.kind->word
+              << "]\n    at the burn: " << problem.burn << "\n";
   }
   std::cout << Printable(report.file) << ": " << Plural(report.Count(Severity::ERROR), "error")
             << ", " << Plural(report.Count(Severity::WARNING), "warning") << "\n";
@@ -62,7 +62,7 @@ nlohmann::ordered_json Json(const std::vector<Report>& reports) {
     for (const Problem& problem : report.problems) {
       problems.push_back({{"line", problem.line},
                           {"severity", Word(problem.kind->severity)},
-                          {"kind", problem.kind->id},
+                          {"kind", problem.kind->word},
                           {"text", problem.text},
                           {"burn", problem.burn}});
     }
