@@ -1,5 +1,6 @@
-// Holds docs/image-format.md, docs/protocol.md and docs/architecture.md against the program: every
-// example is loaded or played, every table compared with what it tells of.
+// Holds docs/image-format.md, docs/image-check.md, docs/protocol.md and docs/architecture.md
+// against the program: every example is loaded or played, every table compared with what it tells
+// of.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -236,6 +237,21 @@ TEST_F(ImageFormatDocumentTest, EveryKindOfFindingInTheTableExists) {
     ASSERT_EQ(row.size(), 3u);
     for (const std::string& kind : Quoted(row[2])) EXPECT_TRUE(known.contains(kind)) << kind;
   }
+}
+
+TEST(ImageCheckDocumentTest, TheTablesHaveEveryKindOfProblemInOrderWithItsSeverity) {
+  std::vector<std::pair<std::string, std::string>> told;
+  for (const Row& row : Document("image-check.md").Table("kind")) {
+    ASSERT_EQ(row.size(), 4u) << row[0];
+    EXPECT_FALSE(row[2].empty() || row[3].empty()) << row[0];
+    told.emplace_back(Unquoted(row[0]), row[1]);
+  }
+  std::vector<std::pair<std::string, std::string>> known;
+  for (const tools::ProblemKind& kind : tools::ProblemKinds()) {
+    const bool is_error = kind.severity == tools::Severity::ERROR;
+    known.emplace_back(kind.word, is_error ? "error" : "warning");
+  }
+  EXPECT_EQ(told, known);
 }
 
 TEST_F(ImageFormatDocumentTest, ExamplesShowEveryDirective) {
@@ -708,7 +724,8 @@ TEST(ArchitectureDocumentTest, EveryLinkAndPathOfTheDocumentsLeadsSomewhere) {
   const std::filesystem::path root = std::filesystem::path(DOCUMENTS).parent_path();
   const std::regex link(R"(\]\(([^)#]*)#?([^)]*)\))");
   const std::regex path(R"((src|sim|tools|tests|bench|examples|script|docs)/[A-Za-z0-9_./-]*)");
-  for (const std::string name : {"architecture.md", "image-format.md", "protocol.md"}) {
+  for (const std::string name :
+       {"architecture.md", "image-check.md", "image-format.md", "protocol.md"}) {
     SCOPED_TRACE(name);
     const Document document(name);
     const std::string& prose = document.Prose();
