@@ -1,13 +1,38 @@
 /// Files as the tools read and write them: whole, or not at all.
 #pragma once
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "BraidGeneral.h"
 
 namespace tools {
+
+/// Owns a file descriptor; none where it is negative.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : _fd(fd) {}
+  Descriptor(Descriptor&& other) noexcept : _fd(std::exchange(other._fd, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(_fd, other._fd);
+    return *this;
+  }
+  ~Descriptor() { Close(); }
+
+  int Get() const { return _fd; }
+  bool IsOpen() const { return _fd >= 0; }
+  void Close() {
+    if (_fd >= 0) close(_fd);
+    _fd = -1;
+  }
+
+ private:
+  int _fd;
+};
 
 /// All bytes of a file. Throws std::runtime_error when it cannot be read whole, or is no regular
 /// file.

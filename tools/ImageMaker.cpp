@@ -308,11 +308,12 @@ void Layout::Throw(u_int32_t line, const std::string& text) const {
   throw LayoutError(At(line) + text);
 }
 
-std::string Layout::Where(u_int32_t addr) const {
-  const EeLoc loc = conv.Convert(addr);
+std::string Where(const EeLoc& loc) {
   return Text(std::hex, std::setfill('0'), std::setw(2), u_int32_t{loc.dev}, ":", std::setw(8),
               loc.offset);
 }
+
+std::string Layout::Where(u_int32_t addr) const { return tools::Where(conv.Convert(addr)); }
 
 void CheckLayout(const Layout& layout) { Checker(layout).Check(); }
 

@@ -22,6 +22,9 @@ class LayoutError : public std::runtime_error {
 /// Bytes of a flash sector where nothing else is said: as of `fwimg check`.
 constexpr u_int32_t USUAL_SECTOR_SIZE = 0x10000;
 
+/// A location in words: "50:00000040".
+std::string Where(const EeLoc& loc);
+
 /// What an image file is to say, at linear addresses. Lines are those of the layout, for messages;
 /// 0 where there is none.
 struct Layout {
@@ -70,7 +73,7 @@ struct Layout {
   std::string At(u_int32_t line) const;
   /// Throws a LayoutError for `line`.
   [[noreturn]] void Throw(u_int32_t line, const std::string& text) const;
-  /// An address in words: "50:00000040".
+  /// An address in words, as the function of this name.
   std::string Where(u_int32_t addr) const;
 };
 

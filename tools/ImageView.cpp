@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Files.h"
 #include "LocalRom.h"
 #include "main.h"
 #include "utils.h"
@@ -23,20 +24,6 @@ constexpr std::size_t LONGEST_LINE = 1023;
 constexpr u_int32_t TOLD_DATA_LINES = 8;
 /// They are compared with each other: more would take forever.
 constexpr u_int32_t MOST_PLACES = 10000;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : _fd(fd) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (_fd >= 0) close(_fd);
-  }
-  int Get() const { return _fd; }
-
- private:
-  int _fd;
-};
 
 std::string ReadFile(const std::string& path) {
   const auto fail = [&path] {

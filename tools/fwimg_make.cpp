@@ -24,11 +24,6 @@ void Print(const ordered_json& json) {
   std::cout << json.dump(2, ' ', false, ordered_json::error_handler_t::replace) << std::endl;
 }
 
-std::string Where(const EeLoc& loc) {
-  return Text(std::hex, std::setfill('0'), std::setw(2), u_int32_t{loc.dev}, ":", std::setw(8),
-              loc.offset);
-}
-
 struct MakeOptions {
   std::string layout;
   std::string output;

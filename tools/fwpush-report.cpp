@@ -24,7 +24,9 @@
 #include <utility>
 
 #include "BurnLog.h"
+#include "Fabric.h"
 #include "Files.h"
+#include "ImageView.h"
 #include "Tool.h"
 
 namespace {
@@ -51,28 +53,6 @@ struct Options {
 [[noreturn]] void ThrowSystemError(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
 }
-
-/// Owns a file descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : _fd(fd) {}
-  Descriptor(Descriptor&& other) noexcept : _fd(std::exchange(other._fd, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(_fd, other._fd);
-    return *this;
-  }
-  ~Descriptor() { Close(); }
-
-  int Get() const { return _fd; }
-  bool IsOpen() const { return _fd >= 0; }
-  void Close() {
-    if (_fd >= 0) close(_fd);
-    _fd = -1;
-  }
-
- private:
-  int _fd;
-};
 
 /// The two ends of a pipe or of a terminal: what is written to `in` comes out of `out`.
 struct Channel {
@@ -376,14 +356,10 @@ FateText TextOf(Fate fate) {
   return {"", "", ""};
 }
 
-std::string HexGuid(Guid guid) {
-  return Text("0x", std::hex, std::setw(16), std::setfill('0'), guid);
-}
-
 double Rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
 
-/// `text` without what would move a terminal's cursor or mean nothing in XML.
-std::string Printable(std::string text) {
+/// `text` without what means nothing in XML.
+std::string WithoutControls(std::string text) {
   for (char& c : text) {
     if (static_cast<unsigned char>(c) < ' ' || c == '\x7F') c = '?';
   }
@@ -411,7 +387,7 @@ std::string Json(const RunReport& run) {
   const BurnReport& burn = run.burn;
   nlohmann::json devices = nlohmann::json::array();
   for (const DeviceReport& device : burn.devices) {
-    devices.push_back({{"guid", HexGuid(device.guid)},
+    devices.push_back({{"guid", sim::HexGuid(device.guid)},
                        {"outcome", TextOf(device.fate).json},
                        {"reason", OrNull(device.text)},
                        {"may_have_changed", device.may_have_changed}});
@@ -453,7 +429,7 @@ std::string Json(const RunReport& run) {
 
 std::string XmlText(const std::string& text) {
   const std::string valid =
-      nlohmann::json::parse(Dump(Printable(text), -1)).get<std::string>();  // as UTF-8
+      nlohmann::json::parse(Dump(WithoutControls(text), -1)).get<std::string>();  // as UTF-8
   std::string xml;
   for (const char c : valid) {
     switch (c) {
@@ -498,7 +474,7 @@ std::string JUnit(const RunReport& run) {
     const bool is_missed = device.fate == Fate::NEVER_REACHED;
     failures += is_failed;
     errors += is_missed;
-    add(HexGuid(device.guid),
+    add(sim::HexGuid(device.guid),
         is_failed   ? "failure"
         : is_missed ? "error"
                     : nullptr,
@@ -532,8 +508,8 @@ void PrintSummary(const RunReport& run) {
   out << "\n";
   for (const DeviceReport& device : burn.devices) {
     const FateText text = TextOf(device.fate);
-    out << "  " << HexGuid(device.guid) << "  " << (has_colour ? text.colour : "") << text.human
-        << (has_colour ? "\033[0m" : "");
+    out << "  " << sim::HexGuid(device.guid) << "  " << (has_colour ? text.colour : "")
+        << text.human << (has_colour ? "\033[0m" : "");
     if (!device.text.empty()) out << ": " << Printable(device.text);
     if (device.fate == Fate::FAILED && !device.may_have_changed) {
       out << " (nothing was written)";
