@@ -9,11 +9,16 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace tools {
 
 namespace fs = std::filesystem;
+
+void ThrowSystemError(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
 
 DataVec ReadFile(const fs::path& path) {
   std::error_code error;

@@ -12,6 +12,9 @@
 
 namespace tools {
 
+/// Throws the system's last error, a std::system_error that says `what` failed.
+[[noreturn]] void ThrowSystemError(const std::string& what);
+
 /// Owns a file descriptor; none where it is negative.
 class Descriptor {
  public:
