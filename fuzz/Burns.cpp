@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <set>
 
+#include "Family.h"
 #include "LocalRom.h"
 #include "main.h"
 #include "utils.h"
@@ -76,18 +78,64 @@ class Tampered : public Local {
   std::size_t _number = 0;
 };
 
-template <typename Local>
-void BurnThrough(FwImage& image, const BurnOptions& options, sim::Fabric& fabric,
-                 const Tamper& tamper) {
-  Tampered<Local> rom(fabric, options.log2_chunk_align, tamper);
-  rom.SetAddressConvertor(image.GetAddressConvertor());
-  GuidSet devices;
-  for (const auto& [guid, device] : fabric.Devices()) devices.insert(guid);
-  rom.SetAccessDevices(devices);
-  rom.Open(rom.ServerString().c_str());
-  GetBurnAlgorithm(image.DevType(), &rom, options.is_failsafe, false, options.is_check_only)
-      ->Go(image);
+void Fill(sim::Fabric& fabric, FwImage& image, const BurnOptions& options) {
+  const bool is_flash = IsFlash(image.DevType());
+  fabric.facts.type = options.is_read_back ? "I2C" : "IB";
+  DataVec marker;
+  marker << VALID_SIGNATURE;
+  for (u_int32_t i = 0; i < (is_flash ? 1 : options.devices); ++i) {
+    sim::Device& device = fabric.Add(MakeDevice(0x1000 * (i + 1), is_flash));
+    for (const u_int32_t slot : {0u, 1u}) {
+      if ((options.states >> (2 * i + slot) & 1) != 0) MarkValid(device, image, slot);
+    }
+    if (options.has_invariant_marker) Load(device, image, INVARIANT_MARKER, marker);
+  }
 }
+
+Ending BurnThrough(RomInterface& rom, FwImage& image, const BurnOptions& options,
+                   const sim::Fabric& fabric) {
+  return Run([&] {
+    rom.SetAddressConvertor(image.GetAddressConvertor());
+    GuidSet devices;
+    for (const auto& [guid, device] : fabric.Devices()) devices.insert(guid);
+    rom.SetAccessDevices(devices);
+    rom.Open((fabric.facts.type + ":127.0.0.1:1").c_str());
+    GetBurnAlgorithm(image.DevType(), &rom, options.is_failsafe, false, options.is_check_only)
+        ->Go(image);
+  });
+}
+
+/// Addresses that a burn of every section where it stands may write: [from, to).
+std::vector<std::pair<u_int64_t, u_int64_t>> Burnt(const FwImage& image) {
+  std::vector<std::pair<u_int64_t, u_int64_t>> spans;
+  std::vector<u_int32_t> addrs;
+  image.GetSectionsAddr(addrs);
+  for (const u_int32_t addr : addrs) {
+    spans.emplace_back(addr, u_int64_t{addr} + image.GetSection(addr)->data.size());
+  }
+  // The place of a CRC may lie below what it covers.
+  for (const u_int32_t addr : addrs) {
+    const auto size = static_cast<u_int32_t>(image.GetSection(addr)->data.size());
+    Run([&] {
+      for (const auto& crc : image.GetCrcsInRange(addr, size)) {
+        spans.emplace_back(crc.crc_addr, u_int64_t{crc.crc_addr} + 4);
+      }
+    });
+  }
+  return spans;
+}
+
+/// Bytes that must have their size, and a part of the requests that ask for them.
+struct Sized {
+  const char* assertion;
+  const char* request;
+};
+constexpr auto SIZED = std::to_array<Sized>({
+    {"read_data.size() == 16", "vsI2cReadMulti "},
+    {"d1.size() == 4", "vsFlashReadMulti "},
+    {"rep_data.size() == fit->size", "crBSNGet "},
+    {"rep_data.size() == fit->size", "vsGetVsdMulti "},
+});
 
 }  // namespace
 
@@ -101,24 +149,41 @@ BurnOptions::BurnOptions(Input& input)
       has_invariant_marker(input.Below(4) != 3) {}
 
 Ending Burn(FwImage& image, const BurnOptions& options, sim::Fabric& fabric, const Tamper& tamper) {
-  const bool is_flash = IsFlash(image.DevType());
-  fabric.facts.type = options.is_read_back ? "I2C" : "IB";
-  DataVec marker;
-  marker << VALID_SIGNATURE;
-  for (u_int32_t i = 0; i < (is_flash ? 1 : options.devices); ++i) {
-    sim::Device& device = fabric.Add(MakeDevice(0x1000 * (i + 1), is_flash));
-    for (const u_int32_t slot : {0u, 1u}) {
-      if ((options.states >> (2 * i + slot) & 1) != 0) MarkValid(device, image, slot);
-    }
-    if (options.has_invariant_marker) Load(device, image, INVARIANT_MARKER, marker);
+  Fill(fabric, image, options);
+  if (IsFlash(image.DevType())) {
+    Tampered<sim::LocalFlash> rom(fabric, options.log2_chunk_align, tamper);
+    return BurnThrough(rom, image, options, fabric);
   }
-  return Run([&] {
-    if (is_flash) {
-      BurnThrough<sim::LocalFlash>(image, options, fabric, tamper);
-    } else {
-      BurnThrough<sim::LocalI2c>(image, options, fabric, tamper);
-    }
-  });
+  Tampered<sim::LocalI2c> rom(fabric, options.log2_chunk_align, tamper);
+  return BurnThrough(rom, image, options, fabric);
+}
+
+Ending BurnOverWire(FwImage& image, const BurnOptions& options, sim::Fabric& fabric) {
+  Fill(fabric, image, options);
+  const auto rom = GetRomInterface(image.DevType(), options.log2_chunk_align, false, false);
+  return BurnThrough(*rom, image, options, fabric);
+}
+
+void GuardWrites(sim::Fabric& fabric, const FwImage& image, const BurnOptions& options) {
+  const bool is_generic = !options.is_failsafe || image.DevType() == RV61100;
+  // A device that is mapped twice has several addresses for each byte.
+  std::set<u_int8_t> devices;
+  for (const EeLoc& dev : sim::MapOf(image)._devmap) devices.insert(dev.dev);
+  const bool is_mapped_once = devices.size() == sim::MapOf(image)._devmap.size();
+  const bool may_write = !options.is_check_only || is_generic || image.DevType() != RV61300;
+  fabric.observer = [&image, may_write, is_held = is_generic && is_mapped_once,
+                     spans = Burnt(image)](const sim::Operation& operation) {
+    Must(may_write, "a check changes nothing");
+    if (!is_held || operation.kind != sim::Operation::PROGRAM) return;
+    const EeLoc loc(operation.offset, operation.chip);
+    u_int32_t addr = 0;
+    const Ending found = Run([&] { addr = sim::MapOf(image).Convert(loc); });
+    Must(!found.error, "only what is mapped is written");
+    const u_int64_t end = u_int64_t{addr} + operation.size;
+    Must(std::ranges::any_of(
+             spans, [&](const auto& span) { return span.first <= addr && end <= span.second; }),
+         "only what the image holds is written");
+  };
 }
 
 void CheckEnding(const Ending& ending, const FwImage& image) {
@@ -126,6 +191,12 @@ void CheckEnding(const Ending& ending, const FwImage& image) {
   // What a CRC covers must be whole words: an image that says otherwise is a mistake of its maker.
   Must(*ending.assertion == "(data.size() % 4) == 0", "this assertion fails: " + *ending.assertion);
   Must(HasOddCrc(image), "a CRC that covers whole words ends no burn");
+}
+
+bool IsOfWrongSize(const Ending& ending, std::string_view request) {
+  return std::ranges::any_of(SIZED, [&](const Sized& sized) {
+    return ending.assertion == sized.assertion && request.starts_with(sized.request);
+  });
 }
 
 }  // namespace fuzz

@@ -34,8 +34,18 @@ using Tamper =
 /// does.
 Ending Burn(FwImage& image, const BurnOptions& options, sim::Fabric& fabric,
             const Tamper& tamper = {});
+/// The same through the program's own socket, whose other end the caller has.
+Ending BurnOverWire(FwImage& image, const BurnOptions& options, sim::Fabric& fabric);
+
+/// Ends the process where a burn writes what it may not, from now on. All but the fabric is
+/// borrowed by it.
+void GuardWrites(sim::Fabric& fabric, const FwImage& image, const BurnOptions& options);
 
 /// Ends the process where `ending` is none that a burn of this image may have.
 void CheckEnding(const Ending& ending, const FwImage& image);
+
+/// Whether an assertion failed that must fail where `request` is not answered with as many bytes as
+/// it asks for: what tells whether an image is valid, and what goes into a field, must be known.
+bool IsOfWrongSize(const Ending& ending, std::string_view request);
 
 }  // namespace fuzz

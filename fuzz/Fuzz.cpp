@@ -1,39 +1,21 @@
 #include "Fuzz.h"
 
-#include <netdb.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
 
-// Linked in the places of what they are named for, the first after AssertionFailed. Nobody is
-// connected to: a fuzzed name may be anybody's.
-extern "C" {
-[[noreturn]] void __wrap__Z15AssertionFailedPKcS0_jS0_(const char*, const char*, unsigned,
-                                                       const char*);
-int __wrap_connect(int, const sockaddr*, socklen_t);
-hostent* __wrap_gethostbyname(const char*);
-}
+// Linked in the place of AssertionFailed.
+extern "C" [[noreturn]] void __wrap__Z15AssertionFailedPKcS0_jS0_(const char*, const char*,
+                                                                  unsigned, const char*);
 
 void __wrap__Z15AssertionFailedPKcS0_jS0_(const char* expression, const char*, unsigned,
                                           const char*) {
   throw fuzz::AbnormalEnd{expression};
-}
-
-int __wrap_connect(int, const sockaddr*, socklen_t) {
-  errno = ECONNREFUSED;
-  return -1;
-}
-
-hostent* __wrap_gethostbyname(const char*) {
-  h_errno = HOST_NOT_FOUND;
-  return nullptr;
 }
 
 namespace fuzz {
