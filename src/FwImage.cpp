@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "utils.h"
 
@@ -96,12 +97,11 @@ class FwImage::LineReader {
     // Not to be kept waiting by a FIFO, which is refused right after.
     _fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (_fd < 0) ThrowCantOpen();
-    struct stat status {};
-    if (fstat(_fd, &status) == 0 && S_ISREG(status.st_mode)) {
-      _left = static_cast<u_int64_t>(status.st_size);
+    if (fstat(_fd, &_status) == 0 && S_ISREG(_status.st_mode)) {
+      _left = static_cast<u_int64_t>(_status.st_size);
     } else {
       close(_fd);
-      errno = S_ISDIR(status.st_mode) ? EISDIR : EOPNOTSUPP;  // a device may never end
+      errno = S_ISDIR(_status.st_mode) ? EISDIR : EOPNOTSUPP;  // a device may never end
       ThrowCantOpen();
     }
     _block.resize(BLOCK);
@@ -125,6 +125,17 @@ class FwImage::LineReader {
   /// Bytes of the file that are still to come, as far as its size tells.
   u_int64_t Left() const { return _left; }
 
+  /// Throws when the file has been written to since it was opened: what was read may be half of one
+  /// image and half of another.
+  void CheckUnchanged() const {
+    struct stat now {};
+    if (fstat(_fd, &now) != 0) ThrowCantOpen();
+    if (now.st_size != _status.st_size || now.st_mtim.tv_sec != _status.st_mtim.tv_sec ||
+        now.st_mtim.tv_nsec != _status.st_mtim.tv_nsec) {
+      ThrowCantOpen("It was changed while it was read");
+    }
+  }
+
  private:
   static constexpr std::size_t BLOCK = std::size_t{64} * 1024;
 
@@ -146,12 +157,13 @@ class FwImage::LineReader {
     _rest = std::string_view(_block.data(), size);
   }
 
-  [[noreturn]] void ThrowCantOpen() const {
-    ThrowError("Can't open file \"" + _path + "\" : " + strerror(errno));
+  [[noreturn]] void ThrowCantOpen(const char* reason = strerror(errno)) const {
+    ThrowError("Can't open file \"" + _path + "\" : " + reason);
   }
 
   std::string _path;
   int _fd;
+  struct stat _status {};  ///< when it was opened
   std::vector<char> _block;
   std::string_view _rest;  ///< of the block, not handed out yet
   u_int64_t _left = 0;
@@ -196,7 +208,11 @@ BraidResult FwImage::Open(const char* file_name, ReadWrite rw) {
   }
   if (rw == ::WRITE) ThrowError("FwImage::Open() : Open for write not yet implemented");
 
-  LoadImg(file_name);
+  try {
+    LoadImg(file_name);
+  } catch (const std::bad_alloc&) {
+    ThrowError("Can't open file \"" + _filename + "\" : " + strerror(ENOMEM));
+  }
   _is_open = true;
   return BRAID_OK;
 }
@@ -416,6 +432,7 @@ BraidResult FwImage::LoadImg(const char* file_name) {
       open_section = nullptr;
     }
   }
+  reader.CheckUnchanged();
   return BRAID_OK;
 }
 

@@ -1,4 +1,8 @@
+#include <sys/fsuid.h>
 #include <sys/stat.h>
+
+#include <atomic>
+#include <thread>
 
 #include "FwImage.h"
 #include "support.h"
@@ -94,6 +98,51 @@ TEST_F(FwImageLoadTest, FifoAndDeviceAreRefusedAtOnce) {
   FwImage image;
   EXPECT_EQ(ErrorOf([&] { image.Open(zero.c_str(), READ); }),
             "Can't open file \"" + zero + "\" : Operation not supported");
+}
+
+TEST_F(FwImageLoadTest, FileThatMayNotBeReadIsRefused) {
+  const std::string file = File("START A 0 0\n1 2 3 4\nEND A\n");
+  std::filesystem::permissions(file, std::filesystem::perms::none);
+  constexpr uid_t NOBODY = 65534;
+  const auto before = static_cast<uid_t>(setfsuid(NOBODY));  // root may read everything
+  const std::string error = ErrorOf([&] { _image.Open(file.c_str(), READ); });
+  setfsuid(before);
+  EXPECT_EQ(error, "Can't open file \"" + file + "\" : Permission denied");
+}
+
+TEST_F(FwImageLoadTest, ReadErrorGivesTheSystemsReason) {
+  const std::string file = _folder / "memory.img";
+  std::filesystem::create_symlink("/proc/self/mem", file);
+  EXPECT_EQ(ErrorOf([&] { _image.Open(file.c_str(), READ); }),
+            "Can't open file \"" + file + "\" : Input/output error");
+}
+
+TEST_F(FwImageLoadTest, FileThatChangesWhileItIsReadIsRefused) {
+  const std::string file = File("START A 0 0\n");
+  std::filesystem::resize_file(file, std::uintmax_t{4} << 20);
+  const std::string changed = "Can't open file \"" + file + "\" : It was changed while it was read";
+  // Written to again and again, by somebody who does not know of the reader.
+  std::atomic<bool> is_over = false;
+  std::thread writer([&] {
+    for (char c = '#'; !is_over; c = c == '#' ? '\n' : '#') {
+      std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+      stream.seekp(-1, std::ios::end);
+      stream << c;
+    }
+  });
+  std::string error;
+  for (int i = 0; i < 1000 && error != changed; ++i) {
+    FwImage image;
+    error = ErrorOf([&] { image.Open(file.c_str(), READ); });
+    // What is written follows a NUL, and is not seen.
+    EXPECT_TRUE(error == changed || error == "(no error)") << error;
+  }
+  is_over = true;
+  writer.join();
+  EXPECT_EQ(error, changed);
+
+  FwImage image;
+  EXPECT_EQ(ErrorOf([&] { image.Open(file.c_str(), READ); }), "(no error)");
 }
 
 TEST_F(FwImageLoadTest, AbsentNameStopsTheProgram) {
