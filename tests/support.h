@@ -16,6 +16,15 @@
 
 #include "BraidGeneral.h"
 
+/// Whether this build has AddressSanitizer, which takes memory and time of its own.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool IS_SANITIZED = true;
+#elif defined(__has_feature)
+inline constexpr bool IS_SANITIZED = __has_feature(address_sanitizer);
+#else
+inline constexpr bool IS_SANITIZED = false;
+#endif
+
 /// The description of the BraidError that `action` throws; "(no error)" when it throws none.
 inline std::string ErrorOf(const std::function<void()>& action) {
   try {
