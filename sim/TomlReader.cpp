@@ -1,5 +1,6 @@
 #include "TomlReader.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -9,8 +10,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+bool IsStrange(char c) { return static_cast<unsigned char>(c) >= 0x80; }
+
 /// The line, from 1, of the first byte beyond ASCII that stands neither in a text nor in a comment;
-/// 0 where there is none. The parser's own test of such characters goes astray.
+/// 0 where there is none, or where another mistake hides it.
 u_int32_t StrangeLine(std::string_view text) {
   u_int32_t line = 1;
   std::string_view quote;  // that ends the text in hand
@@ -38,11 +41,27 @@ u_int32_t StrangeLine(std::string_view text) {
       const bool is_long = rest.size() > 2 && rest[1] == c && rest[2] == c;
       quote = rest.substr(0, is_long ? 3 : 1);
       i += quote.size() - 1;
-    } else if (static_cast<unsigned char>(c) >= 0x80) {
+    } else if (IsStrange(c)) {
       return line;
     }
   }
   return 0;
+}
+
+/// Throws where the parser would meet a byte beyond ASCII outside of texts and comments, or behind
+/// another mistake: its own test of such characters goes astray.
+void CheckStrange(std::string_view text, const std::string& file) {
+  constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+  if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
+  if (std::ranges::none_of(text, IsStrange)) return;
+  const u_int32_t line = StrangeLine(text);
+  if (line != 0) {
+    throw TomlError(
+        Text(file, ":", line, ": characters beyond ASCII belong into texts and comments"));
+  }
+  std::string plain(text);
+  std::ranges::replace_if(plain, IsStrange, 'x');
+  static_cast<void>(toml::parse(plain, file));
 }
 
 }  // namespace
@@ -52,14 +71,7 @@ toml::table ParseToml(const fs::path& path) {
     std::ifstream file(path);
     if (!file || fs::is_directory(path)) throw TomlError("can't open " + path.string());
     const std::string text{std::istreambuf_iterator<char>(file), {}};
-    constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
-    const bool is_marked = text.starts_with(BYTE_ORDER_MARK);
-    const u_int32_t strange =
-        StrangeLine(std::string_view(text).substr(is_marked ? BYTE_ORDER_MARK.size() : 0));
-    if (strange != 0) {
-      throw TomlError(Text(path.string(), ":", strange,
-                           ": characters beyond ASCII belong into texts and comments"));
-    }
+    CheckStrange(text, path.string());
     return toml::parse(text, path.string());
   } catch (const toml::parse_error& error) {
     throw TomlError(Text(path.string(), ":", error.source().begin.line, ": ", error.description()));

@@ -355,6 +355,7 @@ class Interruptions {
   ~Interruptions() {
     const itimerval never{};
     setitimer(ITIMER_REAL, &never, nullptr);
+    signal(SIGALRM, SIG_IGN);  // one that is on its way must not meet what was before
     sigaction(SIGALRM, &_before, nullptr);
   }
 

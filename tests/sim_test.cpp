@@ -745,6 +745,8 @@ TEST_F(FabricFileTest, LettersBeyondAsciiAreRefusedOutsideTextsAndComments) {
   EXPECT_EQ(ErrorOfFile("a = '''" + eta + "'" + eta + "''' # " + eta + "\n" + eta), ":2" + refusal);
   EXPECT_EQ(ErrorOfFile("\xEF\xBB\xBF# " + eta + "\n" + Device(_eeprom + "vsd = '" + eta + "'")),
             "(no error)");
+  // Behind a mistake, nobody can tell what is a text.
+  EXPECT_TRUE(ErrorOfFile("a = 1\nb = +\"" + eta).starts_with(":2: "));
 }
 
 TEST_F(FabricFileTest, MissingFileIsNamed) {
