@@ -1,15 +1,21 @@
 // How bytes travel: where writes begin and end, how answers may be cut, and what signals, resets
 // and a system that refuses do to a connection.
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <map>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "BraidConn.h"
 #include "support.h"
@@ -17,8 +23,19 @@
 namespace {
 
 bool g_refuse_options = false;
+/// Why no name can be resolved; 0 where names can.
+int g_resolver_error = 0;
 
 }  // namespace
+
+// In the place of the system's function, too: what its own resolver says depends on the network.
+extern "C" hostent* gethostbyname(const char* name) {
+  static const auto resolve =
+      reinterpret_cast<hostent* (*)(const char*)>(dlsym(RTLD_NEXT, "gethostbyname"));
+  if (g_resolver_error == 0) return resolve(name);
+  h_errno = g_resolver_error;
+  return nullptr;
+}
 
 // Takes the place of the system's function, which never refuses this option to a new socket.
 extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
@@ -462,6 +479,20 @@ TEST_F(TcpTest, FailedConnectIsNot) {
   EXPECT_EQ(client.Port(), 0);
 }
 
+TEST_F(TcpTest, NameThatTheResolverFailsOnIsToldWithTheNearestReason) {
+  for (const auto& [reason, text] :
+       std::map<int, std::string>{{TRY_AGAIN, "Resource temporarily unavailable"},
+                                  {NO_RECOVERY, "Input/output error"},
+                                  {HOST_NOT_FOUND, "No such device or address"},
+                                  {NO_DATA, "No such device or address"}}) {
+    g_resolver_error = reason;
+    ClientSocket client;
+    EXPECT_EQ(ErrorOf([&] { client.Connect("somebody", _port); }),
+              "Failed getting IP address for server somebody: " + text);
+  }
+  g_resolver_error = 0;
+}
+
 TEST_F(TcpTest, NegativePortIsNoPort) {
   ClientSocket client;
   EXPECT_EQ(ErrorOf([&] { client.Connect("127.0.0.1", -1); }),
@@ -514,6 +545,36 @@ TEST_F(TcpTest, SignalsDoNotEndTheWaitForAClient) {
   }
   connecting.join();
   EXPECT_TRUE(accepted.IsOpen());
+}
+
+TEST_F(TcpTest, SignalsDoNotEndTheWaitForAServer) {
+  // A queue that is full makes a client wait until the system asks again, a second later.
+  ASSERT_EQ(listen(_server.Fd(), 0), 0);
+  ClientSocket first;
+  first.Connect("127.0.0.1", _port);
+  std::atomic<bool> is_over = false;
+  std::thread accepting = Undisturbed([&] {
+    std::this_thread::sleep_for(milliseconds(100));
+    std::vector<std::unique_ptr<Socket>> accepted;
+    _server.SetNonBlocking(true);
+    while (!is_over) {
+      accepted.push_back(std::make_unique<Socket>());
+      if (_server.Accept(*accepted.back()) != BRAID_OK) accepted.pop_back();
+      std::this_thread::sleep_for(milliseconds(5));
+    }
+  });
+  Opened<ClientSocket> client;
+  std::string error;
+  {
+    const Interruptions interruptions;
+    error = ErrorOf([&] { client.Connect("127.0.0.1", _port); });
+    EXPECT_GT(g_signals, 1);
+  }
+  EXPECT_EQ(error, "(no error)");
+  EXPECT_EQ(client.Port(), _port);
+  EXPECT_EQ(client.Puts("x"), BRAID_OK);
+  is_over = true;
+  accepting.join();
 }
 
 TEST_F(TcpTest, DescriptorZeroCountsAsAFailedAccept) {
