@@ -1,6 +1,6 @@
-// Holds docs/image-format.md, docs/image-check.md, docs/protocol.md and docs/architecture.md
-// against the program: every example is loaded or played, every table compared with what it tells
-// of.
+// Holds docs/image-format.md, docs/image-check.md, docs/protocol.md, docs/architecture.md and
+// docs/reliability.md against the program: every example is loaded or played, every table compared
+// with what it tells of.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -725,7 +725,7 @@ TEST(ArchitectureDocumentTest, EveryLinkAndPathOfTheDocumentsLeadsSomewhere) {
   const std::regex link(R"(\]\(([^)#]*)#?([^)]*)\))");
   const std::regex path(R"((src|sim|tools|tests|bench|examples|script|docs)/[A-Za-z0-9_./-]*)");
   for (const std::string name :
-       {"architecture.md", "image-check.md", "image-format.md", "protocol.md"}) {
+       {"architecture.md", "image-check.md", "image-format.md", "protocol.md", "reliability.md"}) {
     SCOPED_TRACE(name);
     const Document document(name);
     const std::string& prose = document.Prose();
@@ -756,6 +756,30 @@ TEST(ArchitectureDocumentTest, TheTableOfUnitsHasEveryUnit) {
   std::set<std::string> told;
   for (const Row& row : Document("architecture.md").Table("unit")) told.insert(Unquoted(row[0]));
   EXPECT_EQ(told, units);
+}
+
+TEST(ReliabilityDocumentTest, WhatWasTriedCanBeTriedAgain) {
+  const auto root = std::filesystem::path(DOCUMENTS).parent_path();
+  const std::vector<Row> rows = Document("reliability.md").Table("what");
+  ASSERT_FALSE(rows.empty());
+  for (const Row& row : rows) {
+    const std::string command = Unquoted(row.at(3));
+    const std::filesystem::path script = root / command.substr(0, command.find(' '));
+    EXPECT_EQ(access(script.c_str(), X_OK), 0) << command;
+  }
+}
+
+TEST(ReliabilityDocumentTest, EveryFuzzTargetHasItsRow) {
+  std::set<std::string> targets;
+  const auto folder = std::filesystem::path(DOCUMENTS).parent_path() / "fuzz" / "corpus";
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    targets.insert(entry.path().filename());
+  }
+  std::set<std::string> told;
+  for (const Row& row : Document("reliability.md").Table("target")) {
+    told.insert(Unquoted(row.at(0)));
+  }
+  EXPECT_EQ(told, targets);
 }
 
 }  // namespace
