@@ -93,11 +93,12 @@ pid_t Start(const std::vector<std::string>& words, const File& output, const Fil
 /// One client's connection.
 class Conversation {
  public:
-  Conversation(int fd, sim::Fabric& fabric, const Misdeed* misdeed, Outcome& outcome,
+  Conversation(int fd, sim::Fabric& fabric, Disturber& disturber, pid_t client, Outcome& outcome,
                steady_clock::time_point deadline)
       : _connection(fd),
         _fabric(fabric),
-        _misdeed(misdeed),
+        _disturber(disturber),
+        _client(client),
         _outcome(outcome),
         _deadline(deadline) {
     const int on = 1;
@@ -111,23 +112,15 @@ class Conversation {
     while (_connection.Get() >= 0 && TakeFrame(request)) {
       const std::size_t index = _outcome.requests.size();
       _outcome.requests.push_back(request);
-      const bool is_hit = _misdeed && _misdeed->at == index;
-      if (is_hit && _misdeed->fault == Fault::ELEMENT_ERROR) {
-        sim::Fault fault;
-        fault.kind = sim::Fault::DEVICE_ERROR;
-        fault.device = _misdeed->device;
-        _fabric.faults.Add(fault);
-      }
-      // An error of all is one of the request: nothing was done.
-      const bool is_refused = is_hit && (_misdeed->fault == Fault::ERROR_ANSWER ||
-                                         _misdeed->fault == Fault::TARGET_ERROR_ANSWER);
-      const std::string answer = is_refused ? "" : _fabric.Execute(request).text;
+      const bool is_executed = _disturber.Comes(index, request, _client);
+      const std::string answer = is_executed ? _fabric.Execute(request).text : "";
       _outcome.answers.push_back(answer);
-      if (is_hit) {
-        Misbehave();
+      if (const Misdeed* misdeed = _disturber.Answers(index, request, answer)) {
+        Misbehave(*misdeed);
       } else {
         Send(Frame(answer));
       }
+      _disturber.Answered(index, _client);
     }
   }
 
@@ -136,10 +129,10 @@ class Conversation {
     return "NEW_BUF\n" + answer + "\nEND_BUF\n";
   }
 
-  void Misbehave() {
-    const std::string& answer = _misdeed->answer;
+  void Misbehave(const Misdeed& misdeed) {
+    const std::string& answer = misdeed.answer;
     const std::string frame = Frame(answer);
-    switch (_misdeed->fault) {
+    switch (misdeed.fault) {
       case Fault::LONG_LINE:
         Send("NEW_BUF\n" + std::string(LONGEST_LINE + 1, 'A'));
         return;
@@ -165,11 +158,11 @@ class Conversation {
         return Send(lines);
       }
       case Fault::ONE_PIECE:
-        return SendPieces(1);
+        return SendPieces(answer, 1);
       case Fault::TWO_PIECES:
-        return SendPieces(2);
+        return SendPieces(answer, 2);
       case Fault::MANY_PIECES:
-        return SendPieces(answer.size());
+        return SendPieces(answer, answer.size());
       case Fault::TWICE:
         return Send(frame + frame);
       case Fault::SILENCE:
@@ -183,10 +176,9 @@ class Conversation {
 
   /// Sends the answer as a piece and `count` continuations, of about one size; the last is empty
   /// where there is nothing left for it.
-  void SendPieces(std::size_t count) {
+  void SendPieces(const std::string& answer, std::size_t count) {
     constexpr std::size_t MOST_PIECES = 64;
     count = std::clamp<std::size_t>(count, 1, MOST_PIECES);
-    const std::string& answer = _misdeed->answer;
     const std::size_t size = std::max<std::size_t>((answer.size() + count - 1) / count, 1);
     for (std::size_t i = 0; i <= count; ++i) {
       const std::string piece = i * size < answer.size() ? answer.substr(i * size, size) : "";
@@ -241,10 +233,39 @@ class Conversation {
 
   File _connection;
   sim::Fabric& _fabric;
-  const Misdeed* _misdeed;
+  Disturber& _disturber;
+  pid_t _client;
   Outcome& _outcome;
   steady_clock::time_point _deadline;
   std::string _received;
+};
+
+/// One misdeed, or none.
+class SingleMisdeed : public Disturber {
+ public:
+  SingleMisdeed(const Misdeed* misdeed, sim::Fabric& fabric) : _misdeed(misdeed), _fabric(fabric) {}
+
+  bool Comes(std::size_t index, const std::string&, pid_t) override {
+    if (!IsHit(index)) return true;
+    if (_misdeed->fault == Fault::ELEMENT_ERROR) {
+      sim::Fault fault;
+      fault.kind = sim::Fault::DEVICE_ERROR;
+      fault.device = _misdeed->device;
+      _fabric.faults.Add(fault);
+    }
+    // An error of all is one of the request: nothing was done.
+    return _misdeed->fault != Fault::ERROR_ANSWER && _misdeed->fault != Fault::TARGET_ERROR_ANSWER;
+  }
+  const Misdeed* Answers(std::size_t index, const std::string&, const std::string&) override {
+    return IsHit(index) ? _misdeed : nullptr;
+  }
+  void Answered(std::size_t, pid_t) override {}
+
+ private:
+  bool IsHit(std::size_t index) const { return _misdeed && _misdeed->at == index; }
+
+  const Misdeed* _misdeed;
+  sim::Fabric& _fabric;
 };
 
 }  // namespace
@@ -268,6 +289,12 @@ std::string Server::Name(const std::string& type) const { return Text(type, ":12
 
 Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
                     const Misdeed* misdeed, milliseconds limit) {
+  SingleMisdeed disturber(misdeed, fabric);
+  return Run(words, fabric, disturber, limit);
+}
+
+Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+                    Disturber& disturber, milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
   Outcome outcome;
   const File output(memfd_create("output", MFD_CLOEXEC));
@@ -278,7 +305,9 @@ Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
   if (process.Get() < 0) ThrowSystemError("pidfd_open");
   if (Ready(_listener, process.Get(), deadline)) {
     const int connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (connection >= 0) Conversation(connection, fabric, misdeed, outcome, deadline).Go();
+    if (connection >= 0) {
+      Conversation(connection, fabric, disturber, pid, outcome, deadline).Go();
+    }
   }
   outcome.in_time = Ready(process.Get(), -1, deadline);
   if (!outcome.in_time) kill(pid, SIGKILL);

@@ -1,6 +1,8 @@
 /// A bus server of one client that obeys a simulated fabric but for one answer.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -30,6 +32,21 @@ struct Outcome {
   std::vector<std::string> answers;  ///< that were right
 };
 
+/// Who disturbs a run, request by request.
+class Disturber {
+ public:
+  virtual ~Disturber() = default;
+  /// A request has come, and waits to be executed. May spoil the fabric or send the client a
+  /// signal; false: it is not executed at all.
+  virtual bool Comes(std::size_t index, const std::string& request, pid_t client) = 0;
+  /// What is to be sent instead of its right answer; null for that itself. It lives until the next
+  /// call.
+  virtual const Misdeed* Answers(std::size_t index, const std::string& request,
+                                 const std::string& answer) = 0;
+  /// The answer is on its way.
+  virtual void Answered(std::size_t index, pid_t client) = 0;
+};
+
 /// A listening socket on loopback, with a port of its own. Used by one thread.
 class Server {
  public:
@@ -44,6 +61,9 @@ class Server {
   /// Runs `words[0]` with the other words and serves it on `fabric` until it ends, `limit` at most;
   /// `misdeed` may be null.
   Outcome Run(const std::vector<std::string>& words, sim::Fabric& fabric, const Misdeed* misdeed,
+              std::chrono::milliseconds limit);
+  /// The same, with any number of misdeeds.
+  Outcome Run(const std::vector<std::string>& words, sim::Fabric& fabric, Disturber& disturber,
               std::chrono::milliseconds limit);
 
  private:

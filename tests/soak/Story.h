@@ -1,0 +1,37 @@
+/// A story is one image, one fabric and one command line, all made up from a seed.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Fabric.h"
+#include "Image.h"
+#include "Oracle.h"
+
+namespace soak {
+
+struct Story {
+  u_int64_t seed = 0;
+  std::string kind;  ///< a line of the table
+  Burn burn = Burn::GENERIC;
+  Image image;
+  std::string text;  ///< of the image file
+  sim::Fabric fabric;
+  std::string server_type;
+  u_int32_t log2_chunk = 5;  ///< -m
+  std::vector<std::string> switches;
+  GuidSet targets;                 ///< as the command line and the requests name them
+  bool check_only = false;         ///< -c
+  u_int32_t requests = 0;          ///< about so many, in a clean run
+  std::string refusal;             ///< what the end must tell; empty where the burn must go well
+  std::string row;                 ///< what of docs/fail-safety.md may cost this story a device
+  std::map<Guid, BootRule> rules;  ///< by node, of devices that boot at the start
+
+  bool IsFlash() const { return image.map.empty() && image.type.starts_with("RV52"); }
+  bool Verifies() const { return !IsFlash() && server_type == "I2C"; }
+};
+
+Story MakeStory(u_int64_t seed);
+
+}  // namespace soak
