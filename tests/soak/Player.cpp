@@ -178,10 +178,13 @@ class Stage {
     return _server.Run(words, _story.fabric, disturber, LIMIT);
   }
 
-  void Spoil(Guid node) {
-    sim::Device& device = *_story.fabric.Find(node);
+  /// One byte of one device, given or not.
+  void Spoil() {
+    Dice dice(_story.seed);
+    auto& devices = _story.fabric.Devices();
+    sim::Device& device = std::next(devices.begin(), dice.Below(devices.size()))->second;
     Memory memory = MemoryOf(device, _story.image);
-    memory.bytes[Dice(_story.seed).Below(memory.bytes.size())] ^= 0x10;
+    memory.bytes[dice.Below(memory.bytes.size())] ^= 0x10;
     Load(device, _story.image, memory);
   }
 
@@ -196,7 +199,7 @@ class Stage {
     Trouble none(_story, _story.fabric, {});
     const faults::Outcome outcome = Burn(none);
     _story.fabric.observer = nullptr;
-    if (spoils) Spoil(before.begin()->first);
+    if (spoils) Spoil();
     Show(outcome, {});
     if (!outcome.in_time) Fail("it does not end by itself");
     if (!outcome.complaint.empty()) Fail(outcome.complaint);
@@ -233,7 +236,7 @@ class Stage {
     fabric.observer = nullptr;
     fabric.faults = sim::FaultLayer();
     now.fired = trouble.Happened();
-    if (spoils) Spoil(now.targets.begin()->second.node);
+    if (spoils) Spoil();
     Show(now.outcome, now.fired);
     now.told = ToldIn(now.outcome.output);
     _account.requests += now.outcome.requests.size();
