@@ -65,6 +65,7 @@ u_int32_t Image::Mapping() const {
 std::vector<const Section*> Image::SlotSections() const {
   std::vector<const Section*> found;
   for (const Section& section : sections) {
+    if (section.addr == slot[1] && !found.empty()) break;
     if (section.addr == slot[0] || !found.empty()) found.push_back(&section);
   }
   return found;

@@ -66,7 +66,8 @@ struct Image {
 
   /// Bytes of the device map; 0 without one.
   u_int32_t Mapping() const;
-  /// The sections that a failsafe burn moves to a slot: from the one at slot 0 on.
+  /// The sections that a failsafe burn moves to a slot: from the one at slot 0 on, up to one at
+  /// slot 1.
   std::vector<const Section*> SlotSections() const;
   /// From slot 0 to behind the last of them.
   u_int32_t Extent() const;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <set>
 
 #include "Oracle.h"
 #include "utils.h"
@@ -34,7 +35,9 @@ class Maker {
                                   ? _dice.Below(_dice.OneOf<u_int32_t>({8, 64, 400}))
                                   : 0;
         if (!_ground.IsFlash()) {
-          addr += gap;
+          // The later one counts.
+          addr = may_have_gaps && addr > 20 && _dice.Chance(4) ? addr - 1 - _dice.Below(20)
+                                                               : addr + gap;
         } else if (const u_int32_t next = _ground.RoundUp(addr);
                    !shares_sectors || addr == next || addr + gap >= next || _dice.Chance(30)) {
           if (!may_have_gaps && addr != next) break;
@@ -117,6 +120,38 @@ class Maker {
   }
   void Reserve(const Range& range) { _taken.push_back(range); }
 
+  /// A section that a failsafe burn leaves alone, before the section `before` of the file.
+  void AddBystander(std::size_t before, u_int32_t from, u_int32_t to) {
+    if (from >= to) return;
+    u_int32_t addr = from + _dice.Below(to - from);
+    // With -n it is burnt, too.
+    if (_ground.IsFlash()) addr = _ground.RoundUp(addr);
+    const Section section{"BYSTANDER", addr, _dice.Bytes(Words(10, _dice))};
+    if (addr != _image.slot[1] && section.End() <= _ground.ImageEnd()) {
+      _image.sections.insert(_image.sections.begin() + static_cast<std::ptrdiff_t>(before),
+                             section);
+    }
+  }
+
+  /// Sections that overlap can cut a field of another one, and no two may start at one address.
+  bool IsLegal() const {
+    std::set<u_int32_t> addrs;
+    for (const Section& section : _image.sections) {
+      if (!addrs.insert(section.addr).second) return false;
+      const Range range{section.addr, section.Size()};
+      for (const Field& field : _image.fields) {
+        if (range.Holds(field.addr, 1) && !range.Holds(field.addr, field.Size())) return false;
+      }
+      for (const Crc& crc : _image.crcs) {
+        if (range.Holds(crc.from, 1) &&
+            (!range.Holds(crc.from, crc.size) || crc.place + 4 > section.End())) {
+          return false;
+        }
+      }
+    }
+    return true;
+  }
+
   bool may_have_gaps = true;
   Image& Made() { return _image; }
 
@@ -188,6 +223,7 @@ std::optional<Image> MakeGeneric(const Ground& ground, Dice& dice) {
   if (!maker.AddSections(dice.Between(1, 8), start, ground.size, Budget(ground))) return {};
   maker.AddFields(dice.Below(7), 0, 0, 0);
   maker.AddCrcs(dice.Below(6), 0, 0, 0, 0);
+  if (!maker.IsLegal()) return {};
   Image& image = maker.Made();
   if (!ground.IsFlash() && dice.Chance(25)) dice.Shuffle(image.sections);
   return image;
@@ -224,14 +260,15 @@ std::optional<Image> MakePointers(const Ground& ground, const Slots& slots,
     image.sections.push_back({Text("PS", i), image.ps[i], dice.Bytes(size)});
   }
   const std::size_t first = image.sections.size();
-  const u_int32_t start = 3 * ground.sector_size;
+  const u_int32_t start = (dice.Chance(85) ? 3 : dice.Between(4, 5)) * ground.sector_size;
   maker.may_have_gaps = dice.Chance(50);
-  if (!maker.AddSections(dice.Between(1, 4), start, ground.size, Budget(ground))) return {};
+  if (!maker.AddSections(dice.Between(1, 4), start, ground.ImageEnd(), Budget(ground))) return {};
   image.slot[0] = start;
   const u_int32_t behind = ground.RoundUp(start + image.Extent());
-  const u_int32_t sectors = (ground.size - behind) / ground.sector_size;
+  if (behind > ground.ImageEnd()) return {};
+  const u_int32_t sectors = (ground.ImageEnd() - behind) / ground.sector_size;
   image.slot[1] = behind + ground.sector_size * dice.Below(sectors / 2 + 1);
-  if (image.slot[1] + image.Extent() > ground.size) return {};
+  if (image.slot[1] + image.Extent() > ground.ImageEnd()) return {};
   const u_int32_t distance = image.slot[1] - image.slot[0];
 
   for (const u_int32_t i : {0u, 1u}) {
@@ -249,6 +286,8 @@ std::optional<Image> MakePointers(const Ground& ground, const Slots& slots,
   }
   maker.AddFields(dice.Below(6), first, 0, distance);
   maker.AddCrcs(dice.Below(5), first, 0, 0, distance);
+  if (!maker.IsLegal()) return {};
+  if (dice.Chance(8)) maker.AddBystander(invariant.size(), image.slot[1] + 1, ground.ImageEnd());
   return image;
 }
 
@@ -266,6 +305,9 @@ std::optional<Image> MakeRecords(const Ground& ground, const Slots& slots, Dice&
   const auto sum = std::accumulate(record.begin(), record.begin() + BOOT_RECORD - 1, u_int32_t{0});
   record[BOOT_RECORD - 1] = static_cast<u_int8_t>(0xAB - sum);
   for (const Section& section : image.sections) {
+    // What overlaps the record would spoil it.
+    const bool is_first = section.addr == image.slot[0];
+    if (!is_first && section.addr < image.slot[0] + BOOT_RECORD) return {};
     if (!maker.IsChunked(section.addr + distance, section.Size())) return {};
   }
   for (const u_int32_t slot : image.slot) {
@@ -275,6 +317,14 @@ std::optional<Image> MakeRecords(const Ground& ground, const Slots& slots, Dice&
   const u_int32_t behind = image.slot[0] + BOOT_RECORD;
   maker.AddFields(dice.Below(6), 0, behind, distance);
   maker.AddCrcs(dice.Below(5), 0, image.slot[0] + 4, behind, distance);
+  // Covered while the record is spoilt: wrong for the boot code, but told so.
+  if (dice.Chance(5) && image.sections.front().Size() > BOOT_RECORD + 4) {
+    maker.AddCrc({image.slot[0], 8, behind}, distance);
+  }
+  if (!maker.IsLegal()) return {};
+  if (dice.Chance(8)) maker.AddBystander(0, 0, image.slot[0]);
+  // From here on it is no part of the first slot.
+  if (dice.Chance(5)) image.sections.push_back({"SECOND", image.slot[1], dice.Bytes(8)});
   return image;
 }
 

@@ -12,8 +12,10 @@ struct Ground {
   u_int32_t log2_chunk = 5;
   u_int32_t sector_size = 0;  ///< 0 for EEPROMs
   u_int32_t size = 0;         ///< bytes
+  u_int32_t image_end = 0;    ///< where pointer sectors stand behind the images
   std::vector<Mapped> map;
   bool may_have_guids = true;  ///< devices have one or two ports
+  u_int32_t ImageEnd() const { return image_end == 0 ? size : image_end; }
   bool IsFlash() const { return sector_size != 0; }
   u_int32_t RoundUp(u_int32_t addr) const {
     return (addr + sector_size - 1) / sector_size * sector_size;

@@ -116,9 +116,14 @@ struct Change {
 /// One story in hand.
 class Stage {
  public:
-  Stage(faults::Server& server, const std::string& file, Story& story, std::ostream* out,
-        Account& account)
-      : _server(server), _file(file), _story(story), _out(out), _account(account) {}
+  Stage(faults::Server& server, const std::string& program, const std::string& file, Story& story,
+        std::ostream* out, Account& account)
+      : _server(server),
+        _program(program),
+        _file(file),
+        _story(story),
+        _out(out),
+        _account(account) {}
 
   void Play(bool spoils) {
     Dice dice(_story.seed + 0x50AC);
@@ -172,7 +177,7 @@ class Stage {
   }
 
   faults::Outcome Burn(faults::Disturber& disturber) {
-    std::vector<std::string> words = {FWPUSH_PROGRAM, "-f", _file};
+    std::vector<std::string> words = {_program, "-f", _file};
     words.insert(words.end(), _story.switches.begin(), _story.switches.end());
     words.insert(words.end(), {"-s", _server.Name(_story.server_type)});
     return _server.Run(words, _story.fabric, disturber, LIMIT);
@@ -535,6 +540,7 @@ class Stage {
         if (before.node == node && Seen(now, name, before).invariant_changed) return INVARIANT_ROW;
       }
     }
+    if (!_story.row.empty() && _story.row != INVARIANT_ROW) return _story.row;
     if (_story.burn != soak::Burn::RECORDS) return "";
     for (const u_int32_t slot : {0u, 1u}) {
       const bool is_broken = verdict.slots[slot] == BootRule::BROKEN;
@@ -608,6 +614,7 @@ class Stage {
   }
 
   faults::Server& _server;
+  std::string _program;
   std::string _file;
   Story& _story;
   std::ostream* _out;
@@ -643,7 +650,7 @@ Account Player::Play(u_int64_t seed) {
     Story story = MakeStory(seed);
     ++account.kinds[story.kind];
     const std::string file = _folder.Write(Text("story-", seed, ".img"), story.text);
-    Stage(_server, file, story, _out, account).Play(_spoils);
+    Stage(_server, _program, file, story, _out, account).Play(_spoils);
     std::filesystem::remove(file);
   } catch (const BraidError& error) {
     account.failure = error.Des();

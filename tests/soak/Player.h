@@ -32,15 +32,17 @@ struct Account {
 /// Plays one story after the other.
 class Player {
  public:
-  /// Files live in `folder`, which others may use. `out` is told all where it is given. With
-  /// `spoils` a device is changed behind the burner's back, which must be found out.
-  Player(const TemporaryFolder& folder, std::ostream* out, bool spoils)
-      : _folder(folder), _out(out), _spoils(spoils) {}
+  /// Files live in `folder`, which others may use. `program` is the burner. `out` is told all where
+  /// it is given. With `spoils` a device is changed behind the burner's back, which must be found
+  /// out.
+  Player(const TemporaryFolder& folder, const std::string& program, std::ostream* out, bool spoils)
+      : _folder(folder), _program(program), _out(out), _spoils(spoils) {}
 
   Account Play(u_int64_t seed);
 
  private:
   const TemporaryFolder& _folder;
+  std::string _program;
   std::ostream* _out;
   bool _spoils;
   faults::Server _server;

@@ -14,7 +14,7 @@ namespace {
 constexpr int TRIES = 400;
 
 /// What a slot holds when the story begins.
-enum class Held { BLANK, NOISE, INVALID, VALID };
+enum class Held { BLANK, NOISE, INVALID, SIGNED_WRONG, VALID };
 
 class Teller {
  public:
@@ -85,11 +85,15 @@ class Teller {
   }
 
   void TellPointers() {
-    _story.kind = "flash, failsafe";
     _story.burn = Burn::POINTERS;
     const bool changes_invariant = _dice.Chance(8);
     Held held[2] = {PickHeld(), PickHeld()};
     if (held[0] != Held::VALID && held[1] != Held::VALID) held[_dice.Below(2)] = Held::VALID;
+    const bool may_be_unsafe = _dice.Chance(6);
+    if (may_be_unsafe && _dice.Chance(30)) {
+      held[held[0] == Held::VALID ? 1 : 0] = Held::SIGNED_WRONG;
+      _story.row = "a signature over a wrong record";
+    }
     const std::string type = FlashType();
     std::vector<Section> old_invariant;
     struct Pair {
@@ -100,18 +104,41 @@ class Teller {
       _ground = MakeFlash(_dice, _dice.Between(8, 24));
       _ground.may_have_guids = _most_ports <= 2;
       Slots slots;
-      for (const u_int32_t i : {0u, 1u}) slots.ps[i] = (1 + i) * _ground.sector_size;
+      const bool is_behind = _dice.Chance(10);
+      const u_int32_t first = is_behind ? _ground.size / _ground.sector_size - 2 : 1;
+      if (is_behind) _ground.image_end = first * _ground.sector_size;
+      for (const u_int32_t i : {0u, 1u}) slots.ps[i] = (first + i) * _ground.sector_size;
       if (_dice.Chance(15)) std::swap(slots.ps[0], slots.ps[1]);
       const auto invariant = MakeInvariant(_ground, _dice);
       old_invariant = changes_invariant ? MakeInvariant(_ground, _dice) : invariant;
       auto before = MakePointers(_ground, slots, old_invariant, _dice);
       auto after = MakePointers(_ground, slots, invariant, _dice);
-      if (!before || !after || !AreSafe(*before, *after, held)) return {};
+      if (!before || !after) return {};
+      const std::string row = UnsafeRow(*before, *after, held);
+      if (!row.empty() && !may_be_unsafe) return {};
+      if (!row.empty()) _story.row = row;
       before->type = after->type = type;
+      // A second image of an odd size can only be moved.
+      if (_dice.Chance(20)) {
+        const auto ps = std::ranges::find(before->sections, slots.ps[1], &Section::addr);
+        ps->data[7] = static_cast<u_int8_t>(ps->data[7] - _dice.Below(ps->data[7] % 4 + 1));
+      }
       return Pair{std::move(*before), std::move(*after)};
     });
     _story.image = std::move(pair.after);
     if (changes_invariant) _story.row = "rewriting the invariant sector";
+    const bool is_valid[] = {held[0] == Held::VALID, held[1] == Held::VALID};
+    const bool is_moved = pair.before.slot[1] < _story.image.SlotBytes() + 3 * _ground.sector_size;
+    _story.kind = is_valid[0] && is_valid[1] ? "flash, failsafe, both valid"
+                  : is_valid[0]              ? "flash, failsafe, first valid"
+                  : is_moved                 ? "flash, failsafe, second moved"
+                                             : "flash, failsafe, second valid";
+    if (_dice.Chance(7)) {
+      _story.kind = "flash, two slots, -n";
+      _story.burn = Burn::GENERIC;
+      _story.switches.push_back("-n");
+      _story.row.clear();
+    }
     const GuidVec nodes = AddDevices(1, _dice.Below(3));
     for (const Guid guid : nodes) {
       sim::Device& device = *_story.fabric.Find(guid);
@@ -148,6 +175,7 @@ class Teller {
       return Pair{std::move(*before), std::move(*after)};
     });
     _story.image = std::move(pair.after);
+    if (_dice.Chance(4)) SpoilRecord();
     if (_dice.Chance(5)) {
       _story.switches.push_back("-c");
       _story.check_only = true;
@@ -169,6 +197,20 @@ class Teller {
     }
   }
 
+  /// An image that can never be valid.
+  void SpoilRecord() {
+    const u_int32_t first = _story.image.slot[0];
+    const auto section = std::ranges::find(_story.image.sections, first, &Section::addr);
+    if (_dice.Chance(50)) {
+      section->data[5] ^= 4;
+      _story.row = "an image whose record has a wrong sum";
+    } else {
+      section->data[9] = static_cast<u_int8_t>(section->data[9] + section->data[7] - 1);
+      section->data[7] = 1;
+      _story.row = "an image with 1 in byte 7 of its record";
+    }
+  }
+
   // ---- What devices hold
 
   Held PickHeld() {
@@ -176,15 +218,16 @@ class Teller {
   }
 
   void Hold(Memory& memory, const Oracle& old, const Image& image, u_int32_t slot, Held held) {
-    const bool has_pointers = _story.burn == Burn::POINTERS;
-    if (held == Held::VALID || held == Held::INVALID) old.BurnSlot(memory, slot);
+    const bool has_pointers = image.ps[0] != UNPLACED;
+    if (held != Held::BLANK && held != Held::NOISE) old.BurnSlot(memory, slot);
     const u_int32_t record = has_pointers ? image.ps[slot] : image.slot[slot];
     const u_int32_t size = has_pointers ? RECORD_SIZE : 16;
     if (held == Held::BLANK) std::fill_n(memory.bytes.begin() + record, size, u_int8_t{0xFF});
     if (held == Held::NOISE) {
       std::ranges::copy(_dice.Bytes(size), memory.bytes.begin() + record);
     }
-    if (held == Held::VALID) return;
+    if (held == Held::SIGNED_WRONG) memory.bytes[record + 20] ^= 2;
+    if (held == Held::VALID || held == Held::SIGNED_WRONG) return;
     if (has_pointers && (held == Held::INVALID || old.IsSigned(memory, slot))) {
       std::fill_n(memory.bytes.begin() + record + SIGNATURE_OFFSET, 4, u_int8_t{0});
     }
@@ -200,23 +243,30 @@ class Teller {
   }
 
   void Know(const sim::Device& device, const Image& old_image, const Memory& now) {
-    if (!_selected.contains(device.node_guid)) return;
+    if (!_selected.contains(device.node_guid) || _story.burn == Burn::GENERIC) return;
     BootRule rule(_story.burn);
     rule.Know(old_image, device, now, BootRule::OLD);
     rule.Know(_story.image, device, now, BootRule::NEW);
     _story.rules.emplace(device.node_guid, std::move(rule));
   }
 
-  /// Whether no burn of `after` over `before` meets what docs/fail-safety.md calls not failsafe.
-  bool AreSafe(const Image& before, const Image& after, const Held (&held)[2]) const {
-    const u_int32_t first = 3 * _ground.sector_size;
-    const u_int32_t old_end = _ground.RoundUp(first + before.Extent());
-    if (held[0] == Held::VALID && old_end > after.slot[1]) return false;
-    if (held[1] != Held::VALID) return true;
-    if (before.slot[1] >= first + after.SlotBytes()) {
-      return _ground.RoundUp(first + after.Extent()) <= before.slot[1];
+  /// What docs/fail-safety.md calls not failsafe in a burn of `after` over `before`; empty where
+  /// nothing is.
+  std::string UnsafeRow(const Image& before, const Image& after, const Held (&held)[2]) const {
+    const char* const reaches = "a first image that reaches into the second slot";
+    const u_int32_t to = 3 * _ground.sector_size;
+    const u_int32_t old_end = _ground.RoundUp(before.slot[0] + before.Extent());
+    if (held[0] == Held::VALID && old_end > after.slot[1]) return reaches;
+    if (held[1] != Held::VALID) return "";
+    if (before.slot[1] >= to + after.SlotBytes()) {
+      const u_int32_t new_end = _ground.RoundUp(after.slot[0] + after.Extent());
+      if (new_end <= before.slot[1]) return "";
+      const bool is_gap = after.Extent() != after.SlotBytes();
+      return is_gap ? "a new first image with gaps" : "a new first image behind the fourth sector";
     }
-    return old_end <= before.slot[1] && old_end <= after.slot[1];
+    const u_int32_t moved_end = _ground.RoundUp(to + before.Extent());
+    if (moved_end > before.slot[1]) return "moving an image onto itself";
+    return moved_end > after.slot[1] ? reaches : "";
   }
 
   std::string FlashType() {

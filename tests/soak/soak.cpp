@@ -62,6 +62,7 @@ int Main(int argc, char** argv) {
   u_int64_t repeated = 0;
   unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
   bool spoils = false;
+  std::string program = FWPUSH_PROGRAM;
   app.add_option("--minutes", minutes, "How long")->check(CLI::Range(0.0, 1440.0));
   app.add_option("--count", count, "How many stories, where it is not for how long");
   app.add_option("--seed", seed, "The first story (default: another one each time)");
@@ -69,13 +70,14 @@ int Main(int argc, char** argv) {
   app.add_option("--jobs", jobs, "Stories side by side")
       ->check(CLI::Range(1, 64))
       ->capture_default_str();
+  app.add_option("--fwpush", program, "The burner");
   app.add_flag("--spoil", spoils,
                "Change a device behind the burner's back: all stories must fail");
   CLI11_PARSE(app, argc, argv);
 
   const TemporaryFolder folder;
   if (one->count() > 0) {
-    const Account account = Player(folder, &std::cout, spoils).Play(repeated);
+    const Account account = Player(folder, program, &std::cout, spoils).Play(repeated);
     std::cout << (account.failure.empty() ? "as it must be" : "FAILED: " + account.failure)
               << std::endl;
     return account.failure.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -90,7 +92,7 @@ int Main(int argc, char** argv) {
   Account sum;
   u_int64_t failed = 0;
   const auto work = [&] {
-    Player player(folder, nullptr, spoils);
+    Player player(folder, program, nullptr, spoils);
     for (;;) {
       const u_int64_t i = next++;
       if (count > 0 ? i >= count : steady_clock::now() >= end) return;
