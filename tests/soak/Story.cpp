@@ -11,7 +11,7 @@ namespace soak {
 
 namespace {
 
-constexpr int TRIES = 400;
+constexpr int TRIES = 4000;
 
 /// What a slot holds when the story begins.
 enum class Held { BLANK, NOISE, INVALID, SIGNED_WRONG, VALID };
@@ -95,6 +95,9 @@ class Teller {
       _story.row = "a signature over a wrong record";
     }
     const std::string type = FlashType();
+    // Rare by chance.
+    const bool is_second = held[0] != Held::VALID && held[1] == Held::VALID;
+    int insists_on_move = is_second && _dice.Chance(35) ? TRIES / 4 : 0;
     std::vector<Section> old_invariant;
     struct Pair {
       Image before;
@@ -114,6 +117,8 @@ class Teller {
       auto before = MakePointers(_ground, slots, old_invariant, _dice);
       auto after = MakePointers(_ground, slots, invariant, _dice);
       if (!before || !after) return {};
+      const u_int32_t end = after->SlotBytes() + 3 * _ground.sector_size;
+      if (--insists_on_move > 0 && before->slot[1] >= end) return {};
       const std::string row = UnsafeRow(*before, *after, held);
       if (!row.empty() && !may_be_unsafe) return {};
       if (!row.empty()) _story.row = row;
@@ -126,7 +131,7 @@ class Teller {
       return Pair{std::move(*before), std::move(*after)};
     });
     _story.image = std::move(pair.after);
-    if (changes_invariant) _story.row = "rewriting the invariant sector";
+    if (changes_invariant && _story.row.empty()) _story.row = "rewriting the invariant sector";
     const bool is_valid[] = {held[0] == Held::VALID, held[1] == Held::VALID};
     const bool is_moved = pair.before.slot[1] < _story.image.SlotBytes() + 3 * _ground.sector_size;
     _story.kind = is_valid[0] && is_valid[1] ? "flash, failsafe, both valid"
