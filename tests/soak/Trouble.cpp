@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <limits>
 #include <thread>
 
 #include "utils.h"
@@ -14,6 +15,8 @@ using faults::Fault;
 using faults::Kind;
 
 namespace {
+
+constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
 
 struct ActRow {
   Act act;
@@ -41,6 +44,12 @@ bool IsLeftToTheMatrix(Fault fault) {
 bool IsWrite(const faults::Request& request) {
   return request.text.find("WriteMulti ") != std::string::npos;
 }
+/// A signature, a CRC, the head of a boot record: little else decides more.
+bool IsShortWrite(const faults::Request& request) {
+  const auto words = splitv(request.text, " ", false);
+  return IsWrite(request) && words.size() == request.devices.size() + 6 &&
+         words[words.size() - 3] == "4";
+}
 bool IsErase(const faults::Request& request) {
   return request.text.find("EraseSectorMulti ") != std::string::npos;
 }
@@ -62,6 +71,10 @@ std::vector<Hit> MakeHits(u_int32_t requests, Dice& dice) {
   std::vector<Hit> hits(dice.OneOf<std::size_t>({0, 1, 1, 1, 2, 3}));
   for (Hit& hit : hits) {
     hit.at = dice.Chance(15) ? dice.Below(6) : dice.Below(requests);
+    if (dice.Chance(25)) {
+      hit.at = NEVER;
+      hit.at_short = dice.Between(1, 16);
+    }
     u_int32_t weight = dice.Below(100);
     for (const ActRow& row : ACTS) {
       hit.act = row.act;
@@ -85,8 +98,14 @@ const Hit* Trouble::HitAt(std::size_t index) const {
 bool Trouble::Comes(std::size_t index, const std::string& request, pid_t client) {
   _index = index;
   _is_stopped = false;
-  const Hit* hit = HitAt(index);
   const faults::Request parsed = faults::Understand(request, "", _has_written);
+  if (IsShortWrite(parsed)) {
+    ++_short_writes;
+    for (Hit& hit : _hits) {
+      if (hit.at_short == _short_writes && HitAt(index) == nullptr) hit.at = index;
+    }
+  }
+  const Hit* hit = HitAt(index);
   _has_written = _has_written || IsWrite(parsed);
   if (hit == nullptr) return true;
   static constexpr struct {

@@ -28,7 +28,8 @@ enum class Act {
 
 /// One thing that goes wrong, at one request.
 struct Hit {
-  std::size_t at = 0;
+  std::size_t at = 0;      ///< from 0
+  u_int32_t at_short = 0;  ///< instead: at the n-th write of one word, from 1
   Act act = Act::ANSWER;
   faults::Fault fault = faults::Fault::BYTEWISE;  ///< of ANSWER
   u_int64_t seed = 0;                             ///< of the rest
@@ -78,6 +79,7 @@ class Trouble : public faults::Disturber {
   std::vector<Hit> _hits;
   std::vector<Fired> _fired;
   std::size_t _index = 0;
+  u_int32_t _short_writes = 0;
   bool _has_written = false;
   bool _is_stopped = false;
   faults::Misdeed _misdeed;
