@@ -268,6 +268,7 @@ std::optional<Image> MakePointers(const Ground& ground, const Slots& slots,
   if (behind > ground.ImageEnd()) return {};
   const u_int32_t sectors = (ground.ImageEnd() - behind) / ground.sector_size;
   image.slot[1] = behind + ground.sector_size * dice.Below(sectors / 2 + 1);
+  if (slots.may_overlap) image.slot[1] = start + ground.sector_size * dice.Between(1, 3);
   if (image.slot[1] + image.Extent() > ground.ImageEnd()) return {};
   const u_int32_t distance = image.slot[1] - image.slot[0];
 

@@ -30,6 +30,7 @@ Ground MakeEeproms(Dice& dice);
 struct Slots {
   u_int32_t ps[2] = {UNPLACED, UNPLACED};
   u_int32_t slot[2] = {UNPLACED, UNPLACED};
+  bool may_overlap = false;  ///< pointer sectors: the second slot may begin within the first
 };
 
 /// Each returns none where what was made up does not fit: try again.

@@ -487,8 +487,9 @@ class Stage {
       const bool is_left_alone =
           !before.refusal.empty() && _story.burn == soak::Burn::RECORDS && before.is_there;
       if ((!now.is_well || told.contains(name)) && !is_left_alone) continue;
-      const bool is_silent = std::ranges::any_of(
-          now.fired, [&](const Fired& fired) { return fired.is_silent && fired.device == name; });
+      const bool is_silent = std::ranges::any_of(now.fired, [given = name](const Fired& fired) {
+        return fired.is_silent && fired.device == given;
+      });
       if (is_silent) continue;
       if (!is_left_alone) ++_account.burnt;
       Memory expected = before.memory;

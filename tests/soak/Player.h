@@ -4,9 +4,9 @@
 #include <map>
 #include <string>
 
-#include "Server.h"
 #include "Story.h"
 #include "Trouble.h"
+#include "faults/Server.h"
 #include "support.h"
 
 namespace soak {

@@ -115,7 +115,10 @@ class Teller {
       if (_dice.Chance(15)) std::swap(slots.ps[0], slots.ps[1]);
       const auto invariant = MakeInvariant(_ground, _dice);
       old_invariant = changes_invariant ? MakeInvariant(_ground, _dice) : invariant;
+      // The first image of such a file would cost the second one; a device has either.
+      slots.may_overlap = may_be_unsafe && held[0] != Held::VALID && _dice.Chance(50);
       auto before = MakePointers(_ground, slots, old_invariant, _dice);
+      slots.may_overlap = false;
       auto after = MakePointers(_ground, slots, invariant, _dice);
       if (!before || !after) return {};
       const u_int32_t end = after->SlotBytes() + 3 * _ground.sector_size;

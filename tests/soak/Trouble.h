@@ -8,8 +8,8 @@
 
 #include "Dice.h"
 #include "Fabric.h"
-#include "Server.h"
 #include "Story.h"
+#include "faults/Server.h"
 
 namespace soak {
 
