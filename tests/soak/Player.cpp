@@ -527,6 +527,7 @@ class Stage {
         continue;
       }
       ++_account.rows[row];
+      _account.row_cases[row] = _story.seed;
       _excused.insert(node);
     }
   }
@@ -634,6 +635,7 @@ Account& Account::operator+=(const Account& other) {
     for (const auto& [end, count] : by_end) ends[hit][end] += count;
   }
   for (const auto& [row, count] : other.rows) rows[row] += count;
+  row_cases.insert(other.row_cases.begin(), other.row_cases.end());
   burnt += other.burnt;
   failed += other.failed;
   left_alone += other.left_alone;

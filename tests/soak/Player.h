@@ -17,7 +17,9 @@ struct Account {
   u_int32_t runs = 0;
   std::map<std::string, u_int32_t> kinds;
   std::map<std::string, std::map<std::string, u_int32_t>> ends;  ///< by what went wrong
-  std::map<std::string, u_int32_t> rows;  ///< of docs/fail-safety.md: devices that may not boot
+  /// Devices that may not boot, by row of docs/fail-safety.md, and a story of each.
+  std::map<std::string, u_int32_t> rows;
+  std::map<std::string, u_int64_t> row_cases;
   u_int32_t burnt = 0;
   u_int32_t failed = 0;
   u_int32_t left_alone = 0;

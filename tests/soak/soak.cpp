@@ -53,13 +53,13 @@ void PrintTable(const Account& account) {
 }
 
 /// What costs a device by design is told to users. Returns how many rows the page lacks.
-u_int64_t PrintRows(const std::map<std::string, u_int32_t>& rows) {
+u_int64_t PrintRows(const Account& account) {
   std::ifstream file(FAIL_SAFETY_DOCUMENT);
   const std::string text(std::istreambuf_iterator<char>(file), {});
   u_int64_t missing = 0;
-  for (const auto& [row, count] : rows) {
+  for (const auto& [row, count] : account.rows) {
     std::cout << "  " << count << " devices may not boot, as docs/fail-safety.md says: " << row
-              << "\n";
+              << " (--case " << account.row_cases.at(row) << ")\n";
     if (text.find("| " + row + " |") != std::string::npos) continue;
     ++missing;
     std::cout << "FAILED: docs/fail-safety.md says nothing of: " << row << "\n";
@@ -122,7 +122,7 @@ int Main(int argc, char** argv) {
   for (std::thread& worker : workers) worker.join();
 
   PrintTable(sum);
-  failed += PrintRows(sum.rows);
+  failed += PrintRows(sum);
   const std::chrono::duration<double> seconds = steady_clock::now() - start;
   std::cout << "soak: " << sum.stories << " stories, " << sum.runs << " runs, " << failed
             << " failed, " << std::fixed << std::setprecision(1) << seconds.count() << " s, "
