@@ -94,7 +94,9 @@ class Teller {
       held[held[0] == Held::VALID ? 1 : 0] = Held::SIGNED_WRONG;
       _story.row = "a signature over a wrong record";
     }
-    int insists_on_unsafe = may_be_unsafe && _story.row.empty() ? TRIES / 4 : 0;
+    // One reason a story.
+    const bool takes_unsafe = may_be_unsafe && _story.row.empty();
+    int insists_on_unsafe = takes_unsafe ? TRIES / 4 : 0;
     const std::string type = FlashType();
     // Rare by chance.
     const bool is_second = held[0] != Held::VALID && held[1] == Held::VALID;
@@ -124,7 +126,7 @@ class Teller {
       const u_int32_t end = after->SlotBytes() + 3 * _ground.sector_size;
       if (--insists_on_move > 0 && before->slot[1] >= end) return {};
       const std::string row = UnsafeRow(*before, *after, held);
-      if (!row.empty() && !may_be_unsafe) return {};
+      if (!row.empty() && !takes_unsafe) return {};
       if (--insists_on_unsafe > 0 && row.empty()) return {};
       if (!row.empty()) _story.row = row;
       before->type = after->type = type;
