@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -12,6 +13,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "utils.h"
 
@@ -92,6 +94,47 @@ bool FinishConnect(int sock) {
   socklen_t size = sizeof(failure);
   return Wait(sock, true, nullptr) > 0 &&
          getsockopt(sock, SOL_SOCKET, SO_ERROR, &failure, &size) == 0 && failure == 0;
+}
+
+/// TclSplit, for any function.
+template <typename Each>
+void SplitList(std::string_view text, const Each& each) {
+  std::size_t count = 0;  // of elements that have ended
+  std::size_t start = 0;  // of the element that is open
+  bool is_open = false;   // a braced element or a bare word
+  bool in_word = false;   // it is a bare word
+  u_int32_t depth = 0;    // a "}" too many wraps it: all that follows counts as braced
+  const auto end_at = [&](std::size_t end) {
+    each(text.substr(start, end - start));
+    ++count;
+    is_open = in_word = false;
+  };
+  const auto start_at = [&](std::size_t at, bool is_word) {
+    start = at;
+    is_open = true;
+    in_word = is_word;
+  };
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '{') {
+      if (in_word) {
+        ThrowError(Text("Response::TclSplit(): Can't parse '", text,
+                        "' : '{' without a preceder white space at char ", i, "."));
+      }
+      if (depth++ == 0) start_at(i + 1, false);
+    } else if (c == '}') {
+      if (--depth == 0) end_at(i);
+    } else if (depth == 0) {
+      const bool is_blank = std::isspace(static_cast<unsigned char>(c)) != 0;
+      if (in_word && is_blank) end_at(i);
+      if (!is_open && !is_blank) start_at(i, true);
+    }
+  }
+  if (in_word) end_at(text.size());
+  if (is_open) {
+    ThrowError(Text("Response::TclSplit(): Can't parse '", text, "' : Unbalanced starts (",
+                    count + 1, ") and ends (", count, ") ."));
+  }
 }
 
 }  // namespace
@@ -264,6 +307,29 @@ void Socket::Fill() const {
   _received = std::string_view(_buffer.data(), static_cast<std::size_t>(got));
 }
 
+bool Socket::HasCome(std::string_view line) const {
+  int waiting = 0;
+  if (ioctl(_sock, FIONREAD, &waiting) == 0 && waiting > 0) TakeMore();
+  std::string next;
+  for (std::size_t start = 0, end; (end = _received.find('\n', start)) != std::string_view::npos;
+       start = end + 1) {
+    next.clear();
+    AppendWithoutReturns(next, _received.substr(start, end - start));
+    if (next == line) return true;
+  }
+  return false;
+}
+
+void Socket::TakeMore() const {
+  const std::size_t kept = _received.size();
+  std::vector<char> longer(kept + READ_BLOCK);
+  std::copy(_received.begin(), _received.end(), longer.begin());
+  const ssize_t got = read(_sock, longer.data() + kept, READ_BLOCK);
+  _buffer = std::move(longer);
+  _received =
+      std::string_view(_buffer.data(), kept + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+}
+
 void Socket::ThrowReadError(const std::string& reason, u_int32_t line) const {
   ThrowError(Text("Failed remote read from server ", _host, ":", _port, ". ", reason),
              __builtin_FILE(), line);
@@ -287,9 +353,13 @@ BraidResult ClientSocket::Request(const std::string& request) const {
 }
 
 BraidResult ClientSocket::Receive(std::string& response) const {
+  std::size_t taken = 0;
   for (std::string line;; line.clear()) {
     if (Eof()) ThrowError("Remote server closed connection (receivecs EOF)");
     Gets(line);
+    // Lines that make no answer count, too: there may be no end of them.
+    taken += line.size() + 1;
+    if (taken > _max_buffer) ThrowReadError(TOO_LARGE);
     if (line == NEW_BUF) {
       response.clear();
     } else if (line == END_BUF) {
@@ -297,11 +367,12 @@ BraidResult ClientSocket::Receive(std::string& response) const {
     } else if (line == TO_BE_CONT) {
       Request(NS_CONTINUE);
     } else if (line != CONT_BUF) {
-      if (response.size() + line.size() > _max_buffer) ThrowReadError(TOO_LARGE);
       response += line;
     }
   }
 }
+
+bool ClientSocket::HasSurplus() const { return HasCome(END_BUF); }
 
 BraidResult ClientSocket::Respond(const std::string& response) const {
   std::string_view rest = response;
@@ -357,40 +428,11 @@ std::vector<Response> Response::TclSplit() const {
 
 void TclSplit(std::string_view text, std::vector<std::string_view>& elements) {
   elements.clear();
-  std::size_t start = 0;  // of the element that is open
-  bool is_open = false;   // a braced element or a bare word
-  bool in_word = false;   // it is a bare word
-  u_int32_t depth = 0;    // a "}" too many wraps it: all that follows counts as braced
-  const auto end_at = [&](std::size_t end) {
-    elements.push_back(text.substr(start, end - start));
-    is_open = in_word = false;
-  };
-  const auto start_at = [&](std::size_t at, bool is_word) {
-    start = at;
-    is_open = true;
-    in_word = is_word;
-  };
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '{') {
-      if (in_word) {
-        ThrowError(Text("Response::TclSplit(): Can't parse '", text,
-                        "' : '{' without a preceder white space at char ", i, "."));
-      }
-      if (depth++ == 0) start_at(i + 1, false);
-    } else if (c == '}') {
-      if (--depth == 0) end_at(i);
-    } else if (depth == 0) {
-      const bool is_blank = std::isspace(static_cast<unsigned char>(c)) != 0;
-      if (in_word && is_blank) end_at(i);
-      if (!is_open && !is_blank) start_at(i, true);
-    }
-  }
-  if (in_word) end_at(text.size());
-  if (is_open) {
-    ThrowError(Text("Response::TclSplit(): Can't parse '", text, "' : Unbalanced starts (",
-                    elements.size() + 1, ") and ends (", elements.size(), ") ."));
-  }
+  SplitList(text, [&elements](std::string_view element) { elements.push_back(element); });
+}
+
+void TclSplit(std::string_view text, const std::function<void(std::string_view)>& each) {
+  SplitList(text, each);
 }
 
 }  // namespace BraidConn

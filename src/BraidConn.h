@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <chrono>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,9 +22,9 @@ inline constexpr std::chrono::seconds MAX_SILENCE{30};
 /// Most bytes of one line, its end not counted: what comes after is no answer any more.
 inline constexpr u_int32_t MAX_LINE = 1u << 24;
 
-/// Most bytes of one buffer, all its lines together: far more than a fabric full of devices answers
-/// to the largest read.
-inline constexpr std::size_t MAX_BUFFER = std::size_t{1} << 30;
+/// Most bytes of one buffer, all its lines together, ends and markers included: more than thousands
+/// of devices answer to the largest read.
+inline constexpr std::size_t MAX_BUFFER = std::size_t{1} << 28;
 
 /// One TCP socket that exchanges lines. Throws BraidError for what a caller cannot reasonably
 /// handle; a closed socket is told by BRAID_ERROR. Used by one caller at a time.
@@ -64,6 +65,8 @@ class Socket {
   /// what is left of them is nothing. Throws when the peer is gone, or takes nothing for
   /// MAX_SILENCE.
   void Send(std::span<std::string_view> parts) const;
+  /// Whether a line `line` has come that Gets has not handed out yet. Waits for nothing.
+  bool HasCome(std::string_view line) const;
   /// Throws what Gets throws when reading fails.
   [[noreturn]] void ThrowReadError(const std::string& reason,
                                    u_int32_t line = __builtin_LINE()) const;
@@ -79,6 +82,7 @@ class Socket {
   void WaitReadable() const;
   void WaitWritable() const;
   void Fill() const;
+  void TakeMore() const;
   [[noreturn]] void ThrowWriteError(u_int32_t line = __builtin_LINE()) const;
 
   // Read ahead of the line that was asked for: no part of what a caller can see.
@@ -99,6 +103,10 @@ class ClientSocket : public Socket {
   /// more than MAX_BUFFER bytes.
   BraidResult Receive(std::string& response) const;
 
+  /// Whether the end of a buffer is there that nobody has received yet. Where no request is
+  /// outstanding, that is an answer too many: nobody knows any more which answer is whose.
+  bool HasSurplus() const;
+
   /// Sends one buffer, in pieces of about 4000 characters. Throws when the peer does not agree to
   /// a further piece.
   BraidResult Respond(const std::string& response) const;
@@ -112,8 +120,10 @@ class ClientSocket : public Socket {
   void SendFrame(std::string_view head, std::string_view content, std::string_view tail) const;
 };
 
-/// Puts the elements of a list into `elements`, outermost braces removed, as parts of `text`.
-/// Throws BraidError when braces do not balance or one opens inside a word.
+/// Hands the elements of a list to `each`, outermost braces removed, as parts of `text`. Throws
+/// BraidError when braces do not balance, at the end, or one opens inside a word.
+void TclSplit(std::string_view text, const std::function<void(std::string_view element)>& each);
+/// Puts them into `elements`.
 void TclSplit(std::string_view text, std::vector<std::string_view>& elements);
 
 /// Whether a text tells an error.

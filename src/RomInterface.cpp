@@ -350,7 +350,10 @@ BraidResult RemoteRomInterface::CheckAccess() {
   if (answer.GotErr()) {
     ThrowError(Text("Failed checking access through server ", _access, ". ", answer.Error()));
   }
-  for (const Response& record : answer.TclSplit()) AddDeviceRecord(record);
+  // As views, one after the other: a fabric may be large. First it must be a list to its end.
+  BraidConn::TclSplit(answer, [](std::string_view) {});
+  BraidConn::TclSplit(
+      answer, [this](std::string_view record) { AddDeviceRecord(Response(std::string(record))); });
 
   std::size_t found = 0;
   for (auto& [guid, result] : _last_result) {
@@ -411,7 +414,14 @@ BraidResult RemoteRomInterface::AddDeviceRecord(const Response& record) {
 
 BraidResult RemoteRomInterface::Connect() { return _socket.Connect(_access.ip, _access.port); }
 
+void RemoteRomInterface::CheckStep() const {
+  if (_socket.HasSurplus()) {
+    ThrowError(Text("Error accessing to ", _access, ": Got an answer that nobody asked for."));
+  }
+}
+
 Response RemoteRomInterface::ExchangeText(const std::string& text) {
+  CheckStep();
   _socket.Respond(text);
   Response answer;
   _socket.Receive(answer);
@@ -419,6 +429,7 @@ Response RemoteRomInterface::ExchangeText(const std::string& text) {
 }
 
 Response RemoteRomInterface::Exchange(const std::string& request) {
+  CheckStep();
   _socket.Request(request);
   Response answer;
   _socket.Receive(answer);
@@ -509,14 +520,20 @@ BraidResult RemoteRomInterface::ProcessResponse(OpType op, const Response& resp)
   }
 
   // A single-device answer is that device's element as it stands.
+  const std::size_t wanted = _active_devs.size();
+  std::size_t count = 0;
+  _elements.clear();
+  const auto take = [&](std::string_view element) {
+    if (count++ < wanted) _elements.push_back(element);
+  };
   if (op == GETBSN) {
-    _elements.assign(1, resp);
+    take(resp);
   } else {
-    BraidConn::TclSplit(resp, _elements);
+    BraidConn::TclSplit(resp, take);
   }
-  if (_elements.size() != _active_devs.size()) {
-    ThrowError(Text("Error accessing to ", _access, ": Tried to access ", _active_devs.size(),
-                    " devices, got response for ", _elements.size(), " devices. Response: ", resp));
+  if (count != wanted) {
+    ThrowError(Text("Error accessing to ", _access, ": Tried to access ", wanted,
+                    " devices, got response for ", count, " devices. Response: ", resp));
   }
   bool any_error = false;
   auto element = _elements.begin();
