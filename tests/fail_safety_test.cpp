@@ -217,6 +217,14 @@ TEST_F(NotFailsafe, FirstImageWithAGap) {
   EXPECT_EQ(Report(), "DOES NOT BOOT: slot 0 invalid, slot 1 broken");
 }
 
+TEST_F(NotFailsafe, FirstImageBehindTheFourthSector) {
+  // Reckoned from 0xC00 the new first image ends at 0xC40; it goes to 0x1400, where the old second
+  // one is.
+  Images({.image1 = 0x1400}, {.content = 0x22, .size = 0x40, .image1 = 0x1800, .image0 = 0x1400});
+  CutAt("-o", 2);
+  EXPECT_EQ(Report(), "DOES NOT BOOT: slot 0 invalid, slot 1 broken");
+}
+
 TEST_F(NotFailsafe, SignatureOverAWrongRecord) {
   Images({}, {.content = 0x22});
   Fill("oo");
@@ -307,6 +315,24 @@ TEST_F(NotFailsafeRecord, CoveredByACrc) {
   Fill("oo");
   BurnWith([](DataVec&) {}, "REPLACE CRC 0 0 38 0 3C 0\nREPLACE CRC 80 0 B8 0 BC 0\n");
   EXPECT_EQ(Report(), "DOES NOT BOOT: slot 0 broken, slot 1 broken");
+}
+
+TEST_F(NotFailsafeRecord, TornSoThatItAddsUp) {
+  bool adds_up = false;
+  for (u_int32_t seed = 1; seed <= 2000 && !adds_up; ++seed) {
+    Fill("oo");
+    sim::Fault fault;
+    fault.kind = CUT;
+    fault.command = "Write";
+    fault.seed = seed;
+    _fabric.faults.Add(fault);
+    Burn<sim::LocalI2c, RV61300FailsafeBurn>(false);
+    _fabric.Find(0x10)->has_power = true;
+    const std::string report = Report();
+    adds_up = report == "boots old: slot 0 broken, slot 1 old";
+    EXPECT_TRUE(adds_up || report == OLD_SECOND || report == OLD_BOTH) << report;
+  }
+  EXPECT_TRUE(adds_up);
 }
 
 /// The tests of this file as the document names them: "FirstValid/WritingTheSecondImage".

@@ -36,19 +36,20 @@ struct FlashImage {
   u_int32_t size = 0x20;    ///< of the firmware
   u_int32_t image1 = IMAGE1;
   u_int8_t invariant = 0x77;
+  u_int32_t image0 = IMAGE0;
 
   std::string Text() const {
     DataVec invariant_sector(0x40, invariant);
     const DataVec marker = Hex("cb84cb84");
     std::copy(marker.begin(), marker.end(), invariant_sector.begin() + 0x24);
     return ::Text("DEVICE_TYPE RV52100\n", std::hex, "PS 0 ", PS0, " 0\nPS 1 ", PS1,
-                  " 0\nSIGNATURE 0 ", PS0 + 8, " 0\nSIGNATURE 1 ", PS1 + 8, " 0\nIMAGE 0 ", IMAGE0,
+                  " 0\nSIGNATURE 0 ", PS0 + 8, " 0\nSIGNATURE 1 ", PS1 + 8, " 0\nIMAGE 0 ", image0,
                   " 0\nIMAGE 1 ", image1, " 0\nREPLACE CRC ", PS0, " 0 ", PS0 + 256, " 0 ",
                   PS0 + 260, " 0\nREPLACE CRC ", PS1, " 0 ", PS1 + 256, " 0 ", PS1 + 260, " 0\n",
                   Section("INVARIANT", 0, invariant_sector),
-                  Section("PS0", PS0, PointerSector(IMAGE0, size, true)),
+                  Section("PS0", PS0, PointerSector(image0, size, true)),
                   Section("PS1", PS1, PointerSector(image1, size, false)),
-                  Section("FIRMWARE", IMAGE0, DataVec(size, content)));
+                  Section("FIRMWARE", image0, DataVec(size, content)));
   }
 };
 

@@ -13,6 +13,7 @@ constexpr auto FAULTS = std::to_array<FaultRow>({
     {Fault::ERROR_ANSWER, "error-answer"},
     {Fault::TARGET_ERROR_ANSWER, "target-error-answer"},
     {Fault::ELEMENT_ERROR, "element-error"},
+    {Fault::ELEMENT_TARGET_ERROR, "element-target-error"},
     {Fault::ONE_FEWER, "one-element-fewer"},
     {Fault::ONE_MORE, "one-element-more"},
     {Fault::EMPTY, "empty-answer"},
@@ -23,6 +24,7 @@ constexpr auto FAULTS = std::to_array<FaultRow>({
     {Fault::TOO_MUCH, "too-much-data"},
     {Fault::NUL, "nul-byte"},
     {Fault::LONG_LINE, "long-line"},
+    {Fault::LOST, "request-lost"},
     {Fault::CLOSE_BEFORE, "closed-before"},
     {Fault::CLOSE_INSIDE, "closed-inside"},
     {Fault::CLOSE_AFTER, "closed-after"},
@@ -33,6 +35,7 @@ constexpr auto FAULTS = std::to_array<FaultRow>({
     {Fault::TWO_PIECES, "two-continuations"},
     {Fault::MANY_PIECES, "many-continuations"},
     {Fault::TWICE, "answered-twice"},
+    {Fault::TWICE_LATE, "answered-twice-late"},
     {Fault::SILENCE, "silence"},
     {Fault::SILENCE_INSIDE, "silence-inside"},
 });
@@ -197,6 +200,7 @@ std::vector<std::optional<Guid>> Targets(Fault fault, const Request& request) {
   const std::vector<std::optional<Guid>> once = {std::nullopt};
   switch (fault) {
     case Fault::ELEMENT_ERROR:
+    case Fault::ELEMENT_TARGET_ERROR:
       return each_device();  // none for what is no list
     case Fault::ONE_FEWER:
     case Fault::ONE_MORE:
@@ -221,8 +225,10 @@ std::string Mangled(Fault fault, const Request& request, std::optional<Guid> dev
       return std::string("ERROR:0x1:") + REFUSED;
     case Fault::TARGET_ERROR_ANSWER:
       return std::string("TARGET_ERROR:") + REFUSED;
-    case Fault::ELEMENT_ERROR: {
-      const std::string error = "ERROR:" + HexGuid(*device) + ":" + REFUSED;
+    case Fault::ELEMENT_ERROR:
+    case Fault::ELEMENT_TARGET_ERROR: {
+      const std::string head = fault == Fault::ELEMENT_ERROR ? "ERROR:" : "TARGET_ERROR:";
+      const std::string error = head + HexGuid(*device) + ":" + REFUSED;
       if (kind == Kind::BSN) return error;
       elements.at(ElementOf(request, elements, *device)) = "{" + error + "}";
       return Join(elements);
@@ -279,6 +285,7 @@ class Oracle {
   Expected Of(Fault fault) const {
     switch (fault) {
       case Fault::LONG_LINE:
+      case Fault::LOST:
       case Fault::CLOSE_BEFORE:
       case Fault::CLOSE_INSIDE:
         return Fails({ReadError("Response too large. Probably server is down.")});
@@ -302,6 +309,8 @@ class Oracle {
         return Succeeds();
       case Fault::TWICE:
         return OfTwice();
+      case Fault::TWICE_LATE:
+        return OfTwiceLate();
       default:
         break;
     }
@@ -381,6 +390,9 @@ class Oracle {
         return Fails({"Failed checking access through server " + _setting.server + ". " + REFUSED});
       case Fault::ELEMENT_ERROR:
         return Fails({"Bad device record format: ERROR:" + HexGuid(*_device) + ":" + REFUSED});
+      case Fault::ELEMENT_TARGET_ERROR:
+        return Fails(
+            {"Bad device record format: TARGET_ERROR:" + HexGuid(*_device) + ":" + REFUSED});
       case Fault::NOT_HEX:
       case Fault::TOO_LITTLE: {
         const std::vector<std::string> records = Elements(_request);
@@ -429,6 +441,7 @@ class Oracle {
       case Fault::ERROR_ANSWER:
       case Fault::TARGET_ERROR_ANSWER:
       case Fault::ELEMENT_ERROR:  // the whole answer is the one element
+      case Fault::ELEMENT_TARGET_ERROR:
         return LosesAll();
       case Fault::BRACE_OPEN:
         return StaysOpen();
@@ -464,7 +477,8 @@ class Oracle {
       case Fault::ERROR_ANSWER:
       case Fault::TARGET_ERROR_ANSWER:
         return LosesAll();
-      case Fault::ELEMENT_ERROR: {
+      case Fault::ELEMENT_ERROR:
+      case Fault::ELEMENT_TARGET_ERROR: {
         if (_request.kind != Kind::BOOT_RECORD) return Loses(REFUSED);
         // Its record is judged all the same, and has no bytes.
         Expected expected = Aborts("read_data.size() == 16");
@@ -535,38 +549,17 @@ class Oracle {
   }
 
   /// The second answer is taken for that to the next request, and so on to the end.
+  /// The second answer is there before the next request.
   Expected OfTwice() const {
-    const auto rest = _requests.subspan(_k);
-    const auto is_ack = [](const Request& request) { return request.kind == Kind::ACKED; };
-    if (IsLast() || std::ranges::all_of(rest, is_ack)) return Succeeds();
-    const Request& next = rest[1];
-    const std::size_t asked = next.devices.size();
-    switch (_request.kind) {
-      case Kind::MULTI_MAX:  // 64 is a version, too, and the version no record of a device
-        return Fails({"Bad device record format: " + next.answer});
-      case Kind::VERSION:
-        return Fails({"Bad device record format: " + _answer});
-      case Kind::LIST:
-        return Miscounts(asked, Elements(_request).size(), _answer);
-      case Kind::ATTRIBUTES:
-        // Taken for the marker, in the next request's place.
-        return Loses("Image on device is not failsafe. Can't perform failsafe burn", 1);
-      case Kind::ACKED: {
-        // The first request that is to be answered with more gets one ACK.
-        const auto more = std::ranges::find_if_not(rest, is_ack);
-        if (more->kind == Kind::VERIFY && more->devices.size() > 1) {
-          return Miscounts(more->devices.size(), 1, _answer);
-        }
-        if (more->kind == Kind::VSD || more->kind == Kind::BSN) {
-          return Aborts("rep_data.size() == fit->size");
-        }
-        break;
-      }
-      default:
-        break;
-    }
+    if (IsLast()) return Succeeds();
+    return Fails(
+        {"Error accessing to " + _setting.server + ": Got an answer that nobody asked for."});
+  }
+  /// It comes with the answer to the next request, for which it is taken.
+  Expected OfTwiceLate() const {
+    if (IsLast()) return Succeeds();
     Expected expected;
-    expected.end = Expected::ANY;
+    expected.end = Expected::CONFUSED;
     return expected;
   }
 
@@ -590,6 +583,7 @@ Expected Expect(Fault fault, const Setting& setting, std::span<const Request> re
 bool IsDesignedText(std::string_view text) {
   static constexpr std::string_view TEXTS[] = {
       "No more accessible devices",
+      "Bad device record format: ",
       "Error accessing to ",
       "Fatal Error: Failed extracting data out of response: ",
       "All devices can't be failsafe burnt",

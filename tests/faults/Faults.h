@@ -45,6 +45,7 @@ enum class Fault {
   ERROR_ANSWER,
   TARGET_ERROR_ANSWER,
   ELEMENT_ERROR,
+  ELEMENT_TARGET_ERROR,
   ONE_FEWER,
   ONE_MORE,
   EMPTY,
@@ -56,6 +57,7 @@ enum class Fault {
   NUL,
   // How it comes over the wire.
   LONG_LINE,
+  LOST,  ///< the connection closes, and the request is not executed
   CLOSE_BEFORE,
   CLOSE_INSIDE,
   CLOSE_AFTER,
@@ -66,6 +68,7 @@ enum class Fault {
   TWO_PIECES,
   MANY_PIECES,
   TWICE,
+  TWICE_LATE,
   SILENCE,
   SILENCE_INSIDE,
 };
@@ -101,9 +104,9 @@ struct Setting {
 struct Expected {
   enum End {
     SUCCEEDS,
-    FAILS,   ///< with one of `texts`
-    ABORTS,  ///< on the assertion `texts[0]`
-    ANY,     ///< as one of these
+    FAILS,     ///< with one of `texts`
+    ABORTS,    ///< on the assertion `texts[0]`
+    CONFUSED,  ///< by what is there for answers that make no sense, or before that could be seen
   };
   End end = SUCCEEDS;
   std::vector<std::string> texts;
@@ -117,8 +120,8 @@ struct Expected {
 Expected Expect(Fault fault, const Setting& setting, std::span<const Request> requests,
                 std::size_t k, std::optional<Guid> device);
 
-/// Whether a run that got out of step with its answers ended as it may: by a text or an assertion
-/// that is there for answers that make no sense.
+/// Whether a run that took one answer for another ended as it may: by a text or an assertion that
+/// is there for answers that make no sense.
 bool IsDesignedText(std::string_view text);
 bool IsDesignedAssertion(std::string_view expression);
 

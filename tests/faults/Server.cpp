@@ -118,7 +118,7 @@ class Conversation {
       if (const Misdeed* misdeed = _disturber.Answers(index, request, answer)) {
         Misbehave(*misdeed);
       } else {
-        Send(Frame(answer));
+        Send(std::exchange(_late, {}) + Frame(answer));
       }
       _disturber.Answered(index, _client);
     }
@@ -136,6 +136,7 @@ class Conversation {
       case Fault::LONG_LINE:
         Send("NEW_BUF\n" + std::string(LONGEST_LINE + 1, 'A'));
         return;
+      case Fault::LOST:
       case Fault::CLOSE_BEFORE:
         return _connection.Close();
       case Fault::CLOSE_INSIDE:
@@ -165,6 +166,9 @@ class Conversation {
         return SendPieces(answer, answer.size());
       case Fault::TWICE:
         return Send(frame + frame);
+      case Fault::TWICE_LATE:
+        _late = frame;
+        return Send(frame);
       case Fault::SILENCE:
         return;
       case Fault::SILENCE_INSIDE:
@@ -238,6 +242,7 @@ class Conversation {
   Outcome& _outcome;
   steady_clock::time_point _deadline;
   std::string _received;
+  std::string _late;  ///< an answer too many that goes out with the next one
 };
 
 /// One misdeed, or none.
@@ -247,14 +252,15 @@ class SingleMisdeed : public Disturber {
 
   bool Comes(std::size_t index, const std::string&, pid_t) override {
     if (!IsHit(index)) return true;
-    if (_misdeed->fault == Fault::ELEMENT_ERROR) {
+    if (_misdeed->fault == Fault::ELEMENT_ERROR || _misdeed->fault == Fault::ELEMENT_TARGET_ERROR) {
       sim::Fault fault;
       fault.kind = sim::Fault::DEVICE_ERROR;
       fault.device = _misdeed->device;
       _fabric.faults.Add(fault);
     }
     // An error of all is one of the request: nothing was done.
-    return _misdeed->fault != Fault::ERROR_ANSWER && _misdeed->fault != Fault::TARGET_ERROR_ANSWER;
+    return _misdeed->fault != Fault::ERROR_ANSWER &&
+           _misdeed->fault != Fault::TARGET_ERROR_ANSWER && _misdeed->fault != Fault::LOST;
   }
   const Misdeed* Answers(std::size_t index, const std::string&, const std::string&) override {
     return IsHit(index) ? _misdeed : nullptr;

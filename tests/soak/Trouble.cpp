@@ -36,9 +36,13 @@ constexpr auto ACTS = std::to_array<ActRow>({
     {Act::DELAY, "answer delayed", 2},
 });
 
-/// The fault matrix has them: they take half a minute, or burn something else than they should.
+/// The fault matrix has them: they take half a minute, or are as one of the others but for where
+/// they are.
 bool IsLeftToTheMatrix(Fault fault) {
-  return fault == Fault::TWICE || fault == Fault::SILENCE || fault == Fault::SILENCE_INSIDE;
+  static constexpr auto LEFT =
+      std::to_array({Fault::ELEMENT_TARGET_ERROR, Fault::LOST, Fault::TWICE, Fault::TWICE_LATE,
+                     Fault::SILENCE, Fault::SILENCE_INSIDE});
+  return std::ranges::count(LEFT, fault) > 0;
 }
 
 bool IsWrite(const faults::Request& request) {
