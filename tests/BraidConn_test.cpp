@@ -256,12 +256,54 @@ TEST_F(ConnTest, PeerThatTakesNothingMoreEndsTheWrite) {
 }
 
 TEST_F(ConnTest, BufferOfManyLinesIsGuardedAsAWhole) {
-  _client.SetMaxBuffer(10);
-  PeerSends("NEW_BUF\n12345\n67890\nEND_BUF\nNEW_BUF\n12345\n67890\n1\n");
+  const std::string buffer = "NEW_BUF\n12345\n67890\nEND_BUF\n";
+  _client.SetMaxBuffer(buffer.size());
+  PeerSends(buffer + "NEW_BUF\n12345\n678901\nEND_BUF\n");
   std::string response;
   _client.Receive(response);
   EXPECT_EQ(response, "1234567890");
   EXPECT_EQ(ErrorOf([&] { _client.Receive(response); }), DOWN);
+}
+
+TEST_F(ConnTest, LinesThatMakeNoAnswerAreGuardedAgainstToo) {
+  for (const std::string line : {"", "NEW_BUF", "CONT_BUF", "TO_BE_CONT", "\r\r\r"}) {
+    SCOPED_TRACE(line);
+    _client.SetMaxBuffer(100);
+    std::string lines;
+    for (int i = 0; i < 101; ++i) lines += line + "\n";
+    PeerSends(lines);
+    std::string response;
+    EXPECT_EQ(ErrorOf([&] { _client.Receive(response); }), DOWN);
+  }
+}
+
+TEST_F(ConnTest, AnswerThatNobodyAskedForIsSeenAsSoonAsItIsWhole) {
+  std::string response;
+  EXPECT_FALSE(_client.HasSurplus());
+  PeerSends("NEW_BUF\n1\nEND_BUF\n");
+  EXPECT_TRUE(_client.HasSurplus());
+  EXPECT_TRUE(_client.HasSurplus());
+  _client.Receive(response);
+  EXPECT_EQ(response, "1");
+  EXPECT_FALSE(_client.HasSurplus());
+  // Two at once, the second not yet whole; what is said between answers is none.
+  PeerSends("hello\nNEW_BUF\n2\nEND_BUF\nNEW_BUF\n3");
+  _client.Receive(response);
+  EXPECT_EQ(response, "2");
+  EXPECT_FALSE(_client.HasSurplus());
+  PeerSends("3\nEND_B");
+  EXPECT_FALSE(_client.HasSurplus());
+  PeerSends("UF\r\n");
+  EXPECT_TRUE(_client.HasSurplus());
+  _client.Receive(response);
+  EXPECT_EQ(response, "33");
+}
+
+TEST_F(ConnTest, PeerThatIsGoneHasNothingToSay) {
+  ClosePeer();
+  EXPECT_FALSE(_client.HasSurplus());
+  std::string line;
+  EXPECT_EQ(ErrorOf([&] { _client.Gets(line); }), DOWN);
 }
 
 TEST_F(ConnTest, WholeTextGoesOutWhereTheSystemTakesItInParts) {

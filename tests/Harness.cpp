@@ -17,6 +17,8 @@ constexpr std::chrono::seconds RUN_LIMIT{60};
 constexpr std::chrono::seconds LINE_LIMIT{20};
 
 [[noreturn]] void Exec(const std::vector<std::string>& words) {
+  // Whoever runs the tests in the background may have them ignored.
+  for (const int signal_number : {SIGINT, SIGQUIT, SIGTERM}) signal(signal_number, SIG_DFL);
   std::vector<char*> av;
   for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
   av.push_back(nullptr);

@@ -279,6 +279,8 @@ struct Refused {
   std::string text;
 };
 
+void PrintTo(const Refused& refused, std::ostream* out) { *out << refused.name; }
+
 class FwimgRefusalTest : public FwimgMakeTest, public testing::WithParamInterface<Refused> {};
 
 TEST_P(FwimgRefusalTest, IsToldWithFileAndLine) {

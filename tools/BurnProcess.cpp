@@ -97,15 +97,15 @@ class Signals {
 pid_t Start(const std::vector<std::string>& words, const Signals& signals,
             const Descriptor& console) {
   Channel trouble = Pipe();
+  std::vector<char*> av;
+  av.reserve(words.size() + 1);
+  for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
+  av.push_back(nullptr);
   const pid_t pid = fork();
   if (pid < 0) ThrowSystemError("can't start a process");
   if (pid == 0) {
     signals.Restore();
     dup2(console.Get(), STDOUT_FILENO);
-    std::vector<char*> av;
-    av.reserve(words.size() + 1);
-    for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
-    av.push_back(nullptr);
     execvp(av[0], av.data());
     const int reason = errno;
     [[maybe_unused]] const ssize_t told = write(trouble.in.Get(), &reason, sizeof(reason));
