@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <netdb.h>
-#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -307,9 +306,7 @@ void Socket::Fill() const {
   _received = std::string_view(_buffer.data(), static_cast<std::size_t>(got));
 }
 
-bool Socket::HasCome(std::string_view line) const {
-  int waiting = 0;
-  if (ioctl(_sock, FIONREAD, &waiting) == 0 && waiting > 0) TakeMore();
+bool Socket::HasRead(std::string_view line) const {
   std::string next;
   for (std::size_t start = 0, end; (end = _received.find('\n', start)) != std::string_view::npos;
        start = end + 1) {
@@ -318,16 +315,6 @@ bool Socket::HasCome(std::string_view line) const {
     if (next == line) return true;
   }
   return false;
-}
-
-void Socket::TakeMore() const {
-  const std::size_t kept = _received.size();
-  std::vector<char> longer(kept + READ_BLOCK);
-  std::copy(_received.begin(), _received.end(), longer.begin());
-  const ssize_t got = read(_sock, longer.data() + kept, READ_BLOCK);
-  _buffer = std::move(longer);
-  _received =
-      std::string_view(_buffer.data(), kept + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
 }
 
 void Socket::ThrowReadError(const std::string& reason, u_int32_t line) const {
@@ -372,7 +359,7 @@ BraidResult ClientSocket::Receive(std::string& response) const {
   }
 }
 
-bool ClientSocket::HasSurplus() const { return HasCome(END_BUF); }
+bool ClientSocket::HasSurplus() const { return HasRead(END_BUF); }
 
 BraidResult ClientSocket::Respond(const std::string& response) const {
   std::string_view rest = response;

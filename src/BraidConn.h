@@ -65,8 +65,8 @@ class Socket {
   /// what is left of them is nothing. Throws when the peer is gone, or takes nothing for
   /// MAX_SILENCE.
   void Send(std::span<std::string_view> parts) const;
-  /// Whether a line `line` has come that Gets has not handed out yet. Waits for nothing.
-  bool HasCome(std::string_view line) const;
+  /// Whether `line` is among what was read ahead of Gets.
+  bool HasRead(std::string_view line) const;
   /// Throws what Gets throws when reading fails.
   [[noreturn]] void ThrowReadError(const std::string& reason,
                                    u_int32_t line = __builtin_LINE()) const;
@@ -82,7 +82,6 @@ class Socket {
   void WaitReadable() const;
   void WaitWritable() const;
   void Fill() const;
-  void TakeMore() const;
   [[noreturn]] void ThrowWriteError(u_int32_t line = __builtin_LINE()) const;
 
   // Read ahead of the line that was asked for: no part of what a caller can see.
@@ -103,8 +102,8 @@ class ClientSocket : public Socket {
   /// more than MAX_BUFFER bytes.
   BraidResult Receive(std::string& response) const;
 
-  /// Whether the end of a buffer is there that nobody has received yet. Where no request is
-  /// outstanding, that is an answer too many: nobody knows any more which answer is whose.
+  /// Whether the end of a buffer came along with what was received, and is still there. Where no
+  /// request is outstanding, that is an answer too many: nobody knows any more which is whose.
   bool HasSurplus() const;
 
   /// Sends one buffer, in pieces of about 4000 characters. Throws when the peer does not agree to
