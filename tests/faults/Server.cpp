@@ -83,8 +83,17 @@ pid_t Start(const std::vector<std::string>& words, const File& output, const Fil
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, output.Get(), STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errors.Get(), STDERR_FILENO);
+  // Whoever runs us in the background may have them ignored.
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  for (const int number : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&defaults, number);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   pid_t pid = -1;
-  const int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  const int error = posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) throw std::system_error(error, std::generic_category(), argv[0]);
   return pid;

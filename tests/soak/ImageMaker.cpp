@@ -287,8 +287,8 @@ std::optional<Image> MakePointers(const Ground& ground, const Slots& slots,
   }
   maker.AddFields(dice.Below(6), first, 0, distance);
   maker.AddCrcs(dice.Below(5), first, 0, 0, distance);
-  if (!maker.IsLegal()) return {};
   if (dice.Chance(8)) maker.AddBystander(invariant.size(), image.slot[1] + 1, ground.ImageEnd());
+  if (!maker.IsLegal()) return {};
   return image;
 }
 
@@ -322,10 +322,10 @@ std::optional<Image> MakeRecords(const Ground& ground, const Slots& slots, Dice&
   if (dice.Chance(5) && image.sections.front().Size() > BOOT_RECORD + 4) {
     maker.AddCrc({image.slot[0], 8, behind}, distance);
   }
-  if (!maker.IsLegal()) return {};
   if (dice.Chance(8)) maker.AddBystander(0, 0, image.slot[0]);
   // From here on it is no part of the first slot.
   if (dice.Chance(5)) image.sections.push_back({"SECOND", image.slot[1], dice.Bytes(8)});
+  if (!maker.IsLegal()) return {};
   return image;
 }
 

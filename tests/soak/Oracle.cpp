@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <stdexcept>
 
 #include "support.h"
 #include "utils.h"
@@ -128,7 +129,11 @@ void Oracle::BurnSection(Writer& writer, const Section& section, u_int32_t desti
   const Range range{destination, section.Size()};
   std::vector<const Field*> fields;
   for (const Field& field : _image.fields) {
-    if (range.Holds(field.addr, 1) && IsReplaced(field)) fields.push_back(&field);
+    if (!range.Holds(field.addr, 1) || !IsReplaced(field)) continue;
+    if (!range.Holds(field.addr, field.Size())) {
+      throw std::logic_error("a story has a field that crosses a section");
+    }
+    fields.push_back(&field);
   }
   std::vector<const Crc*> crcs;
   for (const Crc& crc : _image.crcs) {
