@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "BraidConn.h"
@@ -26,7 +27,31 @@ bool g_refuse_options = false;
 /// Why no name can be resolved; 0 where names can.
 int g_resolver_error = 0;
 
+/// The error of the next read or sendmsg, in the place of its work; 0 for none.
+int g_next_error = 0;
+/// Whether a signal comes while a connect waits.
+bool g_interrupt_connect = false;
+
 }  // namespace
+
+// In the place of the system's functions, which fail at no test's bidding.
+extern "C" ssize_t read(int fd, void* into, std::size_t room) {
+  errno = std::exchange(g_next_error, 0);
+  return errno != 0 ? -1 : syscall(SYS_read, fd, into, room);
+}
+extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+  errno = std::exchange(g_next_error, 0);
+  return errno != 0 ? -1 : syscall(SYS_sendmsg, fd, message, flags);
+}
+extern "C" int connect(int fd, const sockaddr* address, socklen_t size) {
+  if (!g_interrupt_connect) return static_cast<int>(syscall(SYS_connect, fd, address, size));
+  const int flags = fcntl(fd, F_GETFL);
+  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  syscall(SYS_connect, fd, address, size);
+  fcntl(fd, F_SETFL, flags);
+  errno = EINTR;
+  return -1;
+}
 
 // In the place of the system's function, too: what its own resolver says depends on the network.
 extern "C" hostent* gethostbyname(const char* name) {
@@ -433,6 +458,21 @@ TEST_F(StreamTest, SignalsDoNotEndAWriteThatHasToWait) {
   EXPECT_TRUE(got.substr(filling) == text + "\n");
 }
 
+TEST_F(StreamTest, InterruptedCallsAreMadeAgain) {
+  for (const int error : {EINTR, EAGAIN}) {
+    g_next_error = error;
+    EXPECT_EQ(_client.Puts("there"), BRAID_OK);
+    char got[6];
+    EXPECT_EQ(recv(_peer, got, sizeof(got), 0), 6);
+    EXPECT_EQ(send(_peer, "back\n", 5, 0), 5);
+    g_next_error = error;
+    std::string line;
+    EXPECT_EQ(_client.Gets(line), BRAID_OK);
+    EXPECT_EQ(line, "back");
+    EXPECT_EQ(g_next_error, 0);
+  }
+}
+
 TEST_F(StreamTest, PeerThatIsGoneKillsNobody) {
   struct sigaction deadly {};
   struct sigaction before {};
@@ -575,6 +615,16 @@ TEST_F(TcpTest, SignalsDoNotEndTheWaitForAServer) {
   EXPECT_EQ(client.Puts("x"), BRAID_OK);
   is_over = true;
   accepting.join();
+}
+
+TEST_F(TcpTest, ConnectThatFailsBehindASignalHasFailed) {
+  _server.Close();
+  Opened<ClientSocket> client;
+  g_interrupt_connect = true;
+  const std::string error = ErrorOf([&] { client.Connect("127.0.0.1", _port); });
+  g_interrupt_connect = false;
+  EXPECT_EQ(error, Text("Failed connecting to 127.0.0.1:", _port, " ."));
+  EXPECT_EQ(client.Port(), 0);
 }
 
 TEST_F(TcpTest, DescriptorZeroCountsAsAFailedAccept) {

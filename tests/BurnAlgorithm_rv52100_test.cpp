@@ -582,6 +582,12 @@ TEST_F(Rv52100RefusedMoveTest, PointerSectorThatNamesMoreThanTheFlashHoldsFailsT
   ExpectRefusal(flash, "Address out of range");
 }
 
+TEST_F(Rv52100RefusedMoveTest, PointerSectorThatGivesItsImageNoBytesFailsTheDevice) {
+  Contents flash = OldFlash(NOT_VALID, VALID, IN_THE_WAY);
+  flash.Load(0x400, OldRecord(IN_THE_WAY, 0, VALID));
+  ExpectRefusal(flash, "no bytes");
+}
+
 // ---- Images that cannot be burnt
 
 class Rv52100ImageTest : public Rv52100Test {

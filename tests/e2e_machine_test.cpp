@@ -194,9 +194,25 @@ TEST_F(MachineTest, BurnGoesThroughWithNobodyToTellOfIt) {
     SCOPED_TRACE(console);
     std::filesystem::remove_all(_folder / "state");
     Serve();
-    RunShell(ShellWords() + console);
+    EXPECT_EQ(RunShell(ShellWords() + console + "; exit ${PIPESTATUS[0]}").status, 0);
     ExpectNew();
   }
+}
+
+TEST_F(MachineTest, ClosedDescriptorsAreNotTakenForTheConnection) {
+  constexpr std::size_t ANY = 10;
+  Serve(Fault("delay", ANY, "milliseconds = 500\n"));
+  Child burner({"/bin/bash", "-c", "exec " + ShellWords() + " <&- >&- 2>&-"}, _folder / "errors");
+  ASSERT_TRUE(WaitForRequest(ANY));
+  std::vector<int> sockets;
+  for (int fd = 0; fd < 10; ++fd) {
+    std::error_code none;
+    const auto file = std::filesystem::read_symlink(Text("/proc/", burner.Pid(), "/fd/", fd), none);
+    if (file.string().starts_with("socket:")) sockets.push_back(fd);
+  }
+  EXPECT_THAT(sockets, testing::ElementsAre(testing::Gt(STDERR_FILENO)));
+  EXPECT_EQ(burner.Wait(), 0);
+  ExpectNew();
 }
 
 TEST_F(MachineTest, DescriptorsThatAreAllTakenEndTheRunBeforeItBegins) {
