@@ -107,22 +107,35 @@ void LoadImage(FwImage& image, std::string_view text) {
   image.Open(MemoryFile(text).c_str(), READ);
 }
 
+namespace {
+
+/// Nothing where a CRC crosses the end of the range.
+std::optional<bool> IsOddCrcIn(const FwImage& image, u_int32_t addr, u_int32_t size) {
+  bool is_odd = false;
+  const Ending ending = Run([&] {
+    is_odd = std::ranges::any_of(image.GetCrcsInRange(addr, size),
+                                 [](const auto& crc) { return crc.size % 4 != 0; });
+  });
+  if (ending.error) return {};
+  return is_odd;
+}
+
+}  // namespace
+
 bool HasOddCrc(const FwImage& image) {
-  struct Range {
-    u_int32_t addr;
-    u_int32_t size;
-  };
   // Ranges of 32 bits cannot be the whole address space: its last byte is asked for by itself.
-  for (const Range& range : {Range{0, 0xFFFFFFFF}, Range{0xFFFFFFFF, 1}}) {
-    bool is_odd = false;
-    const Ending ending = Run([&] {
-      is_odd = std::ranges::any_of(image.GetCrcsInRange(range.addr, range.size),
-                                   [](const auto& crc) { return crc.size % 4 != 0; });
-    });
-    // Where one crosses the end, nobody can tell.
-    if (is_odd || ending.error) return true;
-  }
-  return false;
+  // Where one crosses the end, nobody can tell.
+  return IsOddCrcIn(image, 0, 0xFFFFFFFF).value_or(true) ||
+         IsOddCrcIn(image, 0xFFFFFFFF, 1).value_or(true);
+}
+
+bool BurnsOddCrc(const FwImage& image) {
+  std::vector<u_int32_t> addrs;
+  image.GetSectionsAddr(addrs);
+  return std::ranges::any_of(addrs, [&image](u_int32_t addr) {
+    const auto size = static_cast<u_int32_t>(image.GetSection(addr)->data.size());
+    return IsOddCrcIn(image, addr, size).value_or(false);
+  });
 }
 
 }  // namespace fuzz

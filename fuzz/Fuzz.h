@@ -60,5 +60,7 @@ void LoadImage(FwImage& image, std::string_view text);
 
 /// Whether a burn of this image may end by the assertion that what a CRC covers is whole words.
 bool HasOddCrc(const FwImage& image);
+/// Whether a burn of its sections where they stand must, if nothing else ends it.
+bool BurnsOddCrc(const FwImage& image);
 
 }  // namespace fuzz

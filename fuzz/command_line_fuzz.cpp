@@ -1,4 +1,5 @@
 // The command line: one word a line.
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -31,6 +32,23 @@ bool NamesFile(const std::vector<std::string>& words) {
   return false;
 }
 
+/// Whether all words are switches that need nothing and end nothing.
+bool AreFlags(const std::vector<std::string>& words) {
+  static const std::set<std::string> FLAGS{"n", "l", "D", "d", "c"};
+  return std::all_of(words.begin() + 1, words.end(), [](const std::string& word) {
+    return word.starts_with("-") && FLAGS.contains(SwitchOf(word));
+  });
+}
+
+fuzz::Ending Run(std::vector<std::string> words, int& status) {
+  std::vector<char*> av;
+  for (std::string& word : words) av.push_back(word.data());
+  av.push_back(nullptr);
+  return fuzz::Run([&] { status = FwPush(static_cast<int>(words.size()), av.data()); });
+}
+
+constexpr char NO_FILE[] = "file_name != nullptr";
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
@@ -42,21 +60,20 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
     std::error_code ignored;
     if (std::filesystem::exists(words.back(), ignored)) return 0;
   }
-  std::vector<char*> av;
-  for (std::string& word : words) av.push_back(word.data());
-  av.push_back(nullptr);
-
   int status = 0;
-  const fuzz::Ending ending =
-      fuzz::Run([&] { status = FwPush(static_cast<int>(words.size()), av.data()); });
+  const fuzz::Ending ending = Run(words, status);
   if (ending.assertion) {
-    fuzz::Must(*ending.assertion == "file_name != nullptr" && !NamesFile(words),
+    fuzz::Must(*ending.assertion == NO_FILE && !NamesFile(words),
                "only a burn without an image file ends by an assertion");
   } else if (ending.error) {
     fuzz::Must(ending.error->starts_with("Error parsing guid #"),
                "only a GUID that is no number ends the program by an error");
   } else {
     fuzz::Must(status == 0 || status == 1, "the exit status is 0 or 1");
+  }
+  if (AreFlags(words)) {
+    words.insert(words.end(), {"-s", "IB:host:1", "-g", "1"});
+    fuzz::Must(Run(words, status).assertion == NO_FILE, "a burn without an image file fails one");
   }
   return 0;
 }
