@@ -281,6 +281,20 @@ std::vector<Case> AllCases(const std::vector<std::unique_ptr<Burn>>& burns) {
   return cases;
 }
 
+/// Puts cases in an order in which any number from the first on has about as many of each fault at
+/// each kind of request.
+void Spread(std::vector<Case>& cases, unsigned seed) {
+  std::shuffle(cases.begin(), cases.end(), std::mt19937(seed));
+  std::map<std::pair<const FaultRow*, Kind>, std::size_t> counts;
+  std::vector<std::pair<std::size_t, Case>> ranked;
+  ranked.reserve(cases.size());
+  for (const Case& each : cases) {
+    ranked.emplace_back(counts[{each.fault, each.burn->requests[each.at].kind}]++, each);
+  }
+  std::ranges::stable_sort(ranked, {}, &std::pair<std::size_t, Case>::first);
+  std::ranges::transform(ranked, cases.begin(), &std::pair<std::size_t, Case>::second);
+}
+
 /// Runs of one burn with one fault.
 struct Tally {
   u_int32_t cases = 0;
@@ -433,8 +447,7 @@ int Main(int argc, char** argv) {
     return ShowCase(*found) ? EXIT_SUCCESS : EXIT_FAILURE;
   }
   const std::size_t count = cases.size();
-  // Slow ones are spread, too.
-  std::shuffle(cases.begin(), cases.end(), std::mt19937(seed));
+  Spread(cases, seed);
   if (!all) cases.resize(std::min(sample, count));
   std::cout << "fault_matrix: " << cases.size() << " of " << count << " cases, --seed " << seed
             << std::endl;
