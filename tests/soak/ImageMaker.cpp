@@ -133,29 +133,41 @@ class Maker {
     }
   }
 
-  /// Sections that overlap can cut a field of another one, and no two may start at one address.
+  /// Sections that overlap can cut a field of another one, also where they are moved to, and no two
+  /// may start at one address.
   bool IsLegal() const {
     std::set<u_int32_t> addrs;
+    std::vector<Range> ranges;
     for (const Section& section : _image.sections) {
       if (!addrs.insert(section.addr).second) return false;
-      const Range range{section.addr, section.Size()};
-      for (const Field& field : _image.fields) {
-        if (range.Holds(field.addr, 1) && !range.Holds(field.addr, field.Size())) return false;
-      }
-      for (const Crc& crc : _image.crcs) {
-        if (range.Holds(crc.from, 1) &&
-            (!range.Holds(crc.from, crc.size) || crc.place + 4 > section.End())) {
-          return false;
-        }
+      ranges.push_back({section.addr, section.Size()});
+    }
+    if (_image.slot[1] != UNPLACED) {
+      const u_int32_t distance = _image.slot[1] - _image.slot[0];
+      for (const Section* section : _image.SlotSections()) {
+        ranges.push_back({section->addr + distance, section->Size()});
       }
     }
-    return true;
+    return std::ranges::all_of(ranges, [this](const Range& range) { return CutsNothing(range); });
   }
 
   bool may_have_gaps = true;
   Image& Made() { return _image; }
 
  private:
+  bool CutsNothing(const Range& range) const {
+    for (const Field& field : _image.fields) {
+      if (range.Holds(field.addr, 1) && !range.Holds(field.addr, field.Size())) return false;
+    }
+    for (const Crc& crc : _image.crcs) {
+      if (range.Holds(crc.from, 1) &&
+          (!range.Holds(crc.from, crc.size) || crc.place + 4 > range.addr + range.size)) {
+        return false;
+      }
+    }
+    return true;
+  }
+
   const Section& PickSection(std::size_t first) {
     return _image.sections[first + _dice.Below(_image.sections.size() - first)];
   }
