@@ -106,7 +106,9 @@ ssize_t __wrap_read(int fd, void* into, std::size_t room) {
 }
 
 int __wrap_select(int count, fd_set* to_read, fd_set* to_write, fd_set* others, timeval* limit) {
-  const bool is_for_us = the_wire != nullptr && to_read != nullptr && FD_ISSET(the_socket, to_read);
+  // To be written to, a wire is always ready: it takes what it is given.
+  const bool is_for_us =
+      the_wire != nullptr && the_socket >= 0 && to_read != nullptr && FD_ISSET(the_socket, to_read);
   if (!is_for_us) return __real_select(count, to_read, to_write, others, limit);
   return the_wire->IsReadable() ? 1 : 0;
 }

@@ -256,7 +256,12 @@ void Socket::ThrowWriteError(u_int32_t line) const {
 }
 
 BraidResult Socket::Gets(std::string& line) const {
-  std::size_t length = 0;  // bytes of this line, dropped ones included
+  TakeLine(line);
+  return BRAID_OK;
+}
+
+std::size_t Socket::TakeLine(std::string& line) const {
+  std::size_t length = 0;
   for (;;) {
     if (_received.empty()) Fill();
     const std::size_t end = _received.find('\n');
@@ -267,7 +272,7 @@ BraidResult Socket::Gets(std::string& line) const {
     _received.remove_prefix(part.size());
     if (end != std::string_view::npos) {
       _received.remove_prefix(1);
-      return BRAID_OK;
+      return length + 1;
     }
   }
 }
@@ -343,9 +348,8 @@ BraidResult ClientSocket::Receive(std::string& response) const {
   std::size_t taken = 0;
   for (std::string line;; line.clear()) {
     if (Eof()) ThrowError("Remote server closed connection (receivecs EOF)");
-    Gets(line);
     // Lines that make no answer count, too: there may be no end of them.
-    taken += line.size() + 1;
+    taken += TakeLine(line);
     if (taken > _max_buffer) ThrowReadError(TOO_LARGE);
     if (line == NEW_BUF) {
       response.clear();

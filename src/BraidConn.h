@@ -65,6 +65,8 @@ class Socket {
   /// what is left of them is nothing. Throws when the peer is gone, or takes nothing for
   /// MAX_SILENCE.
   void Send(std::span<std::string_view> parts) const;
+  /// Gets; returns how many bytes it took, its end and carriage returns included.
+  std::size_t TakeLine(std::string& line) const;
   /// Whether `line` is among what was read ahead of Gets.
   bool HasRead(std::string_view line) const;
   /// Throws what Gets throws when reading fails.
@@ -102,8 +104,9 @@ class ClientSocket : public Socket {
   /// more than MAX_BUFFER bytes.
   BraidResult Receive(std::string& response) const;
 
-  /// Whether the end of a buffer came along with what was received, and is still there. Where no
-  /// request is outstanding, that is an answer too many: nobody knows any more which is whose.
+  /// Whether the end of a buffer was read along with what was received, in the same piece of 64 KiB
+  /// at most, and is still there. Where no request is outstanding, that is an answer too many:
+  /// nobody knows any more which is whose.
   bool HasSurplus() const;
 
   /// Sends one buffer, in pieces of about 4000 characters. Throws when the peer does not agree to

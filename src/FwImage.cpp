@@ -104,7 +104,6 @@ class FwImage::LineReader {
       errno = S_ISDIR(_status.st_mode) ? EISDIR : EOPNOTSUPP;  // a device may never end
       ThrowCantOpen();
     }
-    _block.resize(BLOCK);
   }
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
@@ -162,9 +161,9 @@ class FwImage::LineReader {
   }
 
   std::string _path;
+  std::vector<char> _block = std::vector<char>(BLOCK);  // before the descriptor: it may fail
   int _fd;
   struct stat _status {};  ///< when it was opened
-  std::vector<char> _block;
   std::string_view _rest;  ///< of the block, not handed out yet
   u_int64_t _left = 0;
 };
@@ -405,6 +404,18 @@ BraidResult FwImage::LoadBin(const char*) { return BRAID_NOT_IMPLEMENTED; }
 
 BraidResult FwImage::LoadImg(const char* file_name) {
   LineReader reader(file_name);
+  try {
+    LoadLines(reader);
+  } catch (const BraidError&) {
+    // A line that is half of one and half of another is no mistake of whoever looks for it now.
+    reader.CheckUnchanged();
+    throw;
+  }
+  reader.CheckUnchanged();
+  return BRAID_OK;
+}
+
+void FwImage::LoadLines(LineReader& reader) {
   _curr_line = 0;
   Section* open_section = nullptr;
   for (std::string_view line; reader.Next(line);) {
@@ -432,15 +443,17 @@ BraidResult FwImage::LoadImg(const char* file_name) {
       open_section = nullptr;
     }
   }
-  reader.CheckUnchanged();
-  return BRAID_OK;
 }
 
 void FwImage::ReserveData(Section& section, u_int64_t file_bytes) {
   // A section may be all that comes: growing step by step would hold it twice for a while. Room
   // that is not used costs nothing.
   constexpr u_int64_t SHORTEST_WORD = 2;  // one digit and a blank
-  section.data.reserve(static_cast<std::size_t>(file_bytes / SHORTEST_WORD));
+  try {
+    section.data.reserve(static_cast<std::size_t>(file_bytes / SHORTEST_WORD));
+  } catch (const std::bad_alloc&) {
+    // Most of what comes may be comments, or other sections.
+  }
 }
 
 void FwImage::TrimData(Section& section) {

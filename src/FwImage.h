@@ -183,6 +183,8 @@ class FwImage {
  private:
   class LineReader;
 
+  void LoadLines(LineReader& reader);
+
   [[noreturn]] void ThrowLineError(const std::string& text, const char* file = __builtin_FILE(),
                                    u_int32_t line = __builtin_LINE()) const;
   u_int32_t ParseSlotIndex(const std::vector<std::string>& words) const;

@@ -414,14 +414,14 @@ BraidResult RemoteRomInterface::AddDeviceRecord(const Response& record) {
 
 BraidResult RemoteRomInterface::Connect() { return _socket.Connect(_access.ip, _access.port); }
 
-void RemoteRomInterface::CheckStep() const {
+void RemoteRomInterface::CheckNoSurplus() const {
   if (_socket.HasSurplus()) {
     ThrowError(Text("Error accessing to ", _access, ": Got an answer that nobody asked for."));
   }
 }
 
 Response RemoteRomInterface::ExchangeText(const std::string& text) {
-  CheckStep();
+  CheckNoSurplus();
   _socket.Respond(text);
   Response answer;
   _socket.Receive(answer);
@@ -429,7 +429,7 @@ Response RemoteRomInterface::ExchangeText(const std::string& text) {
 }
 
 Response RemoteRomInterface::Exchange(const std::string& request) {
-  CheckStep();
+  CheckNoSurplus();
   _socket.Request(request);
   Response answer;
   _socket.Receive(answer);

@@ -228,7 +228,7 @@ class RemoteRomInterface : public RomInterface {
  private:
   static ServerAccess ParseServer(const std::string& server);
   /// Throws where an answer is there before its request: who goes on takes each for another's.
-  void CheckStep() const;
+  void CheckNoSurplus() const;
   void AskMultiMax();
   void AskIfcVersion();
   /// GetVsd and GetBsn: `request_op` is asked for, the answer read as one of `answer_op`.

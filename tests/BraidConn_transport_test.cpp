@@ -593,8 +593,9 @@ TEST_F(TcpTest, SignalsDoNotEndTheWaitForAServer) {
   ClientSocket first;
   first.Connect("127.0.0.1", _port);
   std::atomic<bool> is_over = false;
+  g_signals = 0;
   std::thread accepting = Undisturbed([&] {
-    std::this_thread::sleep_for(milliseconds(100));
+    while (g_signals < 3 && !is_over) std::this_thread::sleep_for(milliseconds(5));
     std::vector<std::unique_ptr<Socket>> accepted;
     _server.SetNonBlocking(true);
     while (!is_over) {

@@ -119,12 +119,21 @@ TEST_F(FwImageLoadTest, FifoAndDeviceAreRefusedAtOnce) {
 
 TEST_F(FwImageLoadTest, FileThatMayNotBeReadIsRefused) {
   const std::string file = File("START A 0 0\n1 2 3 4\nEND A\n");
-  std::filesystem::permissions(file, std::filesystem::perms::none);
-  constexpr uid_t NOBODY = 65534;
-  const auto before = static_cast<uid_t>(setfsuid(NOBODY));  // root may read everything
-  const std::string error = ErrorOf([&] { _image.Open(file.c_str(), READ); });
-  setfsuid(before);
-  EXPECT_EQ(error, "Can't open file \"" + file + "\" : Permission denied");
+  using std::filesystem::perms;
+  std::filesystem::permissions(_folder.Path(),
+                               perms::owner_all | perms::group_exec | perms::others_exec);
+  const auto open_as_nobody = [&file] {
+    constexpr uid_t NOBODY = 65534;
+    const auto before = static_cast<uid_t>(setfsuid(NOBODY));  // root may read everything
+    FwImage image;
+    const std::string error = ErrorOf([&] { image.Open(file.c_str(), READ); });
+    setfsuid(before);
+    return error;
+  };
+  std::filesystem::permissions(file, perms::owner_read | perms::group_read | perms::others_read);
+  EXPECT_EQ(open_as_nobody(), "(no error)");
+  std::filesystem::permissions(file, perms::none);
+  EXPECT_EQ(open_as_nobody(), "Can't open file \"" + file + "\" : Permission denied");
 }
 
 TEST_F(FwImageLoadTest, ReadErrorGivesTheSystemsReason) {
@@ -147,9 +156,9 @@ class ReadHook {
 };
 
 /// Files of several blocks, each read by itself.
-class FwImageReadTest : public FwImageLoadTest {
+class FwImageLoadInPiecesTest : public FwImageLoadTest {
  protected:
-  FwImageReadTest() {
+  FwImageLoadInPiecesTest() {
     std::string text = "START A 0 0\n";
     for (u_int32_t i = 0; i < WORDS; ++i) text += Text(std::hex, i % 256, " 1 2 3\n");
     _file = File(text + "END A\n");
@@ -163,7 +172,7 @@ class FwImageReadTest : public FwImageLoadTest {
   std::string _file;
 };
 
-TEST_F(FwImageReadTest, ErrorInTheMiddleEndsTheLoading) {
+TEST_F(FwImageLoadInPiecesTest, ErrorInTheMiddleEndsTheLoading) {
   for (const int which : {1, 2, 3}) {
     const ReadHook hook([which](int number) { return number == which ? EIO : 0; });
     EXPECT_EQ(Open(), "Can't open file \"" + _file + "\" : Input/output error");
@@ -171,14 +180,14 @@ TEST_F(FwImageReadTest, ErrorInTheMiddleEndsTheLoading) {
   }
 }
 
-TEST_F(FwImageReadTest, SignalsDoNotEndTheLoading) {
+TEST_F(FwImageLoadInPiecesTest, SignalsDoNotEndTheLoading) {
   const ReadHook hook([](int number) { return number % 2 == 1 ? EINTR : 0; });
   EXPECT_EQ(Open(), "(no error)");
   EXPECT_GT(g_reads, 4);
   EXPECT_EQ(Data(0).size(), 4 * WORDS);
 }
 
-TEST_F(FwImageReadTest, FileThatChangesMeanwhileIsRefused) {
+TEST_F(FwImageLoadInPiecesTest, FileThatChangesMeanwhileIsRefused) {
   const auto set_time = [this](timespec time) {
     const timespec times[] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, time};
     EXPECT_EQ(utimensat(AT_FDCWD, _file.c_str(), times, 0), 0);

@@ -140,17 +140,23 @@ TEST_F(MachineTest, BurnThatIsStoppedGoesOnWhereItWas) {
   const std::size_t requests = RequestsOfABurn();
   for (const std::size_t k : {requests / 4, requests / 2, requests - 1}) {
     SCOPED_TRACE(k);
-    std::filesystem::remove_all(_folder / "state");
-    Serve(Fault("delay", k, "milliseconds = 200\n"));
-    // One that waits half a second for an answer, and is stopped for longer.
-    Child burner(Words(IMPATIENT_PROGRAM), _folder / "errors");
-    ASSERT_TRUE(WaitForRequest(k));
-    burner.Signal(SIGSTOP);
-    std::this_thread::sleep_for(std::chrono::milliseconds(900));
-    EXPECT_EQ(Requests(), k);
-    burner.Signal(SIGCONT);
-    EXPECT_EQ(burner.Wait(), 0);
-    ExpectNew();
+    bool is_stopped_in_time = false;
+    for (int again = 0; again < 5 && !is_stopped_in_time; ++again) {
+      std::filesystem::remove_all(_folder / "state");
+      Serve(Fault("delay", k, "milliseconds = 300\n"));
+      // One that waits half a second for an answer, and is stopped for longer.
+      Child burner(Words(IMPATIENT_PROGRAM), _folder / "errors");
+      ASSERT_TRUE(WaitForRequest(k));
+      burner.Signal(SIGSTOP);
+      std::this_thread::sleep_for(std::chrono::milliseconds(900));
+      // On a busy machine the answer may have come first, or half a second have gone by before.
+      is_stopped_in_time = Requests() == k;
+      burner.Signal(SIGCONT);
+      is_stopped_in_time = burner.Wait() == 0 && is_stopped_in_time;
+      if (is_stopped_in_time) ExpectNew();
+      _simulator->Stop();
+    }
+    EXPECT_TRUE(is_stopped_in_time);
   }
 }
 
@@ -261,8 +267,12 @@ TEST_F(MachineTest, HugeFileWithoutAnImageTakesNoMemory) {
 
 TEST_F(MachineTest, ImageLargerThanTheMemoryIsRefused) {
   if (IS_SANITIZED) GTEST_SKIP() << "its own memory is larger than any limit";
-  const std::string large = _folder.Write("large.img", "DEVICE_TYPE RV61100\nSTART A 0 0\n");
-  std::filesystem::resize_file(large, std::uintmax_t{1} << 30);
+  std::string line;
+  for (int i = 0; i < 256; ++i) line += "ff ";
+  line += "\n";
+  std::string text = "DEVICE_TYPE RV61100\nSTART A 0 0\n";
+  while (text.size() < std::size_t{100} << 20) text += line;
+  const std::string large = _folder.Write("large.img", text);
   EXPECT_EQ(FailureOf(RunShell(Text("ulimit -v 32768; exec '", FwpushProgram(),
                                     "' -g 10 -s IB:127.0.0.1:1 -f '", large, "'"))),
             "Can't open file \"" + large + "\" : Cannot allocate memory\n");

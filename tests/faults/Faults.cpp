@@ -548,7 +548,6 @@ class Oracle {
     }
   }
 
-  /// The second answer is taken for that to the next request, and so on to the end.
   /// The second answer is there before the next request.
   Expected OfTwice() const {
     if (IsLast()) return Succeeds();

@@ -99,6 +99,32 @@ pid_t Start(const std::vector<std::string>& words, const File& output, const Fil
   return pid;
 }
 
+/// A child that is gone when its owner is, however that ends.
+class ChildProcess {
+ public:
+  explicit ChildProcess(pid_t pid) : _pid(pid) {}
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess() {
+    if (_pid < 0) return;
+    kill(_pid, SIGKILL);
+    Wait();
+  }
+
+  pid_t Pid() const { return _pid; }
+  /// Its status, when it has ended.
+  int Wait() {
+    int status = 0;
+    while (waitpid(_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    _pid = -1;
+    return status;
+  }
+
+ private:
+  pid_t _pid;
+};
+
 /// One client's connection.
 class Conversation {
  public:
@@ -314,21 +340,21 @@ Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
   Outcome outcome;
   const File output(memfd_create("output", MFD_CLOEXEC));
   const File errors(memfd_create("errors", MFD_CLOEXEC));
-  const pid_t pid = Start(words, output, errors);
+  // Of a client that was ended before it was served.
+  for (int left; (left = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) close(left);
+  ChildProcess child(Start(words, output, errors));
   // The C library's own is declared for C alone.
-  const File process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  const File process(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
   if (process.Get() < 0) ThrowSystemError("pidfd_open");
   if (Ready(_listener, process.Get(), deadline)) {
     const int connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection >= 0) {
-      Conversation(connection, fabric, disturber, pid, outcome, deadline).Go();
+      Conversation(connection, fabric, disturber, child.Pid(), outcome, deadline).Go();
     }
   }
   outcome.in_time = Ready(process.Get(), -1, deadline);
-  if (!outcome.in_time) kill(pid, SIGKILL);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
+  if (!outcome.in_time) kill(child.Pid(), SIGKILL);
+  const int status = child.Wait();
   if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
   if (WIFSIGNALED(status)) outcome.signal = WTERMSIG(status);
   outcome.output = Contents(output);

@@ -56,6 +56,8 @@ std::vector<Guid> ToldIn(const std::string& output) {
   std::vector<Guid> told;
   for (std::size_t at = 0; (at = output.find(head, at)) != std::string::npos;) {
     at += head.size();
+    // The last line of a burner that was killed may be cut.
+    if (output.find('\n', at) == std::string::npos) break;
     told.push_back(std::stoull(output.substr(at, 16), nullptr, 16));
   }
   return told;
@@ -574,7 +576,7 @@ class Stage {
     for (const std::string& word : _story.switches) *_out << " " << word;
     *_out << "\n";
     for (const auto& [guid, device] : _story.fabric.Devices()) {
-      *_out << Name(guid) << (now_given(guid) ? ", given" : "") << ", ports";
+      *_out << Name(guid) << (IsGiven(guid) ? ", given" : "") << ", ports";
       for (const Guid port : device.port_guids) *_out << " " << sim::HexGuid(port);
       *_out << ", system " << sim::HexGuid(device.sys_guid);
       for (const auto& [address, chip] : device.chips) {
@@ -591,7 +593,7 @@ class Stage {
     if (!_story.refusal.empty()) *_out << "to be refused: " << _story.refusal << "\n";
     *_out << "\n";
   }
-  bool now_given(Guid node) const {
+  bool IsGiven(Guid node) const {
     return std::ranges::any_of(_story.targets, [&](Guid name) {
       const sim::Device* device = _story.fabric.Find(name);
       return device && device->node_guid == node;

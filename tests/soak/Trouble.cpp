@@ -100,7 +100,6 @@ const Hit* Trouble::HitAt(std::size_t index) const {
 }
 
 bool Trouble::Comes(std::size_t index, const std::string& request, pid_t client) {
-  _index = index;
   _is_stopped = false;
   const faults::Request parsed = faults::Understand(request, "", _has_written);
   if (IsShortWrite(parsed)) {

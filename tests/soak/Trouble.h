@@ -66,7 +66,6 @@ class Trouble : public faults::Disturber {
 
   const std::vector<Fired>& Happened() const { return _fired; }
   /// The request in hand.
-  std::size_t Index() const { return _index; }
 
  private:
   const Hit* HitAt(std::size_t index) const;
@@ -78,7 +77,6 @@ class Trouble : public faults::Disturber {
   sim::Fabric& _fabric;
   std::vector<Hit> _hits;
   std::vector<Fired> _fired;
-  std::size_t _index = 0;
   u_int32_t _short_writes = 0;
   bool _has_written = false;
   bool _is_stopped = false;

@@ -76,8 +76,9 @@ int Main(int argc, char** argv) {
   unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
   bool spoils = false;
   std::string program = FWPUSH_PROGRAM;
-  app.add_option("--minutes", minutes, "How long")->check(CLI::Range(0.0, 1440.0));
-  app.add_option("--count", count, "How many stories, where it is not for how long");
+  CLI::Option* bound = app.add_option("--minutes", minutes, "How long");
+  bound->check(CLI::Range(0.0, 1440.0));
+  app.add_option("--count", count, "How many stories")->excludes(bound);
   app.add_option("--seed", seed, "The first story (default: another one each time)");
   CLI::Option* one = app.add_option("--case", repeated, "Only this story, and show it");
   app.add_option("--jobs", jobs, "Stories side by side")
