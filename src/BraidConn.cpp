@@ -12,7 +12,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "utils.h"
 

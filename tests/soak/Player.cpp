@@ -545,7 +545,8 @@ class Stage {
       }
     }
     if (!_story.row.empty() && _story.row != INVARIANT_ROW) return _story.row;
-    if (_story.burn != soak::Burn::RECORDS) return "";
+    // What nothing disturbed is torn by nothing.
+    if (_story.burn != soak::Burn::RECORDS || now.fired.empty()) return "";
     for (const u_int32_t slot : {0u, 1u}) {
       const bool is_broken = verdict.slots[slot] == BootRule::BROKEN;
       if (is_broken && rule.KnowsRecord(memory, slot)) return "";
