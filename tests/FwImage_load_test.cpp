@@ -17,8 +17,10 @@ int g_reads = 0;                        ///< since it was set
 
 }  // namespace
 
-// Takes the place of the system's function, which fails at no test's bidding.
-extern "C" ssize_t read(int fd, void* into, std::size_t room) {
+// Takes the place of the system's read, which fails at no test's bidding; the header may define one
+// of that name itself.
+extern "C" ssize_t ReadHere(int fd, void* into, std::size_t room) asm("read");
+ssize_t ReadHere(int fd, void* into, std::size_t room) {
   const int error = g_before_read ? g_before_read(++g_reads) : 0;
   if (error == 0) return syscall(SYS_read, fd, into, room);
   errno = error;
@@ -197,12 +199,12 @@ TEST_F(FwImageLoadInPiecesTest, FileThatChangesMeanwhileIsRefused) {
       {"written to", [&] { set_time({.tv_sec = 1000001, .tv_nsec = 0}); }},
       {"written to in the same second", [&] { set_time({.tv_sec = 1000000, .tv_nsec = 1}); }},
   };
-  for (const auto& [name, change] : changes) {
-    SCOPED_TRACE(name);
+  for (const auto& each : changes) {
+    SCOPED_TRACE(each.first);
     set_time({.tv_sec = 1000000, .tv_nsec = 0});
     {
-      const ReadHook hook([&change](int number) {
-        if (number == 2) change();
+      const ReadHook hook([&each](int number) {
+        if (number == 2) each.second();
         return 0;
       });
       EXPECT_EQ(Open(), "Can't open file \"" + _file + "\" : It was changed while it was read");
