@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Boot.h"
+#include "Console.h"
 #include "Fabric.h"
 #include "Faults.h"
 #include "support.h"
@@ -46,7 +47,7 @@ class Burn {
 
   // Of a run that nothing disturbs, for whoever disturbs the others.
   std::vector<Request> requests;
-  std::vector<std::string> reports;  ///< of devices that cannot be burnt
+  std::vector<Report> reports;  ///< of devices that cannot be burnt
 
  private:
   enum class Algorithm { GENERIC, RV52100, RV61300 };

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "Burns.h"
+#include "Console.h"
 #include "Server.h"
 
 namespace faults {
@@ -23,7 +24,6 @@ namespace {
 
 /// That a run may take: the limit on silence is half a second here, and nothing else waits.
 constexpr std::chrono::seconds LIMIT{20};
-constexpr char SUCCEEDED[] = "-I- BURN SUCCEEDED\n";
 
 /// One fault at one request of one burn.
 struct Case {
@@ -47,35 +47,6 @@ struct Verdict {
   std::string failure;
   Outcome outcome;
 };
-
-/// Lines of failed devices, "0x0000000000000100:refused".
-std::vector<std::string> FailedDevices(const std::string& output) {
-  const std::string head = "\r-E- BURN FAILED:0x";
-  std::vector<std::string> lines;
-  for (std::size_t at = 0; (at = output.find(head, at)) != std::string::npos;) {
-    at += head.size();
-    lines.push_back("0x" + output.substr(at, output.find('\n', at) - at));
-  }
-  return lines;
-}
-
-/// The text that ended the run for all devices; empty where none did.
-std::string EndOf(const std::string& output) {
-  const std::string head = "\r-E- BURN FAILED:ALL:";
-  const std::size_t start = output.rfind(head);
-  if (start == std::string::npos || !output.ends_with("\n")) return "";
-  const std::string text = output.substr(start + head.size());
-  return text.substr(0, text.size() - 1);
-}
-
-std::string AssertionOf(const std::string& errors) {
-  const std::string head = ": Assertion `";
-  const std::size_t start = errors.rfind(head);
-  const std::string tail = "' failed.\n";
-  if (start == std::string::npos || !errors.ends_with(tail)) return "";
-  const std::size_t from = start + head.size();
-  return errors.substr(from, errors.size() - tail.size() - from);
-}
 
 /// Runs cases, one after the other.
 class Runner {
@@ -105,10 +76,10 @@ class Runner {
     };
     if (!outcome.in_time) fail("it does not end by itself");
     if (!outcome.complaint.empty()) fail(outcome.complaint);
-    const bool is_well = outcome.status == 0 && outcome.output.ends_with(SUCCEEDED);
+    const bool is_well = HasSucceeded(outcome);
     verdict.end = is_well ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
     CheckEnd(of, expected, outcome, is_well, fail);
-    const std::vector<std::string> reports = FailedDevices(outcome.output);
+    const std::vector<Report> reports = ReportsIn(outcome.output);
     CheckReports(of, expected, outcome, fail);
     CheckRequests(of, expected, outcome, fail);
 
@@ -118,10 +89,9 @@ class Runner {
         verdict.row = worth.row;
         if (verdict.row.empty()) fail(Text("device ", std::hex, guid, " ", worth.text));
       }
-      const bool is_lost = std::ranges::any_of(
-          reports, [&, name = sim::HexGuid(guid) + ":"](const std::string& report) {
-            return report.starts_with(name) && std::ranges::count(burn.reports, report) == 0;
-          });
+      const bool is_lost = std::ranges::any_of(reports, [&, name = guid](const Report& report) {
+        return report.device == name && std::ranges::count(burn.reports, report) == 0;
+      });
       if (is_well && !is_lost && !worth.is_right) {
         fail(Text("device ", std::hex, guid, " is not right: ", worth.text));
       }
@@ -144,7 +114,7 @@ class Runner {
       burn.requests.push_back(Understand(outcome.requests[i], outcome.answers[i], has_written));
       has_written = has_written || outcome.requests[i].find("Write") != std::string::npos;
     }
-    burn.reports = FailedDevices(outcome.output);
+    burn.reports = ReportsIn(outcome.output);
   }
 
  private:
@@ -194,13 +164,16 @@ class Runner {
   static void CheckReports(const Case& of, const Expected& expected, const Outcome& outcome,
                            const Fail& fail) {
     if (expected.end == Expected::CONFUSED) return;
-    std::vector<std::string> reports = FailedDevices(outcome.output);
+    std::vector<Report> reports = ReportsIn(outcome.output);
+    const auto text_of = [](const Report& report) {
+      return sim::HexGuid(report.device) + ":" + report.text;
+    };
     for (const Guid guid : expected.lost) {
-      const std::string report = sim::HexGuid(guid) + ":" + expected.lost_text;
-      if (std::erase(reports, report) != 1) fail("does not report " + report);
+      const Report report{guid, expected.lost_text};
+      if (std::erase(reports, report) != 1) fail("does not report " + text_of(report));
     }
-    for (const std::string& report : reports) {
-      if (std::ranges::count(of.burn->reports, report) == 0) fail("reports " + report);
+    for (const Report& report : reports) {
+      if (std::ranges::count(of.burn->reports, report) == 0) fail("reports " + text_of(report));
     }
     if (expected.all_lost && outcome.output.find("\r-E- BURN FAILED:ALL:" + expected.lost_text +
                                                  "\n") == std::string::npos) {
@@ -228,7 +201,7 @@ class Runner {
   std::string WrongAfter(const Burn& burn, const Outcome& outcome, const sim::Fabric& fabric) {
     if (!outcome.in_time) return "does not end by itself";
     if (!outcome.complaint.empty()) return outcome.complaint;
-    if (outcome.status != 0 || !outcome.output.ends_with(SUCCEEDED)) {
+    if (!HasSucceeded(outcome)) {
       return Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"",
                   EndOf(outcome.output), "\"");
     }
