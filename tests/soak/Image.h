@@ -52,6 +52,8 @@ constexpr u_int32_t RECORD_SIZE = 264;  ///< of a pointer sector
 constexpr u_int32_t CRC_OFFSET = 260;   ///< in it
 constexpr u_int32_t MARKER = 0x24;      ///< where an invariant sector bears the signature
 constexpr u_int32_t SIGNATURE_OFFSET = 8;
+constexpr u_int32_t HELD_BACK =
+    4;  ///< first bytes of a slot without a pointer sector, written last
 
 struct Image {
   std::string type;               ///< device type, as the file has it

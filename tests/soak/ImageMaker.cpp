@@ -330,7 +330,7 @@ std::optional<Image> MakeRecords(const Ground& ground, const Slots& slots, Dice&
   const u_int32_t behind = image.slot[0] + BOOT_RECORD;
   maker.AddFields(dice.Below(6), 0, behind, distance);
   maker.AddCrcs(dice.Below(5), 0, image.slot[0] + 4, behind, distance);
-  // Covered while the record is spoilt: wrong for the boot code, but told so.
+  // Computed while the record is spoilt: wrong for the boot code, as users are told.
   if (dice.Chance(5) && image.sections.front().Size() > BOOT_RECORD + 4) {
     maker.AddCrc({image.slot[0], 8, behind}, distance);
   }

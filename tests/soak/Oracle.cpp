@@ -12,7 +12,6 @@ namespace soak {
 namespace {
 
 constexpr u_int32_t SIGNATURE_WORD = 0xCB84CB84;
-constexpr u_int32_t HELD_BACK = 4;     ///< first bytes of a slot, written last
 constexpr u_int32_t BOOT_RECORD = 16;  ///< bytes
 constexpr u_int32_t INVARIANT_SLOT = 2;
 constexpr u_int8_t ERASED = 0xFF;
@@ -95,7 +94,7 @@ struct Oracle::Writer {
 
 bool Oracle::IsReplaced(const Field& field) const {
   if (field.own == Own::BSN && _image.type == "RV61100") return _image.bsn_first;
-  return _burn != Burn::GENERIC || (field.own != Own::VSD && field.own != Own::SIGNATURE);
+  return _burn != BurnKind::GENERIC || (field.own != Own::VSD && field.own != Own::SIGNATURE);
 }
 
 DataVec Oracle::ValueOf(Own own) const {
@@ -163,7 +162,7 @@ void Oracle::BurnSection(Writer& writer, const Section& section, u_int32_t desti
 void Oracle::BurnSections(Writer& writer, u_int32_t slot) const {
   const u_int32_t distance = _image.slot[slot] - _image.slot[0];
   for (const Section* section : _image.SlotSections()) {
-    if (_burn == Burn::RECORDS && section->addr == _image.slot[0]) {
+    if (_burn == BurnKind::RECORDS && section->addr == _image.slot[0]) {
       Section spoilt = *section;
       spoilt.data.at(3) = static_cast<u_int8_t>(spoilt.data.at(3) + 10);
       BurnSection(writer, spoilt, section->addr + distance);
@@ -171,7 +170,7 @@ void Oracle::BurnSections(Writer& writer, u_int32_t slot) const {
       BurnSection(writer, *section, section->addr + distance);
     }
   }
-  if (_burn == Burn::RECORDS) {
+  if (_burn == BurnKind::RECORDS) {
     const DataVec& data = _image.SlotSections().front()->data;
     writer.Program(_image.slot[slot], DataVec(data.begin(), data.begin() + HELD_BACK));
   }
@@ -190,7 +189,7 @@ void Oracle::BurnPointers(Writer& writer, u_int32_t slot) const {
 void Oracle::BurnSlot(Memory& memory, u_int32_t slot) const {
   Writer writer{memory};
   BurnSections(writer, slot);
-  if (_burn == Burn::POINTERS) BurnPointers(writer, slot);
+  if (_burn == BurnKind::POINTERS) BurnPointers(writer, slot);
 }
 
 std::vector<const Section*> Oracle::InvariantSections(u_int32_t sector_size) const {
@@ -214,7 +213,7 @@ bool Oracle::IsSigned(const Memory& memory, u_int32_t slot) const {
 }
 
 bool Oracle::IsValid(const Memory& memory, u_int32_t slot) const {
-  if (_burn == Burn::RECORDS) {
+  if (_burn == BurnKind::RECORDS) {
     const DataVec record = memory.Part(_image.slot[slot], BOOT_RECORD);
     return BootSum(record) == 0xAB && !(slot == 0 && record[7] == 1);
   }
@@ -229,7 +228,7 @@ bool Oracle::IsInTheWay(const Memory& memory) const {
 
 View Oracle::Look(const Memory& memory) const {
   View view;
-  if (_burn != Burn::POINTERS) return view;
+  if (_burn != BurnKind::POINTERS) return view;
   for (const Section* section : InvariantSections(memory.sector_size)) {
     if (!memory.Has(section->addr, section->data)) view.invariant_changed = true;
   }
@@ -268,11 +267,11 @@ Result Oracle::After(const Memory& before, const View& view) const {
   Result result{before, ""};
   Memory& memory = result.memory;
   Writer writer{memory};
-  if (_burn == Burn::GENERIC) {
+  if (_burn == BurnKind::GENERIC) {
     for (const Section& section : _image.sections) BurnSection(writer, section, section.addr);
     return result;
   }
-  if (_burn == Burn::RECORDS) {
+  if (_burn == BurnKind::RECORDS) {
     const bool is_valid[] = {IsValid(memory, 0), IsValid(memory, 1)};
     if (!is_valid[0] && !is_valid[1]) {
       result.refusal = "Both images are invalid - Can't perform failsafe burn.";
@@ -307,34 +306,80 @@ Result Oracle::After(const Memory& before, const View& view) const {
   return result;
 }
 
-std::vector<Range> Oracle::Writable(const Memory& before) const {
-  std::vector<Range> ranges;
-  const auto add_slot = [&](const Section& section, u_int32_t distance) {
-    const Range range{section.addr + distance, section.Size()};
-    ranges.push_back(range);
-    for (const Crc& crc : _image.crcs) {
-      if (range.Holds(crc.from, 1)) ranges.push_back({crc.place, 4});
+void Oracle::Correct(Memory& memory, u_int32_t slot) const {
+  for (const Crc& crc : _image.crcs) {
+    if (_burn != BurnKind::RECORDS ||
+        !Range{crc.from, crc.size}.Meets(_image.slot[slot], HELD_BACK)) {
+      continue;
     }
-  };
-  if (_burn == Burn::GENERIC) {
-    for (const Section& section : _image.sections) add_slot(section, 0);
-    return ranges;
+    const DataVec sum = BigWord(ReferenceCrc(memory.Part(crc.from, crc.size)));
+    std::ranges::copy(sum, memory.bytes.begin() + crc.place);
   }
-  for (const u_int32_t slot : {0u, 1u}) {
-    for (const Section* section : _image.SlotSections()) {
-      add_slot(*section, _image.slot[slot] - _image.slot[0]);
+}
+
+// ---- In what order
+
+Step Oracle::StepOf(const Section& section, u_int32_t destination) const {
+  const Range range{destination, section.Size()};
+  Step step{Text("writing section ", section.name, " at ", std::hex, destination), {range}};
+  for (const Crc& crc : _image.crcs) {
+    if (range.Holds(crc.from, 1)) step.ranges.push_back({crc.place, 4});
+  }
+  return step;
+}
+
+Step Oracle::SignatureStep(const char* what, u_int32_t slot) const {
+  return {Text(what, " signature ", slot), {{_image.ps[slot] + SIGNATURE_OFFSET, 4}}};
+}
+
+void Oracle::AddSlotSteps(std::vector<Step>& steps, u_int32_t slot) const {
+  for (const Section* section : _image.SlotSections()) {
+    steps.push_back(StepOf(*section, section->addr + _image.slot[slot] - _image.slot[0]));
+  }
+  if (_burn == BurnKind::RECORDS) {
+    steps.push_back({Text("validating slot ", slot), {{_image.slot[slot], HELD_BACK}}});
+  }
+}
+
+std::vector<Step> Oracle::Steps(const Memory& before, const View& view) const {
+  std::vector<Step> steps;
+  if (_burn == BurnKind::GENERIC) {
+    for (const Section& section : _image.sections) steps.push_back(StepOf(section, section.addr));
+    return steps;
+  }
+  if (_burn == BurnKind::RECORDS) {
+    const bool is_valid[] = {IsValid(before, 0), IsValid(before, 1)};
+    if (!is_valid[0] && !is_valid[1]) return steps;
+    for (const u_int32_t slot : {0u, 1u}) AddSlotSteps(steps, is_valid[1] ? slot : 1 - slot);
+    return steps;
+  }
+
+  if (before.Word(MARKER) != SIGNATURE_WORD) return steps;
+  if (view.invariant_changed) {
+    for (const Section* section : InvariantSections(before.sector_size)) {
+      steps.push_back(StepOf(*section, section->addr));
     }
-    if (_burn == Burn::RECORDS) continue;
-    add_slot(*PointerSection(slot), 0);
-    ranges.push_back({_image.ps[slot] + SIGNATURE_OFFSET, 4});
   }
-  if (_burn == Burn::RECORDS) return ranges;
-  for (const Section* section : InvariantSections(before.sector_size)) add_slot(*section, 0);
-  if (IsSigned(before, 1)) {
-    ranges.push_back({3 * before.sector_size, before.Word(_image.ps[1] + 4)});
-    ranges.push_back({_image.ps[0], RECORD_SIZE});
+  if (!view.is_signed[0] && !view.is_signed[1]) return steps;
+  u_int32_t slot = 1;
+  if (view.is_signed[0] && view.is_signed[1]) {
+    steps.push_back(SignatureStep("clearing", 1));
+  } else if (view.is_signed[1] && IsInTheWay(before)) {
+    steps.push_back(SignatureStep("clearing", 0));
+    steps.push_back(
+        {"copying the image", {{3 * before.sector_size, before.Word(_image.ps[1] + 4)}}});
+    steps.push_back({"copying its pointer sector", {{_image.ps[0], RECORD_SIZE}}});
+    steps.push_back(SignatureStep("setting", 0));
+    steps.push_back(SignatureStep("clearing", 1));
+  } else if (view.is_signed[1]) {
+    slot = 0;
   }
-  return ranges;
+  steps.push_back(SignatureStep("clearing", slot));
+  AddSlotSteps(steps, slot);
+  steps.push_back(StepOf(*PointerSection(slot), _image.ps[slot]));
+  steps.push_back(SignatureStep("setting", slot));
+  steps.push_back(SignatureStep("clearing", 1 - slot));
+  return steps;
 }
 
 // ---- What boots
@@ -357,17 +402,19 @@ void BootRule::Know(const Image& image, const sim::Device& device, const Memory&
     if (!now.Holds(image.slot[slot], image.Extent())) continue;
     Memory burnt = now;
     oracle.BurnSlot(burnt, slot);
+    // What no burn can make right never is.
+    if (state == NEW) oracle.Correct(burnt, slot);
     Known known{slot, state, {}};
     for (const Section* section : image.SlotSections()) {
       const u_int32_t addr = section->addr + distance;
       known.ranges.emplace_back(addr, burnt.Part(addr, section->Size()));
     }
-    if (_burn == Burn::POINTERS) {
+    if (_burn == BurnKind::POINTERS) {
       known.ranges.emplace_back(image.ps[slot], burnt.Part(image.ps[slot], RECORD_SIZE));
     }
     _known.push_back(std::move(known));
   }
-  if (_burn != Burn::POINTERS) return;
+  if (_burn != BurnKind::POINTERS) return;
   Memory invariant = now;
   oracle.BurnInvariantSector(invariant);
   _known.push_back({INVARIANT_SLOT, state, {{0, invariant.Part(0, now.sector_size)}}});
@@ -399,7 +446,7 @@ BootRule::Verdict BootRule::Judge(const Image& image, const sim::Device& device,
                                   const Memory& memory) const {
   const Oracle oracle(image, _burn, device);
   Verdict verdict;
-  verdict.invariant_is_whole = _burn != Burn::POINTERS;
+  verdict.invariant_is_whole = _burn != BurnKind::POINTERS;
   for (const u_int32_t slot : {0u, 1u}) {
     verdict.slots[slot] = oracle.IsValid(memory, slot) ? BROKEN : INVALID;
   }

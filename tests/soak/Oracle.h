@@ -12,7 +12,7 @@
 
 namespace soak {
 
-enum class Burn { GENERIC, POINTERS, RECORDS };
+enum class BurnKind { GENERIC, POINTERS, RECORDS };
 
 /// The memory of one device, as the image addresses it.
 struct Memory {
@@ -55,10 +55,16 @@ struct Result {
   std::string refusal;  ///< why the device is not burnt to the end; what is said of it begins so
 };
 
+/// A step of a burn: what it may write before the next one begins.
+struct Step {
+  std::string name;  ///< for people
+  std::vector<Range> ranges;
+};
+
 /// Burns one image into one device.
 class Oracle {
  public:
-  Oracle(const Image& image, Burn burn, const sim::Device& device)
+  Oracle(const Image& image, BurnKind burn, const sim::Device& device)
       : _image(image), _burn(burn), _device(device) {}
 
   /// The whole burn.
@@ -70,9 +76,13 @@ class Oracle {
   /// One slot alone, valid when it is done; for starting contents.
   void BurnSlot(Memory& memory, u_int32_t slot) const;
   void BurnInvariantSector(Memory& memory) const;
+  /// Puts right what a burn leaves wrong in a slot: CRCs over bytes that it holds back.
+  void Correct(Memory& memory, u_int32_t slot) const;
 
-  /// What the burn may write, given what the device holds when it starts.
-  std::vector<Range> Writable(const Memory& before) const;
+  /// What the burn may write, in the order that it must keep: a device that boots at the start has
+  /// an image that boots between any two of the steps. Given what the device holds before, and what
+  /// the burner takes it for.
+  std::vector<Step> Steps(const Memory& before, const View& view) const;
 
   bool IsSigned(const Memory& memory, u_int32_t slot) const;
   /// As the boot code sees it.
@@ -89,10 +99,13 @@ class Oracle {
   bool IsReplaced(const Field& field) const;
   DataVec ValueOf(Own own) const;
   const Section* PointerSection(u_int32_t slot) const;
+  Step StepOf(const Section& section, u_int32_t destination) const;
+  Step SignatureStep(const char* what, u_int32_t slot) const;
+  void AddSlotSteps(std::vector<Step>& steps, u_int32_t slot) const;
   std::vector<const Section*> InvariantSections(u_int32_t sector_size) const;
 
   const Image& _image;
-  Burn _burn;
+  BurnKind _burn;
   const sim::Device& _device;
 };
 
@@ -108,7 +121,7 @@ class BootRule {
     std::string Text() const;
   };
 
-  explicit BootRule(Burn burn) : _burn(burn) {}
+  explicit BootRule(BurnKind burn) : _burn(burn) {}
 
   /// What `image` makes of the device: into either slot. Its second image may be moved to the first
   /// slot later, where it is there now.
@@ -125,7 +138,7 @@ class BootRule {
     Ranges ranges;
   };
 
-  Burn _burn;
+  BurnKind _burn;
   std::vector<Known> _known;
 };
 

@@ -85,7 +85,7 @@ class Teller {
   }
 
   void TellPointers() {
-    _story.burn = Burn::POINTERS;
+    _story.burn = BurnKind::POINTERS;
     const bool changes_invariant = _dice.Chance(8);
     Held held[2] = {PickHeld(), PickHeld()};
     if (held[0] != Held::VALID && held[1] != Held::VALID) held[_dice.Below(2)] = Held::VALID;
@@ -147,14 +147,14 @@ class Teller {
                                              : "flash, failsafe, second valid";
     if (_dice.Chance(7)) {
       _story.kind = "flash, two slots, -n";
-      _story.burn = Burn::GENERIC;
+      _story.burn = BurnKind::GENERIC;
       _story.switches.push_back("-n");
       _story.row.clear();
     }
     const GuidVec nodes = AddDevices(1, _dice.Below(3));
     for (const Guid guid : nodes) {
       sim::Device& device = *_story.fabric.Find(guid);
-      const Oracle old(pair.before, Burn::POINTERS, device);
+      const Oracle old(pair.before, BurnKind::POINTERS, device);
       Memory memory = Filled(_ground.size);
       // Where there is no old image the sectors may hold anything but a signature.
       old.BurnInvariantSector(memory);
@@ -166,7 +166,7 @@ class Teller {
 
   void TellRecords() {
     _story.kind = "EEPROM, failsafe";
-    _story.burn = Burn::RECORDS;
+    _story.burn = BurnKind::RECORDS;
     struct Pair {
       Image before;
       Image after;
@@ -187,14 +187,20 @@ class Teller {
       return Pair{std::move(*before), std::move(*after)};
     });
     _story.image = std::move(pair.after);
-    if (_dice.Chance(4)) SpoilRecord();
+    const Range head{_story.image.slot[0], HELD_BACK};
+    const auto covers_head = [&](const Crc& crc) { return head.Meets(crc.from, crc.size); };
+    if (std::ranges::any_of(_story.image.crcs, covers_head)) {
+      _story.row = "a CRC over the first four bytes of a slot";
+    } else if (_dice.Chance(4)) {
+      SpoilRecord();
+    }
     if (_dice.Chance(5)) {
       _story.switches.push_back("-c");
       _story.check_only = true;
     }
     for (const Guid guid : AddDevices(_dice.Between(1, 6), _dice.Below(4))) {
       sim::Device& device = *_story.fabric.Find(guid);
-      const Oracle old(pair.before, Burn::RECORDS, device);
+      const Oracle old(pair.before, BurnKind::RECORDS, device);
       Memory memory = Filled(_ground.size);
       for (const u_int32_t slot : {0u, 1u}) {
         const Held held = PickHeld();
@@ -255,7 +261,7 @@ class Teller {
   }
 
   void Know(const sim::Device& device, const Image& old_image, const Memory& now) {
-    if (!_selected.contains(device.node_guid) || _story.burn == Burn::GENERIC) return;
+    if (!_selected.contains(device.node_guid) || _story.burn == BurnKind::GENERIC) return;
     BootRule rule(_story.burn);
     rule.Know(old_image, device, now, BootRule::OLD);
     rule.Know(_story.image, device, now, BootRule::NEW);
@@ -361,7 +367,7 @@ class Teller {
         if (is_flash) {
           _story.targets.insert(NewGuid());
           _story.refusal = "the flash sector size is unknown";
-          if (_story.burn == Burn::POINTERS) {
+          if (_story.burn == BurnKind::POINTERS) {
             _story.refusal = "The flash sector size is unknown. Can't perform failsafe burn";
           }
           return;
@@ -377,7 +383,7 @@ class Teller {
         _story.refusal = "No more accessible devices";
         return;
       case 4:
-        if (_story.burn != Burn::GENERIC) {
+        if (_story.burn != BurnKind::GENERIC) {
           image.slot[1] = UNPLACED;
           _story.refusal = "FwImage: Tried to access uninitiated field Image Addr[1]";
           return;
@@ -391,12 +397,12 @@ class Teller {
         }
         break;
       case 5:
-        if (_story.burn != Burn::POINTERS) break;
+        if (_story.burn != BurnKind::POINTERS) break;
         image.ps[1] = _ground.size;
         _story.refusal = "The image has no section at its pointer sector address ";
         return;
       case 6:
-        if (_story.burn == Burn::GENERIC) break;
+        if (_story.burn == BurnKind::GENERIC) break;
         ForgetImages();
         return;
       default:
@@ -407,7 +413,7 @@ class Teller {
 
   void ForgetImages() {
     const Image& image = _story.image;
-    const bool has_pointers = _story.burn == Burn::POINTERS;
+    const bool has_pointers = _story.burn == BurnKind::POINTERS;
     for (auto& [guid, device] : _story.fabric.Devices()) {
       Memory memory = MemoryOf(device, image);
       for (const u_int32_t slot : {0u, 1u}) {
@@ -481,9 +487,9 @@ class Teller {
     for (const Section& section : _story.image.sections) writes += section.Size() / chunk + 1;
     const auto own = static_cast<u_int32_t>(_story.image.fields.size() + _story.image.crcs.size());
     const auto devices = static_cast<u_int32_t>(_story.targets.size());
-    u_int32_t count = writes * (_story.burn == Burn::RECORDS ? 2 : 1) + own * devices;
+    u_int32_t count = writes * (_story.burn == BurnKind::RECORDS ? 2 : 1) + own * devices;
     if (_story.Verifies()) count *= 2;
-    return 5 + count + (_story.burn == Burn::GENERIC ? 0 : 4);
+    return 5 + count + (_story.burn == BurnKind::GENERIC ? 0 : 4);
   }
 
   Dice _dice;

@@ -14,7 +14,7 @@ namespace soak {
 struct Story {
   u_int64_t seed = 0;
   std::string kind;  ///< a line of the table
-  Burn burn = Burn::GENERIC;
+  BurnKind burn = BurnKind::GENERIC;
   Image image;
   std::string text;  ///< of the image file
   sim::Fabric fabric;

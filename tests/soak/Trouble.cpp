@@ -171,7 +171,10 @@ void Trouble::Spoil(const Hit& hit, const faults::Request& request) {
   fired.device = guid;
   if (fault.kind == sim::Fault::WRITE_WRONG) {
     fired.is_silent = !_story.Verifies();
-    if (!fired.is_silent) fired.ends = {"No more accessible devices"};
+    if (!fired.is_silent) {
+      fired.ends = {"No more accessible devices"};
+      fired.loses_device_at = hit.at + 1;  // which compares
+    }
   } else {
     Explain(fired);
   }
@@ -187,7 +190,7 @@ void Trouble::Explain(Fired& fired) const {
     fired.may_lose_all = true;
   }
   // Its record is judged all the same, and has no bytes.
-  if (_story.burn == Burn::RECORDS && fired.request.kind == Kind::BOOT_RECORD) {
+  if (_story.burn == BurnKind::RECORDS && fired.request.kind == Kind::BOOT_RECORD) {
     fired.asserts = {"read_data.size() == 16"};
     fired.must_fail = true;
   }
@@ -309,11 +312,14 @@ void Trouble::ExplainAnswer(Fired& fired) const {
   if (kind == Kind::VSD) {
     fired.must_fail = true;
     fired.asserts = {"rep_data.size() == fit->size"};
-  } else if (kind == Kind::BOOT_RECORD && _story.burn == Burn::RECORDS) {
+  } else if (kind == Kind::BOOT_RECORD && _story.burn == BurnKind::RECORDS) {
     fired.must_fail = true;
     fired.asserts = {"read_data.size() == 16"};
   } else if (kind == Kind::VERIFY) {
-    if (fault == Fault::TOO_LITTLE) ends = {"No more accessible devices"};
+    if (fault == Fault::TOO_LITTLE) {
+      ends = {"No more accessible devices"};
+      fired.loses_device_at = fired.hit.at;
+    }
   } else if (IsRead(fired.request)) {
     // The word at the second pointer sector is asserted to be one; the others are taken for others.
     fired.is_misread = true;

@@ -46,8 +46,10 @@ struct Fired {
   bool must_fail = false;              ///< the run cannot go well
   int signal = 0;                      ///< that ends it
   bool may_lose_all = false;           ///< any device may be told as failed
-  bool is_silent = false;              ///< nobody can know that the device holds something else
-  bool is_misread = false;             ///< the device is taken for another than it is
+  /// The request whose answer tells that the device is lost.
+  std::optional<std::size_t> loses_device_at{};
+  bool is_silent = false;   ///< nobody can know that the device holds something else
+  bool is_misread = false;  ///< the device is taken for another than it is
 };
 
 /// Up to three hits at requests of a run that has about `requests`.
@@ -65,7 +67,6 @@ class Trouble : public faults::Disturber {
   void Answered(std::size_t index, pid_t client) override;
 
   const std::vector<Fired>& Happened() const { return _fired; }
-  /// The request in hand.
 
  private:
   const Hit* HitAt(std::size_t index) const;
