@@ -93,21 +93,26 @@ class Signals {
   Descriptor _fd;
 };
 
-/// Starts `words` with its standard output going into `console`. Throws when it cannot be run.
-pid_t Start(const std::vector<std::string>& words, const Signals& signals,
-            const Descriptor& console) {
-  Channel trouble = Pipe();
+/// Becomes the program `words`. Returns only where that cannot be run: the error.
+int Become(const std::vector<std::string>& words) {
   std::vector<char*> av;
   av.reserve(words.size() + 1);
   for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
   av.push_back(nullptr);
+  execvp(av[0], av.data());
+  return errno;
+}
+
+/// Starts `words` with its standard output going into `console`. Throws when it cannot be run.
+pid_t Start(const std::vector<std::string>& words, const Signals& signals,
+            const Descriptor& console) {
+  Channel trouble = Pipe();
   const pid_t pid = fork();
   if (pid < 0) ThrowSystemError("can't start a process");
   if (pid == 0) {
     signals.Restore();
     dup2(console.Get(), STDOUT_FILENO);
-    execvp(av[0], av.data());
-    const int reason = errno;
+    const int reason = Become(words);
     [[maybe_unused]] const ssize_t told = write(trouble.in.Get(), &reason, sizeof(reason));
     _exit(CANNOT);
   }
