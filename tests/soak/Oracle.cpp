@@ -306,7 +306,8 @@ Result Oracle::After(const Memory& before, const View& view) const {
   return result;
 }
 
-void Oracle::Correct(Memory& memory, u_int32_t slot) const {
+bool Oracle::Correct(Memory& memory, u_int32_t slot) const {
+  bool has_any = false;
   for (const Crc& crc : _image.crcs) {
     if (_burn != BurnKind::RECORDS ||
         !Range{crc.from, crc.size}.Meets(_image.slot[slot], HELD_BACK)) {
@@ -314,7 +315,9 @@ void Oracle::Correct(Memory& memory, u_int32_t slot) const {
     }
     const DataVec sum = BigWord(ReferenceCrc(memory.Part(crc.from, crc.size)));
     std::ranges::copy(sum, memory.bytes.begin() + crc.place);
+    has_any = true;
   }
+  return has_any;
 }
 
 // ---- In what order
@@ -386,11 +389,12 @@ std::vector<Step> Oracle::Steps(const Memory& before, const View& view) const {
 
 bool BootRule::Verdict::IsGood() const {
   const auto count = [this](State state) { return std::ranges::count(slots, state); };
-  return invariant_is_whole && count(OLD) + count(NEW) > 0 && count(BROKEN) == 0;
+  return invariant_is_whole && count(OLD) + count(NEW) > 0 &&
+         count(OLD) + count(NEW) + count(INVALID) == 2;
 }
 
 std::string BootRule::Verdict::Text() const {
-  static constexpr const char* NAMES[] = {"invalid", "old", "new", "broken"};
+  static constexpr const char* NAMES[] = {"invalid", "old", "new", "new but for a CRC", "broken"};
   return ::Text("slot 0 ", NAMES[slots[0]], ", slot 1 ", NAMES[slots[1]],
                 invariant_is_whole ? "" : ", invariant sector broken");
 }
@@ -402,17 +406,23 @@ void BootRule::Know(const Image& image, const sim::Device& device, const Memory&
     if (!now.Holds(image.slot[slot], image.Extent())) continue;
     Memory burnt = now;
     oracle.BurnSlot(burnt, slot);
-    // What no burn can make right never is.
-    if (state == NEW) oracle.Correct(burnt, slot);
-    Known known{slot, state, {}};
-    for (const Section* section : image.SlotSections()) {
-      const u_int32_t addr = section->addr + distance;
-      known.ranges.emplace_back(addr, burnt.Part(addr, section->Size()));
+    const auto know = [&](State as) {
+      Known known{slot, as, {}};
+      for (const Section* section : image.SlotSections()) {
+        const u_int32_t addr = section->addr + distance;
+        known.ranges.emplace_back(addr, burnt.Part(addr, section->Size()));
+      }
+      if (_burn == BurnKind::POINTERS) {
+        known.ranges.emplace_back(image.ps[slot], burnt.Part(image.ps[slot], RECORD_SIZE));
+      }
+      _known.push_back(std::move(known));
+    };
+    Memory correct = burnt;
+    if (state == NEW && oracle.Correct(correct, slot)) {
+      know(MISSUMMED);
+      burnt = std::move(correct);
     }
-    if (_burn == BurnKind::POINTERS) {
-      known.ranges.emplace_back(image.ps[slot], burnt.Part(image.ps[slot], RECORD_SIZE));
-    }
-    _known.push_back(std::move(known));
+    know(state);
   }
   if (_burn != BurnKind::POINTERS) return;
   Memory invariant = now;

@@ -76,8 +76,9 @@ class Oracle {
   /// One slot alone, valid when it is done; for starting contents.
   void BurnSlot(Memory& memory, u_int32_t slot) const;
   void BurnInvariantSector(Memory& memory) const;
-  /// Puts right what a burn leaves wrong in a slot: CRCs over bytes that it holds back.
-  void Correct(Memory& memory, u_int32_t slot) const;
+  /// Puts right what a burn leaves wrong in a slot: CRCs over bytes that it holds back. Returns
+  /// whether there are any.
+  bool Correct(Memory& memory, u_int32_t slot) const;
 
   /// What the burn may write, in the order that it must keep: a device that boots at the start has
   /// an image that boots between any two of the steps. Given what the device holds before, and what
@@ -112,7 +113,13 @@ class Oracle {
 /// What a slot, or the invariant sector, must hold to be whole: any of several images.
 class BootRule {
  public:
-  enum State { INVALID, OLD, NEW, BROKEN };
+  enum State {
+    INVALID,
+    OLD,
+    NEW,
+    MISSUMMED,  ///< NEW as a burn leaves it, but for CRCs over bytes that it holds back
+    BROKEN,
+  };
   struct Verdict {
     State slots[2] = {INVALID, INVALID};
     bool invariant_is_whole = true;

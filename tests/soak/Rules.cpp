@@ -11,6 +11,7 @@ namespace soak {
 namespace {
 
 constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
+constexpr char COVERED_ROW[] = "a CRC over the first four bytes of a slot";
 constexpr char TORN_ROW[] = "a torn boot record that adds up by chance";
 /// The request that asks for all devices, and the second one for boot records.
 constexpr std::size_t LIST_REQUEST = 2;
@@ -417,14 +418,18 @@ std::string Rules::RowOf(const Run& run, Guid node, const BootRule& rule,
       if (before.node == node && Seen(run, name, before).invariant_changed) return INVARIANT_ROW;
     }
   }
-  if (!_story.row.empty() && _story.row != INVARIANT_ROW) return _story.row;
+  const auto count = [&](BootRule::State state) { return std::ranges::count(slots.slots, state); };
+  if (_story.burn != BurnKind::RECORDS || count(BootRule::BROKEN) == 0) {
+    if (count(BootRule::MISSUMMED) > 0) return COVERED_ROW;
+    return _story.row == INVARIANT_ROW ? "" : _story.row;
+  }
   // What nothing disturbed is torn by nothing.
-  if (_story.burn != BurnKind::RECORDS || run.fired.empty()) return "";
+  if (run.fired.empty()) return "";
   for (const u_int32_t slot : {0u, 1u}) {
-    const bool is_broken = verdict.slots[slot] == BootRule::BROKEN;
+    const bool is_broken = slots.slots[slot] == BootRule::BROKEN;
     if (is_broken && rule.KnowsRecord(memory, slot)) return "";
   }
-  return std::ranges::count(verdict.slots, BootRule::BROKEN) > 0 ? TORN_ROW : "";
+  return TORN_ROW;
 }
 
 /// Whatever went before: all that are there and boot are burnt run.
