@@ -94,7 +94,7 @@ void Fill(sim::Fabric& fabric, FwImage& image, const BurnOptions& options) {
 
 Ending BurnThrough(RomInterface& rom, FwImage& image, const BurnOptions& options,
                    const sim::Fabric& fabric) {
-  return Run([&] {
+  return RunToAnyEnd([&] {
     rom.SetAddressConvertor(image.GetAddressConvertor());
     GuidSet devices;
     for (const auto& [guid, device] : fabric.Devices()) devices.insert(guid);
@@ -177,8 +177,8 @@ void GuardWrites(sim::Fabric& fabric, const FwImage& image, const BurnOptions& o
     if (!is_held || operation.kind != sim::Operation::PROGRAM) return;
     const EeLoc loc(operation.offset, operation.chip);
     u_int32_t addr = 0;
-    const Ending found = Run([&] { addr = sim::MapOf(image).Convert(loc); });
-    Must(!found.error, "only what is mapped is written");
+    const auto error = Run([&] { addr = sim::MapOf(image).Convert(loc); });
+    Must(!error, "only what is mapped is written");
     const u_int64_t end = u_int64_t{addr} + operation.size;
     Must(std::ranges::any_of(
              spans, [&](const auto& span) { return span.first <= addr && end <= span.second; }),

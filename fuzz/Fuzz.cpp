@@ -50,7 +50,7 @@ void Must(bool is_so, std::string_view what) {
   std::abort();
 }
 
-Ending Run(const std::function<void()>& action) {
+Ending RunToAnyEnd(const std::function<void()>& action) {
   try {
     action();
   } catch (const BraidError& error) {
@@ -59,6 +59,12 @@ Ending Run(const std::function<void()>& action) {
     return {{}, end.expression};
   }
   return {};
+}
+
+std::optional<std::string> Run(const std::function<void()>& action) {
+  const Ending ending = RunToAnyEnd(action);
+  Must(!ending.assertion, "this assertion fails: " + ending.assertion.value_or(""));
+  return ending.error;
 }
 
 namespace {
@@ -112,11 +118,11 @@ namespace {
 /// Nothing where a CRC crosses the end of the range.
 std::optional<bool> IsOddCrcIn(const FwImage& image, u_int32_t addr, u_int32_t size) {
   bool is_odd = false;
-  const Ending ending = Run([&] {
+  const auto error = Run([&] {
     is_odd = std::ranges::any_of(image.GetCrcsInRange(addr, size),
                                  [](const auto& crc) { return crc.size % 4 != 0; });
   });
-  if (ending.error) return {};
+  if (error) return {};
   return is_odd;
 }
 

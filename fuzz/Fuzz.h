@@ -49,7 +49,10 @@ struct Ending {
 };
 
 /// Runs `action` to its end, by a BraidError or a failed assertion too. All else gets through.
-Ending Run(const std::function<void()>& action);
+Ending RunToAnyEnd(const std::function<void()>& action);
+/// The same where no assertion may fail: one that does ends the process. Returns the BraidError's
+/// text.
+std::optional<std::string> Run(const std::function<void()>& action);
 
 /// Puts `content` into a file in memory, in the place of what was there before, and returns its
 /// name, which ends in ".img".

@@ -44,7 +44,7 @@ fuzz::Ending Run(std::vector<std::string> words, int& status) {
   std::vector<char*> av;
   for (std::string& word : words) av.push_back(word.data());
   av.push_back(nullptr);
-  return fuzz::Run([&] { status = FwPush(static_cast<int>(words.size()), av.data()); });
+  return fuzz::RunToAnyEnd([&] { status = FwPush(static_cast<int>(words.size()), av.data()); });
 }
 
 constexpr char NO_FILE[] = "file_name != nullptr";

@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   const std::size_t most_read = 1 + 40 * input.Below(50);
   const std::string_view text = input.Until("====\n");
   FwImage image;
-  if (fuzz::Run([&] { fuzz::LoadImage(image, text); }).error) return 0;
+  if (fuzz::Run([&] { fuzz::LoadImage(image, text); })) return 0;
   if (image.GetTotalSize() > 0x1000 || image.DevType() == DEV_UNKNOWN) return 0;
 
   sim::Fabric fabric;

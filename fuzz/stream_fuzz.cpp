@@ -47,10 +47,9 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   const std::string_view said = input.Rest();
   if (said.size() > 1 << 15) return 0;
   const Client client(said, is_gone);
-  fuzz::Ending ending;
   if (kind == 0) {
     // Lines until the end, which is an error.
-    ending = fuzz::Run([&] {
+    const auto error = fuzz::Run([&] {
       while (true) {
         std::string line;
         client.Gets(line);
@@ -58,14 +57,14 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
                    "a line has no ends inside");
       }
     });
-    fuzz::Must(ending.error.has_value(), "a stream ends with an error");
+    fuzz::Must(error.has_value(), "a stream ends with an error");
   } else if (kind == 1) {
-    ending = fuzz::Run([&] {
+    fuzz::Run([&] {
       const std::string text(9000, 'x');
       client.Respond(text);
     });
   } else {
-    ending = fuzz::Run([&] {
+    fuzz::Run([&] {
       for (int i = 0; i < 20; ++i) {
         std::string response;
         client.Request("IfcVersion");
@@ -74,6 +73,5 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
       }
     });
   }
-  fuzz::Must(!ending.assertion, "nothing that is sent makes an assertion fail");
   return 0;
 }

@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   const fuzz::BurnOptions options(input);
   const std::string_view text = input.Until("====\n");
   FwImage image;
-  if (fuzz::Run([&] { fuzz::LoadImage(image, text); }).error) return 0;
+  if (fuzz::Run([&] { fuzz::LoadImage(image, text); })) return 0;
   if (image.GetTotalSize() > 0x1000 || image.DevType() == DEV_UNKNOWN) return 0;
 
   std::map<std::size_t, std::string> answers;

@@ -59,7 +59,6 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   fuzz::Input input(bytes, size);
   const u_int32_t kind = input.Below(8);
   const std::string_view text = input.Rest();
-  fuzz::Ending ending;
   switch (kind) {
     case 0:
     case 1:
@@ -67,12 +66,12 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
       break;
     case 2: {
       AnsweredI2c rom(text);
-      ending = fuzz::Run([&] { rom.AddDeviceRecord(BraidConn::Response(std::string(text))); });
+      fuzz::Run([&] { rom.AddDeviceRecord(BraidConn::Response(std::string(text))); });
       break;
     }
     case 3: {
       AnsweredFlash rom(text);
-      ending = fuzz::Run([&] {
+      fuzz::Run([&] {
         GuidSet one{FIRST};
         rom.SetActiveDevices(one);
         rom.InitAttributes();
@@ -81,28 +80,27 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
     }
     case 4: {
       AnsweredI2c rom(text);
-      ending = fuzz::Run([&] { rom.Open("IB:host:1"); });
+      fuzz::Run([&] { rom.Open("IB:host:1"); });
       break;
     }
     case 5: {
       AnsweredI2c rom(text);
-      ending = fuzz::Run([&] { rom.Read(0x100, 8); });
+      const auto error = fuzz::Run([&] { rom.Read(0x100, 8); });
       const auto* result = rom.LastActionResult(FIRST);
-      fuzz::Must(
-          ending.error || result == nullptr || result->_error || result->_data.size() % 4 == 0,
-          "what is read is words");
+      fuzz::Must(error || result == nullptr || result->_error || result->_data.size() % 4 == 0,
+                 "what is read is words");
       break;
     }
     case 6: {
       AnsweredI2c rom(text);
       DataVec value;
-      ending = fuzz::Run([&] { rom.GetBsn(FIRST, value); });
-      ending = fuzz::Run([&] { rom.GetVsd(FIRST, value); });
+      fuzz::Run([&] { rom.GetBsn(FIRST, value); });
+      fuzz::Run([&] { rom.GetVsd(FIRST, value); });
       break;
     }
     default: {
       AnsweredFlash rom(text);
-      ending = fuzz::Run([&] {
+      fuzz::Run([&] {
         GuidSet one{FIRST};
         rom.SetActiveDevices(one);
         rom.WriteNoErase(0, DataVec(40, 1));
@@ -110,6 +108,5 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
       });
     }
   }
-  fuzz::Must(!ending.assertion, "no answer makes an assertion fail");
   return 0;
 }
