@@ -46,6 +46,8 @@ void CheckEnding(const Ending& ending, const FwImage& image);
 
 /// Whether an assertion failed that must fail where `request` is not answered with as many bytes as
 /// it asks for: what tells whether an image is valid, and what goes into a field, must be known.
+/// That it fails then, and no later, is for the fault matrix to hold, which knows every right
+/// answer.
 bool IsOfWrongSize(const Ending& ending, std::string_view request);
 
 }  // namespace fuzz

@@ -96,12 +96,13 @@ Outcome RunProgram(const std::vector<std::string>& words, Through through) {
   return outcome;
 }
 
-Child::Child(const std::vector<std::string>& words, const std::string& errors_file) {
+Child::Child(const std::vector<std::string>& words, const std::string& errors_file, bool is_job) {
   int output[2];
   EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
   const int errors = open(errors_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   _pid = fork();
   if (_pid == 0) {
+    if (is_job) setpgid(0, 0);
     dup2(output[1], STDOUT_FILENO);
     dup2(errors, STDERR_FILENO);
     Exec(words);

@@ -29,8 +29,9 @@ Outcome RunProgram(const std::vector<std::string>& words, Through through = Thro
 class Child {
  public:
   /// Starts `words[0]`; its standard output comes through a pipe, its standard error goes to
-  /// `errors_file`.
-  Child(const std::vector<std::string>& words, const std::string& errors_file);
+  /// `errors_file`. A job is what a shell makes of a command line: a process group of its own,
+  /// which Ctrl-Z can stop.
+  Child(const std::vector<std::string>& words, const std::string& errors_file, bool is_job = false);
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
   ~Child();

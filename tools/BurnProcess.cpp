@@ -15,6 +15,7 @@
 #include <chrono>
 #include <iostream>
 #include <optional>
+#include <utility>
 
 #include "Files.h"
 #include "Tool.h"
@@ -93,12 +94,9 @@ class Signals {
   Descriptor _fd;
 };
 
-/// Becomes the program `words`. Returns only where that cannot be run: the error.
-int Become(const std::vector<std::string>& words) {
-  std::vector<char*> av;
-  av.reserve(words.size() + 1);
-  for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
-  av.push_back(nullptr);
+/// Becomes the program `av`, which ends with a null pointer. Returns only where that cannot be run:
+/// the error.
+int Become(std::vector<char*> av) {
   execvp(av[0], av.data());
   return errno;
 }
@@ -107,12 +105,16 @@ int Become(const std::vector<std::string>& words) {
 pid_t Start(const std::vector<std::string>& words, const Signals& signals,
             const Descriptor& console) {
   Channel trouble = Pipe();
+  std::vector<char*> av;
+  av.reserve(words.size() + 1);
+  for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
+  av.push_back(nullptr);
   const pid_t pid = fork();
   if (pid < 0) ThrowSystemError("can't start a process");
   if (pid == 0) {
     signals.Restore();
     dup2(console.Get(), STDOUT_FILENO);
-    const int reason = Become(words);
+    const int reason = Become(std::move(av));
     [[maybe_unused]] const ssize_t told = write(trouble.in.Get(), &reason, sizeof(reason));
     _exit(CANNOT);
   }

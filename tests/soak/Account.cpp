@@ -15,6 +15,7 @@ Account& Account::operator+=(const Account& other) {
   failed += other.failed;
   left_alone += other.left_alone;
   judged += other.judged;
+  found_out += other.found_out;
   requests += other.requests;
   bytes += other.bytes;
   if (failure.empty()) failure = other.failure;

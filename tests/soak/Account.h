@@ -19,7 +19,8 @@ struct Account {
   u_int32_t burnt = 0;
   u_int32_t failed = 0;
   u_int32_t left_alone = 0;
-  u_int32_t judged = 0;  ///< asked whether they boot
+  u_int32_t judged = 0;     ///< asked whether they boot
+  u_int32_t found_out = 0;  ///< what was spoilt on purpose
   u_int64_t requests = 0;
   u_int64_t bytes = 0;  ///< compared
   std::string failure;  ///< the first one

@@ -186,6 +186,10 @@ void Oracle::BurnPointers(Writer& writer, u_int32_t slot) const {
   writer.Program(_image.ps[slot] + SIGNATURE_OFFSET, BigWord(SIGNATURE_WORD));
 }
 
+void Oracle::ClearSignature(Writer& writer, u_int32_t slot) const {
+  writer.Program(_image.ps[slot] + SIGNATURE_OFFSET, BigWord(0));
+}
+
 void Oracle::BurnSlot(Memory& memory, u_int32_t slot) const {
   Writer writer{memory};
   BurnSections(writer, slot);
@@ -247,8 +251,7 @@ std::string Oracle::Move(Writer& writer) const {
   if (!memory.Holds(addr, size)) return "Address out of range";
   if (!memory.Holds(destination, size)) return "Address out of range";
   const DataVec image = memory.Part(addr, size);
-  const u_int32_t signature = _image.ps[0] + SIGNATURE_OFFSET;
-  writer.Program(signature, BigWord(0));
+  ClearSignature(writer, 0);
   writer.Erase(destination, size);
   writer.Program(destination, image);
   std::ranges::copy(BigWord(destination), record.begin());
@@ -257,11 +260,38 @@ std::string Oracle::Move(Writer& writer) const {
   std::ranges::copy(crc, record.begin() + CRC_OFFSET);
   writer.Erase(_image.ps[0], RECORD_SIZE);
   writer.Program(_image.ps[0], record);
-  writer.Program(_image.ps[1] + SIGNATURE_OFFSET, BigWord(0));
+  ClearSignature(writer, 1);
   return "";
 }
 
 Result Oracle::After(const Memory& before) const { return After(before, Look(before)); }
+
+Oracle::Plan Oracle::PlanFor(const Memory& before, const View& view) const {
+  Plan plan;
+  if (_burn == BurnKind::RECORDS) {
+    const bool is_valid[] = {IsValid(before, 0), IsValid(before, 1)};
+    if (is_valid[0] || is_valid[1]) {
+      // The one that is needed to boot comes last.
+      plan.slots = {is_valid[1] ? 0u : 1u, is_valid[1] ? 1u : 0u};
+    } else {
+      plan.refusal = "Both images are invalid - Can't perform failsafe burn.";
+    }
+    return plan;
+  }
+  if (before.Word(MARKER) != SIGNATURE_WORD) {
+    plan.refusal = "Image on device is not failsafe. Can't perform failsafe burn";
+    return plan;
+  }
+  plan.rewrites_invariant = view.invariant_changed;
+  if (!view.is_signed[0] && !view.is_signed[1]) {
+    plan.refusal = "Both images are invalid. Can't perform failsafe burn";
+    return plan;
+  }
+  plan.clears_second = view.is_signed[0] && view.is_signed[1];
+  plan.moves_second = !view.is_signed[0] && IsInTheWay(before);
+  plan.slots = {view.is_signed[0] || plan.moves_second ? 1u : 0u};
+  return plan;
+}
 
 Result Oracle::After(const Memory& before, const View& view) const {
   Result result{before, ""};
@@ -271,53 +301,26 @@ Result Oracle::After(const Memory& before, const View& view) const {
     for (const Section& section : _image.sections) BurnSection(writer, section, section.addr);
     return result;
   }
-  if (_burn == BurnKind::RECORDS) {
-    const bool is_valid[] = {IsValid(memory, 0), IsValid(memory, 1)};
-    if (!is_valid[0] && !is_valid[1]) {
-      result.refusal = "Both images are invalid - Can't perform failsafe burn.";
-      return result;
-    }
-    for (const u_int32_t slot : {0u, 1u}) BurnSections(writer, is_valid[1] ? slot : 1 - slot);
-    return result;
+  const Plan plan = PlanFor(before, view);
+  result.refusal = plan.refusal;
+  if (plan.rewrites_invariant) BurnInvariantSector(memory);
+  if (plan.clears_second) ClearSignature(writer, 1);
+  if (plan.moves_second) result.refusal = Move(writer);
+  if (!result.refusal.empty()) return result;
+  for (const u_int32_t slot : plan.slots) {
+    if (_burn == BurnKind::POINTERS) ClearSignature(writer, slot);
+    BurnSections(writer, slot);
+    if (_burn == BurnKind::RECORDS) continue;
+    BurnPointers(writer, slot);
+    ClearSignature(writer, 1 - slot);
   }
-
-  if (memory.Word(MARKER) != SIGNATURE_WORD) {
-    result.refusal = "Image on device is not failsafe. Can't perform failsafe burn";
-    return result;
-  }
-  if (view.invariant_changed) BurnInvariantSector(memory);
-  if (!view.is_signed[0] && !view.is_signed[1]) {
-    result.refusal = "Both images are invalid. Can't perform failsafe burn";
-    return result;
-  }
-  u_int32_t slot = 1;
-  if (view.is_signed[0] && view.is_signed[1]) {
-    writer.Program(_image.ps[1] + SIGNATURE_OFFSET, BigWord(0));
-  } else if (view.is_signed[1] && IsInTheWay(memory)) {
-    result.refusal = Move(writer);
-    if (!result.refusal.empty()) return result;
-  } else if (view.is_signed[1]) {
-    slot = 0;
-  }
-  writer.Program(_image.ps[slot] + SIGNATURE_OFFSET, BigWord(0));
-  BurnSections(writer, slot);
-  BurnPointers(writer, slot);
-  writer.Program(_image.ps[1 - slot] + SIGNATURE_OFFSET, BigWord(0));
   return result;
 }
 
-bool Oracle::Correct(Memory& memory, u_int32_t slot) const {
-  bool has_any = false;
-  for (const Crc& crc : _image.crcs) {
-    if (_burn != BurnKind::RECORDS ||
-        !Range{crc.from, crc.size}.Meets(_image.slot[slot], HELD_BACK)) {
-      continue;
-    }
-    const DataVec sum = BigWord(ReferenceCrc(memory.Part(crc.from, crc.size)));
-    std::ranges::copy(sum, memory.bytes.begin() + crc.place);
-    has_any = true;
-  }
-  return has_any;
+bool Oracle::SumsWhatIsHeldBack() const {
+  return _burn == BurnKind::RECORDS && std::ranges::any_of(_image.crcs, [this](const Crc& crc) {
+           return Range{crc.from, crc.size}.Meets(_image.slot[0], HELD_BACK);
+         });
 }
 
 // ---- In what order
@@ -336,12 +339,17 @@ Step Oracle::SignatureStep(const char* what, u_int32_t slot) const {
 }
 
 void Oracle::AddSlotSteps(std::vector<Step>& steps, u_int32_t slot) const {
+  if (_burn == BurnKind::POINTERS) steps.push_back(SignatureStep("clearing", slot));
   for (const Section* section : _image.SlotSections()) {
     steps.push_back(StepOf(*section, section->addr + _image.slot[slot] - _image.slot[0]));
   }
   if (_burn == BurnKind::RECORDS) {
     steps.push_back({Text("validating slot ", slot), {{_image.slot[slot], HELD_BACK}}});
+    return;
   }
+  steps.push_back(StepOf(*PointerSection(slot), _image.ps[slot]));
+  steps.push_back(SignatureStep("setting", slot));
+  steps.push_back(SignatureStep("clearing", 1 - slot));
 }
 
 std::vector<Step> Oracle::Steps(const Memory& before, const View& view) const {
@@ -350,38 +358,22 @@ std::vector<Step> Oracle::Steps(const Memory& before, const View& view) const {
     for (const Section& section : _image.sections) steps.push_back(StepOf(section, section.addr));
     return steps;
   }
-  if (_burn == BurnKind::RECORDS) {
-    const bool is_valid[] = {IsValid(before, 0), IsValid(before, 1)};
-    if (!is_valid[0] && !is_valid[1]) return steps;
-    for (const u_int32_t slot : {0u, 1u}) AddSlotSteps(steps, is_valid[1] ? slot : 1 - slot);
-    return steps;
-  }
-
-  if (before.Word(MARKER) != SIGNATURE_WORD) return steps;
-  if (view.invariant_changed) {
+  const Plan plan = PlanFor(before, view);
+  if (plan.rewrites_invariant) {
     for (const Section* section : InvariantSections(before.sector_size)) {
       steps.push_back(StepOf(*section, section->addr));
     }
   }
-  if (!view.is_signed[0] && !view.is_signed[1]) return steps;
-  u_int32_t slot = 1;
-  if (view.is_signed[0] && view.is_signed[1]) {
-    steps.push_back(SignatureStep("clearing", 1));
-  } else if (view.is_signed[1] && IsInTheWay(before)) {
+  if (plan.clears_second) steps.push_back(SignatureStep("clearing", 1));
+  if (plan.moves_second) {
+    const u_int32_t size = before.Word(_image.ps[1] + 4);
     steps.push_back(SignatureStep("clearing", 0));
-    steps.push_back(
-        {"copying the image", {{3 * before.sector_size, before.Word(_image.ps[1] + 4)}}});
+    steps.push_back({"copying the image", {{3 * before.sector_size, size}}});
     steps.push_back({"copying its pointer sector", {{_image.ps[0], RECORD_SIZE}}});
     steps.push_back(SignatureStep("setting", 0));
     steps.push_back(SignatureStep("clearing", 1));
-  } else if (view.is_signed[1]) {
-    slot = 0;
   }
-  steps.push_back(SignatureStep("clearing", slot));
-  AddSlotSteps(steps, slot);
-  steps.push_back(StepOf(*PointerSection(slot), _image.ps[slot]));
-  steps.push_back(SignatureStep("setting", slot));
-  steps.push_back(SignatureStep("clearing", 1 - slot));
+  for (const u_int32_t slot : plan.slots) AddSlotSteps(steps, slot);
   return steps;
 }
 
@@ -406,23 +398,15 @@ void BootRule::Know(const Image& image, const sim::Device& device, const Memory&
     if (!now.Holds(image.slot[slot], image.Extent())) continue;
     Memory burnt = now;
     oracle.BurnSlot(burnt, slot);
-    const auto know = [&](State as) {
-      Known known{slot, as, {}};
-      for (const Section* section : image.SlotSections()) {
-        const u_int32_t addr = section->addr + distance;
-        known.ranges.emplace_back(addr, burnt.Part(addr, section->Size()));
-      }
-      if (_burn == BurnKind::POINTERS) {
-        known.ranges.emplace_back(image.ps[slot], burnt.Part(image.ps[slot], RECORD_SIZE));
-      }
-      _known.push_back(std::move(known));
-    };
-    Memory correct = burnt;
-    if (state == NEW && oracle.Correct(correct, slot)) {
-      know(MISSUMMED);
-      burnt = std::move(correct);
+    Known known{slot, state == NEW && oracle.SumsWhatIsHeldBack() ? MISSUMMED : state, {}};
+    for (const Section* section : image.SlotSections()) {
+      const u_int32_t addr = section->addr + distance;
+      known.ranges.emplace_back(addr, burnt.Part(addr, section->Size()));
     }
-    know(state);
+    if (_burn == BurnKind::POINTERS) {
+      known.ranges.emplace_back(image.ps[slot], burnt.Part(image.ps[slot], RECORD_SIZE));
+    }
+    _known.push_back(std::move(known));
   }
   if (_burn != BurnKind::POINTERS) return;
   Memory invariant = now;

@@ -76,9 +76,8 @@ class Oracle {
   /// One slot alone, valid when it is done; for starting contents.
   void BurnSlot(Memory& memory, u_int32_t slot) const;
   void BurnInvariantSector(Memory& memory) const;
-  /// Puts right what a burn leaves wrong in a slot: CRCs over bytes that it holds back. Returns
-  /// whether there are any.
-  bool Correct(Memory& memory, u_int32_t slot) const;
+  /// Whether a CRC covers bytes that are held back: it is computed without them, and stays wrong.
+  bool SumsWhatIsHeldBack() const;
 
   /// What the burn may write, in the order that it must keep: a device that boots at the start has
   /// an image that boots between any two of the steps. Given what the device holds before, and what
@@ -93,9 +92,19 @@ class Oracle {
 
  private:
   struct Writer;
+  /// What a failsafe burn decides on when it has looked at a device.
+  struct Plan {
+    std::string refusal;  ///< empty where it goes on
+    bool rewrites_invariant = false;
+    bool clears_second = false;
+    bool moves_second = false;
+    std::vector<u_int32_t> slots{};  ///< to be written, in this order
+  };
+  Plan PlanFor(const Memory& before, const View& view) const;
   void BurnSection(Writer& writer, const Section& section, u_int32_t destination) const;
   void BurnSections(Writer& writer, u_int32_t slot) const;
   void BurnPointers(Writer& writer, u_int32_t slot) const;
+  void ClearSignature(Writer& writer, u_int32_t slot) const;
   std::string Move(Writer& writer) const;
   bool IsReplaced(const Field& field) const;
   DataVec ValueOf(Own own) const;
@@ -117,7 +126,7 @@ class BootRule {
     INVALID,
     OLD,
     NEW,
-    MISSUMMED,  ///< NEW as a burn leaves it, but for CRCs over bytes that it holds back
+    MISSUMMED,  ///< new, but for a CRC over bytes that are held back
     BROKEN,
   };
   struct Verdict {

@@ -17,44 +17,45 @@ constexpr std::chrono::seconds LIMIT{20};
 class Stage {
  public:
   Stage(faults::Server& server, const std::string& program, const std::string& file, Story& story,
-        std::ostream* out, Account& account)
+        std::ostream* out, Spoil spoil, Account& account)
       : _server(server),
         _program(program),
         _file(file),
         _story(story),
         _out(out),
+        _spoil(spoil),
         _account(account),
         _rules(story, account, out) {}
 
-  void Play(bool spoils) {
+  void Play() {
     Show();
     if (_story.refusal.empty()) {
-      PlayRuns(spoils);
+      PlayRuns();
     } else {
-      _rules.CheckRefusal(Burn({}, spoils));
+      _rules.CheckRefusal(Burn({}, true));
     }
-    if (spoils) CheckSpoil();
+    if (!_signs.empty()) CheckSpoil();
   }
 
  private:
-  void PlayRuns(bool spoils) {
+  void PlayRuns() {
     Dice dice(_story.seed + 0x50AC);
     const u_int32_t disturbed = dice.OneOf<u_int32_t>({0, 1, 1, 1, 2, 3});
     for (u_int32_t i = 0; i < disturbed && _account.failure.empty(); ++i) {
-      PlayRun(MakeHits(_story.requests, dice), false, false);
+      PlayRun(MakeHits(_story.requests, dice), false);
       if (dice.Chance(50)) PowerBack();
     }
     PowerBack();
-    if (_account.failure.empty()) PlayRun({}, true, spoils);
+    if (_account.failure.empty()) PlayRun({}, true);
   }
 
-  void PlayRun(const std::vector<Hit>& hits, bool is_last, bool spoils) {
-    Run run = Burn(hits, spoils);
+  void PlayRun(const std::vector<Hit>& hits, bool is_last) {
+    Run run = Burn(hits, is_last);
     _rules.Check(run, is_last);
     if (_out) *_out << "=> " << run.end << "\n\n";
   }
 
-  Run Burn(const std::vector<Hit>& hits, bool spoils) {
+  Run Burn(const std::vector<Hit>& hits, bool is_last) {
     ++_account.runs;
     Run run = _rules.Begin();
     sim::Fabric& fabric = _story.fabric;
@@ -70,7 +71,8 @@ class Stage {
     fabric.observer = nullptr;
     fabric.faults = sim::FaultLayer();
     run.fired = trouble.Happened();
-    if (spoils) Spoil();
+    if (is_last && _spoil == Spoil::DEVICE) SpoilDevice();
+    if (is_last && _spoil == Spoil::ORDER) SpoilOrder(run);
     Show(run);
     return run;
   }
@@ -80,28 +82,38 @@ class Stage {
   }
 
   /// One byte of one device, given or not.
-  void Spoil() {
+  void SpoilDevice() {
     Dice dice(_story.seed);
     auto& devices = _story.fabric.Devices();
     sim::Device& device = std::next(devices.begin(), dice.Below(devices.size()))->second;
     Memory memory = MemoryOf(device, _story.image);
     memory.bytes[dice.Below(memory.bytes.size())] ^= 0x10;
     Load(device, _story.image, memory);
-    _spoilt = device.node_guid;
+    _signs = {DeviceName(device.node_guid)};
+    for (const Guid name : _story.targets) {
+      if (_story.fabric.Find(name) == &device) _signs.push_back(DeviceName(name));
+    }
   }
 
-  /// What is found must be the spoilt device.
+  void SpoilOrder(Run& run) {
+    if (_story.burn == BurnKind::GENERIC || _story.check_only || run.outcome.status != 0) return;
+    std::ranges::reverse(run.changes);
+    _signs = {OUT_OF_ORDER};
+  }
+
+  /// What was spoilt must be what is found.
   void CheckSpoil() {
-    GuidSet names = {_spoilt};
-    for (const Guid name : _story.targets) {
-      const sim::Device* device = _story.fabric.Find(name);
-      if (device && device->node_guid == _spoilt) names.insert(name);
-    }
-    const bool is_named = std::ranges::any_of(names, [this](Guid name) {
-      return _account.failure.find(DeviceName(name)) != std::string::npos;
+    std::string& failure = _account.failure;
+    const bool is_found = std::ranges::any_of(_signs, [&failure](const std::string& sign) {
+      return failure.find(sign) != std::string::npos;
     });
-    if (!is_named && !_account.failure.empty()) {
-      _account.failure = "not the spoilt " + DeviceName(_spoilt) + ", but " + _account.failure;
+    if (is_found) {
+      failure.clear();
+      ++_account.found_out;
+    } else if (failure.empty()) {
+      failure = "what is spoilt goes unseen:" + _signs.front();
+    } else {
+      failure = "not what is spoilt (" + _signs.front() + "), but " + failure;
     }
   }
 
@@ -163,9 +175,10 @@ class Stage {
   std::string _file;
   Story& _story;
   std::ostream* _out;
+  Spoil _spoil;
   Account& _account;
   Rules _rules;
-  Guid _spoilt = 0;  ///< node
+  std::vector<std::string> _signs;  ///< any of which tells that what was spoilt is found out
 };
 
 }  // namespace
@@ -177,7 +190,7 @@ Account Player::Play(u_int64_t seed) {
     Story story = MakeStory(seed);
     ++account.kinds[story.kind];
     const std::string file = _folder.Write(Text("story-", seed, ".img"), story.text);
-    Stage(_server, _program, file, story, _out, account).Play(_spoils);
+    Stage(_server, _program, file, story, _out, _spoil, account).Play();
     std::filesystem::remove(file);
   } catch (const BraidError& error) {
     account.failure = error.Des();

@@ -107,6 +107,7 @@ void Rules::Check(Run& run, bool is_last) {
     run.told.push_back(report.device);
   }
   _account.requests += run.outcome.requests.size();
+  _account.failed += static_cast<u_int32_t>(run.told.size());
   CheckEnd(run);
   FindFailures(run);
   CheckTold(run);
@@ -233,8 +234,9 @@ void Rules::CheckTold(const Run& run) {
   GuidSet seen;
   for (const Guid name : run.told) {
     if (!seen.insert(name).second) Fail(DeviceName(name) + " is told as failed twice");
-    if (!run.targets.contains(name))
+    if (!run.targets.contains(name)) {
       Fail(DeviceName(name) + " was not given, and is told as failed");
+    }
     if (!any_may_fail && !explained.contains(name)) {
       Fail(DeviceName(name) + " is told as failed for nothing");
     }
@@ -273,8 +275,9 @@ void Rules::CheckChanges(const Run& run) {
     CheckOrder(run, name, before);
   }
   for (const Change& change : run.changes) {
-    if (!given.contains(change.node))
+    if (!given.contains(change.node)) {
       Fail(DeviceName(change.node) + " was not given, and is written");
+    }
   }
 }
 
@@ -283,7 +286,8 @@ u_int64_t Rules::AddressOf(const Change& change) const {
   u_int64_t base = 0;
   if (_story.image.map.empty()) return change.chip == 0 ? change.offset : UNPLACED;
   for (const Mapped& chip : _story.image.map) {
-    if (chip.chip == change.chip) return base + change.offset;
+    const bool is_mapped = u_int64_t{change.offset} + change.size <= chip.size;
+    if (chip.chip == change.chip) return is_mapped ? base + change.offset : UNPLACED;
     base += chip.size;
   }
   return UNPLACED;
@@ -308,10 +312,9 @@ void Rules::CheckOrder(const Run& run, Guid name, const Before& before) {
     const auto next = std::find_if(step, steps.end(), allows);
     if (next == steps.end()) {
       const bool is_over = std::any_of(steps.begin(), step, allows);
-      return Fail(
-          Text(DeviceName(name), is_erase ? ": erases " : ": writes ", change.size, " bytes at ",
-               std::hex, addr,
-               is_over ? ", when the burn is at " + step->name : " that are no part of the image"));
+      return Fail(Text(DeviceName(name), is_erase ? ": erases " : ": writes ", change.size,
+                       " bytes at ", std::hex, addr,
+                       is_over ? OUT_OF_ORDER + step->name : " that are no part of the image"));
     }
     step = next;
   }
@@ -348,38 +351,45 @@ View Rules::Seen(const Run& run, Guid name, const Before& before) const {
   return view;
 }
 
+/// What a device that was given must hold; nothing where nobody can know.
+std::optional<Memory> Rules::MemoryAfter(const Run& run, Guid name, const Before& before) {
+  const auto is_silent = [&](const Fired& fired) {
+    return fired.is_silent && fired.device == name;
+  };
+  if (std::ranges::any_of(run.fired, is_silent)) return {};
+  const bool is_refused = !before.refusal.empty();
+  const bool is_left_alone =
+      !before.is_there || _story.check_only || (is_refused && _story.burn == BurnKind::RECORDS);
+  if (is_left_alone) return before.memory;
+  // What failed, and what a run that ended was about, holds as much as it got.
+  const bool is_told = std::ranges::count(run.told, name) > 0;
+  if (is_refused ? !run.fired.empty() : !run.is_well || is_told) return {};
+  Result result = OracleOf(before.node).After(before.memory, Seen(run, name, before));
+  if (!is_refused) {
+    ++_account.burnt;
+    if (!result.refusal.empty()) Fail(DeviceName(name) + " is to be refused: " + result.refusal);
+  }
+  return std::move(result.memory);
+}
+
 void Rules::CheckMemories(const Run& run) {
-  const GuidSet told(run.told.begin(), run.told.end());
   for (const auto& [name, before] : run.targets) {
     if (before.node == 0) continue;
     const sim::Device& device = *_story.fabric.Find(before.node);
-    if (told.contains(name)) ++_account.failed;
     for (const Fired& fired : run.fired) {
       if (fired.hit.act == Act::WRITE_WRONG && fired.device == name) _wrong.insert(before.node);
     }
     if (ViolationsOf(device) > before.violations && !_wrong.contains(before.node)) {
       Fail(DeviceName(name) + ": bits are set without an erase");
     }
-    const bool is_left_alone =
-        !before.refusal.empty() && _story.burn == BurnKind::RECORDS && before.is_there;
-    if ((!run.is_well || told.contains(name)) && !is_left_alone) continue;
-    const bool is_silent = std::ranges::any_of(run.fired, [given = name](const Fired& fired) {
-      return fired.is_silent && fired.device == given;
-    });
-    if (is_silent) continue;
-    if (!is_left_alone) ++_account.burnt;
-    Memory expected = before.memory;
-    if (!is_left_alone && !_story.check_only) {
-      const Result result = OracleOf(before.node).After(before.memory, Seen(run, name, before));
-      if (!result.refusal.empty()) Fail(DeviceName(name) + " is to be refused: " + result.refusal);
-      expected = result.memory;
-    }
+    const std::optional<Memory> expected = MemoryAfter(run, name, before);
+    if (!expected) continue;
     const Memory after = MemoryOf(device, _story.image);
     _account.bytes += after.bytes.size();
-    if (after.bytes != expected.bytes) {
-      const std::size_t at = FirstDifference(expected.bytes, after.bytes);
+    if (after.bytes != expected->bytes) {
+      const std::size_t at = FirstDifference(expected->bytes, after.bytes);
       Fail(Text(DeviceName(name), " holds ", std::hex, u_int32_t{after.bytes[at]}, " at ", at,
-                " instead of ", u_int32_t{expected.bytes[at]}));
+                " instead of ", u_int32_t{expected->bytes[at]}));
     }
   }
 }
@@ -411,22 +421,28 @@ void Rules::CheckBoot(const Run& run) {
 /// What of docs/fail-safety.md says that such a device may not boot; empty where nothing does.
 std::string Rules::RowOf(const Run& run, Guid node, const BootRule& rule,
                          const BootRule::Verdict& verdict, const Memory& memory) const {
-  BootRule::Verdict slots = verdict;
-  slots.invariant_is_whole = true;
-  if (slots.IsGood()) {
-    for (const auto& [name, before] : run.targets) {
-      if (before.node == node && Seen(run, name, before).invariant_changed) return INVARIANT_ROW;
-    }
+  const auto target =
+      std::ranges::find(run.targets, node, [](const auto& of) { return of.second.node; });
+  if (!verdict.invariant_is_whole) {
+    if (target == run.targets.end()) return "";
+    const auto& [name, before] = *target;
+    if (!Seen(run, name, before).invariant_changed) return "";
+    BootRule::Verdict slots = verdict;
+    slots.invariant_is_whole = true;
+    if (slots.IsGood()) return INVARIANT_ROW;
   }
-  const auto count = [&](BootRule::State state) { return std::ranges::count(slots.slots, state); };
+  const auto count = [&](BootRule::State state) {
+    return std::ranges::count(verdict.slots, state);
+  };
   if (_story.burn != BurnKind::RECORDS || count(BootRule::BROKEN) == 0) {
-    if (count(BootRule::MISSUMMED) > 0) return COVERED_ROW;
-    return _story.row == INVARIANT_ROW ? "" : _story.row;
+    return count(BootRule::MISSUMMED) > 0 ? COVERED_ROW : _story.row;
   }
-  // What nothing disturbed is torn by nothing.
-  if (run.fired.empty()) return "";
+  // What was burnt to the end is torn by nothing.
+  const bool is_told =
+      target != run.targets.end() && std::ranges::count(run.told, target->first) > 0;
+  if (run.is_well && !is_told) return "";
   for (const u_int32_t slot : {0u, 1u}) {
-    const bool is_broken = slots.slots[slot] == BootRule::BROKEN;
+    const bool is_broken = verdict.slots[slot] == BootRule::BROKEN;
     if (is_broken && rule.KnowsRecord(memory, slot)) return "";
   }
   return TORN_ROW;

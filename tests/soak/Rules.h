@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -52,6 +53,8 @@ struct Run {
 
 /// For people.
 std::string DeviceName(Guid guid);
+/// What is said of a write that belongs to a step that is over; the step follows.
+inline const std::string OUT_OF_ORDER = ", when the burn is at ";
 
 /// Holds the runs of one story against what they must be.
 class Rules {
@@ -79,6 +82,7 @@ class Rules {
   void CheckOrder(const Run& run, Guid name, const Before& before);
   void CheckOthers(const Run& run);
   View Seen(const Run& run, Guid name, const Before& before) const;
+  std::optional<Memory> MemoryAfter(const Run& run, Guid name, const Before& before);
   void CheckMemories(const Run& run);
   void CheckBoot(const Run& run);
   std::string RowOf(const Run& run, Guid node, const BootRule& rule,

@@ -33,7 +33,7 @@ class Teller {
     } else {
       TellRecords();
     }
-    if (_dice.Chance(8) && _story.row.empty()) Forbid();
+    if (_dice.Chance(8) && _story.row.empty() && !_story.rewrites_invariant) Forbid();
     _story.text = TextOf(_story.image, _dice);
     WriteSwitches();
     _story.requests = CountRequests();
@@ -138,7 +138,7 @@ class Teller {
       return Pair{std::move(*before), std::move(*after)};
     });
     _story.image = std::move(pair.after);
-    if (changes_invariant && _story.row.empty()) _story.row = "rewriting the invariant sector";
+    _story.rewrites_invariant = changes_invariant;
     const bool is_valid[] = {held[0] == Held::VALID, held[1] == Held::VALID};
     const bool is_moved = pair.before.slot[1] < _story.image.SlotBytes() + 3 * _ground.sector_size;
     _story.kind = is_valid[0] && is_valid[1] ? "flash, failsafe, both valid"

@@ -21,11 +21,12 @@ struct Story {
   std::string server_type;
   u_int32_t log2_chunk = 5;  ///< -m
   std::vector<std::string> switches;
-  GuidSet targets;                 ///< as the command line and the requests name them
-  bool check_only = false;         ///< -c
-  u_int32_t requests = 0;          ///< about so many, in a clean run
-  std::string refusal;             ///< what the end must tell; empty where the burn must go well
-  std::string row;                 ///< what of docs/fail-safety.md may cost this story a device
+  GuidSet targets;          ///< as the command line and the requests name them
+  bool check_only = false;  ///< -c
+  u_int32_t requests = 0;   ///< about so many, in a clean run
+  std::string refusal;      ///< what the end must tell; empty where the burn must go well
+  std::string row;          ///< what of docs/fail-safety.md may cost it a slot
+  bool rewrites_invariant = false;
   std::map<Guid, BootRule> rules;  ///< by node, of devices that boot at the start
 
   bool IsFlash() const { return image.map.empty() && image.type.starts_with("RV52"); }

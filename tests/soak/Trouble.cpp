@@ -257,9 +257,10 @@ void Trouble::ExplainAnswer(Fired& fired) const {
       }
       if (fault == Fault::BRACE_OPEN) return fails({"Response::TclSplit(): "});
       if (fault == Fault::EMPTY) return fails({"No more accessible devices"});
-      if (fault == Fault::ONE_FEWER)
+      if (fault == Fault::ONE_FEWER) {
         ends = {"No more accessible devices", "Internal Error: Device ",
                 "All devices can't be failsafe burnt"};
+      }
       return;
     case Kind::ATTRIBUTES:
       if (fault == Fault::NOT_HEX) return fails({"Internal Error: Expected numeric value in "});

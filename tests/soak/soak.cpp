@@ -43,6 +43,7 @@ void PrintTable(const Account& account) {
       {"devices left alone", account.left_alone},
       {"devices asked whether they boot", account.judged},
       {"bytes compared", account.bytes},
+      {"spoilt on purpose, and found out", account.found_out},
   };
   std::cout << "\n";
   for (const auto& [name, count] : counts) {
@@ -74,7 +75,7 @@ int Main(int argc, char** argv) {
   u_int64_t seed = std::random_device()();
   u_int64_t repeated = 0;
   unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
-  bool spoils = false;
+  Spoil spoil = Spoil::NOTHING;
   std::string program = FWPUSH_PROGRAM;
   CLI::Option* bound = app.add_option("--minutes", minutes, "How long");
   bound->check(CLI::Range(0.0, 1440.0));
@@ -85,13 +86,14 @@ int Main(int argc, char** argv) {
       ->check(CLI::Range(1, 64))
       ->capture_default_str();
   app.add_option("--fwpush", program, "The burner");
-  app.add_flag("--spoil", spoils,
-               "Change a device behind the burner's back: all stories must fail");
+  app.add_option("--spoil", spoil, "Change this behind the burner's back: it must be found out")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, Spoil>{{"device", Spoil::DEVICE}, {"order", Spoil::ORDER}}));
   CLI11_PARSE(app, argc, argv);
 
   const TemporaryFolder folder;
   if (one->count() > 0) {
-    const Account account = Player(folder, program, &std::cout, spoils).Play(repeated);
+    const Account account = Player(folder, program, &std::cout, spoil).Play(repeated);
     std::cout << (account.failure.empty() ? "as it must be" : "FAILED: " + account.failure)
               << std::endl;
     return account.failure.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -106,7 +108,7 @@ int Main(int argc, char** argv) {
   Account sum;
   u_int64_t failed = 0;
   const auto work = [&] {
-    Player player(folder, program, nullptr, spoils);
+    Player player(folder, program, nullptr, spoil);
     for (;;) {
       const u_int64_t i = next++;
       if (count > 0 ? i >= count : steady_clock::now() >= end) return;
@@ -124,6 +126,7 @@ int Main(int argc, char** argv) {
 
   PrintTable(sum);
   failed += PrintRows(sum);
+  if (spoil != Spoil::NOTHING && sum.found_out == 0) ++failed;
   const std::chrono::duration<double> seconds = steady_clock::now() - start;
   std::cout << "soak: " << sum.stories << " stories, " << sum.runs << " runs, " << failed
             << " failed, " << std::fixed << std::setprecision(1) << seconds.count() << " s, "
