@@ -79,6 +79,8 @@ struct Burn::FlashState {
   Slot slots[2];
   u_int32_t second_addr = IMAGE1;  ///< of the old second image
   bool other_invariant = false;
+  const char* refusal = "";
+  bool has_marker = true;
 };
 
 sim::Device& Burn::AddDevice(Guid guid, u_int32_t sector_size) {
@@ -148,6 +150,7 @@ std::unique_ptr<Burn> Burn::Rv61300(const TemporaryFolder& folder) {
     }
     burn->Settle(guid, old_image);
   }
+  burn->_refused = {{0x400, "Both images are invalid - Can't perform failsafe burn."}};
   burn->_untouched = {0x400};
   return burn;
 }
@@ -173,6 +176,11 @@ std::unique_ptr<Burn> Burn::Rv52100(const TemporaryFolder& folder, const FlashSt
     if (content == Slot::BLANK) continue;
     BurnInto(burn->_start, GUID, old_file, {.slot = slot, .is_valid = content == Slot::VALID});
   }
+  if (!state.has_marker) burn->_start.Find(GUID)->chips.at(0).Load(0x24, DataVec(4, 0));
+  if (*state.refusal != '\0') {
+    burn->_refused = {{GUID, state.refusal}};
+    burn->_untouched = {GUID};
+  }
   burn->Settle(GUID, old_file);
   return burn;
 }
@@ -186,6 +194,13 @@ std::vector<std::unique_ptr<Burn>> Burn::All(const TemporaryFolder& folder) {
       {"second-first-invalid", {Slot::INVALID, Slot::VALID}},
       {"second-moved", {Slot::BLANK, Slot::VALID}, IN_THE_WAY},
       {"invariant-changed", {Slot::VALID, Slot::BLANK}, IMAGE1, true},
+      {.name = "none-valid",
+       .slots = {Slot::INVALID, Slot::INVALID},
+       .refusal = "Both images are invalid. Can't perform failsafe burn"},
+      {.name = "no-marker",
+       .slots = {Slot::VALID, Slot::VALID},
+       .refusal = "Image on device is not failsafe. Can't perform failsafe burn",
+       .has_marker = false},
   };
   std::vector<std::unique_ptr<Burn>> burns;
   burns.push_back(Generic(folder));

@@ -45,9 +45,13 @@ class Burn {
   Worth Judge(const sim::Device& device) const;
   bool IsFailsafe() const { return _algorithm != Algorithm::GENERIC; }
 
-  // Of a run that nothing disturbs, for whoever disturbs the others.
+  /// Of devices that cannot be burnt; told in every run that gets so far.
+  const std::vector<Report>& Refused() const { return _refused; }
+  /// Whether all that is left of a run that nothing disturbs is such a device.
+  bool RefusesAll() const { return _refused.size() == _start.Devices().size(); }
+
+  /// Of a run that nothing disturbs, for whoever disturbs the others.
   std::vector<Request> requests;
-  std::vector<Report> reports;  ///< of devices that cannot be burnt
 
  private:
   enum class Algorithm { GENERIC, RV52100, RV61300 };
@@ -68,6 +72,7 @@ class Burn {
   Algorithm _algorithm = Algorithm::GENERIC;
   Setting _setting;
   sim::Fabric _start;
+  std::vector<Report> _refused;
   GuidSet _untouched;                      ///< that no burn may change
   bool _rewrites_invariant = false;        ///< the image brings another invariant sector
   std::map<Guid, sim::BootJudge> _judges;  ///< of the starting state; none for the generic burn

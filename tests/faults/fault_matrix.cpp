@@ -76,8 +76,8 @@ class Runner {
     };
     if (!outcome.in_time) fail("it does not end by itself");
     if (!outcome.complaint.empty()) fail(outcome.complaint);
-    const bool is_well = HasSucceeded(outcome);
-    verdict.end = is_well ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
+    const bool is_well = GoesAsEver(burn, outcome);
+    verdict.end = HasSucceeded(outcome) ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
     CheckEnd(of, expected, outcome, is_well, fail);
     const std::vector<Report> reports = ReportsIn(outcome.output);
     CheckReports(of, expected, outcome, fail);
@@ -90,7 +90,7 @@ class Runner {
         if (verdict.row.empty()) fail(Text("device ", std::hex, guid, " ", worth.text));
       }
       const bool is_lost = std::ranges::any_of(reports, [&, name = guid](const Report& report) {
-        return report.device == name && std::ranges::count(burn.reports, report) == 0;
+        return report.device == name && std::ranges::count(burn.Refused(), report) == 0;
       });
       if (is_well && !is_lost && !worth.is_right) {
         fail(Text("device ", std::hex, guid, " is not right: ", worth.text));
@@ -114,7 +114,6 @@ class Runner {
       burn.requests.push_back(Understand(outcome.requests[i], outcome.answers[i], has_written));
       has_written = has_written || outcome.requests[i].find("Write") != std::string::npos;
     }
-    burn.reports = ReportsIn(outcome.output);
   }
 
  private:
@@ -126,6 +125,12 @@ class Runner {
     words.insert(words.end(), switches.begin(), switches.end());
     words.insert(words.end(), {"-s", _server.Name(burn.ServerType())});
     return _server.Run(words, fabric, misdeed, LIMIT);
+  }
+
+  /// As if nothing were amiss.
+  static bool GoesAsEver(const Burn& burn, const Outcome& outcome) {
+    if (!burn.RefusesAll()) return HasSucceeded(outcome);
+    return outcome.status == 1 && EndOf(outcome.output) == "No more accessible devices";
   }
 
   static void CheckEnd(const Case& of, const Expected& expected, const Outcome& outcome,
@@ -155,7 +160,7 @@ class Runner {
     if (!is_expected) {
       fail(Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"", end,
                 assertion, "\" instead of ",
-                expected.texts.empty() ? "success" : "\"" + expected.texts[0] + "\""));
+                expected.texts.empty() ? "as ever" : "\"" + expected.texts[0] + "\""));
     }
     if (!has_aborted && !outcome.errors.empty()) fail("standard error: " + outcome.errors);
   }
@@ -172,8 +177,12 @@ class Runner {
       const Report report{guid, expected.lost_text};
       if (std::erase(reports, report) != 1) fail("does not report " + text_of(report));
     }
+    const std::vector<Report>& refused = of.burn->Refused();
     for (const Report& report : reports) {
-      if (std::ranges::count(of.burn->reports, report) == 0) fail("reports " + text_of(report));
+      if (std::ranges::count(refused, report) == 0) fail("reports " + text_of(report));
+    }
+    if (expected.end == Expected::SUCCEEDS && expected.lost.empty() && reports != refused) {
+      fail("does not report what no burn takes");
     }
     if (expected.all_lost && outcome.output.find("\r-E- BURN FAILED:ALL:" + expected.lost_text +
                                                  "\n") == std::string::npos) {
@@ -201,10 +210,11 @@ class Runner {
   std::string WrongAfter(const Burn& burn, const Outcome& outcome, const sim::Fabric& fabric) {
     if (!outcome.in_time) return "does not end by itself";
     if (!outcome.complaint.empty()) return outcome.complaint;
-    if (!HasSucceeded(outcome)) {
+    if (!GoesAsEver(burn, outcome)) {
       return Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"",
                   EndOf(outcome.output), "\"");
     }
+    if (ReportsIn(outcome.output) != burn.Refused()) return "does not report what no burn takes";
     for (const auto& [guid, device] : fabric.Devices()) {
       const Worth worth = burn.Judge(device);
       if (!worth.is_right) return Text("leaves device ", std::hex, guid, ": ", worth.text);
