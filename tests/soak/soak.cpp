@@ -35,7 +35,7 @@ void PrintTable(const Account& account) {
     }
     std::cout << "\n";
   }
-  const std::pair<const char*, u_int64_t> counts[] = {
+  std::vector<std::pair<const char*, u_int64_t>> counts = {
       {"runs of fwpush", account.runs},
       {"requests", account.requests},
       {"devices burnt", account.burnt},
@@ -43,8 +43,10 @@ void PrintTable(const Account& account) {
       {"devices left alone", account.left_alone},
       {"devices asked whether they boot", account.judged},
       {"bytes compared", account.bytes},
-      {"spoilt on purpose, and found out", account.found_out},
   };
+  if (account.found_out > 0) {
+    counts.emplace_back("spoilt on purpose, and found out", account.found_out);
+  }
   std::cout << "\n";
   for (const auto& [name, count] : counts) {
     std::cout << "  " << std::left << std::setw(34) << name << std::right << std::setw(10) << count
