@@ -132,9 +132,10 @@ TEST_F(MachineTest, BurnThatIsInterruptedOrTerminatedAtAnyRequestLeavesADeviceTh
     const std::string boot_after = Boot();
     EXPECT_TRUE(boot_after.starts_with("boots new: ")) << boot_after;
   }
-  // Most of a burn goes by before the new image counts.
+  // Most of a burn goes by before the new image counts. Before the last request, which would clear
+  // the old one's signature, both do.
   EXPECT_GT(ends["boots old"], 0);
-  EXPECT_GT(ends["boots new"], 0);
+  EXPECT_EQ(ends["boots old or new"], 1);
 }
 
 TEST_F(MachineTest, BurnThatIsStoppedGoesOnWhereItWas) {
