@@ -202,7 +202,8 @@ std::vector<std::optional<Guid>> Targets(Fault fault, const Request& request) {
     case Fault::ELEMENT_ERROR:
     case Fault::ELEMENT_TARGET_ERROR:
       return each_device();  // none for what is no list
-    case Fault::ONE_FEWER:
+    case Fault::ONE_FEWER:   // none is missing where there is none
+      return IsNumber(kind) || Elements(request).empty() ? each_device() : once;
     case Fault::ONE_MORE:
       return IsNumber(kind) ? each_device() : once;
     case Fault::NOT_HEX:
