@@ -19,6 +19,7 @@ constexpr u_int32_t MEMORY_SIZE = 0x2000;  ///< of a flash, and of each EEPROM
 constexpr u_int32_t INVARIANT_MARKER = 0x24;
 constexpr auto CHIPS = std::to_array<u_int8_t>({0x00, 0x50, 0x51});
 constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
+constexpr u_int32_t OLD_IMAGE_SIZE = 0x40;
 
 bool IsFlash(DeviceType type) { return type != RV61100 && type != RV61300; }
 
@@ -60,6 +61,13 @@ void MarkValid(sim::Device& device, FwImage& image, u_int32_t slot) {
   }
 }
 
+/// Writes down where the second image lies; low enough, it has to be moved.
+void PlaceSecondImage(sim::Device& device, FwImage& image, u_int32_t addr) {
+  DataVec record;
+  record << addr << OLD_IMAGE_SIZE;
+  Run([&] { Load(device, image, image.GetPsAddr(1), record); });
+}
+
 /// An interface whose answers pass by a tamperer.
 template <typename Local>
 class Tampered : public Local {
@@ -88,6 +96,9 @@ void Fill(sim::Fabric& fabric, FwImage& image, const BurnOptions& options) {
     for (const u_int32_t slot : {0u, 1u}) {
       if ((options.states >> (2 * i + slot) & 1) != 0) MarkValid(device, image, slot);
     }
+    // A flash is alone, and leaves the other bits for this.
+    const u_int32_t place = options.states >> 2 & 3;
+    if (is_flash && place != 0) PlaceSecondImage(device, image, (place + 1) * SECTOR_SIZE);
     if (options.has_invariant_marker) Load(device, image, INVARIANT_MARKER, marker);
   }
 }

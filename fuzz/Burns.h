@@ -21,7 +21,9 @@ struct BurnOptions {
   bool is_check_only;
   bool is_read_back;  ///< by the type of server
   u_int32_t devices;  ///< 1 to 4; a flash is alone
-  u_int32_t states;   ///< two bits a device: which slots are marked valid
+  /// Two bits a device: which slots are marked valid. Of a flash the next two tell where its second
+  /// image lies.
+  u_int32_t states;
   bool has_invariant_marker;
 };
 
