@@ -404,7 +404,8 @@ BraidResult RV52100FailsafeBurn::MoveImage(Guid guid, u_int32_t image_idx, u_int
   Debug(REPAIRING_LINE) << "Repairing device " << std::hex << guid << std::endl;
   _burn_if.SetActiveDevices(guid);
 
-  // A device that does not give all its bytes must keep the one image that it has.
+  // A device that does not give all its bytes must keep the one image that it has. Answers come in
+  // whole words, so there may be more bytes than were asked for.
   const auto read = [&](u_int32_t addr, u_int32_t size, const char* what, DataVec& bytes) {
     _burn_if.Read(addr, size);
     const RomInterface::Result* result = _burn_if.LastActionResult(guid);
@@ -416,12 +417,12 @@ BraidResult RV52100FailsafeBurn::MoveImage(Guid guid, u_int32_t image_idx, u_int
                            guid);
       return false;
     }
-    bytes.resize(size);  // answers come in whole words
     return true;
   };
 
   FwImage::Section pointer_section("Pointer section", to_ps);
   if (!read(from_ps, PS_RECORD_SIZE, "pointer sector", pointer_section.data)) return BRAID_ERROR;
+  pointer_section.data.resize(PS_RECORD_SIZE);
   const u_int32_t from_addr = Word(pointer_section.data, PS_ADDR_OFFSET);
   const u_int32_t size = Word(pointer_section.data, PS_SIZE_OFFSET);
   Debug(READ_PS_LINE) << "Read PS from addr:" << std::hex << from_ps << " - Addr: " << from_addr
@@ -436,6 +437,7 @@ BraidResult RV52100FailsafeBurn::MoveImage(Guid guid, u_int32_t image_idx, u_int
     _burn_if.DeviceError("Can't move image: " + reason, guid);
     return BRAID_ERROR;
   }
+  // Copied with all the bytes that were read: a memory is written in whole words, too.
   FwImage::Section image_section("Image", to_addr);
   if (!read(from_addr, size, "image", image_section.data)) return BRAID_ERROR;
   const DataVec to_word = BigEndian(to_addr);

@@ -141,8 +141,8 @@ class RV52100FailsafeBurn : public BurnAlgorithm {
 
   /// Copies a device's image, whose pointer sector is at `from_ps`, to `to_addr` with a pointer
   /// sector at `to_ps`, and invalidates the original. `image_idx` is the slot it leaves; the copy
-  /// goes into the other. A device that does not give all its bytes, or has nothing to move, fails
-  /// before anything is written, and BRAID_ERROR is returned.
+  /// goes into the other, with all bytes of its last word. A device that does not give all its
+  /// bytes, or has nothing to move, fails before anything is written, and BRAID_ERROR is returned.
   BraidResult MoveImage(Guid guid, u_int32_t image_idx, u_int32_t from_ps, u_int32_t to_ps,
                         u_int32_t to_addr);
 

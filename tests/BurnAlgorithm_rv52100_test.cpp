@@ -492,6 +492,52 @@ TEST_F(Rv52100MoveTest, CopyIsValidAndTheOriginalIsNot) {
   EXPECT_TRUE(Holds(LEAF1, expected));
 }
 
+TEST_F(Rv52100MoveTest, ImageOfAnOddSizeIsCopiedWithAllTheBytesThatWereRead) {
+  for (const u_int32_t size : {0x11u, 0x12u, 0x13u, 0x14u}) {
+    SCOPED_TRACE(size);
+    Serve();
+    Contents flash = OldFlash(NOT_VALID, VALID, IN_THE_WAY);
+    flash.Load(0x400, OldRecord(IN_THE_WAY, size, VALID));
+    flash.Load(0x810, Hex("12345678 9abcdef0"));  // the last word, and what follows it
+    OpenOne(flash);
+    std::string console;
+    EXPECT_EQ(Move(LEAF1, console), BRAID_OK);
+    const Strings requests = _rom->Requests();
+    EXPECT_EQ(requests.at(1), Request("Read", {LEAF1}, Text(size, " 0x800")));
+    EXPECT_EQ(requests.at(4),
+              Request("Write", {LEAF1}, "20 0x600" + Words(4, "0xc1c1c1c1") + " 0x12345678"));
+    EXPECT_TRUE(console.ends_with(MOVE_METERS)) << console;
+
+    Contents expected = flash;
+    expected.Load(0x408, Hex(NOT_VALID));
+    expected.Load(0x200, DataVec(0x200, 0xFF));
+    expected.Load(0x200, OldRecord(0x600, size, VALID));
+    expected.Load(0x600, DataVec(0x200, 0xFF));
+    expected.Load(0x600, Joined({DataVec(0x10, 0xC1), Hex("12345678")}));
+    EXPECT_TRUE(Holds(LEAF1, expected));
+  }
+}
+
+TEST_F(Rv52100MoveTest, OddImageAtTheEndOfTheFlashIsCopiedWithAnErasedRest) {
+  Contents flash = OldFlash(NOT_VALID, VALID, 0xFF0);
+  flash.Load(0x400, OldRecord(0xFF2, 0xE, VALID));
+  OpenOne(flash);
+  std::string console;
+  EXPECT_EQ(Move(LEAF1, console), BRAID_OK);
+  EXPECT_EQ(MemoryOf(_fabric, LEAF1, 0, 0x600, 0x14),
+            Joined({DataVec(0xE, 0xC1), DataVec(6, 0xFF)}));
+}
+
+TEST_F(Rv52100MoveTest, MoreBytesThanTheRecordHasAreNotWrittenBehindIt) {
+  OpenOne(OldFlash(NOT_VALID, VALID, IN_THE_WAY));
+  AnswerRead(LEAF1, 1,
+             "{ACK {data 0x800} {data 0x10} {data 0xcb84cb84}" + Words(62, "{data 0xa5a5a5a5}") +
+                 " {data 0x0} {data 0x77777777}}");
+  std::string console;
+  EXPECT_EQ(Move(LEAF1, console), BRAID_OK);
+  EXPECT_EQ(_rom->Requests(), MoveRequests(LEAF1));
+}
+
 TEST_F(Rv52100MoveTest, OnlyThatDeviceIsLeftActiveAndTheMeterIsTakenBack) {
   AddDevice(LEAF1, OldFlash(NOT_VALID, VALID, IN_THE_WAY));
   AddDevice(LEAF2, OldFlash(NOT_VALID, VALID, IN_THE_WAY));

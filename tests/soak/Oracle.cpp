@@ -26,6 +26,8 @@ void Append(DataVec& bytes, u_int64_t guid) {
     bytes.push_back(static_cast<u_int8_t>(guid >> shift));
 }
 
+u_int32_t WholeWords(u_int32_t size) { return (size + 3) / 4 * 4; }
+
 u_int32_t BootSum(const DataVec& record) {
   return std::accumulate(record.begin(), record.end(), u_int32_t{0}) % 256;
 }
@@ -41,6 +43,14 @@ u_int32_t Memory::Word(u_int32_t addr) const {
 DataVec Memory::Part(u_int32_t addr, u_int32_t size) const {
   const auto start = bytes.begin() + addr;
   return DataVec(start, start + size);
+}
+
+DataVec Memory::Read(u_int32_t addr, u_int32_t size) const {
+  const u_int32_t whole = WholeWords(size);
+  const auto there = static_cast<u_int32_t>(std::min<std::size_t>(whole, bytes.size() - addr));
+  DataVec answer = Part(addr, there);
+  answer.resize(whole, ERASED);
+  return answer;
 }
 
 bool Memory::Has(u_int32_t addr, const DataVec& part) const {
@@ -240,7 +250,8 @@ View Oracle::Look(const Memory& memory) const {
   return view;
 }
 
-/// The second image goes to the fourth sector, with a record in the first pointer sector.
+/// The second image goes to the fourth sector, with a record in the first pointer sector. Reads
+/// answer in whole words, and all that was read is written.
 std::string Oracle::Move(Writer& writer) const {
   Memory& memory = writer.memory;
   const u_int32_t destination = 3 * memory.sector_size;
@@ -249,10 +260,10 @@ std::string Oracle::Move(Writer& writer) const {
   const u_int32_t size = memory.Word(_image.ps[1] + 4);
   if (addr == destination || size == 0) return "Can't move image: ";
   if (!memory.Holds(addr, size)) return "Address out of range";
-  if (!memory.Holds(destination, size)) return "Address out of range";
-  const DataVec image = memory.Part(addr, size);
+  const DataVec image = memory.Read(addr, size);
+  if (!memory.Holds(destination, image.size())) return "Address out of range";
   ClearSignature(writer, 0);
-  writer.Erase(destination, size);
+  writer.Erase(destination, static_cast<u_int32_t>(image.size()));
   writer.Program(destination, image);
   std::ranges::copy(BigWord(destination), record.begin());
   std::ranges::copy(BigWord(SIGNATURE_WORD), record.begin() + SIGNATURE_OFFSET);
@@ -366,7 +377,7 @@ std::vector<Step> Oracle::Steps(const Memory& before, const View& view) const {
   }
   if (plan.clears_second) steps.push_back(SignatureStep("clearing", 1));
   if (plan.moves_second) {
-    const u_int32_t size = before.Word(_image.ps[1] + 4);
+    const u_int32_t size = WholeWords(before.Word(_image.ps[1] + 4));
     steps.push_back(SignatureStep("clearing", 0));
     steps.push_back({"copying the image", {{3 * before.sector_size, size}}});
     steps.push_back({"copying its pointer sector", {{_image.ps[0], RECORD_SIZE}}});

@@ -22,6 +22,8 @@ struct Memory {
   u_int32_t Word(u_int32_t addr) const;
   bool Holds(u_int64_t addr, u_int64_t size) const { return addr + size <= bytes.size(); }
   DataVec Part(u_int32_t addr, u_int32_t size) const;
+  /// What a device answers to a read: whole words. Past the end they are erased.
+  DataVec Read(u_int32_t addr, u_int32_t size) const;
   bool Has(u_int32_t addr, const DataVec& part) const;
 };
 
