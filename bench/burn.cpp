@@ -19,8 +19,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "BraidGeneral.h"
-#include "Server.h"
+#include "protocol/Server.h"
+#include "src/BraidGeneral.h"
 
 extern char** environ;
 

@@ -9,10 +9,10 @@
 #include <random>
 #include <thread>
 
-#include "BraidConn.h"
-#include "BurnAlgorithm.h"
-#include "RomInterface.h"
-#include "utils.h"
+#include "src/BraidConn.h"
+#include "src/BurnAlgorithm.h"
+#include "src/RomInterface.h"
+#include "src/utils.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
-#include "Burns.h"
+#include "fuzz/Burns.h"
 
 #include <algorithm>
 #include <array>
 #include <memory>
 #include <set>
 
-#include "Family.h"
-#include "LocalRom.h"
-#include "main.h"
-#include "utils.h"
+#include "sim/Family.h"
+#include "sim/LocalRom.h"
+#include "src/main.h"
+#include "src/utils.h"
 
 namespace fuzz {
 

@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
-#include "Fabric.h"
-#include "Fuzz.h"
-#include "FwImage.h"
+#include "fuzz/Fuzz.h"
+#include "sim/Fabric.h"
+#include "src/FwImage.h"
 
 namespace fuzz {
 

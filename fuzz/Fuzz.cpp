@@ -1,4 +1,4 @@
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
 
 #include <sys/mman.h>
 #include <unistd.h>

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "BraidGeneral.h"
-#include "FwImage.h"
+#include "src/BraidGeneral.h"
+#include "src/FwImage.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size);
 

@@ -1,4 +1,4 @@
-#include "Wire.h"
+#include "fuzz/Wire.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -10,7 +10,7 @@
 #include <array>
 #include <cerrno>
 
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
 
 // Linked in the places of what they are named for. A fuzzed name may be anybody's, so none is
 // looked up.

@@ -1,8 +1,8 @@
 // An answer of a bus server: whether it tells an error, and its elements, theirs, and so on.
 #include <functional>
 
-#include "BraidConn.h"
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
+#include "src/BraidConn.h"
 
 namespace {
 

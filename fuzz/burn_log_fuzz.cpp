@@ -1,8 +1,8 @@
 // A console of fwpush, or what somebody takes for one, in pieces of any size.
 #include <algorithm>
 
-#include "BurnLog.h"
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
+#include "report/BurnLog.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   fuzz::Input input(bytes, size);

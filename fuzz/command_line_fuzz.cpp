@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <set>
 
-#include "Fuzz.h"
-#include "main.h"
+#include "fuzz/Fuzz.h"
+#include "src/main.h"
 
 namespace {
 

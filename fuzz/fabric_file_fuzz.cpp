@@ -1,6 +1,6 @@
 // A fabric file.
-#include "FabricFile.h"
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
+#include "sim/FabricFile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);

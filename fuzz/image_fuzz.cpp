@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <set>
 
-#include "Fuzz.h"
-#include "ImageCheck.h"
-#include "ImageView.h"
+#include "fuzz/Fuzz.h"
+#include "fwimg/ImageCheck.h"
+#include "fwimg/ImageView.h"
 
 namespace {
 

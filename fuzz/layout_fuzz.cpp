@@ -1,8 +1,8 @@
 // A layout, from which an image is made where it is good.
 #include <filesystem>
 
-#include "Fuzz.h"
-#include "ImageMaker.h"
+#include "fuzz/Fuzz.h"
+#include "fwimg/ImageMaker.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);

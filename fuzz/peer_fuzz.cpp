@@ -4,9 +4,9 @@
 #include <map>
 #include <string>
 
-#include "Burns.h"
-#include "Session.h"
-#include "Wire.h"
+#include "fuzz/Burns.h"
+#include "fuzz/Wire.h"
+#include "protocol/Session.h"
 
 namespace {
 

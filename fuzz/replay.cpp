@@ -4,7 +4,7 @@
 #include <iostream>
 #include <iterator>
 
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 

@@ -1,9 +1,9 @@
 // What a client may send to the simulated bus server, in pieces of any size.
 #include <memory>
 
-#include "Fabric.h"
-#include "Fuzz.h"
-#include "Session.h"
+#include "fuzz/Fuzz.h"
+#include "protocol/Session.h"
+#include "sim/Fabric.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   fuzz::Input input(bytes, size);

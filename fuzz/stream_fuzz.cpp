@@ -3,8 +3,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "BraidConn.h"
-#include "Fuzz.h"
+#include "fuzz/Fuzz.h"
+#include "src/BraidConn.h"
 
 namespace {
 

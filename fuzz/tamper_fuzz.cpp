@@ -2,7 +2,7 @@
 // each, the first byte tells at which request it is given.
 #include <map>
 
-#include "Burns.h"
+#include "fuzz/Burns.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   fuzz::Input input(bytes, size);

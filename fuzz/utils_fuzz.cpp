@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <array>
 
-#include "Fuzz.h"
-#include "utils.h"
+#include "fuzz/Fuzz.h"
+#include "src/utils.h"
 
 namespace {
 

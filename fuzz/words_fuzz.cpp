@@ -1,8 +1,8 @@
 // What a remote interface makes of an answer's words: bytes, device records, flash attributes,
 // results of each kind of operation, and the numbers of the greeting.
-#include "Fabric.h"
-#include "Fuzz.h"
-#include "LocalRom.h"
+#include "fuzz/Fuzz.h"
+#include "sim/Fabric.h"
+#include "sim/LocalRom.h"
 
 namespace {
 

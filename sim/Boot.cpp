@@ -1,10 +1,10 @@
-#include "Boot.h"
+#include "sim/Boot.h"
 
 #include <algorithm>
 #include <numeric>
 
-#include "LocalRom.h"
-#include "utils.h"
+#include "sim/LocalRom.h"
+#include "src/utils.h"
 
 namespace sim {
 

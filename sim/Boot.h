@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "Fabric.h"
-#include "Family.h"
-#include "FwImage.h"
+#include "sim/Fabric.h"
+#include "sim/Family.h"
+#include "src/FwImage.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "Fabric.h"
+#include "sim/Fabric.h"
 
 #include <algorithm>
 #include <array>
@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "LocalRom.h"
-#include "utils.h"
+#include "sim/LocalRom.h"
+#include "src/utils.h"
 
 namespace sim {
 

@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "BraidGeneral.h"
-#include "Faults.h"
-#include "Memory.h"
+#include "sim/Faults.h"
+#include "sim/Memory.h"
+#include "src/BraidGeneral.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "FabricFile.h"
+#include "sim/FabricFile.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,8 +6,8 @@
 #include <iterator>
 #include <limits>
 
-#include "LocalRom.h"
-#include "TomlReader.h"
+#include "common/TomlReader.h"
+#include "sim/LocalRom.h"
 
 namespace sim {
 

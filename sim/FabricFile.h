@@ -5,7 +5,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "Fabric.h"
+#include "sim/Fabric.h"
 
 namespace sim {
 

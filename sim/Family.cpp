@@ -1,7 +1,7 @@
-#include "Family.h"
+#include "sim/Family.h"
 
-#include "BurnAlgorithm.h"
-#include "main.h"
+#include "src/BurnAlgorithm.h"
+#include "src/main.h"
 
 namespace sim {
 

@@ -5,7 +5,7 @@
 
 #include <span>
 
-#include "FwImage.h"
+#include "src/FwImage.h"
 
 namespace sim {
 

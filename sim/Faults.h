@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-#include "BraidGeneral.h"
+#include "src/BraidGeneral.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "LocalRom.h"
+#include "sim/LocalRom.h"
 
 #include <unistd.h>
 
@@ -8,7 +8,7 @@
 #include <sstream>
 #include <utility>
 
-#include "Family.h"
+#include "sim/Family.h"
 
 namespace sim {
 

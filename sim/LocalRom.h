@@ -7,9 +7,9 @@
 #include <sstream>
 #include <string>
 
-#include "BurnAlgorithm.h"
-#include "Fabric.h"
-#include "RomInterface.h"
+#include "sim/Fabric.h"
+#include "src/BurnAlgorithm.h"
+#include "src/RomInterface.h"
 
 namespace sim {
 

@@ -1,4 +1,4 @@
-#include "Memory.h"
+#include "sim/Memory.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

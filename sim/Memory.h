@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "BraidGeneral.h"
+#include "src/BraidGeneral.h"
 
 namespace sim {
 

@@ -1,0 +1,130 @@
+/// fwimg check: all problems of image files at once.
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "fwimg/Commands.h"
+#include "fwimg/ImageCheck.h"
+#include "src/utils.h"
+
+namespace tools {
+
+namespace {
+
+struct Options {
+  std::vector<std::string> files;
+  std::string sector_size = "0x10000";
+  std::string flash_size;
+  bool is_strict = false;
+  bool as_json = false;
+};
+
+struct Report {
+  std::string file;
+  std::vector<Problem> problems;
+  std::string trouble;  ///< why the file could not be looked at
+
+  std::size_t Count(Severity severity) const {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        problems,
+        [severity](const Problem& problem) { return problem.kind->severity == severity; }));
+  }
+};
+
+const char* Word(Severity severity) { return severity == Severity::ERROR ? "error" : "warning"; }
+
+std::string Plural(std::size_t count, const std::string& what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+void Print(const Report& report) {
+  if (!report.trouble.empty()) return;
+  const bool in_colour = MayColour(STDOUT_FILENO);
+  for (const Problem& problem : report.problems) {
+    const bool is_error = problem.kind->severity == Severity::ERROR;
+    std::cout << Printable(report.file);
+    if (problem.line != 0) std::cout << ":" << problem.line;
+    std::cout << ": " << (in_colour ? is_error ? "\033[31m" : "\033[33m" : "")
+              << Word(problem.kind->severity) << (in_colour ? "\033[0m" : "") << ": "
+              << problem.text << " [" << problem.kind->word
+              << "]\n    at the burn: " << problem.burn << "\n";
+  }
+  std::cout << Printable(report.file) << ": " << Plural(report.Count(Severity::ERROR), "error")
+            << ", " << Plural(report.Count(Severity::WARNING), "warning") << "\n";
+}
+
+nlohmann::ordered_json Json(const std::vector<Report>& reports) {
+  nlohmann::ordered_json files = nlohmann::ordered_json::array();
+  for (const Report& report : reports) {
+    nlohmann::ordered_json problems = nlohmann::ordered_json::array();
+    for (const Problem& problem : report.problems) {
+      problems.push_back({{"line", problem.line},
+                          {"severity", Word(problem.kind->severity)},
+                          {"kind", problem.kind->word},
+                          {"text", problem.text},
+                          {"burn", problem.burn}});
+    }
+    nlohmann::ordered_json file{{"file", report.file}};
+    if (!report.trouble.empty()) file["cannot"] = report.trouble;
+    file["errors"] = report.Count(Severity::ERROR);
+    file["warnings"] = report.Count(Severity::WARNING);
+    file["problems"] = std::move(problems);
+    files.push_back(std::move(file));
+  }
+  return {{"version", 1}, {"command", "check"}, {"files", std::move(files)}};
+}
+
+int Run(const Options& options) {
+  const u_int32_t sector_size = ParseByteCount(options.sector_size).value();
+  const auto flash_size = ParseByteCount(options.flash_size);
+  std::vector<Report> reports;
+  int status = ALL_WELL;
+  for (const std::string& file : options.files) {
+    Report report{file, {}, ""};
+    try {
+      report.problems = Check(ImageView(file), sector_size, flash_size);
+    } catch (const BraidError& error) {
+      report.trouble = error.Des();
+      std::cerr << "fwimg: " << Printable(error.Des()) << std::endl;
+    }
+    const bool is_bad = report.Count(Severity::ERROR) > 0 ||
+                        (options.is_strict && report.Count(Severity::WARNING) > 0);
+    if (!report.trouble.empty()) {
+      status = CANNOT;
+    } else if (is_bad && status == ALL_WELL) {
+      status = DIFFERS;
+    }
+    if (!options.as_json) Print(report);
+    reports.push_back(std::move(report));
+  }
+  if (options.as_json) {
+    std::cout << Json(reports).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+              << "\n";
+  }
+  return status;
+}
+
+}  // namespace
+
+void AddCheck(CLI::App& app, Work& work) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* command = app.add_subcommand(
+      "check", "Tells all problems of image files: where, and what would happen at the burn");
+  command->add_option("FILE", options->files, "Image files")->required();
+  command->add_flag("--strict", options->is_strict, "Warnings fail the check, too");
+  command
+      ->add_option("--sector-size", options->sector_size,
+                   "Bytes of a sector of the flash that the image is for")
+      ->capture_default_str()
+      ->check(ByteCountCheck);
+  command
+      ->add_option("--flash-size", options->flash_size,
+                   "Bytes of the flash that the image is for; its end is not checked without")
+      ->check(ByteCountCheck);
+  command->add_flag("--json", options->as_json, "Prints one JSON object");
+  command->callback([options, &work] { work = [options] { return Run(*options); }; });
+}
+
+}  // namespace tools

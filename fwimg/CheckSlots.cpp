@@ -1,0 +1,153 @@
+#include "fwimg/CheckedImage.h"
+#include "src/BraidGeneral.h"
+
+namespace tools {
+
+namespace {
+
+void CheckDirectives(const CheckedImage& image, LineFindings& findings) {
+  for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
+    const SlotView& slot = image.view.Slots()[idx];
+    const auto need = [&](const std::optional<MarkedAddr>& addr, const char* directive) {
+      if (addr) return;
+      findings.Add(ProblemId::SLOT_UNSET, image.view.DeviceTypeLine(),
+                   Text("no ", directive, " ", idx, ", which this device type needs"));
+    };
+    need(slot.image, "IMAGE");
+    if (image.family == Family::BOOT_RECORDS) continue;
+    need(slot.ps, "PS");
+    need(slot.signature, "SIGNATURE");
+  }
+}
+
+void CheckImageSections(const CheckedImage& image, LineFindings& findings) {
+  const u_int32_t img0 = image.view.Slots()[0].image->addr;
+  const u_int32_t img1 = image.view.Slots()[1].image->addr;
+  const auto sections = image.view.ImageSections();
+  u_int64_t bytes = 0;
+  for (const SectionView* section : sections) {
+    bytes += section->size;
+    if (section->addr < img0 || section->addr >= std::max(img0, img1)) {
+      findings.Add(ProblemId::IMAGE_SECTION_OUTSIDE, section->line,
+                   Name(*section) + " " + At(section->addr) +
+                       " stands after the first image section, " +
+                       "but does not lie between the slots");
+    } else if (section->End() > img1) {
+      findings.Add(ProblemId::SLOTS_OVERLAP, section->line,
+                   Name(*section) + " reaches to " + HexText(section->End()) +
+                       ", into the second slot " + At(img1));
+    }
+  }
+  if (image.family == Family::POINTER_SECTORS && bytes < image.view.ImageExtent()) {
+    findings.Add(ProblemId::IMAGE_GAPS, sections.front()->line,
+                 Text("the image has ", bytes, " bytes on ", image.view.ImageExtent()));
+  }
+}
+
+std::string Where(const Region& region) {
+  return Name(*region.section) + ", burnt " + At(region.from) + " to " + HexText(region.end);
+}
+
+/// Burns of which each must leave alone what the others have written.
+void CheckSequencesApart(const CheckedImage& image, LineFindings& findings) {
+  const auto sequences = image.Failsafe();
+  for (std::size_t i = 0; i < sequences.size(); ++i) {
+    for (std::size_t j = i + 1; j < sequences.size(); ++j) {
+      for (const Region& a : *sequences[i]) {
+        for (const Region& b : *sequences[j]) {
+          if (!a.Overlaps(b)) continue;
+          findings.Add(ProblemId::SLOTS_OVERLAP, b.section->line,
+                       [&] { return Where(b) + ", overlaps " + Where(a); });
+        }
+      }
+    }
+  }
+}
+
+/// The image of a slot, moved, against the slot's own pointer sector, which is not. Image sections
+/// among themselves overlap in the file, too.
+void CheckPointerSectorsApart(const CheckedImage& image, LineFindings& findings) {
+  for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
+    if (image.burnt[idx].size() == image.images[idx].size()) continue;
+    const Region& ps = image.burnt[idx].back();
+    for (const Region& region : image.images[idx]) {
+      if (!region.Overlaps(ps)) continue;
+      findings.Add(ProblemId::PS_IN_IMAGE, image.view.Slots()[idx].ps->line, [&] {
+        return Text("the pointer sector ", At(ps.from), " to ", HexText(ps.end), " lies in the ",
+                    "image of slot ", idx, ": ", Where(region));
+      });
+    }
+  }
+}
+
+/// What a slot's burn writes or erases around `region`.
+Extent Touched(const CheckedImage& image, const Region& region) {
+  if (!image.is_flash || region.from == region.end) return region;
+  return {region.from / image.sector * image.sector,
+          ((region.end - 1) / image.sector + 1) * image.sector};
+}
+
+/// Sections that no failsafe burn writes.
+void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
+  for (const SectionView* section : image.kept) {
+    const auto is_of = [&](const Sequence* sequence) {
+      return std::ranges::find(*sequence, section, &Region::section) != sequence->end();
+    };
+    if (std::ranges::any_of(image.Failsafe(), is_of)) continue;
+    const auto destroys = [&](const Region& region) {
+      return Touched(image, region).Overlaps(ExtentOf(*section));
+    };
+    bool is_destroyed = false;
+    for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
+      const auto found = std::ranges::find_if(image.burnt[idx], destroys);
+      if (found == image.burnt[idx].end()) continue;
+      is_destroyed = true;
+      findings.Add(
+          ProblemId::SECTION_IN_SLOT, section->line,
+          Text(Name(*section), " ", At(section->addr), " to ", HexText(section->End()),
+               " lies in what a burn of slot ", idx, " writes or erases: ", Where(*found)));
+    }
+    const bool is_misplaced =  // a kind of its own
+        image.family == Family::POINTER_SECTORS && section->addr < image.sector;
+    if (!is_destroyed && !is_misplaced) {
+      findings.Add(ProblemId::SECTION_NOT_BURNT, section->line,
+                   Name(*section) + " belongs to no slot");
+    }
+  }
+}
+
+/// Without a device map, which has an end of its own, addresses end at 4 GiB.
+void CheckEnds(const CheckedImage& image, LineFindings& findings) {
+  const MarkedAddr& second = *image.view.Slots()[1].image;
+  const u_int64_t end = second.addr + image.view.ImageExtent();
+  if (end <= ADDRESS_SPACE || !image.view.Devices().empty()) return;
+  findings.Add(ProblemId::SLOT_WRAPS, second.line,
+               "the second slot's image would end " + At(end) + ", past the last address");
+}
+
+}  // namespace
+
+void CheckSlots(const CheckedImage& image, LineFindings& findings) {
+  if (image.family != Family::POINTER_SECTORS && image.family != Family::BOOT_RECORDS) return;
+  CheckDirectives(image, findings);
+  const auto& slots = image.view.Slots();
+  if (!slots[0].image || !slots[1].image) return;
+  const u_int32_t img0 = slots[0].image->addr;
+  const u_int32_t img1 = slots[1].image->addr;
+  if (img1 <= img0) {
+    findings.Add(ProblemId::SLOT_ORDER, slots[1].image->line,
+                 "IMAGE 1 " + At(img1) + " does not lie behind IMAGE 0 " + At(img0));
+  }
+  if (image.view.SectionAt(img0) == nullptr) {
+    findings.Add(ProblemId::NO_FIRST_SECTION, slots[0].image->line,
+                 "no section starts at IMAGE 0, " + HexText(img0));
+  }
+  CheckImageSections(image, findings);
+  if (!image.has_slots) return;
+  CheckSequencesApart(image, findings);
+  CheckPointerSectorsApart(image, findings);
+  CheckLeftOut(image, findings);
+  CheckEnds(image, findings);
+}
+
+}  // namespace tools

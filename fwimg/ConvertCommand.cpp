@@ -1,0 +1,207 @@
+/// fwimg convert: image files from and to Intel HEX and Motorola S-records.
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "fwimg/Commands.h"
+#include "fwimg/ImageMaker.h"
+#include "fwimg/ImageView.h"
+#include "fwimg/Srecord.h"
+
+namespace tools {
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::ordered_json;
+
+struct ConvertOptions {
+  std::string from;
+  std::string to;
+  std::string format;
+  std::string layout;
+  int pad = -1;  ///< the byte that fills up words; none when negative
+  bool is_lax = false;
+  bool as_json = false;
+};
+
+RecordFormat FormatOf(const ConvertOptions& options, const fs::path& path) {
+  const auto format =
+      ParseFormat(options.format.empty() ? path.extension().string() : options.format);
+  if (!format) {
+    throw std::runtime_error(path.string() +
+                             ": the name tells no format; --format intel or motorola does");
+  }
+  return *format;
+}
+
+void Report(const ConvertOptions& options, const std::vector<RecordRange>& ranges) {
+  std::size_t total = 0;
+  ordered_json json = ordered_json::array();
+  for (const RecordRange& range : ranges) {
+    json.push_back({{"address", range.addr}, {"size", range.data.size()}});
+    total += range.data.size();
+  }
+  if (options.as_json) {
+    std::cout << ordered_json{{"version", 1},
+                              {"command", "convert"},
+                              {"from", options.from},
+                              {"to", options.to},
+                              {"ranges", std::move(json)}}
+                     .dump(2, ' ', false, ordered_json::error_handler_t::replace)
+              << std::endl;
+  } else {
+    std::cout << options.to << ": " << total << " bytes in " << ranges.size()
+              << (ranges.size() == 1 ? " piece\n" : " pieces\n");
+  }
+}
+
+/// The bytes of all sections, neighbours made one. Throws where two sections overlap: records can
+/// not say what an image file can.
+std::vector<RecordRange> RangesOf(const FwImage& image) {
+  std::vector<u_int32_t> addrs;
+  image.GetSectionsAddr(addrs);
+  std::ranges::sort(addrs);
+  addrs.erase(std::unique(addrs.begin(), addrs.end()), addrs.end());
+  std::vector<RecordRange> ranges;
+  std::string before;
+  for (const u_int32_t addr : addrs) {
+    const FwImage::Section& section = *image.GetSection(addr);
+    if (section.data.empty()) continue;
+    const u_int64_t end = ranges.empty() ? 0 : ranges.back().addr + ranges.back().data.size();
+    if (!ranges.empty() && addr < end) {
+      throw std::runtime_error("the sections " + Printable(before) + " and " +
+                               Printable(section.name) + " overlap");
+    }
+    if (ranges.empty() || addr != end) ranges.push_back({addr, {}});
+    ranges.back().data.insert(ranges.back().data.end(), section.data.begin(), section.data.end());
+    before = section.name;
+  }
+  if (ranges.empty()) throw std::runtime_error("the image has no bytes");
+  return ranges;
+}
+
+int ToRecords(const ConvertOptions& options) {
+  const RecordFormat format = FormatOf(options, options.to);
+  FwImage image;
+  LoadImage(image, options.from);
+  const std::vector<RecordRange> ranges = RangesOf(image);
+  WriteRecords(ranges, format, options.to);
+  Report(options, ranges);
+  return ALL_WELL;
+}
+
+/// Fills up what follows the last whole word of each range, as far as the next range leaves room,
+/// which then becomes a part of it.
+void Pad(std::vector<RecordRange>& ranges, u_int8_t pad) {
+  std::vector<RecordRange> padded;
+  for (RecordRange& range : ranges) {
+    if (!padded.empty()) {
+      RecordRange& last = padded.back();
+      const u_int64_t end = last.addr + u_int64_t{last.data.size()};
+      // The words of a range begin where it does, so the next one may begin inside one.
+      const u_int64_t whole = last.addr + (u_int64_t{last.data.size()} + 3) / 4 * 4;
+      if (range.addr < whole) {
+        last.data.resize(last.data.size() + (range.addr - end), pad);
+        last.data.insert(last.data.end(), range.data.begin(), range.data.end());
+        continue;
+      }
+      last.data.resize(whole - last.addr, pad);
+    }
+    padded.push_back(std::move(range));
+  }
+  RecordRange& last = padded.back();
+  last.data.resize((last.data.size() + 3) / 4 * 4, pad);
+  ranges = std::move(padded);
+}
+
+/// Cuts ranges where a burn looks for a section that begins there.
+void CutAt(std::vector<RecordRange>& ranges, const Layout& layout) {
+  for (const Layout::Slot& slot : layout.slots) {
+    for (const auto& addr : {slot.ps, slot.image}) {
+      if (!addr) continue;
+      for (std::size_t i = 0; i < ranges.size(); ++i) {
+        RecordRange& range = ranges[i];
+        if (*addr <= range.addr || *addr - range.addr >= range.data.size()) continue;
+        const auto cut = range.data.begin() + (*addr - range.addr);
+        RecordRange rest{*addr, DataVec(cut, range.data.end())};
+        range.data.erase(cut, range.data.end());
+        ranges.insert(ranges.begin() + static_cast<std::ptrdiff_t>(i) + 1, std::move(rest));
+        break;
+      }
+    }
+  }
+}
+
+std::string SectionName(const Layout& layout, u_int32_t addr) {
+  for (u_int32_t i = 0; i < FwImage::SLOTS; ++i) {
+    if (layout.slots[i].ps == addr) return Text("PS", i);
+    if (layout.slots[i].image == addr) return Text("IMAGE", i);
+  }
+  return Text("DATA_", std::hex, std::uppercase, std::setfill('0'), std::setw(8), addr);
+}
+
+int FromRecords(const ConvertOptions& options) {
+  const RecordFormat format = FormatOf(options, options.from);
+  Layout layout;
+  if (options.layout.empty()) {
+    layout.file = options.from;
+    std::cerr << "fwimg: without --layout the image names no device type, and cannot be burnt\n";
+  } else {
+    layout = ReadLayout(options.layout, fs::path(options.layout).parent_path(), LayoutKind::FRAME);
+  }
+  std::vector<RecordRange> ranges = ReadRecords(options.from, format, options.is_lax);
+  CutAt(ranges, layout);
+  if (options.pad >= 0) Pad(ranges, static_cast<u_int8_t>(options.pad));
+  for (const RecordRange& range : ranges) {
+    if (range.data.size() % 4 != 0) {
+      throw std::runtime_error(Text(options.from, ": the ", range.data.size(), " bytes at 0x",
+                                    std::hex, range.addr,
+                                    " are not whole words of 4; --pad BYTE fills the last one up"));
+    }
+    layout.sections.push_back(
+        {.name = SectionName(layout, range.addr), .addr = range.addr, .data = range.data});
+  }
+  CheckLayout(layout);
+  FillIn(layout);
+  for (const std::string& warning : WriteImage(layout, options.to)) {
+    std::cerr << "fwimg: " << warning << "\n";
+  }
+  Report(options, ranges);
+  return ALL_WELL;
+}
+
+}  // namespace
+
+void AddConvert(CLI::App& app, Work& work) {
+  const auto options = std::make_shared<ConvertOptions>();
+  CLI::App* convert = app.add_subcommand(
+      "convert", "Turn an image file into Intel HEX or Motorola S-records, or back");
+  convert->add_option("FROM", options->from, "The file to read")->required();
+  convert->add_option("TO", options->to, "The file to write")->required();
+  convert
+      ->add_option("--format", options->format,
+                   "Of the records: intel or motorola (default: as the name of the file says)")
+      ->check(CLI::IsMember({"intel", "motorola"}));
+  convert->add_option("--layout", options->layout,
+                      "To an image: all that it says beside the bytes, a layout without sections");
+  convert->add_option("--pad", options->pad, "To an image: fill up words with this byte")
+      ->check(CLI::Range(0, 255));
+  convert->add_flag("--lax", options->is_lax, "To an image: take records that give cause to warn");
+  convert->add_flag("--json", options->as_json, "Print a JSON object");
+  convert->callback([options, &work] {
+    if (IsImageName(options->from) == IsImageName(options->to)) {
+      throw CLI::ValidationError("convert", "one of FROM and TO must be an image file (.img)");
+    }
+    const bool has_image_options = !options->layout.empty() || options->pad >= 0 || options->is_lax;
+    if (IsImageName(options->from) && has_image_options) {
+      throw CLI::ValidationError("convert", "--layout, --pad and --lax are for making images");
+    }
+    work = [options] {
+      return IsImageName(options->from) ? ToRecords(*options) : FromRecords(*options);
+    };
+  });
+}
+
+}  // namespace tools

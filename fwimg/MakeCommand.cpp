@@ -1,0 +1,208 @@
+/// fwimg make: an image file from a layout. fwimg extract: the bytes of an image file's sections.
+#include <algorithm>
+#include <cctype>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "common/Files.h"
+#include "fwimg/Commands.h"
+#include "fwimg/ImageMaker.h"
+#include "fwimg/ImageView.h"
+#include "sim/Family.h"
+
+namespace tools {
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::ordered_json;
+
+void Print(const ordered_json& json) {
+  // Names of sections may be any bytes.
+  std::cout << json.dump(2, ' ', false, ordered_json::error_handler_t::replace) << std::endl;
+}
+
+struct MakeOptions {
+  std::string layout;
+  std::string output;
+  std::string parts;
+  bool as_json = false;
+};
+
+int Make(const MakeOptions& options) {
+  const fs::path parts =
+      options.parts.empty() ? fs::path(options.layout).parent_path() : fs::path(options.parts);
+  Layout layout = ReadLayout(options.layout, parts, LayoutKind::WHOLE);
+  CheckLayout(layout);
+  FillIn(layout);
+  for (const std::string& warning : WriteImage(layout, options.output)) {
+    std::cerr << "fwimg: " << warning << "\n";
+  }
+
+  ordered_json json{{"version", 1},
+                    {"command", "make"},
+                    {"image", options.output},
+                    {"device_type", layout.device_type},
+                    {"sections", ordered_json::array()}};
+  std::size_t total = 0;
+  for (const Layout::Section& section : layout.sections) {
+    const EeLoc loc = layout.conv.Convert(section.addr);
+    json["sections"].push_back({{"name", section.name},
+                                {"address", section.addr},
+                                {"device", loc.dev},
+                                {"offset", loc.offset},
+                                {"size", section.data.size()}});
+    total += section.data.size();
+  }
+  if (options.as_json) {
+    Print(json);
+  } else {
+    std::cout << options.output << ": " << layout.device_type << ", " << layout.sections.size()
+              << (layout.sections.size() == 1 ? " section, " : " sections, ") << total
+              << " bytes\n";
+  }
+  return ALL_WELL;
+}
+
+struct ExtractOptions {
+  std::string image;
+  std::string section;
+  std::string output;
+  std::string all;
+  bool as_json = false;
+};
+
+/// The sections of an image as they lie in memory, each once, in file order.
+std::vector<const FwImage::Section*> Sections(const FwImage& image) {
+  std::vector<u_int32_t> addrs;
+  image.GetSectionsAddr(addrs);
+  std::vector<const FwImage::Section*> sections;
+  std::set<u_int32_t> seen;
+  for (const u_int32_t addr : addrs) {
+    if (seen.insert(addr).second) sections.push_back(image.GetSection(addr));
+  }
+  return sections;
+}
+
+/// A file name for a section, whose own may be anything: nothing may land outside the folder.
+std::string FileName(const FwImage::Section& section, std::set<std::string>& taken) {
+  constexpr std::size_t LONGEST = 64;
+  std::string name = section.name.substr(0, LONGEST);
+  std::ranges::replace_if(
+      name,
+      [](unsigned char c) {
+        return c >= 0x80 || (std::isalnum(c) == 0 && c != '_' && c != '.' && c != '-');
+      },
+      '_');
+  if (name.empty() || name[0] == '.') name.insert(0, "_");
+  if (!taken.insert(name).second) {
+    name += Text("@", std::hex, std::setfill('0'), std::setw(8), section.addr);
+    taken.insert(name);
+  }
+  return name + ".bin";
+}
+
+int Extract(const ExtractOptions& options) {
+  FwImage image;
+  LoadImage(image, options.image);
+
+  std::vector<const FwImage::Section*> sections = Sections(image);
+  if (!options.section.empty()) {
+    std::erase_if(sections, [&](const auto* section) { return section->name != options.section; });
+    if (sections.empty()) {
+      throw std::runtime_error(options.image + ": no section " + options.section);
+    }
+    if (sections.size() > 1) {
+      throw std::runtime_error(Text(options.image, ": ", sections.size(), " sections are named ",
+                                    options.section, "; --all DIR writes each"));
+    }
+    if (options.output == "-") {
+      const DataVec& data = sections[0]->data;
+      std::cout.write(reinterpret_cast<const char*>(data.data()),
+                      static_cast<std::streamsize>(data.size()));
+      return ALL_WELL;
+    }
+  }
+
+  std::vector<std::string> files;
+  std::set<std::string> taken;
+  for (const FwImage::Section* section : sections) {
+    files.push_back(options.section.empty()
+                        ? (fs::path(options.all) / FileName(*section, taken)).string()
+                        : options.output);
+    std::error_code missing;
+    if (fs::equivalent(files.back(), options.image, missing)) {
+      std::cerr << "fwimg: " << Printable(files.back())
+                << ": the image itself would be overwritten\nRun with --help for more information."
+                << std::endl;
+      return USAGE;
+    }
+  }
+  if (options.section.empty()) fs::create_directories(options.all);
+
+  ordered_json written = ordered_json::array();
+  for (std::size_t i = 0; i < sections.size(); ++i) {
+    const FwImage::Section* section = sections[i];
+    const std::string& file = files[i];
+    WriteFile(file, section->data);
+    const EeLoc loc = sim::MapOf(image).Convert(section->addr);
+    written.push_back({{"section", section->name},
+                       {"address", section->addr},
+                       {"device", loc.dev},
+                       {"offset", loc.offset},
+                       {"size", section->data.size()},
+                       {"file", file}});
+    if (!options.as_json) {
+      std::cout << Printable(file) << ": " << Printable(section->name) << ", "
+                << section->data.size() << " bytes from " << Where(loc) << "\n";
+    }
+  }
+  if (options.as_json) {
+    Print({{"version", 1},
+           {"command", "extract"},
+           {"image", options.image},
+           {"written", std::move(written)}});
+  }
+  return ALL_WELL;
+}
+
+}  // namespace
+
+void AddMake(CLI::App& app, Work& work) {
+  const auto options = std::make_shared<MakeOptions>();
+  CLI::App* make = app.add_subcommand("make", "Make an image file from a layout and raw files");
+  make->add_option("LAYOUT", options->layout, "What stands where, in TOML")->required();
+  make->add_option("-o,--output", options->output, "The image file to write")->required();
+  make->add_option("--parts", options->parts,
+                   "Where the layout's files lie (default: beside the layout)");
+  make->add_flag("--json", options->as_json, "Print a JSON object");
+  make->callback([options, &work] { work = [options] { return Make(*options); }; });
+}
+
+void AddExtract(CLI::App& app, Work& work) {
+  const auto options = std::make_shared<ExtractOptions>();
+  CLI::App* extract = app.add_subcommand("extract", "Write the bytes of sections to raw files");
+  extract->add_option("FILE", options->image, "The image file")->required();
+  CLI::Option* section = extract->add_option("--section", options->section, "The section's name");
+  CLI::Option* output =
+      extract->add_option("-o,--output", options->output, "The file to write; - for the output");
+  CLI::Option* all =
+      extract->add_option("--all", options->all, "Write every section into this folder");
+  CLI::Option* json = extract->add_flag("--json", options->as_json, "Print a JSON object");
+  section->needs(output);
+  output->needs(section);
+  all->excludes(section);
+  extract->callback([options, section, all, json, &work] {
+    if (section->count() + all->count() != 1) {
+      throw CLI::ValidationError("extract", "--section NAME -o FILE or --all DIR is needed");
+    }
+    if (options->output == "-" && json->count() != 0) {
+      throw CLI::ValidationError("extract", "-o - leaves no room for --json");
+    }
+    work = [options] { return Extract(*options); };
+  });
+}
+
+}  // namespace tools

@@ -1,0 +1,165 @@
+/// The kinds of problems that an image file may have, and lists of what was found.
+#pragma once
+
+#include <array>
+#include <concepts>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "sim/Family.h"
+
+namespace tools {
+
+using sim::Family;
+
+/// A line of the image file as the loader counts them: from 1, long ones cut. 0: the whole file.
+using LineNumber = u_int32_t;
+
+enum class Severity { WARNING, ERROR };
+
+/// In the order of the table of kinds.
+enum class ProblemId {
+  REFUSED,
+  UNKNOWN_DIRECTIVE,
+  MISSPELT_DIRECTIVE,
+  VERSION_WORDS,
+  STRAY_DATA,
+  STRAY_END,
+  LONG_LINE,
+  LONG_LINE_REST,
+  NUL,
+  DATA_CUT,
+  NUMBER_CUT,
+  DEVICE_CUT,
+  START_NOT_READ_WHOLE,
+  SECTION_NOT_CLOSED,
+  DUPLICATE_SECTION,
+  SECTION_EMPTY,
+  SECTION_OVERLAP,
+  NO_SECTIONS,
+  SLOT_TWICE,
+  NO_DEVICE_TYPE,
+  UNKNOWN_DEVICE_TYPE,
+  DEVICE_TYPE_TWICE,
+  DEVICE_TYPE_LATE,
+  BSN_IGNORED,
+  DEVMAP_LATE,
+  DEVMAP_TWICE,
+  DEVMAP_EMPTY,
+  DEVMAP_WRAPS,
+  PAST_DEVICE,
+  PAST_MAP,
+  CHUNK_CROSSES_DEVICE,
+  SLOT_WRAPS,
+  PAST_FLASH,
+  FIELD_OUTSIDE,
+  FIELD_CROSSES,
+  FIELD_OVERLAP,
+  FIELD_TWICE,
+  FIELD_NOT_REPLACED,
+  CRC_OUTSIDE,
+  CRC_CROSSES,
+  CRC_PLACE,
+  CRC_NOT_WORDS,
+  CRC_EMPTY,
+  CRC_OVER_CRC,
+  CRC_OVER_ITSELF,
+  CRC_STORED,
+  NOT_WORD_ALIGNED,
+  ONE_SLOT_ONLY,
+  SLOT_UNSET,
+  SLOT_ORDER,
+  NO_FIRST_SECTION,
+  SLOTS_OVERLAP,
+  IMAGE_SECTION_OUTSIDE,
+  SECTION_NOT_BURNT,
+  SECTION_IN_SLOT,
+  IMAGE_GAPS,
+  PS_WITHOUT_SECTION,
+  PS_SHORT,
+  PS_IN_IMAGE,
+  PS_RECORD,
+  PS_SIZE,
+  PS_CRC,
+  SIGNATURE_PLACE,
+  SIGNATURE_ELSEWHERE,
+  SIGNATURE_SHIPPED,
+  INVARIANT_NOT_FIRST,
+  MARKER_MISSING,
+  MARKER_BLANKED,
+  FIELD_IN_INVARIANT,
+  FIRST_SLOT_PLACE,
+  ERASE_UNALIGNED,
+  ERASE_SPOILS,
+  RECORD_SHORT,
+  RECORD_SUM,
+  RECORD_MARKED,
+  CRC_OVER_SPOILT,
+  FIELD_IN_HELD_BACK,
+  FIELD_IN_RECORD,
+  COUNT,
+};
+
+/// A kind of problem.
+struct ProblemKind {
+  ProblemId id;
+  std::string_view word;  ///< what people and programs call it
+  Severity severity;
+  std::string_view burn;           ///< what would happen at the burn
+  std::string_view failsafe = {};  ///< the same for a device type with slots, where it differs
+  std::string_view none = {};      ///< and for one that fwpush burns nowhere
+
+  std::string_view BurnOf(Family family) const;
+};
+
+/// All kinds there are.
+std::span<const ProblemKind> ProblemKinds();
+const ProblemKind& KindOf(ProblemId id);
+
+/// One odd thing about a line.
+struct LineFinding {
+  LineNumber line;
+  ProblemId kind;
+  std::string text;
+};
+
+/// Findings, none of them twice. A kind is told so often at most: more of it says nothing new, and
+/// a file may have millions.
+class LineFindings {
+ public:
+  static constexpr std::size_t MOST_OF_A_KIND = 100;
+
+  /// `make_text` is only called where the text is needed.
+  template <std::invocable MakeText>
+  void Add(ProblemId kind, LineNumber line, const MakeText& make_text) {
+    OfKind& known = _kinds[static_cast<std::size_t>(kind)];
+    Mark(known, line);
+    if (known.has_more) return;
+    Tell(known, {line, kind, make_text()});
+  }
+  void Add(ProblemId kind, LineNumber line, std::string text) {
+    Add(kind, line, [&text] { return std::move(text); });
+  }
+
+  /// In order of lines. Where a kind is told in part, the first says on how many lines it is.
+  std::vector<LineFinding> InOrder() const;
+
+ private:
+  struct OfKind {
+    std::set<std::pair<LineNumber, std::string>> told;
+    bool has_more = false;
+    std::vector<bool> lines;  ///< by number: whether it was found there, told or not
+  };
+
+  static void Mark(OfKind& known, LineNumber line);
+  void Tell(OfKind& known, LineFinding finding);
+
+  std::array<OfKind, static_cast<std::size_t>(ProblemId::COUNT)> _kinds;
+  std::vector<LineFinding> _told;  ///< in the order in which they were found
+};
+
+}  // namespace tools

@@ -1,0 +1,214 @@
+#include "fwimg/Srecord.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <span>
+#include <stdexcept>
+
+#include "common/Files.h"
+#include "src/utils.h"
+
+namespace tools {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct FormatRow {
+  std::string_view name;  ///< or an extension
+  RecordFormat format;
+};
+constexpr auto FORMATS = std::to_array<FormatRow>({
+    {"intel", RecordFormat::INTEL},
+    {".hex", RecordFormat::INTEL},
+    {".ihex", RecordFormat::INTEL},
+    {".ihx", RecordFormat::INTEL},
+    {"motorola", RecordFormat::MOTOROLA},
+    {".srec", RecordFormat::MOTOROLA},
+    {".s19", RecordFormat::MOTOROLA},
+    {".s28", RecordFormat::MOTOROLA},
+    {".s37", RecordFormat::MOTOROLA},
+    {".mot", RecordFormat::MOTOROLA},
+});
+
+/// Warnings that cost no byte.
+constexpr auto HARMLESS = std::to_array<std::string_view>({
+    "no header record",
+    "data records not in strictly ascending order",
+    "redundant 0x",
+});
+
+const char* Option(RecordFormat format) {
+  return format == RecordFormat::INTEL ? "-intel" : "-motorola";
+}
+
+std::string Hex(u_int64_t value) { return Text("0x", std::hex, value); }
+
+/// A program that runs to its end, its outputs kept in scratch files.
+class Run {
+ public:
+  Run(const ScratchFolder& scratch, const std::vector<std::string>& words)
+      : _output(scratch / "output"), _errors(scratch / "errors") {
+    std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
+    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC;
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, _output.c_str(), FLAGS, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, _errors.c_str(), FLAGS, 0600);
+    pid_t pid = -1;
+    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error == ENOENT) {
+      throw std::runtime_error(words[0] +
+                               " is needed for this and is not installed; Debian's package srecord "
+                               "has it");
+    }
+    if (error != 0) throw std::runtime_error("can't run " + words[0] + ": " + strerror(error));
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+      if (errno != EINTR) throw std::runtime_error("can't wait for " + words[0]);
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      std::string said;
+      for (const std::string& message : Messages()) said += "\n" + message;
+      throw std::runtime_error(words[0] + " failed" + said);
+    }
+  }
+
+  std::ifstream Output() const { return std::ifstream(_output); }
+
+  /// What it said on standard error, continued lines made one.
+  std::vector<std::string> Messages() const {
+    std::vector<std::string> messages;
+    std::ifstream errors(_errors);
+    for (std::string line; std::getline(errors, line);) {
+      const std::size_t text = std::min(line.find_first_not_of(' '), line.size());
+      if (text > 0 && !messages.empty()) {
+        messages.back() += " " + line.substr(text);
+      } else {
+        messages.push_back(line);
+      }
+    }
+    return messages;
+  }
+
+ private:
+  std::string _output;
+  std::string _errors;
+};
+
+/// Refuses a file that goes on behind its end record: srec_cat stops there without a word, and half
+/// of two files in one would be lost.
+void CheckEnd(const fs::path& path, RecordFormat format) {
+  const auto is_end = [format](std::string_view line) {
+    return format == RecordFormat::INTEL
+               ? line.size() > 8 && line[0] == ':' && line.substr(7, 2) == "01"
+               : line.size() > 1 && (line[0] == 'S' || line[0] == 's') && line[1] >= '7' &&
+                     line[1] <= '9';
+  };
+  std::ifstream file(path);
+  bool has_ended = false;
+  u_int32_t number = 0;
+  for (std::string line; std::getline(file, line);) {
+    ++number;
+    const std::size_t text = line.find_first_not_of(" \t\r\x1a");
+    if (text == std::string::npos) continue;
+    if (has_ended) {
+      throw std::runtime_error(
+          Text(path.string(), ":", number, ": the file goes on behind its end record"));
+    }
+    has_ended = is_end(std::string_view(line).substr(text));
+  }
+}
+
+/// The bytes of S3 records as srec_cat writes them: one record a line, in ascending order.
+std::vector<RecordRange> BytesOf(std::istream& records) {
+  std::vector<RecordRange> ranges;
+  DataVec record;
+  for (std::string line; std::getline(records, line);) {
+    if (!line.starts_with("S3")) continue;  // the number of records, the end
+    record.clear();
+    for (std::size_t i = 2; i + 1 < line.size(); i += 2) {
+      record.push_back(static_cast<u_int8_t>(HexDigit(line[i]) << 4 | HexDigit(line[i + 1])));
+    }
+    // The length of what follows it, the address, the bytes, a sum.
+    constexpr std::size_t AROUND = 6;
+    if (record.size() <= AROUND || record.size() != 1u + record[0]) {
+      throw std::runtime_error("srec_cat writes a strange record: " + line);
+    }
+    const u_int32_t addr = u_int32_t{record[1]} << 24 | u_int32_t{record[2]} << 16 |
+                           u_int32_t{record[3]} << 8 | record[4];
+    if (ranges.empty() || ranges.back().addr + u_int64_t{ranges.back().data.size()} != addr) {
+      ranges.push_back({addr, {}});
+    }
+    ranges.back().data.insert(ranges.back().data.end(), record.begin() + 5, record.end() - 1);
+  }
+  return ranges;
+}
+
+}  // namespace
+
+std::optional<RecordFormat> ParseFormat(std::string_view name_or_extension) {
+  const auto row = std::ranges::find(FORMATS, name_or_extension, &FormatRow::name);
+  if (row == FORMATS.end()) return {};
+  return row->format;
+}
+
+void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
+                  const fs::path& path) {
+  const ScratchFolder scratch;
+  std::vector<std::string> words{"srec_cat"};
+  for (std::size_t i = 0; i < ranges.size(); ++i) {
+    const std::string name = scratch / Text(i, ".bin");
+    WriteFile(name, ranges[i].data);
+    for (const std::string& word :
+         {name, std::string("-binary"), std::string("-offset"), Hex(ranges[i].addr)}) {
+      words.push_back(word);
+    }
+  }
+  const std::string records = scratch / "records";
+  words.insert(words.end(), {"-o", records, Option(format)});
+  if (format == RecordFormat::MOTOROLA) {
+    // No header, which would name the program; an end record, which makes a cut file show.
+    words.insert(words.end(), {"-disable=header", "-execution-start-address=0"});
+  }
+  const Run run(scratch, words);
+  WriteFile(path, ReadFile(records));
+}
+
+std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, bool lax) {
+  // An absolute name is taken for no option.
+  const fs::path input = fs::absolute(path);
+  ReadFile(input);
+  CheckEnd(input, format);
+  const ScratchFolder scratch;
+  const std::string records = scratch / "records";
+  const Run run(scratch, {"srec_cat", input, Option(format), "-o", records, "-motorola",
+                          "-address-length=4", "-disable=header"});
+  for (const std::string& message : run.Messages()) {
+    const bool is_harmless = std::ranges::any_of(
+        HARMLESS, [&](std::string_view text) { return message.find(text) != std::string::npos; });
+    if (is_harmless) continue;
+    if (!lax) throw std::runtime_error(message + "\n--lax takes the file nevertheless");
+    std::cerr << message << std::endl;
+  }
+
+  std::ifstream file(records);
+  return BytesOf(file);
+}
+
+}  // namespace tools

@@ -1,0 +1,734 @@
+#include "rehearse/Rehearsal.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <numeric>
+#include <stdexcept>
+#include <thread>
+
+#include "protocol/Server.h"
+#include "sim/FabricFile.h"
+#include "sim/LocalRom.h"
+#include "src/utils.h"
+
+extern char** environ;
+
+namespace sim {
+
+namespace {
+
+constexpr std::size_t WORD_SIZE = 4;
+constexpr std::size_t MOST_EXCEPTIONS = 200;  ///< more of them tell nothing new
+
+/// A change of memory in the log of a burn.
+struct LoggedOperation {
+  Operation::Kind kind;
+  u_int8_t chip;
+  u_int32_t offset;
+  u_int32_t size;
+  DataVec bytes;
+  std::size_t request;  ///< from 1
+};
+
+/// A place to pull the plug: within or after one operation of one device's log.
+struct Cut {
+  std::size_t operation = 0;
+  CutKind kind = CutKind::AFTER_WORD;
+  std::size_t word = 0;
+};
+
+/// Bits for a torn word, or a torn erase's cell: the same for the same place and seed.
+u_int32_t Chance(unsigned seed, std::size_t operation, std::size_t place) {
+  u_int64_t x = seed + 0x9E3779B97F4A7C15u * (operation + 1) + 0xBF58476D1CE4E5B9u * (place + 1);
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9u;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBu;
+  return static_cast<u_int32_t>(x >> 29);
+}
+
+/// What a byte holds after `wanted` was programmed over it, in the bits of `done`.
+u_int8_t Programmed(bool is_flash, u_int8_t held, u_int8_t wanted, u_int8_t done) {
+  const auto target = static_cast<u_int8_t>(is_flash ? held & wanted : wanted);
+  return static_cast<u_int8_t>((held & ~done) | (target & done));
+}
+
+std::size_t Words(const LoggedOperation& operation) {
+  return (operation.bytes.size() + WORD_SIZE - 1) / WORD_SIZE;
+}
+
+/// How many cuts an operation has, and which the n-th is.
+std::size_t CutsOf(const LoggedOperation& operation) {
+  return operation.kind == Operation::ERASE ? 2 : 2 * Words(operation);
+}
+
+Cut NthCut(const LoggedOperation& operation, std::size_t index, std::size_t n) {
+  if (operation.kind == Operation::ERASE) {
+    return {index, n == 0 ? CutKind::TORN_ERASE : CutKind::AFTER_ERASE, 0};
+  }
+  return {index, n % 2 == 0 ? CutKind::TORN_WORD : CutKind::AFTER_WORD, n / 2};
+}
+
+/// Brings a memory from the cut before to this one: a word, or a sector, through `set(offset,
+/// byte)`; `held(offset)` tells what is there.
+template <typename Held, typename Set>
+void ApplyCut(const LoggedOperation& operation, bool is_flash, const Cut& cut, unsigned seed,
+              Held held, Set set) {
+  if (operation.kind == Operation::ERASE) {
+    for (u_int32_t i = 0; i < operation.size; ++i) {
+      if (cut.kind == CutKind::TORN_ERASE && Chance(seed, cut.operation, i) % 2 == 0) continue;
+      set(operation.offset + i, u_int8_t{0xFF});
+    }
+    return;
+  }
+  u_int32_t done = 0xFFFFFFFF;  // bits that are written
+  if (cut.kind == CutKind::TORN_WORD) done = Chance(seed, cut.operation, cut.word);
+  const std::size_t start = cut.word * WORD_SIZE;
+  const std::size_t end = std::min(start + WORD_SIZE, operation.bytes.size());
+  for (std::size_t i = start; i < end; ++i, done >>= 8) {
+    const auto offset = static_cast<u_int32_t>(operation.offset + i);
+    set(offset,
+        Programmed(is_flash, held(offset), operation.bytes[i], static_cast<u_int8_t>(done & 0xFF)));
+  }
+}
+
+/// How a run of the burner ended.
+struct Run {
+  bool is_well = false;
+  int signal = 0;  ///< that ended it
+  std::string console;
+};
+
+/// Longest silence of a burner, which itself waits half as long for a server.
+constexpr std::chrono::seconds MAX_SILENCE{60};
+
+/// Runs the burner against a fabric served in this process.
+class Burner {
+ public:
+  Burner(const RehearsalOptions& options, const GuidVec& guids) : _options(options) {
+    std::ostringstream list;
+    list << std::hex;
+    for (const Guid guid : guids) list << guid << ",";
+    _guids = list.str();
+  }
+
+  /// Each request is counted before it is executed; after request `kill_after` the burner is
+  /// killed.
+  Run Burn(Fabric& fabric, std::atomic<std::size_t>& requests, std::size_t kill_after = 0) const {
+    std::atomic<pid_t> pid{0};
+    Server server(fabric, "127.0.0.1", 0, [&](const std::string&, const std::string&) {
+      if (++requests != kill_after) return;
+      while (pid == 0) std::this_thread::yield();  // it has a request out: it is just being started
+      kill(pid, SIGKILL);
+    });
+    std::thread serving([&] { server.Run(); });
+    std::vector<std::string> words = {
+        _options.fwpush, "-f", _options.image_file, "-s", server.ServerString(), "-g", _guids};
+    words.insert(words.end(), _options.extra_args.begin(), _options.extra_args.end());
+    Run run;
+    try {
+      run = Spawn(words, pid);
+    } catch (...) {
+      server.Stop();
+      serving.join();
+      throw;
+    }
+    server.Stop();
+    serving.join();
+    return run;
+  }
+
+ private:
+  static Run Spawn(const std::vector<std::string>& words, std::atomic<pid_t>& shown_pid) {
+    std::vector<char*> av;
+    av.reserve(words.size() + 1);
+    for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
+    av.push_back(nullptr);
+    int output[2];
+    if (pipe2(output, O_CLOEXEC) < 0) throw std::runtime_error("can't make a pipe");
+    fcntl(output[0], F_SETFL, O_NONBLOCK);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    pid_t pid = 0;
+    const int failure = posix_spawn(&pid, av[0], &actions, nullptr, av.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(output[1]);
+    if (failure != 0) {
+      close(output[0]);
+      throw std::runtime_error("can't run " + words[0] + ": " + strerror(failure));
+    }
+    shown_pid = pid;
+    Run run = Watch(pid, output[0]);
+    close(output[0]);
+    return run;
+  }
+
+  /// Follows the burner to its end, and ends it when it hangs.
+  static Run Watch(pid_t pid, int output) {
+    Run run;
+    auto last_word = std::chrono::steady_clock::now();
+    int status = 0;
+    for (bool has_ended = false; !has_ended;) {
+      pollfd waiting{output, POLLIN, 0};
+      poll(&waiting, 1, 50);
+      has_ended = waitpid(pid, &status, WNOHANG) == pid;
+      char block[4096];
+      for (ssize_t got; (got = read(output, block, sizeof(block))) > 0;) {
+        last_word = std::chrono::steady_clock::now();
+        run.console.append(block, static_cast<std::size_t>(got));
+        // What matters is how it began and how it ended.
+        if (run.console.size() > 2 * MOST_CONSOLE) {
+          run.console.erase(MOST_CONSOLE / 2, run.console.size() - MOST_CONSOLE);
+        }
+      }
+      if (!has_ended && std::chrono::steady_clock::now() - last_word > MAX_SILENCE) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        throw std::runtime_error("the burner hangs");
+      }
+    }
+    run.is_well = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (WIFSIGNALED(status)) run.signal = WTERMSIG(status);
+    return run;
+  }
+
+  static constexpr std::size_t MOST_CONSOLE = std::size_t{1} << 20;
+
+  const RehearsalOptions& _options;
+  std::string _guids;
+};
+
+void CopyAll(const Fabric& from, Fabric& to) {
+  to.facts = from.facts;
+  for (const auto& [guid, device] : from.Devices()) to.CopyDevice(device);
+}
+
+/// One rehearsal, from the clean burn to the last recovery.
+class Rehearsal {
+ public:
+  Rehearsal(const RehearsalOptions& options, const RehearsalProgress& progress)
+      : _options(options), _progress(progress) {}
+
+  RehearsalReport Run() {
+    const auto start = std::chrono::steady_clock::now();
+    Prepare();
+    BurnCleanly();
+    for (const Guid guid : _guids) Sweep(guid);
+    Recover();
+    _report.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return std::move(_report);
+  }
+
+ private:
+  void Prepare() {
+    LoadFabric(_options.fabric_file, {}, _initial);
+    _initial.faults = {};  // the only thing that goes wrong here is what the rehearsal does
+    {
+      const QuietConsole quiet;
+      _image.Open(_options.image_file.c_str(), READ);
+    }
+    GuidSet guids;  // a device may be named by each of its GUIDs
+    for (const Guid guid : _options.guids) {
+      const Device* device = _initial.Find(guid);
+      if (device == nullptr) throw std::runtime_error("the fabric has no device " + HexGuid(guid));
+      guids.insert(device->node_guid);
+    }
+    if (_options.guids.empty()) {
+      for (const auto& [guid, device] : _initial.Devices()) guids.insert(guid);
+    }
+    _guids.assign(guids.begin(), guids.end());
+    _report.devices = _guids.size();
+    for (const Guid guid : _guids) {
+      const BootJudge judge = MakeJudge(*_initial.Find(guid));
+      const BootVerdict verdict = judge.Verdict();
+      _judges.emplace(guid, judge);
+      if (verdict.Boots()) continue;
+      _unbootable.insert(guid);
+      ++_report.unbootable_at_start;
+      AddException({.device = guid,
+                    .step = "before the burn",
+                    .state = Describe(verdict),
+                    .reason = "there is nothing to lose"});
+    }
+  }
+
+  const FwImage::Conv& Conv() { return MapOf(_image); }
+
+  /// A judge over a device as it was before the burn. What is whole comes from the image files
+  /// themselves where the fabric file names them, and not from the burn that is on trial.
+  BootJudge MakeJudge(const Device& device) {
+    BootJudge judge(BootLayout(_image, device.chips.begin()->second.SectorSize()),
+                    LinearMemory(device, Conv()));
+    try {
+      for (const std::string& file : device.images) {
+        judge.KnowImageFile(device, file, SlotState::OLD);
+      }
+    } catch (const BraidError&) {
+      judge.KnowPresentImages();  // an image of another make: what is marked valid must do
+    }
+    if (device.images.empty()) judge.KnowPresentImages();
+    judge.KnowPresentInvariantSector();
+    judge.KnowImageFile(device, _options.image_file, SlotState::NEW);
+    return judge;
+  }
+
+  /// What a device of another fabric, burnt from the same start, is worth.
+  BootVerdict VerdictOn(const Fabric& fabric, Guid guid) {
+    BootJudge judge = _judges.at(guid);
+    const DataVec memory = LinearMemory(*fabric.Find(guid), Conv());
+    for (u_int32_t addr = 0; addr < memory.size(); ++addr) judge.Set(addr, memory[addr]);
+    return judge.Verdict();
+  }
+
+  void BurnCleanly() {
+    Say("burning", 0, 1);
+    Fabric fabric;
+    CopyAll(_initial, fabric);
+    std::atomic<std::size_t> requests{0};
+    fabric.observer = [&](const Operation& operation) {
+      _log[operation.device].push_back(
+          {operation.kind, operation.chip, operation.offset, operation.size,
+           DataVec(operation.bytes.begin(), operation.bytes.end()), requests + 1});
+      ++(operation.kind == Operation::ERASE ? _report.erases : _report.writes);
+    };
+    const auto run = Burner(_options, _guids).Burn(fabric, requests);
+    _requests = requests;
+    _report.requests = _requests;
+    constexpr std::string_view RUNNING = "Running burn algorithm: ";
+    if (const std::size_t at = run.console.find(RUNNING); at != std::string::npos) {
+      const std::size_t name = at + RUNNING.size();
+      _report.algorithm = run.console.substr(name, run.console.find('\n', name) - name);
+    }
+    if (!run.is_well) {
+      throw std::runtime_error("the burn itself fails, before any plug is pulled:\n" + run.console);
+    }
+    _has_moved = run.console.find("Moving image position") != std::string::npos;
+    for (const Guid guid : _guids) {
+      const BootVerdict end = VerdictOn(fabric, guid);
+      if (_unbootable.contains(guid) || IsAsItShouldEnd(end)) continue;
+      _ends_well = false;
+      AddException({.device = guid,
+                    .step = "the end of the burn",
+                    .state = Describe(end),
+                    .reason = ReasonForEnd(guid, end, run.console)});
+    }
+    Say("burning", 1, 1);
+  }
+
+  std::string ReasonForEnd(Guid guid, const BootVerdict& end, const std::string& console) const {
+    const std::string failure = "BURN FAILED:" + HexGuid(guid) + ":";
+    if (const std::size_t at = console.find(failure); at != std::string::npos) {
+      const std::size_t text = at + failure.size();
+      return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
+    }
+    if (FamilyOf(_image.DevType()) != Family::BOOT_RECORDS || IsGeneric())
+      return "the image as burnt is no valid new one";
+    return std::ranges::count(end.slots, SlotState::INVALID) > 0
+               ? "the image's own boot record is not valid in each slot"
+               : "a CRC covers the first word of the boot record, which is held back";
+  }
+
+  bool IsGeneric() const { return _report.algorithm == "GenericBurn"; }
+
+  /// After a burn one slot of a flash is valid and new, and both of an RV61300.
+  bool IsAsItShouldEnd(const BootVerdict& verdict) const {
+    const auto is_new = [](SlotState state) { return state == SlotState::NEW; };
+    if (!verdict.invariant_is_whole) return false;
+    const auto count = std::ranges::count_if(verdict.slots, is_new);
+    if (FamilyOf(_image.DevType()) == Family::BOOT_RECORDS) return count == 2;
+    return count == 1 && std::ranges::count(verdict.slots, SlotState::INVALID) == 1;
+  }
+
+  std::size_t Total() const {
+    std::size_t total = 0;
+    for (const auto& [guid, log] : _log) {
+      for (const LoggedOperation& operation : log) total += CutsOf(operation);
+    }
+    return total;
+  }
+
+  /// The device and the operation that a point lies in, and how many cuts of the device's log lie
+  /// before it: the points are the cuts of all devices' logs, one after the other.
+  struct Place {
+    Guid guid;
+    const LoggedOperation& operation;
+    std::size_t cuts;
+  };
+  Place Locate(std::size_t point) const {
+    for (const Guid guid : _guids) {
+      const auto log = _log.find(guid);
+      if (log == _log.end()) continue;
+      std::size_t before = 0;
+      for (const LoggedOperation& operation : log->second) {
+        before += CutsOf(operation);
+        if (point < before) return {guid, operation, point};
+      }
+      point -= before;
+    }
+    throw std::runtime_error("the burn has no such point");
+  }
+
+  /// Judges a device at every cut of its log.
+  void Sweep(Guid guid) {
+    const std::vector<LoggedOperation>& log = _log[guid];
+    std::size_t point = _swept;
+    for (const LoggedOperation& operation : log) _swept += CutsOf(operation);
+    if (_unbootable.contains(guid)) return;
+    BootJudge judge = _judges.at(guid);
+    const bool is_flash = _initial.Find(guid)->kind == MemoryKind::FLASH;
+    BootVerdict last;  // of the point before, where that is an exception
+    bool goes_on = false;
+    for (std::size_t i = 0; i < log.size(); ++i) {
+      const LoggedOperation& operation = log[i];
+      const auto held = [&](u_int32_t offset) {
+        const auto addr = LinearOf(operation.chip, offset);
+        return addr ? judge.Memory()[*addr] : u_int8_t{0xFF};
+      };
+      const auto set = [&](u_int32_t offset, u_int8_t byte) {
+        if (const auto addr = LinearOf(operation.chip, offset)) judge.Set(*addr, byte);
+      };
+      for (std::size_t n = 0; n < CutsOf(operation); ++n, ++point) {
+        const Cut cut = NthCut(operation, i, n);
+        ApplyCut(operation, is_flash, cut, _options.seed, held, set);
+        const bool is_asked = !_options.at || (_options.at->kind == Interruption::POWER &&
+                                               _options.at->place == point);
+        if (!is_asked) continue;
+        ++_report.points[cut.kind];
+        const BootVerdict verdict = judge.Verdict();
+        Count(verdict);
+        if (IsSafe(verdict)) {
+          goes_on = false;
+        } else if (goes_on && last == verdict) {
+          ++_report.exceptions.back().points;
+          _report.exceptions.back().last_request = operation.request;
+        } else {
+          goes_on = AddException({.device = guid,
+                                  .first = Moment{Interruption::POWER, point},
+                                  .first_request = operation.request,
+                                  .last_request = operation.request,
+                                  .command = Command(operation),
+                                  .step = StepAt(guid, operation),
+                                  .state = Describe(verdict),
+                                  .reason = ReasonFor(guid, verdict)});
+          last = verdict;
+        }
+      }
+      if (i % 1000 == 0) Say("sweeping", i, log.size());
+    }
+    Say("sweeping", log.size(), log.size());
+  }
+
+  /// It boots, whichever slot that is marked valid the boot code takes.
+  static bool IsSafe(const BootVerdict& verdict) {
+    return verdict.Boots() && std::ranges::count(verdict.slots, SlotState::BROKEN) == 0;
+  }
+
+  void Count(const BootVerdict& verdict) {
+    if (!verdict.Boots()) {
+      ++_report.unbootable;
+    } else if (!IsSafe(verdict)) {
+      ++_report.may_not_boot;
+    } else {
+      ++(verdict.BootsNew() ? _report.boot_new : _report.boot_old);
+    }
+  }
+
+  /// Where a byte of a chip lies in the image's address space; nothing past its device map.
+  std::optional<u_int32_t> LinearOf(u_int8_t chip, u_int32_t offset) const {
+    const auto& conv = MapOf(_image);
+    if (conv._devmap.empty()) return chip == 0 ? std::optional(offset) : std::nullopt;
+    u_int32_t base = 0;
+    for (const EeLoc& mapped : conv._devmap) {
+      if (mapped.dev == chip)
+        return offset < mapped.offset ? std::optional(base + offset) : std::nullopt;
+      base += mapped.offset;
+    }
+    return {};
+  }
+
+  static std::string Command(const LoggedOperation& operation) {
+    return operation.kind == Operation::ERASE ? "erase" : "write";
+  }
+
+  /// What an operation changes, in the words of the layout.
+  std::string StepAt(Guid guid, const LoggedOperation& operation) {
+    const auto linear = LinearOf(operation.chip, operation.offset);
+    if (!linear) return "what the device map leaves out";
+    const u_int32_t addr = *linear;
+    const u_int32_t sector = _initial.Find(guid)->chips.begin()->second.SectorSize();
+    const BootLayout layout(_image, sector);
+    for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
+      const u_int32_t record = layout.records[slot];
+      if (layout.has_pointer_sectors && addr >= record && addr - record < sector) {
+        return Text("pointer sector ", slot, " at 0x", std::hex, addr);
+      }
+    }
+    if (layout.has_pointer_sectors && addr < sector) {
+      return Text("invariant sector at 0x", std::hex, addr);
+    }
+    const u_int32_t slot = addr >= _image.GetImageAddr(1) ? 1 : 0;
+    return Text("image slot ", slot, " at 0x", std::hex, addr);
+  }
+
+  std::string ReasonFor(Guid guid, const BootVerdict& verdict) const {
+    if (IsGeneric()) return "a burn that is not failsafe writes over what boots";
+    if (!verdict.invariant_is_whole) {
+      return "the invariant sector is rewritten: there is only one of it";
+    }
+    const BootJudge& before = _judges.at(guid);
+    const BootVerdict start = before.Verdict();
+    if (std::ranges::count(start.slots, SlotState::BROKEN) > 0) {
+      return "a slot was marked valid before the burn, and its image was not whole";
+    }
+    if (FamilyOf(_image.DevType()) != Family::BOOT_RECORDS) {
+      for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
+        if (before.IsSigned(slot) && !before.IsValid(slot)) {
+          return "a record bore a signature before the burn, and its CRC was wrong: a burn goes by "
+                 "the signature";
+        }
+      }
+      if (_has_moved && verdict.slots[1] == SlotState::BROKEN) {
+        return "the copy of the second image overlaps the second image, the only valid one";
+      }
+      if (verdict.slots[0] == SlotState::BROKEN && start.slots[0] != SlotState::INVALID) {
+        return "the old first image reaches into the second slot";
+      }
+      if (verdict.slots[1] == SlotState::BROKEN) {
+        return "the new first image reaches into the second slot";
+      }
+    } else if (!_ends_well) {
+      return "the image as burnt is no valid new one in each slot";
+    } else if (verdict.slots[0] == SlotState::BROKEN || verdict.slots[1] == SlotState::BROKEN) {
+      return "a mix of an old and a new boot record happens to have a valid sum";
+    }
+    return "the order of writes leaves no image that boots";
+  }
+
+  bool AddException(RehearsalException exception) {
+    if (_report.exceptions.size() >= MOST_EXCEPTIONS) {
+      ++_report.exceptions_left_out;
+      return false;
+    }
+    _report.exceptions.push_back(std::move(exception));
+    return true;
+  }
+
+  /// Brings a device of `fabric`, which is as before the burn, to a cut of its log.
+  void BringTo(Fabric& fabric, Guid guid, std::size_t cuts) const {
+    Device& device = *fabric.Find(guid);
+    const std::vector<LoggedOperation>& log = _log.at(guid);
+    for (std::size_t i = 0; i < log.size() && cuts > 0; ++i) {
+      Chip& chip = device.chips.at(log[i].chip);
+      for (std::size_t n = 0; n < CutsOf(log[i]) && cuts > 0; ++n, --cuts) {
+        ApplyCut(
+            log[i], chip.IsFlash(), NthCut(log[i], i, n), _options.seed,
+            [&](u_int32_t offset) { return chip.Bytes()[offset]; },
+            [&](u_int32_t offset, u_int8_t byte) { chip.Load(offset, std::span(&byte, 1)); });
+      }
+    }
+  }
+
+  std::vector<Moment> Moments() const {
+    std::vector<Moment> moments;
+    if (_options.at) return {*_options.at};
+    const std::size_t total = Total();
+    if (total == 0 || _options.recoveries == 0) return moments;
+    // Spread evenly, with a seeded place in each stretch: every phase of the burn gets its share.
+    const auto spread = [&](Interruption kind, std::size_t count, std::size_t first,
+                            std::size_t places) {
+      count = std::min(count, places);
+      for (std::size_t i = 0; i < count; ++i) {
+        const std::size_t start = places * i / count;
+        const std::size_t end = places * (i + 1) / count;
+        const std::size_t offset =
+            Chance(_options.seed, i, places) % std::max(end - start, std::size_t{1});
+        moments.push_back({kind, first + start + offset});
+      }
+    };
+    const std::size_t live = std::min<std::size_t>(_options.recoveries / 5, _requests);
+    spread(Interruption::POWER, _options.recoveries - 2 * live, 0, total);
+    spread(Interruption::KILLED, live, 1, _requests);
+    spread(Interruption::DROPPED, live, 1, _requests);
+    return moments;
+  }
+
+  void Recover() {
+    // Where the burn itself ends wrongly, a second one cannot end well.
+    const std::vector<Moment> jobs = _ends_well || _options.at ? Moments() : std::vector<Moment>();
+    std::atomic<std::size_t> next{0};
+    std::size_t done = 0;
+    std::exception_ptr trouble;
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < std::max(1u, _options.jobs); ++i) {
+      threads.emplace_back([&] {
+        for (std::size_t job; (job = next++) < jobs.size();) {
+          try {
+            RecoverFrom(jobs[job]);
+          } catch (...) {
+            const std::lock_guard lock(_mutex);
+            trouble = std::current_exception();
+            next = jobs.size();
+          }
+          const std::lock_guard lock(_mutex);
+          Say("recovering", ++done, jobs.size());
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    if (trouble) std::rethrow_exception(trouble);
+  }
+
+  void RecoverFrom(const Moment& moment) {
+    Fabric fabric;
+    std::size_t request = moment.place;
+    {
+      const std::lock_guard lock(_mutex);
+      CopyAll(_initial, fabric);
+    }
+    const Burner burner(_options, _guids);
+    std::atomic<std::size_t> requests{0};
+    if (moment.kind == Interruption::POWER) {
+      const Place place = Locate(moment.place);
+      request = place.operation.request;
+      // The others went on without the device.
+      for (const auto& [guid, log] : _log) {
+        BringTo(fabric, guid, guid == place.guid ? place.cuts + 1 : SIZE_MAX);
+      }
+    } else if (moment.place < 1 || moment.place > _requests) {
+      throw std::runtime_error("the burn has no such request");
+    } else if (moment.kind == Interruption::KILLED) {
+      if (burner.Burn(fabric, requests, moment.place).signal != SIGKILL) {
+        throw std::runtime_error("the burner was gone before it was killed");
+      }
+    } else {
+      Fault drop;
+      drop.kind = Fault::CLOSE_BEFORE;
+      drop.nth = static_cast<u_int32_t>(moment.place);
+      fabric.faults.Add(drop);
+      if (burner.Burn(fabric, requests).is_well) {
+        throw std::runtime_error("the burner did not notice that its connection was dropped");
+      }
+      fabric.faults = {};
+    }
+
+    const auto exception = [&](Guid guid, const BootVerdict& verdict, const std::string& step,
+                               const std::string& reason) {
+      AddException({.device = guid,
+                    .first = moment,
+                    .first_request = request,
+                    .last_request = request,
+                    .step = step,
+                    .state = Describe(verdict),
+                    .reason = reason});
+    };
+    for (const Guid guid : _guids) {
+      const std::lock_guard lock(_mutex);
+      if (_unbootable.contains(guid)) continue;
+      const BootVerdict verdict = VerdictOn(fabric, guid);
+      if (verdict.Boots()) continue;
+      if (moment.kind != Interruption::POWER) {
+        exception(guid, verdict, Name(moment.kind), ReasonFor(guid, verdict));
+      }
+      return;  // nothing boots: the sweep has told so, and there is nothing to recover
+    }
+
+    const auto run = burner.Burn(fabric, requests);
+    const std::lock_guard lock(_mutex);
+    ++_report.recoveries[moment.kind];
+    bool is_counted = false;
+    for (const Guid guid : _guids) {
+      if (_unbootable.contains(guid)) continue;
+      const BootVerdict verdict = VerdictOn(fabric, guid);
+      if (run.is_well && IsAsItShouldEnd(verdict)) continue;
+      if (!is_counted) ++_report.unrecovered;
+      is_counted = true;
+      exception(guid, verdict, std::string(Name(moment.kind)) + ", then burnt again",
+                run.is_well ? "the second burn does not end as a burn should"
+                            : "the second burn fails: " + LastLine(run.console));
+    }
+  }
+
+  static const char* Name(Interruption kind) {
+    switch (kind) {
+      case Interruption::POWER:
+        return "power lost";
+      case Interruption::KILLED:
+        return "burner killed";
+      case Interruption::DROPPED:
+        return "connection dropped";
+    }
+    return "?";
+  }
+
+  static std::string LastLine(std::string text) {
+    while (text.ends_with('\n')) text.pop_back();
+    const std::size_t at = text.find_last_of("\r\n");
+    return at == std::string::npos ? text : text.substr(at + 1);
+  }
+
+  void Say(const std::string& what, std::size_t done, std::size_t total) const {
+    if (_progress) _progress(what, done, total);
+  }
+
+  const RehearsalOptions& _options;
+  const RehearsalProgress& _progress;
+  RehearsalReport _report;
+  std::mutex _mutex;  ///< over all that the recoveries share
+  Fabric _initial;    ///< as before the burn
+  FwImage _image;
+  GuidVec _guids;                     ///< node GUIDs
+  std::map<Guid, BootJudge> _judges;  ///< of each device as before the burn
+  GuidSet _unbootable;                ///< before the burn
+  std::map<Guid, std::vector<LoggedOperation>> _log;
+  bool _ends_well = true;   ///< the burn without an interruption, on every device
+  bool _has_moved = false;  ///< it moved an image
+  std::size_t _requests = 0;
+  std::size_t _swept = 0;  ///< points of the devices before
+};
+
+}  // namespace
+
+std::string Describe(const Moment& moment) {
+  const char* kind = moment.kind == Interruption::KILLED    ? "killed:"
+                     : moment.kind == Interruption::DROPPED ? "dropped:"
+                                                            : "";
+  return Text(kind, moment.place);
+}
+
+std::optional<Moment> ParseMoment(const std::string& text) {
+  Moment moment;
+  std::string_view number = text;
+  for (const Interruption kind : {Interruption::KILLED, Interruption::DROPPED}) {
+    const std::string head = kind == Interruption::KILLED ? "killed:" : "dropped:";
+    if (!text.starts_with(head)) continue;
+    moment.kind = kind;
+    number.remove_prefix(head.size());
+  }
+  const char* const end = number.data() + number.size();
+  const auto parsed = std::from_chars(number.data(), end, moment.place);
+  if (number.empty() || parsed.ec != std::errc() || parsed.ptr != end) return {};
+  return moment;
+}
+
+std::size_t RehearsalReport::Points() const {
+  std::size_t sum = 0;
+  for (const auto& [kind, count] : points) sum += count;
+  return sum;
+}
+
+RehearsalReport Rehearse(const RehearsalOptions& options, const RehearsalProgress& progress) {
+  return Rehearsal(options, progress).Run();
+}
+
+}  // namespace sim

@@ -1,0 +1,248 @@
+/// fwpush-rehearse: pulls the plug at every step of a burn, on simulated devices.
+
+#include "src/main.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <span>
+#include <string_view>
+
+#include "common/ExitStatus.h"
+#include "rehearse/Rehearsal.h"
+
+namespace {
+
+constexpr char VERSION[] = "fwpush-rehearse 1.0.0";
+
+/// A bar on a terminal, a line for each tenth otherwise.
+class Progress {
+ public:
+  void operator()(const std::string& what, std::size_t done, std::size_t total) {
+    const std::size_t tenths = total == 0 ? 10 : done * 10 / total;
+    if (what == _what && tenths == _tenths) return;
+    if (_is_terminal) {
+      std::cerr << "\r" << std::left << std::setw(12) << what << "[" << std::string(2 * tenths, '#')
+                << std::string(2 * (10 - tenths), '.') << "] " << tenths * 10 << "%  "
+                << (tenths == 10 ? "\n" : "") << std::flush;
+    } else if (what != _what || tenths % 5 == 0) {
+      std::cerr << what << ": " << done << " of " << total << std::endl;
+    }
+    _what = what;
+    _tenths = tenths;
+  }
+
+ private:
+  const bool _is_terminal = isatty(STDERR_FILENO) != 0;
+  std::string _what;
+  std::size_t _tenths = 0;
+};
+
+std::size_t At(const auto& counts, auto key) {
+  const auto found = counts.find(key);
+  return found == counts.end() ? 0 : found->second;
+}
+
+void PrintTable(const sim::RehearsalReport& report, bool is_one_only) {
+  using sim::CutKind;
+  using sim::Interruption;
+  const auto row = [](const std::string& name, const std::string& text) {
+    std::cout << "  " << std::left << std::setw(18) << name << text << "\n";
+  };
+  std::cout << std::dec << std::setfill(' ') << "rehearsal: " << report.algorithm << ", "
+            << report.devices << " device(s)\n";
+  row("operations", Text(report.writes, " writes, ", report.erases, " erases, in ", report.requests,
+                         " requests"));
+  row("points", Text(report.Points(), ": ", At(report.points, CutKind::AFTER_WORD),
+                     " after a word, ", At(report.points, CutKind::TORN_WORD), " in a torn word, ",
+                     At(report.points, CutKind::TORN_ERASE), " in an erase, ",
+                     At(report.points, CutKind::AFTER_ERASE), " after one"));
+  row("device x points", Text(report.boot_old, " boot old, ", report.boot_new, " boot new, ",
+                              report.unbootable, " do not boot"));
+  if (report.may_not_boot > 0) {
+    row("", Text(report.may_not_boot,
+                 " may not boot: another slot is marked valid, and its image is not whole"));
+  }
+  if (report.unbootable_at_start > 0) {
+    row("", Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
+  }
+  const std::size_t recoveries = At(report.recoveries, Interruption::POWER) +
+                                 At(report.recoveries, Interruption::KILLED) +
+                                 At(report.recoveries, Interruption::DROPPED);
+  row("recoveries", Text(recoveries, ": ", At(report.recoveries, Interruption::POWER),
+                         " from lost power, ", At(report.recoveries, Interruption::KILLED),
+                         " from a killed burner, ", At(report.recoveries, Interruption::DROPPED),
+                         " from a dropped connection; ", report.unrecovered, " failed"));
+  row("wall time", Text(std::fixed, std::setprecision(1), report.seconds, " s"));
+  if (report.IsWell()) {
+    std::cout << (is_one_only ? "  this is no interruption that" : "  no interruption")
+              << " leaves a device that does not boot" << std::endl;
+    return;
+  }
+  std::cout << "exceptions:\n";
+  for (const sim::RehearsalException& exception : report.exceptions) {
+    std::cout << "  " << sim::HexGuid(exception.device) << ", ";
+    if (exception.first) {
+      std::cout << "point " << Describe(*exception.first);
+      if (exception.points > 1) std::cout << " and " << exception.points - 1 << " more";
+      std::cout << ", request " << exception.first_request;
+      if (exception.last_request != exception.first_request) {
+        std::cout << " to " << exception.last_request;
+      }
+      std::cout << (exception.command.empty() ? "" : " (" + exception.command + ")") << ", ";
+    }
+    std::cout << exception.step << ": " << exception.state << "; " << exception.reason << "\n";
+  }
+  if (report.exceptions_left_out > 0) {
+    std::cout << "  and " << report.exceptions_left_out << " more\n";
+  }
+  std::cout << "  NOT FAILSAFE: replay one with --at POINT --seed SEED" << std::endl;
+}
+
+nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
+  using sim::CutKind;
+  using sim::Interruption;
+  nlohmann::json exceptions = nlohmann::json::array();
+  for (const sim::RehearsalException& exception : report.exceptions) {
+    exceptions.push_back({{"device", sim::HexGuid(exception.device)},
+                          {"at", exception.first ? Describe(*exception.first) : ""},
+                          {"points", exception.points},
+                          {"first_request", exception.first_request},
+                          {"last_request", exception.last_request},
+                          {"command", exception.command},
+                          {"step", exception.step},
+                          {"state", exception.state},
+                          {"reason", exception.reason}});
+  }
+  return {{"version", 1},
+          {"algorithm", report.algorithm},
+          {"devices", report.devices},
+          {"unbootable_at_start", report.unbootable_at_start},
+          {"seed", seed},
+          {"requests", report.requests},
+          {"writes", report.writes},
+          {"erases", report.erases},
+          {"points",
+           {{"after_word", At(report.points, CutKind::AFTER_WORD)},
+            {"torn_word", At(report.points, CutKind::TORN_WORD)},
+            {"torn_erase", At(report.points, CutKind::TORN_ERASE)},
+            {"after_erase", At(report.points, CutKind::AFTER_ERASE)}}},
+          {"boot_old", report.boot_old},
+          {"boot_new", report.boot_new},
+          {"unbootable", report.unbootable},
+          {"may_not_boot", report.may_not_boot},
+          {"recoveries",
+           {{"power", At(report.recoveries, Interruption::POWER)},
+            {"killed", At(report.recoveries, Interruption::KILLED)},
+            {"dropped", At(report.recoveries, Interruption::DROPPED)},
+            {"failed", report.unrecovered}}},
+          {"seconds", report.seconds},
+          {"exceptions_left_out", report.exceptions_left_out},
+          {"exceptions", exceptions}};
+}
+
+/// The devices of -g, by fwpush's own rules; none: all.
+std::vector<Guid> ParseGuids(const std::string& words) {
+  GuidSet guids;
+  try {
+    GetTargeGuids(words, guids);
+  } catch (const BraidError& error) {
+    throw CLI::ValidationError("--guids", error.Des());
+  }
+  if (!words.empty() && guids.empty()) throw CLI::ValidationError("--guids", "no device given");
+  return {guids.begin(), guids.end()};
+}
+
+/// Lets the switches that fwpush has, too, take their values as it takes them: "-m=8". The parser
+/// knows "-m8".
+void TakeEqualsSigns(int argc, char* argv[]) {
+  for (char* word : std::span(argv, static_cast<std::size_t>(argc))) {
+    const std::string_view text = word;
+    const bool is_switch =
+        text.starts_with("-f=") || text.starts_with("-g=") || text.starts_with("-m=");
+    // An empty value is left to the parser to refuse: it would take the next word for it.
+    if (is_switch && text.size() > 3) std::memmove(word + 2, word + 3, text.size() - 2);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  CLI::App app("Pulls the plug at every step of a burn, on simulated devices.");
+  sim::RehearsalOptions options;
+  std::string guids;
+  std::string recover = "100";
+  std::string at;
+  std::string json_file;
+  unsigned chunk_align = 5;
+  bool is_not_failsafe = false;
+  options.fwpush =
+      (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fwpush").string();
+  app.add_option("FABRIC", options.fabric_file, "The fabric file (TOML)")->required();
+  app.add_option("-f,--image", options.image_file, "The image file to burn")->required();
+  app.add_option("-g,--guids", guids, "The devices, separated by commas (default: all)");
+  app.add_option("-m,--chunk-align", chunk_align, "Chunk alignment (log2), as for fwpush")
+      ->check(CLI::Range(4, 15))
+      ->capture_default_str();
+  app.add_flag("-n", is_not_failsafe, "Rehearse the burn that is not failsafe, as for fwpush");
+  app.add_option("--recover", recover, "How many recoveries to run: a number, or all")
+      ->capture_default_str();
+  app.add_option("--jobs", options.jobs, "Recoveries side by side")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  app.add_option("--seed", options.seed, "Seed of all that is left to chance")
+      ->capture_default_str();
+  app.add_option("--at", at,
+                 "Only this point, as an exception names it: 1234, killed:28, dropped:28");
+  app.add_option("--json", json_file, "File for the report, for machines");
+  app.add_option("--fwpush", options.fwpush,
+                 "The burner to rehearse with (default: fwpush beside this program)");
+  app.set_version_flag("--version", VERSION);
+  TakeEqualsSigns(argc, argv);
+  try {
+    app.parse(argc, argv);
+    options.guids = ParseGuids(guids);
+    if (recover == "all") {
+      options.recoveries = SIZE_MAX;
+    } else if (const auto number = sim::ParseMoment(recover);
+               number && number->kind == sim::Interruption::POWER) {
+      options.recoveries = number->place;
+    } else {
+      throw CLI::ValidationError("--recover", "must be a number or all");
+    }
+    if (!at.empty() && !(options.at = sim::ParseMoment(at))) {
+      throw CLI::ValidationError("--at", "must be a point such as 1234, killed:28 or dropped:28");
+    }
+  } catch (const CLI::ParseError& error) {
+    return sim::EndParsing(app, error);
+  }
+  options.extra_args = {"-m", std::to_string(chunk_align)};
+  if (is_not_failsafe) options.extra_args.emplace_back("-n");
+
+  try {
+    // What cannot be written in the end had better be known before.
+    std::ofstream json;
+    if (!json_file.empty()) json.open(json_file);
+    if (!json_file.empty() && !json) throw std::runtime_error("can't write " + json_file);
+    Progress progress;
+    const sim::RehearsalReport report = sim::Rehearse(options, std::ref(progress));
+    PrintTable(report, options.at.has_value());
+    if (json.is_open()) {
+      json << Json(report, options.seed).dump(2) << "\n";
+      json.close();
+      if (!json) throw std::runtime_error("can't write " + json_file);
+    }
+    if (!std::cout) throw std::runtime_error("can't write the report");
+    return report.IsWell() ? sim::ALL_WELL : sim::DIFFERS;
+  } catch (const BraidError& error) {
+    std::cerr << "fwpush-rehearse: " << error.Des() << std::endl;
+  } catch (const std::exception& error) {
+    std::cerr << "fwpush-rehearse: " << error.what() << std::endl;
+  }
+  return sim::CANNOT;
+}

@@ -1,0 +1,20 @@
+/// Running a burn as a process of its own.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "report/BurnLog.h"
+
+namespace tools {
+
+/// Runs the burn `words`, program and arguments, to its end, and hands its console over to `take`
+/// as it comes; through a terminal like the one on standard output where `is_terminal`. Signals
+/// that ask this process to end are passed on to the burn meanwhile. Throws std::system_error, when
+/// the burn cannot be started above all.
+Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
+               const std::function<void(std::string_view)>& take);
+
+}  // namespace tools

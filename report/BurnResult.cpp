@@ -1,0 +1,207 @@
+#include "report/BurnResult.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "common/Program.h"
+#include "fwimg/ImageView.h"
+#include "sim/Fabric.h"
+
+namespace tools {
+
+namespace {
+
+constexpr int SCHEMA_VERSION = 1;
+
+struct FateText {
+  const char* json;
+  const char* human;
+  const char* colour;
+};
+
+FateText TextOf(Fate fate) {
+  switch (fate) {
+    case Fate::BURNT:
+      return {"burnt", "burnt", "\033[32m"};
+    case Fate::FAILED:
+      return {"failed", "FAILED", "\033[31m"};
+    case Fate::NEVER_REACHED:
+      return {"never-reached", "never reached", "\033[33m"};
+  }
+  return {"", "", ""};
+}
+
+double Rounded(double seconds) { return std::round(seconds * 1000) / 1000; }
+
+/// `text` without what means nothing in XML.
+std::string WithoutControls(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < ' ' || c == '\x7F') c = '?';
+  }
+  return text;
+}
+
+std::string Dump(const nlohmann::json& json, int indent) {
+  // The words of a server or a file need not be UTF-8.
+  return json.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+nlohmann::json OrNull(const std::string& text) {
+  return text.empty() ? nlohmann::json() : nlohmann::json(text);
+}
+
+std::string XmlText(const std::string& text) {
+  const std::string valid =
+      nlohmann::json::parse(Dump(WithoutControls(text), -1)).get<std::string>();  // as UTF-8
+  std::string xml;
+  for (const char c : valid) {
+    switch (c) {
+      case '&':
+        xml += "&amp;";
+        break;
+      case '<':
+        xml += "&lt;";
+        break;
+      case '>':
+        xml += "&gt;";
+        break;
+      case '"':
+        xml += "&quot;";
+        break;
+      default:
+        xml += c;
+    }
+  }
+  return xml;
+}
+
+/// One test case a device. A device that was never reached is an error, not skipped: a skipped test
+/// passes.
+
+}  // namespace
+
+std::string ToJson(const RunReport& run) {
+  const BurnReport& burn = run.burn;
+  nlohmann::json devices = nlohmann::json::array();
+  for (const DeviceReport& device : burn.devices) {
+    devices.push_back({{"guid", sim::HexGuid(device.guid)},
+                       {"outcome", TextOf(device.fate).json},
+                       {"reason", OrNull(device.text)},
+                       {"may_have_changed", device.may_have_changed}});
+  }
+  nlohmann::json phases = nlohmann::json::array();
+  for (const Phase& phase : burn.phases) {
+    nlohmann::json seconds;
+    if (run.seconds) seconds = Rounded(phase.end - phase.start);
+    phases.push_back({{"label", phase.label},
+                      {"done", phase.is_done},
+                      {"percent", phase.percent},
+                      {"seconds", seconds}});
+  }
+  nlohmann::json json = {{"version", SCHEMA_VERSION},
+                         {"all_burnt", burn.is_all_burnt},
+                         {"succeeded", burn.is_succeeded},
+                         {"failure", OrNull(burn.failure)},
+                         {"command", run.words},
+                         {"exit_status", nullptr},
+                         {"signal", nullptr},
+                         {"seconds", nullptr},
+                         {"image", OrNull(burn.image)},
+                         {"server", OrNull(burn.server)},
+                         {"algorithm", OrNull(burn.algorithm)},
+                         {"devices_known", burn.is_devices_known},
+                         {"devices", devices},
+                         {"phases", phases},
+                         {"counts", nlohmann::json::object()},
+                         {"warnings", burn.warnings}};
+  for (const auto& [key, count] : burn.counts) json["counts"][key] = count;
+  if (run.ending && run.ending->signal != 0) {
+    json["signal"] = run.ending->signal;
+  } else if (run.ending) {
+    json["exit_status"] = run.ending->status;
+  }
+  if (run.seconds) json["seconds"] = Rounded(*run.seconds);
+  return Dump(json, 2) + "\n";
+}
+
+std::string ToJUnit(const RunReport& run) {
+  const BurnReport& burn = run.burn;
+  const std::string suite = XmlText(burn.algorithm.empty() ? "fwpush" : burn.algorithm);
+  std::size_t failures = 0;
+  std::size_t errors = 0;
+  std::size_t tests = burn.devices.size();
+  std::string cases;
+  const auto add = [&](const std::string& name, const char* trouble, const std::string& text) {
+    cases += "    <testcase classname=\"" + suite + "\" name=\"" + name + "\"";
+    if (trouble == nullptr) {
+      cases += "/>\n";
+    } else {
+      cases += Text(">\n      <", trouble, " message=\"", XmlText(text), "\"/>\n    </testcase>\n");
+    }
+  };
+  for (const DeviceReport& device : burn.devices) {
+    const bool is_failed = device.fate == Fate::FAILED;
+    const bool is_missed = device.fate == Fate::NEVER_REACHED;
+    failures += is_failed;
+    errors += is_missed;
+    add(sim::HexGuid(device.guid),
+        is_failed   ? "failure"
+        : is_missed ? "error"
+                    : nullptr,
+        (is_missed ? "never reached: " : "") + device.text);
+  }
+  if (const bool is_told = failures + errors > 0;
+      burn.devices.empty() || (!burn.is_all_burnt && !is_told)) {
+    // Somebody has to fail with the run.
+    ++tests;
+    errors += !burn.is_all_burnt;
+    add("run", burn.is_all_burnt ? nullptr : "error",
+        burn.failure.empty() ? "nothing was written" : burn.failure);
+  }
+  const std::string time = run.seconds ? Text(" time=\"", Rounded(*run.seconds), "\"") : "";
+  return Text("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites>\n  <testsuite name=\"",
+              suite, "\" tests=\"", tests, "\" failures=\"", failures, "\" errors=\"", errors,
+              "\" skipped=\"0\"", time, ">\n", cases, "  </testsuite>\n</testsuites>\n");
+}
+
+void PrintSummary(const RunReport& run) {
+  const BurnReport& burn = run.burn;
+  const bool has_colour = MayColour(STDERR_FILENO);
+  const auto count = [&burn](Fate fate) {
+    return std::ranges::count(burn.devices, fate, &DeviceReport::fate);
+  };
+  std::ostringstream out;
+  out << "fwpush-report: " << (burn.algorithm.empty() ? "no algorithm" : Printable(burn.algorithm))
+      << ", " << count(Fate::BURNT) << " burnt, " << count(Fate::FAILED) << " failed, "
+      << count(Fate::NEVER_REACHED) << " never reached";
+  if (run.seconds) out << ", " << std::fixed << std::setprecision(3) << *run.seconds << " s";
+  out << "\n";
+  for (const DeviceReport& device : burn.devices) {
+    const FateText text = TextOf(device.fate);
+    out << "  " << sim::HexGuid(device.guid) << "  " << (has_colour ? text.colour : "")
+        << text.human << (has_colour ? "\033[0m" : "");
+    if (!device.text.empty()) out << ": " << Printable(device.text);
+    if (device.fate == Fate::FAILED && !device.may_have_changed) {
+      out << " (nothing was written)";
+    }
+    out << "\n";
+  }
+  if (!burn.is_devices_known) out << "  other devices may have been asked for\n";
+  for (const Phase& phase : burn.phases) {
+    out << "  " << Printable(phase.label);
+    if (run.seconds) out << ": " << phase.end - phase.start << " s";
+    if (!phase.is_done) out << ": stopped at " << phase.percent << " %";
+    out << "\n";
+  }
+  if (!burn.is_succeeded) out << "  the run failed: " << Printable(burn.failure) << "\n";
+  out << "  " << (burn.is_all_burnt ? "every device is burnt" : "NOT EVERY DEVICE IS BURNT")
+      << "\n";
+  std::cerr << out.str() << std::flush;
+}
+
+}  // namespace tools

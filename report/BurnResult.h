@@ -1,0 +1,27 @@
+/// The result of a burn, in the forms that people and machines want it in.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "report/BurnLog.h"
+
+namespace tools {
+
+/// What is known of a whole run.
+struct RunReport {
+  BurnReport burn;
+  std::optional<Ending> ending;   ///< of a live run
+  std::optional<double> seconds;  ///< likewise
+  std::vector<std::string> words;
+};
+
+/// docs/json.md describes the object.
+std::string ToJson(const RunReport& run);
+/// A test suite with a test for each device, and one for the run.
+std::string ToJUnit(const RunReport& run);
+/// For people, on standard error, since standard output is the burn's.
+void PrintSummary(const RunReport& run);
+
+}  // namespace tools

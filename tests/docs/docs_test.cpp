@@ -1,0 +1,785 @@
+// Holds docs/image-format.md, docs/image-check.md, docs/protocol.md, docs/architecture.md and
+// docs/reliability.md against the program: every example is loaded or played, every table compared
+// with what it tells of.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+
+#include "fwimg/ImageCheck.h"
+#include "protocol/Server.h"
+#include "protocol/Session.h"
+#include "sim/FabricFile.h"
+#include "sim/LocalRom.h"
+#include "src/main.h"
+#include "src/utils.h"
+#include "tests/support/Harness.h"
+#include "tests/support/support.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr u_int32_t SECTOR_SIZE = 0x10000;
+/// The burns of the protocol's examples.
+constexpr std::size_t OPENING = 3;        ///< exchanges before what an example shows
+constexpr std::size_t FLASH_OPENING = 4;  ///< with the attributes of a flash
+
+/// A fenced block of a document.
+struct Block {
+  std::string language;  ///< the first word after the fence
+  std::string info;      ///< what follows it
+  std::string before;    ///< the paragraph right before it, as one line
+  std::string heading;   ///< of the section that it stands in
+  Texts lines;
+  std::size_t line;  ///< of the fence, from 1
+
+  std::string Text() const {
+    std::string text;
+    for (const std::string& each : lines) text += each + "\n";
+    return text;
+  }
+};
+
+using Row = Texts;  ///< the cells of a row of a table
+
+class Document {
+ public:
+  explicit Document(const std::string& name)
+      : _name(name), _file(std::string(DOCUMENTS) + "/" + name) {
+    std::ifstream file(_file);
+    EXPECT_TRUE(file.good()) << _file;
+    std::string paragraph;
+    std::string heading;
+    bool is_over = true;  // the paragraph: a blank line came
+    Block* open = nullptr;
+    std::size_t number = 0;
+    for (std::string line; std::getline(file, line);) {
+      ++number;
+      if (open != nullptr && line == "```") {
+        open = nullptr;
+        paragraph.clear();
+      } else if (open != nullptr) {
+        open->lines.push_back(line);
+      } else if (line.starts_with("```")) {
+        const std::size_t blank = std::min(line.find(' '), line.size());
+        _blocks.push_back({line.substr(3, blank - 3),
+                           line.substr(std::min(blank + 1, line.size())),
+                           paragraph,
+                           heading,
+                           {},
+                           number});
+        open = &_blocks.back();
+      } else if (line.empty()) {
+        is_over = true;
+        _rows.emplace_back();
+      } else {
+        if (line.starts_with("## ")) heading = line;
+        if (is_over) paragraph.clear();
+        is_over = false;
+        paragraph += (paragraph.empty() ? "" : " ") + line;
+        _prose += line + "\n";
+        if (line.starts_with("| ")) _rows.push_back(Cells(line));
+      }
+    }
+    EXPECT_EQ(open, nullptr) << _name << ": a fence is not closed";
+  }
+
+  std::vector<Block> Blocks(const std::string& language) const {
+    std::vector<Block> blocks;
+    for (const Block& block : _blocks) {
+      if (block.language == language) blocks.push_back(block);
+    }
+    EXPECT_FALSE(blocks.empty()) << language;
+    return blocks;
+  }
+
+  /// The rows of the table whose first head is `head`.
+  std::vector<Row> Table(const std::string& head) const {
+    std::vector<Row> rows;
+    bool is_open = false;
+    std::size_t width = 0;
+    for (const Row& row : _rows) {
+      if (row.empty()) {
+        is_open = false;
+      } else if (is_open) {
+        EXPECT_EQ(row.size(), width) << row.front();
+        rows.push_back(row);
+      } else if (row.front() == head) {
+        is_open = true;
+        width = row.size();
+      }
+    }
+    EXPECT_FALSE(rows.empty()) << head;
+    return rows;
+  }
+
+  /// Where a block stands, for messages.
+  std::string At(const Block& block) const { return _name + ":" + std::to_string(block.line); }
+  const std::string& Prose() const { return _prose; }
+  /// How often it says `text`, wherever its lines are broken.
+  std::size_t Count(const std::string& text) const {
+    std::string prose = _prose;
+    std::ranges::replace(prose, '\n', ' ');
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = prose.find(text, at)) != std::string::npos; ++at) ++count;
+    return count;
+  }
+  bool Says(const std::string& text) const { return Count(text) > 0; }
+
+ private:
+  static Row Cells(const std::string& line) {
+    Row cells;
+    std::string rest = line.substr(2);
+    for (std::size_t end; (end = rest.find(" |")) != std::string::npos;) {
+      cells.push_back(rest.substr(0, end));
+      rest.erase(0, std::min(end + 3, rest.size()));
+    }
+    return cells;
+  }
+
+  std::string _name;
+  std::string _file;
+  std::vector<Block> _blocks;
+  std::vector<Row> _rows;  ///< an empty one between two tables
+  std::string _prose;
+};
+
+/// The texts in backticks.
+Texts Quoted(const std::string& text) {
+  Texts quoted;
+  for (std::size_t at = 0; (at = text.find('`', at)) != std::string::npos;) {
+    const std::size_t end = text.find('`', at + 1);
+    if (end == std::string::npos) break;
+    quoted.push_back(text.substr(at + 1, end - at - 1));
+    at = end + 1;
+  }
+  return quoted;
+}
+
+std::string Unquoted(const std::string& cell) {
+  const Texts quoted = Quoted(cell);
+  return quoted.empty() ? cell : quoted.front();
+}
+
+class ImageFormatDocumentTest : public ConsoleTest {
+ protected:
+  const Document _document{"image-format.md"};
+  TemporaryFolder _folder;
+
+  std::string Load(const std::string& text, FwImage& image) {
+    const std::string path = _folder.Write("fw.img", text);
+    std::string error;
+    OutputOf([&] { error = ErrorOf([&] { image.Open(path.c_str(), READ); }); });
+    const std::string folder = _folder.Path().string() + "/";
+    const std::size_t at = error.find(folder);
+    return at == std::string::npos ? error : error.erase(at, folder.size());
+  }
+
+  /// The kinds of findings of `fwimg check`.
+  std::set<std::string> Findings(const std::string& text) {
+    const tools::ImageView view(_folder.Write("fw.img", text));
+    std::set<std::string> kinds;
+    for (const tools::Problem& problem : tools::Check(view, SECTOR_SIZE)) {
+      kinds.emplace(problem.kind->word);
+    }
+    return kinds;
+  }
+};
+
+TEST_F(ImageFormatDocumentTest, EveryExampleLoadsOrEndsWithTheErrorNamedBeforeIt) {
+  std::size_t refused = 0;
+  for (const Block& block : _document.Blocks("img")) {
+    SCOPED_TRACE(_document.At(block));
+    std::string expected = "(no error)";
+    if (block.before.starts_with("Refused: ")) {
+      expected = Unquoted(block.before);
+      ++refused;
+    }
+    FwImage image;
+    EXPECT_EQ(Load(block.Text(), image), expected);
+  }
+  EXPECT_EQ(refused, _document.Count("Refused: `"));
+  EXPECT_GT(refused, 0u);
+}
+
+TEST_F(ImageFormatDocumentTest, TheCheckFindsInAnExampleWhatTheTextBeforeItNames) {
+  const std::string words = "`fwimg check` finds ";
+  std::size_t checked = 0;
+  for (const Block& block : _document.Blocks("img")) {
+    SCOPED_TRACE(_document.At(block));
+    const std::size_t at = block.before.rfind(words);
+    const std::set<std::string> found = Findings(block.Text());
+    // A whole image, with a name of its own, has no faults at all.
+    if (!block.info.empty()) {
+      EXPECT_EQ(found, std::set<std::string>());
+      continue;
+    }
+    if (at == std::string::npos) continue;
+    for (const std::string& kind : Quoted(block.before.substr(at + words.size()))) {
+      EXPECT_TRUE(found.contains(kind)) << kind;
+    }
+    ++checked;
+  }
+  EXPECT_EQ(checked, _document.Count(words + "`"));
+  EXPECT_GT(checked, 0u);
+}
+
+TEST_F(ImageFormatDocumentTest, EveryKindOfFindingInTheTableExists) {
+  std::set<std::string> known;
+  for (const tools::ProblemKind& kind : tools::ProblemKinds()) known.emplace(kind.word);
+  for (const Row& row : _document.Table("in the file")) {
+    ASSERT_EQ(row.size(), 3u);
+    for (const std::string& kind : Quoted(row[2])) EXPECT_TRUE(known.contains(kind)) << kind;
+  }
+}
+
+TEST(ImageCheckDocumentTest, TheTablesHaveEveryKindOfProblemInOrderWithItsSeverity) {
+  std::vector<std::pair<std::string, std::string>> told;
+  for (const Row& row : Document("image-check.md").Table("kind")) {
+    ASSERT_EQ(row.size(), 4u) << row[0];
+    EXPECT_FALSE(row[2].empty() || row[3].empty()) << row[0];
+    told.emplace_back(Unquoted(row[0]), row[1]);
+  }
+  std::vector<std::pair<std::string, std::string>> known;
+  for (const tools::ProblemKind& kind : tools::ProblemKinds()) {
+    const bool is_error = kind.severity == tools::Severity::ERROR;
+    known.emplace_back(kind.word, is_error ? "error" : "warning");
+  }
+  EXPECT_EQ(told, known);
+}
+
+TEST_F(ImageFormatDocumentTest, ExamplesShowEveryDirective) {
+  std::set<std::string> shown;
+  for (const Block& block : _document.Blocks("img")) {
+    if (block.before.starts_with("Refused: ")) continue;
+    for (const std::string& line : block.lines) {
+      const Texts words = splitv(line, " ", false);
+      if (words.empty()) continue;
+      shown.insert(words[0]);
+      if (words[0] == "REPLACE") shown.insert("REPLACE " + words[1]);
+    }
+  }
+  for (const char* directive :
+       {"START", "END", "DEVICE_TYPE", "DEVMAP", "PS", "IMAGE", "SIGNATURE", "MAJ_FW_VER",
+        "MIN_FW_VER", "SUB_MIN_FW_VER", "REPLACE CRC", "REPLACE GUID", "REPLACE GUIDS",
+        "REPLACE SYSGUID", "REPLACE BSN"}) {
+    EXPECT_TRUE(shown.contains(directive)) << directive;
+  }
+}
+
+TEST_F(ImageFormatDocumentTest, DeviceTypesAreBurntAsTheTableSays) {
+  std::set<std::string> words;
+  for (const Row& row : _document.Table("word")) {
+    ASSERT_EQ(row.size(), 4u);
+    const std::string word = Unquoted(row[0]);
+    SCOPED_TRACE(word);
+    words.insert(word);
+    const DeviceType type = FwImage::Str2DeviceType(word);
+    const auto rom = GetRomInterface(type, 5, false, false);
+    const bool is_flash = dynamic_cast<RemoteFlashInterface*>(rom.get()) != nullptr;
+    EXPECT_EQ(row[1], is_flash ? "serial flash" : "I2C EEPROM");
+    EXPECT_EQ(Unquoted(row[2]), GetBurnAlgorithm(type, rom.get(), true, false, false)->GetName());
+    EXPECT_EQ(Unquoted(row[3]), GetBurnAlgorithm(type, rom.get(), false, false, false)->GetName());
+  }
+  EXPECT_EQ(words, (std::set<std::string>{"RV61100", "RV61300", "RV52100", "RV52300", "RV52310",
+                                          "RV52400", "RV52410"}));
+}
+
+TEST_F(ImageFormatDocumentTest, FieldsHaveTheSizesOfTheTable) {
+  std::set<FieldType> types;
+  for (const Row& row : _document.Table("type")) {
+    const FieldType type = FwImage::Str2FieldType(Unquoted(row.at(0)));
+    EXPECT_EQ(row.at(1), std::to_string(FwImage::ReplaceFieldSize(type))) << row[0];
+    types.insert(type);
+  }
+  EXPECT_EQ(types, (std::set<FieldType>{SIGNATURE, GUIDS, GUID, SYS_GUID, BSN, VSD}));
+}
+
+TEST_F(ImageFormatDocumentTest, CrcsOfTheTableAreThoseOfABurn) {
+  struct Probe : BurnAlgorithm {
+    using BurnAlgorithm::BurnAlgorithm;
+    std::string GetName() const override { return ""; }
+    BraidResult Go(FwImage&) override { return BRAID_OK; }
+  };
+  RemoteI2cInterface rom(5);
+  Probe probe(rom);
+  std::size_t checks = 0;
+  const std::regex check(R"(\| check: `([0-9A-F ]+)` \| `([0-9A-F]{4})` \|)");
+  const std::string& prose = _document.Prose();
+  for (std::sregex_iterator at(prose.begin(), prose.end(), check), end; at != end; ++at, ++checks) {
+    const DataVec data = Hex((*at)[1]);
+    const auto expected = static_cast<u_int32_t>(std::stoul((*at)[2], nullptr, 16));
+    EXPECT_EQ(probe.CalcCrc(data), expected);
+    EXPECT_EQ(ReferenceCrc(data), expected);
+  }
+  EXPECT_EQ(checks, 2u);
+}
+
+TEST_F(ImageFormatDocumentTest, WholeExamplesHaveTheCrcsOfTheirBytes) {
+  std::size_t crcs = 0;
+  for (const Block& block : _document.Blocks("img")) {
+    if (block.info.empty()) continue;
+    SCOPED_TRACE(_document.At(block));
+    FwImage image;
+    Load(block.Text(), image);
+    std::vector<u_int32_t> addrs;
+    image.GetSectionsAddr(addrs);
+    for (const u_int32_t addr : addrs) {
+      const DataVec& data = image.GetSection(addr)->data;
+      const auto at = [&](u_int32_t place) { return data.begin() + (place - addr); };
+      for (const auto& crc : image.GetCrcsInRange(addr, static_cast<u_int32_t>(data.size()))) {
+        DataVec expected;
+        expected << ReferenceCrc(DataVec(at(crc.from), at(crc.from) + crc.size));
+        EXPECT_EQ(DataVec(at(crc.crc_addr), at(crc.crc_addr) + 4), expected) << crc.from;
+        ++crcs;
+      }
+    }
+  }
+  EXPECT_EQ(crcs, 5u);
+}
+
+TEST_F(ImageFormatDocumentTest, TheCrcInPythonIsThatOfABurn) {
+  const std::vector<Block> blocks = _document.Blocks("python");
+  ASSERT_EQ(blocks.size(), 1u);
+  const std::string script = _folder.Write(
+      "crc.py", blocks.front().Text() + "import sys\nprint(crc16(bytes.fromhex(sys.argv[1])))\n");
+  TestRng rng(20261);
+  for (const std::size_t size : {0u, 4u, 64u}) {
+    const DataVec data = RandomBytes(rng, size);
+    std::ostringstream digits;
+    for (const u_int8_t byte : data) {
+      digits << std::hex << std::setw(2) << std::setfill('0') << u_int32_t{byte};
+    }
+    const Outcome outcome = RunProgram({"/usr/bin/env", "python3", script, digits.str()});
+    EXPECT_EQ(outcome.output, std::to_string(ReferenceCrc(data)) + "\n") << outcome.errors;
+  }
+}
+
+TEST_F(ImageFormatDocumentTest, ErrorsQuotedInProseAreThoseOfTheProgram) {
+  // Of files that no block can show: by their name, and by what only a burn finds out.
+  for (const Row& row : _document.Table("name")) {
+    FwImage image;
+    EXPECT_EQ(ErrorOf([&] { image.Open(Unquoted(row.at(0)).c_str(), READ); }), Unquoted(row.at(1)));
+  }
+  struct Case {
+    const char* text;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"START A 0 0\n0 1 2\nEND A\n", ": Section data line must have multiple of 4 bytes."},
+      {"START A 0 0\n0 1 2 xy\nEND A\n", ": Data byte (xy) contains invalid characters"},
+      {"START A 0 0\nEND\n", ": Wrong END section format - Sector name expected."},
+      {"START A 0 0\nEND B\n", ": END Section name (B) differs from start section name (A)."},
+      {"START A FFFFFFFC 0\n0 1 2 3 4 5 6 7\n", ": Section (A) reaches past the last address."},
+  };
+  for (const Case& each : cases) {
+    FwImage image;
+    EXPECT_EQ(Load(each.text, image), "fw.img:2" + std::string(each.error));
+    EXPECT_TRUE(_document.Says("| `" + std::string(each.error) + "` |")) << each.error;
+  }
+  std::size_t crossings = 0;
+  for (const Block& block : _document.Blocks("img")) {
+    if (block.before.starts_with("Refused: ")) continue;
+    FwImage image;
+    Load(block.Text(), image);
+    std::vector<u_int32_t> addrs;
+    image.GetSectionsAddr(addrs);
+    for (const u_int32_t addr : addrs) {
+      const auto size = static_cast<u_int32_t>(image.GetSection(addr)->data.size());
+      for (const std::string& error : {ErrorOf([&] { image.GetFieldsInRange(addr, size); }),
+                                       ErrorOf([&] { image.GetCrcsInRange(addr, size); })}) {
+        if (error == "(no error)") continue;
+        ++crossings;
+        EXPECT_TRUE(_document.Says("`" + error + "`")) << error;
+      }
+    }
+  }
+  EXPECT_EQ(crossings, 2u);
+}
+
+/// `(text)*N` written out, `\n` in it as a line end.
+std::string Repeated(const std::string& line) {
+  static const std::regex REPEAT(R"(\(([^()]*)\)\*([0-9]+))");
+  std::string result;
+  auto rest = line.cbegin();
+  for (std::smatch match; std::regex_search(rest, line.cend(), match, REPEAT);
+       rest = match[0].second) {
+    result.append(rest, match[0].first);
+    const std::string text = std::regex_replace(match[1].str(), std::regex(R"(\\n)"), "\n");
+    for (int i = std::stoi(match[2]); i > 0; --i) result += text;
+  }
+  return result.append(rest, line.cend());
+}
+
+/// Lines of one side that follow each other, and what the other says to them.
+struct Turn {
+  std::string client;
+  std::string server;
+};
+
+/// The turns of a block. Raw lines keep their ends; others are whole messages.
+std::vector<Turn> TurnsOf(const Block& block, bool is_raw) {
+  std::vector<Turn> turns;
+  bool is_client = false;
+  for (std::string line : block.lines) {
+    EXPECT_TRUE(line.starts_with("> ") || line.starts_with("< ")) << line;
+    if (line[0] == '>' && !is_client) turns.emplace_back();
+    is_client = line[0] == '>';
+    std::string text = line.substr(2);
+    if (text.ends_with('~')) text.pop_back();
+    text = Repeated(text) + (is_raw ? "\n" : "");
+    std::string& side = is_client ? turns.back().client : turns.back().server;
+    EXPECT_TRUE(is_raw || side.empty()) << "two messages of one side: " << line;
+    side += text;
+  }
+  return turns;
+}
+
+std::string Framed(const std::string& text) { return "NEW_BUF\n" + text + "\nEND_BUF\n"; }
+
+/// The frames that make up `text`, their handshakes left out.
+std::string Unframed(const std::vector<sim::Step>& steps, sim::Session& session) {
+  std::string message;
+  std::vector<sim::Step> left = steps;
+  for (bool is_whole = false; !is_whole;) {
+    if (left.size() != 1 || left[0].kind != sim::Step::SEND) return "(no answer)";
+    std::string piece = left[0].bytes;
+    is_whole = piece.ends_with("\nEND_BUF\n");
+    const std::size_t head = piece.find('\n') + 1;
+    const std::size_t tail = piece.rfind('\n', piece.size() - 2);
+    message += piece.substr(head, tail - head);
+    if (!is_whole) left = session.Feed(Framed("NsContinue"));
+  }
+  return message;
+}
+
+class ProtocolDocumentTest : public ConsoleTest {
+ protected:
+  ProtocolDocumentTest() {
+    const Document images("image-format.md");
+    for (const Block& block : images.Blocks("img")) {
+      if (!block.info.empty()) _folder.Write(block.info, block.Text());
+    }
+    const std::vector<Block> fabrics = _document.Blocks("toml");
+    EXPECT_EQ(fabrics.size(), 1u);
+    _fabric_file = _folder.Write("fabric.toml", fabrics.front().Text());
+  }
+
+  std::unique_ptr<sim::Fabric> NewFabric() const {
+    auto fabric = std::make_unique<sim::Fabric>();
+    sim::LoadFabric(_fabric_file, {}, *fabric);
+    return fabric;
+  }
+
+  /// Runs the whole program, with `words` as a command line, against a fabric; returns what was
+  /// said on the connection.
+  std::vector<sim::Exchange> Burn(sim::Fabric& fabric, Texts words) const {
+    sim::ServerThread server(fabric);
+    for (std::string& word : words) {
+      if (const std::size_t at = word.find("HOST:PORT"); at != std::string::npos) {
+        word.replace(at, std::string::npos, "127.0.0.1:" + std::to_string(server.Port()));
+      }
+      if (word.ends_with(".img")) word = _folder / word;
+    }
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    int status = -1;
+    const std::string console =
+        OutputOf([&] { status = FwPush(static_cast<int>(arguments.size()), arguments.data()); });
+    EXPECT_EQ(status, 0) << console;
+    EXPECT_THAT(console, testing::Not(testing::HasSubstr("-E-")));
+    return server.Exchanges();
+  }
+
+  const Document _document{"protocol.md"};
+  TemporaryFolder _folder;
+  std::string _fabric_file;
+};
+
+TEST_F(ProtocolDocumentTest, TheFabricAnswersAsEveryExampleShows) {
+  std::string heading;
+  std::unique_ptr<sim::Fabric> fabric;
+  std::size_t exchanges = 0;
+  for (const Block& block : _document.Blocks("wire")) {
+    SCOPED_TRACE(_document.At(block));
+    const bool is_raw = block.info == "raw";
+    // What an example writes is there for the next one of its section; a burn finds it all new.
+    if (block.heading != heading || block.info.starts_with("fwpush")) fabric = NewFabric();
+    heading = block.heading;
+    sim::Session session(*fabric);
+    for (const Turn& turn : TurnsOf(block, is_raw)) {
+      ++exchanges;
+      const std::vector<sim::Step> steps = session.Feed(is_raw ? turn.client : Framed(turn.client));
+      if (is_raw) {
+        ASSERT_EQ(steps.size(), 1u) << turn.client;
+        EXPECT_EQ(steps[0].bytes, turn.server);
+      } else {
+        EXPECT_EQ(Unframed(steps, session), turn.server) << turn.client;
+      }
+    }
+  }
+  EXPECT_GE(exchanges, 60u);
+}
+
+TEST_F(ProtocolDocumentTest, EveryBurnShownIsTheOneThatTheProgramMakes) {
+  std::size_t burns = 0;
+  for (const Block& block : _document.Blocks("wire")) {
+    if (!block.info.starts_with("fwpush ")) continue;
+    SCOPED_TRACE(_document.At(block));
+    ++burns;
+    const auto fabric = NewFabric();
+    const std::vector<sim::Exchange> said = Burn(*fabric, splitv(block.info, " ", false));
+    const bool is_flash = block.Text().find("vsFlash") != std::string::npos;
+    const std::size_t opening = is_flash ? FLASH_OPENING : OPENING;
+    const std::vector<Turn> shown = TurnsOf(block, false);
+    ASSERT_EQ(said.size(), opening + shown.size());
+    for (std::size_t i = 0; i < shown.size(); ++i) {
+      EXPECT_EQ(said[opening + i].request, shown[i].client);
+      EXPECT_EQ(said[opening + i].answer, shown[i].server);
+    }
+  }
+  EXPECT_EQ(burns, 4u);
+}
+
+/// A client on one end of a pair of sockets.
+class WiredClient : public BraidConn::ClientSocket {
+ public:
+  explicit WiredClient(int fd) {
+    Close();
+    _sock = fd;
+  }
+};
+
+TEST_F(ProtocolDocumentTest, TheProgramFramesAsEveryRawExampleShows) {
+  for (const Block& block : _document.Blocks("wire")) {
+    if (block.info != "raw") continue;
+    SCOPED_TRACE(_document.At(block));
+    std::string client;
+    std::string server;
+    Texts messages;  // of the client, its agreements left out
+    const auto fabric = NewFabric();
+    sim::Session session(*fabric);
+    session.trace = [&](const std::string& request, const std::string&) {
+      messages.push_back(request);
+    };
+    for (const Turn& turn : TurnsOf(block, true)) {
+      client += turn.client;
+      server += turn.server;
+      session.Feed(turn.client);
+    }
+    ASSERT_FALSE(messages.empty());
+
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    ASSERT_EQ(write(ends[1], server.data(), server.size()), static_cast<ssize_t>(server.size()));
+    ASSERT_EQ(shutdown(ends[1], SHUT_WR), 0);
+    {
+      const WiredClient socket(ends[0]);
+      for (std::size_t i = 0; i < messages.size(); ++i) {
+        // The second message is the text of an image.
+        if (i == 0) socket.Request(messages[i]);
+        if (i == 1) socket.Respond(messages[i]);
+        ASSERT_LT(i, 2u);
+        std::string answer;
+        socket.Receive(answer);
+      }
+    }
+    std::string sent;
+    char bytes[4096];
+    for (ssize_t got; (got = read(ends[1], bytes, sizeof(bytes))) > 0;) {
+      sent.append(bytes, static_cast<std::size_t>(got));
+    }
+    close(ends[1]);
+    EXPECT_EQ(sent, client);
+  }
+}
+
+/// A row of the vocabulary as a pattern for requests.
+std::regex PatternOf(const std::string& request) {
+  static const std::map<std::string, std::string> WORDS{
+      {"COUNT", "[1-9][0-9]* "},
+      {"GUIDS", "(0x[0-9a-f]{16} )+"},
+      {"GUID", "0x[0-9a-f]{16} "},
+      {"CHIP", "0x(0|[1-9a-f][0-9a-f]?) "},
+      {"SIZE", "[1-9][0-9]* "},
+      {"OFFSET", "0x(0|[1-9a-f][0-9a-f]*) "},
+      {"DATA", "(0x(0|[1-9a-f][0-9a-f]*) )+"},
+      {"1", " 1"},
+  };
+  const Texts words = splitv(request, " ", false);
+  std::string pattern = words[0];
+  if (words.size() > 1) pattern += " ";
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    const auto word = WORDS.find(words[i]);
+    pattern += word == WORDS.end() ? words[i] : word->second;
+  }
+  return std::regex(pattern);
+}
+
+TEST_F(ProtocolDocumentTest, TheVocabularyIsWhatTheProgramSends) {
+  // Every kind of burn, and what only an algorithm that no device type chooses sends.
+  std::string zeros;
+  for (int i = 0; i < 17; ++i) zeros += Repeated("(00 )*16") + "\n";
+  _folder.Write("vsd.img",
+                "DEVICE_TYPE RV61300\nDEVMAP 2000 50\nDEVMAP 2000 51\nIMAGE 0 0 50\nIMAGE 1 0 51\n"
+                "REPLACE BSN 10 50\nREPLACE VSD 50 50\nREPLACE BSN 10 51\nREPLACE VSD 50 51\n"
+                "START A 0 50\n50 4C 4C 01 00 00 00 00 00 00 00 00 00 00 00 C2\n" +
+                    zeros + "END A\n");
+  Texts requests;
+  const auto burn = [&](const std::string& command_line) {
+    SCOPED_TRACE(command_line);
+    const auto fabric = NewFabric();
+    for (const sim::Exchange& said : Burn(*fabric, splitv(command_line, " ", false))) {
+      requests.push_back(said.request);
+    }
+  };
+  burn("fwpush -s I2C:HOST:PORT -f rv61100.img -g aa550000000010,aa550000000020");
+  burn("fwpush -s PPC:HOST:PORT -f rv61300.img -g aa550000000030");
+  burn("fwpush -s PCI:HOST:PORT -f rv61300.img -c -g aa550000000030");
+  burn("fwpush -s I2C:HOST:PORT -f vsd.img -g aa550000000030");
+  burn("fwpush -s IB:HOST:PORT -f rv52100.img -g aa550000000100");
+  burn("fwpush -s IB:HOST:PORT -f rv52100.img -n -g aa550000000101");
+  const auto burn_directly = [&]<typename Rom>(Rom* type, Guid guid, const char* image_file) {
+    static_cast<void>(type);
+    const auto fabric = NewFabric();
+    sim::ServerThread server(*fabric);
+    OutputOf([&] {
+      FwImage image;
+      image.Open((_folder / image_file).c_str(), READ);
+      Rom rom(5);
+      rom.SetAddressConvertor(image.GetAddressConvertor());
+      rom.SetAccessDevices({guid});
+      rom.Open(server.ServerString().c_str());
+      RV52100DirectBurn(rom).Go(image);
+    });
+    // The last message is the image itself.
+    Texts said = server.Requests();
+    ASSERT_FALSE(said.empty());
+    said.pop_back();
+    requests.insert(requests.end(), said.begin(), said.end());
+  };
+  burn_directly(static_cast<RemoteFlashInterface*>(nullptr), 0xaa550000000100, "rv52100.img");
+  burn_directly(static_cast<RemoteI2cInterface*>(nullptr), 0xaa550000000010, "rv61100.img");
+
+  std::map<std::string, std::regex> rows;
+  for (const Row& row : _document.Table("request")) {
+    const std::string request = Unquoted(row.front());
+    EXPECT_TRUE(rows.emplace(request.substr(0, request.find(' ')), PatternOf(request)).second);
+  }
+  std::set<std::string> never_sent;
+  for (const auto& [word, pattern] : rows) never_sent.insert(word);
+  for (const std::string& request : requests) {
+    const std::string word = request.substr(0, request.find(' '));
+    never_sent.erase(word);
+    const auto row = rows.find(word);
+    ASSERT_NE(row, rows.end()) << "not in the table: " << request;
+    EXPECT_TRUE(std::regex_match(request, row->second)) << request;
+  }
+  EXPECT_EQ(never_sent, std::set<std::string>());
+}
+
+TEST_F(ProtocolDocumentTest, LimitsAreThoseOfTheConnection) {
+  const auto seconds = std::to_string(BraidConn::MAX_SILENCE.count()) + " seconds";
+  EXPECT_TRUE(_document.Says("waits for an answer | " + seconds));
+  EXPECT_TRUE(_document.Says("takes no more bytes | " + seconds));
+  EXPECT_TRUE(_document.Says("a line of an answer | " + std::to_string(BraidConn::MAX_LINE) + " "));
+  EXPECT_TRUE(
+      _document.Says("all its lines together | " + std::to_string(BraidConn::MAX_BUFFER) + " "));
+}
+
+TEST_F(ProtocolDocumentTest, DescriptionsOfErrorsAreCutAsItSays) {
+  const auto description = [](const char* text) { return BraidConn::Response(text).Error(); };
+  EXPECT_EQ(description("ERROR:0x1234:No such device"), "No such device");
+  EXPECT_EQ(description("ERROR:No such device"), "No such device");
+  EXPECT_EQ(description("TARGET_ERROR:1:a:b"), "a:b");
+  for (const char* text : {"`ERROR:0x1234:No such device`", "`ERROR:No such device`"}) {
+    EXPECT_TRUE(_document.Says(text)) << text;
+  }
+}
+
+/// The names by which links reach the headings of a document.
+std::set<std::string> AnchorsOf(const std::filesystem::path& path) {
+  std::set<std::string> anchors;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    if (!line.starts_with("#")) continue;
+    std::string anchor;
+    for (const char c : line.substr(line.find(' ') + 1)) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (c == ' ') anchor += '-';
+      if (std::isalnum(byte) != 0 || c == '-') anchor += static_cast<char>(std::tolower(byte));
+    }
+    anchors.insert(anchor);
+  }
+  return anchors;
+}
+
+TEST(ArchitectureDocumentTest, EveryLinkAndPathOfTheDocumentsLeadsSomewhere) {
+  const std::filesystem::path root = std::filesystem::path(DOCUMENTS).parent_path();
+  const std::regex link(R"(\]\(([^)#]*)#?([^)]*)\))");
+  const std::regex path(R"((src|sim|tools|tests|bench|examples|script|docs)/[A-Za-z0-9_./-]*)");
+  for (const std::string name :
+       {"architecture.md", "image-check.md", "image-format.md", "protocol.md", "reliability.md"}) {
+    SCOPED_TRACE(name);
+    const Document document(name);
+    const std::string& prose = document.Prose();
+    std::size_t places = 0;
+    for (std::sregex_iterator at(prose.begin(), prose.end(), link), end; at != end;
+         ++at, ++places) {
+      const std::string file = (*at)[1];
+      const std::string anchor = (*at)[2];
+      const auto target = root / "docs" / (file.empty() ? name : file);
+      EXPECT_TRUE(std::filesystem::exists(target)) << target;
+      EXPECT_TRUE(anchor.empty() || AnchorsOf(target).contains(anchor)) << anchor;
+    }
+    for (const std::string& quoted : Quoted(prose)) {
+      if (!std::regex_match(quoted, path)) continue;
+      EXPECT_TRUE(std::filesystem::exists(root / quoted)) << quoted;
+      ++places;
+    }
+    EXPECT_GT(places, 0u);
+  }
+}
+
+TEST(ArchitectureDocumentTest, TheTableOfUnitsHasEveryUnit) {
+  std::set<std::string> units;
+  const auto folder = std::filesystem::path(DOCUMENTS).parent_path() / "src";
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    if (entry.path().extension() == ".h") units.insert(entry.path().stem());
+  }
+  std::set<std::string> told;
+  for (const Row& row : Document("architecture.md").Table("unit")) told.insert(Unquoted(row[0]));
+  EXPECT_EQ(told, units);
+}
+
+TEST(ReliabilityDocumentTest, WhatWasTriedCanBeTriedAgain) {
+  const auto root = std::filesystem::path(DOCUMENTS).parent_path();
+  const std::vector<Row> rows = Document("reliability.md").Table("what");
+  ASSERT_FALSE(rows.empty());
+  for (const Row& row : rows) {
+    const std::string command = Unquoted(row.at(3));
+    const std::filesystem::path script = root / command.substr(0, command.find(' '));
+    EXPECT_EQ(access(script.c_str(), X_OK), 0) << command;
+  }
+}
+
+TEST(ReliabilityDocumentTest, EveryFuzzTargetHasItsRow) {
+  std::set<std::string> targets;
+  const auto folder = std::filesystem::path(DOCUMENTS).parent_path() / "fuzz" / "corpus";
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    targets.insert(entry.path().filename());
+  }
+  std::set<std::string> told;
+  for (const Row& row : Document("reliability.md").Table("target")) {
+    told.insert(Unquoted(row.at(0)));
+  }
+  EXPECT_EQ(told, targets);
+}
+
+}  // namespace

@@ -1,0 +1,494 @@
+// The boot rule of the simulated devices, and rehearsals of the built fwpush.
+#include "rehearse/Rehearsal.h"
+
+#include <nlohmann/json.hpp>
+#include <numeric>
+
+#include "sim/FabricFile.h"
+#include "sim/LocalRom.h"
+#include "tests/support/Harness.h"
+#include "tests/support/fabric_support.h"
+#include "tests/support/slot_images.h"
+
+namespace {
+
+using sim::BootJudge;
+using sim::BootLayout;
+using sim::CutKind;
+using sim::Interruption;
+using sim::SlotState;
+
+class RehearsalTest : public ConsoleTest {
+ protected:
+  static sim::Device Eeprom() {
+    sim::Device device = I2cDevice(0x10, 0);
+    device.chips.try_emplace(u_int8_t{0}, sim::Chip(std::make_unique<sim::Cells>(0x100), 0));
+    return device;
+  }
+
+  /// Writes a fabric file with one device for each set of contents.
+  std::string FabricFile(const std::string& memory, const std::vector<std::string>& contents) {
+    std::string text;
+    for (std::size_t i = 0; i < contents.size(); ++i) {
+      text += Text("[[device]]\nnode_guid = \"0x", i + 1, "0\"\nport_guids = [\"0x", i + 1,
+                   "1\"]\n", memory, "\n", contents[i]);
+    }
+    return _folder.Write("fabric.toml", text);
+  }
+  std::string FlashFabric(const std::string& contents) {
+    return FabricFile(Text("[device.flash]\nsize = ", FLASH_SIZE, "\nsector_size = ", SECTOR),
+                      {contents});
+  }
+  static std::string Holds(const std::string& image, int slot, bool is_valid = true) {
+    return Text("[[device.contents]]\nimage = \"", image, "\"\nslot = ", slot,
+                "\nvalid = ", is_valid ? "true" : "false", "\n");
+  }
+
+  sim::RehearsalOptions Options(const std::string& fabric_file, std::size_t recoveries = 0) {
+    sim::RehearsalOptions options;
+    options.fabric_file = fabric_file;
+    options.image_file = _folder / "new.img";
+    options.fwpush = FwpushProgram();
+    options.recoveries = recoveries;
+    return options;
+  }
+
+  void NewImage(const FlashImage& image = {.content = 0x22}) {
+    _folder.Write("new.img", image.Text());
+  }
+  void OldImage(const FlashImage& image = {}) { _folder.Write("old.img", image.Text()); }
+
+  TemporaryFolder _folder;
+};
+
+class BootTest : public RehearsalTest {
+ protected:
+  BootTest() {
+    OldImage();
+    NewImage();
+    const std::string file = FlashFabric(Holds("old.img", 0));
+    sim::LoadFabric(file, {}, _fabric);
+  }
+
+  void Poke(u_int32_t addr, const DataVec& bytes) {
+    _fabric.Find(0x10)->chips.at(0).Load(addr, bytes);
+  }
+  std::string Report() const { return sim::BootReport(_fabric, {_folder / "new.img"}); }
+
+  static std::string Line(const std::string& text) { return "0x0000000000000010 " + text + "\n"; }
+
+  sim::Fabric _fabric;
+};
+
+TEST_F(BootTest, OldImageBootsAsLongAsItIsWhole) {
+  EXPECT_EQ(Report(), Line("boots old: slot 0 old, slot 1 invalid"));
+  Poke(IMAGE0 + 0x1F, Hex("10"));
+  EXPECT_EQ(Report(), Line("DOES NOT BOOT: slot 0 broken, slot 1 invalid"));
+  Poke(IMAGE0 + 0x1F, Hex("11"));
+  EXPECT_EQ(Report(), Line("boots old: slot 0 old, slot 1 invalid"));
+}
+
+TEST_F(BootTest, SignatureAndCrcMustBothBeRight) {
+  Poke(PS0 + 8, Hex("cb84cb80"));
+  EXPECT_EQ(Report(), Line("DOES NOT BOOT: slot 0 invalid, slot 1 invalid"));
+  Poke(PS0 + 8, Hex("cb84cb84"));
+  Poke(PS0 + 100, Hex("5b"));
+  EXPECT_EQ(Report(), Line("DOES NOT BOOT: slot 0 invalid, slot 1 invalid"));
+  Poke(PS0 + 100, Hex("5a"));
+  EXPECT_EQ(Report(), Line("boots old: slot 0 old, slot 1 invalid"));
+}
+
+TEST_F(BootTest, PointerToAnotherPlaceIsNoWholeImage) {
+  const DataVec record = PointerSector(IMAGE0 + 4, 0x20, true);
+  Poke(PS0, record);
+  EXPECT_EQ(Report(), Line("DOES NOT BOOT: slot 0 broken, slot 1 invalid"));
+}
+
+TEST_F(BootTest, NewImageInEitherSlotIsTold) {
+  sim::BurnInto(_fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
+  EXPECT_EQ(Report(), Line("boots old or new: slot 0 old, slot 1 new"));
+  Poke(PS0 + 8, Hex("00000000"));
+  EXPECT_EQ(Report(), Line("boots new: slot 0 invalid, slot 1 new"));
+}
+
+TEST_F(BootTest, SecondImageThatWasMovedIsAsWholeAsItWas) {
+  sim::BurnInto(_fabric, 0x10, _folder / "old.img", {.slot = 1, .is_valid = true});
+  Poke(PS1 + 8, Hex("00000000"));
+  // By hand: the second slot's pointer sector with the address of the copy.
+  Poke(PS0, PointerSector(3 * SECTOR, 0x20, true));
+  EXPECT_EQ(Report(), Line("boots old: slot 0 old, slot 1 invalid"));
+}
+
+TEST_F(BootTest, TornInvariantSectorBootsNothing) {
+  Poke(0x30, Hex("76"));
+  EXPECT_EQ(Report(), Line("DOES NOT BOOT: slot 0 old, slot 1 invalid, invariant sector broken"));
+}
+
+TEST_F(BootTest, DeviceWithoutKnownImagesIsNotJudged) {
+  sim::Fabric fabric;
+  fabric.Add(FlashDevice(0x10));
+  EXPECT_EQ(sim::BootReport(fabric, {}), Line("not judged: no image to judge it by"));
+}
+
+TEST_F(BootTest, ImagesThatKeepTheirRecordsElsewhereAreNotMixed) {
+  std::string text = FlashImage().Text();
+  text.replace(text.find("PS 1 800"), 8, "PS 1 1c00");
+  _folder.Write("new.img", text);
+  EXPECT_THAT(Report(),
+              testing::MatchesRegex(
+                  "0x0000000000000010 not judged: .*old.img keeps its slots elsewhere\n"));
+}
+
+TEST_F(BootTest, JudgeThatFollowsAgreesWithOneThatLooksAfresh) {
+  const unsigned seed = 7;
+  SCOPED_TRACE(seed);
+  TestRng rng(seed);
+  FwImage image;
+  image.Open((_folder / "new.img").c_str(), READ);
+  const auto& conv = *static_cast<const FwImage::Conv*>(image.GetAddressConvertor());
+  const BootLayout layout(image, SECTOR);
+  DataVec memory = sim::LinearMemory(*_fabric.Find(0x10), conv);
+  BootJudge follower(layout, memory);
+  follower.KnowPresentImages();
+  follower.KnowPresentInvariantSector();
+  const BootJudge start = follower;
+  std::set<std::string> verdicts;
+  for (int i = 0; i < 3000; ++i) {
+    // Mostly where it matters, and mostly there and back.
+    static constexpr u_int32_t PLACES[] = {0,      PS0,        PS0 + 8, PS0 + 200,
+                                           IMAGE0, IMAGE0 + 8, PS1,     IMAGE1};
+    const u_int32_t addr = PLACES[rng() % std::size(PLACES)] + rng() % 4;
+    const auto byte = static_cast<u_int8_t>(rng() % 3 == 0 ? rng() : start.Memory()[addr]);
+    follower.Set(addr, byte);
+    memory[addr] = byte;
+    BootJudge fresh = start;
+    for (u_int32_t at = 0; at < memory.size(); ++at) fresh.Set(at, memory[at]);
+    ASSERT_EQ(Describe(follower.Verdict()), Describe(fresh.Verdict())) << i;
+    ASSERT_EQ(follower.Memory(), memory);
+    verdicts.insert(Describe(fresh.Verdict()));
+  }
+  EXPECT_GE(verdicts.size(), 4u);  // the walk met good and bad states
+}
+
+TEST_F(RehearsalTest, BootRecordsSumAndMarkTellAnEepromsImages) {
+  _folder.Write("new.img", EepromImage(0x01));
+  sim::Fabric fabric;
+  fabric.Add(Eeprom());
+  sim::BurnInto(fabric, 0x10, _folder / "new.img", {.slot = 0, .is_valid = true});
+  sim::BurnInto(fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
+  const auto report = [&] { return sim::BootReport(fabric, {_folder / "new.img"}); };
+  const auto poke = [&](u_int32_t addr, u_int8_t byte) {
+    fabric.Find(0x10)->chips.at(0).Load(addr, std::span(&byte, 1));
+  };
+  EXPECT_EQ(report(), "0x0000000000000010 boots new: slot 0 new, slot 1 new\n");
+  // The mark makes the first record invalid whatever its sum, and the second not.
+  poke(7, 1);
+  poke(15, static_cast<u_int8_t>(0xAB - 4 * 0x01 - 1));
+  EXPECT_EQ(report(), "0x0000000000000010 boots new: slot 0 invalid, slot 1 new\n");
+  poke(0x80 + 7, 1);
+  poke(0x80 + 15, static_cast<u_int8_t>(0xAB - 4 * 0x01 - 1));
+  EXPECT_EQ(report(), "0x0000000000000010 DOES NOT BOOT: slot 0 invalid, slot 1 broken\n");
+  poke(0x80 + 15, 0);
+  EXPECT_EQ(report(), "0x0000000000000010 DOES NOT BOOT: slot 0 invalid, slot 1 invalid\n");
+}
+
+TEST_F(RehearsalTest, EveryWordAndEraseOfAFailsafeBurnIsAPointAndAllOfThemBoot) {
+  OldImage();
+  NewImage();
+  const sim::RehearsalReport report = sim::Rehearse(Options(FlashFabric(Holds("old.img", 0)), 20));
+  EXPECT_EQ(report.algorithm, "RV52100FailsafeBurn");
+  // Second signature cleared: 1 word. Image: 8 words. Pointer sector: 66 words, then its CRC.
+  // Second signature set, first one cleared: 2 words.
+  const std::size_t words = 1 + 8 + 66 + 1 + 2;
+  EXPECT_EQ(report.points.at(CutKind::AFTER_WORD), words);
+  EXPECT_EQ(report.points.at(CutKind::TORN_WORD), words);
+  EXPECT_EQ(report.points.at(CutKind::TORN_ERASE), 2u);
+  EXPECT_EQ(report.points.at(CutKind::AFTER_ERASE), 2u);
+  EXPECT_EQ(report.Points(), 2 * words + 4);
+  EXPECT_EQ(report.unbootable, 0u);
+  // New from the moment that its signature is whole: that word, and the next one twice.
+  EXPECT_EQ(report.boot_new, 3u);
+  EXPECT_EQ(report.boot_old, 2 * words + 4 - 3);
+  EXPECT_EQ(report.recoveries.at(Interruption::POWER), 12u);
+  EXPECT_EQ(report.recoveries.at(Interruption::KILLED), 4u);
+  EXPECT_EQ(report.recoveries.at(Interruption::DROPPED), 4u);
+  EXPECT_EQ(report.unrecovered, 0u);
+  EXPECT_TRUE(report.IsWell());
+}
+
+TEST_F(RehearsalTest, BurnThatIsNotFailsafeIsFoundOut) {
+  OldImage();
+  NewImage();
+  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)), 10);
+  options.extra_args = {"-n"};
+  const sim::RehearsalReport report = sim::Rehearse(options);
+  EXPECT_EQ(report.algorithm, "GenericBurn");
+  EXPECT_GT(report.unbootable, 0u);
+  EXPECT_FALSE(report.IsWell());
+  ASSERT_FALSE(report.exceptions.empty());
+  EXPECT_EQ(report.exceptions.front().step, "invariant sector at 0x0");
+}
+
+TEST_F(RehearsalTest, ExceptionIsReplayedByItsPoint) {
+  OldImage({.invariant = 0x78});
+  NewImage();
+  const std::string fabric = FlashFabric(Holds("old.img", 0));
+  const sim::RehearsalReport report = sim::Rehearse(Options(fabric));
+  ASSERT_FALSE(report.exceptions.empty());
+  const sim::RehearsalException& first = report.exceptions.front();
+  ASSERT_TRUE(first.first.has_value());
+  EXPECT_EQ(Describe(*first.first), "0");  // the torn erase, the first change of all
+  EXPECT_EQ(first.command, "erase");
+  EXPECT_EQ(first.step, "invariant sector at 0x0");
+  EXPECT_EQ(first.state, "DOES NOT BOOT: slot 0 old, slot 1 invalid, invariant sector broken");
+  EXPECT_EQ(first.reason, "the invariant sector is rewritten: there is only one of it");
+
+  sim::RehearsalOptions again = Options(fabric);
+  again.at = first.first;
+  const sim::RehearsalReport replayed = sim::Rehearse(again);
+  EXPECT_EQ(replayed.Points(), 1u);
+  ASSERT_EQ(replayed.exceptions.size(), 1u);
+  EXPECT_EQ(replayed.exceptions.front().state, first.state);
+  again.at = sim::Moment{Interruption::POWER, report.Points()};
+  EXPECT_THROW(sim::Rehearse(again), std::runtime_error);
+}
+
+TEST_F(RehearsalTest, SeveralDevicesAreEachJudgedByTheirOwnLog) {
+  _folder.Write("old.img", EepromImage(0x01));
+  _folder.Write("new.img", EepromImage(0x02));
+  const std::string both = Holds("old.img", 0) + Holds("old.img", 1);
+  const std::string first = Holds("old.img", 0) + Holds("old.img", 1, false);
+  const std::string second = Holds("old.img", 0, false) + Holds("old.img", 1);
+  const sim::RehearsalReport report = sim::Rehearse(
+      Options(FabricFile("chip = [{ address = 0, size = 0x100 }]", {both, first, second}), 20));
+  EXPECT_EQ(report.algorithm, "RV61300FailsafeBurn");
+  // Each device: two slots, each of 16 words and the first one once more.
+  EXPECT_EQ(report.Points(), 3u * 2 * 2 * 17);
+  EXPECT_EQ(report.unbootable, 0u);
+  EXPECT_EQ(report.unrecovered, 0u);
+  EXPECT_TRUE(report.IsWell());
+}
+
+TEST_F(RehearsalTest, DeviceThatDidNotBootBeforeIsTold) {
+  _folder.Write("old.img", EepromImage(0x01));
+  _folder.Write("new.img", EepromImage(0x02));
+  const sim::RehearsalReport report =
+      sim::Rehearse(Options(FabricFile("chip = [{ address = 0, size = 0x100 }]",
+                                       {Holds("old.img", 0), Holds("old.img", 0, false)}),
+                            5));
+  EXPECT_EQ(report.unbootable_at_start, 1u);
+  ASSERT_EQ(report.exceptions.size(), 1u);
+  EXPECT_EQ(report.exceptions.front().device, 0x20u);
+  EXPECT_EQ(report.exceptions.front().step, "before the burn");
+}
+
+TEST_F(RehearsalTest, BurnThatFailsByItselfIsNoRehearsal) {
+  OldImage();
+  NewImage();
+  try {
+    sim::Rehearse(Options(FlashFabric(Holds("old.img", 0, false))));
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(),
+                testing::StartsWith("the burn itself fails, before any plug is pulled:\n"));
+    EXPECT_THAT(error.what(), testing::HasSubstr("Both images are invalid."));
+  }
+}
+
+TEST_F(RehearsalTest, SlotThatIsNotWholeBeforeIsNotTakenForWhole) {
+  OldImage();
+  NewImage();
+  _folder.Write("spot.bin", "spot");
+  const std::string raw = Text("[[device.contents]]\nraw = \"spot.bin\"\nat = ", IMAGE0 + 8, "\n");
+  const sim::RehearsalReport report =
+      sim::Rehearse(Options(FlashFabric(Holds("old.img", 0) + Holds("old.img", 1) + raw)));
+  // The broken first image stays marked valid to the end, where the new second one boots alone.
+  EXPECT_EQ(report.boot_old, 0u);
+  EXPECT_GT(report.unbootable, 0u);
+  ASSERT_FALSE(report.exceptions.empty());
+  EXPECT_EQ(report.exceptions.front().reason,
+            "a slot was marked valid before the burn, and its image was not whole");
+}
+
+TEST_F(RehearsalTest, DeviceNamedByTwoGuidsIsOneDevice) {
+  OldImage();
+  NewImage();
+  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  options.guids = {0x10, 0x11};
+  EXPECT_EQ(sim::Rehearse(options).devices, 1u);
+}
+
+TEST_F(RehearsalTest, MomentsAreNamedAndFoundAgain) {
+  for (const std::string text : {"0", "1234", "killed:28", "dropped:1"}) {
+    ASSERT_TRUE(sim::ParseMoment(text).has_value()) << text;
+    EXPECT_EQ(Describe(*sim::ParseMoment(text)), text);
+  }
+  for (const std::string text : {"", "-1", "killed:", "lost:1", "1x", "99999999999999999999"}) {
+    EXPECT_FALSE(sim::ParseMoment(text).has_value()) << text;
+  }
+}
+
+TEST_F(RehearsalTest, KilledBurnerIsReplayedAtItsRequest) {
+  OldImage();
+  NewImage();
+  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  for (const Interruption kind : {Interruption::KILLED, Interruption::DROPPED}) {
+    options.at = sim::Moment{kind, 12};
+    const sim::RehearsalReport report = sim::Rehearse(options);
+    EXPECT_EQ(report.Points(), 0u);
+    EXPECT_EQ(report.recoveries.at(kind), 1u);
+    EXPECT_TRUE(report.IsWell());
+    options.at->place = report.requests + 1;
+    EXPECT_THROW(sim::Rehearse(options), std::runtime_error);
+  }
+}
+
+TEST_F(RehearsalTest, ImagesThatNoRehearsalFitsAreRefused) {
+  OldImage();
+  NewImage();
+  const std::string fabric = FlashFabric(Holds("old.img", 0));
+  _folder.Write("new.img", "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16)));
+  EXPECT_EQ(ErrorOf([&] { sim::Rehearse(Options(fabric)); }),
+            (_folder / "new.img") + " is for a device without two image slots");
+  // A device map that ends before the slots.
+  _folder.Write("new.img", "DEVMAP 200 0\n" + FlashImage{.content = 0x22}.Text());
+  EXPECT_NE(ErrorOf([&] { sim::Rehearse(Options(fabric)); }), "(no error)");
+}
+
+TEST_F(RehearsalTest, BurnerThatLeavesAChildBehindIsNotWaitedFor) {
+  OldImage();
+  NewImage();
+  const std::string burner =
+      _folder.Write("burner", "#!/bin/sh\nsleep 10 &\nexec " + FwpushProgram() + " \"$@\"\n");
+  std::filesystem::permissions(burner, std::filesystem::perms::owner_all);
+  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  options.fwpush = burner;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(sim::Rehearse(options).IsWell());
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+}
+
+class RehearseProgramTest : public RehearsalTest {
+ protected:
+  Outcome Run(std::vector<std::string> words) {
+    words.insert(words.begin(), {RehearseProgram(), _folder / "fabric.toml", "-f",
+                                 _folder / "new.img", "--fwpush", FwpushProgram()});
+    return RunProgram(words);
+  }
+};
+
+TEST_F(RehearseProgramTest, StatusTellsWhetherAllInterruptionsAreSurvived) {
+  OldImage();
+  NewImage();
+  FlashFabric(Holds("old.img", 0));
+  const Outcome good = Run({"--recover", "10", "--jobs", "2", "--json", _folder / "report.json"});
+  EXPECT_EQ(good.status, 0) << good.errors;
+  EXPECT_THAT(good.output, testing::HasSubstr("rehearsal: RV52100FailsafeBurn, 1 device(s)\n"));
+  EXPECT_THAT(good.output,
+              testing::EndsWith("no interruption leaves a device that does not boot\n"));
+  std::ifstream file(_folder / "report.json");
+  const nlohmann::json report = nlohmann::json::parse(file);
+  EXPECT_EQ(report["version"], 1);
+  EXPECT_EQ(report["points"]["after_word"], 78);
+  EXPECT_EQ(report["unbootable"], 0);
+  EXPECT_EQ(report["recoveries"]["power"], 6);
+  EXPECT_TRUE(report["exceptions"].empty());
+
+  OldImage({.invariant = 0x78});
+  const Outcome bad = Run({"--recover", "0"});
+  EXPECT_EQ(bad.status, 1) << bad.errors;
+  EXPECT_THAT(bad.output, testing::HasSubstr("point 0 and "));
+  EXPECT_THAT(bad.output, testing::HasSubstr("there is only one of it"));
+  EXPECT_THAT(bad.output, testing::HasSubstr("NOT FAILSAFE"));
+}
+
+TEST_F(RehearseProgramTest, WhatItCannotRehearseEndsItWithTwo) {
+  OldImage();
+  NewImage();
+  FlashFabric(Holds("old.img", 0));
+  EXPECT_EQ(Run({"-g", "77"}).status, 2);
+  EXPECT_EQ(Run({"--at", "160"}).status, 2);
+  EXPECT_EQ(Run({"--at", "killed:1000"}).status, 2);
+  const Outcome outcome = RunProgram({RehearseProgram(), _folder / "fabric.toml", "-f",
+                                      _folder / "new.img", "--fwpush", _folder / "none"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.errors, testing::HasSubstr("can't run "));
+  EXPECT_EQ(Run({"--json", _folder / "none/report.json"}).status, 2);
+  _folder.Write("fabric.toml", "nonsense");
+  EXPECT_EQ(Run({}).status, 2);
+}
+
+TEST_F(RehearseProgramTest, WrongCommandLineIsRefused) {
+  for (const std::vector<std::string>& words : {std::vector<std::string>{"--recover", "some"},
+                                                {"--recover=-1"},
+                                                {"--at", "x"},
+                                                {"-m", "3"},
+                                                {"-m=3"},
+                                                {"-m="},
+                                                {"-g", "zz"},
+                                                {"-g", ","},
+                                                {"-g=zz"},
+                                                {"--jobs", "0"},
+                                                {"--what"}}) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 64) << words.front();
+    EXPECT_EQ(outcome.output, "") << words.front();
+    EXPECT_FALSE(outcome.errors.empty()) << words.front();
+  }
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{SimProgram()},
+        {SimProgram(), "fabric.toml", "--listen", "nowhere"},
+        {SimProgram(), "fabric.toml", "--what"},
+        {RehearseProgram()}}) {
+    EXPECT_EQ(RunProgram(words).status, 64);
+  }
+  EXPECT_EQ(RunProgram({SimProgram(), "--help"}).status, 0);
+  EXPECT_EQ(RunProgram({RehearseProgram(), "--version"}).status, 0);
+}
+
+TEST_F(RehearseProgramTest, SwitchesOfTheBurnerTakeTheirValuesAsTheBurnerDoes) {
+  OldImage();
+  NewImage();
+  FlashFabric(Holds("old.img", 0));
+  const auto requests = [&](const std::vector<std::string>& words) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    return outcome.output.substr(0, outcome.output.find("  points"));
+  };
+  const std::string large = requests({"--recover", "0", "-m", "10"});
+  EXPECT_EQ(requests({"--recover", "0", "-m=10", "-g=10"}), large);
+  EXPECT_NE(requests({"--recover", "0", "-m=4"}), large);
+  EXPECT_EQ(Run({"--recover", "0", "-g=77"}).status, 2);  // a device that is not there
+}
+
+TEST_F(RehearseProgramTest, HelpDoesNotTellWhereTheProgramLies) {
+  const Outcome outcome = RunProgram({RehearseProgram(), "--help"});
+  EXPECT_THAT(outcome.output, testing::HasSubstr("fwpush beside this program"));
+  // Its own name on the line of usage apart.
+  const std::size_t options = outcome.output.find("Options:");
+  ASSERT_NE(options, std::string::npos);
+  const std::string folder = std::filesystem::path(RehearseProgram()).parent_path();
+  EXPECT_EQ(outcome.output.find(folder, options), std::string::npos);
+}
+
+TEST_F(RehearseProgramTest, SimulatorReportsWhatBootsOnRequestAndAtItsEnd) {
+  OldImage();
+  NewImage();
+  const std::string fabric = FlashFabric(Holds("old.img", 0));
+  const std::string state = _folder / "state";
+  const std::vector<std::string> words = {SimProgram(), fabric,    "--state",
+                                          state,        "--image", _folder / "new.img"};
+  std::vector<std::string> asked = words;
+  asked.emplace_back("--boot-report");
+  EXPECT_EQ(RunProgram(asked).output, "0x0000000000000010 boots old: slot 0 old, slot 1 invalid\n");
+  Child simulator(words, _folder / "errors");
+  const std::string server = simulator.ReadLine();
+  EXPECT_EQ(
+      RunProgram({FwpushProgram(), "-f", _folder / "new.img", "-s", server, "-g", "10"}).status, 0);
+  simulator.Signal(SIGTERM);
+  EXPECT_EQ(simulator.ReadLine(), "0x0000000000000010 boots new: slot 0 invalid, slot 1 new");
+  EXPECT_EQ(simulator.Wait(), 0);
+  EXPECT_EQ(RunProgram(asked).output, "0x0000000000000010 boots new: slot 0 invalid, slot 1 new\n");
+}
+
+}  // namespace

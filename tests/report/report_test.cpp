@@ -1,0 +1,488 @@
+// The built fwpush-report: whole burns, and what it makes of them.
+#include <signal.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <regex>
+
+#include "tests/support/Harness.h"
+#include "tests/support/consoles.h"
+#include "tests/support/slot_images.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+constexpr char FLAT_IMAGE[] = "DEVICE_TYPE RV61100\nSTART ALL 0 0\n";
+
+/// Adapters 10, 20 and so on with one small EEPROM each, and an image of 32 bytes for them.
+class ReportTest : public ConsoleTest {
+ protected:
+  ReportTest() {
+    std::string image = FLAT_IMAGE;
+    for (int i = 0; i < 8; ++i) image += "77 77 77 77\n";
+    _image = _folder.Write("fw.img", image + "END ALL\n");
+  }
+
+  void Serve(int devices, const std::string& faults = "") {
+    std::string fabric = "[server]\ntype = \"PPC\"\n";
+    for (int i = 1; i <= devices; ++i) {
+      fabric +=
+          Text("[[device]]\nname = \"leaf\"\nattribute = \"a\"\nnode_guid = \"0x", i,
+               "0\"\nport_guids = [\"0x", i, "1\"]\n", "chip = [{ address = 0, size = 0x100 }]\n");
+    }
+    std::filesystem::remove_all(_folder / "state");
+    _simulator = std::make_unique<Simulator>(_folder, fabric + faults);
+  }
+
+  static std::string Fault(const std::string& kind, const std::string& more) {
+    return "[[fault]]\nkind = \"" + kind + "\"\ncommand = \"Write\"\n" + more + "\n";
+  }
+
+  std::vector<std::string> Burn(const std::string& guids) const {
+    return {FwpushProgram(), "-m", "4", "-f", _image, "-s", _simulator->Server(), "-g", guids};
+  }
+
+  static std::vector<std::string> Words(std::vector<std::string> options,
+                                        const std::vector<std::string>& burn) {
+    options.insert(options.begin(), REPORT_PROGRAM);
+    options.emplace_back("--");
+    options.insert(options.end(), burn.begin(), burn.end());
+    return options;
+  }
+
+  static Outcome Report(const std::vector<std::string>& options,
+                        const std::vector<std::string>& burn, Through through = Through::PIPE) {
+    return RunProgram(Words(options, burn), through);
+  }
+
+  nlohmann::json Json() const {
+    return nlohmann::json::parse(ReadFile(_folder / "report.json"), nullptr, false);
+  }
+
+  bool IsBurnt(int device) const {
+    DataVec expected(32, 0x77);
+    expected.resize(0x100, 0xFF);
+    return _simulator->Memory(Text("0x00000000000000", device, ".0.i2c")) == expected;
+  }
+
+  TemporaryFolder _folder;
+  std::unique_ptr<Simulator> _simulator;
+  std::string _image;
+};
+
+TEST_F(ReportTest, ConsoleOfABurnPassesUnchanged) {
+  Serve(2);
+  const Outcome direct = RunProgram(Burn("10,20"));
+  const Outcome reported = Report({}, Burn("10,20"));
+  EXPECT_EQ(direct.status, 0);
+  EXPECT_EQ(reported.status, 0) << reported.errors;
+  EXPECT_EQ(reported.output, direct.output);
+  EXPECT_NE(reported.errors.find("\n  0x0000000000000020  burnt\n"), std::string::npos)
+      << reported.errors;
+  EXPECT_TRUE(reported.errors.ends_with("\n  every device is burnt\n")) << reported.errors;
+}
+
+TEST_F(ReportTest, ConsoleOfABurnPassesUnchangedThroughATerminal) {
+  Serve(1);
+  const Outcome direct = RunProgram(Burn("10"), Through::TERMINAL);
+  const Outcome reported = Report({}, Burn("10"), Through::TERMINAL);
+  EXPECT_EQ(reported.status, 0);
+  // The summary comes behind it, on the same terminal.
+  EXPECT_TRUE(reported.output.starts_with(direct.output + "fwpush-report: GenericBurn, "))
+      << reported.output;
+}
+
+TEST_F(ReportTest, BurnRunsOnATerminalJustWhereItWouldWithoutAReport) {
+  const std::vector<std::string> ask = {"/bin/sh", "-c", "test -t 1 && echo terminal || echo pipe"};
+  EXPECT_TRUE(Report({}, ask, Through::TERMINAL).output.starts_with("terminal\r\n"));
+  EXPECT_TRUE(Report({"--plain"}, ask, Through::TERMINAL).output.starts_with("pipe\r\n"));
+  EXPECT_EQ(Report({}, ask).output, "pipe\n");
+}
+
+TEST_F(ReportTest, OneDeviceOfThreeThatFailsIsToldEverywhere) {
+  Serve(3, Fault("device-error", "device = \"0x20\"\nnth = 2\ntext = \"<bro&ken>\""));
+  const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
+                                  _folder / "report.xml", "--log", _folder / "console"},
+                                 Burn("10,20,30"));
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(IsBurnt(10));
+  EXPECT_FALSE(IsBurnt(20));
+  EXPECT_TRUE(IsBurnt(30));
+  EXPECT_EQ(ReadFile(_folder / "console"), outcome.output);
+
+  nlohmann::json json = Json();
+  EXPECT_GT(json["seconds"], 0);
+  EXPECT_GE(json["phases"][0]["seconds"], 0);
+  EXPECT_LE(json["phases"][0]["seconds"], json["seconds"]);
+  json.erase("seconds");
+  json["phases"][0].erase("seconds");
+  const nlohmann::json expected = {
+      {"version", 1},
+      {"all_burnt", false},
+      {"succeeded", true},
+      {"failure", nullptr},
+      {"command", Burn("10,20,30")},
+      {"exit_status", 0},
+      {"signal", nullptr},
+      {"image", _image},
+      {"server", _simulator->Server()},
+      {"algorithm", "GenericBurn"},
+      {"devices_known", true},
+      {"devices",
+       {{{"guid", "0x0000000000000010"},
+         {"outcome", "burnt"},
+         {"reason", nullptr},
+         {"may_have_changed", true}},
+        {{"guid", "0x0000000000000020"},
+         {"outcome", "failed"},
+         {"reason", "<bro&ken>"},
+         {"may_have_changed", true}},
+        {{"guid", "0x0000000000000030"},
+         {"outcome", "burnt"},
+         {"reason", nullptr},
+         {"may_have_changed", true}}}},
+      {"phases", nlohmann::json::array({{{"label", "Burning"}, {"done", true}, {"percent", 100}}})},
+      {"counts", nlohmann::json::object()},
+      {"warnings", nlohmann::json::array()}};
+  EXPECT_EQ(json, expected) << json.dump(2);
+
+  const std::string junit =
+      std::regex_replace(ReadFile(_folder / "report.xml"), std::regex(" time=\"[0-9.e-]+\""), "");
+  EXPECT_EQ(junit,
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<testsuites>\n"
+            "  <testsuite name=\"GenericBurn\" tests=\"3\" failures=\"1\" errors=\"0\" "
+            "skipped=\"0\">\n"
+            "    <testcase classname=\"GenericBurn\" name=\"0x0000000000000010\"/>\n"
+            "    <testcase classname=\"GenericBurn\" name=\"0x0000000000000020\">\n"
+            "      <failure message=\"&lt;bro&amp;ken&gt;\"/>\n"
+            "    </testcase>\n"
+            "    <testcase classname=\"GenericBurn\" name=\"0x0000000000000030\"/>\n"
+            "  </testsuite>\n"
+            "</testsuites>\n");
+}
+
+TEST_F(ReportTest, DeviceThatTheServerLacksFailsAndTheOthersAreBurnt) {
+  Serve(1);
+  const Outcome outcome = Report({}, Burn("10,77"));
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(IsBurnt(10));
+  EXPECT_NE(outcome.errors.find("\n  0x0000000000000010  burnt\n  0x0000000000000077  FAILED: "
+                                "Device not accessible by server " +
+                                _simulator->Server() + " . (nothing was written)\n"),
+            std::string::npos)
+      << outcome.errors;
+}
+
+TEST_F(ReportTest, DevicesThatAreNeverReachedAreErrorsOfTheirTests) {
+  const Outcome outcome =
+      Report({"--junit", _folder / "report.xml"},
+             {FwpushProgram(), "-f", _image, "-s", "PPC:127.0.0.1", "-g", "10"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(
+      ReadFile(_folder / "report.xml")
+          .find("    <testcase classname=\"fwpush\" name=\"0x0000000000000010\">\n"
+                "      <error message=\"never reached: Given server must be in a TYPE:IP:PORT "
+                "format (Got PPC:127.0.0.1).\"/>\n"),
+      std::string::npos);
+}
+
+TEST_F(ReportTest, WrongCommandLineOfTheBurnIsAFailedRun) {
+  const Outcome outcome =
+      Report({"--junit", _folder / "report.xml"}, {FwpushProgram(), "-g", "10", "-x"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.errors.find("the run failed: Invalid switch \"-x\" is specified.\n"),
+            std::string::npos);
+  EXPECT_EQ(Report({}, {FwpushProgram(), "-v"}).status, 1);
+  EXPECT_EQ(Report({}, {FwpushProgram()}).status, 1);
+}
+
+TEST_F(ReportTest, BurnThatAbortsIsToldWithItsSignal) {
+  const Outcome outcome = Report({"--json", _folder / "report.json"},
+                                 {FwpushProgram(), "-s", "PPC:127.0.0.1:1", "-g", "10"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(Json()["signal"], SIGABRT);
+  EXPECT_EQ(Json()["exit_status"], nullptr);
+  EXPECT_EQ(Json()["devices"][0]["outcome"], "never-reached");
+  EXPECT_EQ(Json()["failure"], "the burner was ended by signal 6 (Aborted)");
+}
+
+TEST_F(ReportTest, ConsoleComesAtOnceAndSignalsReachTheBurn) {
+  for (const int number : {SIGINT, SIGTERM}) {
+    SCOPED_TRACE(number);
+    Serve(1, Fault("silence", "nth = 2"));
+    Child report(Words({"--json", _folder / "report.json", "--plain"}, Burn("10")),
+                 _folder / "errors");
+    bool is_half_done = false;
+    for (int i = 0; i < 100 && !is_half_done; ++i) {
+      is_half_done = report.ReadLine() == "Burning - %50";
+    }
+    EXPECT_TRUE(is_half_done);
+    report.Signal(number);
+    EXPECT_EQ(report.Wait(), 1);
+    EXPECT_EQ(Json()["signal"], number);
+    EXPECT_EQ(Json()["devices"][0]["outcome"], "failed");
+    EXPECT_EQ(Json()["devices"][0]["may_have_changed"], true);
+    EXPECT_EQ(Json()["phases"][0]["percent"], 50);
+    EXPECT_EQ(Json()["phases"][0]["done"], false);
+  }
+}
+
+TEST_F(ReportTest, BurnGoesOnWhenNobodyReadsTheConsole) {
+  Serve(1);
+  std::string command;
+  for (const std::string& word : Words({"--json", _folder / "report.json"}, Burn("10"))) {
+    command += "'" + word + "' ";
+  }
+  for (const std::string reader : {"| head -c 1 >/dev/null", ">/dev/full"}) {
+    RunProgram({"/bin/sh", "-c", command + reader});
+    EXPECT_TRUE(IsBurnt(10));
+    EXPECT_EQ(Json()["all_burnt"], true);
+  }
+}
+
+TEST_F(ReportTest, FailsafeBurnTellsOfTheDeviceThatItOnlyReported) {
+  const std::string old_image = _folder.Write("old.img", EepromImage(0x11));
+  const std::string image = _folder.Write("new.img", EepromImage(0x22));
+  std::string fabric = "[server]\ntype = \"PPC\"\n";
+  for (const int node : {1, 2}) {
+    fabric +=
+        Text("[[device]]\nname = \"leaf\"\nattribute = \"a\"\nnode_guid = \"0x", node,
+             "0\"\nport_guids = [\"0x", node, "1\"]\nchip = [{ address = 0, size = 0x100 }]\n");
+    if (node != 1) continue;
+    fabric += Text("[[device.contents]]\nimage = \"", old_image, "\"\nslot = 0\nvalid = true\n");
+  }
+  _simulator = std::make_unique<Simulator>(_folder, fabric);
+  const Outcome outcome =
+      Report({"--json", _folder / "report.json"},
+             {FwpushProgram(), "-f", image, "-s", _simulator->Server(), "-g", "10,20"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(Json()["algorithm"], "RV61300FailsafeBurn");
+  EXPECT_EQ(Json()["exit_status"], 0);
+  EXPECT_EQ(
+      Json()["counts"],
+      nlohmann::json(
+          {{"total", 2}, {"both_valid", 0}, {"first_only_valid", 1}, {"second_only_valid", 0}}));
+  EXPECT_EQ(Json()["devices"][0]["outcome"], "burnt");
+  EXPECT_EQ(Json()["devices"][1]["outcome"], "failed");
+  EXPECT_EQ(Json()["devices"][1]["reason"],
+            "Both images are invalid - Can't perform failsafe burn.");
+  EXPECT_EQ(Json()["devices"][1]["may_have_changed"], false);
+  std::vector<std::string> labels;
+  const nlohmann::json phases = Json()["phases"];
+  for (const auto& phase : phases) labels.push_back(phase["label"]);
+  EXPECT_THAT(
+      labels,
+      ElementsAre("Burning second image with invalidated signature", "Validating second image",
+                  "Burning first image with invalidated signature", "Validating first image"));
+  DataVec memory = EepromData(0x22);
+  memory.resize(0x80, 0xFF);
+  memory.insert(memory.end(), memory.begin(), memory.begin() + 0x80);
+  EXPECT_EQ(_simulator->Memory("0x0000000000000010.0.i2c"), memory);
+  EXPECT_EQ(_simulator->Memory("0x0000000000000020.0.i2c"), DataVec(0x100, 0xFF));
+}
+
+TEST_F(ReportTest, CheckOnlyIsNoBurn) {
+  const std::string image = _folder.Write("new.img", EepromImage(0x22));
+  _simulator = std::make_unique<Simulator>(
+      _folder,
+      "[server]\ntype = \"PPC\"\n[[device]]\nname = \"leaf\"\nattribute = \"a\"\nnode_guid = "
+      "\"0x10\"\nport_guids = [\"0x11\"]\nchip = [{ address = 0, size = 0x100 }]\n"
+      "[[device.contents]]\nimage = \"" +
+          image + "\"\n");
+  const Outcome outcome =
+      Report({}, {FwpushProgram(), "-c", "-f", image, "-s", _simulator->Server(), "-g", "10"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.output.find("-I- BURN SUCCEEDED\n"), std::string::npos);
+  EXPECT_NE(outcome.errors.find("  0x0000000000000010  never reached: nothing was written\n"),
+            std::string::npos)
+      << outcome.errors;
+}
+
+TEST_F(ReportTest, SavedLogIsJudgedAsItsBurnWas) {
+  Serve(2, Fault("device-error", "device = \"0x20\"\ntext = \"broken\""));
+  const std::string log = _folder / "console";
+  EXPECT_EQ(Report({"--log", log}, Burn("10,20")).status, 1);
+  const Outcome outcome =
+      Report({"--from", log, "--json", _folder / "report.json"}, {"fwpush", "-g", "20,10"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_EQ(Json()["devices"].size(), 2u);
+  EXPECT_EQ(Json()["devices"][0]["outcome"], "burnt");
+  EXPECT_EQ(Json()["devices"][1]["reason"], "broken");
+  EXPECT_EQ(Json()["seconds"], nullptr);
+  EXPECT_EQ(Json()["phases"][0]["seconds"], nullptr);
+
+  EXPECT_EQ(Report({"--log", log}, Burn("10")).status, 0);
+  const Outcome plain = RunProgram({REPORT_PROGRAM, "--from", log, "--plain"});
+  EXPECT_EQ(plain.status, 0) << plain.errors;
+  EXPECT_TRUE(plain.output.ends_with(
+      "-I- Generic Burning:\nBurning - % 0\nBurning - %50\nBurning - OK\n-I- BURN SUCCEEDED\n"))
+      << plain.output;
+  EXPECT_NE(plain.errors.find("other devices may have been asked for"), std::string::npos);
+}
+
+TEST_F(ReportTest, WhatIsNoBurnCannotBeReported) {
+  EXPECT_EQ(Report({}, {"/bin/echo", "hello"}).status, 2);
+  EXPECT_EQ(Report({}, {"/bin/false"}).status, 2);
+  const Outcome missing = Report({}, {_folder / "no-such-program"});
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_EQ(missing.errors, "fwpush-report: can't run " + (_folder / "no-such-program") +
+                                ": No such file or directory\n");
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--from", _image}).status, 2);
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--from", _folder / "none"}).status, 2);
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--from", _folder.Path()}).status, 2);
+}
+
+TEST_F(ReportTest, ResultThatCannotBeKeptCostsNoBurn) {
+  Serve(1);
+  for (const std::string option : {"--json", "--junit", "--log"}) {
+    const Outcome outcome = Report({option, _folder / "none/file"}, Burn("10"));
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "fwpush-report: can't write " + (_folder / "none/file") +
+                                  ": No such file or directory\n");
+  }
+  EXPECT_EQ(_simulator->Trace(), "");
+  EXPECT_EQ(Report({"--json", "/dev/full"}, Burn("10")).status, 2);
+  EXPECT_TRUE(IsBurnt(10));
+}
+
+TEST_F(ReportTest, FilesOfOneNameAreRefusedBeforeAnythingIsLost) {
+  const std::string log = _folder.Write("burn.log", "before");
+  std::filesystem::create_symlink("burn.log", _folder / "link");
+  std::filesystem::create_hard_link(log, _folder / "other-name");
+  const std::string fresh = _folder / "fresh";
+  for (const std::vector<std::string>& options :
+       {std::vector<std::string>{"--json", log, "--junit", log},
+        {"--json", log, "--log", _folder / "link"},
+        {"--junit", _folder / "other-name", "--log", log},
+        {"--json", fresh, "--log", _folder.Path().string() + "/./fresh"},
+        {"--from", log, "--json", log},
+        {"--from", log, "--junit", _folder / "link"}}) {
+    const Outcome outcome =
+        Report(options, options[0] == "--from" ? std::vector<std::string>{}
+                                               : std::vector<std::string>{"/bin/echo", "burnt"});
+    EXPECT_EQ(outcome.status, 64);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors.find("names of their own"), std::string::npos) << outcome.errors;
+    EXPECT_EQ(ReadFile(log), "before");
+    EXPECT_FALSE(std::filesystem::exists(fresh));
+  }
+  EXPECT_EQ(Report({"--json", "/dev/null", "--log", "/dev/null"}, {"/bin/echo", "x"}).status, 2);
+}
+
+TEST_F(ReportTest, BurnThatCannotStartLeavesTheResultsOfBefore) {
+  for (const std::string name : {"report.json", "report.xml", "console"}) {
+    _folder.Write(name, "before");
+  }
+  EXPECT_EQ(Report({"--json", _folder / "report.json", "--junit", _folder / "report.xml", "--log",
+                    _folder / "console"},
+                   {_folder / "no-such-program"})
+                .status,
+            2);
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(_folder.Path())) {
+    if (entry.path() == _image) continue;
+    EXPECT_EQ(ReadFile(entry.path()), "before") << entry.path();
+    ++files;
+  }
+  EXPECT_EQ(files, 3u);  // and nothing half done beside them
+}
+
+TEST_F(ReportTest, BurnThatCannotStartLeavesNoNewFiles) {
+  const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
+                                  _folder / "report.xml", "--log", _folder / "console"},
+                                 {_folder / "no-such-program"});
+  EXPECT_EQ(outcome.status, 2);
+  for (const auto& entry : std::filesystem::directory_iterator(_folder.Path())) {
+    EXPECT_EQ(entry.path(), _image);
+  }
+}
+
+TEST_F(ReportTest, LogOfABurnThatSaysNothingIsEmptyAndStays) {
+  EXPECT_EQ(Report({"--log", _folder / "console"}, {"/bin/false"}).status, 2);
+  EXPECT_EQ(ReadFile(_folder / "console"), "");
+}
+
+TEST_F(ReportTest, NewResultsReplaceThoseOfBeforeWhole) {
+  Serve(1);
+  const std::string before(100000, 'x');
+  for (const std::string name : {"report.json", "report.xml", "console"}) {
+    _folder.Write(name, before);
+  }
+  const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
+                                  _folder / "report.xml", "--log", _folder / "console"},
+                                 Burn("10"));
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(Json()["all_burnt"], true);
+  EXPECT_TRUE(ReadFile(_folder / "report.xml").ends_with("</testsuites>\n"));
+  EXPECT_EQ(ReadFile(_folder / "console"), outcome.output);
+}
+
+TEST_F(ReportTest, BurnInheritsNoneOfTheFiles) {
+  const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
+                                  _folder / "report.xml", "--log", _folder / "console"},
+                                 {"/bin/ls", "-l", "/proc/self/fd"});
+  EXPECT_NE(outcome.output.find("pipe:"), std::string::npos);  // the console
+  EXPECT_EQ(outcome.output.find(_folder.Path().filename()), std::string::npos) << outcome.output;
+}
+
+TEST_F(ReportTest, WhatTheBurnStartedHoldsTheReportUpForSecondsOnly) {
+  const std::string console = _folder.Write("shown", std::string(PREAMBLE) + GENERIC);
+  const auto start = std::chrono::steady_clock::now();
+  const Outcome outcome =
+      Report({"--json", _folder / "report.json"},
+             {"/bin/sh", "-c", "cat \"$0\"; sleep 20 2>/dev/null & echo $! >\"$1\"; exit 3",
+              console, _folder / "pid"});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
+  EXPECT_EQ(outcome.output, ReadFile(console));
+  EXPECT_EQ(Json()["exit_status"], 3);
+  EXPECT_NE(outcome.errors.find("goes on without the console"), std::string::npos);
+}
+
+TEST_F(ReportTest, WhatChattersOnAfterTheBurnIsLeftToItself) {
+  const auto start = std::chrono::steady_clock::now();
+  Report({"--log", _folder / "console"},
+         {"/bin/sh", "-c", "timeout 20 yes & echo $! >\"$0\"; exit 0", _folder / "pid"});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
+}
+
+TEST_F(ReportTest, LineWithoutEndIsNoConsole) {
+  const Outcome outcome =
+      RunProgram({REPORT_PROGRAM, "--from", "/dev/zero", "--json", _folder / "report.json"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors,
+            "fwpush-report: /dev/zero: a line of more than 33554432 bytes: this is no console of "
+            "fwpush\n");
+  EXPECT_FALSE(std::filesystem::exists(_folder / "report.json"));
+}
+
+TEST_F(ReportTest, WrongCommandLineIsRefused) {
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM}).status, 64);
+  EXPECT_EQ(Report({}, {}).status, 64);
+  EXPECT_EQ(Report({"--nonsense"}, {"/bin/true"}).status, 64);
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "fwpush"}).status, 64);
+  EXPECT_EQ(Report({"--from", _image, "--log", _folder / "console"}, {}).status, 64);
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--help"}).status, 0);
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--version"}).output, "fwpush-report 1.0.0\n");
+}
+
+TEST_F(ReportTest, WordsOfAServerThatAreNoTextAreKeptOutOfTheWay) {
+  Serve(1);
+  const std::string log =
+      _folder.Write("console", std::string(PREAMBLE) + GENERIC +
+                                   "\r-E- BURN FAILED:0x0000000000000010:\xFF\x9B\x1B[2J\n");
+  const Outcome outcome = RunProgram({REPORT_PROGRAM, "--from", log, "--json",
+                                      _folder / "report.json", "--junit", _folder / "report.xml"});
+  EXPECT_EQ(outcome.status, 1);
+  // To a terminal, 9B alone is what 1B and a bracket are.
+  EXPECT_THAT(outcome.errors, testing::HasSubstr("FAILED: \\xff\\x9b\\x1b[2J\n"));
+  EXPECT_EQ(Json()["devices"][0]["reason"], "\uFFFD\uFFFD\x1B[2J");
+  EXPECT_NE(ReadFile(_folder / "report.xml").find("message=\"\uFFFD\uFFFD?[2J\""),
+            std::string::npos);
+}
+
+}  // namespace

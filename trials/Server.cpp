@@ -1,0 +1,365 @@
+#include "trials/Server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace faults {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// The longest line that a client has to take.
+constexpr std::size_t LONGEST_LINE = std::size_t{1} << 24;
+
+[[noreturn]] void ThrowSystemError(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// A file descriptor, closed by its owner.
+class File {
+ public:
+  explicit File(int fd = -1) : _fd(fd) {}
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  ~File() { Close(); }
+
+  void Reset(int fd) {
+    Close();
+    _fd = fd;
+  }
+  void Close() {
+    if (_fd >= 0) close(_fd);
+    _fd = -1;
+  }
+  int Get() const { return _fd; }
+
+ private:
+  int _fd;
+};
+
+/// Memory to which a child writes what others read as a whole.
+std::string Contents(const File& file) {
+  std::string text(static_cast<std::size_t>(lseek(file.Get(), 0, SEEK_END)), '\0');
+  if (pread(file.Get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+    ThrowSystemError("pread");
+  }
+  return text;
+}
+
+/// Whether one of two is ready to be read before the deadline; the second may be -1.
+bool Ready(int fd, int other, steady_clock::time_point deadline) {
+  pollfd waiting[] = {{fd, POLLIN, 0}, {other, POLLIN, 0}};
+  for (;;) {
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now()).count();
+    const int ready = poll(waiting, 2, left > 0 ? static_cast<int>(left) : 0);
+    if (ready >= 0) return ready > 0;
+    if (errno != EINTR) ThrowSystemError("poll");
+  }
+}
+
+pid_t Start(const std::vector<std::string>& words, const File& output, const File& errors) {
+  std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
+  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, output.Get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, errors.Get(), STDERR_FILENO);
+  // Whoever runs us in the background may have them ignored.
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  for (const int number : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&defaults, number);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  pid_t pid = -1;
+  const int error = posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) throw std::system_error(error, std::generic_category(), argv[0]);
+  return pid;
+}
+
+/// A child that is gone when its owner is, however that ends.
+class ChildProcess {
+ public:
+  explicit ChildProcess(pid_t pid) : _pid(pid) {}
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess() {
+    if (_pid < 0) return;
+    kill(_pid, SIGKILL);
+    Wait();
+  }
+
+  pid_t Pid() const { return _pid; }
+  /// Its status, when it has ended.
+  int Wait() {
+    int status = 0;
+    while (waitpid(_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    _pid = -1;
+    return status;
+  }
+
+ private:
+  pid_t _pid;
+};
+
+/// One client's connection.
+class Conversation {
+ public:
+  Conversation(int fd, sim::Fabric& fabric, Disturber& disturber, pid_t client, Outcome& outcome,
+               steady_clock::time_point deadline)
+      : _connection(fd),
+        _fabric(fabric),
+        _disturber(disturber),
+        _client(client),
+        _outcome(outcome),
+        _deadline(deadline) {
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    const timeval longest{.tv_sec = 10, .tv_usec = 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof(longest));
+  }
+
+  void Go() {
+    std::string request;
+    while (_connection.Get() >= 0 && TakeFrame(request)) {
+      const std::size_t index = _outcome.requests.size();
+      _outcome.requests.push_back(request);
+      const bool is_executed = _disturber.Comes(index, request, _client);
+      const std::string answer = is_executed ? _fabric.Execute(request).text : "";
+      _outcome.answers.push_back(answer);
+      if (const Misdeed* misdeed = _disturber.Answers(index, request, answer)) {
+        Misbehave(*misdeed);
+      } else {
+        Send(std::exchange(_late, {}) + Frame(answer));
+      }
+      _disturber.Answered(index, _client);
+    }
+  }
+
+ private:
+  static std::string Frame(const std::string& answer) {
+    return "NEW_BUF\n" + answer + "\nEND_BUF\n";
+  }
+
+  void Misbehave(const Misdeed& misdeed) {
+    const std::string& answer = misdeed.answer;
+    const std::string frame = Frame(answer);
+    switch (misdeed.fault) {
+      case Fault::LONG_LINE:
+        Send("NEW_BUF\n" + std::string(LONGEST_LINE + 1, 'A'));
+        return;
+      case Fault::LOST:
+      case Fault::CLOSE_BEFORE:
+        return _connection.Close();
+      case Fault::CLOSE_INSIDE:
+        Send(frame.substr(0, frame.size() / 2));
+        return _connection.Close();
+      case Fault::CLOSE_AFTER:
+        Send(frame);
+        return _connection.Close();
+      case Fault::RESET: {
+        const linger at_once{.l_onoff = 1, .l_linger = 0};
+        setsockopt(_connection.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+        return _connection.Close();
+      }
+      case Fault::BYTEWISE:
+        for (const char c : frame) Send({&c, 1});
+        return;
+      case Fault::RETURNS: {
+        std::string lines;
+        for (const char c : frame) lines += c == '\n' ? std::string("\r\n") : std::string(1, c);
+        return Send(lines);
+      }
+      case Fault::ONE_PIECE:
+        return SendPieces(answer, 1);
+      case Fault::TWO_PIECES:
+        return SendPieces(answer, 2);
+      case Fault::MANY_PIECES:
+        return SendPieces(answer, answer.size());
+      case Fault::TWICE:
+        return Send(frame + frame);
+      case Fault::TWICE_LATE:
+        _late = frame;
+        return Send(frame);
+      case Fault::SILENCE:
+        return;
+      case Fault::SILENCE_INSIDE:
+        return Send(frame.substr(0, frame.size() / 2));
+      default:
+        return Send(frame);
+    }
+  }
+
+  /// Sends the answer as a piece and `count` continuations, of about one size; the last is empty
+  /// where there is nothing left for it.
+  void SendPieces(const std::string& answer, std::size_t count) {
+    constexpr std::size_t MOST_PIECES = 64;
+    count = std::clamp<std::size_t>(count, 1, MOST_PIECES);
+    const std::size_t size = std::max<std::size_t>((answer.size() + count - 1) / count, 1);
+    for (std::size_t i = 0; i <= count; ++i) {
+      const std::string piece = i * size < answer.size() ? answer.substr(i * size, size) : "";
+      Send(std::string(i == 0 ? "NEW_BUF\n" : "CONT_BUF\n") + piece +
+           (i == count ? "\nEND_BUF\n" : "\nTO_BE_CONT\n"));
+      std::string agreement;
+      if (i == count) return;
+      if (!TakeFrame(agreement)) return;
+      if (agreement != "NsContinue") {
+        _outcome.complaint = "it agrees to a continuation with \"" + agreement + "\"";
+        return;
+      }
+    }
+  }
+
+  /// A client that is gone tells so by its own end.
+  void Send(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t sent = send(_connection.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (sent < 0 && errno == EINTR) continue;
+      if (sent <= 0) return;
+      bytes.remove_prefix(static_cast<std::size_t>(sent));
+    }
+  }
+
+  /// False when the client has gone, or says nothing for too long.
+  bool TakeFrame(std::string& content) {
+    std::string head;
+    std::string tail;
+    if (!TakeLine(head)) return false;
+    if (TakeLine(content) && TakeLine(tail) && head == "NEW_BUF" && tail == "END_BUF") return true;
+    _outcome.complaint = "it sends \"" + head + "\", \"" + content + "\", \"" + tail + "\"";
+    return false;
+  }
+
+  bool TakeLine(std::string& line) {
+    for (;;) {
+      const std::size_t end = _received.find('\n');
+      if (end != std::string::npos) {
+        line = _received.substr(0, end);
+        _received.erase(0, end + 1);
+        return true;
+      }
+      if (!Ready(_connection.Get(), -1, _deadline)) return false;
+      std::array<char, 8192> buffer;
+      const ssize_t got = recv(_connection.Get(), buffer.data(), buffer.size(), 0);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) return false;
+      _received.append(buffer.data(), static_cast<std::size_t>(got));
+    }
+  }
+
+  File _connection;
+  sim::Fabric& _fabric;
+  Disturber& _disturber;
+  pid_t _client;
+  Outcome& _outcome;
+  steady_clock::time_point _deadline;
+  std::string _received;
+  std::string _late;  ///< an answer too many that goes out with the next one
+};
+
+/// One misdeed, or none.
+class SingleMisdeed : public Disturber {
+ public:
+  SingleMisdeed(const Misdeed* misdeed, sim::Fabric& fabric) : _misdeed(misdeed), _fabric(fabric) {}
+
+  bool Comes(std::size_t index, const std::string&, pid_t) override {
+    if (!IsHit(index)) return true;
+    if (_misdeed->fault == Fault::ELEMENT_ERROR || _misdeed->fault == Fault::ELEMENT_TARGET_ERROR) {
+      sim::Fault fault;
+      fault.kind = sim::Fault::DEVICE_ERROR;
+      fault.device = _misdeed->device;
+      _fabric.faults.Add(fault);
+    }
+    // An error of all is one of the request: nothing was done.
+    return _misdeed->fault != Fault::ERROR_ANSWER &&
+           _misdeed->fault != Fault::TARGET_ERROR_ANSWER && _misdeed->fault != Fault::LOST;
+  }
+  const Misdeed* Answers(std::size_t index, const std::string&, const std::string&) override {
+    return IsHit(index) ? _misdeed : nullptr;
+  }
+  void Answered(std::size_t, pid_t) override {}
+
+ private:
+  bool IsHit(std::size_t index) const { return _misdeed && _misdeed->at == index; }
+
+  const Misdeed* _misdeed;
+  sim::Fabric& _fabric;
+};
+
+}  // namespace
+
+Server::Server() : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  if (_listener < 0 || bind(_listener, any, size) != 0 || listen(_listener, 5) != 0 ||
+      getsockname(_listener, any, &size) != 0) {
+    ThrowSystemError("listen");
+  }
+  _port = ntohs(address.sin_port);
+}
+
+Server::~Server() { close(_listener); }
+
+std::string Server::Name(const std::string& type) const { return Text(type, ":127.0.0.1:", _port); }
+
+Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+                    const Misdeed* misdeed, milliseconds limit) {
+  SingleMisdeed disturber(misdeed, fabric);
+  return Run(words, fabric, disturber, limit);
+}
+
+Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+                    Disturber& disturber, milliseconds limit) {
+  const auto deadline = steady_clock::now() + limit;
+  Outcome outcome;
+  const File output(memfd_create("output", MFD_CLOEXEC));
+  const File errors(memfd_create("errors", MFD_CLOEXEC));
+  // Of a client that was ended before it was served.
+  for (int left; (left = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) close(left);
+  ChildProcess child(Start(words, output, errors));
+  // The C library's own is declared for C alone.
+  const File process(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
+  if (process.Get() < 0) ThrowSystemError("pidfd_open");
+  if (Ready(_listener, process.Get(), deadline)) {
+    const int connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (connection >= 0) {
+      Conversation(connection, fabric, disturber, child.Pid(), outcome, deadline).Go();
+    }
+  }
+  outcome.in_time = Ready(process.Get(), -1, deadline);
+  if (!outcome.in_time) kill(child.Pid(), SIGKILL);
+  const int status = child.Wait();
+  if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) outcome.signal = WTERMSIG(status);
+  outcome.output = Contents(output);
+  outcome.errors = Contents(errors);
+  return outcome;
+}
+
+}  // namespace faults

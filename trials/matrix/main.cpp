@@ -1,0 +1,456 @@
+/// Disturbs burns: every fault that a server can make of an answer, at every request of a burn, in
+/// front of the real program; and holds how it ends, what it leaves on every device, and the burn
+/// after it against what they must be.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "trials/Console.h"
+#include "trials/Server.h"
+#include "trials/matrix/Burns.h"
+
+namespace faults {
+namespace {
+
+/// That a run may take: the limit on silence is half a second here, and nothing else waits.
+constexpr std::chrono::seconds LIMIT{20};
+
+/// One fault at one request of one burn.
+struct Case {
+  const Burn* burn;
+  const FaultRow* fault;
+  std::size_t at;  ///< from 0
+  std::optional<Guid> device;
+
+  /// For --case: "rv61300:nul-byte:17:200", the request from 1.
+  std::string Name() const {
+    std::string name = Text(burn->Name(), ":", fault->name, ":", at + 1);
+    if (device) name += Text(":", std::hex, *device);
+    return name;
+  }
+};
+
+struct Verdict {
+  std::string end;             ///< how the run ended: a column of the table
+  std::string row;             ///< of the short list, where a device may not boot
+  bool not_recovered = false;  ///< by the next burn
+  std::string failure;
+  Outcome outcome;
+};
+
+/// Runs cases, one after the other.
+class Runner {
+ public:
+  Verdict Run(const Case& of) {
+    Verdict verdict;
+    const Burn& burn = *of.burn;
+    const Fault fault = of.fault->fault;
+    Setting setting = burn.Facts();
+    setting.server = _server.Name(burn.ServerType());
+    const Expected expected = Expect(fault, setting, burn.requests, of.at, of.device);
+
+    const Misdeed misdeed{of.at, fault, of.device, Mangled(fault, burn.requests[of.at], of.device)};
+    sim::Fabric fabric = burn.Start();
+    const bool is_silence = fault == Fault::SILENCE || fault == Fault::SILENCE_INSIDE;
+    const std::string program = is_silence ? IMPATIENT_PROGRAM : FWPUSH_PROGRAM;
+    verdict.outcome = RunBurn(burn, program, fabric, &misdeed);
+    for (int again = 0; is_silence && verdict.outcome.requests.size() <= of.at && again < 3;
+         ++again) {
+      // The machine was busy for half a second, and the server was silent before its time.
+      fabric = burn.Start();
+      verdict.outcome = RunBurn(burn, program, fabric, &misdeed);
+    }
+    const Outcome& outcome = verdict.outcome;
+    const auto fail = [&verdict](const std::string& text) {
+      verdict.failure += (verdict.failure.empty() ? "" : "; ") + text;
+    };
+    if (!outcome.in_time) fail("it does not end by itself");
+    if (!outcome.complaint.empty()) fail(outcome.complaint);
+    const bool is_well = GoesAsEver(burn, outcome);
+    verdict.end = HasSucceeded(outcome) ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
+    CheckEnd(of, expected, outcome, is_well, fail);
+    const std::vector<Report> reports = ReportsIn(outcome.output);
+    CheckReports(of, expected, outcome, fail);
+    CheckRequests(of, expected, outcome, fail);
+
+    for (const auto& [guid, device] : fabric.Devices()) {
+      const Worth worth = burn.Judge(device);
+      if (!worth.boots) {
+        verdict.row = worth.row;
+        if (verdict.row.empty()) fail(Text("device ", std::hex, guid, " ", worth.text));
+      }
+      const bool is_lost = std::ranges::any_of(reports, [&, name = guid](const Report& report) {
+        return report.device == name && std::ranges::count(burn.Refused(), report) == 0;
+      });
+      if (is_well && !is_lost && !worth.is_right) {
+        fail(Text("device ", std::hex, guid, " is not right: ", worth.text));
+      }
+    }
+    CheckNextRun(burn, fabric, verdict, fail);
+    return verdict;
+  }
+
+  /// One that nothing disturbs. Throws std::runtime_error when it does not go well.
+  void RunClean(Burn& burn) {
+    sim::Fabric fabric = burn.Start();
+    const Outcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
+    const std::string wrong = WrongAfter(burn, outcome, fabric);
+    if (!wrong.empty()) {
+      throw std::runtime_error(burn.Name() + ": an undisturbed burn: " + wrong + "\n" +
+                               outcome.output + outcome.errors);
+    }
+    bool has_written = false;
+    for (std::size_t i = 0; i < outcome.requests.size(); ++i) {
+      burn.requests.push_back(Understand(outcome.requests[i], outcome.answers[i], has_written));
+      has_written = has_written || outcome.requests[i].find("Write") != std::string::npos;
+    }
+  }
+
+ private:
+  using Fail = std::function<void(const std::string&)>;
+
+  Outcome RunBurn(const Burn& burn, const std::string& program, sim::Fabric& fabric,
+                  const Misdeed* misdeed, const std::vector<std::string>& switches = {}) {
+    std::vector<std::string> words = burn.Words(program);
+    words.insert(words.end(), switches.begin(), switches.end());
+    words.insert(words.end(), {"-s", _server.Name(burn.ServerType())});
+    return _server.Run(words, fabric, misdeed, LIMIT);
+  }
+
+  /// As if nothing were amiss.
+  static bool GoesAsEver(const Burn& burn, const Outcome& outcome) {
+    if (!burn.RefusesAll()) return HasSucceeded(outcome);
+    return outcome.status == 1 && EndOf(outcome.output) == "No more accessible devices";
+  }
+
+  static void CheckEnd(const Case& of, const Expected& expected, const Outcome& outcome,
+                       bool is_well, const Fail& fail) {
+    const std::string end = EndOf(outcome.output);
+    const std::string assertion = AssertionOf(outcome.errors);
+    const bool has_failed = outcome.status == 1 && !end.empty();
+    const bool has_aborted = outcome.signal == SIGABRT && !assertion.empty();
+    bool is_expected = false;
+    switch (expected.end) {
+      case Expected::SUCCEEDS:
+        is_expected = is_well;
+        break;
+      case Expected::FAILS:
+        is_expected = has_failed && std::ranges::count(expected.texts, end) > 0;
+        break;
+      case Expected::ABORTS:
+        is_expected = has_aborted && expected.texts.at(0) == assertion;
+        break;
+      case Expected::CONFUSED:
+        // A third request finds the right answer to the second too many.
+        is_expected = (is_well && outcome.requests.size() <= of.at + 2) ||
+                      (has_failed && IsDesignedText(end)) ||
+                      (has_aborted && IsDesignedAssertion(assertion));
+        break;
+    }
+    if (!is_expected) {
+      fail(Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"", end,
+                assertion, "\" instead of ",
+                expected.texts.empty() ? "as ever" : "\"" + expected.texts[0] + "\""));
+    }
+    if (!has_aborted && !outcome.errors.empty()) fail("standard error: " + outcome.errors);
+  }
+
+  /// The devices that fail are told, and no others.
+  static void CheckReports(const Case& of, const Expected& expected, const Outcome& outcome,
+                           const Fail& fail) {
+    if (expected.end == Expected::CONFUSED) return;
+    std::vector<Report> reports = ReportsIn(outcome.output);
+    const auto text_of = [](const Report& report) {
+      return sim::HexGuid(report.device) + ":" + report.text;
+    };
+    for (const Guid guid : expected.lost) {
+      const Report report{guid, expected.lost_text};
+      if (std::erase(reports, report) != 1) fail("does not report " + text_of(report));
+    }
+    const std::vector<Report>& refused = of.burn->Refused();
+    for (const Report& report : reports) {
+      if (std::ranges::count(refused, report) == 0) fail("reports " + text_of(report));
+    }
+    if (expected.end == Expected::SUCCEEDS && expected.lost.empty() && reports != refused) {
+      fail("does not report what no burn takes");
+    }
+    if (expected.all_lost && outcome.output.find("\r-E- BURN FAILED:ALL:" + expected.lost_text +
+                                                 "\n") == std::string::npos) {
+      fail("does not report the refusal");
+    }
+  }
+
+  /// Up to the fault, the run is as ever; after it, nobody talks to the devices that failed.
+  static void CheckRequests(const Case& of, const Expected& expected, const Outcome& outcome,
+                            const Fail& fail) {
+    for (std::size_t i = 0; i <= of.at; ++i) {
+      if (i >= outcome.requests.size() || outcome.requests[i] != of.burn->requests[i].text) {
+        return fail(Text("request ", i + 1, " is not that of an undisturbed burn"));
+      }
+    }
+    for (std::size_t i = of.at + expected.asked_again + 1; i < outcome.requests.size(); ++i) {
+      for (const Guid guid : expected.lost) {
+        if (outcome.requests[i].find(sim::HexGuid(guid)) != std::string::npos) {
+          return fail(Text("request ", i + 1, " names a failed device: ", outcome.requests[i]));
+        }
+      }
+    }
+  }
+
+  std::string WrongAfter(const Burn& burn, const Outcome& outcome, const sim::Fabric& fabric) {
+    if (!outcome.in_time) return "does not end by itself";
+    if (!outcome.complaint.empty()) return outcome.complaint;
+    if (!GoesAsEver(burn, outcome)) {
+      return Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"",
+                  EndOf(outcome.output), "\"");
+    }
+    if (ReportsIn(outcome.output) != burn.Refused()) return "does not report what no burn takes";
+    for (const auto& [guid, device] : fabric.Devices()) {
+      const Worth worth = burn.Judge(device);
+      if (!worth.is_right) return Text("leaves device ", std::hex, guid, ": ", worth.text);
+    }
+    return "";
+  }
+
+  void CheckNextRun(const Burn& burn, const sim::Fabric& left, Verdict& verdict, const Fail& fail) {
+    sim::Fabric fabric = burn.Restored(left);
+    const Outcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
+    const std::string wrong = WrongAfter(burn, outcome, fabric);
+    if (wrong.empty()) return;
+    // A failsafe burn refuses a device without an image to fall back on.
+    if (verdict.row.empty() || !burn.IsFailsafe()) return fail("the next burn: " + wrong);
+    CheckRevival(burn, left, fail);
+    verdict.not_recovered = true;
+  }
+
+  /// What has nothing to lose is burnt with -n.
+  void CheckRevival(const Burn& burn, const sim::Fabric& left, const Fail& fail) {
+    sim::Fabric fabric = burn.Restored(left);
+    const Outcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr, {"-n"});
+    if (outcome.status != 0) fail(Text("a burn with -n ends with status ", outcome.status));
+    for (const auto& [guid, device] : fabric.Devices()) {
+      const Worth worth = burn.Judge(device);
+      if (!burn.IsLeftAlone(guid) && !worth.boots) {
+        fail(Text("a burn with -n leaves device ", std::hex, guid, ": ", worth.text));
+      }
+    }
+  }
+
+  Server _server;
+};
+
+/// All faults of all burns.
+std::vector<Case> AllCases(const std::vector<std::unique_ptr<Burn>>& burns) {
+  std::vector<Case> cases;
+  for (const auto& burn : burns) {
+    for (const FaultRow& row : AllFaults()) {
+      for (std::size_t at = 0; at < burn->requests.size(); ++at) {
+        for (const auto& device : Targets(row.fault, burn->requests[at])) {
+          cases.push_back({burn.get(), &row, at, device});
+        }
+      }
+    }
+  }
+  return cases;
+}
+
+/// Puts cases in an order in which any number from the first on has about as many of each fault at
+/// each kind of request.
+void Spread(std::vector<Case>& cases, unsigned seed) {
+  std::shuffle(cases.begin(), cases.end(), std::mt19937(seed));
+  std::map<std::pair<const FaultRow*, Kind>, std::size_t> counts;
+  std::vector<std::pair<std::size_t, Case>> ranked;
+  ranked.reserve(cases.size());
+  for (const Case& each : cases) {
+    ranked.emplace_back(counts[{each.fault, each.burn->requests[each.at].kind}]++, each);
+  }
+  std::ranges::stable_sort(ranked, {}, &std::pair<std::size_t, Case>::first);
+  std::ranges::transform(ranked, cases.begin(), &std::pair<std::size_t, Case>::second);
+}
+
+/// Runs of one burn with one fault.
+struct Tally {
+  u_int32_t cases = 0;
+  std::map<std::string, u_int32_t> ends;
+  u_int32_t not_booting = 0;
+  u_int32_t failed = 0;
+
+  Tally& operator+=(const Tally& other) {
+    cases += other.cases;
+    for (const auto& [end, count] : other.ends) ends[end] += count;
+    not_booting += other.not_booting;
+    failed += other.failed;
+    return *this;
+  }
+};
+
+void PrintRow(const std::string& name, Tally tally) {
+  std::cout << "  " << std::left << std::setw(24) << name << std::right << std::dec
+            << std::setfill(' ');
+  for (const u_int32_t count : {tally.cases, tally.ends["succeeded"], tally.ends["ended"],
+                                tally.ends["aborted"], tally.not_booting, tally.failed}) {
+    std::cout << std::setw(10) << count;
+  }
+  std::cout << "\n";
+}
+
+void PrintTable(const std::vector<std::unique_ptr<Burn>>& burns,
+                std::map<const Burn*, std::map<const FaultRow*, Tally>>& tallies) {
+  Tally all;
+  for (const auto& burn : burns) {
+    Tally sum;
+    std::cout << burn->Name() << ", " << std::dec << burn->requests.size() << " requests\n  "
+              << std::left << std::setw(24) << "fault" << std::right;
+    for (const char* head : {"cases", "succeeded", "ended", "aborted", "no boot", "FAILED"}) {
+      std::cout << std::setw(10) << head;
+    }
+    std::cout << "\n";
+    for (const FaultRow& row : AllFaults()) {
+      const Tally& tally = tallies[burn.get()][&row];
+      if (tally.cases > 0) PrintRow(std::string(row.name), tally);
+      sum += tally;
+    }
+    PrintRow("all", sum);
+    all += sum;
+  }
+  std::cout << "all burns\n";
+  PrintRow("all", all);
+}
+
+/// The short list is that of the page that users read.
+bool IsInDocument(const std::string& row) {
+  std::ifstream file(FAIL_SAFETY_DOCUMENT);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  return text.find("| " + row + " |") != std::string::npos ||
+         text.find("## " + row + "\n") != std::string::npos;
+}
+
+/// Runs the cases side by side; returns how many failed.
+std::size_t RunAll(const std::vector<Case>& cases, const std::vector<std::unique_ptr<Burn>>& burns,
+                   unsigned jobs, bool with_table) {
+  std::map<const Burn*, std::map<const FaultRow*, Tally>> tallies;
+  std::map<std::string, u_int32_t> rows;
+  std::size_t failed = 0;
+  u_int32_t lost = 0;
+  std::mutex mutex;
+  std::atomic<std::size_t> next = 0;
+  const auto work = [&] {
+    Runner runner;
+    for (std::size_t i; (i = next++) < cases.size();) {
+      Verdict verdict;
+      try {
+        verdict = runner.Run(cases[i]);
+      } catch (const std::exception& error) {
+        verdict.failure = error.what();
+      }
+      const std::lock_guard lock(mutex);
+      Tally& tally = tallies[cases[i].burn][cases[i].fault];
+      ++tally.cases;
+      ++tally.ends[verdict.end];
+      if (!verdict.row.empty()) {
+        ++tally.not_booting;
+        ++rows[verdict.row];
+        lost += verdict.not_recovered ? 1 : 0;
+      }
+      if (verdict.failure.empty()) continue;
+      ++tally.failed;
+      ++failed;
+      std::cout << "FAILED: --case " << cases[i].Name() << ": " << verdict.failure << std::endl;
+    }
+  };
+  std::vector<std::thread> workers;
+  for (unsigned i = 0; i < jobs; ++i) workers.emplace_back(work);
+  for (std::thread& worker : workers) worker.join();
+
+  if (with_table) PrintTable(burns, tallies);
+  for (const auto& [row, count] : rows) {
+    if (!IsInDocument(row)) {
+      std::cout << "FAILED: docs/fail-safety.md says nothing of: " << row << "\n";
+      ++failed;
+    }
+    std::cout << count
+              << " runs leave a device that does not boot, as docs/fail-safety.md says: " << row
+              << "\n";
+  }
+  if (lost > 0)
+    std::cout << lost << " of these devices are refused by the next burn, and revived with -n\n";
+  return failed;
+}
+
+/// Shows one case whole; returns whether it went well.
+bool ShowCase(const Case& of) {
+  Runner runner;
+  const Verdict verdict = runner.Run(of);
+  std::cout << "request:   " << of.burn->requests[of.at].text
+            << "\nanswer:    " << of.burn->requests[of.at].answer << "\nafterwards:\n";
+  for (std::size_t i = of.at; i < verdict.outcome.requests.size(); ++i) {
+    std::cout << "> " << verdict.outcome.requests[i] << "\n";
+  }
+  std::cout << verdict.outcome.output << verdict.outcome.errors << verdict.end << "\n"
+            << (verdict.failure.empty() ? "as it must be" : "FAILED: " + verdict.failure)
+            << std::endl;
+  return verdict.failure.empty();
+}
+
+int Main(int argc, char** argv) {
+  CLI::App app("Disturbs burns by every fault of a server, at every request.", "fault_matrix");
+  bool all = false;
+  std::string name;
+  std::size_t sample = 300;
+  unsigned seed = std::random_device()();
+  // More than there are processors: who waits for silence needs none.
+  unsigned jobs = 2 * std::max(1u, std::thread::hardware_concurrency());
+  app.add_flag("--all", all, "All cases, and a table at the end");
+  app.add_option("--case", name, "Only this case, as a failure names it, and show it");
+  app.add_option("--sample", sample, "How many cases, when not all")->capture_default_str();
+  app.add_option("--seed", seed, "Seed of the choice of cases (default: another one each time)");
+  app.add_option("--jobs", jobs, "Cases side by side")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  CLI11_PARSE(app, argc, argv);
+
+  const auto start = std::chrono::steady_clock::now();
+  const TemporaryFolder folder;
+  const auto burns = Burn::All(folder);
+  for (const auto& burn : burns) Runner().RunClean(*burn);
+  std::vector<Case> cases = AllCases(burns);
+  if (!name.empty()) {
+    const auto found = std::ranges::find(cases, name, &Case::Name);
+    if (found == cases.end()) throw std::runtime_error("no such case: " + name);
+    return ShowCase(*found) ? EXIT_SUCCESS : EXIT_FAILURE;
+  }
+  const std::size_t count = cases.size();
+  Spread(cases, seed);
+  if (!all) cases.resize(std::min(sample, count));
+  std::cout << "fault_matrix: " << cases.size() << " of " << count << " cases, --seed " << seed
+            << std::endl;
+  const std::size_t failed = RunAll(cases, burns, jobs, all);
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+  std::cout << "fault_matrix: " << std::dec << cases.size() << " cases, " << failed << " failed, "
+            << std::fixed << std::setprecision(1) << seconds.count() << " s" << std::endl;
+  return failed == 0 && !cases.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace
+}  // namespace faults
+
+int main(int argc, char** argv) {
+  try {
+    return faults::Main(argc, argv);
+  } catch (const BraidError& error) {
+    std::cerr << "fault_matrix: " << error.Des() << std::endl;
+  } catch (const std::exception& error) {
+    std::cerr << "fault_matrix: " << error.what() << std::endl;
+  }
+  return 2;
+}

@@ -1,0 +1,25 @@
+#include "trials/soak/Account.h"
+
+namespace soak {
+
+Account& Account::operator+=(const Account& other) {
+  stories += other.stories;
+  runs += other.runs;
+  for (const auto& [kind, count] : other.kinds) kinds[kind] += count;
+  for (const auto& [hit, by_end] : other.ends) {
+    for (const auto& [end, count] : by_end) ends[hit][end] += count;
+  }
+  for (const auto& [row, count] : other.rows) rows[row] += count;
+  row_cases.insert(other.row_cases.begin(), other.row_cases.end());
+  burnt += other.burnt;
+  failed += other.failed;
+  left_alone += other.left_alone;
+  judged += other.judged;
+  found_out += other.found_out;
+  requests += other.requests;
+  bytes += other.bytes;
+  if (failure.empty()) failure = other.failure;
+  return *this;
+}
+
+}  // namespace soak

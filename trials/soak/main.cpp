@@ -1,0 +1,149 @@
+/// Burns made-up images onto made-up fabrics while made-up things go wrong, and holds all that is
+/// left against the rules. One number repeats any of it.
+
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include "trials/soak/Player.h"
+
+namespace soak {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr const char* ENDS[] = {"succeeded", "ended", "aborted", "killed"};
+
+void PrintTable(const Account& account) {
+  std::cout << "\n  stories" << std::setw(37) << account.stories << "\n";
+  for (const auto& [kind, count] : account.kinds) {
+    std::cout << "    " << std::left << std::setw(32) << kind << std::right << std::setw(10)
+              << count << "\n";
+  }
+  std::cout << "\n  " << std::left << std::setw(34) << "what went wrong in a run" << std::right;
+  for (const char* end : ENDS) std::cout << std::setw(10) << end;
+  std::cout << "\n";
+  for (const auto& [hit, by_end] : account.ends) {
+    std::cout << "    " << std::left << std::setw(32) << hit << std::right;
+    for (const char* end : ENDS) {
+      const auto found = by_end.find(end);
+      std::cout << std::setw(10) << (found == by_end.end() ? 0 : found->second);
+    }
+    std::cout << "\n";
+  }
+  std::vector<std::pair<const char*, u_int64_t>> counts = {
+      {"runs of fwpush", account.runs},
+      {"requests", account.requests},
+      {"devices burnt", account.burnt},
+      {"devices told as failed", account.failed},
+      {"devices left alone", account.left_alone},
+      {"devices asked whether they boot", account.judged},
+      {"bytes compared", account.bytes},
+  };
+  if (account.found_out > 0) {
+    counts.emplace_back("spoilt on purpose, and found out", account.found_out);
+  }
+  std::cout << "\n";
+  for (const auto& [name, count] : counts) {
+    std::cout << "  " << std::left << std::setw(34) << name << std::right << std::setw(10) << count
+              << "\n";
+  }
+  std::cout << "\n";
+}
+
+/// What costs a device by design is told to users. Returns how many rows the page lacks.
+u_int64_t PrintRows(const Account& account) {
+  std::ifstream file(FAIL_SAFETY_DOCUMENT);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  u_int64_t missing = 0;
+  for (const auto& [row, count] : account.rows) {
+    std::cout << "  " << count << " devices may not boot, as docs/fail-safety.md says: " << row
+              << " (--case " << account.row_cases.at(row) << ")\n";
+    if (text.find("| " + row + " |") != std::string::npos) continue;
+    ++missing;
+    std::cout << "FAILED: docs/fail-safety.md says nothing of: " << row << "\n";
+  }
+  return missing;
+}
+
+int Main(int argc, char** argv) {
+  CLI::App app("Burns random images onto random fabrics with random faults.", "soak");
+  double minutes = 0;
+  u_int64_t count = 0;
+  u_int64_t seed = std::random_device()();
+  u_int64_t repeated = 0;
+  unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
+  Spoil spoil = Spoil::NOTHING;
+  std::string program = FWPUSH_PROGRAM;
+  CLI::Option* bound = app.add_option("--minutes", minutes, "How long");
+  bound->check(CLI::Range(0.0, 1440.0));
+  app.add_option("--count", count, "How many stories")->excludes(bound);
+  app.add_option("--seed", seed, "The first story (default: another one each time)");
+  CLI::Option* one = app.add_option("--case", repeated, "Only this story, and show it");
+  app.add_option("--jobs", jobs, "Stories side by side")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  app.add_option("--fwpush", program, "The burner");
+  app.add_option("--spoil", spoil, "Change this behind the burner's back: it must be found out")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, Spoil>{{"device", Spoil::DEVICE}, {"order", Spoil::ORDER}}));
+  CLI11_PARSE(app, argc, argv);
+
+  const TemporaryFolder folder;
+  if (one->count() > 0) {
+    const Account account = Player(folder, program, &std::cout, spoil).Play(repeated);
+    std::cout << (account.failure.empty() ? "as it must be" : "FAILED: " + account.failure)
+              << std::endl;
+    return account.failure.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+  }
+  if (minutes == 0 && count == 0) count = 300;
+  std::cout << "soak: --seed " << seed << std::endl;
+  const auto start = steady_clock::now();
+  const auto end = start + std::chrono::duration_cast<steady_clock::duration>(
+                               std::chrono::duration<double, std::ratio<60>>(minutes));
+  std::atomic<u_int64_t> next = 0;
+  std::mutex mutex;
+  Account sum;
+  u_int64_t failed = 0;
+  const auto work = [&] {
+    Player player(folder, program, nullptr, spoil);
+    for (;;) {
+      const u_int64_t i = next++;
+      if (count > 0 ? i >= count : steady_clock::now() >= end) return;
+      const Account account = player.Play(seed + i);
+      const std::lock_guard lock(mutex);
+      sum += account;
+      if (account.failure.empty()) continue;
+      ++failed;
+      std::cout << "FAILED: --case " << seed + i << ": " << account.failure << std::endl;
+    }
+  };
+  std::vector<std::thread> workers;
+  for (unsigned i = 0; i < jobs; ++i) workers.emplace_back(work);
+  for (std::thread& worker : workers) worker.join();
+
+  PrintTable(sum);
+  failed += PrintRows(sum);
+  if (spoil != Spoil::NOTHING && sum.found_out == 0) ++failed;
+  const std::chrono::duration<double> seconds = steady_clock::now() - start;
+  std::cout << "soak: " << sum.stories << " stories, " << sum.runs << " runs, " << failed
+            << " failed, " << std::fixed << std::setprecision(1) << seconds.count() << " s, "
+            << sum.runs / seconds.count() << " runs a second" << std::endl;
+  return failed == 0 && sum.runs > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace
+}  // namespace soak
+
+int main(int argc, char** argv) {
+  try {
+    return soak::Main(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "soak: " << error.what() << std::endl;
+  }
+  return 2;
+}

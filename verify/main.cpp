@@ -1,0 +1,224 @@
+/// fwpush-verify: looks whether devices hold what a burn must have left.
+
+#include "src/main.h"
+
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "common/Program.h"
+#include "fwimg/ImageView.h"
+#include "sim/Fabric.h"
+#include "verify/Verify.h"
+
+namespace {
+
+/// So many devices in a row to which the server is no way, and it is given up.
+constexpr int MOST_FAILURES = 3;
+
+std::string Slots(const std::vector<u_int32_t>& slots) {
+  if (slots.empty()) return "none";
+  return slots.size() == 2 ? "0 and 1" : std::to_string(slots.front());
+}
+
+/// What was compared, what is valid and what boots.
+std::string SlotText(const tools::DeviceFinding& finding) {
+  std::string text;
+  if (finding.compared > 0) {
+    text = finding.slots.empty() ? "compared all sections, "
+                                 : "compared slot " + Slots(finding.slots) + ", ";
+  }
+  text += "marked valid " + Slots(finding.valid_slots) + ", ";
+  const auto boots = finding.Boots();
+  return text + (boots ? "boots slot " + std::to_string(*boots) : "nothing boots");
+}
+
+void Print(const tools::DeviceFinding& finding) {
+  std::cout << sim::HexGuid(finding.guid) << " " << Name(finding.state);
+  if (finding.compared > 0) {
+    std::cout << ": " << std::dec;
+    if (finding.state != tools::DeviceFinding::IDENTICAL) std::cout << finding.different << " of ";
+    std::cout << finding.compared << " bytes";
+  }
+  if (!finding.reason.empty()) std::cout << ": " << tools::Printable(finding.reason);
+  if (finding.knows_slots) std::cout << "; " << SlotText(finding);
+  std::cout << "\n";
+  for (const tools::Difference& difference : finding.differences) {
+    std::cout << Text("  ", tools::Printable(difference.section), "+0x", std::hex,
+                      difference.offset, " at 0x", difference.addr, ": expected ", std::setw(2),
+                      std::setfill('0'), u_int32_t{difference.expected}, ", found ", std::setw(2),
+                      u_int32_t{difference.found}, "\n");
+  }
+  if (finding.different > finding.differences.size() && !finding.differences.empty()) {
+    std::cout << "  and " << std::dec << finding.different - finding.differences.size()
+              << " more\n";
+  }
+  std::cout.flush();
+}
+
+nlohmann::json Json(const tools::DeviceFinding& finding) {
+  nlohmann::json differences = nlohmann::json::array();
+  for (const tools::Difference& difference : finding.differences) {
+    differences.push_back({{"section", difference.section},
+                           {"offset", difference.offset},
+                           {"address", difference.addr},
+                           {"expected", difference.expected},
+                           {"found", difference.found}});
+  }
+  const auto boots = finding.Boots();
+  return {{"guid", sim::HexGuid(finding.guid)},
+          {"state", Name(finding.state)},
+          {"reason", finding.reason},
+          {"boots", boots ? nlohmann::json(*boots) : nlohmann::json()},
+          {"valid_slots", finding.valid_slots},
+          {"compared_slots", finding.slots},
+          {"compared_bytes", finding.compared},
+          {"different_bytes", finding.different},
+          {"differences", differences}};
+}
+
+/// The command line in the form that CLI11 reads: fwpush takes "-g=10", too.
+std::vector<std::string> Words(int argc, char* argv[]) {
+  std::vector<std::string> words;
+  for (int i = 0; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word.starts_with("-f=") || word.starts_with("-s=") || word.starts_with("-g=")) {
+      words.emplace_back(word.substr(0, 2));
+      words.emplace_back(word.substr(3));
+    } else {
+      words.emplace_back(word);
+    }
+  }
+  return words;
+}
+
+int TellUsage(const std::string& text) {
+  std::cerr << "fwpush-verify: " << tools::Printable(text)
+            << "\nRun with --help for more information." << std::endl;
+  return tools::USAGE;
+}
+
+struct Options {
+  std::string image;
+  std::string server;
+  std::vector<std::string> guids;
+  std::optional<std::string> save;
+  std::string slot = "auto";
+  bool is_json = false;
+};
+
+/// Verifies device by device, and tells of each at once or, for machines, of all in the end.
+class Run {
+ public:
+  explicit Run(const Options& options) : _options(options) {}
+
+  /// Returns the exit status.
+  int VerifyAll(const GuidSet& devices) {
+    try {
+      if (_options.save) std::filesystem::create_directories(*_options.save);
+      tools::Verifier verifier(_options.image, _options.server, CHOICES.at(_options.slot),
+                               _options.save);
+      std::cerr << verifier.Warnings();
+      if (!verifier.HasSlots() && (_options.slot == "0" || _options.slot == "1")) {
+        return TellUsage("--slot " + _options.slot + ": the image is for no slots");
+      }
+      for (const Guid guid : devices) Take(Finding(verifier, guid));
+    } catch (const BraidError& error) {
+      Fail(error.Des());
+    } catch (const std::exception& error) {
+      Fail(error.what());
+    }
+    if (_options.is_json) {
+      const nlohmann::json result = {{"version", 1},
+                                     {"image", _options.image},
+                                     {"server", _options.server},
+                                     {"failure", _failure},
+                                     {"devices", _findings}};
+      std::cout << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+    }
+    if (!_failure.empty()) return tools::CANNOT;
+    return _is_well ? tools::ALL_WELL : tools::DIFFERS;
+  }
+
+  static inline const std::map<std::string, tools::SlotChoice> CHOICES = {
+      {"0", tools::SlotChoice::FIRST},
+      {"1", tools::SlotChoice::SECOND},
+      {"auto", tools::SlotChoice::AUTO},
+      {"none", tools::SlotChoice::NONE}};
+
+ private:
+  tools::DeviceFinding Finding(tools::Verifier& verifier, Guid guid) {
+    tools::DeviceFinding finding;
+    if (_failures_in_a_row == MOST_FAILURES) {
+      finding.guid = guid;
+      finding.state = tools::DeviceFinding::UNREACHABLE;
+      finding.reason = "not tried: " + _last_failure;
+      return finding;
+    }
+    finding = verifier.Verify(guid);
+    const bool was_read = finding.state == tools::DeviceFinding::IDENTICAL ||
+                          finding.state == tools::DeviceFinding::DIFFERENT;
+    _failures_in_a_row = !finding.failure.empty() && !was_read ? _failures_in_a_row + 1 : 0;
+    return finding;
+  }
+
+  void Take(const tools::DeviceFinding& finding) {
+    _is_well &= finding.state == tools::DeviceFinding::IDENTICAL;
+    if (_options.is_json) {
+      _findings.push_back(Json(finding));
+    } else {
+      Print(finding);
+    }
+    if (!finding.failure.empty()) Fail(finding.failure);
+  }
+
+  /// Each text once where it repeats itself.
+  void Fail(const std::string& text) {
+    if (_failure.empty()) _failure = text;
+    if (text != _last_failure) {
+      std::cerr << "fwpush-verify: " << tools::Printable(text) << std::endl;
+    }
+    _last_failure = text;
+  }
+
+  const Options& _options;
+  nlohmann::json _findings = nlohmann::json::array();
+  std::string _failure;  ///< the first
+  std::string _last_failure;
+  int _failures_in_a_row = 0;  ///< of the server
+  bool _is_well = true;
+};
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  CLI::App app("Looks whether devices hold what a burn of an image must have left. Only reads.",
+               "fwpush-verify");
+  Options options;
+  app.add_option("-f", options.image, "The image file")->required();
+  app.add_option("-s", options.server, "The bus server: TYPE:IP:PORT")->required();
+  app.add_option("-g", options.guids, "The devices, separated by commas; may be given again")
+      ->required();
+  app.add_option("--slot", options.slot,
+                 "The slot to compare: 0, 1, auto (those marked valid) or none")
+      ->check(CLI::IsMember({"0", "1", "auto", "none"}))
+      ->capture_default_str();
+  app.add_option("--save", options.save, "Folder that gets each device's memory");
+  app.add_flag("--json", options.is_json, "Print the result for machines");
+  std::vector<std::string> words = Words(argc, argv);
+  std::vector<char*> pointers;
+  pointers.reserve(words.size());
+  for (std::string& word : words) pointers.push_back(word.data());
+  return tools::RunTool(app, static_cast<int>(pointers.size()), pointers.data(), [&] {
+    GuidSet devices;
+    try {
+      for (const std::string& list : options.guids) GetTargeGuids(list, devices);
+      tools::CheckServerForm(options.server);
+    } catch (const BraidError& error) {
+      return TellUsage(error.Des());
+    }
+    if (devices.empty()) return TellUsage("No device given (-g)");
+    return Run(options).VerifyAll(devices);
+  });
+}
