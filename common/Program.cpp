@@ -5,10 +5,9 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "fwimg/ImageView.h"
+#include "common/Text.h"
 #include "src/BraidGeneral.h"
 #include "src/main.h"
-#include "src/utils.h"
 
 namespace tools {
 
@@ -18,8 +17,8 @@ namespace {
 /// terminal's cursor.
 void Complain(const CLI::App& app, const std::string& text) {
   std::string lines;
-  for (const std::string& line : splitv(text, "\n", true)) {
-    lines += (lines.empty() ? "" : "\n") + Printable(line);
+  for (const std::string_view line : common::Lines(text)) {
+    lines += (lines.empty() ? "" : "\n") + common::Printable(line);
   }
   std::cerr << app.get_name() << ": " << lines << std::endl;
 }

@@ -160,36 +160,6 @@ std::string_view Meant(std::string_view word) {
 
 }  // namespace
 
-std::string Printable(std::string_view text) {
-  std::string result;
-  for (const char c : text) {
-    const auto byte = static_cast<u_int8_t>(c);
-    if (byte >= 0x20 && byte < 0x7F) {
-      result += c;
-    } else {
-      result += "\\x";
-      result += "0123456789abcdef"[byte >> 4];
-      result += "0123456789abcdef"[byte & 15];
-    }
-  }
-  return result;
-}
-
-std::string HexText(u_int64_t number) { return Text("0x", std::hex, number); }
-
-std::optional<u_int32_t> ParseByteCount(const std::string& text) {
-  char* end = nullptr;
-  errno = 0;
-  const auto size = std::strtoull(text.c_str(), &end, 0);
-  const bool is_number = errno == 0 && !text.empty() && *end == '\0' && text[0] != '-';
-  if (!is_number || size == 0 || size > 0xFFFFFFFF) return std::nullopt;
-  return static_cast<u_int32_t>(size);
-}
-
-std::string ByteCountCheck(const std::string& text) {
-  return ParseByteCount(text) ? "" : "must be a number of bytes, such as 0x10000";
-}
-
 std::string FieldKeyword(FieldType type) {
   for (const char* keyword : {"SIGNATURE", "GUIDS", "GUID", "SYSGUID", "BSN", "VSD"}) {
     if (FwImage::Str2FieldType(keyword) == type) return keyword;

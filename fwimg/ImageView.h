@@ -11,10 +11,16 @@
 #include <string_view>
 #include <vector>
 
+#include "common/Text.h"
 #include "fwimg/ProblemKinds.h"
 #include "src/FwImage.h"
 
 namespace tools {
+
+using common::ByteCountCheck;
+using common::HexText;
+using common::ParseByteCount;
+using common::Printable;
 
 struct SectionView {
   std::string name;
@@ -186,14 +192,6 @@ class ImageView {
   std::size_t _edits_before_drop = 0;
 };
 
-/// `text` with everything that a terminal would not show as it is written as \xNN.
-std::string Printable(std::string_view text);
-/// "0x1f000"
-std::string HexText(u_int64_t number);
-/// A number of bytes, more than 0, as a command line has it: decimal, or 0x and hexadecimal.
-std::optional<u_int32_t> ParseByteCount(const std::string& text);
-/// The same as a test of an option: what is wrong with the text, "" where nothing is.
-std::string ByteCountCheck(const std::string& text);
 /// The keyword of a field type, as the image file has it.
 std::string FieldKeyword(FieldType type);
 

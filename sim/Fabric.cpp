@@ -57,10 +57,6 @@ std::string DataWords(std::string_view key, std::span<const u_int8_t> bytes, std
 
 }  // namespace
 
-std::string HexGuid(Guid guid) {
-  return Text("0x", std::hex, std::setw(16), std::setfill('0'), guid);
-}
-
 struct Fabric::Command {
   std::string_view head;
   Action action;

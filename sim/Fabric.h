@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/Text.h"
 #include "sim/Faults.h"
 #include "sim/Memory.h"
 #include "src/BraidGeneral.h"
@@ -20,8 +21,7 @@ namespace sim {
 constexpr std::size_t VSD_SIZE = 208;
 constexpr std::size_t BSN_SIZE = 64;
 
-/// As requests have it: "0x" and 16 digits.
-std::string HexGuid(Guid guid);
+using common::HexGuid;
 
 enum class MemoryKind { FLASH, I2C };
 

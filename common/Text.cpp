@@ -1,0 +1,65 @@
+#include "common/Text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+namespace common {
+
+std::string Printable(std::string_view text) {
+  constexpr std::string_view DIGITS = "0123456789abcdef";
+  std::string result;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte < 0x7F) {
+      result += c;
+    } else {
+      result += "\\x";
+      result += DIGITS[byte >> 4];
+      result += DIGITS[byte & 15];
+    }
+  }
+  return result;
+}
+
+std::string HexText(std::uint64_t number) { return Text("0x", std::hex, number); }
+
+std::string HexGuid(std::uint64_t guid) {
+  return Text("0x", std::hex, std::setw(16), std::setfill('0'), guid);
+}
+
+std::optional<std::uint32_t> ParseByteCount(const std::string& text) {
+  char* end = nullptr;
+  errno = 0;
+  const auto size = std::strtoull(text.c_str(), &end, 0);
+  const bool is_number = errno == 0 && !text.empty() && *end == '\0' && text[0] != '-';
+  if (!is_number || size == 0 || size > 0xFFFFFFFF) return std::nullopt;
+  return static_cast<std::uint32_t>(size);
+}
+
+std::string ByteCountCheck(const std::string& text) {
+  return ParseByteCount(text) ? "" : "must be a number of bytes, such as 0x10000";
+}
+
+std::vector<std::string_view> Words(std::string_view text, std::string_view delimiters) {
+  std::vector<std::string_view> words;
+  std::size_t from = text.find_first_not_of(delimiters);
+  while (from != std::string_view::npos) {
+    const std::size_t end = std::min(text.find_first_of(delimiters, from), text.size());
+    words.push_back(text.substr(from, end - from));
+    from = text.find_first_not_of(delimiters, end);
+  }
+  return words;
+}
+
+std::vector<std::string_view> Lines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  while (!text.empty()) {
+    const std::size_t end = text.find('\n');
+    lines.push_back(text.substr(0, end));
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  }
+  return lines;
+}
+
+}  // namespace common
