@@ -478,10 +478,11 @@ Outcome Burn::After(const Memory& before, const Belief& belief) const {
 // ---- Contents of a device that was made with the image in it
 
 void Burn::Fill(BurnTarget& target, std::uint32_t sector_size, const FillPart& part) const {
+  // What a device was made with does not depend on how it will be burnt.
+  const Burn burn(_image, part.slot ? BurnKind::FAILSAFE : BurnKind::PLAIN, _values);
+  if (!part.slot) return burn.Write(target, sector_size, {});
   Writer writer(_image, target, sector_size);
-  if (part.slot) return FillSlot(writer, part);
-  const Burn plain(_image, BurnKind::PLAIN, _values);
-  plain.Write(target, sector_size, {});
+  burn.FillSlot(writer, part);
 }
 
 void Burn::FillSlot(Writer& writer, const FillPart& part) const {

@@ -1,0 +1,115 @@
+/// The verdict "whole": whether a slot holds every byte of an image that is known, its own fields
+/// and CRCs included. Boot code cannot ask that; it is told apart from the verdict "boots"
+/// (device/Boot.h). A slot that boots what is not whole starts whatever is there.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "device/Boot.h"
+#include "device/Bytes.h"
+#include "device/Identity.h"
+#include "device/Image.h"
+#include "device/Memory.h"
+
+namespace device {
+
+/// Which of the known images a slot holds wholly.
+enum class Whole {
+  NOT_KNOWN,  ///< none of them
+  OLD,        ///< one that the device had before
+  NEW,        ///< the one that is burnt
+};
+
+/// The two verdicts on a slot.
+struct SlotVerdict {
+  bool boots = false;
+  Whole whole = Whole::NOT_KNOWN;
+
+  bool BootsWhole() const { return boots && whole != Whole::NOT_KNOWN; }
+  bool BootsNew() const { return boots && whole == Whole::NEW; }
+  /// The boot code may start it, and nobody knows what it is.
+  bool BootsBroken() const { return boots && whole == Whole::NOT_KNOWN; }
+  bool operator==(const SlotVerdict&) const = default;
+};
+
+/// What a device's memory is worth at one moment.
+struct Verdict {
+  std::array<SlotVerdict, SLOTS> slots{};
+  bool invariant_is_whole = true;  ///< a torn invariant sector starts nothing
+
+  /// Some slot boots and is whole.
+  bool BootsWhole() const;
+  /// Some slot boots and is wholly new.
+  bool BootsNew() const;
+  /// Some slot boots and is not whole.
+  bool HasBroken() const;
+  /// It starts a whole image, whichever slot that boots the boot code takes.
+  bool IsSafe() const { return BootsWhole() && !HasBroken(); }
+  /// How many slots boot and are wholly new; how many do not boot.
+  std::size_t CountNew() const;
+  std::size_t CountInvalid() const;
+  bool operator==(const Verdict&) const = default;
+};
+
+/// In words: "boots old: slot 0 old, slot 1 invalid".
+std::string Describe(const Verdict& verdict);
+
+/// Follows one device's memory byte by byte and judges it at any moment, at the cost of the bytes
+/// that changed.
+class Judge {
+ public:
+  Judge(const BootLayout& layout, Bytes memory);
+
+  /// Takes every slot that boots now for a whole old image. A second image that was moved into the
+  /// first slot is as whole as it was, here and below.
+  void KnowPresentImages();
+  /// Takes the invariant sector as it is now for whole.
+  void KnowPresentInvariantSector();
+  /// Takes all that burning the image can make of the device for whole: in either slot, and as a
+  /// plain burn leaves it. `before` is the device's memory as this image addresses it. What does
+  /// not fit is never whole. Returns false, and knows no more than before, where the image keeps
+  /// its slots elsewhere than this judge looks.
+  bool KnowImage(const Image& image, const Identity& identity, const Memory& before, Whole whole);
+
+  View Bytes() const { return _memory; }
+  /// A byte past the end is nobody's.
+  void Set(std::uint32_t addr, std::uint8_t byte);
+  /// All of them; as many as there are.
+  void SetAll(View memory);
+
+  Verdict Look() const;
+  bool Boots(std::uint32_t slot) const;
+  bool IsSigned(std::uint32_t slot) const { return SlotIsSigned(_layout, slot, _memory); }
+
+ private:
+  /// Bytes that together are one whole image in one slot.
+  struct Known {
+    std::uint32_t slot;
+    Whole whole;
+    std::vector<std::pair<std::uint32_t, device::Bytes>> ranges;  ///< by start address
+    std::size_t wrong = 0;                                        ///< bytes that differ now
+  };
+
+  static constexpr std::uint32_t INVARIANT = SLOTS;  ///< in the place of a slot
+
+  void Add(Known known);
+  void AddSlot(const Image& image, const Memory& filled, std::uint32_t slot, Whole whole);
+  void AddMoved(Whole whole, View memory, View record);
+  void AddInvariantSector(Whole whole, View memory);
+  bool Fits(std::uint64_t addr, std::uint64_t size) const { return addr + size <= _memory.size(); }
+  bool HasSectors() const { return _layout.sector_size != 0; }
+
+  BootLayout _layout;
+  device::Bytes _memory;
+  std::vector<Known> _known;
+  // A pointer sector's CRC is computed anew only after its bytes have changed.
+  mutable std::array<bool, SLOTS> _is_judged{};
+  mutable std::array<bool, SLOTS> _boots{};
+};
+
+}  // namespace device

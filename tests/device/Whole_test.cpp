@@ -1,0 +1,196 @@
+#include "device/Whole.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+
+#include "tests/device/images.h"
+
+namespace device {
+namespace {
+
+BootLayout FlashLayout() { return *LayoutOf(FlashImage(0), SECTOR); }
+
+/// A flash that was filled with an old image in one slot, and its judge.
+class FlashJudgeTest : public testing::Test {
+ protected:
+  Judge JudgeOf(const Memory& memory) const {
+    Judge judge(FlashLayout(), memory.bytes);
+    EXPECT_TRUE(judge.KnowImage(_old, SomeDevice(), memory, Whole::OLD));
+    EXPECT_TRUE(judge.KnowImage(_new, SomeDevice(), memory, Whole::NEW));
+    return judge;
+  }
+  Memory FilledWith(const Image& image, std::uint32_t slot) const {
+    Memory memory{Bytes(16 * SECTOR, 0xEE), SECTOR};
+    Burn(image, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = slot});
+    return memory;
+  }
+
+  Image _old = FlashImage(0x11);
+  Image _new = FlashImage(0x22);
+};
+
+TEST_F(FlashJudgeTest, ABurnEndsWithOneWholeNewSlot) {
+  const Memory before = FilledWith(_old, 0);
+  Judge judge = JudgeOf(before);
+  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 invalid");
+  judge.SetAll(Burn(_new, BurnKind::FAILSAFE, SomeDevice()).After(before).memory.bytes);
+  EXPECT_EQ(Describe(judge.Look()), "boots new: slot 0 invalid, slot 1 new");
+  EXPECT_TRUE(judge.Look().IsSafe());
+  EXPECT_EQ(judge.Look().CountNew(), 1u);
+  EXPECT_EQ(judge.Look().CountInvalid(), 1u);
+}
+
+TEST_F(FlashJudgeTest, BothImagesCanBeWholeAtOnce) {
+  Memory memory = FilledWith(_old, 0);
+  Burn(_new, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
+  EXPECT_EQ(Describe(JudgeOf(memory).Look()), "boots old or new: slot 0 old, slot 1 new");
+}
+
+TEST_F(FlashJudgeTest, AChangedByteOfTheImageBootsAndIsNotWhole) {
+  const Memory before = FilledWith(_old, 0);
+  for (const std::uint32_t addr : {SLOT[0], SLOT[0] + 0xF}) {
+    Judge judge = JudgeOf(before);
+    judge.Set(addr, 0x10);
+    EXPECT_EQ(judge.Look().slots[0], (SlotVerdict{.boots = true, .whole = Whole::NOT_KNOWN}));
+    EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 broken, slot 1 invalid");
+    judge.Set(addr, 0x11);
+    EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 invalid");
+  }
+}
+
+TEST_F(FlashJudgeTest, AChangedByteOfTheRecordDoesNotBoot) {
+  Judge judge = JudgeOf(FilledWith(_old, 0));
+  judge.Set(PS[0] + 100, 0);
+  EXPECT_FALSE(judge.Boots(0));
+  EXPECT_TRUE(judge.IsSigned(0));
+  EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 invalid, slot 1 invalid");
+}
+
+TEST_F(FlashJudgeTest, ARecordOfAnotherImageIsNoWholeImage) {
+  // All bytes of the old image, and a valid record that was never made for it.
+  Memory memory = FilledWith(_old, 0);
+  Put(memory.bytes, PS[0], ValidRecord(SLOT[0], 0x10, 0x33));
+  EXPECT_EQ(JudgeOf(memory).Look().slots[0], (SlotVerdict{.boots = true}));
+}
+
+TEST_F(FlashJudgeTest, TheDevicesOwnFieldsAndCrcsAreOfTheImage) {
+  _new.sections.back().data.assign(0x20, 0x22);
+  _new.fields.push_back({FieldType::GUID, SLOT[1]});
+  _new.crcs.push_back({SLOT[1], 8, SLOT[1] + 8});
+  const Memory before = FilledWith(_old, 0);
+  Judge judge = JudgeOf(before);
+  const Memory after = Burn(_new, BurnKind::FAILSAFE, SomeDevice()).After(before).memory;
+  judge.SetAll(after.bytes);
+  EXPECT_TRUE(judge.Look().BootsNew());
+  for (const std::uint32_t addr : {SLOT[1] + 7, SLOT[1] + 11}) {
+    judge.Set(addr, static_cast<std::uint8_t>(after.bytes[addr] ^ 1));
+    EXPECT_TRUE(judge.Look().slots[1].BootsBroken());
+    judge.Set(addr, after.bytes[addr]);
+  }
+}
+
+TEST_F(FlashJudgeTest, TheSecondImageIsAsWholeWhereItIsMoved) {
+  const Memory before = FilledWith(FlashImage(0x11, 5), 1);
+  _old = FlashImage(0x11, 5);
+  _new = FlashImage(0x22, 0xA04);
+  Judge judge = JudgeOf(before);
+  Memory moved = before;
+  Put(moved.bytes, 3 * SECTOR, Bytes(5, 0x11));
+  Put(moved.bytes, PS[0], ValidRecord(3 * SECTOR, 5, 0x11));
+  judge.SetAll(moved.bytes);
+  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 old");
+  judge.Set(3 * SECTOR + 4, 0);
+  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 broken, slot 1 old");
+  EXPECT_FALSE(judge.Look().IsSafe());
+}
+
+TEST_F(FlashJudgeTest, APlainBurnLeavesAWholeImageInTheFirstSlot) {
+  _new.sections[1].data = ValidRecord(SLOT[0], 0x10, 0x22);
+  _new.fields.clear();
+  const Memory before = FilledWith(_old, 1);
+  Judge judge = JudgeOf(before);
+  judge.SetAll(Burn(_new, BurnKind::PLAIN, SomeDevice()).After(before).memory.bytes);
+  EXPECT_TRUE(judge.Look().slots[0].BootsNew());
+}
+
+TEST_F(FlashJudgeTest, ATornInvariantSectorStartsNothing) {
+  Judge judge = JudgeOf(FilledWith(_old, 0));
+  judge.Set(0x30, 0);
+  EXPECT_EQ(Describe(judge.Look()),
+            "DOES NOT BOOT: slot 0 old, slot 1 invalid, invariant sector broken");
+}
+
+TEST_F(FlashJudgeTest, WithoutImagesWhatBootsNowIsWhole) {
+  const Memory memory = FilledWith(_old, 1);
+  Judge judge(FlashLayout(), memory.bytes);
+  judge.KnowPresentImages();
+  judge.KnowPresentInvariantSector();
+  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 invalid, slot 1 old");
+  judge.Set(SLOT[1], 0);
+  EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 invalid, slot 1 broken");
+}
+
+TEST_F(FlashJudgeTest, AnImageThatKeepsItsRecordsElsewhereIsNotKnown) {
+  const Memory memory = FilledWith(_old, 0);
+  Judge judge(FlashLayout(), memory.bytes);
+  _new.slots[1].pointer_sector = 0x1C00;
+  EXPECT_FALSE(judge.KnowImage(_new, SomeDevice(), memory, Whole::NEW));
+}
+
+TEST_F(FlashJudgeTest, OneThatFollowsAgreesWithOneThatLooksAfresh) {
+  const unsigned seed = 7;
+  SCOPED_TRACE(seed);
+  std::mt19937 rng(seed);
+  Memory memory = FilledWith(_old, 0);
+  const Memory start = memory;
+  const Judge first = JudgeOf(memory);
+  Judge follower = first;
+  std::set<std::string> verdicts;
+  for (int i = 0; i < 1500; ++i) {
+    // Mostly where it matters, and mostly there and back.
+    static constexpr std::uint32_t PLACES[] = {0,       PS[0],       PS[0] + 8, PS[0] + 200,
+                                               SLOT[0], SLOT[0] + 8, PS[1],     SLOT[1]};
+    const std::uint32_t addr = PLACES[rng() % std::size(PLACES)] + rng() % 4;
+    memory.bytes[addr] =
+        static_cast<std::uint8_t>(rng() % 3 == 0 ? rng() : std::uint32_t{start.bytes[addr]});
+    follower.Set(addr, memory.bytes[addr]);
+    Judge fresh = first;
+    fresh.SetAll(memory.bytes);
+    ASSERT_EQ(follower.Look(), fresh.Look()) << i;
+    verdicts.insert(Describe(fresh.Look()));
+  }
+  EXPECT_GE(verdicts.size(), 4u);  // the walk met good and bad states
+}
+
+TEST(RecordJudgeTest, WholeAndBootingAreTwoThings) {
+  Image wrong_sum = RecordImage(0x22);
+  ++wrong_sum.sections[0].data[0];
+  const Memory blank{Bytes(0x100, 0xEE), 0};
+  Memory memory = blank;
+  Burn(wrong_sum, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
+  Judge judge(*LayoutOf(wrong_sum, 0), memory.bytes);
+  judge.KnowImage(wrong_sum, SomeDevice(), blank, Whole::NEW);
+  EXPECT_EQ(judge.Look().slots[1], (SlotVerdict{.boots = false, .whole = Whole::NEW}));
+  EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 invalid, slot 1 invalid");
+  EXPECT_FALSE(judge.Look().BootsWhole());
+}
+
+TEST(RecordJudgeTest, ABurnEndsWithTwoWholeNewSlots) {
+  const Image old_image = RecordImage(0x11);
+  const Image new_image = RecordImage(0x22);
+  Memory memory{Bytes(0x100, 0xEE), 0};
+  Burn(old_image, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
+  Judge judge(*LayoutOf(new_image, 0), memory.bytes);
+  judge.KnowPresentImages();
+  judge.KnowImage(new_image, SomeDevice(), memory, Whole::NEW);
+  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 invalid, slot 1 old");
+  judge.SetAll(Burn(new_image, BurnKind::FAILSAFE, SomeDevice()).After(memory).memory.bytes);
+  EXPECT_EQ(Describe(judge.Look()), "boots new: slot 0 new, slot 1 new");
+  EXPECT_EQ(judge.Look().CountNew(), 2u);
+}
+
+}  // namespace
+}  // namespace device
