@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "src/BraidConn.h"
+#include "tests/support/InjectedRead.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -27,20 +28,14 @@ bool g_refuse_options = false;
 /// Why no name can be resolved; 0 where names can.
 int g_resolver_error = 0;
 
-/// The error of the next read or sendmsg, in the place of its work; 0 for none.
+/// The error of the next sendmsg, in the place of its work; 0 for none.
 int g_next_error = 0;
 /// Whether a signal comes while a connect waits.
 bool g_interrupt_connect = false;
 
 }  // namespace
 
-// In the place of the system's functions, which fail at no test's bidding; a header may define read
-// itself.
-extern "C" ssize_t ReadHere(int fd, void* into, std::size_t room) asm("read");
-ssize_t ReadHere(int fd, void* into, std::size_t room) {
-  errno = std::exchange(g_next_error, 0);
-  return errno != 0 ? -1 : syscall(SYS_read, fd, into, room);
-}
+// These replace the system's functions, which never fail on request.
 extern "C" ssize_t sendmsg(int fd, const msghdr* message, int flags) {
   errno = std::exchange(g_next_error, 0);
   return errno != 0 ? -1 : syscall(SYS_sendmsg, fd, message, flags);
@@ -467,11 +462,14 @@ TEST_F(StreamTest, InterruptedCallsAreMadeAgain) {
     char got[6];
     EXPECT_EQ(recv(_peer, got, sizeof(got), 0), 6);
     EXPECT_EQ(send(_peer, "back\n", 5, 0), 5);
-    g_next_error = error;
+    int next_error = error;
+    g_read_error = [&next_error] { return std::exchange(next_error, 0); };
     std::string line;
     EXPECT_EQ(_client.Gets(line), BRAID_OK);
+    g_read_error = nullptr;
     EXPECT_EQ(line, "back");
     EXPECT_EQ(g_next_error, 0);
+    EXPECT_EQ(next_error, 0);
   }
 }
 

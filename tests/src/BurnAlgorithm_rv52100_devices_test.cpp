@@ -2,6 +2,8 @@
 // and what becomes of the others when one fails at any request.
 #include "tests/support/rv52100_support.h"
 
+using namespace rv52100;
+
 namespace {
 
 constexpr Guid LEAF4 = 0x4000;

@@ -2,6 +2,8 @@
 // which order, what the console shows of it and what the device holds afterwards.
 #include "tests/support/rv52100_support.h"
 
+using namespace rv52100;
+
 namespace {
 
 // ---- Whole burns from each starting state

@@ -2,6 +2,8 @@
 // what becomes of a device that fails and of the others.
 #include "tests/support/rv61300_support.h"
 
+using namespace rv61300;
+
 namespace {
 
 class FieldsTest : public Rv61300Test {

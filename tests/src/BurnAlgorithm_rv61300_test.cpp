@@ -2,6 +2,8 @@
 // and what the console shows of it.
 #include "tests/support/rv61300_support.h"
 
+using namespace rv61300;
+
 namespace {
 
 // ---- The judgement of a record

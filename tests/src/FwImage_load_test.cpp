@@ -1,33 +1,18 @@
 #include <fcntl.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <functional>
 #include <map>
 
 #include "src/FwImage.h"
 #include "src/utils.h"
+#include "tests/support/InjectedRead.h"
 #include "tests/support/support.h"
 
 namespace {
 
-std::function<int(int)> g_before_read;  ///< told the number from 1; returns an error, or 0
-int g_reads = 0;                        ///< since it was set
-
-}  // namespace
-
-// Takes the place of the system's read, which fails at no test's bidding; the header may define one
-// of that name itself.
-extern "C" ssize_t ReadHere(int fd, void* into, std::size_t room) asm("read");
-ssize_t ReadHere(int fd, void* into, std::size_t room) {
-  const int error = g_before_read ? g_before_read(++g_reads) : 0;
-  if (error == 0) return syscall(SYS_read, fd, into, room);
-  errno = error;
-  return -1;
-}
-
-namespace {
+int g_reads = 0;  ///< since a ReadHook was made
 
 class FwImageLoadTest : public ConsoleTest {
  protected:
@@ -150,11 +135,11 @@ class ReadHook {
  public:
   explicit ReadHook(std::function<int(int)> hook) {
     g_reads = 0;
-    g_before_read = std::move(hook);
+    g_read_error = [hook = std::move(hook)] { return hook(++g_reads); };
   }
   ReadHook(const ReadHook&) = delete;
   ReadHook& operator=(const ReadHook&) = delete;
-  ~ReadHook() { g_before_read = nullptr; }
+  ~ReadHook() { g_read_error = nullptr; }
 };
 
 /// Files of several blocks, each read by itself.

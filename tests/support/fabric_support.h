@@ -7,11 +7,26 @@
 
 #include "sim/Fabric.h"
 #include "sim/LocalRom.h"
+#include "src/utils.h"
 #include "tests/support/support.h"
 
 constexpr Guid LEAF1 = 0x1000;
 constexpr Guid LEAF2 = 0x2000;
 constexpr Guid LEAF3 = 0x3000;
+
+/// All `parts`, one after the other.
+inline DataVec Joined(std::initializer_list<DataVec> parts) {
+  DataVec all;
+  for (const DataVec& part : parts) all << part;
+  return all;
+}
+
+/// A number as it stands in a device's memory.
+inline DataVec Number(u_int32_t value) {
+  DataVec bytes;
+  bytes << value;
+  return bytes;
+}
 
 /// A device with two ports and as many EEPROMs of 0x2000 bytes, from address 0x50, as asked for.
 inline sim::Device I2cDevice(Guid node_guid, int chips = 1) {

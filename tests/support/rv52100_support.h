@@ -8,6 +8,8 @@
 #include "src/utils.h"
 #include "tests/support/fabric_support.h"
 
+namespace rv52100 {
+
 using Burn = RV52100FailsafeBurn;
 using Strings = std::vector<std::string>;
 
@@ -32,18 +34,6 @@ constexpr Slot SLOTS[] = {{0x200, 0x600, 0x800, 0xd171}, {0x400, 0xA00, 0xC00, 0
 constexpr char VALID[] = "cb84cb84";
 constexpr char NOT_VALID[] = "00000000";
 constexpr char ERASED[] = "ffffffff";
-
-inline DataVec Joined(std::initializer_list<DataVec> parts) {
-  DataVec all;
-  for (const DataVec& part : parts) all << part;
-  return all;
-}
-
-inline DataVec Number(u_int32_t value) {
-  DataVec bytes;
-  bytes << value;
-  return bytes;
-}
 
 /// A section of an image file.
 inline std::string Section(const std::string& name, const std::string& addr, const DataVec& data) {
@@ -525,3 +515,5 @@ class Rv52100Test : public FabricTest {
   std::unique_ptr<RecordedFlash> _rom;
   std::unique_ptr<FwImage> _image;
 };
+
+}  // namespace rv52100

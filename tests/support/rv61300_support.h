@@ -7,6 +7,8 @@
 #include "src/utils.h"
 #include "tests/support/fabric_support.h"
 
+namespace rv61300 {
+
 using Burn = RV61300FailsafeBurn;
 using Strings = std::vector<std::string>;
 
@@ -39,12 +41,6 @@ constexpr char SECOND_METERS[] =
     "\r- Burning    second image with invalidated signature -  OK \n"
     "\r- Validating second image                            -  OK \n";
 
-inline DataVec Joined(std::initializer_list<DataVec> parts) {
-  DataVec all;
-  for (const DataVec& part : parts) all << part;
-  return all;
-}
-
 /// A slot from before the burn, gap included.
 inline DataVec OldSlot(const std::string& record) {
   return Joined({Hex(record), DataVec(16, 0xEE), DataVec(8, 0x55)});
@@ -54,13 +50,6 @@ inline DataVec OldSlot(const std::string& record) {
 inline DataVec NewSlot() {
   return Joined(
       {Hex("0102030405060708 090a0b0c0d0e0f33"), DataVec(16, 0xEE), Hex("cafebabe 22222222")});
-}
-
-/// As it stands in a device's memory.
-inline DataVec Number(u_int32_t value) {
-  DataVec bytes;
-  bytes << value;
-  return bytes;
 }
 
 /// A whole chip that holds these slots.
@@ -169,3 +158,5 @@ class Rv61300Test : public FabricTest {
   std::unique_ptr<RecordedI2c> _rom;
   std::unique_ptr<FwImage> _image;
 };
+
+}  // namespace rv61300
