@@ -5,6 +5,7 @@
 #include "fuzz/Fuzz.h"
 #include "fwimg/ImageCheck.h"
 #include "fwimg/ImageView.h"
+#include "tests/support/readers_agree.h"
 
 namespace {
 
@@ -61,6 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   if (!error) {
     Must(!fuzz::Run([&] { AskAll(image); }), "what was loaded can be looked at");
   }
+  const std::string disagreement = readers::Disagreement(file);
+  Must(disagreement.empty(), "both readers make the same of it, not so " + disagreement);
   // fwimg tells what the loader refuses, and nothing else is refused.
   std::optional<bool> is_refused;
   fuzz::Run([&] {  // an image of too many parts is left alone
