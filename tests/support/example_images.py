@@ -10,7 +10,7 @@ import sys
 
 
 def load_make_parts():
-    path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "examples", "make-parts")
+    path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples", "make-parts")
     loader = importlib.machinery.SourceFileLoader("make_parts", path)
     spec = importlib.util.spec_from_loader("make_parts", loader)
     module = importlib.util.module_from_spec(spec)
