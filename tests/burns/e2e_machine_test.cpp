@@ -150,7 +150,7 @@ TEST_F(MachineTest, BurnThatIsStoppedGoesOnWhereItWas) {
       std::filesystem::remove_all(_folder / "state");
       Serve(Fault("delay", k, "milliseconds = 300\n"));
       // One that waits half a second for an answer, and is stopped for longer.
-      Child burner(Words(IMPATIENT_PROGRAM), _folder / "errors", true);
+      Child burner(Words(SHORT_TIMEOUT_PROGRAM), _folder / "errors", true);
       ASSERT_TRUE(WaitForRequest(k));
       burner.Signal(stop);
       std::this_thread::sleep_for(std::chrono::milliseconds(900));

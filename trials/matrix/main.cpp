@@ -1,6 +1,5 @@
-/// Disturbs burns: every fault that a server can make of an answer, at every request of a burn, in
-/// front of the real program; and holds how it ends, what it leaves on every device, and the burn
-/// after it against what they must be.
+/// The fault matrix: injects every fault that an answer can have at every request of a burn of the
+/// real program, and checks how the burn ends, what it leaves on every device, and the next burn.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -15,20 +14,20 @@
 #include <random>
 #include <thread>
 
-#include "trials/Console.h"
-#include "trials/Server.h"
-#include "trials/matrix/Burns.h"
+#include "trials/BurnOutput.h"
+#include "trials/MisbehavingServer.h"
+#include "trials/matrix/MatrixBurns.h"
 
-namespace faults {
+namespace trials {
 namespace {
 
-/// That a run may take: the limit on silence is half a second here, and nothing else waits.
+/// Time limit of a run. The longest wait in it is for an answer that does not come: half a second.
 constexpr std::chrono::seconds LIMIT{20};
 
 /// One fault at one request of one burn.
 struct Case {
-  const Burn* burn;
-  const FaultRow* fault;
+  const MatrixBurn* burn;
+  const AnswerFaultRow* fault;
   std::size_t at;  ///< from 0
   std::optional<Guid> device;
 
@@ -40,78 +39,80 @@ struct Case {
   }
 };
 
-struct Verdict {
+struct CaseResult {
   std::string end;             ///< how the run ended: a column of the table
   std::string row;             ///< of the short list, where a device may not boot
   bool not_recovered = false;  ///< by the next burn
   std::string failure;
-  Outcome outcome;
+  RunOutcome outcome;
 };
 
 /// Runs cases, one after the other.
-class Runner {
+class CaseRunner {
  public:
-  Verdict Run(const Case& of) {
-    Verdict verdict;
-    const Burn& burn = *of.burn;
-    const Fault fault = of.fault->fault;
-    Setting setting = burn.Facts();
-    setting.server = _server.Name(burn.ServerType());
-    const Expected expected = Expect(fault, setting, burn.requests, of.at, of.device);
+  CaseResult Run(const Case& of) {
+    CaseResult result;
+    const MatrixBurn& burn = *of.burn;
+    const AnswerFault fault = of.fault->fault;
+    BurnFacts facts = burn.Facts();
+    facts.server = _server.Name(burn.ServerType());
+    const Expected expected = Expect(fault, facts, burn.requests, of.at, of.device);
 
-    const Misdeed misdeed{of.at, fault, of.device, Mangled(fault, burn.requests[of.at], of.device)};
+    const InjectedFault injected{of.at, fault, of.device,
+                                 FaultyAnswer(fault, burn.requests[of.at], of.device)};
     sim::Fabric fabric = burn.Start();
-    const bool is_silence = fault == Fault::SILENCE || fault == Fault::SILENCE_INSIDE;
-    const std::string program = is_silence ? IMPATIENT_PROGRAM : FWPUSH_PROGRAM;
-    verdict.outcome = RunBurn(burn, program, fabric, &misdeed);
-    for (int again = 0; is_silence && verdict.outcome.requests.size() <= of.at && again < 3;
+    const bool is_silence = fault == AnswerFault::SILENCE || fault == AnswerFault::SILENCE_INSIDE;
+    const std::string program = is_silence ? SHORT_TIMEOUT_PROGRAM : FWPUSH_PROGRAM;
+    result.outcome = RunBurn(burn, program, fabric, &injected);
+    for (int again = 0; is_silence && result.outcome.requests.size() <= of.at && again < 3;
          ++again) {
-      // The machine was busy for half a second, and the server was silent before its time.
+      // On a busy machine, the half second may be over before the fault was injected.
       fabric = burn.Start();
-      verdict.outcome = RunBurn(burn, program, fabric, &misdeed);
+      result.outcome = RunBurn(burn, program, fabric, &injected);
     }
-    const Outcome& outcome = verdict.outcome;
-    const auto fail = [&verdict](const std::string& text) {
-      verdict.failure += (verdict.failure.empty() ? "" : "; ") + text;
+    const RunOutcome& outcome = result.outcome;
+    const auto fail = [&result](const std::string& text) {
+      result.failure += (result.failure.empty() ? "" : "; ") + text;
     };
     if (!outcome.in_time) fail("it does not end by itself");
-    if (!outcome.complaint.empty()) fail(outcome.complaint);
+    if (!outcome.protocol_error.empty()) fail(outcome.protocol_error);
     const bool is_well = GoesAsEver(burn, outcome);
-    verdict.end = HasSucceeded(outcome) ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
+    result.end = HasSucceeded(outcome) ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
     CheckEnd(of, expected, outcome, is_well, fail);
-    const std::vector<Report> reports = ReportsIn(outcome.output);
+    const std::vector<FailedDevice> reports = FailedDevicesIn(outcome.output);
     CheckReports(of, expected, outcome, fail);
     CheckRequests(of, expected, outcome, fail);
 
     for (const auto& [guid, device] : fabric.Devices()) {
-      const Worth worth = burn.Judge(device);
-      if (!worth.boots) {
-        verdict.row = worth.row;
-        if (verdict.row.empty()) fail(Text("device ", std::hex, guid, " ", worth.text));
+      const Verdict verdict = burn.Judge(device);
+      if (!verdict.boots) {
+        result.row = verdict.row;
+        if (result.row.empty()) fail(Text("device ", std::hex, guid, " ", verdict.text));
       }
-      const bool is_lost = std::ranges::any_of(reports, [&, name = guid](const Report& report) {
-        return report.device == name && std::ranges::count(burn.Refused(), report) == 0;
-      });
-      if (is_well && !is_lost && !worth.is_right) {
-        fail(Text("device ", std::hex, guid, " is not right: ", worth.text));
+      const bool is_lost =
+          std::ranges::any_of(reports, [&, name = guid](const FailedDevice& report) {
+            return report.device == name && std::ranges::count(burn.Refused(), report) == 0;
+          });
+      if (is_well && !is_lost && !verdict.is_whole) {
+        fail(Text("device ", std::hex, guid, " is not whole: ", verdict.text));
       }
     }
-    CheckNextRun(burn, fabric, verdict, fail);
-    return verdict;
+    CheckNextRun(burn, fabric, result, fail);
+    return result;
   }
 
-  /// One that nothing disturbs. Throws std::runtime_error when it does not go well.
-  void RunClean(Burn& burn) {
+  /// Runs a burn without faults. Throws std::runtime_error where it does not succeed.
+  void RunClean(MatrixBurn& burn) {
     sim::Fabric fabric = burn.Start();
-    const Outcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
+    const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
     const std::string wrong = WrongAfter(burn, outcome, fabric);
     if (!wrong.empty()) {
-      throw std::runtime_error(burn.Name() + ": an undisturbed burn: " + wrong + "\n" +
+      throw std::runtime_error(burn.Name() + ": a fault-free burn: " + wrong + "\n" +
                                outcome.output + outcome.errors);
     }
     bool has_written = false;
     for (std::size_t i = 0; i < outcome.requests.size(); ++i) {
-      burn.requests.push_back(Understand(outcome.requests[i], outcome.answers[i], has_written));
+      burn.requests.push_back(ParseRequest(outcome.requests[i], outcome.answers[i], has_written));
       has_written = has_written || outcome.requests[i].find("Write") != std::string::npos;
     }
   }
@@ -119,24 +120,24 @@ class Runner {
  private:
   using Fail = std::function<void(const std::string&)>;
 
-  Outcome RunBurn(const Burn& burn, const std::string& program, sim::Fabric& fabric,
-                  const Misdeed* misdeed, const std::vector<std::string>& switches = {}) {
+  RunOutcome RunBurn(const MatrixBurn& burn, const std::string& program, sim::Fabric& fabric,
+                     const InjectedFault* injected, const std::vector<std::string>& switches = {}) {
     std::vector<std::string> words = burn.Words(program);
     words.insert(words.end(), switches.begin(), switches.end());
     words.insert(words.end(), {"-s", _server.Name(burn.ServerType())});
-    return _server.Run(words, fabric, misdeed, LIMIT);
+    return _server.Run(words, fabric, injected, LIMIT);
   }
 
-  /// As if nothing were amiss.
-  static bool GoesAsEver(const Burn& burn, const Outcome& outcome) {
+  /// Whether the run ends as the fault-free one.
+  static bool GoesAsEver(const MatrixBurn& burn, const RunOutcome& outcome) {
     if (!burn.RefusesAll()) return HasSucceeded(outcome);
-    return outcome.status == 1 && EndOf(outcome.output) == "No more accessible devices";
+    return outcome.status == 1 && FinalErrorIn(outcome.output) == "No more accessible devices";
   }
 
-  static void CheckEnd(const Case& of, const Expected& expected, const Outcome& outcome,
+  static void CheckEnd(const Case& of, const Expected& expected, const RunOutcome& outcome,
                        bool is_well, const Fail& fail) {
-    const std::string end = EndOf(outcome.output);
-    const std::string assertion = AssertionOf(outcome.errors);
+    const std::string end = FinalErrorIn(outcome.output);
+    const std::string assertion = FailedAssertionIn(outcome.errors);
     const bool has_failed = outcome.status == 1 && !end.empty();
     const bool has_aborted = outcome.signal == SIGABRT && !assertion.empty();
     bool is_expected = false;
@@ -150,8 +151,8 @@ class Runner {
       case Expected::ABORTS:
         is_expected = has_aborted && expected.texts.at(0) == assertion;
         break;
-      case Expected::CONFUSED:
-        // A third request finds the right answer to the second too many.
+      case Expected::OUT_OF_STEP:
+        // With a third request the burner would have noticed an answer too many.
         is_expected = (is_well && outcome.requests.size() <= of.at + 2) ||
                       (has_failed && IsDesignedText(end)) ||
                       (has_aborted && IsDesignedAssertion(assertion));
@@ -160,29 +161,29 @@ class Runner {
     if (!is_expected) {
       fail(Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"", end,
                 assertion, "\" instead of ",
-                expected.texts.empty() ? "as ever" : "\"" + expected.texts[0] + "\""));
+                expected.texts.empty() ? "a success" : "\"" + expected.texts[0] + "\""));
     }
     if (!has_aborted && !outcome.errors.empty()) fail("standard error: " + outcome.errors);
   }
 
-  /// The devices that fail are told, and no others.
-  static void CheckReports(const Case& of, const Expected& expected, const Outcome& outcome,
+  /// The failed devices are reported, and no others.
+  static void CheckReports(const Case& of, const Expected& expected, const RunOutcome& outcome,
                            const Fail& fail) {
-    if (expected.end == Expected::CONFUSED) return;
-    std::vector<Report> reports = ReportsIn(outcome.output);
-    const auto text_of = [](const Report& report) {
+    if (expected.end == Expected::OUT_OF_STEP) return;
+    std::vector<FailedDevice> reports = FailedDevicesIn(outcome.output);
+    const auto text_of = [](const FailedDevice& report) {
       return sim::HexGuid(report.device) + ":" + report.text;
     };
     for (const Guid guid : expected.lost) {
-      const Report report{guid, expected.lost_text};
+      const FailedDevice report{guid, expected.lost_text};
       if (std::erase(reports, report) != 1) fail("does not report " + text_of(report));
     }
-    const std::vector<Report>& refused = of.burn->Refused();
-    for (const Report& report : reports) {
+    const std::vector<FailedDevice>& refused = of.burn->Refused();
+    for (const FailedDevice& report : reports) {
       if (std::ranges::count(refused, report) == 0) fail("reports " + text_of(report));
     }
     if (expected.end == Expected::SUCCEEDS && expected.lost.empty() && reports != refused) {
-      fail("does not report what no burn takes");
+      fail("does not report the devices that cannot be burnt");
     }
     if (expected.all_lost && outcome.output.find("\r-E- BURN FAILED:ALL:" + expected.lost_text +
                                                  "\n") == std::string::npos) {
@@ -190,12 +191,13 @@ class Runner {
     }
   }
 
-  /// Up to the fault, the run is as ever; after it, nobody talks to the devices that failed.
-  static void CheckRequests(const Case& of, const Expected& expected, const Outcome& outcome,
+  /// Up to the fault, the requests are those of a fault-free run. After it, none names a failed
+  /// device.
+  static void CheckRequests(const Case& of, const Expected& expected, const RunOutcome& outcome,
                             const Fail& fail) {
     for (std::size_t i = 0; i <= of.at; ++i) {
       if (i >= outcome.requests.size() || outcome.requests[i] != of.burn->requests[i].text) {
-        return fail(Text("request ", i + 1, " is not that of an undisturbed burn"));
+        return fail(Text("request ", i + 1, " is not that of a fault-free burn"));
       }
     }
     for (std::size_t i = of.at + expected.asked_again + 1; i < outcome.requests.size(); ++i) {
@@ -207,55 +209,58 @@ class Runner {
     }
   }
 
-  std::string WrongAfter(const Burn& burn, const Outcome& outcome, const sim::Fabric& fabric) {
+  std::string WrongAfter(const MatrixBurn& burn, const RunOutcome& outcome,
+                         const sim::Fabric& fabric) {
     if (!outcome.in_time) return "does not end by itself";
-    if (!outcome.complaint.empty()) return outcome.complaint;
+    if (!outcome.protocol_error.empty()) return outcome.protocol_error;
     if (!GoesAsEver(burn, outcome)) {
       return Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"",
-                  EndOf(outcome.output), "\"");
+                  FinalErrorIn(outcome.output), "\"");
     }
-    if (ReportsIn(outcome.output) != burn.Refused()) return "does not report what no burn takes";
+    if (FailedDevicesIn(outcome.output) != burn.Refused())
+      return "does not report the devices that cannot be burnt";
     for (const auto& [guid, device] : fabric.Devices()) {
-      const Worth worth = burn.Judge(device);
-      if (!worth.is_right) return Text("leaves device ", std::hex, guid, ": ", worth.text);
+      const Verdict verdict = burn.Judge(device);
+      if (!verdict.is_whole) return Text("leaves device ", std::hex, guid, ": ", verdict.text);
     }
     return "";
   }
 
-  void CheckNextRun(const Burn& burn, const sim::Fabric& left, Verdict& verdict, const Fail& fail) {
-    sim::Fabric fabric = burn.Restored(left);
-    const Outcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
+  void CheckNextRun(const MatrixBurn& burn, const sim::Fabric& left, CaseResult& result,
+                    const Fail& fail) {
+    sim::Fabric fabric = burn.Repaired(left);
+    const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
     const std::string wrong = WrongAfter(burn, outcome, fabric);
     if (wrong.empty()) return;
-    // A failsafe burn refuses a device without an image to fall back on.
-    if (verdict.row.empty() || !burn.IsFailsafe()) return fail("the next burn: " + wrong);
-    CheckRevival(burn, left, fail);
-    verdict.not_recovered = true;
+    // A failsafe burn refuses a device without a valid image.
+    if (result.row.empty() || !burn.IsFailsafe()) return fail("the next burn: " + wrong);
+    CheckBurnWithN(burn, left, fail);
+    result.not_recovered = true;
   }
 
-  /// What has nothing to lose is burnt with -n.
-  void CheckRevival(const Burn& burn, const sim::Fabric& left, const Fail& fail) {
-    sim::Fabric fabric = burn.Restored(left);
-    const Outcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr, {"-n"});
+  /// A device without a valid image is burnt with -n.
+  void CheckBurnWithN(const MatrixBurn& burn, const sim::Fabric& left, const Fail& fail) {
+    sim::Fabric fabric = burn.Repaired(left);
+    const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr, {"-n"});
     if (outcome.status != 0) fail(Text("a burn with -n ends with status ", outcome.status));
     for (const auto& [guid, device] : fabric.Devices()) {
-      const Worth worth = burn.Judge(device);
-      if (!burn.IsLeftAlone(guid) && !worth.boots) {
-        fail(Text("a burn with -n leaves device ", std::hex, guid, ": ", worth.text));
+      const Verdict verdict = burn.Judge(device);
+      if (!burn.IsLeftAlone(guid) && !verdict.boots) {
+        fail(Text("a burn with -n leaves device ", std::hex, guid, ": ", verdict.text));
       }
     }
   }
 
-  Server _server;
+  MisbehavingServer _server;
 };
 
-/// All faults of all burns.
-std::vector<Case> AllCases(const std::vector<std::unique_ptr<Burn>>& burns) {
+/// All cases of all burns.
+std::vector<Case> AllCases(const std::vector<std::unique_ptr<MatrixBurn>>& burns) {
   std::vector<Case> cases;
   for (const auto& burn : burns) {
-    for (const FaultRow& row : AllFaults()) {
+    for (const AnswerFaultRow& row : AllAnswerFaults()) {
       for (std::size_t at = 0; at < burn->requests.size(); ++at) {
-        for (const auto& device : Targets(row.fault, burn->requests[at])) {
+        for (const auto& device : FaultTargets(row.fault, burn->requests[at])) {
           cases.push_back({burn.get(), &row, at, device});
         }
       }
@@ -264,11 +269,11 @@ std::vector<Case> AllCases(const std::vector<std::unique_ptr<Burn>>& burns) {
   return cases;
 }
 
-/// Puts cases in an order in which any number from the first on has about as many of each fault at
+/// Orders the cases so that the first N, for any N, hold about the same number of each fault at
 /// each kind of request.
 void Spread(std::vector<Case>& cases, unsigned seed) {
   std::shuffle(cases.begin(), cases.end(), std::mt19937(seed));
-  std::map<std::pair<const FaultRow*, Kind>, std::size_t> counts;
+  std::map<std::pair<const AnswerFaultRow*, RequestKind>, std::size_t> counts;
   std::vector<std::pair<std::size_t, Case>> ranked;
   ranked.reserve(cases.size());
   for (const Case& each : cases) {
@@ -278,7 +283,7 @@ void Spread(std::vector<Case>& cases, unsigned seed) {
   std::ranges::transform(ranked, cases.begin(), &std::pair<std::size_t, Case>::second);
 }
 
-/// Runs of one burn with one fault.
+/// Counts of the cases of one burn and one fault.
 struct Tally {
   u_int32_t cases = 0;
   std::map<std::string, u_int32_t> ends;
@@ -304,8 +309,8 @@ void PrintRow(const std::string& name, Tally tally) {
   std::cout << "\n";
 }
 
-void PrintTable(const std::vector<std::unique_ptr<Burn>>& burns,
-                std::map<const Burn*, std::map<const FaultRow*, Tally>>& tallies) {
+void PrintTable(const std::vector<std::unique_ptr<MatrixBurn>>& burns,
+                std::map<const MatrixBurn*, std::map<const AnswerFaultRow*, Tally>>& tallies) {
   Tally all;
   for (const auto& burn : burns) {
     Tally sum;
@@ -315,7 +320,7 @@ void PrintTable(const std::vector<std::unique_ptr<Burn>>& burns,
       std::cout << std::setw(10) << head;
     }
     std::cout << "\n";
-    for (const FaultRow& row : AllFaults()) {
+    for (const AnswerFaultRow& row : AllAnswerFaults()) {
       const Tally& tally = tallies[burn.get()][&row];
       if (tally.cases > 0) PrintRow(std::string(row.name), tally);
       sum += tally;
@@ -327,7 +332,7 @@ void PrintTable(const std::vector<std::unique_ptr<Burn>>& burns,
   PrintRow("all", all);
 }
 
-/// The short list is that of the page that users read.
+/// Whether docs/fail-safety.md has this row.
 bool IsInDocument(const std::string& row) {
   std::ifstream file(FAIL_SAFETY_DOCUMENT);
   const std::string text(std::istreambuf_iterator<char>(file), {});
@@ -336,36 +341,37 @@ bool IsInDocument(const std::string& row) {
 }
 
 /// Runs the cases side by side; returns how many failed.
-std::size_t RunAll(const std::vector<Case>& cases, const std::vector<std::unique_ptr<Burn>>& burns,
-                   unsigned jobs, bool with_table) {
-  std::map<const Burn*, std::map<const FaultRow*, Tally>> tallies;
+std::size_t RunAll(const std::vector<Case>& cases,
+                   const std::vector<std::unique_ptr<MatrixBurn>>& burns, unsigned jobs,
+                   bool with_table) {
+  std::map<const MatrixBurn*, std::map<const AnswerFaultRow*, Tally>> tallies;
   std::map<std::string, u_int32_t> rows;
   std::size_t failed = 0;
   u_int32_t lost = 0;
   std::mutex mutex;
   std::atomic<std::size_t> next = 0;
   const auto work = [&] {
-    Runner runner;
+    CaseRunner runner;
     for (std::size_t i; (i = next++) < cases.size();) {
-      Verdict verdict;
+      CaseResult result;
       try {
-        verdict = runner.Run(cases[i]);
+        result = runner.Run(cases[i]);
       } catch (const std::exception& error) {
-        verdict.failure = error.what();
+        result.failure = error.what();
       }
       const std::lock_guard lock(mutex);
       Tally& tally = tallies[cases[i].burn][cases[i].fault];
       ++tally.cases;
-      ++tally.ends[verdict.end];
-      if (!verdict.row.empty()) {
+      ++tally.ends[result.end];
+      if (!result.row.empty()) {
         ++tally.not_booting;
-        ++rows[verdict.row];
-        lost += verdict.not_recovered ? 1 : 0;
+        ++rows[result.row];
+        lost += result.not_recovered ? 1 : 0;
       }
-      if (verdict.failure.empty()) continue;
+      if (result.failure.empty()) continue;
       ++tally.failed;
       ++failed;
-      std::cout << "FAILED: --case " << cases[i].Name() << ": " << verdict.failure << std::endl;
+      std::cout << "FAILED: --case " << cases[i].Name() << ": " << result.failure << std::endl;
     }
   };
   std::vector<std::thread> workers;
@@ -383,34 +389,35 @@ std::size_t RunAll(const std::vector<Case>& cases, const std::vector<std::unique
               << "\n";
   }
   if (lost > 0)
-    std::cout << lost << " of these devices are refused by the next burn, and revived with -n\n";
+    std::cout << lost << " of these devices are refused by the next burn, and burnt with -n\n";
   return failed;
 }
 
-/// Shows one case whole; returns whether it went well.
+/// Runs one case and prints all of it; returns whether it passed.
 bool ShowCase(const Case& of) {
-  Runner runner;
-  const Verdict verdict = runner.Run(of);
+  CaseRunner runner;
+  const CaseResult result = runner.Run(of);
   std::cout << "request:   " << of.burn->requests[of.at].text
             << "\nanswer:    " << of.burn->requests[of.at].answer << "\nafterwards:\n";
-  for (std::size_t i = of.at; i < verdict.outcome.requests.size(); ++i) {
-    std::cout << "> " << verdict.outcome.requests[i] << "\n";
+  for (std::size_t i = of.at; i < result.outcome.requests.size(); ++i) {
+    std::cout << "> " << result.outcome.requests[i] << "\n";
   }
-  std::cout << verdict.outcome.output << verdict.outcome.errors << verdict.end << "\n"
-            << (verdict.failure.empty() ? "as it must be" : "FAILED: " + verdict.failure)
-            << std::endl;
-  return verdict.failure.empty();
+  std::cout << result.outcome.output << result.outcome.errors << result.end << "\n"
+            << (result.failure.empty() ? "passed" : "FAILED: " + result.failure) << std::endl;
+  return result.failure.empty();
 }
 
 int Main(int argc, char** argv) {
-  CLI::App app("Disturbs burns by every fault of a server, at every request.", "fault_matrix");
+  CLI::App app("Injects every fault of an answer at every request of burns.", "fault_matrix");
   bool all = false;
+  bool list = false;
   std::string name;
   std::size_t sample = 300;
   unsigned seed = std::random_device()();
-  // More than there are processors: who waits for silence needs none.
+  // More than there are processors: a case that waits for an answer uses none.
   unsigned jobs = 2 * std::max(1u, std::thread::hardware_concurrency());
   app.add_flag("--all", all, "All cases, and a table at the end");
+  app.add_flag("--list", list, "Only print the names of all cases");
   app.add_option("--case", name, "Only this case, as a failure names it, and show it");
   app.add_option("--sample", sample, "How many cases, when not all")->capture_default_str();
   app.add_option("--seed", seed, "Seed of the choice of cases (default: another one each time)");
@@ -421,9 +428,13 @@ int Main(int argc, char** argv) {
 
   const auto start = std::chrono::steady_clock::now();
   const TemporaryFolder folder;
-  const auto burns = Burn::All(folder);
-  for (const auto& burn : burns) Runner().RunClean(*burn);
+  const auto burns = MatrixBurn::All(folder);
+  for (const auto& burn : burns) CaseRunner().RunClean(*burn);
   std::vector<Case> cases = AllCases(burns);
+  if (list) {
+    for (const Case& each : cases) std::cout << each.Name() << "\n";
+    return EXIT_SUCCESS;
+  }
   if (!name.empty()) {
     const auto found = std::ranges::find(cases, name, &Case::Name);
     if (found == cases.end()) throw std::runtime_error("no such case: " + name);
@@ -442,11 +453,11 @@ int Main(int argc, char** argv) {
 }
 
 }  // namespace
-}  // namespace faults
+}  // namespace trials
 
 int main(int argc, char** argv) {
   try {
-    return faults::Main(argc, argv);
+    return trials::Main(argc, argv);
   } catch (const BraidError& error) {
     std::cerr << "fault_matrix: " << error.Des() << std::endl;
   } catch (const std::exception& error) {

@@ -7,27 +7,27 @@
 #include <string_view>
 #include <vector>
 
-#include "trials/soak/Dice.h"
+#include "trials/soak/Random.h"
 
 namespace soak {
 
 /// What a device has of its own.
-enum class Own { SIGNATURE, GUIDS, GUID, SYSGUID, BSN, VSD };
-struct OwnRow {
-  Own own;
+enum class FieldType { SIGNATURE, GUIDS, GUID, SYS_GUID, BSN, VSD };
+struct FieldRow {
+  FieldType type;
   std::string_view keyword;
   u_int32_t size;  ///< bytes
 };
-const OwnRow& RowOf(Own own);
+const FieldRow& RowOf(FieldType type);
 
 struct Field {
   u_int32_t addr;
-  Own own;
-  u_int32_t Size() const { return RowOf(own).size; }
+  FieldType type;
+  u_int32_t Size() const { return RowOf(type).size; }
 };
 
 /// A CRC over [from, from + size), 4 bytes at `place`.
-struct Crc {
+struct CrcField {
   u_int32_t from;
   u_int32_t size;
   u_int32_t place;
@@ -42,7 +42,7 @@ struct Section {
 };
 
 /// An EEPROM of the device map.
-struct Mapped {
+struct MappedChip {
   u_int32_t size;
   u_int8_t chip;
 };
@@ -57,17 +57,17 @@ constexpr u_int32_t HELD_BACK =
 
 struct Image {
   std::string type;               ///< device type, as the file has it
-  std::vector<Mapped> map;        ///< none for a flash
+  std::vector<MappedChip> map;    ///< none for a flash
   std::vector<Section> sections;  ///< in file order
   std::vector<Field> fields;      ///< in file order
-  std::vector<Crc> crcs;          ///< in file order
+  std::vector<CrcField> crcs;     ///< in file order
   u_int32_t ps[2] = {UNPLACED, UNPLACED};
   u_int32_t slot[2] = {UNPLACED, UNPLACED};
   bool bsn_first = false;           ///< fields stand before the device type in the file
   std::vector<std::string> spoilt;  ///< lines that the loader must refuse, at the end of the file
 
   /// Bytes of the device map; 0 without one.
-  u_int32_t Mapping() const;
+  u_int32_t MappedSize() const;
   /// The sections that a failsafe burn moves to a slot: from the one at slot 0 on, up to one at
   /// slot 1.
   std::vector<const Section*> SlotSections() const;
@@ -85,6 +85,6 @@ struct Place {
 Place PlaceOf(const Image& image, u_int32_t addr);
 
 /// The file; the same image can be written in many ways.
-std::string TextOf(const Image& image, Dice& dice);
+std::string TextOf(const Image& image, Random& random);
 
 }  // namespace soak

@@ -64,7 +64,7 @@ Memory MemoryOf(const sim::Device& device, const Image& image) {
     memory.bytes.insert(memory.bytes.end(), bytes.begin(), bytes.end());
   };
   if (image.map.empty()) append(device.chips.at(0).Bytes());
-  for (const Mapped& chip : image.map) {
+  for (const MappedChip& chip : image.map) {
     append(device.chips.at(chip.chip).Bytes().first(chip.size));
   }
   return memory;
@@ -73,7 +73,7 @@ Memory MemoryOf(const sim::Device& device, const Image& image) {
 void Load(sim::Device& device, const Image& image, const Memory& memory) {
   if (image.map.empty()) return device.chips.at(0).Load(0, memory.bytes);
   u_int32_t base = 0;
-  for (const Mapped& chip : image.map) {
+  for (const MappedChip& chip : image.map) {
     device.chips.at(chip.chip).Load(0, memory.Part(base, chip.size));
     base += chip.size;
   }
@@ -103,31 +103,32 @@ struct Oracle::Writer {
 };
 
 bool Oracle::IsReplaced(const Field& field) const {
-  if (field.own == Own::BSN && _image.type == "RV61100") return _image.bsn_first;
-  return _burn != BurnKind::GENERIC || (field.own != Own::VSD && field.own != Own::SIGNATURE);
+  if (field.type == FieldType::BSN && _image.type == "RV61100") return _image.bsn_first;
+  return _burn != BurnKind::GENERIC ||
+         (field.type != FieldType::VSD && field.type != FieldType::SIGNATURE);
 }
 
-DataVec Oracle::ValueOf(Own own) const {
+DataVec Oracle::ValueOf(FieldType type) const {
   DataVec value;
-  switch (own) {
-    case Own::SIGNATURE:
+  switch (type) {
+    case FieldType::SIGNATURE:
       return BigWord(SIGNATURE_WORD);
-    case Own::GUIDS:
+    case FieldType::GUIDS:
       Append(value, _device.node_guid);
       Append(value, _device.port_guids.at(0));
       Append(value,
              _device.port_guids.size() == 1 ? _device.port_guids[0] + 1 : _device.port_guids.at(1));
       Append(value, _device.sys_guid);
       return value;
-    case Own::GUID:
+    case FieldType::GUID:
       Append(value, _device.node_guid);
       return value;
-    case Own::SYSGUID:
+    case FieldType::SYS_GUID:
       Append(value, _device.sys_guid);
       return value;
-    case Own::BSN:
+    case FieldType::BSN:
       return _device.bsn;
-    case Own::VSD:
+    case FieldType::VSD:
       return _device.vsd;
   }
   return value;
@@ -140,18 +141,18 @@ void Oracle::BurnSection(Writer& writer, const Section& section, u_int32_t desti
   for (const Field& field : _image.fields) {
     if (!range.Holds(field.addr, 1) || !IsReplaced(field)) continue;
     if (!range.Holds(field.addr, field.Size())) {
-      throw std::logic_error("a story has a field that crosses a section");
+      throw std::logic_error("a scenario has a field that crosses a section");
     }
     fields.push_back(&field);
   }
-  std::vector<const Crc*> crcs;
-  for (const Crc& crc : _image.crcs) {
+  std::vector<const CrcField*> crcs;
+  for (const CrcField& crc : _image.crcs) {
     if (range.Holds(crc.from, 1)) crcs.push_back(&crc);
   }
   for (const Field* field : fields) {
     std::fill_n(data.begin() + (field->addr - destination), field->Size(), ERASED);
   }
-  for (const Crc* crc : crcs) {
+  for (const CrcField* crc : crcs) {
     for (u_int32_t i = 0; i < 4; ++i) {
       if (range.Holds(crc->place + i, 1)) data.at(crc->place + i - destination) = ERASED;
     }
@@ -159,11 +160,11 @@ void Oracle::BurnSection(Writer& writer, const Section& section, u_int32_t desti
   writer.Erase(destination, range.size);
   writer.Program(destination, data);
   for (const Field* field : fields) {
-    const DataVec value = ValueOf(field->own);
+    const DataVec value = ValueOf(field->type);
     std::copy(value.begin(), value.end(), data.begin() + (field->addr - destination));
-    if (field->own != Own::SIGNATURE) writer.Program(field->addr, value);
+    if (field->type != FieldType::SIGNATURE) writer.Program(field->addr, value);
   }
-  for (const Crc* crc : crcs) {
+  for (const CrcField* crc : crcs) {
     const auto start = data.begin() + (crc->from - destination);
     writer.Program(crc->place, BigWord(ReferenceCrc(DataVec(start, start + crc->size))));
   }
@@ -329,7 +330,8 @@ Result Oracle::After(const Memory& before, const View& view) const {
 }
 
 bool Oracle::SumsWhatIsHeldBack() const {
-  return _burn == BurnKind::RECORDS && std::ranges::any_of(_image.crcs, [this](const Crc& crc) {
+  return _burn == BurnKind::RECORDS &&
+         std::ranges::any_of(_image.crcs, [this](const CrcField& crc) {
            return Range{crc.from, crc.size}.Meets(_image.slot[0], HELD_BACK);
          });
 }
@@ -339,7 +341,7 @@ bool Oracle::SumsWhatIsHeldBack() const {
 Step Oracle::StepOf(const Section& section, u_int32_t destination) const {
   const Range range{destination, section.Size()};
   Step step{Text("writing section ", section.name, " at ", std::hex, destination), {range}};
-  for (const Crc& crc : _image.crcs) {
+  for (const CrcField& crc : _image.crcs) {
     if (range.Holds(crc.from, 1)) step.ranges.push_back({crc.place, 4});
   }
   return step;
@@ -359,7 +361,7 @@ void Oracle::AddSlotSteps(std::vector<Step>& steps, u_int32_t slot) const {
     return;
   }
   steps.push_back(StepOf(*PointerSection(slot), _image.ps[slot]));
-  steps.push_back(SignatureStep("setting", slot));
+  steps.push_back(SignatureStep("facts", slot));
   steps.push_back(SignatureStep("clearing", 1 - slot));
 }
 
@@ -381,7 +383,7 @@ std::vector<Step> Oracle::Steps(const Memory& before, const View& view) const {
     steps.push_back(SignatureStep("clearing", 0));
     steps.push_back({"copying the image", {{3 * before.sector_size, size}}});
     steps.push_back({"copying its pointer sector", {{_image.ps[0], RECORD_SIZE}}});
-    steps.push_back(SignatureStep("setting", 0));
+    steps.push_back(SignatureStep("facts", 0));
     steps.push_back(SignatureStep("clearing", 1));
   }
   for (const u_int32_t slot : plan.slots) AddSlotSteps(steps, slot);

@@ -109,7 +109,7 @@ class Oracle {
   void ClearSignature(Writer& writer, u_int32_t slot) const;
   std::string Move(Writer& writer) const;
   bool IsReplaced(const Field& field) const;
-  DataVec ValueOf(Own own) const;
+  DataVec ValueOf(FieldType type) const;
   const Section* PointerSection(u_int32_t slot) const;
   Step StepOf(const Section& section, u_int32_t destination) const;
   Step SignatureStep(const char* what, u_int32_t slot) const;

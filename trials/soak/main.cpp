@@ -1,5 +1,5 @@
-/// Burns made-up images onto made-up fabrics while made-up things go wrong, and holds all that is
-/// left against the rules. One number repeats any of it.
+/// The soak: burns random images onto random fabrics with random faults, and checks every burn. A
+/// scenario follows from its seed alone.
 
 #include <CLI/CLI.hpp>
 #include <atomic>
@@ -9,7 +9,7 @@
 #include <mutex>
 #include <thread>
 
-#include "trials/soak/Player.h"
+#include "trials/soak/ScenarioRunner.h"
 
 namespace soak {
 namespace {
@@ -18,17 +18,17 @@ using std::chrono::steady_clock;
 
 constexpr const char* ENDS[] = {"succeeded", "ended", "aborted", "killed"};
 
-void PrintTable(const Account& account) {
-  std::cout << "\n  stories" << std::setw(37) << account.stories << "\n";
-  for (const auto& [kind, count] : account.kinds) {
+void PrintTable(const Statistics& statistics) {
+  std::cout << "\n  scenarios" << std::setw(35) << statistics.scenarios << "\n";
+  for (const auto& [kind, count] : statistics.kinds) {
     std::cout << "    " << std::left << std::setw(32) << kind << std::right << std::setw(10)
               << count << "\n";
   }
-  std::cout << "\n  " << std::left << std::setw(34) << "what went wrong in a run" << std::right;
+  std::cout << "\n  " << std::left << std::setw(34) << "injected fault" << std::right;
   for (const char* end : ENDS) std::cout << std::setw(10) << end;
   std::cout << "\n";
-  for (const auto& [hit, by_end] : account.ends) {
-    std::cout << "    " << std::left << std::setw(32) << hit << std::right;
+  for (const auto& [fault, by_end] : statistics.ends) {
+    std::cout << "    " << std::left << std::setw(32) << fault << std::right;
     for (const char* end : ENDS) {
       const auto found = by_end.find(end);
       std::cout << std::setw(10) << (found == by_end.end() ? 0 : found->second);
@@ -36,16 +36,16 @@ void PrintTable(const Account& account) {
     std::cout << "\n";
   }
   std::vector<std::pair<const char*, u_int64_t>> counts = {
-      {"runs of fwpush", account.runs},
-      {"requests", account.requests},
-      {"devices burnt", account.burnt},
-      {"devices told as failed", account.failed},
-      {"devices left alone", account.left_alone},
-      {"devices asked whether they boot", account.judged},
-      {"bytes compared", account.bytes},
+      {"runs of fwpush", statistics.runs},
+      {"requests", statistics.requests},
+      {"devices burnt", statistics.burnt},
+      {"devices reported as failed", statistics.failed},
+      {"devices unchanged", statistics.left_alone},
+      {"devices checked for booting", statistics.judged},
+      {"bytes compared", statistics.bytes},
   };
-  if (account.found_out > 0) {
-    counts.emplace_back("spoilt on purpose, and found out", account.found_out);
+  if (statistics.detected > 0) {
+    counts.emplace_back("deliberate changes detected", statistics.detected);
   }
   std::cout << "\n";
   for (const auto& [name, count] : counts) {
@@ -55,14 +55,15 @@ void PrintTable(const Account& account) {
   std::cout << "\n";
 }
 
-/// What costs a device by design is told to users. Returns how many rows the page lacks.
-u_int64_t PrintRows(const Account& account) {
+/// Prints how many devices may not boot by each row of docs/fail-safety.md. Returns how many rows
+/// that page lacks.
+u_int64_t PrintRows(const Statistics& statistics) {
   std::ifstream file(FAIL_SAFETY_DOCUMENT);
   const std::string text(std::istreambuf_iterator<char>(file), {});
   u_int64_t missing = 0;
-  for (const auto& [row, count] : account.rows) {
+  for (const auto& [row, count] : statistics.rows) {
     std::cout << "  " << count << " devices may not boot, as docs/fail-safety.md says: " << row
-              << " (--case " << account.row_cases.at(row) << ")\n";
+              << " (--case " << statistics.row_cases.at(row) << ")\n";
     if (text.find("| " + row + " |") != std::string::npos) continue;
     ++missing;
     std::cout << "FAILED: docs/fail-safety.md says nothing of: " << row << "\n";
@@ -81,24 +82,26 @@ int Main(int argc, char** argv) {
   std::string program = FWPUSH_PROGRAM;
   CLI::Option* bound = app.add_option("--minutes", minutes, "How long");
   bound->check(CLI::Range(0.0, 1440.0));
-  app.add_option("--count", count, "How many stories")->excludes(bound);
-  app.add_option("--seed", seed, "The first story (default: another one each time)");
-  CLI::Option* one = app.add_option("--case", repeated, "Only this story, and show it");
+  app.add_option("--count", count, "How many scenarios")->excludes(bound);
+  app.add_option("--seed", seed, "Seed of the first scenario (default: another one each time)");
+  CLI::Option* one =
+      app.add_option("--case", repeated, "Run only the scenario of this seed, and show all of it");
   app.add_option("--jobs", jobs, "Stories side by side")
       ->check(CLI::Range(1, 64))
       ->capture_default_str();
-  app.add_option("--fwpush", program, "The burner");
-  app.add_option("--spoil", spoil, "Change this behind the burner's back: it must be found out")
+  app.add_option("--fwpush", program, "The burner to test");
+  app.add_option("--spoil", spoil,
+                 "Change this behind the burner's back: the checks must detect it")
       ->transform(CLI::CheckedTransformer(
           std::map<std::string, Spoil>{{"device", Spoil::DEVICE}, {"order", Spoil::ORDER}}));
   CLI11_PARSE(app, argc, argv);
 
   const TemporaryFolder folder;
   if (one->count() > 0) {
-    const Account account = Player(folder, program, &std::cout, spoil).Play(repeated);
-    std::cout << (account.failure.empty() ? "as it must be" : "FAILED: " + account.failure)
+    const Statistics statistics = ScenarioRunner(folder, program, &std::cout, spoil).Run(repeated);
+    std::cout << (statistics.failure.empty() ? "passed" : "FAILED: " + statistics.failure)
               << std::endl;
-    return account.failure.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+    return statistics.failure.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
   }
   if (minutes == 0 && count == 0) count = 300;
   std::cout << "soak: --seed " << seed << std::endl;
@@ -107,19 +110,19 @@ int Main(int argc, char** argv) {
                                std::chrono::duration<double, std::ratio<60>>(minutes));
   std::atomic<u_int64_t> next = 0;
   std::mutex mutex;
-  Account sum;
+  Statistics sum;
   u_int64_t failed = 0;
   const auto work = [&] {
-    Player player(folder, program, nullptr, spoil);
+    ScenarioRunner runner(folder, program, nullptr, spoil);
     for (;;) {
       const u_int64_t i = next++;
       if (count > 0 ? i >= count : steady_clock::now() >= end) return;
-      const Account account = player.Play(seed + i);
+      const Statistics statistics = runner.Run(seed + i);
       const std::lock_guard lock(mutex);
-      sum += account;
-      if (account.failure.empty()) continue;
+      sum += statistics;
+      if (statistics.failure.empty()) continue;
       ++failed;
-      std::cout << "FAILED: --case " << seed + i << ": " << account.failure << std::endl;
+      std::cout << "FAILED: --case " << seed + i << ": " << statistics.failure << std::endl;
     }
   };
   std::vector<std::thread> workers;
@@ -128,9 +131,9 @@ int Main(int argc, char** argv) {
 
   PrintTable(sum);
   failed += PrintRows(sum);
-  if (spoil != Spoil::NOTHING && sum.found_out == 0) ++failed;
+  if (spoil != Spoil::NOTHING && sum.detected == 0) ++failed;
   const std::chrono::duration<double> seconds = steady_clock::now() - start;
-  std::cout << "soak: " << sum.stories << " stories, " << sum.runs << " runs, " << failed
+  std::cout << "soak: " << sum.scenarios << " scenarios, " << sum.runs << " runs, " << failed
             << " failed, " << std::fixed << std::setprecision(1) << seconds.count() << " s, "
             << sum.runs / seconds.count() << " runs a second" << std::endl;
   return failed == 0 && sum.runs > 0 ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -1,4 +1,4 @@
-#include "trials/matrix/Burns.h"
+#include "trials/matrix/MatrixBurns.h"
 
 #include <algorithm>
 #include <utility>
@@ -6,7 +6,7 @@
 #include "sim/LocalRom.h"
 #include "tests/support/slot_images.h"
 
-namespace faults {
+namespace trials {
 
 namespace {
 
@@ -17,8 +17,8 @@ DataVec Memory(const sim::Device& device) {
   return DataVec(bytes.begin(), bytes.end());
 }
 
-/// Bytes that tell devices apart.
-u_int8_t Own(Guid guid) { return static_cast<u_int8_t>(guid >> 8); }
+/// A byte that differs from device to device.
+u_int8_t DeviceByte(Guid guid) { return static_cast<u_int8_t>(guid >> 8); }
 
 // ---- Generic: GUIDs of all kinds and a CRC over them in the first section, nothing in the second
 
@@ -57,7 +57,7 @@ std::string EepromImageText(u_int8_t content) {
 
 constexpr u_int32_t NEW_SIZE = 0x410;
 constexpr u_int32_t OLD_SIZE = 0x110;
-/// Of a second image below the end of a new first one.
+/// Address of an old second image that a new first image would overwrite.
 constexpr u_int32_t IN_THE_WAY = 0x1000;
 
 std::string NewFlashText() {
@@ -74,7 +74,7 @@ constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 
 }  // namespace
 
-struct Burn::FlashState {
+struct MatrixBurn::FlashState {
   const char* name;
   Slot slots[2];
   u_int32_t second_addr = IMAGE1;  ///< of the old second image
@@ -83,24 +83,24 @@ struct Burn::FlashState {
   bool has_marker = true;
 };
 
-sim::Device& Burn::AddDevice(Guid guid, u_int32_t sector_size) {
+sim::Device& MatrixBurn::AddDevice(Guid guid, u_int32_t sector_size) {
   sim::Device device;
   device.node_guid = guid;
   device.port_guids = {guid + 1, guid + 2};
   device.sys_guid = guid + 0xF;
   device.declared_ports = 2;
-  device.bsn.assign(sim::BSN_SIZE, static_cast<u_int8_t>(0xB0 + Own(guid)));
-  device.vsd.assign(sim::VSD_SIZE, static_cast<u_int8_t>(0xD0 + Own(guid)));
+  device.bsn.assign(sim::BSN_SIZE, static_cast<u_int8_t>(0xB0 + DeviceByte(guid)));
+  device.vsd.assign(sim::VSD_SIZE, static_cast<u_int8_t>(0xD0 + DeviceByte(guid)));
   device.kind = sector_size == 0 ? sim::MemoryKind::I2C : sim::MemoryKind::FLASH;
   device.chips.try_emplace(u_int8_t{0},
                            sim::Chip(std::make_unique<sim::Cells>(MEMORY_SIZE), sector_size));
-  _setting.devices = static_cast<u_int32_t>(_start.Devices().size()) + 1;
+  _facts.devices = static_cast<u_int32_t>(_start.Devices().size()) + 1;
   sim::Device& added = _start.Add(std::move(device));
   added.chips.at(0).Load(0, DataVec(MEMORY_SIZE, sector_size == 0 ? 0xEE : 0xFF));
   return added;
 }
 
-void Burn::Settle(Guid guid, const std::string& old_image) {
+void MatrixBurn::PrepareJudge(Guid guid, const std::string& old_image) {
   const sim::Device& device = *_start.Find(guid);
   FwImage image;
   {
@@ -114,22 +114,22 @@ void Burn::Settle(Guid guid, const std::string& old_image) {
   _judges.emplace(guid, std::move(judge));
 }
 
-std::unique_ptr<Burn> Burn::Generic(const TemporaryFolder& folder) {
-  std::unique_ptr<Burn> burn(new Burn);
+std::unique_ptr<MatrixBurn> MatrixBurn::Generic(const TemporaryFolder& folder) {
+  std::unique_ptr<MatrixBurn> burn(new MatrixBurn);
   burn->_name = "generic";
   burn->_image = folder.Write("generic.img", GENERIC_HEAD + Section("A", 0, DataVec(0x60, 0x22)) +
                                                  Section("B", 0x80, DataVec(0x10, 0x33)));
   burn->_switches = {"-m", "6", "-g", "100,200,300"};
   burn->_server_type = "I2C";
-  burn->_setting.has_guids_field = true;
+  burn->_facts.has_guids_field = true;
   for (const Guid guid : {0x100u, 0x200u, 0x300u}) {
     burn->_contents[guid] = GenericContents(burn->AddDevice(guid, 0));
   }
   return burn;
 }
 
-std::unique_ptr<Burn> Burn::Rv61300(const TemporaryFolder& folder) {
-  std::unique_ptr<Burn> burn(new Burn);
+std::unique_ptr<MatrixBurn> MatrixBurn::Rv61300(const TemporaryFolder& folder) {
+  std::unique_ptr<MatrixBurn> burn(new MatrixBurn);
   burn->_name = "rv61300";
   burn->_algorithm = Algorithm::RV61300;
   burn->_image = folder.Write("rv61300.img", EepromImageText(0x22));
@@ -148,16 +148,17 @@ std::unique_ptr<Burn> Burn::Rv61300(const TemporaryFolder& folder) {
     for (const u_int32_t slot : {0u, 1u}) {
       BurnInto(burn->_start, guid, old_image, {.slot = slot, .is_valid = is_valid[slot]});
     }
-    burn->Settle(guid, old_image);
+    burn->PrepareJudge(guid, old_image);
   }
   burn->_refused = {{0x400, "Both images are invalid - Can't perform failsafe burn."}};
   burn->_untouched = {0x400};
   return burn;
 }
 
-std::unique_ptr<Burn> Burn::Rv52100(const TemporaryFolder& folder, const FlashState& state) {
+std::unique_ptr<MatrixBurn> MatrixBurn::Rv52100(const TemporaryFolder& folder,
+                                                const FlashState& state) {
   constexpr Guid GUID = 0x100;
-  std::unique_ptr<Burn> burn(new Burn);
+  std::unique_ptr<MatrixBurn> burn(new MatrixBurn);
   burn->_name = std::string("rv52100-") + state.name;
   burn->_algorithm = Algorithm::RV52100;
   burn->_rewrites_invariant = state.other_invariant;
@@ -172,7 +173,7 @@ std::unique_ptr<Burn> Burn::Rv52100(const TemporaryFolder& folder, const FlashSt
   burn->AddDevice(GUID, SECTOR);
   for (const u_int32_t slot : {0u, 1u}) {
     const Slot content = state.slots[slot];
-    burn->_setting.is_signed[slot] = content == Slot::VALID;
+    burn->_facts.is_signed[slot] = content == Slot::VALID;
     if (content == Slot::BLANK) continue;
     BurnInto(burn->_start, GUID, old_file, {.slot = slot, .is_valid = content == Slot::VALID});
   }
@@ -181,11 +182,11 @@ std::unique_ptr<Burn> Burn::Rv52100(const TemporaryFolder& folder, const FlashSt
     burn->_refused = {{GUID, state.refusal}};
     burn->_untouched = {GUID};
   }
-  burn->Settle(GUID, old_file);
+  burn->PrepareJudge(GUID, old_file);
   return burn;
 }
 
-std::vector<std::unique_ptr<Burn>> Burn::All(const TemporaryFolder& folder) {
+std::vector<std::unique_ptr<MatrixBurn>> MatrixBurn::All(const TemporaryFolder& folder) {
   static constexpr FlashState STATES[] = {
       {"both-valid", {Slot::VALID, Slot::VALID}},
       {"first-only", {Slot::VALID, Slot::BLANK}},
@@ -202,42 +203,42 @@ std::vector<std::unique_ptr<Burn>> Burn::All(const TemporaryFolder& folder) {
        .refusal = "Image on device is not failsafe. Can't perform failsafe burn",
        .has_marker = false},
   };
-  std::vector<std::unique_ptr<Burn>> burns;
+  std::vector<std::unique_ptr<MatrixBurn>> burns;
   burns.push_back(Generic(folder));
   for (const FlashState& state : STATES) burns.push_back(Rv52100(folder, state));
   burns.push_back(Rv61300(folder));
   return burns;
 }
 
-sim::Fabric Burn::Start() const { return Restored(_start); }
+sim::Fabric MatrixBurn::Start() const { return Repaired(_start); }
 
-sim::Fabric Burn::Restored(const sim::Fabric& fabric) const {
+sim::Fabric MatrixBurn::Repaired(const sim::Fabric& fabric) const {
   sim::Fabric copy;
   copy.facts.type = _server_type;
   for (const auto& [guid, device] : fabric.Devices()) copy.CopyDevice(device);
   return copy;
 }
 
-std::vector<std::string> Burn::Words(const std::string& program) const {
+std::vector<std::string> MatrixBurn::Words(const std::string& program) const {
   std::vector<std::string> words = {program, "-f", _image};
   words.insert(words.end(), _switches.begin(), _switches.end());
   return words;
 }
 
-Worth Burn::Judge(const sim::Device& device) const {
-  Worth worth;
+Verdict MatrixBurn::Judge(const sim::Device& device) const {
+  Verdict result;
   const Guid guid = device.node_guid;
   const DataVec memory = Memory(device);
   if (_algorithm == Algorithm::GENERIC) {
-    worth.is_right = worth.boots = memory == _contents.at(guid);
-    worth.text = worth.is_right ? "right" : "not as burnt";
-    worth.row = "RV61100, and any burn with `-n`";
-    return worth;
+    result.is_whole = result.boots = memory == _contents.at(guid);
+    result.text = result.is_whole ? "whole" : "not as burnt";
+    result.row = "RV61100, and any burn with `-n`";
+    return result;
   }
   if (_untouched.contains(guid)) {
-    worth.is_right = worth.boots = memory == Memory(*_start.Find(guid));
-    worth.text = worth.is_right ? "left as it was" : "changed, and is not to be";
-    return worth;
+    result.is_whole = result.boots = memory == Memory(*_start.Find(guid));
+    result.text = result.is_whole ? "unchanged" : "changed, which it must not be";
+    return result;
   }
   sim::BootJudge judge = _judges.at(guid);
   for (u_int32_t addr = 0; addr < memory.size(); ++addr) judge.Set(addr, memory[addr]);
@@ -246,18 +247,18 @@ Worth Burn::Judge(const sim::Device& device) const {
   const auto count = [&verdict](sim::SlotState state) {
     return std::ranges::count(verdict.slots, state);
   };
-  worth.text = Describe(verdict);
-  worth.boots = verdict.Boots() && count(BROKEN) == 0;
-  worth.is_right =
+  result.text = Describe(verdict);
+  result.boots = verdict.Boots() && count(BROKEN) == 0;
+  result.is_whole =
       verdict.invariant_is_whole &&
       (_algorithm == Algorithm::RV61300 ? count(NEW) == 2 : count(NEW) == 1 && count(INVALID) == 1);
   if (!device.chips.at(0).Violations().empty()) {
-    worth.is_right = worth.boots = false;
-    worth.text += ", bits set without an erase";
+    result.is_whole = result.boots = false;
+    result.text += ", bits set without an erase";
   }
   const bool has_a_slot = count(BROKEN) == 0 && count(OLD) + count(NEW) > 0;
-  if (_rewrites_invariant && has_a_slot && !verdict.invariant_is_whole) worth.row = INVARIANT_ROW;
-  return worth;
+  if (_rewrites_invariant && has_a_slot && !verdict.invariant_is_whole) result.row = INVARIANT_ROW;
+  return result;
 }
 
-}  // namespace faults
+}  // namespace trials

@@ -1,4 +1,4 @@
-/// Repeatable chance: all of a story follows from its seed.
+/// Pseudo-random numbers: the same seed gives the same scenario.
 #pragma once
 
 #include <initializer_list>
@@ -9,9 +9,9 @@
 
 namespace soak {
 
-class Dice {
+class Random {
  public:
-  explicit Dice(u_int64_t seed) : _rng(seed) {}
+  explicit Random(u_int64_t seed) : _rng(seed) {}
 
   /// 0 to `count` - 1; 0 for 0.
   u_int32_t Below(u_int64_t count) {
@@ -19,6 +19,7 @@ class Dice {
   }
   /// Both ends included.
   u_int32_t Between(u_int32_t first, u_int32_t last) { return first + Below(last - first + 1); }
+  /// True in so many of 100 cases.
   bool Chance(u_int32_t percent) { return Below(100) < percent; }
   u_int8_t Byte() { return static_cast<u_int8_t>(_rng()); }
   DataVec Bytes(std::size_t size) {
@@ -34,7 +35,7 @@ class Dice {
   void Shuffle(std::vector<Thing>& things) {
     for (std::size_t i = things.size(); i > 1; --i) std::swap(things[i - 1], things[Below(i)]);
   }
-  /// For a die of its own.
+  /// A seed for another Random.
   u_int64_t Seed() { return _rng(); }
 
  private:

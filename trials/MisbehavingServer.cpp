@@ -1,4 +1,4 @@
-#include "trials/Server.h"
+#include "trials/MisbehavingServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -18,14 +18,14 @@
 #include <system_error>
 #include <utility>
 
-namespace faults {
+namespace trials {
 
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// The longest line that a client has to take.
+/// The longest line that a client accepts.
 constexpr std::size_t LONGEST_LINE = std::size_t{1} << 24;
 
 [[noreturn]] void ThrowSystemError(const char* what) {
@@ -54,7 +54,7 @@ class File {
   int _fd;
 };
 
-/// Memory to which a child writes what others read as a whole.
+/// All that was written to a file in memory.
 std::string Contents(const File& file) {
   std::string text(static_cast<std::size_t>(lseek(file.Get(), 0, SEEK_END)), '\0');
   if (pread(file.Get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
@@ -63,8 +63,8 @@ std::string Contents(const File& file) {
   return text;
 }
 
-/// Whether one of two is ready to be read before the deadline; the second may be -1.
-bool Ready(int fd, int other, steady_clock::time_point deadline) {
+/// Waits until one of two can be read; false at the deadline. The second may be -1.
+bool WaitUntilReadable(int fd, int other, steady_clock::time_point deadline) {
   pollfd waiting[] = {{fd, POLLIN, 0}, {other, POLLIN, 0}};
   for (;;) {
     const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now()).count();
@@ -83,7 +83,7 @@ pid_t Start(const std::vector<std::string>& words, const File& output, const Fil
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, output.Get(), STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errors.Get(), STDERR_FILENO);
-  // Whoever runs us in the background may have them ignored.
+  // These may be ignored in a process that runs in the background.
   sigset_t defaults;
   sigemptyset(&defaults);
   for (const int number : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&defaults, number);
@@ -99,7 +99,7 @@ pid_t Start(const std::vector<std::string>& words, const File& output, const Fil
   return pid;
 }
 
-/// A child that is gone when its owner is, however that ends.
+/// A child process, killed by its owner where it still runs.
 class ChildProcess {
  public:
   explicit ChildProcess(pid_t pid) : _pid(pid) {}
@@ -112,7 +112,7 @@ class ChildProcess {
   }
 
   pid_t Pid() const { return _pid; }
-  /// Its status, when it has ended.
+  /// Waits for its end. Returns its wait status.
   int Wait() {
     int status = 0;
     while (waitpid(_pid, &status, 0) < 0 && errno == EINTR) {
@@ -126,13 +126,13 @@ class ChildProcess {
 };
 
 /// One client's connection.
-class Conversation {
+class ClientConnection {
  public:
-  Conversation(int fd, sim::Fabric& fabric, Disturber& disturber, pid_t client, Outcome& outcome,
-               steady_clock::time_point deadline)
+  ClientConnection(int fd, sim::Fabric& fabric, FaultInjector& injector, pid_t client,
+                   RunOutcome& outcome, steady_clock::time_point deadline)
       : _connection(fd),
         _fabric(fabric),
-        _disturber(disturber),
+        _injector(injector),
         _client(client),
         _outcome(outcome),
         _deadline(deadline) {
@@ -142,20 +142,20 @@ class Conversation {
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof(longest));
   }
 
-  void Go() {
+  void Serve() {
     std::string request;
     while (_connection.Get() >= 0 && TakeFrame(request)) {
       const std::size_t index = _outcome.requests.size();
       _outcome.requests.push_back(request);
-      const bool is_executed = _disturber.Comes(index, request, _client);
+      const bool is_executed = _injector.BeforeRequest(index, request, _client);
       const std::string answer = is_executed ? _fabric.Execute(request).text : "";
       _outcome.answers.push_back(answer);
-      if (const Misdeed* misdeed = _disturber.Answers(index, request, answer)) {
-        Misbehave(*misdeed);
+      if (const InjectedFault* injected = _injector.FaultFor(index, request, answer)) {
+        SendFaulty(*injected);
       } else {
         Send(std::exchange(_late, {}) + Frame(answer));
       }
-      _disturber.Answered(index, _client);
+      _injector.AfterAnswer(index, _client);
     }
   }
 
@@ -164,57 +164,57 @@ class Conversation {
     return "NEW_BUF\n" + answer + "\nEND_BUF\n";
   }
 
-  void Misbehave(const Misdeed& misdeed) {
-    const std::string& answer = misdeed.answer;
+  void SendFaulty(const InjectedFault& injected) {
+    const std::string& answer = injected.answer;
     const std::string frame = Frame(answer);
-    switch (misdeed.fault) {
-      case Fault::LONG_LINE:
+    switch (injected.fault) {
+      case AnswerFault::LONG_LINE:
         Send("NEW_BUF\n" + std::string(LONGEST_LINE + 1, 'A'));
         return;
-      case Fault::LOST:
-      case Fault::CLOSE_BEFORE:
+      case AnswerFault::LOST:
+      case AnswerFault::CLOSE_BEFORE:
         return _connection.Close();
-      case Fault::CLOSE_INSIDE:
+      case AnswerFault::CLOSE_INSIDE:
         Send(frame.substr(0, frame.size() / 2));
         return _connection.Close();
-      case Fault::CLOSE_AFTER:
+      case AnswerFault::CLOSE_AFTER:
         Send(frame);
         return _connection.Close();
-      case Fault::RESET: {
+      case AnswerFault::RESET: {
         const linger at_once{.l_onoff = 1, .l_linger = 0};
         setsockopt(_connection.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
         return _connection.Close();
       }
-      case Fault::BYTEWISE:
+      case AnswerFault::BYTEWISE:
         for (const char c : frame) Send({&c, 1});
         return;
-      case Fault::RETURNS: {
+      case AnswerFault::RETURNS: {
         std::string lines;
         for (const char c : frame) lines += c == '\n' ? std::string("\r\n") : std::string(1, c);
         return Send(lines);
       }
-      case Fault::ONE_PIECE:
+      case AnswerFault::ONE_PIECE:
         return SendPieces(answer, 1);
-      case Fault::TWO_PIECES:
+      case AnswerFault::TWO_PIECES:
         return SendPieces(answer, 2);
-      case Fault::MANY_PIECES:
+      case AnswerFault::MANY_PIECES:
         return SendPieces(answer, answer.size());
-      case Fault::TWICE:
+      case AnswerFault::TWICE:
         return Send(frame + frame);
-      case Fault::TWICE_LATE:
+      case AnswerFault::TWICE_LATE:
         _late = frame;
         return Send(frame);
-      case Fault::SILENCE:
+      case AnswerFault::SILENCE:
         return;
-      case Fault::SILENCE_INSIDE:
+      case AnswerFault::SILENCE_INSIDE:
         return Send(frame.substr(0, frame.size() / 2));
       default:
         return Send(frame);
     }
   }
 
-  /// Sends the answer as a piece and `count` continuations, of about one size; the last is empty
-  /// where there is nothing left for it.
+  /// Sends the answer as a piece and `count` continuations, all of about the same size. The last
+  /// one may be empty.
   void SendPieces(const std::string& answer, std::size_t count) {
     constexpr std::size_t MOST_PIECES = 64;
     count = std::clamp<std::size_t>(count, 1, MOST_PIECES);
@@ -227,13 +227,13 @@ class Conversation {
       if (i == count) return;
       if (!TakeFrame(agreement)) return;
       if (agreement != "NsContinue") {
-        _outcome.complaint = "it agrees to a continuation with \"" + agreement + "\"";
+        _outcome.protocol_error = "it agrees to a continuation with \"" + agreement + "\"";
         return;
       }
     }
   }
 
-  /// A client that is gone tells so by its own end.
+  /// Ignores errors: a client that has closed the connection ends by itself.
   void Send(std::string_view bytes) {
     while (!bytes.empty()) {
       const ssize_t sent = send(_connection.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -243,13 +243,13 @@ class Conversation {
     }
   }
 
-  /// False when the client has gone, or says nothing for too long.
+  /// False when the client has closed the connection, or at the deadline.
   bool TakeFrame(std::string& content) {
     std::string head;
     std::string tail;
     if (!TakeLine(head)) return false;
     if (TakeLine(content) && TakeLine(tail) && head == "NEW_BUF" && tail == "END_BUF") return true;
-    _outcome.complaint = "it sends \"" + head + "\", \"" + content + "\", \"" + tail + "\"";
+    _outcome.protocol_error = "it sends \"" + head + "\", \"" + content + "\", \"" + tail + "\"";
     return false;
   }
 
@@ -261,7 +261,7 @@ class Conversation {
         _received.erase(0, end + 1);
         return true;
       }
-      if (!Ready(_connection.Get(), -1, _deadline)) return false;
+      if (!WaitUntilReadable(_connection.Get(), -1, _deadline)) return false;
       std::array<char, 8192> buffer;
       const ssize_t got = recv(_connection.Get(), buffer.data(), buffer.size(), 0);
       if (got < 0 && errno == EINTR) continue;
@@ -272,46 +272,51 @@ class Conversation {
 
   File _connection;
   sim::Fabric& _fabric;
-  Disturber& _disturber;
+  FaultInjector& _injector;
   pid_t _client;
-  Outcome& _outcome;
+  RunOutcome& _outcome;
   steady_clock::time_point _deadline;
   std::string _received;
   std::string _late;  ///< an answer too many that goes out with the next one
 };
 
-/// One misdeed, or none.
-class SingleMisdeed : public Disturber {
+/// Injects one fault, or none.
+class SingleFaultInjector : public FaultInjector {
  public:
-  SingleMisdeed(const Misdeed* misdeed, sim::Fabric& fabric) : _misdeed(misdeed), _fabric(fabric) {}
+  SingleFaultInjector(const InjectedFault* injected, sim::Fabric& fabric)
+      : _injected(injected), _fabric(fabric) {}
 
-  bool Comes(std::size_t index, const std::string&, pid_t) override {
+  bool BeforeRequest(std::size_t index, const std::string&, pid_t) override {
     if (!IsHit(index)) return true;
-    if (_misdeed->fault == Fault::ELEMENT_ERROR || _misdeed->fault == Fault::ELEMENT_TARGET_ERROR) {
+    if (_injected->fault == AnswerFault::ELEMENT_ERROR ||
+        _injected->fault == AnswerFault::ELEMENT_TARGET_ERROR) {
       sim::Fault fault;
       fault.kind = sim::Fault::DEVICE_ERROR;
-      fault.device = _misdeed->device;
+      fault.device = _injected->device;
       _fabric.faults.Add(fault);
     }
-    // An error of all is one of the request: nothing was done.
-    return _misdeed->fault != Fault::ERROR_ANSWER &&
-           _misdeed->fault != Fault::TARGET_ERROR_ANSWER && _misdeed->fault != Fault::LOST;
+    // An error for all devices means that the request was not executed.
+    return _injected->fault != AnswerFault::ERROR_ANSWER &&
+           _injected->fault != AnswerFault::TARGET_ERROR_ANSWER &&
+           _injected->fault != AnswerFault::LOST;
   }
-  const Misdeed* Answers(std::size_t index, const std::string&, const std::string&) override {
-    return IsHit(index) ? _misdeed : nullptr;
+  const InjectedFault* FaultFor(std::size_t index, const std::string&,
+                                const std::string&) override {
+    return IsHit(index) ? _injected : nullptr;
   }
-  void Answered(std::size_t, pid_t) override {}
+  void AfterAnswer(std::size_t, pid_t) override {}
 
  private:
-  bool IsHit(std::size_t index) const { return _misdeed && _misdeed->at == index; }
+  bool IsHit(std::size_t index) const { return _injected && _injected->at == index; }
 
-  const Misdeed* _misdeed;
+  const InjectedFault* _injected;
   sim::Fabric& _fabric;
 };
 
 }  // namespace
 
-Server::Server() : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+MisbehavingServer::MisbehavingServer()
+    : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -324,35 +329,37 @@ Server::Server() : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_N
   _port = ntohs(address.sin_port);
 }
 
-Server::~Server() { close(_listener); }
+MisbehavingServer::~MisbehavingServer() { close(_listener); }
 
-std::string Server::Name(const std::string& type) const { return Text(type, ":127.0.0.1:", _port); }
-
-Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
-                    const Misdeed* misdeed, milliseconds limit) {
-  SingleMisdeed disturber(misdeed, fabric);
-  return Run(words, fabric, disturber, limit);
+std::string MisbehavingServer::Name(const std::string& type) const {
+  return Text(type, ":127.0.0.1:", _port);
 }
 
-Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
-                    Disturber& disturber, milliseconds limit) {
+RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+                                  const InjectedFault* injected, milliseconds limit) {
+  SingleFaultInjector injector(injected, fabric);
+  return Run(words, fabric, injector, limit);
+}
+
+RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+                                  FaultInjector& injector, milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
-  Outcome outcome;
+  RunOutcome outcome;
   const File output(memfd_create("output", MFD_CLOEXEC));
   const File errors(memfd_create("errors", MFD_CLOEXEC));
-  // Of a client that was ended before it was served.
+  // Connections of a client that was ended before it was served.
   for (int left; (left = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) close(left);
   ChildProcess child(Start(words, output, errors));
-  // The C library's own is declared for C alone.
+  // The C library declares its own for C only.
   const File process(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
   if (process.Get() < 0) ThrowSystemError("pidfd_open");
-  if (Ready(_listener, process.Get(), deadline)) {
+  if (WaitUntilReadable(_listener, process.Get(), deadline)) {
     const int connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection >= 0) {
-      Conversation(connection, fabric, disturber, child.Pid(), outcome, deadline).Go();
+      ClientConnection(connection, fabric, injector, child.Pid(), outcome, deadline).Serve();
     }
   }
-  outcome.in_time = Ready(process.Get(), -1, deadline);
+  outcome.in_time = WaitUntilReadable(process.Get(), -1, deadline);
   if (!outcome.in_time) kill(child.Pid(), SIGKILL);
   const int status = child.Wait();
   if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
@@ -362,4 +369,4 @@ Outcome Server::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
   return outcome;
 }
 
-}  // namespace faults
+}  // namespace trials

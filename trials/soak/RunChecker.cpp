@@ -1,10 +1,10 @@
-#include "trials/soak/Rules.h"
+#include "trials/soak/RunChecker.h"
 
 #include <algorithm>
 #include <csignal>
 
 #include "src/utils.h"
-#include "trials/Console.h"
+#include "trials/BurnOutput.h"
 
 namespace soak {
 
@@ -13,7 +13,7 @@ namespace {
 constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 constexpr char COVERED_ROW[] = "a CRC over the first four bytes of a slot";
 constexpr char TORN_ROW[] = "a torn boot record that adds up by chance";
-/// The request that asks for all devices, and the second one for boot records.
+/// Indices of the request for the list of devices, and of the second one for boot records.
 constexpr std::size_t LIST_REQUEST = 2;
 constexpr std::size_t SECOND_RECORDS_REQUEST = 4;
 
@@ -25,11 +25,11 @@ Chips ChipsOf(const sim::Device& device) {
   return chips;
 }
 
-/// Whether devices differ in what the image does not map.
+/// Whether a device has changed in memory that the image does not map.
 bool DifferBeyond(const Image& image, const sim::Device& device, const Chips& before) {
   for (const auto& [address, chip] : device.chips) {
     std::size_t from = image.map.empty() && address == 0 ? chip.Size() : 0;
-    for (const Mapped& mapped : image.map) {
+    for (const MappedChip& mapped : image.map) {
       if (mapped.chip == address) from = mapped.size;
     }
     const DataVec& old = before.at(address);
@@ -51,7 +51,7 @@ std::size_t FirstDifference(const DataVec& left, const DataVec& right) {
   return static_cast<std::size_t>(std::ranges::mismatch(left, right).in1 - left.begin());
 }
 
-/// The elements of an answer; those in braces without them.
+/// The elements of an answer, without their braces.
 std::vector<std::string> ElementsOf(const std::string& answer) {
   std::vector<std::string> elements;
   int depth = 0;
@@ -82,18 +82,18 @@ std::vector<std::string> ElementsOf(const std::string& answer) {
 
 std::string DeviceName(Guid guid) { return "device " + sim::HexGuid(guid); }
 
-Run Rules::Begin() const {
-  Run run;
-  for (const auto& [guid, device] : _story.fabric.Devices()) run.chips[guid] = ChipsOf(device);
-  // What it would do to devices is no matter.
-  if (!_story.refusal.empty()) return run;
-  for (const Guid name : _story.targets) {
+BurnRun RunChecker::Begin() const {
+  BurnRun run;
+  for (const auto& [guid, device] : _scenario.fabric.Devices()) run.chips[guid] = ChipsOf(device);
+  // A refused burn reaches no device.
+  if (!_scenario.refusal.empty()) return run;
+  for (const Guid name : _scenario.targets) {
     Before& before = run.targets[name];
-    const sim::Device* device = _story.fabric.Find(name);
+    const sim::Device* device = _scenario.fabric.Find(name);
     if (device == nullptr) continue;
     before.node = device->node_guid;
     before.is_there = device->has_power;
-    before.memory = MemoryOf(*device, _story.image);
+    before.memory = MemoryOf(*device, _scenario.image);
     const Oracle oracle = OracleOf(before.node);
     before.view = oracle.Look(before.memory);
     before.refusal = oracle.After(before.memory).refusal;
@@ -102,52 +102,53 @@ Run Rules::Begin() const {
   return run;
 }
 
-void Rules::Check(Run& run, bool is_last) {
-  for (const faults::Report& report : faults::ReportsIn(run.outcome.output)) {
-    run.told.push_back(report.device);
+void RunChecker::Check(BurnRun& run, bool is_last) {
+  for (const trials::FailedDevice& report : trials::FailedDevicesIn(run.outcome.output)) {
+    run.reported.push_back(report.device);
   }
-  _account.requests += run.outcome.requests.size();
-  _account.failed += static_cast<u_int32_t>(run.told.size());
+  _statistics.requests += run.outcome.requests.size();
+  _statistics.failed += static_cast<u_int32_t>(run.reported.size());
   CheckEnd(run);
   FindFailures(run);
-  CheckTold(run);
+  CheckReports(run);
   CheckRequests(run);
   CheckChanges(run);
   CheckOthers(run);
   CheckMemories(run);
   CheckBoot(run);
   if (is_last) CheckLast(run);
-  for (const Fired& fired : run.fired) ++_account.ends[fired.hit.Name()][run.end];
-  if (run.fired.empty()) ++_account.ends["nothing"][run.end];
+  for (const OccurredFault& occurred : run.occurred)
+    ++_statistics.ends[occurred.planned.Name()][run.end];
+  if (run.occurred.empty()) ++_statistics.ends["nothing"][run.end];
 }
 
-void Rules::CheckRefusal(const Run& run) {
-  const faults::Outcome& outcome = run.outcome;
-  _account.requests += outcome.requests.size();
-  ++_account.ends["refused on purpose"]["ended"];
+void RunChecker::CheckRefusal(const BurnRun& run) {
+  const trials::RunOutcome& outcome = run.outcome;
+  _statistics.requests += outcome.requests.size();
+  ++_statistics.ends["refused on purpose"]["ended"];
   CheckOutcome(outcome);
   if (!outcome.errors.empty()) Fail("standard error: " + outcome.errors);
-  const std::string end = faults::EndOf(outcome.output);
-  if (outcome.status != 1 || end.find(_story.refusal) == std::string::npos) {
+  const std::string end = trials::FinalErrorIn(outcome.output);
+  if (outcome.status != 1 || end.find(_scenario.refusal) == std::string::npos) {
     Fail(Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"", end,
-              "\" instead of \"", _story.refusal, "\""));
+              "\" instead of \"", _scenario.refusal, "\""));
   }
   if (!run.changes.empty()) Fail(Text(run.changes.size(), " changes of what must be refused"));
-  for (const auto& [guid, device] : _story.fabric.Devices()) {
+  for (const auto& [guid, device] : _scenario.fabric.Devices()) {
     const Chips after = ChipsOf(device);
     if (after != run.chips.at(guid)) Fail(DeviceName(guid) + " is changed");
-    for (const auto& [address, bytes] : after) _account.bytes += bytes.size();
-    ++_account.left_alone;
+    for (const auto& [address, bytes] : after) _statistics.bytes += bytes.size();
+    ++_statistics.left_alone;
   }
 }
 
-void Rules::CheckOutcome(const faults::Outcome& outcome) {
+void RunChecker::CheckOutcome(const trials::RunOutcome& outcome) {
   if (!outcome.in_time) Fail("it does not end by itself");
-  if (!outcome.complaint.empty()) Fail(outcome.complaint);
+  if (!outcome.protocol_error.empty()) Fail(outcome.protocol_error);
 }
 
-/// How the run must end when nothing disturbs it; empty where it must go well.
-std::string Rules::EndByItself(const Run& run) const {
+/// The error that must end the run without any fault; empty where it must succeed.
+std::string RunChecker::EndByItself(const BurnRun& run) const {
   u_int32_t there = 0;
   u_int32_t refused = 0;
   for (const auto& [name, before] : run.targets) {
@@ -156,16 +157,16 @@ std::string Rules::EndByItself(const Run& run) const {
   }
   if (there == 0) return "No more accessible devices";
   if (refused < there) return "";
-  return _story.burn == BurnKind::RECORDS ? "All devices can't be failsafe burnt"
-                                          : "No more accessible devices";
+  return _scenario.burn == BurnKind::RECORDS ? "All devices can't be failsafe burnt"
+                                             : "No more accessible devices";
 }
 
-void Rules::CheckEnd(Run& run) {
-  const faults::Outcome& outcome = run.outcome;
+void RunChecker::CheckEnd(BurnRun& run) {
+  const trials::RunOutcome& outcome = run.outcome;
   CheckOutcome(outcome);
-  const std::string text = faults::EndOf(outcome.output);
-  const std::string assertion = faults::AssertionOf(outcome.errors);
-  run.is_well = faults::HasSucceeded(outcome);
+  const std::string text = trials::FinalErrorIn(outcome.output);
+  const std::string assertion = trials::FailedAssertionIn(outcome.errors);
+  run.is_well = trials::HasSucceeded(outcome);
 
   std::vector<std::string> ends;
   std::vector<std::string> asserts;
@@ -173,17 +174,17 @@ void Rules::CheckEnd(Run& run) {
   bool must_fail = !by_itself.empty();
   if (must_fail) ends.push_back(by_itself);
   int signal = 0;
-  for (const Fired& fired : run.fired) {
-    ends.insert(ends.end(), fired.ends.begin(), fired.ends.end());
-    asserts.insert(asserts.end(), fired.asserts.begin(), fired.asserts.end());
-    must_fail = must_fail || fired.must_fail;
-    if (fired.signal != 0) signal = fired.signal;
+  for (const OccurredFault& occurred : run.occurred) {
+    ends.insert(ends.end(), occurred.ends.begin(), occurred.ends.end());
+    asserts.insert(asserts.end(), occurred.asserts.begin(), occurred.asserts.end());
+    must_fail = must_fail || occurred.must_fail;
+    if (occurred.signal != 0) signal = occurred.signal;
   }
   const auto may_end = [&](const std::string& end) { return text.starts_with(end); };
   const bool has_ended = outcome.status == 1 && std::ranges::any_of(ends, may_end);
   const bool has_aborted = outcome.signal == SIGABRT && std::ranges::count(asserts, assertion) > 0;
   bool is_right = has_ended || has_aborted || (run.is_well && !must_fail);
-  // A burner that was killed while it waited cannot have ended in another way.
+  // The signal comes while the burner waits for an answer: it ends by nothing else.
   if (signal != 0) is_right = outcome.signal == signal;
   run.end = run.is_well ? "succeeded" : has_aborted ? "aborted" : signal != 0 ? "killed" : "ended";
   if (!is_right) {
@@ -196,21 +197,21 @@ void Rules::CheckEnd(Run& run) {
   if (!has_aborted && !outcome.errors.empty()) Fail("standard error: " + outcome.errors);
 }
 
-/// When the burner was told of each device that it is lost.
-void Rules::FindFailures(Run& run) const {
+/// Finds for each failed device the request whose answer told the burner.
+void RunChecker::FindFailures(BurnRun& run) const {
   const auto fails = [&run](Guid name, std::size_t at) { run.failed_at.try_emplace(name, at); };
   for (const auto& [name, before] : run.targets) {
     if (!before.is_there) fails(name, LIST_REQUEST);
-    // Those of a flash end the run.
-    if (before.is_there && !before.refusal.empty() && _story.burn == BurnKind::RECORDS) {
+    // A flash without a valid image ends the run.
+    if (before.is_there && !before.refusal.empty() && _scenario.burn == BurnKind::RECORDS) {
       fails(name, SECOND_RECORDS_REQUEST);
     }
   }
-  for (const Fired& fired : run.fired) {
-    if (fired.loses_device_at) fails(*fired.device, *fired.loses_device_at);
+  for (const OccurredFault& occurred : run.occurred) {
+    if (occurred.loses_device_at) fails(*occurred.device, *occurred.loses_device_at);
   }
   for (std::size_t i = 0; i < run.outcome.requests.size(); ++i) {
-    const auto request = faults::Understand(run.outcome.requests[i], "", false);
+    const auto request = trials::ParseRequest(run.outcome.requests[i], "", false);
     const std::vector<std::string> elements = ElementsOf(run.outcome.answers[i]);
     if (elements.size() != request.devices.size()) continue;
     for (std::size_t j = 0; j < elements.size(); ++j) {
@@ -219,43 +220,43 @@ void Rules::FindFailures(Run& run) const {
   }
 }
 
-/// Who failed is told, once, and nobody else.
-void Rules::CheckTold(const Run& run) {
+/// Every failed device is reported, once, and no other one.
+void RunChecker::CheckReports(const BurnRun& run) {
   GuidSet explained;
   bool any_may_fail = false;
   for (const auto& [name, at] : run.failed_at) explained.insert(name);
   for (const auto& [name, before] : run.targets) {
     if (!before.refusal.empty()) explained.insert(name);
   }
-  for (const Fired& fired : run.fired) {
-    any_may_fail = any_may_fail || fired.may_lose_all;
-    if (fired.is_misread && fired.device) explained.insert(*fired.device);
+  for (const OccurredFault& occurred : run.occurred) {
+    any_may_fail = any_may_fail || occurred.may_lose_all;
+    if (occurred.is_misread && occurred.device) explained.insert(*occurred.device);
   }
   GuidSet seen;
-  for (const Guid name : run.told) {
-    if (!seen.insert(name).second) Fail(DeviceName(name) + " is told as failed twice");
+  for (const Guid name : run.reported) {
+    if (!seen.insert(name).second) Fail(DeviceName(name) + " is reported as failed twice");
     if (!run.targets.contains(name)) {
-      Fail(DeviceName(name) + " was not given, and is told as failed");
+      Fail(DeviceName(name) + " is no target, and is reported as failed");
     }
     if (!any_may_fail && !explained.contains(name)) {
-      Fail(DeviceName(name) + " is told as failed for nothing");
+      Fail(DeviceName(name) + " is reported as failed without a reason");
     }
   }
   for (const auto& [name, at] : run.failed_at) {
     const bool was_heard = run.is_well || at + 1 < run.outcome.requests.size();
-    if (was_heard && !seen.contains(name)) Fail(DeviceName(name) + " failed, and nobody is told");
+    if (was_heard && !seen.contains(name)) Fail(DeviceName(name) + " failed, and is not reported");
   }
 }
 
-void Rules::CheckRequests(const Run& run) {
+void RunChecker::CheckRequests(const BurnRun& run) {
   for (std::size_t i = 0; i < run.outcome.requests.size(); ++i) {
     const std::string& text = run.outcome.requests[i];
-    const auto request = faults::Understand(text, "", false);
+    const auto request = trials::ParseRequest(text, "", false);
     const bool is_opening = i <= LIST_REQUEST;
     if (request.devices.empty() != is_opening) Fail("names no device, or too early: " + text);
     for (std::size_t j = 0; j < request.devices.size(); ++j) {
       const Guid name = request.devices[j];
-      if (!run.targets.contains(name)) Fail("a device that was not given is named: " + text);
+      if (!run.targets.contains(name)) Fail("a device is named that is no target: " + text);
       if (j > 0 && request.devices[j - 1] >= name) Fail("devices out of order: " + text);
       const auto failed = run.failed_at.find(name);
       if (failed != run.failed_at.end() && failed->second < i) {
@@ -265,9 +266,8 @@ void Rules::CheckRequests(const Run& run) {
   }
 }
 
-/// Nothing is written to devices that were not given, and to the others only the image, in its
-/// order.
-void Rules::CheckChanges(const Run& run) {
+/// Only targets are written to, and only as the steps of the burn allow, in their order.
+void RunChecker::CheckChanges(const BurnRun& run) {
   GuidSet given;
   for (const auto& [name, before] : run.targets) {
     if (!before.is_there) continue;
@@ -276,16 +276,16 @@ void Rules::CheckChanges(const Run& run) {
   }
   for (const Change& change : run.changes) {
     if (!given.contains(change.node)) {
-      Fail(DeviceName(change.node) + " was not given, and is written");
+      Fail(DeviceName(change.node) + " is no target, and is written");
     }
   }
 }
 
-/// In the linear memory; behind its end where the image does not map it.
-u_int64_t Rules::AddressOf(const Change& change) const {
+/// The linear address of a change; UNPLACED where the image does not map it.
+u_int64_t RunChecker::AddressOf(const Change& change) const {
   u_int64_t base = 0;
-  if (_story.image.map.empty()) return change.chip == 0 ? change.offset : UNPLACED;
-  for (const Mapped& chip : _story.image.map) {
+  if (_scenario.image.map.empty()) return change.chip == 0 ? change.offset : UNPLACED;
+  for (const MappedChip& chip : _scenario.image.map) {
     const bool is_mapped = u_int64_t{change.offset} + change.size <= chip.size;
     if (chip.chip == change.chip) return is_mapped ? base + change.offset : UNPLACED;
     base += chip.size;
@@ -293,10 +293,10 @@ u_int64_t Rules::AddressOf(const Change& change) const {
   return UNPLACED;
 }
 
-/// Every write and erase belongs to a step, and none to one that is over.
-void Rules::CheckOrder(const Run& run, Guid name, const Before& before) {
+/// Every write and erase belongs to the current step of the burn or to a later one.
+void RunChecker::CheckOrder(const BurnRun& run, Guid name, const Before& before) {
   std::vector<Step> steps;
-  if (!_story.check_only) {
+  if (!_scenario.check_only) {
     steps = OracleOf(before.node).Steps(before.memory, Seen(run, name, before));
   }
   auto step = steps.begin();
@@ -320,72 +320,73 @@ void Rules::CheckOrder(const Run& run, Guid name, const Before& before) {
   }
 }
 
-/// What was not given, and what the image does not map.
-void Rules::CheckOthers(const Run& run) {
+/// Devices that are no targets, and memory that the image does not map, are unchanged.
+void RunChecker::CheckOthers(const BurnRun& run) {
   GuidSet given;
   for (const auto& [name, before] : run.targets) given.insert(before.node);
-  for (const auto& [guid, device] : _story.fabric.Devices()) {
+  for (const auto& [guid, device] : _scenario.fabric.Devices()) {
     const Chips& before = run.chips.at(guid);
     if (!given.contains(guid)) {
-      if (ChipsOf(device) != before) Fail(DeviceName(guid) + " was not given, and is changed");
-      for (const auto& [address, bytes] : before) _account.bytes += bytes.size();
-      ++_account.left_alone;
-    } else if (DifferBeyond(_story.image, device, before)) {
+      if (ChipsOf(device) != before) Fail(DeviceName(guid) + " is no target, and is changed");
+      for (const auto& [address, bytes] : before) _statistics.bytes += bytes.size();
+      ++_statistics.left_alone;
+    } else if (DifferBeyond(_scenario.image, device, before)) {
       Fail(DeviceName(guid) + " is changed where the image has nothing");
     }
   }
 }
 
-/// What the burner took the device for, by the answers that it got.
-View Rules::Seen(const Run& run, Guid name, const Before& before) const {
+/// What the burner knows of the device, by the answers that it got.
+View RunChecker::Seen(const BurnRun& run, Guid name, const Before& before) const {
   View view = before.view;
-  for (const Fired& fired : run.fired) {
-    if (!fired.is_misread || fired.device != name) continue;
-    const u_int32_t addr = fired.request.addr;
+  for (const OccurredFault& occurred : run.occurred) {
+    if (!occurred.is_misread || occurred.device != name) continue;
+    const u_int32_t addr = occurred.request.addr;
     for (const u_int32_t slot : {0u, 1u}) {
-      if (addr == _story.image.ps[slot] + SIGNATURE_OFFSET) view.is_signed[slot] = false;
+      if (addr == _scenario.image.ps[slot] + SIGNATURE_OFFSET) view.is_signed[slot] = false;
     }
-    const bool is_marker = addr == MARKER && fired.request.size == 4;
+    const bool is_marker = addr == MARKER && occurred.request.size == 4;
     if (addr < before.memory.sector_size && !is_marker) view.invariant_changed = true;
   }
   return view;
 }
 
-/// What a device that was given must hold; nothing where nobody can know.
-std::optional<Memory> Rules::MemoryAfter(const Run& run, Guid name, const Before& before) {
-  const auto is_silent = [&](const Fired& fired) {
-    return fired.is_silent && fired.device == name;
+/// What a target must hold; nothing where that depends on when it failed.
+std::optional<Memory> RunChecker::MemoryAfter(const BurnRun& run, Guid name, const Before& before) {
+  const auto is_undetected = [&](const OccurredFault& occurred) {
+    return occurred.is_undetected && occurred.device == name;
   };
-  if (std::ranges::any_of(run.fired, is_silent)) return {};
+  if (std::ranges::any_of(run.occurred, is_undetected)) return {};
   const bool is_refused = !before.refusal.empty();
-  const bool is_left_alone =
-      !before.is_there || _story.check_only || (is_refused && _story.burn == BurnKind::RECORDS);
+  const bool is_left_alone = !before.is_there || _scenario.check_only ||
+                             (is_refused && _scenario.burn == BurnKind::RECORDS);
   if (is_left_alone) return before.memory;
-  // What failed, and what a run that ended was about, holds as much as it got.
-  const bool is_told = std::ranges::count(run.told, name) > 0;
-  if (is_refused ? !run.fired.empty() : !run.is_well || is_told) return {};
+  // A device that failed, or whose run ended, holds a part of the image.
+  const bool is_reported = std::ranges::count(run.reported, name) > 0;
+  if (is_refused ? !run.occurred.empty() : !run.is_well || is_reported) return {};
   Result result = OracleOf(before.node).After(before.memory, Seen(run, name, before));
   if (!is_refused) {
-    ++_account.burnt;
+    ++_statistics.burnt;
     if (!result.refusal.empty()) Fail(DeviceName(name) + " is to be refused: " + result.refusal);
   }
   return std::move(result.memory);
 }
 
-void Rules::CheckMemories(const Run& run) {
+void RunChecker::CheckMemories(const BurnRun& run) {
   for (const auto& [name, before] : run.targets) {
     if (before.node == 0) continue;
-    const sim::Device& device = *_story.fabric.Find(before.node);
-    for (const Fired& fired : run.fired) {
-      if (fired.hit.act == Act::WRITE_WRONG && fired.device == name) _wrong.insert(before.node);
+    const sim::Device& device = *_scenario.fabric.Find(before.node);
+    for (const OccurredFault& occurred : run.occurred) {
+      if (occurred.planned.kind == FaultKind::WRITE_WRONG && occurred.device == name)
+        _wrong.insert(before.node);
     }
     if (ViolationsOf(device) > before.violations && !_wrong.contains(before.node)) {
       Fail(DeviceName(name) + ": bits are set without an erase");
     }
     const std::optional<Memory> expected = MemoryAfter(run, name, before);
     if (!expected) continue;
-    const Memory after = MemoryOf(device, _story.image);
-    _account.bytes += after.bytes.size();
+    const Memory after = MemoryOf(device, _scenario.image);
+    _statistics.bytes += after.bytes.size();
     if (after.bytes != expected->bytes) {
       const std::size_t at = FirstDifference(expected->bytes, after.bytes);
       Fail(Text(DeviceName(name), " holds ", std::hex, u_int32_t{after.bytes[at]}, " at ", at,
@@ -394,17 +395,17 @@ void Rules::CheckMemories(const Run& run) {
   }
 }
 
-/// Whatever happened, a device that booted boots.
-void Rules::CheckBoot(const Run& run) {
-  for (const Fired& fired : run.fired) {
-    if (fired.is_silent) _excused.insert(run.targets.at(*fired.device).node);
+/// A device that booted at the start boots after any run.
+void RunChecker::CheckBoot(const BurnRun& run) {
+  for (const OccurredFault& occurred : run.occurred) {
+    if (occurred.is_undetected) _excused.insert(run.targets.at(*occurred.device).node);
   }
-  for (const auto& [node, rule] : _story.rules) {
+  for (const auto& [node, rule] : _scenario.rules) {
     if (_excused.contains(node)) continue;
-    const sim::Device& device = *_story.fabric.Find(node);
-    const Memory memory = MemoryOf(device, _story.image);
-    const BootRule::Verdict verdict = rule.Judge(_story.image, device, memory);
-    ++_account.judged;
+    const sim::Device& device = *_scenario.fabric.Find(node);
+    const Memory memory = MemoryOf(device, _scenario.image);
+    const BootRule::Verdict verdict = rule.Judge(_scenario.image, device, memory);
+    ++_statistics.judged;
     if (_out) *_out << DeviceName(node) << ": " << verdict.Text() << "\n";
     if (verdict.IsGood()) continue;
     const std::string row = RowOf(run, node, rule, verdict, memory);
@@ -412,15 +413,15 @@ void Rules::CheckBoot(const Run& run) {
       Fail(Text(DeviceName(node), " may not boot: ", verdict.Text()));
       continue;
     }
-    ++_account.rows[row];
-    _account.row_cases[row] = _story.seed;
+    ++_statistics.rows[row];
+    _statistics.row_cases[row] = _scenario.seed;
     _excused.insert(node);
   }
 }
 
-/// What of docs/fail-safety.md says that such a device may not boot; empty where nothing does.
-std::string Rules::RowOf(const Run& run, Guid node, const BootRule& rule,
-                         const BootRule::Verdict& verdict, const Memory& memory) const {
+/// The row of docs/fail-safety.md by which the device may not boot; empty where there is none.
+std::string RunChecker::RowOf(const BurnRun& run, Guid node, const BootRule& rule,
+                              const BootRule::Verdict& verdict, const Memory& memory) const {
   const auto target =
       std::ranges::find(run.targets, node, [](const auto& of) { return of.second.node; });
   if (!verdict.invariant_is_whole) {
@@ -434,13 +435,13 @@ std::string Rules::RowOf(const Run& run, Guid node, const BootRule& rule,
   const auto count = [&](BootRule::State state) {
     return std::ranges::count(verdict.slots, state);
   };
-  if (_story.burn != BurnKind::RECORDS || count(BootRule::BROKEN) == 0) {
-    return count(BootRule::MISSUMMED) > 0 ? COVERED_ROW : _story.row;
+  if (_scenario.burn != BurnKind::RECORDS || count(BootRule::BROKEN) == 0) {
+    return count(BootRule::MISSUMMED) > 0 ? COVERED_ROW : _scenario.row;
   }
-  // What was burnt to the end is torn by nothing.
-  const bool is_told =
-      target != run.targets.end() && std::ranges::count(run.told, target->first) > 0;
-  if (run.is_well && !is_told) return "";
+  // A burn that went through to its end leaves no torn record.
+  const bool is_reported =
+      target != run.targets.end() && std::ranges::count(run.reported, target->first) > 0;
+  if (run.is_well && !is_reported) return "";
   for (const u_int32_t slot : {0u, 1u}) {
     const bool is_broken = verdict.slots[slot] == BootRule::BROKEN;
     if (is_broken && rule.KnowsRecord(memory, slot)) return "";
@@ -448,12 +449,13 @@ std::string Rules::RowOf(const Run& run, Guid node, const BootRule& rule,
   return TORN_ROW;
 }
 
-/// Whatever went before: all that are there and boot are burnt run.
-void Rules::CheckLast(const Run& run) {
+/// Whatever was injected before: every target that is reachable and boots can be burnt.
+void RunChecker::CheckLast(const BurnRun& run) {
   for (const auto& [name, before] : run.targets) {
     if (before.node == 0 || _excused.contains(before.node)) continue;
-    const bool was_good = _story.burn == BurnKind::GENERIC || _story.rules.contains(before.node);
-    if (was_good && std::ranges::count(run.told, name) > 0) {
+    const bool was_good =
+        _scenario.burn == BurnKind::GENERIC || _scenario.rules.contains(before.node);
+    if (was_good && std::ranges::count(run.reported, name) > 0) {
       Fail(DeviceName(name) + " cannot be burnt again");
     }
   }

@@ -1,4 +1,4 @@
-/// A story is one image, one fabric and one command line, all made up from a seed.
+/// A scenario: an image, a fabric of devices and a command line, all derived from a seed.
 #pragma once
 
 #include <map>
@@ -11,21 +11,21 @@
 
 namespace soak {
 
-struct Story {
+struct Scenario {
   u_int64_t seed = 0;
-  std::string kind;  ///< a line of the table
+  std::string kind;  ///< the row of the statistics that counts it
   BurnKind burn = BurnKind::GENERIC;
   Image image;
-  std::string text;  ///< of the image file
+  std::string text;  ///< the image file
   sim::Fabric fabric;
   std::string server_type;
   u_int32_t log2_chunk = 5;  ///< -m
   std::vector<std::string> switches;
-  GuidSet targets;          ///< as the command line and the requests name them
+  GuidSet targets;          ///< devices to burn, by the GUIDs that the command line gives
   bool check_only = false;  ///< -c
-  u_int32_t requests = 0;   ///< about so many, in a clean run
-  std::string refusal;      ///< what the end must tell; empty where the burn must go well
-  std::string row;          ///< what of docs/fail-safety.md may cost it a slot
+  u_int32_t requests = 0;   ///< estimate for a fault-free run
+  std::string refusal;  ///< text of the error that must end the burn; empty where it must succeed
+  std::string row;      ///< of docs/fail-safety.md, by which a device may not boot; or empty
   bool rewrites_invariant = false;
   std::map<Guid, BootRule> rules;  ///< by node, of devices that boot at the start
 
@@ -33,6 +33,7 @@ struct Story {
   bool Verifies() const { return !IsFlash() && server_type == "I2C"; }
 };
 
-Story MakeStory(u_int64_t seed);
+/// The same seed gives the same scenario.
+Scenario MakeScenario(u_int64_t seed);
 
 }  // namespace soak

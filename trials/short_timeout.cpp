@@ -1,5 +1,5 @@
-/// Linked in the place of select: a burner that waits half a second instead of 30, and is the
-/// program that ships in all else.
+/// Linked in the place of select: makes a burner that waits half a second for an answer instead of
+/// 30 seconds, and is the released program in all else.
 
 #include <sys/select.h>
 

@@ -1,13 +1,13 @@
-#include "trials/soak/Account.h"
+#include "trials/soak/Statistics.h"
 
 namespace soak {
 
-Account& Account::operator+=(const Account& other) {
-  stories += other.stories;
+Statistics& Statistics::operator+=(const Statistics& other) {
+  scenarios += other.scenarios;
   runs += other.runs;
   for (const auto& [kind, count] : other.kinds) kinds[kind] += count;
-  for (const auto& [hit, by_end] : other.ends) {
-    for (const auto& [end, count] : by_end) ends[hit][end] += count;
+  for (const auto& [fault, by_end] : other.ends) {
+    for (const auto& [end, count] : by_end) ends[fault][end] += count;
   }
   for (const auto& [row, count] : other.rows) rows[row] += count;
   row_cases.insert(other.row_cases.begin(), other.row_cases.end());
@@ -15,7 +15,7 @@ Account& Account::operator+=(const Account& other) {
   failed += other.failed;
   left_alone += other.left_alone;
   judged += other.judged;
-  found_out += other.found_out;
+  detected += other.detected;
   requests += other.requests;
   bytes += other.bytes;
   if (failure.empty()) failure = other.failure;

@@ -1,0 +1,103 @@
+/// Checks of a run, whatever faults were injected into it: how it ends, which devices it reports,
+/// what it requests, what it writes and in what order, and what every device holds and boots from.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "trials/soak/PlannedFaults.h"
+#include "trials/soak/Scenario.h"
+#include "trials/soak/Statistics.h"
+
+namespace soak {
+
+/// All memory of a device, by chip.
+using Chips = std::map<u_int8_t, DataVec>;
+
+/// The state of a target before a run.
+struct Before {
+  Guid node = 0;
+  bool is_there = false;
+  Memory memory;
+  View view;
+  std::string refusal;  ///< why it will not be burnt; empty where it will
+  std::size_t violations = 0;
+};
+
+/// A write or an erase during a run.
+struct Change {
+  sim::Operation::Kind kind;
+  Guid node;
+  u_int8_t chip;
+  u_int32_t offset;
+  u_int32_t size;
+};
+
+/// One run of the burner.
+struct BurnRun {
+  std::map<Guid, Before> targets;  ///< by name
+  std::map<Guid, Chips> chips;     ///< of all devices before, by node
+  trials::RunOutcome outcome;
+  std::vector<OccurredFault> occurred;
+  std::vector<Change> changes;  ///< in the order made
+
+  // Found by the checks.
+  std::vector<Guid> reported;             ///< as failed
+  std::map<Guid, std::size_t> failed_at;  ///< index of the request whose answer tells so, by name
+  bool is_well = false;
+  std::string end;  ///< a column of the statistics
+};
+
+/// As messages have it.
+std::string DeviceName(Guid guid);
+/// Part of the message about a write that belongs to an earlier step; the current step follows.
+inline const std::string OUT_OF_ORDER = ", when the burn is at ";
+
+/// Checks the runs of one scenario, one after the other.
+class RunChecker {
+ public:
+  /// Counts in `statistics`, and records failures there. `out`, where it is not null, gets details.
+  RunChecker(const Scenario& scenario, Statistics& statistics, std::ostream* out)
+      : _scenario(scenario), _statistics(statistics), _out(out) {}
+
+  /// The state before a run.
+  BurnRun Begin() const;
+  /// Checks a run that is over. After the last one, all devices that boot hold the new image.
+  void Check(BurnRun& run, bool is_last);
+  /// Checks a run that must change nothing.
+  void CheckRefusal(const BurnRun& run);
+
+ private:
+  void CheckOutcome(const trials::RunOutcome& outcome);
+  std::string EndByItself(const BurnRun& run) const;
+  void CheckEnd(BurnRun& run);
+  void FindFailures(BurnRun& run) const;
+  void CheckReports(const BurnRun& run);
+  void CheckRequests(const BurnRun& run);
+  void CheckChanges(const BurnRun& run);
+  u_int64_t AddressOf(const Change& change) const;
+  void CheckOrder(const BurnRun& run, Guid name, const Before& before);
+  void CheckOthers(const BurnRun& run);
+  View Seen(const BurnRun& run, Guid name, const Before& before) const;
+  std::optional<Memory> MemoryAfter(const BurnRun& run, Guid name, const Before& before);
+  void CheckMemories(const BurnRun& run);
+  void CheckBoot(const BurnRun& run);
+  std::string RowOf(const BurnRun& run, Guid node, const BootRule& rule,
+                    const BootRule::Verdict& verdict, const Memory& memory) const;
+  void CheckLast(const BurnRun& run);
+  void Fail(const std::string& text) { _statistics.Fail(text); }
+  Oracle OracleOf(Guid node) const {
+    return Oracle(_scenario.image, _scenario.burn, *_scenario.fabric.Find(node));
+  }
+
+  const Scenario& _scenario;
+  Statistics& _statistics;
+  std::ostream* _out;
+  GuidSet _wrong;    ///< nodes that have had a wrong bit written
+  GuidSet _excused;  ///< nodes that need not boot any more
+};
+
+}  // namespace soak

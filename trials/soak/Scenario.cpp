@@ -1,0 +1,514 @@
+#include "trials/soak/Scenario.h"
+
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+#include "src/utils.h"
+#include "trials/soak/RandomImage.h"
+
+namespace soak {
+
+namespace {
+
+constexpr int TRIES = 4000;
+
+/// What a slot holds at the start.
+enum class SlotContents { BLANK, NOISE, INVALID, SIGNED_WRONG, VALID };
+
+class ScenarioMaker {
+ public:
+  explicit ScenarioMaker(u_int64_t seed) : _random(seed) { _scenario.seed = seed; }
+
+  Scenario Make() {
+    const u_int32_t kind = _random.Below(100);
+    const u_int32_t ports = _random.Chance(60) ? 2 : 4;
+    _most_ports = ports;
+    if (kind < 30) {
+      SetUpEeproms();
+    } else if (kind < 45) {
+      SetUpFlash();
+    } else if (kind < 75) {
+      SetUpPointerSectors();
+    } else {
+      SetUpBootRecords();
+    }
+    if (_random.Chance(8) && _scenario.row.empty() && !_scenario.rewrites_invariant) MakeRefused();
+    _scenario.text = TextOf(_scenario.image, _random);
+    WriteSwitches();
+    _scenario.requests = CountRequests();
+    return std::move(_scenario);
+  }
+
+ private:
+  template <typename Thing>
+  Thing RetryUntilMade(const std::function<std::optional<Thing>()>& make) {
+    for (int i = 0; i < TRIES; ++i) {
+      if (auto made = make()) return std::move(*made);
+    }
+    throw std::runtime_error(Text("scenario ", _scenario.seed, " finds no image that fits"));
+  }
+
+  // ---- The four kinds
+
+  void SetUpEeproms() {
+    _scenario.kind = "EEPROM, generic";
+    _layout = MakeEeproms(_random);
+    _layout.may_have_guids = _most_ports <= 2;
+    const bool is_record_type = _random.Chance(40);
+    _scenario.image = RetryUntilMade<Image>([&] {
+      _layout = MakeEeproms(_random);
+      _layout.may_have_guids = _most_ports <= 2;
+      return MakeGeneric(_layout, _random);
+    });
+    _scenario.image.type = is_record_type ? "RV61300" : "RV61100";
+    _scenario.image.bsn_first = _random.Chance(20);
+    if (is_record_type || _random.Chance(30)) _scenario.switches.push_back("-n");
+    for (const Guid guid : AddDevices(_random.Between(1, 6), _random.Below(4))) {
+      sim::Device& device = *_scenario.fabric.Find(guid);
+      Load(device, _scenario.image, Filled(_layout.size));
+    }
+  }
+
+  void SetUpFlash() {
+    _scenario.kind = "flash, generic";
+    _scenario.image = RetryUntilMade<Image>([&] {
+      _layout = MakeFlash(_random, _random.Between(2, 16));
+      _layout.may_have_guids = _most_ports <= 2;
+      return MakeGeneric(_layout, _random);
+    });
+    _scenario.image.type = FlashType();
+    _scenario.switches.push_back("-n");
+    for (const Guid guid : AddDevices(1, _random.Below(3))) {
+      Load(*_scenario.fabric.Find(guid), _scenario.image, Filled(_layout.size));
+    }
+  }
+
+  void SetUpPointerSectors() {
+    _scenario.burn = BurnKind::POINTERS;
+    const bool changes_invariant = _random.Chance(8);
+    SlotContents contents[2] = {PickSlotContents(), PickSlotContents()};
+    if (contents[0] != SlotContents::VALID && contents[1] != SlotContents::VALID)
+      contents[_random.Below(2)] = SlotContents::VALID;
+    const bool may_be_unsafe = _random.Chance(6);
+    if (may_be_unsafe && _random.Chance(30)) {
+      contents[contents[0] == SlotContents::VALID ? 1 : 0] = SlotContents::SIGNED_WRONG;
+      _scenario.row = "a signature over a wrong record";
+    }
+    // A scenario has one reason at most.
+    const bool takes_unsafe = may_be_unsafe && _scenario.row.empty();
+    int tries_for_unsafe = takes_unsafe ? TRIES / 4 : 0;
+    const std::string type = FlashType();
+    // Random choices rarely lead to a move.
+    const bool is_second = contents[0] != SlotContents::VALID && contents[1] == SlotContents::VALID;
+    int tries_for_move = is_second && _random.Chance(35) ? TRIES / 4 : 0;
+    std::vector<Section> old_invariant;
+    struct Pair {
+      Image before;
+      Image after;
+    };
+    Pair pair = RetryUntilMade<Pair>([&]() -> std::optional<Pair> {
+      _layout = MakeFlash(_random, _random.Between(8, 24));
+      _layout.may_have_guids = _most_ports <= 2;
+      Slots slots;
+      const bool is_behind = _random.Chance(10);
+      const u_int32_t first = is_behind ? _layout.size / _layout.sector_size - 2 : 1;
+      if (is_behind) _layout.image_end = first * _layout.sector_size;
+      for (const u_int32_t i : {0u, 1u}) slots.ps[i] = (first + i) * _layout.sector_size;
+      if (_random.Chance(15)) std::swap(slots.ps[0], slots.ps[1]);
+      const auto invariant = MakeInvariant(_layout, _random);
+      old_invariant = changes_invariant ? MakeInvariant(_layout, _random) : invariant;
+      // Such a device has only one of the images, as they overlap.
+      slots.may_overlap = may_be_unsafe && contents[0] != SlotContents::VALID && _random.Chance(50);
+      auto before = MakePointers(_layout, slots, old_invariant, _random);
+      slots.may_overlap = false;
+      auto after = MakePointers(_layout, slots, invariant, _random);
+      if (!before || !after) return {};
+      const u_int32_t end = after->SlotBytes() + 3 * _layout.sector_size;
+      if (--tries_for_move > 0 && before->slot[1] >= end) return {};
+      const std::string row = UnsafeRow(*before, *after, contents);
+      if (!row.empty() && !takes_unsafe) return {};
+      if (--tries_for_unsafe > 0 && row.empty()) return {};
+      if (!row.empty()) _scenario.row = row;
+      before->type = after->type = type;
+      // Only a move reads the size, which may be odd.
+      if (_random.Chance(20)) {
+        const auto ps = std::ranges::find(before->sections, slots.ps[1], &Section::addr);
+        ps->data[7] = static_cast<u_int8_t>(ps->data[7] - _random.Below(ps->data[7] % 4 + 1));
+      }
+      return Pair{std::move(*before), std::move(*after)};
+    });
+    _scenario.image = std::move(pair.after);
+    _scenario.rewrites_invariant = changes_invariant;
+    const bool is_valid[] = {contents[0] == SlotContents::VALID,
+                             contents[1] == SlotContents::VALID};
+    const bool is_moved =
+        pair.before.slot[1] < _scenario.image.SlotBytes() + 3 * _layout.sector_size;
+    _scenario.kind = is_valid[0] && is_valid[1] ? "flash, failsafe, both valid"
+                     : is_valid[0]              ? "flash, failsafe, first valid"
+                     : is_moved                 ? "flash, failsafe, second moved"
+                                                : "flash, failsafe, second valid";
+    if (_random.Chance(7)) {
+      _scenario.kind = "flash, two slots, -n";
+      _scenario.burn = BurnKind::GENERIC;
+      _scenario.switches.push_back("-n");
+      _scenario.row.clear();
+    }
+    const GuidVec nodes = AddDevices(1, _random.Below(3));
+    for (const Guid guid : nodes) {
+      sim::Device& device = *_scenario.fabric.Find(guid);
+      const Oracle old(pair.before, BurnKind::POINTERS, device);
+      Memory memory = Filled(_layout.size);
+      // Without an old image the sectors may hold anything but a signature.
+      old.BurnInvariantSector(memory);
+      for (const u_int32_t slot : {0u, 1u})
+        FillSlot(memory, old, pair.before, slot, contents[slot]);
+      Load(device, _scenario.image, memory);
+      Know(device, pair.before, memory);
+    }
+  }
+
+  void SetUpBootRecords() {
+    _scenario.kind = "EEPROM, failsafe";
+    _scenario.burn = BurnKind::RECORDS;
+    struct Pair {
+      Image before;
+      Image after;
+    };
+    Pair pair = RetryUntilMade<Pair>([&]() -> std::optional<Pair> {
+      _layout = MakeEeproms(_random);
+      _layout.may_have_guids = _most_ports <= 2;
+      Slots slots;
+      slots.slot[0] = _random.Chance(60) ? 0 : _random.Below(_layout.size / 4);
+      slots.slot[1] = _layout.map.size() > 1 && _random.Chance(60)
+                          ? _layout.map[0].size
+                          : slots.slot[0] + _random.Below(_layout.size);
+      if (slots.slot[1] <= slots.slot[0]) return {};
+      auto before = MakeRecords(_layout, slots, _random);
+      auto after = MakeRecords(_layout, slots, _random);
+      if (!before || !after) return {};
+      before->type = after->type = "RV61300";
+      return Pair{std::move(*before), std::move(*after)};
+    });
+    _scenario.image = std::move(pair.after);
+    if (_random.Chance(4)) SpoilRecord();
+    if (_random.Chance(5)) {
+      _scenario.switches.push_back("-c");
+      _scenario.check_only = true;
+    }
+    for (const Guid guid : AddDevices(_random.Between(1, 6), _random.Below(4))) {
+      sim::Device& device = *_scenario.fabric.Find(guid);
+      const Oracle old(pair.before, BurnKind::RECORDS, device);
+      Memory memory = Filled(_layout.size);
+      for (const u_int32_t slot : {0u, 1u}) {
+        const SlotContents contents = PickSlotContents();
+        FillSlot(memory, old, pair.before, slot, contents);
+      }
+      const bool is_first = guid == _first;
+      if (is_first && !old.IsValid(memory, 0) && !old.IsValid(memory, 1)) {
+        FillSlot(memory, old, pair.before, _random.Below(2), SlotContents::VALID);
+      }
+      Load(device, _scenario.image, memory);
+      if (old.IsValid(memory, 0) || old.IsValid(memory, 1)) Know(device, pair.before, memory);
+    }
+  }
+
+  /// Makes the image one that can never be valid.
+  void SpoilRecord() {
+    const u_int32_t first = _scenario.image.slot[0];
+    const auto section = std::ranges::find(_scenario.image.sections, first, &Section::addr);
+    if (_random.Chance(50)) {
+      section->data[5] ^= 4;
+      _scenario.row = "an image whose record has a wrong sum";
+    } else {
+      section->data[9] = static_cast<u_int8_t>(section->data[9] + section->data[7] - 1);
+      section->data[7] = 1;
+      _scenario.row = "an image with 1 in byte 7 of its record";
+    }
+  }
+
+  // ---- What devices hold
+
+  SlotContents PickSlotContents() {
+    return _random.OneOf({SlotContents::BLANK, SlotContents::NOISE, SlotContents::INVALID,
+                          SlotContents::VALID, SlotContents::VALID});
+  }
+
+  void FillSlot(Memory& memory, const Oracle& old, const Image& image, u_int32_t slot,
+                SlotContents contents) {
+    const bool has_pointers = image.ps[0] != UNPLACED;
+    if (contents != SlotContents::BLANK && contents != SlotContents::NOISE)
+      old.BurnSlot(memory, slot);
+    const u_int32_t record = has_pointers ? image.ps[slot] : image.slot[slot];
+    const u_int32_t size = has_pointers ? RECORD_SIZE : 16;
+    if (contents == SlotContents::BLANK)
+      std::fill_n(memory.bytes.begin() + record, size, u_int8_t{0xFF});
+    if (contents == SlotContents::NOISE) {
+      std::ranges::copy(_random.Bytes(size), memory.bytes.begin() + record);
+    }
+    if (contents == SlotContents::SIGNED_WRONG) memory.bytes[record + 20] ^= 2;
+    if (contents == SlotContents::VALID || contents == SlotContents::SIGNED_WRONG) return;
+    if (has_pointers && (contents == SlotContents::INVALID || old.IsSigned(memory, slot))) {
+      std::fill_n(memory.bytes.begin() + record + SIGNATURE_OFFSET, 4, u_int8_t{0});
+    }
+    if (!has_pointers && old.IsValid(memory, slot)) memory.bytes[record + 3] ^= 0x40;
+  }
+
+  Memory Filled(u_int32_t size) {
+    Memory memory;
+    memory.sector_size = _layout.sector_size;
+    memory.bytes = DataVec(size, _random.OneOf<u_int8_t>({0xFF, 0x00, 0xEE}));
+    if (_random.Chance(50)) memory.bytes = _random.Bytes(size);
+    return memory;
+  }
+
+  void Know(const sim::Device& device, const Image& old_image, const Memory& now) {
+    if (!_selected.contains(device.node_guid) || _scenario.burn == BurnKind::GENERIC) return;
+    BootRule rule(_scenario.burn);
+    rule.Know(old_image, device, now, BootRule::OLD);
+    rule.Know(_scenario.image, device, now, BootRule::NEW);
+    _scenario.rules.emplace(device.node_guid, std::move(rule));
+  }
+
+  /// The row of docs/fail-safety.md by which a burn of `after` over `before` is not failsafe; empty
+  /// where it is.
+  std::string UnsafeRow(const Image& before, const Image& after,
+                        const SlotContents (&contents)[2]) const {
+    const char* const reaches = "a first image that reaches into the second slot";
+    const u_int32_t to = 3 * _layout.sector_size;
+    const u_int32_t old_end = _layout.RoundUp(before.slot[0] + before.Extent());
+    if (contents[0] == SlotContents::VALID && old_end > after.slot[1]) return reaches;
+    if (contents[1] != SlotContents::VALID) return "";
+    if (before.slot[1] >= to + after.SlotBytes()) {
+      const u_int32_t new_end = _layout.RoundUp(after.slot[0] + after.Extent());
+      if (new_end <= before.slot[1]) return "";
+      const bool is_gap = after.Extent() != after.SlotBytes();
+      return is_gap ? "a new first image with gaps" : "a new first image behind the fourth sector";
+    }
+    const u_int32_t moved_end = _layout.RoundUp(to + before.Extent());
+    if (moved_end > before.slot[1]) return "moving an image onto itself";
+    return moved_end > after.slot[1] ? reaches : "";
+  }
+
+  std::string FlashType() {
+    return _random.OneOf<const char*>({"RV52100", "RV52300", "RV52310", "RV52400", "RV52410"});
+  }
+
+  // ---- The fabric
+
+  /// Adds the targets, then other devices. Returns all of them in this order.
+  GuidVec AddDevices(u_int32_t selected, u_int32_t others) {
+    GuidVec nodes;
+    const bool is_flash = _scenario.IsFlash();
+    for (u_int32_t i = 0; i < selected + others; ++i) {
+      sim::Device device;
+      device.node_guid = NewGuid();
+      const u_int32_t ports = _random.Between(1, _most_ports);
+      for (u_int32_t port = 0; port < ports; ++port) device.port_guids.push_back(NewGuid());
+      device.sys_guid = _random.Chance(30) ? device.node_guid : NewGuid();
+      device.declared_ports = ports;
+      device.bsn = _random.Bytes(sim::BSN_SIZE);
+      device.vsd = _random.Bytes(sim::VSD_SIZE);
+      device.kind = is_flash ? sim::MemoryKind::FLASH : sim::MemoryKind::I2C;
+      const auto add_chip = [&](u_int8_t address, u_int32_t size) {
+        device.chips.try_emplace(
+            address, sim::Chip(std::make_unique<sim::Cells>(size), _layout.sector_size));
+      };
+      if (_layout.map.empty()) add_chip(0, _layout.size);
+      for (const MappedChip& chip : _layout.map) {
+        add_chip(chip.chip, chip.size + (_random.Chance(30) ? 64 : 0));
+      }
+      if (!is_flash && _random.Chance(30)) add_chip(0x70, 64);
+      const Guid node = device.node_guid;
+      const GuidVec port_guids = device.port_guids;
+      _scenario.fabric.Add(std::move(device));
+      nodes.push_back(node);
+      if (i >= selected) continue;
+      if (i == 0) _first = node;
+      _selected.insert(node);
+      _scenario.targets.insert(_random.Chance(25) ? port_guids[_random.Below(port_guids.size())]
+                                                  : node);
+    }
+    if (!is_flash && _random.Chance(10)) _scenario.targets.insert(NewGuid());
+    _scenario.server_type =
+        is_flash ? _random.OneOf<const char*>({"IB", "PCI", "PPC", "I2C"})
+                 : _random.OneOf<const char*>({"I2C", "I2C", "I2C", "IB", "PCI", "PPC"});
+    _scenario.log2_chunk = _layout.log2_chunk;
+    sim::ServerFacts& facts = _scenario.fabric.facts;
+    facts.type = _scenario.server_type;
+    facts.multi_max = Text(_random.Between(selected, selected + _random.Below(100)));
+    if (selected == 1 && _random.Chance(10)) facts.multi_max = "many";
+    facts.ifc_version = _random.OneOf<const char*>({"2.2", "2.2", "2.20", "2.3", "3", "10.5"});
+    return nodes;
+  }
+
+  Guid NewGuid() {
+    for (;;) {
+      const Guid guid = _random.Chance(50) ? _random.Seed() : 1 + _random.Below(0xFFFFFF);
+      if (_guids.insert(guid).second) return guid;
+    }
+  }
+
+  // ---- What must be refused
+
+  /// Changes the scenario so that the burn must be refused and write nothing.
+  void MakeRefused() {
+    const bool is_flash = _scenario.IsFlash();
+    Image& image = _scenario.image;
+    _scenario.kind = "refused";
+    // A device that is missing would end the burn with another error.
+    std::erase_if(_scenario.targets,
+                  [&](Guid guid) { return _scenario.fabric.Find(guid) == nullptr; });
+    switch (_random.Below(9)) {
+      case 0:
+        image.type = "RV61200";
+        _scenario.refusal = "Device RV0 Rom Interface not supported yet";
+        return;
+      case 1:
+        _scenario.fabric.facts.ifc_version = _random.OneOf<const char*>({"2.1", "1", "2.19", "0"});
+        _scenario.refusal = "The required version is 2.2 or above";
+        return;
+      case 2:
+        if (is_flash) {
+          _scenario.targets.insert(NewGuid());
+          _scenario.refusal = "the flash sector size is unknown";
+          if (_scenario.burn == BurnKind::POINTERS) {
+            _scenario.refusal = "The flash sector size is unknown. Can't perform failsafe burn";
+          }
+          return;
+        }
+        if (_scenario.targets.size() > 1) {
+          _scenario.fabric.facts.multi_max = Text(_scenario.targets.size() - 1);
+          _scenario.refusal = "Multi max violation. Server capability: ";
+          return;
+        }
+        break;
+      case 3:
+        _scenario.targets = {NewGuid()};
+        _scenario.refusal = "No more accessible devices";
+        return;
+      case 4:
+        if (_scenario.burn != BurnKind::GENERIC) {
+          image.slot[1] = UNPLACED;
+          _scenario.refusal = "FwImage: Tried to access uninitiated field Image Addr[1]";
+          return;
+        }
+        if (const Section& first = image.sections.front(); first.Size() >= 8) {
+          const bool is_field = _random.Chance(50);
+          if (is_field) image.fields.push_back({first.End() - 4, FieldType::GUID});
+          if (!is_field) image.crcs.push_back({first.End() - 8, 12, first.addr});
+          _scenario.refusal = is_field ? "Replace field (from:" : "Replace CRC (from:";
+          return;
+        }
+        break;
+      case 5:
+        if (_scenario.burn != BurnKind::POINTERS) break;
+        image.ps[1] = _layout.size;
+        _scenario.refusal = "The image has no section at its pointer sector address ";
+        return;
+      case 6:
+        if (_scenario.burn == BurnKind::GENERIC) break;
+        InvalidateImages();
+        return;
+      default:
+        break;
+    }
+    SpoilImageText();
+  }
+
+  void InvalidateImages() {
+    const Image& image = _scenario.image;
+    const bool has_pointers = _scenario.burn == BurnKind::POINTERS;
+    for (auto& [guid, device] : _scenario.fabric.Devices()) {
+      Memory memory = MemoryOf(device, image);
+      for (const u_int32_t slot : {0u, 1u}) {
+        if (has_pointers) memory.bytes[image.ps[slot] + SIGNATURE_OFFSET] = 0;
+        if (!has_pointers && Oracle(image, _scenario.burn, device).IsValid(memory, slot)) {
+          memory.bytes[image.slot[slot]] ^= 1;
+        }
+      }
+      if (has_pointers && _random.Chance(50)) memory.bytes[MARKER] = 0;
+      Load(device, image, memory);
+    }
+    _scenario.refusal =
+        has_pointers ? "No more accessible devices" : "All devices can't be failsafe burnt";
+  }
+
+  void SpoilImageText() {
+    const Place place = PlaceOf(_scenario.image, 0);
+    const std::string location = Text(std::hex, place.offset, " ", u_int32_t{place.chip});
+    const struct {
+      std::string line;
+      const char* reason;
+    } rows[] = {
+        {"REPLACE MAC " + location, "Unknown replace field type 'MAC' ."},
+        {"IMAGE 2 " + location, "image index (2) can be iether 0 or 1"},
+        {"REPLACE GUID 0", "'REPLACE' directive must contain 4words."},
+        {"REPLACE CRC 0 0 0", "'REPLACE' directive must contain 8words."},
+        {"DEVMAP 10", "'DEVMAP' directive must contain 3words."},
+        {"DEVMAP 10 150", "Device addr must be 8 bits (150)."},
+        {"PS 0 1g 0", "Error parsing offset (1g)."},
+        {"START A 0", "START line must give a name, an offset and a device."},
+        {"START Z " + location + "\n1 2 3\nEND Z",
+         "Section data line must have multiple of 4 bytes."},
+        {"START Z " + location + "\n1 2 0g 3\nEND Z", "Data byte (0g) contains invalid characters"},
+        {"START Z " + location + "\n1 2 3 4\nEND Y",
+         "END Section name (Y) differs from start section name (Z)."},
+        {"REPLACE GUID 0 ee", "No mapping for the given EE loaction  (ee:"},
+    };
+    const auto& row = rows[_random.Below(std::size(rows))];
+    _scenario.image.spoilt = {row.line};
+    _scenario.refusal = row.reason;
+  }
+
+  // ---- The command line
+
+  void WriteSwitches() {
+    std::vector<std::string>& words = _scenario.switches;
+    if (_scenario.log2_chunk != 5 || _random.Chance(30)) {
+      if (_random.Chance(50)) {
+        words.push_back(Text("-m=", _scenario.log2_chunk));
+      } else {
+        words.insert(words.end(), {"-m", Text(_scenario.log2_chunk)});
+      }
+    }
+    std::vector<Guid> guids(_scenario.targets.begin(), _scenario.targets.end());
+    _random.Shuffle(guids);
+    if (_random.Chance(10)) guids.push_back(guids.front());
+    std::string list;
+    for (const Guid guid : guids) {
+      list += Text(list.empty() ? "" : ",", _random.Chance(30) ? "0x" : "", std::hex, guid);
+      if (!_random.Chance(15)) continue;
+      words.insert(words.end(), {"-g", list});
+      list.clear();
+    }
+    if (!list.empty()) words.insert(words.end(), {"-g", list});
+  }
+
+  /// Estimates the requests of a fault-free run, for the choice of where to inject faults.
+  u_int32_t CountRequests() const {
+    const u_int32_t chunk = 1u << _scenario.log2_chunk;
+    u_int32_t writes = 0;
+    for (const Section& section : _scenario.image.sections) writes += section.Size() / chunk + 1;
+    const auto type =
+        static_cast<u_int32_t>(_scenario.image.fields.size() + _scenario.image.crcs.size());
+    const auto devices = static_cast<u_int32_t>(_scenario.targets.size());
+    u_int32_t count = writes * (_scenario.burn == BurnKind::RECORDS ? 2 : 1) + type * devices;
+    if (_scenario.Verifies()) count *= 2;
+    return 5 + count + (_scenario.burn == BurnKind::GENERIC ? 0 : 4);
+  }
+
+  Random _random;
+  Scenario _scenario;
+  MemoryLayout _layout;
+  u_int32_t _most_ports = 2;
+  Guid _first = 0;
+  GuidSet _selected;  ///< nodes
+  GuidSet _guids;     ///< those in use
+};
+
+}  // namespace
+
+Scenario MakeScenario(u_int64_t seed) { return ScenarioMaker(seed).Make(); }
+
+}  // namespace soak
