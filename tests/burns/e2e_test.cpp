@@ -492,7 +492,7 @@ TEST_F(EndToEndTest, CommandLineThatIsWrongIsRefused) {
 
 TEST_F(EndToEndTest, VersionAndHelpSucceed) {
   EXPECT_EQ(RunProgram({FwpushProgram(), "-v"}).output,
-            "fwpush 1.0.0, BRAID , BUILD 20050712-1101\n");
+            "fwpush " FWPUSH_VERSION ", BRAID , BUILD 20050712-1101\n");
   EXPECT_EQ(RunProgram({FwpushProgram(), "-v"}).status, 0);
   const Outcome help = RunProgram({FwpushProgram(), "-h"});
   EXPECT_EQ(help.status, 0);
@@ -552,7 +552,7 @@ TEST_F(EndToEndTest, SimulatorSurvivesAKillWithItsState) {
 TEST_F(EndToEndTest, SimulatorRefusesWhatItCannotUse) {
   const Outcome version = RunProgram({SimProgram(), "--version"});
   EXPECT_EQ(version.status, 0);
-  EXPECT_EQ(version.output, "fwpush-sim 1.0.0\n");
+  EXPECT_EQ(version.output, "fwpush-sim " FWPUSH_VERSION "\n");
   EXPECT_EQ(RunProgram({SimProgram(), "--help"}).status, 0);
   EXPECT_NE(RunProgram({SimProgram()}).status, 0);
   const std::string fabric = _folder.Write("good.toml", ServerText("PPC"));

@@ -467,7 +467,7 @@ TEST_F(ReportTest, WrongCommandLineIsRefused) {
   EXPECT_EQ(RunProgram({REPORT_PROGRAM, "fwpush"}).status, 64);
   EXPECT_EQ(Report({"--from", _image, "--log", _folder / "console"}, {}).status, 64);
   EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--help"}).status, 0);
-  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--version"}).output, "fwpush-report 1.0.0\n");
+  EXPECT_EQ(RunProgram({REPORT_PROGRAM, "--version"}).output, "fwpush-report " FWPUSH_VERSION "\n");
 }
 
 TEST_F(ReportTest, WordsOfAServerThatAreNoTextAreKeptOutOfTheWay) {

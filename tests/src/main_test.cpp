@@ -22,10 +22,12 @@ constexpr char USAGE[] =
     "     -V - Verbose mode (DEBUG / WARNING / INFORM).\n"
     "     -m - Chunk alignment (log2) Default - 5 (32 bytes).\n"
     "     -n - Allow no fail-safe burning.\n"
-    " version: 1.0.0\n"
+    " version: " FWPUSH_VERSION
+    "\n"
     "\n";
-constexpr char VERSION[] = "fwpush 1.0.0, BRAID , BUILD 20050712-1101\n";
-constexpr char LONG_VERSION[] = "fwpush 1.0.0, BRAID , BUILD 20050712-1101, CVS Revision: 1.10 $\n";
+constexpr char VERSION[] = "fwpush " FWPUSH_VERSION ", BRAID , BUILD 20050712-1101\n";
+constexpr char LONG_VERSION[] =
+    "fwpush " FWPUSH_VERSION ", BRAID , BUILD 20050712-1101, CVS Revision: 1.10 $\n";
 constexpr char NO_SERVER[] = "-E- -s <server> flag must be specified\n";
 constexpr char NO_GUIDS[] = "-E- No target devices given (-g <guids> flag).\n";
 

@@ -824,7 +824,7 @@ TEST_F(VerifyProgramTest, WhatCannotBeDoneAndWhatIsWrongHaveTheirStatus) {
   EXPECT_EQ(Run(file, {"-s", "IB:127.0.0.1:1"}).status, 64);
   EXPECT_EQ(Run(file, {"-s", "IB:127.0.0.1:1", "-g", "10", "--slot", "2"}).status, 64);
   EXPECT_EQ(Run(file, {"--help"}).status, 0);
-  EXPECT_EQ(Run(file, {"--version"}).output, "fwpush-verify 1.0.0\n");
+  EXPECT_EQ(Run(file, {"--version"}).output, "fwpush-verify " FWPUSH_VERSION "\n");
 }
 
 }  // namespace
