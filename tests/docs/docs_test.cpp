@@ -782,6 +782,38 @@ TEST(ReliabilityDocumentTest, EveryFuzzTargetHasItsRow) {
     told.insert(Unquoted(row.at(0)));
   }
   EXPECT_EQ(told, targets);
+  std::set<std::string> counted{"all"};
+  counted.merge(targets);
+  told.clear();
+  for (const Row& row : Document("reliability.md").Table("fuzzed")) {
+    told.insert(Unquoted(row.at(0)));
+  }
+  EXPECT_EQ(told, counted);
+}
+
+TEST(ReliabilityDocumentTest, FiguresStandInBlocksThatTheirScriptsWrite) {
+  const auto root = std::filesystem::path(DOCUMENTS).parent_path();
+  std::ifstream file(root / "docs" / "reliability.md");
+  const std::regex start("<!-- figures: ([a-z-]+) -->");
+  const std::regex figure(R"([0-9]{1,3}(,[0-9]{3})+)");
+  std::set<std::string> blocks;
+  std::string open;  // the block; empty outside
+  for (std::string line; std::getline(file, line);) {
+    SCOPED_TRACE(line);
+    if (std::smatch name; std::regex_match(line, name, start)) {
+      EXPECT_EQ(open, "") << "the block before it has no end";
+      open = name[1];
+      EXPECT_TRUE(blocks.insert(open).second) << "a second block of this name";
+      EXPECT_EQ(access((root / "script" / open).c_str(), X_OK), 0) << "no such script";
+    } else if (line == "<!-- end of figures -->") {
+      EXPECT_NE(open, "") << "no block to end";
+      open.clear();
+    } else if (open.empty()) {
+      EXPECT_FALSE(std::regex_search(line, figure)) << "a figure that no script writes";
+    }
+  }
+  EXPECT_EQ(open, "");
+  EXPECT_GE(blocks.size(), 7u);
 }
 
 }  // namespace
