@@ -9,25 +9,19 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <system_error>
-#include <utility>
 
-namespace tools {
+namespace common {
 
 namespace fs = std::filesystem;
 
-void ThrowSystemError(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-DataVec ReadFile(const fs::path& path) {
+Bytes ReadFile(const fs::path& path) {
   std::error_code error;
   if (fs::exists(path, error) && !fs::is_regular_file(path, error)) {
     throw std::runtime_error("can't read " + path.string() + ": not a file");
   }
   errno = 0;
   std::ifstream file(path, std::ios::binary | std::ios::ate);
-  DataVec bytes(file ? static_cast<std::size_t>(file.tellg()) : 0);
+  Bytes bytes(file ? static_cast<std::size_t>(file.tellg()) : 0);
   file.seekg(0);
   file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   if (!file) {
@@ -46,28 +40,28 @@ NewFile::NewFile(const fs::path& path) : _path(path) {
   }
   const std::string extension = _path.extension();
   _temporary = (_path.parent_path() / (_path.stem().string() + ".XXXXXX" + extension)).string();
-  _fd = mkostemps(_temporary.data(), static_cast<int>(extension.size()), O_CLOEXEC);
-  if (_fd < 0) Throw();
+  _file = Descriptor(mkostemps(_temporary.data(), static_cast<int>(extension.size()), O_CLOEXEC));
+  if (!_file.IsOpen()) Throw();
   // As a file that is simply opened would be: what was private stays it.
   const mode_t mask = umask(0);
   umask(mask);
   struct stat before {};
   const bool is_replaced = stat(_path.c_str(), &before) == 0;
-  if (fchmod(_fd, is_replaced ? before.st_mode & 0777 : 0666 & ~mask) != 0) {
-    close(_fd);
+  if (fchmod(_file.Get(), is_replaced ? before.st_mode & 0777 : 0666 & ~mask) != 0) {
+    const int reason = errno;
     unlink(_temporary.c_str());
+    errno = reason;
     Throw();
   }
 }
 
 NewFile::~NewFile() {
-  if (_fd >= 0) close(_fd);
   if (!_temporary.empty()) unlink(_temporary.c_str());
 }
 
 void NewFile::Write(std::span<const char> bytes) {
   while (!bytes.empty()) {
-    const ssize_t written = write(_fd, bytes.data(), bytes.size());
+    const ssize_t written = write(_file.Get(), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) Throw();
     bytes = bytes.subspan(static_cast<std::size_t>(written));
@@ -76,8 +70,7 @@ void NewFile::Write(std::span<const char> bytes) {
 
 const std::string& NewFile::Close() {
   // Without it a power cut after the rename may leave a name that stands for nothing.
-  if (_fd >= 0 && fsync(_fd) != 0) Throw();
-  if (_fd >= 0 && close(std::exchange(_fd, -1)) != 0) Throw();
+  if (_file.IsOpen() && (fsync(_file.Get()) != 0 || _file.Close() != 0)) Throw();
   return _temporary;
 }
 
@@ -91,23 +84,10 @@ void NewFile::Throw() const {
   throw std::runtime_error("can't write " + _path.string() + ": " + strerror(errno));
 }
 
-void WriteFile(const fs::path& path, const DataVec& bytes) {
+void WriteFile(const fs::path& path, const Bytes& bytes) {
   NewFile file(path);
   file.Write(std::span(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
   file.Keep();
 }
 
-ScratchFolder::ScratchFolder() {
-  std::string name = fs::temp_directory_path() / "fwimg-XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) {
-    throw std::runtime_error("can't make " + name + ": " + strerror(errno));
-  }
-  _path = name;
-}
-
-ScratchFolder::~ScratchFolder() {
-  std::error_code ignored;
-  fs::remove_all(_path, ignored);
-}
-
-}  // namespace tools
+}  // namespace common

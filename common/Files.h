@@ -1,45 +1,18 @@
-/// Files as the tools read and write them: whole, or not at all.
+/// Files as the programs read and write them: whole, or not at all.
 #pragma once
-
-#include <unistd.h>
 
 #include <filesystem>
 #include <span>
 #include <string>
-#include <utility>
 
-#include "src/BraidGeneral.h"
+#include "common/Bytes.h"
+#include "common/Descriptor.h"
 
-namespace tools {
-
-/// Throws the system's last error, a std::system_error that says `what` failed.
-[[noreturn]] void ThrowSystemError(const std::string& what);
-
-/// Owns a file descriptor; none where it is negative.
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : _fd(fd) {}
-  Descriptor(Descriptor&& other) noexcept : _fd(std::exchange(other._fd, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(_fd, other._fd);
-    return *this;
-  }
-  ~Descriptor() { Close(); }
-
-  int Get() const { return _fd; }
-  bool IsOpen() const { return _fd >= 0; }
-  void Close() {
-    if (_fd >= 0) close(_fd);
-    _fd = -1;
-  }
-
- private:
-  int _fd;
-};
+namespace common {
 
 /// All bytes of a file. Throws std::runtime_error when it cannot be read whole, or is no regular
 /// file.
-DataVec ReadFile(const std::filesystem::path& path);
+Bytes ReadFile(const std::filesystem::path& path);
 
 /// A file that gets its name only when it is complete: until then, and for good where Keep is never
 /// called, whatever bore the name stays as it was. It has the mode of what it replaces. All
@@ -64,24 +37,10 @@ class NewFile {
 
   std::filesystem::path _path;
   std::string _temporary;
-  int _fd = -1;
+  Descriptor _file;
 };
 
 /// Writes a whole file.
-void WriteFile(const std::filesystem::path& path, const DataVec& bytes);
+void WriteFile(const std::filesystem::path& path, const Bytes& bytes);
 
-/// A folder for scratch files, removed with all that is in it.
-class ScratchFolder {
- public:
-  ScratchFolder();
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-  ~ScratchFolder();
-
-  std::string operator/(const std::string& name) const { return _path / name; }
-
- private:
-  std::filesystem::path _path;
-};
-
-}  // namespace tools
+}  // namespace common

@@ -3,46 +3,42 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 
 #include "common/Text.h"
-#include "src/BraidGeneral.h"
-#include "src/main.h"
 
-namespace tools {
+namespace common {
 
 namespace {
 
-/// Tells what has gone wrong. It may hold words of a file or a server: nothing of them may move a
-/// terminal's cursor.
-void Complain(const CLI::App& app, const std::string& text) {
+/// Tells what has gone wrong. It may hold words of a file or a server.
+void Complain(const Program& program, const std::string& text) {
   std::string lines;
-  for (const std::string_view line : common::Lines(text)) {
-    lines += (lines.empty() ? "" : "\n") + common::Printable(line);
+  for (const std::string_view line : Lines(text)) {
+    lines += (lines.empty() ? "" : "\n") + Printable(line);
   }
-  std::cerr << app.get_name() << ": " << lines << std::endl;
+  std::cerr << program.name << ": " << (program.is_verbatim ? text : lines) << std::endl;
 }
 
 }  // namespace
 
-int RunTool(CLI::App& app, int argc, char* argv[], const std::function<int()>& work) {
-  app.set_version_flag("--version", app.get_name() + " " + Version());
+int RunProgram(const Program& program, CommandLine& line, int argc, char* argv[]) {
+  const CommandLine::Parsed parsed = line.Parse(argc, argv, program.name + " " + Version());
+  if (parsed.is_wrong) return USAGE;
+  if (!parsed.work) return ALL_WELL;
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return sim::EndParsing(app, error);
-  }
-  try {
-    const int status = work();
+    const int status = parsed.work();
     std::cout.flush();
     if (std::cout) return status;
-    Complain(app, "can't write the result");
-  } catch (const BraidError& error) {
-    Complain(app, error.Des());
+    Complain(program, "can't write the result");
+  } catch (const UsageError& error) {
+    line.Complain(error);
+    return USAGE;
   } catch (const std::exception& error) {
-    Complain(app, error.what());
+    Complain(program, error.what());
   }
-  return CANNOT;
+  return program.failure;
 }
 
 bool MayColour(int fd) {
@@ -50,6 +46,6 @@ bool MayColour(int fd) {
   return isatty(fd) != 0 && (no_color == nullptr || *no_color == '\0');
 }
 
-std::string Version() { return g_version; }
+std::string Version() { return FWPUSH_VERSION; }
 
-}  // namespace tools
+}  // namespace common

@@ -1,10 +1,18 @@
 #include "common/TomlReader.h"
 
+// The parser takes seconds to compile: this is the one place that includes it. In debug builds it
+// asserts what it does not keep, and a wrong file would end the program. Without, it tells what is
+// wrong.
+#define TOML_ASSERT(expression) static_cast<void>(0)
+#include <toml++/toml.h>
+
 #include <algorithm>
 #include <fstream>
 #include <iterator>
 
-namespace sim {
+#include "common/Text.h"
+
+namespace common {
 
 namespace fs = std::filesystem;
 
@@ -14,8 +22,8 @@ bool IsStrange(char c) { return static_cast<unsigned char>(c) >= 0x80; }
 
 /// The line, from 1, of the first byte beyond ASCII that stands neither in a text nor in a comment;
 /// 0 where there is none, or where another mistake hides it.
-u_int32_t StrangeLine(std::string_view text) {
-  u_int32_t line = 1;
+std::uint32_t StrangeLine(std::string_view text) {
+  std::uint32_t line = 1;
   std::string_view quote;  // that ends the text in hand
   bool is_comment = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -54,7 +62,7 @@ void CheckStrange(std::string_view text, const std::string& file) {
   constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
   if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
   if (std::ranges::none_of(text, IsStrange)) return;
-  const u_int32_t line = StrangeLine(text);
+  const std::uint32_t line = StrangeLine(text);
   if (line != 0) {
     throw TomlError(
         Text(file, ":", line, ": characters beyond ASCII belong into texts and comments"));
@@ -63,8 +71,6 @@ void CheckStrange(std::string_view text, const std::string& file) {
   std::ranges::replace_if(plain, IsStrange, 'x');
   static_cast<void>(toml::parse(plain, file));
 }
-
-}  // namespace
 
 toml::table ParseToml(const fs::path& path) {
   try {
@@ -78,67 +84,116 @@ toml::table ParseToml(const fs::path& path) {
   }
 }
 
-void TomlReader::Throw(const toml::node& at, const std::string& text) const {
-  throw TomlError(Text(_file.string(), ":", at.source().begin.line, ": ", text));
+std::uint32_t LineOf(const toml::node& node) { return node.source().begin.line; }
+
+}  // namespace
+
+/// A table, and what keeps it: the file's root.
+struct TomlReader::Source {
+  std::shared_ptr<const toml::table> root;
+  const toml::table* table;
+};
+
+struct TomlReader::Node {
+  const toml::node* node;
+};
+
+TomlReader::TomlReader(const fs::path& file) : _file(file) {
+  const auto root = std::make_shared<const toml::table>(ParseToml(file));
+  _source = std::make_shared<const Source>(Source{root, root.get()});
 }
 
-const toml::node* TomlReader::Node(std::string_view key) {
+void TomlReader::ThrowAt(std::uint32_t line, const std::string& text) const {
+  throw TomlError(Text(_file.string(), ":", line, ": ", text));
+}
+
+std::uint32_t TomlReader::Line() const { return common::LineOf(*_source->table); }
+
+std::uint32_t TomlReader::LineOf(std::string_view key) const {
+  const toml::node* node = _source->table->get(key);
+  return node == nullptr ? Line() : common::LineOf(*node);
+}
+
+TomlReader::Node TomlReader::Find(std::string_view key) {
   _asked.emplace(key);
-  return _table.get(key);
+  return {_source->table->get(key)};
+}
+
+std::optional<TomlReader::Element> TomlReader::Any(std::string_view key) {
+  const toml::node* node = Find(key).node;
+  if (node == nullptr) return {};
+  return Element{node->value_or(std::string()), common::LineOf(*node)};
+}
+
+bool TomlReader::IsTable(std::string_view key) {
+  const toml::node* node = Find(key).node;
+  return node != nullptr && node->is_table();
 }
 
 std::optional<std::string> TomlReader::String(std::string_view key) {
-  const toml::node* node = Node(key);
+  const toml::node* node = Find(key).node;
   if (node == nullptr) return {};
-  if (!node->is_string()) Throw(*node, Text("'", key, "' must be a text"));
+  if (!node->is_string()) ThrowAt(key, Text("'", key, "' must be a text"));
   return node->as_string()->get();
 }
 
 std::optional<bool> TomlReader::Bool(std::string_view key) {
-  const toml::node* node = Node(key);
+  const toml::node* node = Find(key).node;
   if (node == nullptr) return {};
-  if (!node->is_boolean()) Throw(*node, Text("'", key, "' must be true or false"));
+  if (!node->is_boolean()) ThrowAt(key, Text("'", key, "' must be true or false"));
   return node->as_boolean()->get();
 }
 
-std::optional<u_int32_t> TomlReader::Number(std::string_view key, u_int32_t min, u_int32_t max) {
-  const toml::node* node = Node(key);
+std::optional<std::uint32_t> TomlReader::Number(std::string_view key, std::uint32_t min,
+                                                std::uint32_t max) {
+  const toml::node* node = Find(key).node;
   if (node == nullptr) return {};
   const auto* number = node->as_integer();
   if (number == nullptr || number->get() < min || number->get() > max) {
-    Throw(*node, Text("'", key, "' must be a number from ", min, " to ", max));
+    ThrowAt(key, Text("'", key, "' must be a number from ", min, " to ", max));
   }
-  return static_cast<u_int32_t>(number->get());
+  return static_cast<std::uint32_t>(number->get());
 }
 
-const toml::array& TomlReader::Array(std::string_view key) {
-  static const toml::array NONE;
-  const toml::node* node = Node(key);
-  if (node == nullptr) return NONE;
-  if (!node->is_array()) Throw(*node, Text("'", key, "' must be an array"));
-  return *node->as_array();
+std::vector<TomlReader::Element> TomlReader::Array(std::string_view key) {
+  const toml::node* node = Find(key).node;
+  if (node == nullptr) return {};
+  if (!node->is_array()) ThrowAt(key, Text("'", key, "' must be an array"));
+  std::vector<Element> elements;
+  for (const toml::node& element : *node->as_array()) {
+    elements.push_back({element.value_or(std::string()), common::LineOf(element)});
+  }
+  return elements;
 }
 
 std::vector<TomlReader> TomlReader::Tables(std::string_view key) {
+  const toml::node* node = Find(key).node;
+  if (node == nullptr) return {};
+  if (!node->is_array()) ThrowAt(key, Text("'", key, "' must be an array"));
   std::vector<TomlReader> tables;
-  for (const toml::node& node : Array(key)) {
-    if (!node.is_table()) Throw(node, Text("'", key, "' must be tables, as [[", key, "]]"));
-    tables.emplace_back(_file, *node.as_table());
+  for (const toml::node& element : *node->as_array()) {
+    if (!element.is_table()) {
+      ThrowAt(common::LineOf(element), Text("'", key, "' must be tables, as [[", key, "]]"));
+    }
+    tables.push_back(TomlReader(
+        _file, std::make_shared<const Source>(Source{_source->root, element.as_table()})));
   }
   return tables;
 }
 
 std::optional<TomlReader> TomlReader::Table(std::string_view key) {
-  const toml::node* node = Node(key);
+  const toml::node* node = Find(key).node;
   if (node == nullptr) return {};
-  if (!node->is_table()) Throw(*node, Text("'", key, "' must be a table"));
-  return TomlReader(_file, *node->as_table());
+  if (!node->is_table()) ThrowAt(key, Text("'", key, "' must be a table"));
+  return TomlReader(_file, std::make_shared<const Source>(Source{_source->root, node->as_table()}));
 }
 
 void TomlReader::Finish() const {
-  for (const auto& [key, node] : _table) {
-    if (!_asked.contains(key.str())) Throw(node, Text("unknown key '", key.str(), "'"));
+  for (const auto& [key, node] : *_source->table) {
+    if (!_asked.contains(key.str())) {
+      ThrowAt(common::LineOf(node), Text("unknown key '", key.str(), "'"));
+    }
   }
 }
 
-}  // namespace sim
+}  // namespace common

@@ -1,12 +1,9 @@
 /// TOML files whose every value is checked, and in which a key that means nothing is an error.
 #pragma once
 
-// In debug builds the library asserts what its parser does not keep, and a wrong file would end the
-// program. Without, the parser tells what is wrong.
-#define TOML_ASSERT(expression) static_cast<void>(0)
-#include <toml++/toml.h>
-
+#include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -15,9 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "src/BraidGeneral.h"
-
-namespace sim {
+namespace common {
 
 /// A file is wrong; the text names file, line and key.
 class TomlError : public std::runtime_error {
@@ -25,38 +20,48 @@ class TomlError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The file's root table. Throws TomlError.
-toml::table ParseToml(const std::filesystem::path& path);
-
-/// One table of a file, which it borrows: hands out its values, checked, and knows which keys
-/// nobody asked for. What is missing is handed out empty; what is wrong throws TomlError.
+/// One table of a file: hands out its values, checked, and knows which keys nobody asked for. What
+/// is missing is handed out empty; what is wrong throws TomlError.
 class TomlReader {
  public:
-  TomlReader(const std::filesystem::path& file, const toml::table& table)
-      : _file(file), _table(table) {}
+  /// A value that may be of any kind.
+  struct Element {
+    std::string text;    ///< "" where it is no text
+    std::uint32_t line;  ///< from 1
+  };
 
-  [[noreturn]] void Throw(const toml::node& at, const std::string& text) const;
-  [[noreturn]] void Throw(const std::string& text) const { Throw(_table, text); }
+  /// Parses a file; this is its root table. Throws TomlError.
+  explicit TomlReader(const std::filesystem::path& file);
+
+  /// Throw a TomlError: at a line, at the value of a key, or where the table begins.
+  [[noreturn]] void ThrowAt(std::uint32_t line, const std::string& text) const;
+  [[noreturn]] void ThrowAt(std::string_view key, const std::string& text) const {
+    ThrowAt(LineOf(key), text);
+  }
+  [[noreturn]] void Throw(const std::string& text) const { ThrowAt(Line(), text); }
 
   /// The line that the table begins on, from 1.
-  u_int32_t Line() const { return _table.source().begin.line; }
+  std::uint32_t Line() const;
+  /// The line of a value; that of the table where there is none.
+  std::uint32_t LineOf(std::string_view key) const;
   /// `name`, relative to the file.
   std::filesystem::path Path(const std::string& name) const { return _file.parent_path() / name; }
 
-  /// The value of `key`, whatever it is; null where it is missing.
-  const toml::node* Node(std::string_view key);
+  // Each asks for `key`.
+  std::optional<Element> Any(std::string_view key);
+  bool IsTable(std::string_view key);
   std::optional<std::string> String(std::string_view key);
   std::optional<bool> Bool(std::string_view key);
-  std::optional<u_int32_t> Number(std::string_view key, u_int32_t min, u_int32_t max);
-  const toml::array& Array(std::string_view key);
-  /// The tables of an array of tables; none where the key is missing.
+  std::optional<std::uint32_t> Number(std::string_view key, std::uint32_t min, std::uint32_t max);
+  /// The elements of an array; none where the key is missing. So of tables.
+  std::vector<Element> Array(std::string_view key);
   std::vector<TomlReader> Tables(std::string_view key);
   std::optional<TomlReader> Table(std::string_view key);
 
   /// `value`, read at `key`; throws where it is missing.
   template <typename Value>
   Value Needed(std::string_view key, std::optional<Value> value) const {
-    if (!value) Throw(Text("'", key, "' is missing"));
+    if (!value) Throw("'" + std::string(key) + "' is missing");
     return *std::move(value);
   }
 
@@ -64,9 +69,18 @@ class TomlReader {
   void Finish() const;
 
  private:
+  struct Source;
+  struct Node;
+
+  TomlReader(const std::filesystem::path& file, std::shared_ptr<const Source> source)
+      : _file(file), _source(std::move(source)) {}
+
+  /// The value of `key`; null in it where that is missing.
+  Node Find(std::string_view key);
+
   std::filesystem::path _file;
-  const toml::table& _table;
+  std::shared_ptr<const Source> _source;
   std::set<std::string, std::less<>> _asked;
 };
 
-}  // namespace sim
+}  // namespace common

@@ -108,23 +108,23 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddCheck(CLI::App& app, Work& work) {
+void AddCheck(CommandLine& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = app.add_subcommand(
+  CommandLine& command = program.AddCommand(
       "check", "Tells all problems of image files: where, and what would happen at the burn");
-  command->add_option("FILE", options->files, "Image files")->required();
-  command->add_flag("--strict", options->is_strict, "Warnings fail the check, too");
+  command.Add("FILE", options->files, "Image files").Required();
+  command.AddFlag("--strict", options->is_strict, "Warnings fail the check, too");
   command
-      ->add_option("--sector-size", options->sector_size,
-                   "Bytes of a sector of the flash that the image is for")
-      ->capture_default_str()
-      ->check(ByteCountCheck);
+      .Add("--sector-size", options->sector_size,
+           "Bytes of a sector of the flash that the image is for")
+      .ShowDefault()
+      .Check(ByteCountCheck);
   command
-      ->add_option("--flash-size", options->flash_size,
-                   "Bytes of the flash that the image is for; its end is not checked without")
-      ->check(ByteCountCheck);
-  command->add_flag("--json", options->as_json, "Prints one JSON object");
-  command->callback([options, &work] { work = [options] { return Run(*options); }; });
+      .Add("--flash-size", options->flash_size,
+           "Bytes of the flash that the image is for; its end is not checked without")
+      .Check(ByteCountCheck);
+  command.AddFlag("--json", options->as_json, "Prints one JSON object");
+  command.SetWork(Told([options] { return Run(*options); }));
 }
 
 }  // namespace tools

@@ -174,34 +174,31 @@ int FromRecords(const ConvertOptions& options) {
 
 }  // namespace
 
-void AddConvert(CLI::App& app, Work& work) {
+void AddConvert(CommandLine& program) {
   const auto options = std::make_shared<ConvertOptions>();
-  CLI::App* convert = app.add_subcommand(
+  CommandLine& convert = program.AddCommand(
       "convert", "Turn an image file into Intel HEX or Motorola S-records, or back");
-  convert->add_option("FROM", options->from, "The file to read")->required();
-  convert->add_option("TO", options->to, "The file to write")->required();
+  convert.Add("FROM", options->from, "The file to read").Required();
+  convert.Add("TO", options->to, "The file to write").Required();
   convert
-      ->add_option("--format", options->format,
-                   "Of the records: intel or motorola (default: as the name of the file says)")
-      ->check(CLI::IsMember({"intel", "motorola"}));
-  convert->add_option("--layout", options->layout,
-                      "To an image: all that it says beside the bytes, a layout without sections");
-  convert->add_option("--pad", options->pad, "To an image: fill up words with this byte")
-      ->check(CLI::Range(0, 255));
-  convert->add_flag("--lax", options->is_lax, "To an image: take records that give cause to warn");
-  convert->add_flag("--json", options->as_json, "Print a JSON object");
-  convert->callback([options, &work] {
+      .Add("--format", options->format,
+           "Of the records: intel or motorola (default: as the name of the file says)")
+      .OneOf({"intel", "motorola"});
+  convert.Add("--layout", options->layout,
+              "To an image: all that it says beside the bytes, a layout without sections");
+  convert.Add("--pad", options->pad, "To an image: fill up words with this byte").InRange(0, 255);
+  convert.AddFlag("--lax", options->is_lax, "To an image: take records that give cause to warn");
+  convert.AddFlag("--json", options->as_json, "Print a JSON object");
+  convert.SetWork(Told([options] {
     if (IsImageName(options->from) == IsImageName(options->to)) {
-      throw CLI::ValidationError("convert", "one of FROM and TO must be an image file (.img)");
+      throw UsageError("convert", "one of FROM and TO must be an image file (.img)");
     }
     const bool has_image_options = !options->layout.empty() || options->pad >= 0 || options->is_lax;
     if (IsImageName(options->from) && has_image_options) {
-      throw CLI::ValidationError("convert", "--layout, --pad and --lax are for making images");
+      throw UsageError("convert", "--layout, --pad and --lax are for making images");
     }
-    work = [options] {
-      return IsImageName(options->from) ? ToRecords(*options) : FromRecords(*options);
-    };
-  });
+    return IsImageName(options->from) ? ToRecords(*options) : FromRecords(*options);
+  }));
 }
 
 }  // namespace tools

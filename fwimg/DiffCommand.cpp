@@ -304,14 +304,14 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddDiff(CLI::App& app, Work& work) {
+void AddDiff(CommandLine& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command =
-      app.add_subcommand("diff", "Tells how two image files differ in what they mean");
-  command->add_option("A", options->a, "Image file")->required();
-  command->add_option("B", options->b, "Image file")->required();
-  command->add_flag("--json", options->as_json, "Prints one JSON object");
-  command->callback([options, &work] { work = [options] { return Run(*options); }; });
+  CommandLine& command =
+      program.AddCommand("diff", "Tells how two image files differ in what they mean");
+  command.Add("A", options->a, "Image file").Required();
+  command.Add("B", options->b, "Image file").Required();
+  command.AddFlag("--json", options->as_json, "Prints one JSON object");
+  command.SetWork(Told([options] { return Run(*options); }));
 }
 
 }  // namespace tools

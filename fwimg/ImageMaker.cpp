@@ -341,7 +341,7 @@ std::vector<std::string> WriteImage(const Layout& layout, const fs::path& path) 
     throw std::runtime_error("the name of an image file ends in .img or .IMG: " + path.string());
   }
   const ImageText text(layout);
-  NewFile file(path);
+  common::NewFile file(path);
   file.Write(text.Get());
   std::vector<std::string> warnings = Judge(*ViewOf(file.Close(), layout), text, layout);
   FwImage image;

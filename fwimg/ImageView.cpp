@@ -30,7 +30,7 @@ std::string ReadFile(const std::string& path) {
     ThrowError("Can't open file \"" + path + "\" : " + strerror(errno));
   };
   // Not to be kept waiting by a FIFO, which is refused right after.
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const common::Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (file.Get() < 0) fail();
   struct stat status {};
   if (fstat(file.Get(), &status) != 0) fail();
@@ -57,7 +57,7 @@ std::string LoadText(FwImage& image, std::string_view text) {
   const auto fail = [] {
     ThrowError(std::string("Can't keep the image in memory: ") + strerror(errno));
   };
-  const Descriptor file(memfd_create("image", MFD_CLOEXEC));
+  const common::Descriptor file(memfd_create("image", MFD_CLOEXEC));
   if (file.Get() < 0) fail();
   for (std::size_t done = 0; done < text.size();) {
     const ssize_t written = write(file.Get(), text.data() + done, text.size() - done);
@@ -67,7 +67,7 @@ std::string LoadText(FwImage& image, std::string_view text) {
   }
   // What the loader cannot open here is no fault of the image.
   const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
-  if (Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)).Get() < 0) {
+  if (common::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)).Get() < 0) {
     ThrowError("Can't load the image from " + path + ": " + strerror(errno));
   }
   const sim::QuietConsole quiet;

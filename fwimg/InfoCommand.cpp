@@ -371,18 +371,18 @@ int Run(const Options& options) {
 
 }  // namespace
 
-void AddInfo(CLI::App& app, Work& work) {
+void AddInfo(CommandLine& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command =
-      app.add_subcommand("info", "Shows what is in an image file, and what it means for a burn");
-  command->add_option("FILE", options->file, "Image file")->required();
+  CommandLine& command =
+      program.AddCommand("info", "Shows what is in an image file, and what it means for a burn");
+  command.Add("FILE", options->file, "Image file").Required();
   command
-      ->add_option("--sector-size", options->sector_size,
-                   "Bytes of a sector of the flash that the image is for")
-      ->capture_default_str()
-      ->check(ByteCountCheck);
-  command->add_flag("--json", options->as_json, "Prints one JSON object");
-  command->callback([options, &work] { work = [options] { return Run(*options); }; });
+      .Add("--sector-size", options->sector_size,
+           "Bytes of a sector of the flash that the image is for")
+      .ShowDefault()
+      .Check(ByteCountCheck);
+  command.AddFlag("--json", options->as_json, "Prints one JSON object");
+  command.SetWork(Told([options] { return Run(*options); }));
 }
 
 }  // namespace tools

@@ -13,7 +13,7 @@ namespace tools {
 namespace {
 
 namespace fs = std::filesystem;
-using sim::TomlReader;
+using common::TomlReader;
 
 constexpr u_int32_t ANY_NUMBER = std::numeric_limits<u_int32_t>::max();
 /// Bytes of all sections: more than any memory that is burnt with these images, and no more than
@@ -62,8 +62,8 @@ class LayoutReader {
     for (const char c : title) {
       length = c == '\n' ? 0 : length + 1;
       if ((static_cast<unsigned char>(c) < ' ' && c != '\n') || length > LONGEST_LINE) {
-        reader.Throw(*reader.Node("title"), Text("'title' must be lines of at most ", LONGEST_LINE,
-                                                 " characters, without control characters"));
+        reader.ThrowAt("title", Text("'title' must be lines of at most ", LONGEST_LINE,
+                                     " characters, without control characters"));
       }
     }
     return title;
@@ -71,12 +71,11 @@ class LayoutReader {
 
   void ReadDeviceType(TomlReader& reader) {
     const std::string type = reader.Needed("device_type", reader.String("device_type"));
-    const toml::node& node = *reader.Node("device_type");
     if (FwImage::Str2DeviceType(type) == DEV_UNKNOWN) {
-      reader.Throw(node, "'device_type' is no known device: " + type);
+      reader.ThrowAt("device_type", "'device_type' is no known device: " + type);
     }
     _layout.device_type = type;
-    _layout.device_type_line = node.source().begin.line;
+    _layout.device_type_line = reader.LineOf("device_type");
   }
 
   void ReadVersion(TomlReader& reader) {
@@ -165,12 +164,12 @@ class LayoutReader {
     DataVec bytes;
     std::error_code unreadable;  // which ReadFile tells
     if (const auto all = fs::file_size(path, unreadable); !unreadable && all > MAX_SIZE) {
-      reader.Throw(*reader.Node("file"), path.string() + " has more than 1 GiB");
+      reader.ThrowAt("file", path.string() + " has more than 1 GiB");
     }
     try {
-      bytes = ReadFile(path);
+      bytes = common::ReadFile(path);
     } catch (const std::runtime_error& error) {
-      reader.Throw(*reader.Node("file"), error.what());
+      reader.ThrowAt("file", error.what());
     }
     const std::size_t wanted = size.value_or(0);
     if (from > bytes.size() || wanted > bytes.size() - from) {
@@ -189,8 +188,7 @@ class LayoutReader {
         const u_int8_t high = HexDigit(group[i]);
         const u_int8_t low = i + 1 < group.size() ? HexDigit(group[i + 1]) : u_int8_t{0xFF};
         if (high > 15 || low > 15) {
-          reader.Throw(*reader.Node("hex"),
-                       "'hex' must have two hexadecimal digits for each byte: " + group);
+          reader.ThrowAt("hex", "'hex' must have two hexadecimal digits for each byte: " + group);
         }
         data.push_back(static_cast<u_int8_t>(high << 4 | low));
       }
@@ -202,11 +200,10 @@ class LayoutReader {
     const std::string keyword = reader.Needed("type", reader.String("type"));
     const FieldType type = FwImage::Str2FieldType(keyword);
     if (type == UNKNOWN_FIELD) {
-      reader.Throw(*reader.Node("type"), "'type' is no known field: " + keyword);
+      reader.ThrowAt("type", "'type' is no known field: " + keyword);
     }
     if (type == SIGNATURE) {
-      reader.Throw(*reader.Node("type"),
-                   "a signature is placed by the 'signature' of its [[slot]]");
+      reader.ThrowAt("type", "a signature is placed by the 'signature' of its [[slot]]");
     }
     const Place at = reader.Needed("at", ReadPlace(reader, "at"));
     reader.Finish();
@@ -257,18 +254,17 @@ class LayoutReader {
     const std::optional<Place> place = ReadPlace(reader, key);
     if (!place) return {};
     if (place->base != nullptr) {
-      reader.Throw(*reader.Node(key), Text("'", key, "' must be a place of its own"));
+      reader.ThrowAt(key, Text("'", key, "' must be a place of its own"));
     }
     return place->offset;
   }
 
   /// A number, which is an offset in device 0, or a table.
   std::optional<Place> ReadPlace(TomlReader& reader, std::string_view key) const {
-    const toml::node* node = reader.Node(key);
-    if (node == nullptr) return {};
-    if (!node->is_table()) {
+    if (!reader.Any(key)) return {};
+    if (!reader.IsTable(key)) {
       const std::optional<u_int32_t> offset = reader.Number(key, 0, ANY_NUMBER);
-      return Place{.offset = Linear(reader, *node, 0, *offset)};
+      return Place{.offset = Linear(reader, key, 0, *offset)};
     }
     TomlReader table = *reader.Table(key);
     const auto ps = table.Number("ps", 0, ANY_NUMBER);
@@ -282,21 +278,20 @@ class LayoutReader {
     }
     if (ps) return Place{&Layout::Slot::ps, *ps};
     if (image) return Place{&Layout::Slot::image, *image};
-    return Place{.offset =
-                     Linear(reader, *node, static_cast<u_int8_t>(device.value_or(0)), *offset)};
+    return Place{.offset = Linear(reader, key, static_cast<u_int8_t>(device.value_or(0)), *offset)};
   }
 
-  u_int32_t Linear(const TomlReader& reader, const toml::node& node, u_int8_t dev,
+  u_int32_t Linear(const TomlReader& reader, std::string_view key, u_int8_t dev,
                    u_int32_t offset) const {
     const std::vector<EeLoc>& devmap = _layout.conv._devmap;
     const auto mapped = std::ranges::find(devmap, dev, &EeLoc::dev);
     if (devmap.empty() ? dev != 0 : mapped == devmap.end()) {
-      reader.Throw(node, Text("[[devmap]] has no device 0x", std::hex, u_int32_t{dev}));
+      reader.ThrowAt(key, Text("[[devmap]] has no device 0x", std::hex, u_int32_t{dev}));
     }
     // The loader would take it for a place in the device behind.
     if (!devmap.empty() && offset >= mapped->offset) {
-      reader.Throw(node, Text("device 0x", std::hex, u_int32_t{dev}, " has only 0x", mapped->offset,
-                              " bytes"));
+      reader.ThrowAt(key, Text("device 0x", std::hex, u_int32_t{dev}, " has only 0x",
+                               mapped->offset, " bytes"));
     }
     return _layout.conv.Convert(EeLoc(offset, dev));
   }
@@ -312,9 +307,8 @@ Layout ReadLayout(const fs::path& file, const fs::path& parts, LayoutKind kind) 
   Layout layout;
   layout.file = file;
   try {
-    const toml::table root = sim::ParseToml(file);
-    LayoutReader(parts, layout).Read(TomlReader(file, root), kind);
-  } catch (const sim::TomlError& error) {
+    LayoutReader(parts, layout).Read(TomlReader(file), kind);
+  } catch (const common::TomlError& error) {
     throw LayoutError(error.what());
   }
   return layout;

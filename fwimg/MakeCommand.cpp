@@ -146,7 +146,7 @@ int Extract(const ExtractOptions& options) {
   for (std::size_t i = 0; i < sections.size(); ++i) {
     const FwImage::Section* section = sections[i];
     const std::string& file = files[i];
-    WriteFile(file, section->data);
+    common::WriteFile(file, section->data);
     const EeLoc loc = sim::MapOf(image).Convert(section->addr);
     written.push_back({{"section", section->name},
                        {"address", section->addr},
@@ -170,39 +170,37 @@ int Extract(const ExtractOptions& options) {
 
 }  // namespace
 
-void AddMake(CLI::App& app, Work& work) {
+void AddMake(CommandLine& program) {
   const auto options = std::make_shared<MakeOptions>();
-  CLI::App* make = app.add_subcommand("make", "Make an image file from a layout and raw files");
-  make->add_option("LAYOUT", options->layout, "What stands where, in TOML")->required();
-  make->add_option("-o,--output", options->output, "The image file to write")->required();
-  make->add_option("--parts", options->parts,
-                   "Where the layout's files lie (default: beside the layout)");
-  make->add_flag("--json", options->as_json, "Print a JSON object");
-  make->callback([options, &work] { work = [options] { return Make(*options); }; });
+  CommandLine& make = program.AddCommand("make", "Make an image file from a layout and raw files");
+  make.Add("LAYOUT", options->layout, "What stands where, in TOML").Required();
+  make.Add("-o,--output", options->output, "The image file to write").Required();
+  make.Add("--parts", options->parts, "Where the layout's files lie (default: beside the layout)");
+  make.AddFlag("--json", options->as_json, "Print a JSON object");
+  make.SetWork(Told([options] { return Make(*options); }));
 }
 
-void AddExtract(CLI::App& app, Work& work) {
+void AddExtract(CommandLine& program) {
   const auto options = std::make_shared<ExtractOptions>();
-  CLI::App* extract = app.add_subcommand("extract", "Write the bytes of sections to raw files");
-  extract->add_option("FILE", options->image, "The image file")->required();
-  CLI::Option* section = extract->add_option("--section", options->section, "The section's name");
-  CLI::Option* output =
-      extract->add_option("-o,--output", options->output, "The file to write; - for the output");
-  CLI::Option* all =
-      extract->add_option("--all", options->all, "Write every section into this folder");
-  CLI::Option* json = extract->add_flag("--json", options->as_json, "Print a JSON object");
-  section->needs(output);
-  output->needs(section);
-  all->excludes(section);
-  extract->callback([options, section, all, json, &work] {
-    if (section->count() + all->count() != 1) {
-      throw CLI::ValidationError("extract", "--section NAME -o FILE or --all DIR is needed");
+  CommandLine& extract = program.AddCommand("extract", "Write the bytes of sections to raw files");
+  extract.Add("FILE", options->image, "The image file").Required();
+  Option section = extract.Add("--section", options->section, "The section's name");
+  Option output =
+      extract.Add("-o,--output", options->output, "The file to write; - for the output");
+  Option all = extract.Add("--all", options->all, "Write every section into this folder");
+  const Option json = extract.AddFlag("--json", options->as_json, "Print a JSON object");
+  section.Needs(output);
+  output.Needs(section);
+  all.Excludes(section);
+  extract.SetWork(Told([options, section, all, json] {
+    if (section.IsGiven() == all.IsGiven()) {
+      throw UsageError("extract", "--section NAME -o FILE or --all DIR is needed");
     }
-    if (options->output == "-" && json->count() != 0) {
-      throw CLI::ValidationError("extract", "-o - leaves no room for --json");
+    if (options->output == "-" && json.IsGiven()) {
+      throw UsageError("extract", "-o - leaves no room for --json");
     }
-    work = [options] { return Extract(*options); };
-  });
+    return Extract(*options);
+  }));
 }
 
 }  // namespace tools

@@ -16,6 +16,7 @@
 #include <stdexcept>
 
 #include "common/Files.h"
+#include "common/ScratchFolder.h"
 #include "src/utils.h"
 
 namespace tools {
@@ -23,6 +24,9 @@ namespace tools {
 namespace {
 
 namespace fs = std::filesystem;
+using common::ReadFile;
+using common::ScratchFolder;
+using common::WriteFile;
 
 struct FormatRow {
   std::string_view name;  ///< or an extension
@@ -170,7 +174,7 @@ std::optional<RecordFormat> ParseFormat(std::string_view name_or_extension) {
 
 void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
                   const fs::path& path) {
-  const ScratchFolder scratch;
+  const ScratchFolder scratch("fwimg");
   std::vector<std::string> words{"srec_cat"};
   for (std::size_t i = 0; i < ranges.size(); ++i) {
     const std::string name = scratch / Text(i, ".bin");
@@ -195,7 +199,7 @@ std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, 
   const fs::path input = fs::absolute(path);
   ReadFile(input);
   CheckEnd(input, format);
-  const ScratchFolder scratch;
+  const ScratchFolder scratch("fwimg");
   const std::string records = scratch / "records";
   const Run run(scratch, {"srec_cat", input, Option(format), "-o", records, "-motorola",
                           "-address-length=4", "-disable=header"});

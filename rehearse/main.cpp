@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -13,12 +12,19 @@
 #include <span>
 #include <string_view>
 
-#include "common/ExitStatus.h"
+#include "common/Program.h"
 #include "rehearse/Rehearsal.h"
 
 namespace {
 
-constexpr char VERSION[] = "fwpush-rehearse 1.0.0";
+struct Options : sim::RehearsalOptions {
+  std::string guid_words;
+  std::string recover = "100";
+  std::string point;
+  std::string json_file;
+  unsigned chunk_align = 5;
+  bool is_not_failsafe = false;
+};
 
 /// A bar on a terminal, a line for each tenth otherwise.
 class Progress {
@@ -152,9 +158,9 @@ std::vector<Guid> ParseGuids(const std::string& words) {
   try {
     GetTargeGuids(words, guids);
   } catch (const BraidError& error) {
-    throw CLI::ValidationError("--guids", error.Des());
+    throw common::UsageError("--guids", error.Des());
   }
-  if (!words.empty() && guids.empty()) throw CLI::ValidationError("--guids", "no device given");
+  if (!words.empty() && guids.empty()) throw common::UsageError("--guids", "no device given");
   return {guids.begin(), guids.end()};
 }
 
@@ -170,79 +176,75 @@ void TakeEqualsSigns(int argc, char* argv[]) {
   }
 }
 
+/// What the words of the command line mean for the rehearsal. Throws UsageError.
+void TakeWords(Options& options) {
+  options.guids = ParseGuids(options.guid_words);
+  if (options.recover == "all") {
+    options.recoveries = SIZE_MAX;
+  } else if (const auto number = sim::ParseMoment(options.recover);
+             number && number->kind == sim::Interruption::POWER) {
+    options.recoveries = number->place;
+  } else {
+    throw common::UsageError("--recover", "must be a number or all");
+  }
+  if (!options.point.empty() && !(options.at = sim::ParseMoment(options.point))) {
+    throw common::UsageError("--at", "must be a point such as 1234, killed:28 or dropped:28");
+  }
+  options.extra_args = {"-m", std::to_string(options.chunk_align)};
+  if (options.is_not_failsafe) options.extra_args.emplace_back("-n");
+}
+
+int Run(Options& options) {
+  TakeWords(options);
+  // What cannot be written in the end had better be known before.
+  std::ofstream json;
+  if (!options.json_file.empty()) {
+    json.open(options.json_file);
+    if (!json) throw std::runtime_error("can't write " + options.json_file);
+  }
+  Progress progress;
+  const sim::RehearsalReport report = sim::Rehearse(options, std::ref(progress));
+  PrintTable(report, options.at.has_value());
+  if (json.is_open()) {
+    json << Json(report, options.seed).dump(2) << "\n";
+    json.close();
+    if (!json) throw std::runtime_error("can't write " + options.json_file);
+  }
+  if (!std::cout) throw std::runtime_error("can't write the report");
+  return report.IsWell() ? common::ALL_WELL : common::DIFFERS;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  CLI::App app("Pulls the plug at every step of a burn, on simulated devices.");
-  sim::RehearsalOptions options;
-  std::string guids;
-  std::string recover = "100";
-  std::string at;
-  std::string json_file;
-  unsigned chunk_align = 5;
-  bool is_not_failsafe = false;
+  common::CommandLine line("Pulls the plug at every step of a burn, on simulated devices.");
+  Options options;
   options.fwpush =
       (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fwpush").string();
-  app.add_option("FABRIC", options.fabric_file, "The fabric file (TOML)")->required();
-  app.add_option("-f,--image", options.image_file, "The image file to burn")->required();
-  app.add_option("-g,--guids", guids, "The devices, separated by commas (default: all)");
-  app.add_option("-m,--chunk-align", chunk_align, "Chunk alignment (log2), as for fwpush")
-      ->check(CLI::Range(4, 15))
-      ->capture_default_str();
-  app.add_flag("-n", is_not_failsafe, "Rehearse the burn that is not failsafe, as for fwpush");
-  app.add_option("--recover", recover, "How many recoveries to run: a number, or all")
-      ->capture_default_str();
-  app.add_option("--jobs", options.jobs, "Recoveries side by side")
-      ->check(CLI::Range(1, 64))
-      ->capture_default_str();
-  app.add_option("--seed", options.seed, "Seed of all that is left to chance")
-      ->capture_default_str();
-  app.add_option("--at", at,
-                 "Only this point, as an exception names it: 1234, killed:28, dropped:28");
-  app.add_option("--json", json_file, "File for the report, for machines");
-  app.add_option("--fwpush", options.fwpush,
-                 "The burner to rehearse with (default: fwpush beside this program)");
-  app.set_version_flag("--version", VERSION);
+  line.Add("FABRIC", options.fabric_file, "The fabric file (TOML)").Required();
+  line.Add("-f,--image", options.image_file, "The image file to burn").Required();
+  line.Add("-g,--guids", options.guid_words, "The devices, separated by commas (default: all)");
+  line.Add("-m,--chunk-align", options.chunk_align, "Chunk alignment (log2), as for fwpush")
+      .InRange(4, 15)
+      .ShowDefault();
+  line.AddFlag("-n", options.is_not_failsafe,
+               "Rehearse the burn that is not failsafe, as for fwpush");
+  line.Add("--recover", options.recover, "How many recoveries to run: a number, or all")
+      .ShowDefault();
+  line.Add("--jobs", options.jobs, "Recoveries side by side").InRange(1, 64).ShowDefault();
+  line.Add("--seed", options.seed, "Seed of all that is left to chance").ShowDefault();
+  line.Add("--at", options.point,
+           "Only this point, as an exception names it: 1234, killed:28, dropped:28");
+  line.Add("--json", options.json_file, "File for the report, for machines");
+  line.Add("--fwpush", options.fwpush,
+           "The burner to rehearse with (default: fwpush beside this program)");
+  line.SetWork([&options] {
+    try {
+      return Run(options);
+    } catch (const BraidError& error) {
+      throw std::runtime_error(error.Des());
+    }
+  });
   TakeEqualsSigns(argc, argv);
-  try {
-    app.parse(argc, argv);
-    options.guids = ParseGuids(guids);
-    if (recover == "all") {
-      options.recoveries = SIZE_MAX;
-    } else if (const auto number = sim::ParseMoment(recover);
-               number && number->kind == sim::Interruption::POWER) {
-      options.recoveries = number->place;
-    } else {
-      throw CLI::ValidationError("--recover", "must be a number or all");
-    }
-    if (!at.empty() && !(options.at = sim::ParseMoment(at))) {
-      throw CLI::ValidationError("--at", "must be a point such as 1234, killed:28 or dropped:28");
-    }
-  } catch (const CLI::ParseError& error) {
-    return sim::EndParsing(app, error);
-  }
-  options.extra_args = {"-m", std::to_string(chunk_align)};
-  if (is_not_failsafe) options.extra_args.emplace_back("-n");
-
-  try {
-    // What cannot be written in the end had better be known before.
-    std::ofstream json;
-    if (!json_file.empty()) json.open(json_file);
-    if (!json_file.empty() && !json) throw std::runtime_error("can't write " + json_file);
-    Progress progress;
-    const sim::RehearsalReport report = sim::Rehearse(options, std::ref(progress));
-    PrintTable(report, options.at.has_value());
-    if (json.is_open()) {
-      json << Json(report, options.seed).dump(2) << "\n";
-      json.close();
-      if (!json) throw std::runtime_error("can't write " + json_file);
-    }
-    if (!std::cout) throw std::runtime_error("can't write the report");
-    return report.IsWell() ? sim::ALL_WELL : sim::DIFFERS;
-  } catch (const BraidError& error) {
-    std::cerr << "fwpush-rehearse: " << error.Des() << std::endl;
-  } catch (const std::exception& error) {
-    std::cerr << "fwpush-rehearse: " << error.what() << std::endl;
-  }
-  return sim::CANNOT;
+  return common::RunProgram({.name = "fwpush-rehearse", .is_verbatim = true}, line, argc, argv);
 }

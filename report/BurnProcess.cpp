@@ -17,12 +17,16 @@
 #include <optional>
 #include <utility>
 
-#include "common/Files.h"
-#include "common/Program.h"
+#include "common/Descriptor.h"
+#include "common/ExitStatus.h"
+#include "common/SystemError.h"
 
 namespace tools {
 
 namespace {
+
+using common::Descriptor;
+using common::ThrowSystemError;
 
 constexpr std::size_t BLOCK_SIZE = 65536;
 /// How long the console may stay open after the burner's end, for what it started.
@@ -116,7 +120,7 @@ pid_t Start(const std::vector<std::string>& words, const Signals& signals,
     dup2(console.Get(), STDOUT_FILENO);
     const int reason = Become(std::move(av));
     [[maybe_unused]] const ssize_t told = write(trouble.in.Get(), &reason, sizeof(reason));
-    _exit(CANNOT);
+    _exit(common::CANNOT);
   }
   trouble.in.Close();
   int reason = 0;

@@ -171,7 +171,7 @@ std::string ToJUnit(const RunReport& run) {
 
 void PrintSummary(const RunReport& run) {
   const BurnReport& burn = run.burn;
-  const bool has_colour = MayColour(STDERR_FILENO);
+  const bool has_colour = common::MayColour(STDERR_FILENO);
   const auto count = [&burn](Fate fate) {
     return std::ranges::count(burn.devices, fate, &DeviceReport::fate);
   };

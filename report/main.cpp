@@ -16,12 +16,15 @@
 
 #include "common/Files.h"
 #include "common/Program.h"
+#include "common/SystemError.h"
+#include "common/Text.h"
 #include "report/BurnLog.h"
 #include "report/BurnProcess.h"
 #include "report/BurnResult.h"
 
 namespace {
 
+using namespace common;
 using namespace tools;
 
 constexpr char NAME[] = "fwpush-report";
@@ -233,8 +236,9 @@ int Report(const Options& options) {
       take(piece);
       // Nothing to go on with: it may never end.
       if (log.IsOverlong()) {
-        throw std::runtime_error(Text(options.from, ": a line of more than ", BurnLog::LONGEST_LINE,
-                                      " bytes: this is no console of fwpush"));
+        throw std::runtime_error(common::Text(options.from, ": a line of more than ",
+                                              BurnLog::LONGEST_LINE,
+                                              " bytes: this is no console of fwpush"));
       }
     });
   }
@@ -275,22 +279,23 @@ int main(int argc, char* argv[]) {
   while (own_words < argc && std::strcmp(argv[own_words], "--") != 0) ++own_words;
   for (int i = own_words + 1; i < argc; ++i) options.words.emplace_back(argv[i]);
 
-  CLI::App app(
+  CommandLine line(
       "Runs a burn, passes its console on as it comes, and tells what became of each device.\n"
       "  fwpush-report [OPTIONS] -- fwpush ARGS...\n"
       "  fwpush-report [OPTIONS] --from LOG [-- fwpush ARGS...]",
       NAME);
-  app.footer(
+  line.SetFooter(
       "Ends with 0 when every device asked for was burnt, with 1 when one was not, with 2 when\n"
       "fwpush could not be run or this is no console of it, with 64 on a wrong command line.");
-  app.add_option("--json", options.json, "Write the result into this file, as JSON");
-  app.add_option("--junit", options.junit, "Write the result into this file, a test case a device");
-  CLI::Option* log = app.add_option("--log", options.log, "Keep the console in this file");
-  app.add_option("--from", options.from,
-                 "Run nothing: read the console of an earlier burn from this file. The words of\n"
-                 "that burn, behind --, tell which devices it was asked for")
-      ->excludes(log);
-  app.add_flag("--plain", options.is_plain,
+  line.Add("--json", options.json, "Write the result into this file, as JSON");
+  line.Add("--junit", options.junit, "Write the result into this file, a test case a device");
+  const Option log = line.Add("--log", options.log, "Keep the console in this file");
+  line.Add("--from", options.from,
+           "Run nothing: read the console of an earlier burn from this file. The words of\n"
+           "that burn, behind --, tell which devices it was asked for")
+      .Excludes(log);
+  line.AddFlag("--plain", options.is_plain,
                "Print whole lines only, fit for logs: one for each tenth of a progress meter");
-  return RunTool(app, own_words, argv, [&options] { return Report(options); });
+  line.SetWork([&options] { return Report(options); });
+  return RunProgram({.name = NAME}, line, own_words, argv);
 }

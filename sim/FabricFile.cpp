@@ -14,28 +14,29 @@ namespace sim {
 namespace {
 
 namespace fs = std::filesystem;
+using common::TomlError;
+using common::TomlReader;
 
-Guid ParseGuid(const TomlReader& reader, std::string_view key, const toml::node& node) {
-  const std::string text = node.value_or(std::string());
+Guid ParseGuid(const TomlReader& reader, std::string_view key, const TomlReader::Element& value) {
+  const std::string_view text = value.text;
   Guid guid = 0;
-  const std::string_view digits =
-      std::string_view(text).substr(std::min<std::size_t>(2, text.size()));
+  const std::string_view digits = text.substr(std::min<std::size_t>(2, text.size()));
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), guid, 16);
   if (!text.starts_with("0x") || error != std::errc() || end != digits.data() + digits.size()) {
-    reader.Throw(node, Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
+    reader.ThrowAt(value.line, Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
   }
   return guid;
 }
 
 std::optional<Guid> OneGuid(TomlReader& reader, std::string_view key) {
-  const toml::node* node = reader.Node(key);
-  if (node == nullptr) return {};
-  return ParseGuid(reader, key, *node);
+  const auto value = reader.Any(key);
+  if (!value) return {};
+  return ParseGuid(reader, key, *value);
 }
 
 GuidVec Guids(TomlReader& reader, std::string_view key) {
   GuidVec guids;
-  for (const toml::node& node : reader.Array(key)) guids.push_back(ParseGuid(reader, key, node));
+  for (const auto& value : reader.Array(key)) guids.push_back(ParseGuid(reader, key, value));
   return guids;
 }
 
@@ -216,13 +217,12 @@ Fault ReadFault(TomlReader& reader) {
 }
 
 void Load(const fs::path& path, const std::optional<fs::path>& state, Fabric& fabric) {
-  const toml::table root = ParseToml(path);
+  TomlReader reader(path);
   if (state) {
     std::error_code error;
     fs::create_directories(*state, error);
     if (error) throw TomlError(state->string() + ": " + error.message());
   }
-  TomlReader reader(path, root);
   if (const auto server = reader.Table("server")) ReadServer(*server, fabric.facts);
   for (TomlReader& device : reader.Tables("device")) ReadDevice(device, state, fabric);
   for (TomlReader& fault : reader.Tables("fault")) fabric.faults.Add(ReadFault(fault));

@@ -1,19 +1,28 @@
 /// fwpush-sim: a bus server over simulated devices.
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <optional>
 
-#include "common/ExitStatus.h"
+#include "common/Program.h"
 #include "protocol/Server.h"
 #include "sim/Boot.h"
 #include "sim/FabricFile.h"
 
 namespace {
 
-constexpr char VERSION[] = "fwpush-sim 1.0.0";
+struct Options {
+  std::string fabric;
+  std::string state;
+  std::string trace;
+  std::string listen = "127.0.0.1:0";
+  std::vector<std::string> images;
+  bool is_show = false;
+  bool is_boot_report = false;
+};
 
 void Show(const sim::Fabric& fabric) {
   std::cout << "server " << fabric.facts.type << ", interface version " << fabric.facts.ifc_version
@@ -44,7 +53,7 @@ std::pair<std::string, u_int16_t> ParseAddress(const std::string& text) {
   const char* const digits = colon == std::string::npos ? end : text.data() + colon + 1;
   const auto parsed = std::from_chars(digits, end, port);
   if (colon == 0 || digits == end || parsed.ec != std::errc() || parsed.ptr != end) {
-    throw CLI::ValidationError("--listen", "must be HOST:PORT");
+    throw common::UsageError("--listen", "must be HOST:PORT");
   }
   return {text.substr(0, colon), port};
 }
@@ -64,72 +73,59 @@ void ReportViolations(const sim::Fabric& fabric) {
   }
 }
 
+int Run(const Options& options) {
+  const auto [host, port] = ParseAddress(options.listen);
+  sim::Fabric fabric;
+  fabric.faults.log = [](const std::string& line) { std::cerr << line << std::endl; };
+  std::optional<std::filesystem::path> state;
+  if (!options.state.empty()) state = options.state;
+  sim::LoadFabric(options.fabric, state, fabric);
+  if (options.is_show) {
+    Show(fabric);
+    return common::ALL_WELL;
+  }
+  if (options.is_boot_report) {
+    std::cout << sim::BootReport(fabric, options.images) << std::flush;
+    return common::ALL_WELL;
+  }
+  std::ofstream trace;
+  if (!options.trace.empty()) {
+    trace.open(options.trace);
+    if (!trace) throw std::runtime_error("can't write " + options.trace);
+  }
+  sim::Server server(fabric, host, port,
+                     [&trace](const std::string& request, const std::string& answer) {
+                       // Flushed, so that it also tells what came before a kill.
+                       if (trace.is_open()) {
+                         trace << "> " << request << "\n< " << answer << std::endl;
+                       }
+                     });
+  // Whoever reads the address may signal at once.
+  server.StopOnSignals();
+  std::cout << server.ServerString() << std::endl;
+  server.Run();
+  std::cout << sim::BootReport(fabric, options.images) << std::flush;
+  ReportViolations(fabric);
+  if (trace.is_open() && !trace) throw std::runtime_error("can't write " + options.trace);
+  return common::ALL_WELL;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  CLI::App app("A bus server over simulated devices, to rehearse firmware burns on.");
-  std::string fabric_file;
-  std::string state;
-  std::string trace_file;
-  std::string listen = "127.0.0.1:0";
-  std::vector<std::string> images;
-  bool show = false;
-  bool boot_report = false;
-  app.add_option("FABRIC", fabric_file, "The fabric file (TOML)")->required();
-  app.add_option("--state", state, "Folder that keeps each device's memory in files");
-  app.add_option("--trace", trace_file, "File that gets every request and answer");
-  app.add_option("--listen", listen, "HOST:PORT to listen on; port 0 takes a free one")
-      ->capture_default_str();
-  app.add_flag("--show", show, "Print the devices and exit");
-  app.add_flag("--boot-report", boot_report, "Print whether each device boots, and exit");
-  app.add_option("--image", images, "Image file that may get burnt, for the boot report")
-      ->check(CLI::ExistingFile);
-  app.set_version_flag("--version", VERSION);
-
-  std::pair<std::string, u_int16_t> address;
-  try {
-    app.parse(argc, argv);
-    address = ParseAddress(listen);
-  } catch (const CLI::ParseError& error) {
-    return sim::EndParsing(app, error);
-  }
-
-  try {
-    sim::Fabric fabric;
-    fabric.faults.log = [](const std::string& line) { std::cerr << line << std::endl; };
-    sim::LoadFabric(fabric_file,
-                    state.empty() ? std::nullopt : std::optional<std::filesystem::path>(state),
-                    fabric);
-    if (show) {
-      Show(fabric);
-      return EXIT_SUCCESS;
-    }
-    if (boot_report) {
-      std::cout << sim::BootReport(fabric, images) << std::flush;
-      return EXIT_SUCCESS;
-    }
-    std::ofstream trace;
-    if (!trace_file.empty()) {
-      trace.open(trace_file);
-      if (!trace) throw std::runtime_error("can't write " + trace_file);
-    }
-    sim::Server server(fabric, address.first, address.second,
-                       [&](const std::string& request, const std::string& answer) {
-                         // Flushed, so that it also tells what came before a kill.
-                         if (trace.is_open()) {
-                           trace << "> " << request << "\n< " << answer << std::endl;
-                         }
-                       });
-    // Whoever reads the address may signal at once.
-    server.StopOnSignals();
-    std::cout << server.ServerString() << std::endl;
-    server.Run();
-    std::cout << sim::BootReport(fabric, images) << std::flush;
-    ReportViolations(fabric);
-    if (trace.is_open() && !trace) throw std::runtime_error("can't write " + trace_file);
-    return EXIT_SUCCESS;
-  } catch (const std::exception& error) {
-    std::cerr << "fwpush-sim: " << error.what() << std::endl;
-    return EXIT_FAILURE;
-  }
+  common::CommandLine line("A bus server over simulated devices, to rehearse firmware burns on.");
+  Options options;
+  line.Add("FABRIC", options.fabric, "The fabric file (TOML)").Required();
+  line.Add("--state", options.state, "Folder that keeps each device's memory in files");
+  line.Add("--trace", options.trace, "File that gets every request and answer");
+  line.Add("--listen", options.listen, "HOST:PORT to listen on; port 0 takes a free one")
+      .ShowDefault();
+  line.AddFlag("--show", options.is_show, "Print the devices and exit");
+  line.AddFlag("--boot-report", options.is_boot_report,
+               "Print whether each device boots, and exit");
+  line.Add("--image", options.images, "Image file that may get burnt, for the boot report")
+      .ExistingFile();
+  line.SetWork([&options] { return Run(options); });
+  return common::RunProgram({.name = "fwpush-sim", .failure = EXIT_FAILURE, .is_verbatim = true},
+                            line, argc, argv);
 }

@@ -416,7 +416,7 @@ class Device {
         throw SaveFailure{error.what()};
       }
     };
-    std::optional<NewFile> file;
+    std::optional<common::NewFile> file;
     keep([&] { file.emplace(path); });
     ReadPieces(
         static_cast<u_int32_t>(start), static_cast<u_int32_t>(size),

@@ -41,11 +41,11 @@ void Print(const tools::DeviceFinding& finding) {
     if (finding.state != tools::DeviceFinding::IDENTICAL) std::cout << finding.different << " of ";
     std::cout << finding.compared << " bytes";
   }
-  if (!finding.reason.empty()) std::cout << ": " << tools::Printable(finding.reason);
+  if (!finding.reason.empty()) std::cout << ": " << common::Printable(finding.reason);
   if (finding.knows_slots) std::cout << "; " << SlotText(finding);
   std::cout << "\n";
   for (const tools::Difference& difference : finding.differences) {
-    std::cout << Text("  ", tools::Printable(difference.section), "+0x", std::hex,
+    std::cout << Text("  ", common::Printable(difference.section), "+0x", std::hex,
                       difference.offset, " at 0x", difference.addr, ": expected ", std::setw(2),
                       std::setfill('0'), u_int32_t{difference.expected}, ", found ", std::setw(2),
                       u_int32_t{difference.found}, "\n");
@@ -94,9 +94,9 @@ std::vector<std::string> Words(int argc, char* argv[]) {
 }
 
 int TellUsage(const std::string& text) {
-  std::cerr << "fwpush-verify: " << tools::Printable(text)
+  std::cerr << "fwpush-verify: " << common::Printable(text)
             << "\nRun with --help for more information." << std::endl;
-  return tools::USAGE;
+  return common::USAGE;
 }
 
 struct Options {
@@ -137,8 +137,8 @@ class Run {
                                      {"devices", _findings}};
       std::cout << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
     }
-    if (!_failure.empty()) return tools::CANNOT;
-    return _is_well ? tools::ALL_WELL : tools::DIFFERS;
+    if (!_failure.empty()) return common::CANNOT;
+    return _is_well ? common::ALL_WELL : common::DIFFERS;
   }
 
   static inline const std::map<std::string, tools::SlotChoice> CHOICES = {
@@ -177,7 +177,7 @@ class Run {
   void Fail(const std::string& text) {
     if (_failure.empty()) _failure = text;
     if (text != _last_failure) {
-      std::cerr << "fwpush-verify: " << tools::Printable(text) << std::endl;
+      std::cerr << "fwpush-verify: " << common::Printable(text) << std::endl;
     }
     _last_failure = text;
   }
@@ -193,24 +193,23 @@ class Run {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  CLI::App app("Looks whether devices hold what a burn of an image must have left. Only reads.",
-               "fwpush-verify");
+  common::CommandLine line(
+      "Looks whether devices hold what a burn of an image must have left. Only reads.",
+      "fwpush-verify");
   Options options;
-  app.add_option("-f", options.image, "The image file")->required();
-  app.add_option("-s", options.server, "The bus server: TYPE:IP:PORT")->required();
-  app.add_option("-g", options.guids, "The devices, separated by commas; may be given again")
-      ->required();
-  app.add_option("--slot", options.slot,
-                 "The slot to compare: 0, 1, auto (those marked valid) or none")
-      ->check(CLI::IsMember({"0", "1", "auto", "none"}))
-      ->capture_default_str();
-  app.add_option("--save", options.save, "Folder that gets each device's memory");
-  app.add_flag("--json", options.is_json, "Print the result for machines");
+  line.Add("-f", options.image, "The image file").Required();
+  line.Add("-s", options.server, "The bus server: TYPE:IP:PORT").Required();
+  line.Add("-g", options.guids, "The devices, separated by commas; may be given again").Required();
+  line.Add("--slot", options.slot, "The slot to compare: 0, 1, auto (those marked valid) or none")
+      .OneOf({"0", "1", "auto", "none"})
+      .ShowDefault();
+  line.Add("--save", options.save, "Folder that gets each device's memory");
+  line.AddFlag("--json", options.is_json, "Print the result for machines");
   std::vector<std::string> words = Words(argc, argv);
   std::vector<char*> pointers;
   pointers.reserve(words.size());
   for (std::string& word : words) pointers.push_back(word.data());
-  return tools::RunTool(app, static_cast<int>(pointers.size()), pointers.data(), [&] {
+  line.SetWork([&] {
     GuidSet devices;
     try {
       for (const std::string& list : options.guids) GetTargeGuids(list, devices);
@@ -221,4 +220,6 @@ int main(int argc, char* argv[]) {
     if (devices.empty()) return TellUsage("No device given (-g)");
     return Run(options).VerifyAll(devices);
   });
+  return common::RunProgram({.name = "fwpush-verify"}, line, static_cast<int>(pointers.size()),
+                            pointers.data());
 }

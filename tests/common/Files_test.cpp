@@ -62,23 +62,23 @@ TEST_F(FilesTest, FileKeepsTheModeOfWhatItReplaces) {
       SCOPED_TRACE(mode);
       ASSERT_EQ(chmod(_path.c_str(), mode), 0);
       const ino_t before = InodeOf(_path);
-      tools::WriteFile(name, {1, 2, 3});
+      common::WriteFile(name, {1, 2, 3});
       EXPECT_NE(InodeOf(_path), before);  // it is a new one
       EXPECT_EQ(ModeOf(_path), mode);
-      EXPECT_EQ(tools::ReadFile(_path), (DataVec{1, 2, 3}));
+      EXPECT_EQ(common::ReadFile(_path), (DataVec{1, 2, 3}));
     }
   }
 }
 
 TEST_F(FilesTest, FileThatReplacesNothingHasTheModeOfAnyNewOne) {
-  tools::WriteFile(_folder / "new", {1});
+  common::WriteFile(_folder / "new", {1});
   std::ofstream(_folder / "plain") << "x";
   EXPECT_EQ(ModeOf(_folder / "new"), ModeOf(_folder / "plain"));
 }
 
 TEST_F(FilesTest, FileIsOnTheDiskBeforeItGetsItsName) {
   const ino_t before = InodeOf(_path);
-  tools::WriteFile(_path, DataVec(1000, 0x55));
+  common::WriteFile(_path, DataVec(1000, 0x55));
   ASSERT_EQ(g_synced.size(), 1u);
   EXPECT_EQ(g_synced[0].inode, InodeOf(_path));
   EXPECT_EQ(g_synced[0].size, 1000);

@@ -1,0 +1,30 @@
+/// Who owns a file descriptor closes it.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace common {
+
+/// Owns a file descriptor; none where it is negative.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : _fd(fd) {}
+  Descriptor(Descriptor&& other) noexcept : _fd(std::exchange(other._fd, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(_fd, other._fd);
+    return *this;
+  }
+  ~Descriptor() { Close(); }
+
+  int Get() const { return _fd; }
+  bool IsOpen() const { return _fd >= 0; }
+  /// As close has it: 0, or -1 with errno. 0 where there is nothing to close.
+  int Close() { return _fd >= 0 ? close(std::exchange(_fd, -1)) : 0; }
+
+ private:
+  int _fd;
+};
+
+}  // namespace common
