@@ -137,6 +137,7 @@ class Response : public std::string {
  public:
   Response() = default;
   explicit Response(const std::string& text) : std::string(text) {}
+  using std::string::operator=;
 
   bool GotErr() const;
 

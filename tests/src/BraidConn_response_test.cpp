@@ -28,6 +28,24 @@ TEST(ResponseTest, AnswerIsAnErrorByItsFirstLetters) {
   EXPECT_TRUE(Response("TARGET_ERROR:x").GotErr());
 }
 
+TEST(ResponseTest, StringCanBeAssignedToIt) {
+  Response response("ERROR:gone");
+  response = std::string("ACK");
+  EXPECT_EQ(response, "ACK");
+  EXPECT_FALSE(response.GotErr());
+  const std::string text = "ERROR:1:gone";
+  response = text;
+  EXPECT_EQ(response.Error(), "gone");
+  response = "a {b c}";
+  EXPECT_EQ(response.TclSplit().size(), 2u);
+  const Response copy = response;
+  response = Response("ACK");
+  EXPECT_EQ(response, "ACK");
+  EXPECT_EQ(copy, "a {b c}");
+  response = {};
+  EXPECT_TRUE(response.empty());
+}
+
 TEST(ResponseTest, DescriptionIsTheLastField) {
   EXPECT_EQ(Response("ERROR:0x1234:No such device").Error(), "No such device");
   EXPECT_EQ(Response("ERROR:bad request").Error(), "bad request");
