@@ -50,7 +50,7 @@ u_int16_t AddBlock(u_int16_t crc, std::span<const u_int8_t, CRC_SLICES> block) {
 /// Blanks the part of [from, from + size) that lies in the region `data` at `addr`.
 void Blank(DataVec& data, u_int32_t addr, u_int32_t from, u_int32_t size) {
   for (u_int64_t at = from; at < u_int64_t{from} + size; ++at) {
-    if (at >= addr && at - addr < data.size()) data[at - addr] = ERASED;
+    if (at >= addr && at - addr < data.size()) data[static_cast<std::size_t>(at - addr)] = ERASED;
   }
 }
 

@@ -88,7 +88,7 @@ std::string next_token(std::string& s, const char* delimiters) {
 
 bool ParseNumber(const std::string& word, int base, u_int32_t& value) {
   char* end = nullptr;
-  value = static_cast<u_int32_t>(std::strtoul(word.c_str(), &end, base));
+  value = static_cast<u_int32_t>(std::strtoull(word.c_str(), &end, base));
   return end == word.c_str() + word.size();
 }
 
@@ -186,6 +186,11 @@ DataVec& operator<<(DataVec& out, u_int32_t value) {
 }
 
 DataVec& operator<<(DataVec& out, unsigned long value) {
+  AppendBigEndian(out, value, 8);
+  return out;
+}
+
+DataVec& operator<<(DataVec& out, unsigned long long value) {
   AppendBigEndian(out, value, 8);
   return out;
 }

@@ -26,9 +26,9 @@ std::vector<std::string> splitv(const std::string& s, const char* delimiters, bo
 /// `delimiters` takes one character.
 std::string next_token(std::string& s, const char* delimiters);
 
-/// Reads a whole word as an unsigned number of the given base, as strtoul does (blanks, a sign and
+/// Reads a whole word as an unsigned number of the given base, as strtoull does (blanks, a sign and
 /// "0x" in front included), cut to 32 bits. False when anything is left over, or when there is
-/// nothing but a word that strtoul cannot begin on; an empty word reads as 0.
+/// nothing but a word that strtoull cannot begin on; an empty word reads as 0.
 bool ParseNumber(const std::string& word, int base, u_int32_t& value);
 
 inline constexpr auto HEX_DIGITS = [] {
@@ -113,7 +113,9 @@ class Regexp {
 
 /// Append to `out`, most significant byte first whatever the host's order; return `out`.
 DataVec& operator<<(DataVec& out, u_int32_t value);
-DataVec& operator<<(DataVec& out, unsigned long value);  ///< 8 bytes
+// u_int64_t is one of these two, which one depends on the host. Both give 8 bytes everywhere.
+DataVec& operator<<(DataVec& out, unsigned long value);
+DataVec& operator<<(DataVec& out, unsigned long long value);
 DataVec& operator<<(DataVec& out, u_int8_t value);
 DataVec& operator<<(DataVec& out, const DataVec& bytes);
 DataVec& operator<<(DataVec& out, const std::vector<u_int32_t>& values);

@@ -481,7 +481,7 @@ TEST_F(Rv52100FaultTest, DeviceWhoseSignatureCantBeReadIsLeftOutUntouched) {
     Refuse(c.guid, "Read", c.nth);
     const std::string console = Go();
     EXPECT_NE(console.find(c.counts), std::string::npos) << console;
-    const Victim victim = Victims()[(c.guid >> 12) - 1];
+    const Victim victim = Victims().at(static_cast<std::size_t>((c.guid >> 12) - 1));
     EXPECT_TRUE(Holds(c.guid, victim.flash));
     ExpectOthersBurnt(victim);
   }

@@ -580,7 +580,7 @@ std::string LineByDefinition(std::string line, DataVec& data) {
   if (words.size() % 4 != 0) return ": Section data line must have multiple of 4 bytes.";
   for (const std::string& digits : words) {
     char* end = nullptr;
-    const unsigned long value = std::strtoul(digits.c_str(), &end, 16);
+    const unsigned long long value = std::strtoull(digits.c_str(), &end, 16);
     if (*end != '\0') return ": Data byte (" + digits + ") contains invalid characters";
     data.push_back(static_cast<u_int8_t>(value));
   }

@@ -665,7 +665,7 @@ std::string GatheredByDefinition(const std::string& element, bool bsn, DataVec& 
       const std::vector<Response> parts = words[i].TclSplit();
       if (parts.size() != 2 || parts[0].find(bsn ? "bsn" : "data") != 0) continue;
       char* end = nullptr;
-      const auto value = static_cast<u_int32_t>(std::strtoul(parts[1].c_str(), &end, 16));
+      const auto value = static_cast<u_int32_t>(std::strtoull(parts[1].c_str(), &end, 16));
       if (*end != '\0') {
         ThrowError("Fatal Error: Failed extracting data out of response: \"" + words[i] + "\" .");
       }

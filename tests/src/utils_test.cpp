@@ -217,6 +217,15 @@ TEST_F(UtilsTest, IntegersAreAppendedMostSignificantByteFirst) {
   EXPECT_EQ(out, Hex("12345678 0011223344556677 ab"));
 }
 
+TEST_F(UtilsTest, NumberOf64BitsIsAppendedWhicheverIntegerTypeTheHostHasForIt) {
+  DataVec out;
+  out << u_int64_t{0x0011223344556677};
+  EXPECT_EQ(out, Hex("0011223344556677"));
+  out.clear();
+  out << 0x8899AABBul << 0xCCDDEEFF00112233ull;
+  EXPECT_EQ(out, Hex("000000008899aabb ccddeeff00112233"));
+}
+
 TEST_F(UtilsTest, VectorsAreAppendedInOrder) {
   DataVec out{1};
   out << DataVec{2, 3} << std::vector<u_int32_t>{4, 0x05060708};
