@@ -4,9 +4,9 @@
 #include <array>
 #include <bit>
 #include <charconv>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 using BraidConn::Response;
 
@@ -310,13 +310,16 @@ ServerAccess RemoteRomInterface::ParseServer(const std::string& server) {
                ".");
   }
   char* end = nullptr;
-  const long port = std::strtol(fields[2].c_str(), &end, 10);
+  const long long port = std::strtoll(fields[2].c_str(), &end, 10);
   if (end != fields[2].c_str() + fields[2].size()) {
     ThrowError("Bad port format (" + fields[2] + ").");
   }
-  // Connecting refuses what is no port; it must only not become another one on the way there.
-  return ServerAccess{row->type, fields[1],
-                      static_cast<int>(std::clamp<long>(port, INT_MIN, INT_MAX))};
+  // Connecting refuses a number that is no port and tells which. One that an int cannot hold would
+  // be told as another number.
+  if (!std::in_range<int>(port)) {
+    ThrowError("Failed connecting to " + fields[1] + ":" + fields[2] + " .");
+  }
+  return ServerAccess{row->type, fields[1], static_cast<int>(port)};
 }
 
 void RemoteRomInterface::AskMultiMax() {

@@ -645,6 +645,45 @@ TEST_F(ConnectionTest, NumberThatIsNoPortIsNamedAsGiven) {
   }
 }
 
+TEST_F(ConnectionTest, PortThatNoIntHoldsIsNotToldAsAnotherNumber) {
+  // The third and the fourth would be port 5 and port -1 if they were cut to 32 bits.
+  for (const std::string port :
+       {"2147483648", "-2147483649", "4294967301", "4294967295", "99999999999", "-99999999999",
+        "9223372036854775808", "99999999999999999999999", "-99999999999999999999999"}) {
+    RemoteI2cInterface remote(5);
+    EXPECT_EQ(ErrorOf([&] { remote.Open(("PPC:127.0.0.1:" + port).c_str()); }),
+              "Failed connecting to 127.0.0.1:" + port + " .");
+  }
+  for (const std::string port : {"2147483647", "-2147483648"}) {
+    RemoteI2cInterface remote(5);
+    EXPECT_EQ(ErrorOf([&] { remote.Open(("PPC:127.0.0.1:" + port).c_str()); }),
+              "Failed connecting to 127.0.0.1:" + port + " .");
+  }
+}
+
+TEST_F(ConnectionTest, PortIsANumberHoweverItIsWritten) {
+  sim::ServerThread server(_fabric);
+  const std::string port = std::to_string(server.Port());
+  for (const std::string& written : {port, "+" + port, "000000000000" + port, " " + port}) {
+    RemoteI2cInterface remote(5);
+    remote.SetAddressConvertor(&_conv);
+    remote.SetAccessDevices({LEAF1});
+    EXPECT_THAT(
+        OutputOf([&] { EXPECT_EQ(remote.Open(("PPC:127.0.0.1:" + written).c_str()), BRAID_OK); }),
+        testing::HasSubstr("server PPC:127.0.0.1:" + port + ": "));
+  }
+  for (const std::string port_word : {"+70000", "00070000"}) {
+    RemoteI2cInterface remote(5);
+    EXPECT_EQ(ErrorOf([&] { remote.Open(("PPC:127.0.0.1:" + port_word).c_str()); }),
+              "Failed connecting to 127.0.0.1:70000 .");
+  }
+  for (const std::string word : {"99999999999x", "0x50", "+", "-", " ", "5 ", "5.0"}) {
+    RemoteI2cInterface remote(5);
+    EXPECT_EQ(ErrorOf([&] { remote.Open(("PPC:127.0.0.1:" + word).c_str()); }),
+              "Bad port format (" + word + ").");
+  }
+}
+
 TEST_F(ConnectionTest, ServerThatIsNotThereIsNamed) {
   std::string server;
   u_int16_t port = 0;
