@@ -628,6 +628,31 @@ TEST_F(ConnectionTest, LargeImageGoesToTheServerInPieces) {
   EXPECT_EQ(requests.front(), "vsI2cBurnImageMulti 1 0x0000000000001000 ");
 }
 
+TEST_F(ConnectionTest, SurplusAnswerEndsTheRunBeforeTheNextRequest) {
+  // The answer of the fault, framed, is two answers.
+  AnswerNext("Write", "ACK\nEND_BUF\nNEW_BUF\n{ACK {data 0xdeadbeef}}");
+  sim::ServerThread server(_fabric);
+  OutputOf([&] { _remote.Open(server.ServerString().c_str()); });
+  EXPECT_EQ(_remote.Write(0x20, Hex("00112233"), true), BRAID_OK);
+  server.ForgetExchanges();
+  EXPECT_EQ(ErrorOf([&] { _remote.Read(0x20, 4); }), "Error accessing to " + server.ServerString() +
+                                                         ": Got an answer that nobody asked for.");
+  EXPECT_TRUE(server.Requests().empty());
+}
+
+TEST_F(ConnectionTest, SurplusAnswerEndsTheRunBeforeAnImageIsSent) {
+  AnswerNext("BurnImage", "ACK\nEND_BUF\nNEW_BUF\nACK");
+  sim::ServerThread server(_fabric);
+  OutputOf([&] { _remote.Open(server.ServerString().c_str()); });
+  server.ForgetExchanges();
+  OutputOf([&] {
+    EXPECT_EQ(
+        ErrorOf([&] { _remote.BurnImage("START A 0 0\nEND A\n"); }),
+        "Error accessing to " + server.ServerString() + ": Got an answer that nobody asked for.");
+  });
+  EXPECT_EQ(server.Requests(), Requests{"vsI2cBurnImageMulti 1 0x0000000000001000 "});
+}
+
 TEST_F(ConnectionTest, ClosedInterfaceIsNotOpenedAgain) {
   EXPECT_EQ(_remote.Close(), BRAID_OK);
   EXPECT_EQ(_remote.Open("PPC:127.0.0.1:1"), BRAID_ERROR);
