@@ -244,7 +244,7 @@ void Socket::Send(std::span<std::string_view> parts) const {
 }
 
 void Socket::WaitWritable() const {
-  const int ready = Wait(_sock, true, &_max_silence);
+  const int ready = WaitForPeer(true);
   // A server that takes nothing more is as dead as one that says nothing more.
   if (ready == 0) errno = ETIMEDOUT;
   if (ready <= 0) ThrowWriteError();
@@ -276,18 +276,20 @@ std::size_t Socket::TakeLine(std::string& line) const {
   }
 }
 
-void Socket::WaitReadable() const {
+int Socket::WaitForPeer(bool for_write) const {
   std::chrono::milliseconds left = _max_silence;
-  int ready = 0;
   if (ConsoleIsPending()) {
     const auto glance = std::min(left, CONSOLE_DELAY);
-    ready = Wait(_sock, false, &glance);
-    if (ready == 0) {
-      FlushConsole();
-      left -= glance;
-    }
+    const int ready = Wait(_sock, for_write, &glance);
+    if (ready != 0) return ready;
+    FlushConsole();
+    left -= glance;
   }
-  if (ready == 0) ready = Wait(_sock, false, &left);
+  return Wait(_sock, for_write, &left);
+}
+
+void Socket::WaitReadable() const {
+  const int ready = WaitForPeer(false);
   if (ready < 0) {
     ThrowError(std::string("Failed remote read: select failed: ") + strerror(errno));
   }

@@ -81,6 +81,9 @@ class Socket {
   std::size_t _max_buffer = MAX_BUFFER;
 
  private:
+  /// Waits for MAX_SILENCE at most; flushes the console unless the peer is ready within
+  /// CONSOLE_DELAY. Returns as select does.
+  int WaitForPeer(bool for_write) const;
   void WaitReadable() const;
   void WaitWritable() const;
   void Fill() const;

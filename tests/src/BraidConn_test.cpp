@@ -8,7 +8,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <functional>
 #include <future>
+#include <sstream>
 #include <thread>
 
 #include "tests/support/support.h"
@@ -28,6 +30,7 @@ class PairedClient : public ClientSocket {
     Close();
     _sock = fd;
   }
+  int Fd() const { return _sock; }
   void SetMaxSilence(std::chrono::milliseconds limit) { _max_silence = limit; }
   void SetMaxBuffer(std::size_t size) { _max_buffer = size; }
 };
@@ -184,6 +187,31 @@ TEST_F(ConnTest, ConsoleIsFlushedBeforeALongWaitAndNotBeforeAShortOne) {
     EXPECT_FALSE(ConsoleIsPending());
   });
   EXPECT_EQ(shown, "meter");
+}
+
+TEST_F(ConnTest, ConsoleIsFlushedBeforeALongWaitForAServerThatTakesNothing) {
+  const std::string block(1000, 'f');
+  while (send(_client.Fd(), block.data(), block.size(), MSG_DONTWAIT) > 0) continue;
+  _client.SetMaxSilence(10 * CONSOLE_DELAY);
+
+  // The peer takes something only when the console is flushed: a write that flushes too late fails.
+  class Console : public std::stringbuf {
+   public:
+    std::function<void()> on_flush = [] {};
+
+   private:
+    int sync() override {
+      on_flush();
+      return 0;
+    }
+  } console;
+  std::streambuf* const before = std::cout.rdbuf(&console);
+  FlushConsole();
+  while (!ConsoleIsPending()) FlushConsoleSoon();  // the machine may be slow, but not for ever
+  console.on_flush = [this] { PeerGot(); };
+  EXPECT_EQ(ErrorOf([&] { _client.Puts("x"); }), "(no error)");
+  EXPECT_FALSE(ConsoleIsPending());
+  std::cout.rdbuf(before);
 }
 
 TEST_F(ConnTest, EveryByteStartsTheWaitAnew) {
