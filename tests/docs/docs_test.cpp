@@ -760,6 +760,52 @@ TEST(ArchitectureDocumentTest, TheTableOfUnitsHasEveryUnit) {
   EXPECT_EQ(told, units);
 }
 
+TEST(ArchitectureDocumentTest, FoldersMayIncludeWhatTheScriptLetsThem) {
+  std::map<std::string, std::set<std::string>> allowed;
+  std::ifstream script(std::filesystem::path(DOCUMENTS).parent_path() / "script" /
+                       "include-directions");
+  const std::regex entry(R"re(^    "([a-z]+)": \[(.*)\],$)re");
+  const std::regex name("\"([a-z]+)\"");
+  for (std::string line; std::getline(script, line);) {
+    std::smatch row;
+    if (!std::regex_match(line, row, entry)) continue;
+    std::set<std::string>& targets = allowed[row[1]];
+    const std::string list = row[2];
+    for (std::sregex_iterator at(list.begin(), list.end(), name), end; at != end; ++at) {
+      targets.insert((*at)[1]);
+    }
+  }
+  std::map<std::string, std::set<std::string>> told;
+  for (const Row& row : Document("architecture.md").Table("folder")) {
+    std::string folder = Unquoted(row.at(0));
+    folder.pop_back();  // the slash
+    std::set<std::string>& targets = told[folder];
+    for (std::string quoted : Quoted(row.at(3))) {
+      quoted.pop_back();
+      targets.insert(quoted);
+    }
+  }
+  EXPECT_EQ(told, allowed);
+  EXPECT_GE(told.size(), 10u);
+}
+
+TEST(ArchitectureDocumentTest, WhatIsToBeChangedIsWhereThePageSays) {
+  const auto root = std::filesystem::path(DOCUMENTS).parent_path();
+  const std::regex place("`([A-Za-z:]+)` in `([^`]+)`");
+  std::size_t places = 0;
+  for (const Row& row : Document("architecture.md").Table("to")) {
+    for (const std::string& cell : row) {
+      for (std::sregex_iterator at(cell.begin(), cell.end(), place), end; at != end; ++at) {
+        ++places;
+        std::ifstream file(root / (*at)[2].str());
+        const std::string text(std::istreambuf_iterator<char>(file), {});
+        EXPECT_NE(text.find((*at)[1].str()), std::string::npos) << (*at)[0];
+      }
+    }
+  }
+  EXPECT_GE(places, 14u);
+}
+
 TEST(ReliabilityDocumentTest, WhatWasTriedCanBeTriedAgain) {
   const auto root = std::filesystem::path(DOCUMENTS).parent_path();
   const std::vector<Row> rows = Document("reliability.md").Table("what");
