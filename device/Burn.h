@@ -4,7 +4,7 @@
 ///
 /// What it takes for granted of the burner: the writes of a section reach no chip's end half-way,
 /// however they are cut; and devices that are burnt together do not leave bytes to each other (they
-/// do where an image marks a field or a CRC in one slot only: docs/fwpush-verify.md).
+/// do where an image marks a field or a CRC in one slot only: docs/man/fwpush-verify.1).
 #pragma once
 
 #include <cstddef>
