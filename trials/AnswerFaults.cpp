@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <set>
 
-#include "src/utils.h"
+#include "common/Text.h"
 
 namespace trials {
+
+using common::HexGuid;
+using common::Text;
 
 namespace {
 
@@ -40,9 +44,9 @@ constexpr auto FAULTS = std::to_array<AnswerFaultRow>({
     {AnswerFault::SILENCE_INSIDE, "silence-inside"},
 });
 
-/// A GUID as error elements begin with it.
-std::string HexGuid(Guid guid) {
-  return Text("0x", std::hex, std::setw(16), std::setfill('0'), guid);
+std::vector<std::string> Words(const std::string& text) {
+  const auto words = common::Words(text, " ");
+  return {words.begin(), words.end()};
 }
 
 bool IsNumber(RequestKind kind) {
@@ -77,7 +81,7 @@ std::size_t ElementOf(const Request& request, const std::vector<std::string>& el
                       Guid device) {
   if (request.kind == RequestKind::LIST) {
     const auto found = std::ranges::find_if(elements, [device](const std::string& element) {
-      return splitv(element, " ", false).at(4) == HexGuid(device);
+      return Words(element).at(4) == HexGuid(device);
     });
     return static_cast<std::size_t>(found - elements.begin());
   }
@@ -138,7 +142,7 @@ std::span<const AnswerFaultRow> AllAnswerFaults() { return FAULTS; }
 
 Request ParseRequest(const std::string& text, const std::string& answer, bool has_written) {
   Request request{text, answer, RequestKind::ACKED, {}, 0, 0};
-  const std::vector<std::string> words = splitv(text, " ", false);
+  const std::vector<std::string> words = Words(text);
   const std::string& head = words.at(0);
   const bool is_read = head == "vsFlashReadMulti" || head == "vsI2cReadMulti";
   std::size_t after = 1;
@@ -161,15 +165,15 @@ Request ParseRequest(const std::string& text, const std::string& answer, bool ha
   if (!is_read) return request;
 
   // The addresses are those of the images in MatrixBurns.cpp.
-  request.size = static_cast<u_int32_t>(std::stoul(words.at(after + 1)));
-  request.addr = static_cast<u_int32_t>(std::stoul(words.at(after + 2), nullptr, 16));
+  request.size = static_cast<std::uint32_t>(std::stoul(words.at(after + 1)));
+  request.addr = static_cast<std::uint32_t>(std::stoul(words.at(after + 2), nullptr, 16));
   if (head == "vsI2cReadMulti") {
     request.kind = has_written ? RequestKind::VERIFY : RequestKind::BOOT_RECORD;
     return request;
   }
   struct ReadRow {
-    u_int32_t addr;
-    u_int32_t size;
+    std::uint32_t addr;
+    std::uint32_t size;
     RequestKind kind;
   };
   static constexpr auto READS = std::to_array<ReadRow>({
@@ -192,9 +196,9 @@ std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const Request& 
   const auto each_device = [&request] {
     std::vector<std::optional<Guid>> devices(request.devices.begin(), request.devices.end());
     if (request.kind != RequestKind::LIST) return devices;
-    GuidSet listed;
+    std::set<Guid> listed;
     for (const std::string& record : Elements(request)) {
-      listed.insert(std::stoull(splitv(record, " ", false).at(4), nullptr, 16));
+      listed.insert(std::stoull(Words(record).at(4), nullptr, 16));
     }
     devices.assign(listed.begin(), listed.end());
     return devices;
@@ -538,8 +542,8 @@ class EndPredictor {
         // The last word of the right answer is what was written.
         const std::vector<std::string> elements = Elements(_request);
         const std::string& element = elements.at(ElementOf(_request, elements, *_device));
-        const auto last =
-            static_cast<u_int32_t>(std::stoul(element.substr(element.rfind("0x")), nullptr, 16));
+        const auto last = static_cast<std::uint32_t>(
+            std::stoul(element.substr(element.rfind("0x")), nullptr, 16));
         return Loses(Text("Error verifying data on address ", std::hex,
                           _request.addr + _request.size - 4, ". Wrote ", last >> 24,
                           ", read nothing ."));

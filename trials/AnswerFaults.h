@@ -7,9 +7,11 @@
 #include <string_view>
 #include <vector>
 
-#include "src/BraidGeneral.h"
+#include "device/Bytes.h"
 
 namespace trials {
+
+using device::Guid;
 
 /// What a request asks for. Requests of one kind react alike to a faulty answer.
 enum class RequestKind {
@@ -35,9 +37,9 @@ struct Request {
   std::string text;
   std::string answer;
   RequestKind kind;
-  GuidVec devices;     ///< named in the request
-  u_int32_t addr = 0;  ///< of a read
-  u_int32_t size = 0;  ///< of a read
+  std::vector<Guid> devices;  ///< named in the request
+  std::uint32_t addr = 0;     ///< of a read
+  std::uint32_t size = 0;     ///< of a read
 };
 
 enum class AnswerFault {
@@ -95,7 +97,7 @@ std::string FaultyAnswer(AnswerFault fault, const Request& request, std::optiona
 /// What must be known of a burn to predict how it ends.
 struct BurnFacts {
   std::string server;  ///< the argument of -s
-  u_int32_t devices = 1;
+  std::uint32_t devices = 1;
   bool has_guids_field = false;
   bool is_signed[2] = {false, false};  ///< of a flash: the slots with a signature
 };

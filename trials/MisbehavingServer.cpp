@@ -18,7 +18,15 @@
 #include <system_error>
 #include <utility>
 
+#include "common/Descriptor.h"
+#include "common/SystemError.h"
+#include "common/Text.h"
+
 namespace trials {
+
+using common::Descriptor;
+using common::Text;
+using common::ThrowSystemError;
 
 namespace {
 
@@ -28,34 +36,8 @@ using std::chrono::steady_clock;
 /// The longest line that a client accepts.
 constexpr std::size_t LONGEST_LINE = std::size_t{1} << 24;
 
-[[noreturn]] void ThrowSystemError(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-/// A file descriptor, closed by its owner.
-class File {
- public:
-  explicit File(int fd = -1) : _fd(fd) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() { Close(); }
-
-  void Reset(int fd) {
-    Close();
-    _fd = fd;
-  }
-  void Close() {
-    if (_fd >= 0) close(_fd);
-    _fd = -1;
-  }
-  int Get() const { return _fd; }
-
- private:
-  int _fd;
-};
-
 /// All that was written to a file in memory.
-std::string Contents(const File& file) {
+std::string Contents(const Descriptor& file) {
   std::string text(static_cast<std::size_t>(lseek(file.Get(), 0, SEEK_END)), '\0');
   if (pread(file.Get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
     ThrowSystemError("pread");
@@ -74,7 +56,8 @@ bool WaitUntilReadable(int fd, int other, steady_clock::time_point deadline) {
   }
 }
 
-pid_t Start(const std::vector<std::string>& words, const File& output, const File& errors) {
+pid_t Start(const std::vector<std::string>& words, const Descriptor& output,
+            const Descriptor& errors) {
   std::vector<char*> argv;
   argv.reserve(words.size() + 1);
   for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
@@ -173,17 +156,21 @@ class ClientConnection {
         return;
       case AnswerFault::LOST:
       case AnswerFault::CLOSE_BEFORE:
-        return _connection.Close();
+        _connection.Close();
+        return;
       case AnswerFault::CLOSE_INSIDE:
         Send(frame.substr(0, frame.size() / 2));
-        return _connection.Close();
+        _connection.Close();
+        return;
       case AnswerFault::CLOSE_AFTER:
         Send(frame);
-        return _connection.Close();
+        _connection.Close();
+        return;
       case AnswerFault::RESET: {
         const linger at_once{.l_onoff = 1, .l_linger = 0};
         setsockopt(_connection.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
-        return _connection.Close();
+        _connection.Close();
+        return;
       }
       case AnswerFault::BYTEWISE:
         for (const char c : frame) Send({&c, 1});
@@ -270,7 +257,7 @@ class ClientConnection {
     }
   }
 
-  File _connection;
+  Descriptor _connection;
   sim::Fabric& _fabric;
   FaultInjector& _injector;
   pid_t _client;
@@ -345,13 +332,13 @@ RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fa
                                   FaultInjector& injector, milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
   RunOutcome outcome;
-  const File output(memfd_create("output", MFD_CLOEXEC));
-  const File errors(memfd_create("errors", MFD_CLOEXEC));
+  const Descriptor output(memfd_create("output", MFD_CLOEXEC));
+  const Descriptor errors(memfd_create("errors", MFD_CLOEXEC));
   // Connections of a client that was ended before it was served.
   for (int left; (left = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) close(left);
   ChildProcess child(Start(words, output, errors));
   // The C library declares its own for C only.
-  const File process(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
+  const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
   if (process.Get() < 0) ThrowSystemError("pidfd_open");
   if (WaitUntilReadable(_listener, process.Get(), deadline)) {
     const int connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);

@@ -3,62 +3,98 @@
 #include <algorithm>
 #include <utility>
 
-#include "sim/LocalRom.h"
-#include "tests/support/slot_images.h"
+#include "common/Text.h"
+#include "device/Boot.h"
+#include "device/Burn.h"
+#include "device/Crc.h"
+#include "device/ImageFile.h"
+#include "trials/DeviceMemory.h"
 
 namespace trials {
 
+using common::Text;
+
 namespace {
 
-constexpr u_int32_t MEMORY_SIZE = FLASH_SIZE;
-
-DataVec Memory(const sim::Device& device) {
-  const auto bytes = device.chips.at(0).Bytes();
-  return DataVec(bytes.begin(), bytes.end());
-}
+constexpr std::uint32_t MEMORY_SIZE = 0x2000;
 
 /// A byte that differs from device to device.
-u_int8_t DeviceByte(Guid guid) { return static_cast<u_int8_t>(guid >> 8); }
+std::uint8_t DeviceByte(Guid guid) { return static_cast<std::uint8_t>(guid >> 8); }
+
+/// The lines of a section of an image file.
+std::string SectionText(const std::string& name, std::uint32_t addr, const device::Bytes& data) {
+  std::string text = Text("START ", name, " ", std::hex, addr, " 0");
+  for (std::size_t i = 0; i < data.size(); ++i) {
+    text += Text(i % 16 == 0 ? "\n" : " ", std::hex, std::uint32_t{data[i]});
+  }
+  return text + "\nEND " + name + "\n";
+}
 
 // ---- Generic: GUIDs of all kinds and a CRC over them in the first section, nothing in the second
 
-constexpr char GENERIC_HEAD[] =
-    "DEVICE_TYPE RV61100\n"
-    "REPLACE GUIDS 0 0\n"
-    "REPLACE GUID 20 0\n"
-    "REPLACE SYSGUID 28 0\n"
-    "REPLACE CRC 0 0 3C 0 40 0\n";
-
-DataVec GenericContents(const sim::Device& device) {
-  DataVec bytes;
-  bytes << device.node_guid << device.port_guids[0] << device.port_guids[1] << device.sys_guid;
-  bytes << device.node_guid << device.sys_guid;
-  bytes.resize(0x40, 0x22);
-  bytes << ReferenceCrc(bytes);
-  bytes.resize(0x60, 0x22);
-  bytes.resize(0x80, 0xEE);  // what the section leaves as it was
-  bytes.resize(0x90, 0x33);
-  bytes.resize(MEMORY_SIZE, 0xEE);
-  return bytes;
+std::string GenericText() {
+  return "DEVICE_TYPE RV61100\n"
+         "REPLACE GUIDS 0 0\nREPLACE GUID 20 0\nREPLACE SYSGUID 28 0\n"
+         "REPLACE CRC 0 0 3C 0 40 0\n" +
+         SectionText("A", 0, device::Bytes(0x60, 0x22)) +
+         SectionText("B", 0x80, device::Bytes(0x10, 0x33));
 }
 
 // ---- RV61300: two slots, a board serial number and a GUID in each
 
-std::string EepromImageText(u_int8_t content) {
-  DataVec first = EepromData(content);
-  first.resize(0x60, content);
+std::string EepromText(std::uint8_t content) {
+  device::Bytes first(0x60, content);
+  std::fill_n(first.begin() + 4, device::BOOT_RECORD_SIZE - 4, std::uint8_t{0});
+  // The record is four bytes of the content, and one that makes the sum right.
+  first[15] = static_cast<std::uint8_t>(device::BOOT_RECORD_SUM - 4 * content);
   return "REPLACE GUID 10 0\nREPLACE BSN 18 0\nREPLACE CRC 10 0 54 0 58 0\n"
          "REPLACE GUID 210 0\nREPLACE BSN 218 0\nREPLACE CRC 210 0 254 0 258 0\n"
          "DEVICE_TYPE RV61300\nIMAGE 0 0 0\nIMAGE 1 200 0\n" +
-         Section("A", 0, first) + Section("B", 0x80, DataVec(0x10, content));
+         SectionText("A", 0, first) + SectionText("B", 0x80, device::Bytes(0x10, content));
 }
 
-// ---- RV52100: the small flash; a new image of two sectors
+// ---- RV52100: a small flash; a new image of two sectors
 
-constexpr u_int32_t NEW_SIZE = 0x410;
-constexpr u_int32_t OLD_SIZE = 0x110;
+constexpr std::uint32_t SECTOR = 0x400;
+constexpr std::uint32_t PS0 = 0x400;
+constexpr std::uint32_t PS1 = 0x800;
+constexpr std::uint32_t IMAGE0 = 0xC00;
+constexpr std::uint32_t IMAGE1 = 0x1400;
+constexpr std::uint32_t NEW_SIZE = 0x410;
+constexpr std::uint32_t OLD_SIZE = 0x110;
 /// Address of an old second image that a new first image would overwrite.
-constexpr u_int32_t IN_THE_WAY = 0x1000;
+constexpr std::uint32_t IN_THE_WAY = 0x1000;
+
+/// A pointer sector's record with its CRC.
+device::Bytes PointerRecord(std::uint32_t addr, std::uint32_t size, std::uint32_t signature) {
+  device::Bytes record;
+  for (const std::uint32_t word : {addr, size, signature}) device::AppendWord(record, word);
+  record.resize(device::RECORD_CRC, 0x5A);
+  device::AppendWord(record, device::CrcOf(record));
+  return record;
+}
+
+struct FlashImage {
+  std::uint8_t content;  ///< of the firmware
+  std::uint32_t size;    ///< of the firmware
+  std::uint32_t image1 = IMAGE1;
+  std::uint8_t invariant = 0x77;
+
+  std::string Text() const {
+    device::Bytes invariant_sector(0x40, invariant);
+    device::Bytes marker;
+    device::AppendWord(marker, device::VALID_SIGNATURE);
+    std::ranges::copy(marker, invariant_sector.begin() + device::FAILSAFE_MARKER);
+    return common::Text(
+        "DEVICE_TYPE RV52100\nPS 0 400 0\nPS 1 800 0\n"
+        "SIGNATURE 0 408 0\nSIGNATURE 1 808 0\nIMAGE 0 c00 0\nIMAGE 1 ",
+        std::hex, image1, " 0\nREPLACE CRC 400 0 500 0 504 0\nREPLACE CRC 800 0 900 0 904 0\n",
+        SectionText("INVARIANT", 0, invariant_sector),
+        SectionText("PS0", PS0, PointerRecord(IMAGE0, size, device::VALID_SIGNATURE)),
+        SectionText("PS1", PS1, PointerRecord(image1, size, 0xFFFFFFFF)),
+        SectionText("FIRMWARE", IMAGE0, device::Bytes(size, content)));
+  }
+};
 
 std::string NewFlashText() {
   return "REPLACE GUID C00 0\nREPLACE BSN C08 0\nREPLACE VSD C48 0\n"
@@ -77,63 +113,69 @@ constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 struct MatrixBurn::FlashState {
   const char* name;
   Slot slots[2];
-  u_int32_t second_addr = IMAGE1;  ///< of the old second image
+  std::uint32_t second_addr = IMAGE1;  ///< of the old second image
   bool other_invariant = false;
   const char* refusal = "";
   bool has_marker = true;
 };
 
-sim::Device& MatrixBurn::AddDevice(Guid guid, u_int32_t sector_size) {
+MatrixBurn::MatrixBurn(const common::ScratchFolder& folder, const std::string& name,
+                       const std::string& text)
+    : _name(name),
+      _file(folder.Write(name + ".img", text)),
+      _image(device::ParseImage(text, name)) {}
+
+sim::Device& MatrixBurn::AddDevice(Guid guid, std::uint32_t sector_size) {
   sim::Device device;
   device.node_guid = guid;
   device.port_guids = {guid + 1, guid + 2};
   device.sys_guid = guid + 0xF;
   device.declared_ports = 2;
-  device.bsn.assign(sim::BSN_SIZE, static_cast<u_int8_t>(0xB0 + DeviceByte(guid)));
-  device.vsd.assign(sim::VSD_SIZE, static_cast<u_int8_t>(0xD0 + DeviceByte(guid)));
+  device.bsn.assign(sim::BSN_SIZE, static_cast<std::uint8_t>(0xB0 + DeviceByte(guid)));
+  device.vsd.assign(sim::VSD_SIZE, static_cast<std::uint8_t>(0xD0 + DeviceByte(guid)));
   device.kind = sector_size == 0 ? sim::MemoryKind::I2C : sim::MemoryKind::FLASH;
-  device.chips.try_emplace(u_int8_t{0},
+  device.chips.try_emplace(std::uint8_t{0},
                            sim::Chip(std::make_unique<sim::Cells>(MEMORY_SIZE), sector_size));
-  _facts.devices = static_cast<u_int32_t>(_start.Devices().size()) + 1;
+  _facts.devices = static_cast<std::uint32_t>(_start.Devices().size()) + 1;
   sim::Device& added = _start.Add(std::move(device));
-  added.chips.at(0).Load(0, DataVec(MEMORY_SIZE, sector_size == 0 ? 0xEE : 0xFF));
+  added.chips.at(0).Load(0, device::Bytes(MEMORY_SIZE, sector_size == 0 ? 0xEE : 0xFF));
   return added;
 }
 
-void MatrixBurn::PrepareJudge(Guid guid, const std::string& old_image) {
+void MatrixBurn::Fill(Guid guid, const device::Image& image, const device::FillPart& part) {
+  sim::Device& device = *_start.Find(guid);
+  device::Memory memory = MemoryOf(device, image);
+  device::Burn(image, device::BurnKind::FAILSAFE, IdentityOf(device)).Fill(memory, part);
+  LoadMemory(device, image, memory);
+}
+
+void MatrixBurn::PrepareJudge(Guid guid, const device::Image& old_image) {
   const sim::Device& device = *_start.Find(guid);
-  FwImage image;
-  {
-    const sim::QuietConsole quiet;
-    image.Open(_image.c_str(), READ);
+  const device::Memory memory = MemoryOf(device, _image);
+  device::Judge judge(device::LayoutOf(_image, memory.sector_size).value(), memory.bytes);
+  const device::Identity identity = IdentityOf(device);
+  if (!judge.KnowImage(old_image, identity, memory, device::Whole::OLD) ||
+      !judge.KnowImage(_image, identity, memory, device::Whole::NEW)) {
+    throw std::logic_error(_name +
+                           ": the old and the new image have their slots in different places");
   }
-  const u_int32_t sector_size = device.chips.at(0).SectorSize();
-  sim::BootJudge judge(sim::BootLayout(image, sector_size), Memory(device));
-  judge.KnowImageFile(device, old_image, sim::SlotState::OLD);
-  judge.KnowImageFile(device, _image, sim::SlotState::NEW);
   _judges.emplace(guid, std::move(judge));
 }
 
-std::unique_ptr<MatrixBurn> MatrixBurn::Generic(const TemporaryFolder& folder) {
-  std::unique_ptr<MatrixBurn> burn(new MatrixBurn);
-  burn->_name = "generic";
-  burn->_image = folder.Write("generic.img", GENERIC_HEAD + Section("A", 0, DataVec(0x60, 0x22)) +
-                                                 Section("B", 0x80, DataVec(0x10, 0x33)));
+std::unique_ptr<MatrixBurn> MatrixBurn::Generic(const common::ScratchFolder& folder) {
+  std::unique_ptr<MatrixBurn> burn(new MatrixBurn(folder, "generic", GenericText()));
   burn->_switches = {"-m", "6", "-g", "100,200,300"};
   burn->_server_type = "I2C";
   burn->_facts.has_guids_field = true;
   for (const Guid guid : {0x100u, 0x200u, 0x300u}) {
-    burn->_contents[guid] = GenericContents(burn->AddDevice(guid, 0));
+    burn->AddDevice(guid, 0);
   }
   return burn;
 }
 
-std::unique_ptr<MatrixBurn> MatrixBurn::Rv61300(const TemporaryFolder& folder) {
-  std::unique_ptr<MatrixBurn> burn(new MatrixBurn);
-  burn->_name = "rv61300";
-  burn->_algorithm = Algorithm::RV61300;
-  burn->_image = folder.Write("rv61300.img", EepromImageText(0x22));
-  const std::string old_image = folder.Write("rv61300-old.img", EepromImageText(0x11));
+std::unique_ptr<MatrixBurn> MatrixBurn::Rv61300(const common::ScratchFolder& folder) {
+  std::unique_ptr<MatrixBurn> burn(new MatrixBurn(folder, "rv61300", EepromText(0x22)));
+  const device::Image old_image = device::ParseImage(EepromText(0x11), "old");
   burn->_switches = {"-m", "7", "-g", "100,200,300,400"};
   burn->_server_type = "I2C";
   const struct {
@@ -145,8 +187,8 @@ std::unique_ptr<MatrixBurn> MatrixBurn::Rv61300(const TemporaryFolder& folder) {
                  {0x400, {false, false}}};
   for (const auto& [guid, is_valid] : devices) {
     burn->AddDevice(guid, 0);
-    for (const u_int32_t slot : {0u, 1u}) {
-      BurnInto(burn->_start, guid, old_image, {.slot = slot, .is_valid = is_valid[slot]});
+    for (const std::uint32_t slot : {0u, 1u}) {
+      burn->Fill(guid, old_image, {.slot = slot, .is_valid = is_valid[slot]});
     }
     burn->PrepareJudge(guid, old_image);
   }
@@ -155,38 +197,36 @@ std::unique_ptr<MatrixBurn> MatrixBurn::Rv61300(const TemporaryFolder& folder) {
   return burn;
 }
 
-std::unique_ptr<MatrixBurn> MatrixBurn::Rv52100(const TemporaryFolder& folder,
+std::unique_ptr<MatrixBurn> MatrixBurn::Rv52100(const common::ScratchFolder& folder,
                                                 const FlashState& state) {
   constexpr Guid GUID = 0x100;
-  std::unique_ptr<MatrixBurn> burn(new MatrixBurn);
-  burn->_name = std::string("rv52100-") + state.name;
-  burn->_algorithm = Algorithm::RV52100;
+  std::unique_ptr<MatrixBurn> burn(
+      new MatrixBurn(folder, std::string("rv52100-") + state.name, NewFlashText()));
   burn->_rewrites_invariant = state.other_invariant;
-  burn->_image = folder.Write("rv52100.img", NewFlashText());
-  const FlashImage old_image{
-      .content = 0x11,
-      .size = OLD_SIZE,
-      .image1 = state.second_addr,
-      .invariant = static_cast<u_int8_t>(state.other_invariant ? 0x66 : 0x77)};
-  const std::string old_file = folder.Write(burn->_name + "-old.img", old_image.Text());
+  const FlashImage old{.content = 0x11,
+                       .size = OLD_SIZE,
+                       .image1 = state.second_addr,
+                       .invariant = static_cast<std::uint8_t>(state.other_invariant ? 0x66 : 0x77)};
+  const device::Image old_image = device::ParseImage(old.Text(), "old");
   burn->_switches = {"-m", "9", "-g", "100"};
   burn->AddDevice(GUID, SECTOR);
-  for (const u_int32_t slot : {0u, 1u}) {
+  for (const std::uint32_t slot : {0u, 1u}) {
     const Slot content = state.slots[slot];
     burn->_facts.is_signed[slot] = content == Slot::VALID;
     if (content == Slot::BLANK) continue;
-    BurnInto(burn->_start, GUID, old_file, {.slot = slot, .is_valid = content == Slot::VALID});
+    burn->Fill(GUID, old_image, {.slot = slot, .is_valid = content == Slot::VALID});
   }
-  if (!state.has_marker) burn->_start.Find(GUID)->chips.at(0).Load(0x24, DataVec(4, 0));
+  if (!state.has_marker)
+    burn->_start.Find(GUID)->chips.at(0).Load(device::FAILSAFE_MARKER, device::Bytes(4, 0));
   if (*state.refusal != '\0') {
     burn->_refused = {{GUID, state.refusal}};
     burn->_untouched = {GUID};
   }
-  burn->PrepareJudge(GUID, old_file);
+  burn->PrepareJudge(GUID, old_image);
   return burn;
 }
 
-std::vector<std::unique_ptr<MatrixBurn>> MatrixBurn::All(const TemporaryFolder& folder) {
+std::vector<std::unique_ptr<MatrixBurn>> MatrixBurn::All(const common::ScratchFolder& folder) {
   static constexpr FlashState STATES[] = {
       {"both-valid", {Slot::VALID, Slot::VALID}},
       {"first-only", {Slot::VALID, Slot::BLANK}},
@@ -220,7 +260,7 @@ sim::Fabric MatrixBurn::Repaired(const sim::Fabric& fabric) const {
 }
 
 std::vector<std::string> MatrixBurn::Words(const std::string& program) const {
-  std::vector<std::string> words = {program, "-f", _image};
+  std::vector<std::string> words = {program, "-f", _file};
   words.insert(words.end(), _switches.begin(), _switches.end());
   return words;
 }
@@ -228,36 +268,37 @@ std::vector<std::string> MatrixBurn::Words(const std::string& program) const {
 Verdict MatrixBurn::Judge(const sim::Device& device) const {
   Verdict result;
   const Guid guid = device.node_guid;
-  const DataVec memory = Memory(device);
-  if (_algorithm == Algorithm::GENERIC) {
-    result.is_whole = result.boots = memory == _contents.at(guid);
+  const device::Bytes memory = MemoryOf(device, _image).bytes;
+  const device::Memory at_start = MemoryOf(*_start.Find(guid), _image);
+  if (!IsFailsafe()) {
+    const device::Burn burn(_image, device::BurnKind::PLAIN, IdentityOf(device));
+    result.is_whole = result.boots = memory == burn.After(at_start).memory.bytes;
     result.text = result.is_whole ? "whole" : "not as burnt";
     result.row = "RV61100, and any burn with `-n`";
     return result;
   }
   if (_untouched.contains(guid)) {
-    result.is_whole = result.boots = memory == Memory(*_start.Find(guid));
+    result.is_whole = result.boots = memory == at_start.bytes;
     result.text = result.is_whole ? "unchanged" : "changed, which it must not be";
     return result;
   }
-  sim::BootJudge judge = _judges.at(guid);
-  for (u_int32_t addr = 0; addr < memory.size(); ++addr) judge.Set(addr, memory[addr]);
-  const sim::BootVerdict verdict = judge.Verdict();
-  using enum sim::SlotState;
-  const auto count = [&verdict](sim::SlotState state) {
-    return std::ranges::count(verdict.slots, state);
-  };
+  device::Judge judge = _judges.at(guid);
+  judge.SetAll(memory);
+  const device::Verdict verdict = judge.Look();
   result.text = Describe(verdict);
-  result.boots = verdict.Boots() && count(BROKEN) == 0;
-  result.is_whole =
-      verdict.invariant_is_whole &&
-      (_algorithm == Algorithm::RV61300 ? count(NEW) == 2 : count(NEW) == 1 && count(INVALID) == 1);
+  result.boots = verdict.IsSafe();
+  const bool fills_both = _image.Slots() == device::SlotKind::BOOT_RECORDS;
+  result.is_whole = verdict.invariant_is_whole && verdict.CountNew() == (fills_both ? 2 : 1) &&
+                    verdict.CountInvalid() == (fills_both ? 0 : 1);
   if (!device.chips.at(0).Violations().empty()) {
     result.is_whole = result.boots = false;
     result.text += ", bits set without an erase";
   }
-  const bool has_a_slot = count(BROKEN) == 0 && count(OLD) + count(NEW) > 0;
-  if (_rewrites_invariant && has_a_slot && !verdict.invariant_is_whole) result.row = INVARIANT_ROW;
+  device::Verdict slots = verdict;
+  slots.invariant_is_whole = true;
+  if (_rewrites_invariant && slots.IsSafe() && !verdict.invariant_is_whole) {
+    result.row = INVARIANT_ROW;
+  }
   return result;
 }
 

@@ -4,12 +4,15 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "sim/Boot.h"
+#include "common/ScratchFolder.h"
+#include "device/Burn.h"
+#include "device/Image.h"
+#include "device/Whole.h"
 #include "sim/Fabric.h"
-#include "tests/support/support.h"
 #include "trials/AnswerFaults.h"
 #include "trials/BurnOutput.h"
 
@@ -27,7 +30,7 @@ struct Verdict {
 class MatrixBurn {
  public:
   /// The burns of all kinds and starting states. Their images live in `folder`.
-  static std::vector<std::unique_ptr<MatrixBurn>> All(const TemporaryFolder& folder);
+  static std::vector<std::unique_ptr<MatrixBurn>> All(const common::ScratchFolder& folder);
 
   const std::string& Name() const { return _name; }
   const BurnFacts& Facts() const { return _facts; }
@@ -43,7 +46,7 @@ class MatrixBurn {
   bool IsLeftAlone(Guid guid) const { return _untouched.contains(guid); }
 
   Verdict Judge(const sim::Device& device) const;
-  bool IsFailsafe() const { return _algorithm != Algorithm::GENERIC; }
+  bool IsFailsafe() const { return _image.Slots() != device::SlotKind::NONE; }
 
   /// Devices that cannot be burnt. Every run that gets so far reports them.
   const std::vector<FailedDevice>& Refused() const { return _refused; }
@@ -54,30 +57,29 @@ class MatrixBurn {
   std::vector<Request> requests;
 
  private:
-  enum class Algorithm { GENERIC, RV52100, RV61300 };
-
-  MatrixBurn() = default;
-  static std::unique_ptr<MatrixBurn> Generic(const TemporaryFolder& folder);
-  static std::unique_ptr<MatrixBurn> Rv61300(const TemporaryFolder& folder);
+  MatrixBurn(const common::ScratchFolder& folder, const std::string& name, const std::string& text);
+  static std::unique_ptr<MatrixBurn> Generic(const common::ScratchFolder& folder);
+  static std::unique_ptr<MatrixBurn> Rv61300(const common::ScratchFolder& folder);
   struct FlashState;
-  static std::unique_ptr<MatrixBurn> Rv52100(const TemporaryFolder& folder,
+  static std::unique_ptr<MatrixBurn> Rv52100(const common::ScratchFolder& folder,
                                              const FlashState& state);
-  sim::Device& AddDevice(Guid guid, u_int32_t sector_size);
+  sim::Device& AddDevice(Guid guid, std::uint32_t sector_size);
+  /// Fills a device, for its starting state.
+  void Fill(Guid guid, const device::Image& image, const device::FillPart& part);
   /// Call it when the device holds its starting state.
-  void PrepareJudge(Guid guid, const std::string& old_image);
+  void PrepareJudge(Guid guid, const device::Image& old_image);
 
   std::string _name;
-  std::string _image;
+  std::string _file;  ///< of the image
+  device::Image _image;
   std::vector<std::string> _switches;
   std::string _server_type = "IB";
-  Algorithm _algorithm = Algorithm::GENERIC;
   BurnFacts _facts;
   sim::Fabric _start;
   std::vector<FailedDevice> _refused;
-  GuidSet _untouched;                      ///< that no burn may change
-  bool _rewrites_invariant = false;        ///< the image brings another invariant sector
-  std::map<Guid, sim::BootJudge> _judges;  ///< of the starting state; none for the generic burn
-  std::map<Guid, DataVec> _contents;       ///< after a generic burn
+  std::set<Guid> _untouched;              ///< that no burn may change
+  bool _rewrites_invariant = false;       ///< the image brings another invariant sector
+  std::map<Guid, device::Judge> _judges;  ///< of the starting state; none for the generic burn
 };
 
 }  // namespace trials

@@ -14,11 +14,16 @@
 #include <random>
 #include <thread>
 
+#include "common/ScratchFolder.h"
+#include "common/Text.h"
 #include "trials/BurnOutput.h"
 #include "trials/MisbehavingServer.h"
 #include "trials/matrix/MatrixBurns.h"
 
 namespace trials {
+
+using common::Text;
+
 namespace {
 
 /// Time limit of a run. The longest wait in it is for an answer that does not come: half a second.
@@ -285,10 +290,10 @@ void Spread(std::vector<Case>& cases, unsigned seed) {
 
 /// Counts of the cases of one burn and one fault.
 struct Tally {
-  u_int32_t cases = 0;
-  std::map<std::string, u_int32_t> ends;
-  u_int32_t not_booting = 0;
-  u_int32_t failed = 0;
+  std::uint32_t cases = 0;
+  std::map<std::string, std::uint32_t> ends;
+  std::uint32_t not_booting = 0;
+  std::uint32_t failed = 0;
 
   Tally& operator+=(const Tally& other) {
     cases += other.cases;
@@ -302,8 +307,8 @@ struct Tally {
 void PrintRow(const std::string& name, Tally tally) {
   std::cout << "  " << std::left << std::setw(24) << name << std::right << std::dec
             << std::setfill(' ');
-  for (const u_int32_t count : {tally.cases, tally.ends["succeeded"], tally.ends["ended"],
-                                tally.ends["aborted"], tally.not_booting, tally.failed}) {
+  for (const std::uint32_t count : {tally.cases, tally.ends["succeeded"], tally.ends["ended"],
+                                    tally.ends["aborted"], tally.not_booting, tally.failed}) {
     std::cout << std::setw(10) << count;
   }
   std::cout << "\n";
@@ -345,9 +350,9 @@ std::size_t RunAll(const std::vector<Case>& cases,
                    const std::vector<std::unique_ptr<MatrixBurn>>& burns, unsigned jobs,
                    bool with_table) {
   std::map<const MatrixBurn*, std::map<const AnswerFaultRow*, Tally>> tallies;
-  std::map<std::string, u_int32_t> rows;
+  std::map<std::string, std::uint32_t> rows;
   std::size_t failed = 0;
-  u_int32_t lost = 0;
+  std::uint32_t lost = 0;
   std::mutex mutex;
   std::atomic<std::size_t> next = 0;
   const auto work = [&] {
@@ -427,7 +432,7 @@ int Main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   const auto start = std::chrono::steady_clock::now();
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder("fault-matrix-");
   const auto burns = MatrixBurn::All(folder);
   for (const auto& burn : burns) CaseRunner().RunClean(*burn);
   std::vector<Case> cases = AllCases(burns);
@@ -458,8 +463,6 @@ int Main(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return trials::Main(argc, argv);
-  } catch (const BraidError& error) {
-    std::cerr << "fault_matrix: " << error.Des() << std::endl;
   } catch (const std::exception& error) {
     std::cerr << "fault_matrix: " << error.what() << std::endl;
   }

@@ -7,7 +7,7 @@
 #include <limits>
 #include <thread>
 
-#include "src/utils.h"
+#include "common/Text.h"
 
 namespace soak {
 
@@ -21,7 +21,7 @@ constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
 struct FaultKindRow {
   FaultKind kind;
   const char* name;
-  u_int32_t weight;
+  std::uint32_t weight;
 };
 constexpr auto FAULT_KINDS = std::to_array<FaultKindRow>({
     {FaultKind::ANSWER, "", 44},
@@ -51,7 +51,7 @@ bool IsWrite(const trials::Request& request) {
 /// A write of one word: a signature, a CRC, the head of a boot record. These decide whether it
 /// boots.
 bool IsShortWrite(const trials::Request& request) {
-  const auto words = splitv(request.text, " ", false);
+  const auto words = common::Words(request.text, " ");
   return IsWrite(request) && words.size() == request.devices.size() + 6 &&
          words[words.size() - 3] == "4";
 }
@@ -72,7 +72,7 @@ std::string PlannedFault::Name() const {
   return std::ranges::find(FAULT_KINDS, kind, &FaultKindRow::kind)->name;
 }
 
-std::vector<PlannedFault> PlanFaults(u_int32_t requests, Random& random) {
+std::vector<PlannedFault> PlanFaults(std::uint32_t requests, Random& random) {
   std::vector<PlannedFault> faults(random.OneOf<std::size_t>({0, 1, 1, 1, 2, 3}));
   for (PlannedFault& planned : faults) {
     planned.at = random.Chance(15) ? random.Below(6) : random.Below(requests);
@@ -80,7 +80,7 @@ std::vector<PlannedFault> PlanFaults(u_int32_t requests, Random& random) {
       planned.at = NEVER;
       planned.at_short = random.Between(1, 16);
     }
-    u_int32_t weight = random.Below(100);
+    std::uint32_t weight = random.Below(100);
     for (const FaultKindRow& row : FAULT_KINDS) {
       planned.kind = row.kind;
       if (weight < row.weight) break;
@@ -154,7 +154,7 @@ void PlannedFaultInjector::Spoil(const PlannedFault& planned, const trials::Requ
   if (device == nullptr || !device->has_power) return;
   sim::Fault fault;
   fault.device = guid;
-  fault.seed = static_cast<u_int32_t>(random.Seed());
+  fault.seed = static_cast<std::uint32_t>(random.Seed());
   fault.text = trials::REFUSED;
   switch (planned.kind) {
     case FaultKind::CUT:
@@ -196,7 +196,8 @@ void PlannedFaultInjector::Explain(OccurredFault& occurred) const {
     occurred.may_lose_all = true;
   }
   // The burner examines the record of the failed device as well, which is empty.
-  if (_scenario.burn == BurnKind::RECORDS && occurred.request.kind == RequestKind::BOOT_RECORD) {
+  if (_scenario.Slots() == SlotKind::BOOT_RECORDS &&
+      occurred.request.kind == RequestKind::BOOT_RECORD) {
     occurred.asserts = {"read_data.size() == 16"};
     occurred.must_fail = true;
   }
@@ -323,7 +324,7 @@ void PlannedFaultInjector::ExplainAnswer(OccurredFault& occurred) const {
   if (kind == RequestKind::VSD) {
     occurred.must_fail = true;
     occurred.asserts = {"rep_data.size() == fit->size"};
-  } else if (kind == RequestKind::BOOT_RECORD && _scenario.burn == BurnKind::RECORDS) {
+  } else if (kind == RequestKind::BOOT_RECORD && _scenario.Slots() == SlotKind::BOOT_RECORDS) {
     occurred.must_fail = true;
     occurred.asserts = {"read_data.size() == 16"};
   } else if (kind == RequestKind::VERIFY) {
@@ -336,8 +337,8 @@ void PlannedFaultInjector::ExplainAnswer(OccurredFault& occurred) const {
     // from what is expected.
     occurred.is_misread = true;
     ends = {"No more accessible devices"};
-    const bool is_address =
-        occurred.request.addr == _scenario.image.ps[1] && occurred.request.size == 4;
+    const bool is_address = _scenario.image.slots[1].pointer_sector == occurred.request.addr &&
+                            occurred.request.size == 4;
     if (is_address) {
       occurred.must_fail = true;
       occurred.asserts = {"d1.size() == 4"};

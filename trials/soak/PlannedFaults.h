@@ -29,11 +29,11 @@ enum class FaultKind {
 
 /// A fault to be injected at one request.
 struct PlannedFault {
-  std::size_t at = 0;      ///< index of the request, from 0
-  u_int32_t at_short = 0;  ///< instead of `at`: at the n-th write of one word, from 1
+  std::size_t at = 0;          ///< index of the request, from 0
+  std::uint32_t at_short = 0;  ///< instead of `at`: at the n-th write of one word, from 1
   FaultKind kind = FaultKind::ANSWER;
   trials::AnswerFault fault = trials::AnswerFault::BYTEWISE;  ///< of ANSWER
-  u_int64_t seed = 0;                                         ///< for the choice of device and bits
+  std::uint64_t seed = 0;                                     ///< for the choice of device and bits
   std::string Name() const;
 };
 
@@ -54,7 +54,7 @@ struct OccurredFault {
 };
 
 /// Up to three faults for a run of about so many requests.
-std::vector<PlannedFault> PlanFaults(u_int32_t requests, Random& random);
+std::vector<PlannedFault> PlanFaults(std::uint32_t requests, Random& random);
 
 /// Injects the planned faults into a run.
 class PlannedFaultInjector : public trials::FaultInjector {
@@ -80,7 +80,7 @@ class PlannedFaultInjector : public trials::FaultInjector {
   sim::Fabric& _fabric;
   std::vector<PlannedFault> _planned;
   std::vector<OccurredFault> _occurred;
-  u_int32_t _short_writes = 0;
+  std::uint32_t _short_writes = 0;
   bool _has_written = false;
   bool _is_stopped = false;
   trials::InjectedFault _injected;

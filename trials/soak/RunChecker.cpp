@@ -3,16 +3,25 @@
 #include <algorithm>
 #include <csignal>
 
-#include "src/utils.h"
+#include "common/Text.h"
 #include "trials/BurnOutput.h"
+#include "trials/DeviceMemory.h"
 
 namespace soak {
+
+using common::Text;
+using device::Burn;
+using device::Range;
+using device::Step;
+using trials::MemoryOf;
 
 namespace {
 
 constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 constexpr char COVERED_ROW[] = "a CRC over the first four bytes of a slot";
 constexpr char TORN_ROW[] = "a torn boot record that adds up by chance";
+/// The address of what the image does not map: behind all others.
+constexpr std::uint64_t NOT_MAPPED = device::ADDRESS_SPACE;
 /// Indices of the request for the list of devices, and of the second one for boot records.
 constexpr std::size_t LIST_REQUEST = 2;
 constexpr std::size_t SECOND_RECORDS_REQUEST = 4;
@@ -20,7 +29,7 @@ constexpr std::size_t SECOND_RECORDS_REQUEST = 4;
 Chips ChipsOf(const sim::Device& device) {
   Chips chips;
   for (const auto& [address, chip] : device.chips) {
-    chips[address] = DataVec(chip.Bytes().begin(), chip.Bytes().end());
+    chips[address] = device::Bytes(chip.Bytes().begin(), chip.Bytes().end());
   }
   return chips;
 }
@@ -32,7 +41,7 @@ bool DifferBeyond(const Image& image, const sim::Device& device, const Chips& be
     for (const MappedChip& mapped : image.map) {
       if (mapped.chip == address) from = mapped.size;
     }
-    const DataVec& old = before.at(address);
+    const device::Bytes& old = before.at(address);
     if (!std::equal(old.begin() + static_cast<std::ptrdiff_t>(from), old.end(),
                     chip.Bytes().begin() + static_cast<std::ptrdiff_t>(from))) {
       return true;
@@ -47,7 +56,7 @@ std::size_t ViolationsOf(const sim::Device& device) {
   return count;
 }
 
-std::size_t FirstDifference(const DataVec& left, const DataVec& right) {
+std::size_t FirstDifference(const device::Bytes& left, const device::Bytes& right) {
   return static_cast<std::size_t>(std::ranges::mismatch(left, right).in1 - left.begin());
 }
 
@@ -82,7 +91,11 @@ std::vector<std::string> ElementsOf(const std::string& answer) {
 
 std::string DeviceName(Guid guid) { return "device " + sim::HexGuid(guid); }
 
-BurnRun RunChecker::Begin() const {
+Burn RunChecker::BurnOf(Guid node) const {
+  return Burn(_scenario.image, _scenario.burn, trials::IdentityOf(*_scenario.fabric.Find(node)));
+}
+
+BurnRun RunChecker::Begin() {
   BurnRun run;
   for (const auto& [guid, device] : _scenario.fabric.Devices()) run.chips[guid] = ChipsOf(device);
   // A refused burn reaches no device.
@@ -94,10 +107,16 @@ BurnRun RunChecker::Begin() const {
     before.node = device->node_guid;
     before.is_there = device->has_power;
     before.memory = MemoryOf(*device, _scenario.image);
-    const Oracle oracle = OracleOf(before.node);
-    before.view = oracle.Look(before.memory);
-    before.refusal = oracle.After(before.memory).refusal;
+    const Burn burn = BurnOf(before.node);
+    before.belief = burn.Look(before.memory);
+    before.refusal = burn.After(before.memory).refusal;
     before.violations = ViolationsOf(*device);
+    const auto judge = _judges.find(before.node);
+    if (judge == _judges.end()) continue;
+    // Between the sections of an image, the device keeps what it holds now.
+    judge->second.SetAll(before.memory.bytes);
+    judge->second.KnowImage(_scenario.image, trials::IdentityOf(*device), before.memory,
+                            device::Whole::NEW);
   }
   return run;
 }
@@ -107,7 +126,7 @@ void RunChecker::Check(BurnRun& run, bool is_last) {
     run.reported.push_back(report.device);
   }
   _statistics.requests += run.outcome.requests.size();
-  _statistics.failed += static_cast<u_int32_t>(run.reported.size());
+  _statistics.failed += static_cast<std::uint32_t>(run.reported.size());
   CheckEnd(run);
   FindFailures(run);
   CheckReports(run);
@@ -149,16 +168,16 @@ void RunChecker::CheckOutcome(const trials::RunOutcome& outcome) {
 
 /// The error that must end the run without any fault; empty where it must succeed.
 std::string RunChecker::EndByItself(const BurnRun& run) const {
-  u_int32_t there = 0;
-  u_int32_t refused = 0;
+  std::uint32_t there = 0;
+  std::uint32_t refused = 0;
   for (const auto& [name, before] : run.targets) {
     there += before.is_there ? 1 : 0;
     refused += before.is_there && !before.refusal.empty() ? 1 : 0;
   }
   if (there == 0) return "No more accessible devices";
   if (refused < there) return "";
-  return _scenario.burn == BurnKind::RECORDS ? "All devices can't be failsafe burnt"
-                                             : "No more accessible devices";
+  return _scenario.Slots() == SlotKind::BOOT_RECORDS ? "All devices can't be failsafe burnt"
+                                                     : "No more accessible devices";
 }
 
 void RunChecker::CheckEnd(BurnRun& run) {
@@ -203,7 +222,7 @@ void RunChecker::FindFailures(BurnRun& run) const {
   for (const auto& [name, before] : run.targets) {
     if (!before.is_there) fails(name, LIST_REQUEST);
     // A flash without a valid image ends the run.
-    if (before.is_there && !before.refusal.empty() && _scenario.burn == BurnKind::RECORDS) {
+    if (before.is_there && !before.refusal.empty() && _scenario.Slots() == SlotKind::BOOT_RECORDS) {
       fails(name, SECOND_RECORDS_REQUEST);
     }
   }
@@ -281,28 +300,28 @@ void RunChecker::CheckChanges(const BurnRun& run) {
   }
 }
 
-/// The linear address of a change; UNPLACED where the image does not map it.
-u_int64_t RunChecker::AddressOf(const Change& change) const {
-  u_int64_t base = 0;
-  if (_scenario.image.map.empty()) return change.chip == 0 ? change.offset : UNPLACED;
+/// The linear address of a change; NOT_MAPPED where the image does not map it.
+std::uint64_t RunChecker::AddressOf(const Change& change) const {
+  std::uint64_t base = 0;
+  if (_scenario.image.map.empty()) return change.chip == 0 ? change.offset : NOT_MAPPED;
   for (const MappedChip& chip : _scenario.image.map) {
-    const bool is_mapped = u_int64_t{change.offset} + change.size <= chip.size;
-    if (chip.chip == change.chip) return is_mapped ? base + change.offset : UNPLACED;
+    const bool is_mapped = std::uint64_t{change.offset} + change.size <= chip.size;
+    if (chip.chip == change.chip) return is_mapped ? base + change.offset : NOT_MAPPED;
     base += chip.size;
   }
-  return UNPLACED;
+  return NOT_MAPPED;
 }
 
 /// Every write and erase belongs to the current step of the burn or to a later one.
 void RunChecker::CheckOrder(const BurnRun& run, Guid name, const Before& before) {
   std::vector<Step> steps;
   if (!_scenario.check_only) {
-    steps = OracleOf(before.node).Steps(before.memory, Seen(run, name, before));
+    steps = BurnOf(before.node).Steps(before.memory, Seen(run, name, before));
   }
   auto step = steps.begin();
   for (const Change& change : run.changes) {
     if (change.node != before.node) continue;
-    const u_int64_t addr = AddressOf(change);
+    const std::uint64_t addr = AddressOf(change);
     const bool is_erase = change.kind == sim::Operation::ERASE;
     const auto allows = [&](const Step& of) {
       return std::ranges::any_of(of.ranges, [&](const Range& range) {
@@ -337,18 +356,18 @@ void RunChecker::CheckOthers(const BurnRun& run) {
 }
 
 /// What the burner knows of the device, by the answers that it got.
-View RunChecker::Seen(const BurnRun& run, Guid name, const Before& before) const {
-  View view = before.view;
+Belief RunChecker::Seen(const BurnRun& run, Guid name, const Before& before) const {
+  Belief belief = before.belief;
   for (const OccurredFault& occurred : run.occurred) {
     if (!occurred.is_misread || occurred.device != name) continue;
-    const u_int32_t addr = occurred.request.addr;
-    for (const u_int32_t slot : {0u, 1u}) {
-      if (addr == _scenario.image.ps[slot] + SIGNATURE_OFFSET) view.is_signed[slot] = false;
+    const std::uint32_t addr = occurred.request.addr;
+    for (const std::uint32_t slot : {0u, 1u}) {
+      if (_scenario.image.slots[slot].signature == addr) belief.is_signed[slot] = false;
     }
-    const bool is_marker = addr == MARKER && occurred.request.size == 4;
-    if (addr < before.memory.sector_size && !is_marker) view.invariant_changed = true;
+    const bool is_marker = addr == device::FAILSAFE_MARKER && occurred.request.size == 4;
+    if (addr < before.memory.sector_size && !is_marker) belief.invariant_changed = true;
   }
-  return view;
+  return belief;
 }
 
 /// What a target must hold; nothing where that depends on when it failed.
@@ -359,12 +378,12 @@ std::optional<Memory> RunChecker::MemoryAfter(const BurnRun& run, Guid name, con
   if (std::ranges::any_of(run.occurred, is_undetected)) return {};
   const bool is_refused = !before.refusal.empty();
   const bool is_left_alone = !before.is_there || _scenario.check_only ||
-                             (is_refused && _scenario.burn == BurnKind::RECORDS);
+                             (is_refused && _scenario.Slots() == SlotKind::BOOT_RECORDS);
   if (is_left_alone) return before.memory;
   // A device that failed, or whose run ended, holds a part of the image.
   const bool is_reported = std::ranges::count(run.reported, name) > 0;
   if (is_refused ? !run.occurred.empty() : !run.is_well || is_reported) return {};
-  Result result = OracleOf(before.node).After(before.memory, Seen(run, name, before));
+  device::Outcome result = BurnOf(before.node).After(before.memory, Seen(run, name, before));
   if (!is_refused) {
     ++_statistics.burnt;
     if (!result.refusal.empty()) Fail(DeviceName(name) + " is to be refused: " + result.refusal);
@@ -389,8 +408,8 @@ void RunChecker::CheckMemories(const BurnRun& run) {
     _statistics.bytes += after.bytes.size();
     if (after.bytes != expected->bytes) {
       const std::size_t at = FirstDifference(expected->bytes, after.bytes);
-      Fail(Text(DeviceName(name), " holds ", std::hex, u_int32_t{after.bytes[at]}, " at ", at,
-                " instead of ", u_int32_t{expected->bytes[at]}));
+      Fail(Text(DeviceName(name), " holds ", std::hex, std::uint32_t{after.bytes[at]}, " at ", at,
+                " instead of ", std::uint32_t{expected->bytes[at]}));
     }
   }
 }
@@ -400,17 +419,17 @@ void RunChecker::CheckBoot(const BurnRun& run) {
   for (const OccurredFault& occurred : run.occurred) {
     if (occurred.is_undetected) _excused.insert(run.targets.at(*occurred.device).node);
   }
-  for (const auto& [node, rule] : _scenario.rules) {
+  for (auto& [node, judge] : _judges) {
     if (_excused.contains(node)) continue;
-    const sim::Device& device = *_scenario.fabric.Find(node);
-    const Memory memory = MemoryOf(device, _scenario.image);
-    const BootRule::Verdict verdict = rule.Judge(_scenario.image, device, memory);
+    const Memory memory = MemoryOf(*_scenario.fabric.Find(node), _scenario.image);
+    judge.SetAll(memory.bytes);
+    const device::Verdict verdict = judge.Look();
     ++_statistics.judged;
-    if (_out) *_out << DeviceName(node) << ": " << verdict.Text() << "\n";
-    if (verdict.IsGood()) continue;
-    const std::string row = RowOf(run, node, rule, verdict, memory);
+    if (_out) *_out << DeviceName(node) << ": " << Describe(verdict) << "\n";
+    if (verdict.IsSafe()) continue;
+    const std::string row = RowOf(run, node, verdict, memory);
     if (row.empty()) {
-      Fail(Text(DeviceName(node), " may not boot: ", verdict.Text()));
+      Fail(Text(DeviceName(node), " may not boot: ", Describe(verdict)));
       continue;
     }
     ++_statistics.rows[row];
@@ -419,33 +438,50 @@ void RunChecker::CheckBoot(const BurnRun& run) {
   }
 }
 
+/// Whether a slot holds all that a burn leaves there, and only a CRC over the first bytes of its
+/// boot record is wrong: it is computed while they are spoilt.
+bool RunChecker::HoldsCrcOverRecord(Guid node, std::uint32_t slot, const Memory& memory) const {
+  const Burn burn = BurnOf(node);
+  if (!burn.SumsWhatIsHeldBack()) return false;
+  Memory burnt = memory;
+  burn.BurnSlot(burnt, slot);
+  return burnt.bytes == memory.bytes;
+}
+
 /// The row of docs/fail-safety.md by which the device may not boot; empty where there is none.
-std::string RunChecker::RowOf(const BurnRun& run, Guid node, const BootRule& rule,
-                              const BootRule::Verdict& verdict, const Memory& memory) const {
+std::string RunChecker::RowOf(const BurnRun& run, Guid node, const device::Verdict& verdict,
+                              const Memory& memory) const {
   const auto target =
       std::ranges::find(run.targets, node, [](const auto& of) { return of.second.node; });
   if (!verdict.invariant_is_whole) {
     if (target == run.targets.end()) return "";
     const auto& [name, before] = *target;
     if (!Seen(run, name, before).invariant_changed) return "";
-    BootRule::Verdict slots = verdict;
+    device::Verdict slots = verdict;
     slots.invariant_is_whole = true;
-    if (slots.IsGood()) return INVARIANT_ROW;
+    if (slots.IsSafe()) return INVARIANT_ROW;
   }
-  const auto count = [&](BootRule::State state) {
-    return std::ranges::count(verdict.slots, state);
-  };
-  if (_scenario.burn != BurnKind::RECORDS || count(BootRule::BROKEN) == 0) {
-    return count(BootRule::MISSUMMED) > 0 ? COVERED_ROW : _scenario.row;
+  bool is_torn = false;
+  bool has_crc_over_record = false;
+  for (const std::uint32_t slot : {0u, 1u}) {
+    if (!verdict.slots[slot].BootsBroken()) continue;
+    if (HoldsCrcOverRecord(node, slot, memory)) {
+      has_crc_over_record = true;
+      continue;
+    }
+    is_torn = true;
+    // The record of an image that is known is not torn.
+    const std::uint32_t record = *_scenario.image.slots[slot].image;
+    const auto holds = [&](const device::Bytes& known) { return memory.Has(record, known); };
+    if (std::ranges::any_of(_scenario.boot_records, holds)) return "";
+  }
+  if (_scenario.Slots() != SlotKind::BOOT_RECORDS || !is_torn) {
+    return has_crc_over_record ? COVERED_ROW : _scenario.row;
   }
   // A burn that went through to its end leaves no torn record.
   const bool is_reported =
       target != run.targets.end() && std::ranges::count(run.reported, target->first) > 0;
   if (run.is_well && !is_reported) return "";
-  for (const u_int32_t slot : {0u, 1u}) {
-    const bool is_broken = verdict.slots[slot] == BootRule::BROKEN;
-    if (is_broken && rule.KnowsRecord(memory, slot)) return "";
-  }
   return TORN_ROW;
 }
 
@@ -454,7 +490,7 @@ void RunChecker::CheckLast(const BurnRun& run) {
   for (const auto& [name, before] : run.targets) {
     if (before.node == 0 || _excused.contains(before.node)) continue;
     const bool was_good =
-        _scenario.burn == BurnKind::GENERIC || _scenario.rules.contains(before.node);
+        _scenario.burn == BurnKind::PLAIN || _scenario.judges.contains(before.node);
     if (was_good && std::ranges::count(run.reported, name) > 0) {
       Fail(DeviceName(name) + " cannot be burnt again");
     }

@@ -15,14 +15,14 @@
 namespace soak {
 
 /// All memory of a device, by chip.
-using Chips = std::map<u_int8_t, DataVec>;
+using Chips = std::map<std::uint8_t, device::Bytes>;
 
 /// The state of a target before a run.
 struct Before {
   Guid node = 0;
   bool is_there = false;
   Memory memory;
-  View view;
+  Belief belief;
   std::string refusal;  ///< why it will not be burnt; empty where it will
   std::size_t violations = 0;
 };
@@ -31,9 +31,9 @@ struct Before {
 struct Change {
   sim::Operation::Kind kind;
   Guid node;
-  u_int8_t chip;
-  u_int32_t offset;
-  u_int32_t size;
+  std::uint8_t chip;
+  std::uint32_t offset;
+  std::uint32_t size;
 };
 
 /// One run of the burner.
@@ -61,10 +61,10 @@ class RunChecker {
  public:
   /// Counts in `statistics`, and records failures there. `out`, where it is not null, gets details.
   RunChecker(const Scenario& scenario, Statistics& statistics, std::ostream* out)
-      : _scenario(scenario), _statistics(statistics), _out(out) {}
+      : _scenario(scenario), _statistics(statistics), _out(out), _judges(scenario.judges) {}
 
   /// The state before a run.
-  BurnRun Begin() const;
+  BurnRun Begin();
   /// Checks a run that is over. After the last one, all devices that boot hold the new image.
   void Check(BurnRun& run, bool is_last);
   /// Checks a run that must change nothing.
@@ -78,26 +78,26 @@ class RunChecker {
   void CheckReports(const BurnRun& run);
   void CheckRequests(const BurnRun& run);
   void CheckChanges(const BurnRun& run);
-  u_int64_t AddressOf(const Change& change) const;
+  std::uint64_t AddressOf(const Change& change) const;
   void CheckOrder(const BurnRun& run, Guid name, const Before& before);
   void CheckOthers(const BurnRun& run);
-  View Seen(const BurnRun& run, Guid name, const Before& before) const;
+  Belief Seen(const BurnRun& run, Guid name, const Before& before) const;
   std::optional<Memory> MemoryAfter(const BurnRun& run, Guid name, const Before& before);
   void CheckMemories(const BurnRun& run);
   void CheckBoot(const BurnRun& run);
-  std::string RowOf(const BurnRun& run, Guid node, const BootRule& rule,
-                    const BootRule::Verdict& verdict, const Memory& memory) const;
+  std::string RowOf(const BurnRun& run, Guid node, const device::Verdict& verdict,
+                    const Memory& memory) const;
   void CheckLast(const BurnRun& run);
   void Fail(const std::string& text) { _statistics.Fail(text); }
-  Oracle OracleOf(Guid node) const {
-    return Oracle(_scenario.image, _scenario.burn, *_scenario.fabric.Find(node));
-  }
+  device::Burn BurnOf(Guid node) const;
+  bool HoldsCrcOverRecord(Guid node, std::uint32_t slot, const Memory& memory) const;
 
   const Scenario& _scenario;
   Statistics& _statistics;
   std::ostream* _out;
-  GuidSet _wrong;    ///< nodes that have had a wrong bit written
-  GuidSet _excused;  ///< nodes that need not boot any more
+  std::map<Guid, device::Judge> _judges;  ///< by node
+  GuidSet _wrong;                         ///< nodes that have had a wrong bit written
+  GuidSet _excused;                       ///< nodes that need not boot any more
 };
 
 }  // namespace soak

@@ -4,10 +4,17 @@
 #include <functional>
 #include <utility>
 
-#include "src/utils.h"
+#include "common/Text.h"
+#include "trials/DeviceMemory.h"
 #include "trials/soak/RandomImage.h"
 
 namespace soak {
+
+using common::Text;
+using device::Burn;
+using trials::IdentityOf;
+using trials::LoadMemory;
+using trials::MemoryOf;
 
 namespace {
 
@@ -18,11 +25,11 @@ enum class SlotContents { BLANK, NOISE, INVALID, SIGNED_WRONG, VALID };
 
 class ScenarioMaker {
  public:
-  explicit ScenarioMaker(u_int64_t seed) : _random(seed) { _scenario.seed = seed; }
+  explicit ScenarioMaker(std::uint64_t seed) : _random(seed) { _scenario.seed = seed; }
 
   Scenario Make() {
-    const u_int32_t kind = _random.Below(100);
-    const u_int32_t ports = _random.Chance(60) ? 2 : 4;
+    const std::uint32_t kind = _random.Below(100);
+    const std::uint32_t ports = _random.Chance(60) ? 2 : 4;
     _most_ports = ports;
     if (kind < 30) {
       SetUpEeproms();
@@ -34,7 +41,8 @@ class ScenarioMaker {
       SetUpBootRecords();
     }
     if (_random.Chance(8) && _scenario.row.empty() && !_scenario.rewrites_invariant) MakeRefused();
-    _scenario.text = TextOf(_scenario.image, _random);
+    _scenario.text = TextOf(_image, _random);
+    _scenario.image = _image.Loaded();
     WriteSwitches();
     _scenario.requests = CountRequests();
     return std::move(_scenario);
@@ -56,36 +64,36 @@ class ScenarioMaker {
     _layout = MakeEeproms(_random);
     _layout.may_have_guids = _most_ports <= 2;
     const bool is_record_type = _random.Chance(40);
-    _scenario.image = RetryUntilMade<Image>([&] {
+    _image.image = RetryUntilMade<Image>([&] {
       _layout = MakeEeproms(_random);
       _layout.may_have_guids = _most_ports <= 2;
       return MakeGeneric(_layout, _random);
     });
-    _scenario.image.type = is_record_type ? "RV61300" : "RV61100";
-    _scenario.image.bsn_first = _random.Chance(20);
+    _image.SetType(is_record_type ? "RV61300" : "RV61100");
+    _image.type_after_fields = _random.Chance(20);
     if (is_record_type || _random.Chance(30)) _scenario.switches.push_back("-n");
     for (const Guid guid : AddDevices(_random.Between(1, 6), _random.Below(4))) {
       sim::Device& device = *_scenario.fabric.Find(guid);
-      Load(device, _scenario.image, Filled(_layout.size));
+      LoadMemory(device, _image.image, Filled(_layout.size));
     }
   }
 
   void SetUpFlash() {
     _scenario.kind = "flash, generic";
-    _scenario.image = RetryUntilMade<Image>([&] {
+    _image.image = RetryUntilMade<Image>([&] {
       _layout = MakeFlash(_random, _random.Between(2, 16));
       _layout.may_have_guids = _most_ports <= 2;
       return MakeGeneric(_layout, _random);
     });
-    _scenario.image.type = FlashType();
+    _image.SetType(FlashType());
     _scenario.switches.push_back("-n");
     for (const Guid guid : AddDevices(1, _random.Below(3))) {
-      Load(*_scenario.fabric.Find(guid), _scenario.image, Filled(_layout.size));
+      LoadMemory(*_scenario.fabric.Find(guid), _image.image, Filled(_layout.size));
     }
   }
 
   void SetUpPointerSectors() {
-    _scenario.burn = BurnKind::POINTERS;
+    _scenario.burn = BurnKind::FAILSAFE;
     const bool changes_invariant = _random.Chance(8);
     SlotContents contents[2] = {PickSlotContents(), PickSlotContents()};
     if (contents[0] != SlotContents::VALID && contents[1] != SlotContents::VALID)
@@ -110,11 +118,11 @@ class ScenarioMaker {
     Pair pair = RetryUntilMade<Pair>([&]() -> std::optional<Pair> {
       _layout = MakeFlash(_random, _random.Between(8, 24));
       _layout.may_have_guids = _most_ports <= 2;
-      Slots slots;
+      SlotPlaces slots;
       const bool is_behind = _random.Chance(10);
-      const u_int32_t first = is_behind ? _layout.size / _layout.sector_size - 2 : 1;
+      const std::uint32_t first = is_behind ? _layout.size / _layout.sector_size - 2 : 1;
       if (is_behind) _layout.image_end = first * _layout.sector_size;
-      for (const u_int32_t i : {0u, 1u}) slots.ps[i] = (first + i) * _layout.sector_size;
+      for (const std::uint32_t i : {0u, 1u}) slots.ps[i] = (first + i) * _layout.sector_size;
       if (_random.Chance(15)) std::swap(slots.ps[0], slots.ps[1]);
       const auto invariant = MakeInvariant(_layout, _random);
       old_invariant = changes_invariant ? MakeInvariant(_layout, _random) : invariant;
@@ -124,53 +132,54 @@ class ScenarioMaker {
       slots.may_overlap = false;
       auto after = MakePointers(_layout, slots, invariant, _random);
       if (!before || !after) return {};
-      const u_int32_t end = after->SlotBytes() + 3 * _layout.sector_size;
-      if (--tries_for_move > 0 && before->slot[1] >= end) return {};
+      const std::uint32_t end = after->SlotBytes() + 3 * _layout.sector_size;
+      if (--tries_for_move > 0 && *before->slots[1].image >= end) return {};
       const std::string row = UnsafeRow(*before, *after, contents);
       if (!row.empty() && !takes_unsafe) return {};
       if (--tries_for_unsafe > 0 && row.empty()) return {};
       if (!row.empty()) _scenario.row = row;
-      before->type = after->type = type;
+      before->type = after->type = device::FindDeviceType(type);
       // Only a move reads the size, which may be odd.
       if (_random.Chance(20)) {
         const auto ps = std::ranges::find(before->sections, slots.ps[1], &Section::addr);
-        ps->data[7] = static_cast<u_int8_t>(ps->data[7] - _random.Below(ps->data[7] % 4 + 1));
+        ps->data[7] = static_cast<std::uint8_t>(ps->data[7] - _random.Below(ps->data[7] % 4 + 1));
       }
       return Pair{std::move(*before), std::move(*after)};
     });
-    _scenario.image = std::move(pair.after);
+    _image.image = std::move(pair.after);
+    _image.SetType(type);
     _scenario.rewrites_invariant = changes_invariant;
     const bool is_valid[] = {contents[0] == SlotContents::VALID,
                              contents[1] == SlotContents::VALID};
     const bool is_moved =
-        pair.before.slot[1] < _scenario.image.SlotBytes() + 3 * _layout.sector_size;
+        *pair.before.slots[1].image < _image.image.SlotBytes() + 3 * _layout.sector_size;
     _scenario.kind = is_valid[0] && is_valid[1] ? "flash, failsafe, both valid"
                      : is_valid[0]              ? "flash, failsafe, first valid"
                      : is_moved                 ? "flash, failsafe, second moved"
                                                 : "flash, failsafe, second valid";
     if (_random.Chance(7)) {
       _scenario.kind = "flash, two slots, -n";
-      _scenario.burn = BurnKind::GENERIC;
+      _scenario.burn = BurnKind::PLAIN;
       _scenario.switches.push_back("-n");
       _scenario.row.clear();
     }
-    const GuidVec nodes = AddDevices(1, _random.Below(3));
+    const std::vector<Guid> nodes = AddDevices(1, _random.Below(3));
     for (const Guid guid : nodes) {
       sim::Device& device = *_scenario.fabric.Find(guid);
-      const Oracle old(pair.before, BurnKind::POINTERS, device);
+      const Burn old(pair.before, BurnKind::FAILSAFE, IdentityOf(device));
       Memory memory = Filled(_layout.size);
       // Without an old image the sectors may hold anything but a signature.
       old.BurnInvariantSector(memory);
-      for (const u_int32_t slot : {0u, 1u})
+      for (const std::uint32_t slot : {0u, 1u})
         FillSlot(memory, old, pair.before, slot, contents[slot]);
-      Load(device, _scenario.image, memory);
-      Know(device, pair.before, memory);
+      LoadMemory(device, _image.image, memory);
+      AddJudge(device, pair.before, memory);
     }
   }
 
   void SetUpBootRecords() {
     _scenario.kind = "EEPROM, failsafe";
-    _scenario.burn = BurnKind::RECORDS;
+    _scenario.burn = BurnKind::FAILSAFE;
     struct Pair {
       Image before;
       Image after;
@@ -178,7 +187,7 @@ class ScenarioMaker {
     Pair pair = RetryUntilMade<Pair>([&]() -> std::optional<Pair> {
       _layout = MakeEeproms(_random);
       _layout.may_have_guids = _most_ports <= 2;
-      Slots slots;
+      SlotPlaces slots;
       slots.slot[0] = _random.Chance(60) ? 0 : _random.Below(_layout.size / 4);
       slots.slot[1] = _layout.map.size() > 1 && _random.Chance(60)
                           ? _layout.map[0].size
@@ -187,41 +196,46 @@ class ScenarioMaker {
       auto before = MakeRecords(_layout, slots, _random);
       auto after = MakeRecords(_layout, slots, _random);
       if (!before || !after) return {};
-      before->type = after->type = "RV61300";
+      before->type = after->type = device::FindDeviceType("RV61300");
       return Pair{std::move(*before), std::move(*after)};
     });
-    _scenario.image = std::move(pair.after);
+    _image.image = std::move(pair.after);
+    _image.SetType("RV61300");
     if (_random.Chance(4)) SpoilRecord();
+    for (const Image* image : {&pair.before, &_image.image}) {
+      const device::Bytes& data = image->SlotSections().front()->data;
+      _scenario.boot_records.emplace_back(data.begin(), data.begin() + device::BOOT_RECORD_SIZE);
+    }
     if (_random.Chance(5)) {
       _scenario.switches.push_back("-c");
       _scenario.check_only = true;
     }
     for (const Guid guid : AddDevices(_random.Between(1, 6), _random.Below(4))) {
       sim::Device& device = *_scenario.fabric.Find(guid);
-      const Oracle old(pair.before, BurnKind::RECORDS, device);
+      const Burn old(pair.before, BurnKind::FAILSAFE, IdentityOf(device));
       Memory memory = Filled(_layout.size);
-      for (const u_int32_t slot : {0u, 1u}) {
+      for (const std::uint32_t slot : {0u, 1u}) {
         const SlotContents contents = PickSlotContents();
         FillSlot(memory, old, pair.before, slot, contents);
       }
       const bool is_first = guid == _first;
-      if (is_first && !old.IsValid(memory, 0) && !old.IsValid(memory, 1)) {
+      if (is_first && !old.Boots(memory, 0) && !old.Boots(memory, 1)) {
         FillSlot(memory, old, pair.before, _random.Below(2), SlotContents::VALID);
       }
-      Load(device, _scenario.image, memory);
-      if (old.IsValid(memory, 0) || old.IsValid(memory, 1)) Know(device, pair.before, memory);
+      LoadMemory(device, _image.image, memory);
+      if (old.Boots(memory, 0) || old.Boots(memory, 1)) AddJudge(device, pair.before, memory);
     }
   }
 
   /// Makes the image one that can never be valid.
   void SpoilRecord() {
-    const u_int32_t first = _scenario.image.slot[0];
-    const auto section = std::ranges::find(_scenario.image.sections, first, &Section::addr);
+    const std::uint32_t first = *_image.image.slots[0].image;
+    const auto section = std::ranges::find(_image.image.sections, first, &Section::addr);
     if (_random.Chance(50)) {
       section->data[5] ^= 4;
       _scenario.row = "an image whose record has a wrong sum";
     } else {
-      section->data[9] = static_cast<u_int8_t>(section->data[9] + section->data[7] - 1);
+      section->data[9] = static_cast<std::uint8_t>(section->data[9] + section->data[7] - 1);
       section->data[7] = 1;
       _scenario.row = "an image with 1 in byte 7 of its record";
     }
@@ -234,40 +248,48 @@ class ScenarioMaker {
                           SlotContents::VALID, SlotContents::VALID});
   }
 
-  void FillSlot(Memory& memory, const Oracle& old, const Image& image, u_int32_t slot,
+  void FillSlot(Memory& memory, const Burn& old, const Image& image, std::uint32_t slot,
                 SlotContents contents) {
-    const bool has_pointers = image.ps[0] != UNPLACED;
-    if (contents != SlotContents::BLANK && contents != SlotContents::NOISE)
-      old.BurnSlot(memory, slot);
-    const u_int32_t record = has_pointers ? image.ps[slot] : image.slot[slot];
-    const u_int32_t size = has_pointers ? RECORD_SIZE : 16;
+    const bool has_pointers = image.Slots() == SlotKind::POINTER_SECTORS;
+    if (contents != SlotContents::BLANK && contents != SlotContents::NOISE) {
+      old.Fill(memory, {.slot = slot});
+    }
+    const device::Slot& place = image.slots[slot];
+    const std::uint32_t record = has_pointers ? *place.pointer_sector : *place.image;
+    const std::uint32_t size =
+        has_pointers ? device::POINTER_RECORD_SIZE : device::BOOT_RECORD_SIZE;
     if (contents == SlotContents::BLANK)
-      std::fill_n(memory.bytes.begin() + record, size, u_int8_t{0xFF});
+      std::fill_n(memory.bytes.begin() + record, size, std::uint8_t{0xFF});
     if (contents == SlotContents::NOISE) {
       std::ranges::copy(_random.Bytes(size), memory.bytes.begin() + record);
     }
     if (contents == SlotContents::SIGNED_WRONG) memory.bytes[record + 20] ^= 2;
     if (contents == SlotContents::VALID || contents == SlotContents::SIGNED_WRONG) return;
     if (has_pointers && (contents == SlotContents::INVALID || old.IsSigned(memory, slot))) {
-      std::fill_n(memory.bytes.begin() + record + SIGNATURE_OFFSET, 4, u_int8_t{0});
+      std::fill_n(memory.bytes.begin() + record + device::RECORD_SIGNATURE, 4, std::uint8_t{0});
     }
-    if (!has_pointers && old.IsValid(memory, slot)) memory.bytes[record + 3] ^= 0x40;
+    if (!has_pointers && old.Boots(memory, slot)) memory.bytes[record + 3] ^= 0x40;
   }
 
-  Memory Filled(u_int32_t size) {
+  Memory Filled(std::uint32_t size) {
     Memory memory;
     memory.sector_size = _layout.sector_size;
-    memory.bytes = DataVec(size, _random.OneOf<u_int8_t>({0xFF, 0x00, 0xEE}));
+    memory.bytes = device::Bytes(size, _random.OneOf<std::uint8_t>({0xFF, 0x00, 0xEE}));
     if (_random.Chance(50)) memory.bytes = _random.Bytes(size);
     return memory;
   }
 
-  void Know(const sim::Device& device, const Image& old_image, const Memory& now) {
-    if (!_selected.contains(device.node_guid) || _scenario.burn == BurnKind::GENERIC) return;
-    BootRule rule(_scenario.burn);
-    rule.Know(old_image, device, now, BootRule::OLD);
-    rule.Know(_scenario.image, device, now, BootRule::NEW);
-    _scenario.rules.emplace(device.node_guid, std::move(rule));
+  /// Tells the device's judge of the old and of the new image.
+  void AddJudge(const sim::Device& device, const Image& old_image, const Memory& now) {
+    if (!_selected.contains(device.node_guid) || _scenario.burn == BurnKind::PLAIN) return;
+    device::Judge judge(device::LayoutOf(_image.image, now.sector_size).value(), now.bytes);
+    judge.KnowPresentInvariantSector();
+    const device::Identity identity = IdentityOf(device);
+    if (!judge.KnowImage(old_image, identity, now, device::Whole::OLD) ||
+        !judge.KnowImage(_image.image, identity, now, device::Whole::NEW)) {
+      throw std::logic_error("the images of a scenario have their slots in different places");
+    }
+    _scenario.judges.emplace(device.node_guid, std::move(judge));
   }
 
   /// The row of docs/fail-safety.md by which a burn of `after` over `before` is not failsafe; empty
@@ -275,19 +297,19 @@ class ScenarioMaker {
   std::string UnsafeRow(const Image& before, const Image& after,
                         const SlotContents (&contents)[2]) const {
     const char* const reaches = "a first image that reaches into the second slot";
-    const u_int32_t to = 3 * _layout.sector_size;
-    const u_int32_t old_end = _layout.RoundUp(before.slot[0] + before.Extent());
-    if (contents[0] == SlotContents::VALID && old_end > after.slot[1]) return reaches;
+    const std::uint32_t to = 3 * _layout.sector_size;
+    const std::uint32_t old_end = _layout.RoundUp(*before.slots[0].image + SlotExtent(before));
+    if (contents[0] == SlotContents::VALID && old_end > *after.slots[1].image) return reaches;
     if (contents[1] != SlotContents::VALID) return "";
-    if (before.slot[1] >= to + after.SlotBytes()) {
-      const u_int32_t new_end = _layout.RoundUp(after.slot[0] + after.Extent());
-      if (new_end <= before.slot[1]) return "";
-      const bool is_gap = after.Extent() != after.SlotBytes();
+    if (*before.slots[1].image >= to + after.SlotBytes()) {
+      const std::uint32_t new_end = _layout.RoundUp(*after.slots[0].image + SlotExtent(after));
+      if (new_end <= *before.slots[1].image) return "";
+      const bool is_gap = SlotExtent(after) != after.SlotBytes();
       return is_gap ? "a new first image with gaps" : "a new first image behind the fourth sector";
     }
-    const u_int32_t moved_end = _layout.RoundUp(to + before.Extent());
-    if (moved_end > before.slot[1]) return "moving an image onto itself";
-    return moved_end > after.slot[1] ? reaches : "";
+    const std::uint32_t moved_end = _layout.RoundUp(to + SlotExtent(before));
+    if (moved_end > *before.slots[1].image) return "moving an image onto itself";
+    return moved_end > *after.slots[1].image ? reaches : "";
   }
 
   std::string FlashType() {
@@ -297,20 +319,20 @@ class ScenarioMaker {
   // ---- The fabric
 
   /// Adds the targets, then other devices. Returns all of them in this order.
-  GuidVec AddDevices(u_int32_t selected, u_int32_t others) {
-    GuidVec nodes;
-    const bool is_flash = _scenario.IsFlash();
-    for (u_int32_t i = 0; i < selected + others; ++i) {
+  std::vector<Guid> AddDevices(std::uint32_t selected, std::uint32_t others) {
+    std::vector<Guid> nodes;
+    const bool is_flash = _layout.IsFlash();
+    for (std::uint32_t i = 0; i < selected + others; ++i) {
       sim::Device device;
       device.node_guid = NewGuid();
-      const u_int32_t ports = _random.Between(1, _most_ports);
-      for (u_int32_t port = 0; port < ports; ++port) device.port_guids.push_back(NewGuid());
+      const std::uint32_t ports = _random.Between(1, _most_ports);
+      for (std::uint32_t port = 0; port < ports; ++port) device.port_guids.push_back(NewGuid());
       device.sys_guid = _random.Chance(30) ? device.node_guid : NewGuid();
       device.declared_ports = ports;
       device.bsn = _random.Bytes(sim::BSN_SIZE);
       device.vsd = _random.Bytes(sim::VSD_SIZE);
       device.kind = is_flash ? sim::MemoryKind::FLASH : sim::MemoryKind::I2C;
-      const auto add_chip = [&](u_int8_t address, u_int32_t size) {
+      const auto add_chip = [&](std::uint8_t address, std::uint32_t size) {
         device.chips.try_emplace(
             address, sim::Chip(std::make_unique<sim::Cells>(size), _layout.sector_size));
       };
@@ -320,7 +342,7 @@ class ScenarioMaker {
       }
       if (!is_flash && _random.Chance(30)) add_chip(0x70, 64);
       const Guid node = device.node_guid;
-      const GuidVec port_guids = device.port_guids;
+      const std::vector<Guid> port_guids = device.port_guids;
       _scenario.fabric.Add(std::move(device));
       nodes.push_back(node);
       if (i >= selected) continue;
@@ -353,15 +375,16 @@ class ScenarioMaker {
 
   /// Changes the scenario so that the burn must be refused and write nothing.
   void MakeRefused() {
-    const bool is_flash = _scenario.IsFlash();
-    Image& image = _scenario.image;
+    const bool is_flash = _layout.IsFlash();
+    Image& image = _image.image;
+    const SlotKind slots = _scenario.burn == BurnKind::PLAIN ? SlotKind::NONE : image.Slots();
     _scenario.kind = "refused";
     // A device that is missing would end the burn with another error.
     std::erase_if(_scenario.targets,
                   [&](Guid guid) { return _scenario.fabric.Find(guid) == nullptr; });
     switch (_random.Below(9)) {
       case 0:
-        image.type = "RV61200";
+        _image.SetType("RV61200");
         _scenario.refusal = "Device RV0 Rom Interface not supported yet";
         return;
       case 1:
@@ -372,7 +395,7 @@ class ScenarioMaker {
         if (is_flash) {
           _scenario.targets.insert(NewGuid());
           _scenario.refusal = "the flash sector size is unknown";
-          if (_scenario.burn == BurnKind::POINTERS) {
+          if (slots == SlotKind::POINTER_SECTORS) {
             _scenario.refusal = "The flash sector size is unknown. Can't perform failsafe burn";
           }
           return;
@@ -388,26 +411,27 @@ class ScenarioMaker {
         _scenario.refusal = "No more accessible devices";
         return;
       case 4:
-        if (_scenario.burn != BurnKind::GENERIC) {
-          image.slot[1] = UNPLACED;
+        if (slots != SlotKind::NONE) {
+          image.slots[1].image.reset();
           _scenario.refusal = "FwImage: Tried to access uninitiated field Image Addr[1]";
           return;
         }
-        if (const Section& first = image.sections.front(); first.Size() >= 8) {
+        if (const Section& first = image.sections.front(); SizeOf(first) >= 8) {
           const bool is_field = _random.Chance(50);
-          if (is_field) image.fields.push_back({first.End() - 4, FieldType::GUID});
-          if (!is_field) image.crcs.push_back({first.End() - 8, 12, first.addr});
+          if (is_field) image.fields.push_back({FieldType::GUID, EndOf(first) - 4});
+          if (!is_field) image.crcs.push_back({EndOf(first) - 8, 12, first.addr});
           _scenario.refusal = is_field ? "Replace field (from:" : "Replace CRC (from:";
           return;
         }
         break;
       case 5:
-        if (_scenario.burn != BurnKind::POINTERS) break;
-        image.ps[1] = _layout.size;
+        if (slots != SlotKind::POINTER_SECTORS) break;
+        image.slots[1].pointer_sector = _layout.size;
+        image.slots[1].signature = _layout.size + device::RECORD_SIGNATURE;
         _scenario.refusal = "The image has no section at its pointer sector address ";
         return;
       case 6:
-        if (_scenario.burn == BurnKind::GENERIC) break;
+        if (slots == SlotKind::NONE) break;
         InvalidateImages();
         return;
       default:
@@ -417,26 +441,26 @@ class ScenarioMaker {
   }
 
   void InvalidateImages() {
-    const Image& image = _scenario.image;
-    const bool has_pointers = _scenario.burn == BurnKind::POINTERS;
+    const Image& image = _image.image;
+    const bool has_pointers = image.Slots() == SlotKind::POINTER_SECTORS;
     for (auto& [guid, device] : _scenario.fabric.Devices()) {
       Memory memory = MemoryOf(device, image);
-      for (const u_int32_t slot : {0u, 1u}) {
-        if (has_pointers) memory.bytes[image.ps[slot] + SIGNATURE_OFFSET] = 0;
-        if (!has_pointers && Oracle(image, _scenario.burn, device).IsValid(memory, slot)) {
-          memory.bytes[image.slot[slot]] ^= 1;
+      for (const std::uint32_t slot : {0u, 1u}) {
+        if (has_pointers) memory.bytes[*image.slots[slot].signature] = 0;
+        if (!has_pointers && Burn(image, _scenario.burn, IdentityOf(device)).Boots(memory, slot)) {
+          memory.bytes[*image.slots[slot].image] ^= 1;
         }
       }
-      if (has_pointers && _random.Chance(50)) memory.bytes[MARKER] = 0;
-      Load(device, image, memory);
+      if (has_pointers && _random.Chance(50)) memory.bytes[device::FAILSAFE_MARKER] = 0;
+      LoadMemory(device, image, memory);
     }
     _scenario.refusal =
         has_pointers ? "No more accessible devices" : "All devices can't be failsafe burnt";
   }
 
   void SpoilImageText() {
-    const Place place = PlaceOf(_scenario.image, 0);
-    const std::string location = Text(std::hex, place.offset, " ", u_int32_t{place.chip});
+    const device::ChipPlace place = PlaceOf(_image.image, 0);
+    const std::string location = Text(std::hex, place.offset, " ", std::uint32_t{place.chip});
     const struct {
       std::string line;
       const char* reason;
@@ -457,7 +481,7 @@ class ScenarioMaker {
         {"REPLACE GUID 0 ee", "No mapping for the given EE loaction  (ee:"},
     };
     const auto& row = rows[_random.Below(std::size(rows))];
-    _scenario.image.spoilt = {row.line};
+    _image.bad_lines = {row.line};
     _scenario.refusal = row.reason;
   }
 
@@ -486,22 +510,24 @@ class ScenarioMaker {
   }
 
   /// Estimates the requests of a fault-free run, for the choice of where to inject faults.
-  u_int32_t CountRequests() const {
-    const u_int32_t chunk = 1u << _scenario.log2_chunk;
-    u_int32_t writes = 0;
-    for (const Section& section : _scenario.image.sections) writes += section.Size() / chunk + 1;
+  std::uint32_t CountRequests() const {
+    const std::uint32_t chunk = 1u << _scenario.log2_chunk;
+    std::uint32_t writes = 0;
+    for (const Section& section : _image.image.sections) writes += SizeOf(section) / chunk + 1;
     const auto type =
-        static_cast<u_int32_t>(_scenario.image.fields.size() + _scenario.image.crcs.size());
-    const auto devices = static_cast<u_int32_t>(_scenario.targets.size());
-    u_int32_t count = writes * (_scenario.burn == BurnKind::RECORDS ? 2 : 1) + type * devices;
+        static_cast<std::uint32_t>(_image.image.fields.size() + _image.image.crcs.size());
+    const auto devices = static_cast<std::uint32_t>(_scenario.targets.size());
+    std::uint32_t count =
+        writes * (_scenario.Slots() == SlotKind::BOOT_RECORDS ? 2 : 1) + type * devices;
     if (_scenario.Verifies()) count *= 2;
-    return 5 + count + (_scenario.burn == BurnKind::GENERIC ? 0 : 4);
+    return 5 + count + (_scenario.burn == BurnKind::PLAIN ? 0 : 4);
   }
 
   Random _random;
   Scenario _scenario;
+  RandomImage _image;  ///< of the scenario
   MemoryLayout _layout;
-  u_int32_t _most_ports = 2;
+  std::uint32_t _most_ports = 2;
   Guid _first = 0;
   GuidSet _selected;  ///< nodes
   GuidSet _guids;     ///< those in use
@@ -509,6 +535,6 @@ class ScenarioMaker {
 
 }  // namespace
 
-Scenario MakeScenario(u_int64_t seed) { return ScenarioMaker(seed).Make(); }
+Scenario MakeScenario(std::uint64_t seed) { return ScenarioMaker(seed).Make(); }
 
 }  // namespace soak

@@ -2,38 +2,54 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "device/Boot.h"
+#include "device/Burn.h"
+#include "device/Whole.h"
 #include "sim/Fabric.h"
-#include "trials/soak/Image.h"
-#include "trials/soak/Oracle.h"
+#include "trials/soak/ImageText.h"
 
 namespace soak {
 
+using device::Belief;
+using device::BurnKind;
+using device::Guid;
+using device::Memory;
+using GuidSet = std::set<Guid>;
+
 struct Scenario {
-  u_int64_t seed = 0;
+  std::uint64_t seed = 0;
   std::string kind;  ///< the row of the statistics that counts it
-  BurnKind burn = BurnKind::GENERIC;
+  BurnKind burn = BurnKind::PLAIN;
   Image image;
   std::string text;  ///< the image file
   sim::Fabric fabric;
   std::string server_type;
-  u_int32_t log2_chunk = 5;  ///< -m
+  std::uint32_t log2_chunk = 5;  ///< -m
   std::vector<std::string> switches;
-  GuidSet targets;          ///< devices to burn, by the GUIDs that the command line gives
-  bool check_only = false;  ///< -c
-  u_int32_t requests = 0;   ///< estimate for a fault-free run
+  GuidSet targets;             ///< devices to burn, by the GUIDs that the command line gives
+  bool check_only = false;     ///< -c
+  std::uint32_t requests = 0;  ///< estimate for a fault-free run
   std::string refusal;  ///< text of the error that must end the burn; empty where it must succeed
   std::string row;      ///< of docs/fail-safety.md, by which a device may not boot; or empty
   bool rewrites_invariant = false;
-  std::map<Guid, BootRule> rules;  ///< by node, of devices that boot at the start
+  /// By node, of devices that boot at the start: they know the images that the device may hold.
+  std::map<Guid, device::Judge> judges;
+  /// Valid boot records of the old and the new image; empty for other devices.
+  std::vector<device::Bytes> boot_records;
 
-  bool IsFlash() const { return image.map.empty() && image.type.starts_with("RV52"); }
+  /// How a failsafe burn tells valid images; NONE for a plain burn.
+  SlotKind Slots() const { return burn == BurnKind::PLAIN ? SlotKind::NONE : image.Slots(); }
+  bool IsFlash() const {
+    return image.type != nullptr && image.type->memory == device::MemoryKind::FLASH;
+  }
   bool Verifies() const { return !IsFlash() && server_type == "I2C"; }
 };
 
 /// The same seed gives the same scenario.
-Scenario MakeScenario(u_int64_t seed);
+Scenario MakeScenario(std::uint64_t seed);
 
 }  // namespace soak

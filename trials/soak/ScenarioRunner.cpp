@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "src/utils.h"
+#include "common/Text.h"
+#include "trials/DeviceMemory.h"
 #include "trials/soak/RunChecker.h"
 
 namespace soak {
+
+using common::Text;
+using trials::MemoryOf;
 
 namespace {
 
@@ -41,8 +45,8 @@ class ScenarioRun {
  private:
   void RunBurns() {
     Random random(_scenario.seed + 0x50AC);
-    const u_int32_t faulty_runs = random.OneOf<u_int32_t>({0, 1, 1, 1, 2, 3});
-    for (u_int32_t i = 0; i < faulty_runs && _statistics.failure.empty(); ++i) {
+    const std::uint32_t faulty_runs = random.OneOf<std::uint32_t>({0, 1, 1, 1, 2, 3});
+    for (std::uint32_t i = 0; i < faulty_runs && _statistics.failure.empty(); ++i) {
       RunBurn(PlanFaults(_scenario.requests, random), false);
       if (random.Chance(50)) PowerBack();
     }
@@ -89,7 +93,7 @@ class ScenarioRun {
     sim::Device& device = std::next(devices.begin(), random.Below(devices.size()))->second;
     Memory memory = MemoryOf(device, _scenario.image);
     memory.bytes[random.Below(memory.bytes.size())] ^= 0x10;
-    Load(device, _scenario.image, memory);
+    trials::LoadMemory(device, _scenario.image, memory);
     _signs = {DeviceName(device.node_guid)};
     for (const Guid name : _scenario.targets) {
       if (_scenario.fabric.Find(name) == &device) _signs.push_back(DeviceName(name));
@@ -97,8 +101,9 @@ class ScenarioRun {
   }
 
   void SpoilOrder(BurnRun& run) {
-    if (_scenario.burn == BurnKind::GENERIC || _scenario.check_only || run.outcome.status != 0)
+    if (_scenario.burn == BurnKind::PLAIN || _scenario.check_only || run.outcome.status != 0) {
       return;
+    }
     std::ranges::reverse(run.changes);
     _signs = {OUT_OF_ORDER};
   }
@@ -134,14 +139,12 @@ class ScenarioRun {
       for (const Guid port : device.port_guids) *_out << " " << sim::HexGuid(port);
       *_out << ", system " << sim::HexGuid(device.sys_guid);
       for (const auto& [address, chip] : device.chips) {
-        *_out << ", chip " << std::hex << u_int32_t{address} << " of " << chip.Size() << " bytes";
+        *_out << ", chip " << std::hex << std::uint32_t{address} << " of " << chip.Size()
+              << " bytes";
         if (chip.IsFlash()) *_out << " in sectors of " << chip.SectorSize();
       }
-      const auto rule = _scenario.rules.find(guid);
-      if (rule != _scenario.rules.end()) {
-        const Memory memory = MemoryOf(device, _scenario.image);
-        *_out << "; " << rule->second.Judge(_scenario.image, device, memory).Text();
-      }
+      const auto judge = _scenario.judges.find(guid);
+      if (judge != _scenario.judges.end()) *_out << "; " << Describe(judge->second.Look());
       *_out << std::dec << "\n";
     }
     if (!_scenario.refusal.empty()) *_out << "to be refused: " << _scenario.refusal << "\n";
@@ -186,7 +189,7 @@ class ScenarioRun {
 
 }  // namespace
 
-Statistics ScenarioRunner::Run(u_int64_t seed) {
+Statistics ScenarioRunner::Run(std::uint64_t seed) {
   Statistics statistics;
   statistics.scenarios = 1;
   try {
@@ -195,8 +198,6 @@ Statistics ScenarioRunner::Run(u_int64_t seed) {
     const std::string file = _folder.Write(Text("scenario-", seed, ".img"), scenario.text);
     ScenarioRun(_server, _program, file, scenario, _out, _spoil, statistics).Run();
     std::filesystem::remove(file);
-  } catch (const BraidError& error) {
-    statistics.failure = error.Des();
   } catch (const std::exception& error) {
     statistics.failure = error.what();
   }

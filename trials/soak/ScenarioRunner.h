@@ -4,7 +4,7 @@
 #include <ostream>
 #include <string>
 
-#include "tests/support/support.h"
+#include "common/ScratchFolder.h"
 #include "trials/MisbehavingServer.h"
 #include "trials/soak/Statistics.h"
 
@@ -23,14 +23,14 @@ class ScenarioRunner {
   /// Files are written to `folder`, which others may use, too. `program` is the burner. `out`,
   /// where it is not null, gets a full log. With `spoil`, a scenario fails unless the checks detect
   /// it.
-  ScenarioRunner(const TemporaryFolder& folder, const std::string& program, std::ostream* out,
+  ScenarioRunner(const common::ScratchFolder& folder, const std::string& program, std::ostream* out,
                  Spoil spoil)
       : _folder(folder), _program(program), _out(out), _spoil(spoil) {}
 
-  Statistics Run(u_int64_t seed);
+  Statistics Run(std::uint64_t seed);
 
  private:
-  const TemporaryFolder& _folder;
+  const common::ScratchFolder& _folder;
   std::string _program;
   std::ostream* _out;
   Spoil _spoil;

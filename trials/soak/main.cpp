@@ -35,7 +35,7 @@ void PrintTable(const Statistics& statistics) {
     }
     std::cout << "\n";
   }
-  std::vector<std::pair<const char*, u_int64_t>> counts = {
+  std::vector<std::pair<const char*, std::uint64_t>> counts = {
       {"runs of fwpush", statistics.runs},
       {"requests", statistics.requests},
       {"devices burnt", statistics.burnt},
@@ -57,10 +57,10 @@ void PrintTable(const Statistics& statistics) {
 
 /// Prints how many devices may not boot by each row of docs/fail-safety.md. Returns how many rows
 /// that page lacks.
-u_int64_t PrintRows(const Statistics& statistics) {
+std::uint64_t PrintRows(const Statistics& statistics) {
   std::ifstream file(FAIL_SAFETY_DOCUMENT);
   const std::string text(std::istreambuf_iterator<char>(file), {});
-  u_int64_t missing = 0;
+  std::uint64_t missing = 0;
   for (const auto& [row, count] : statistics.rows) {
     std::cout << "  " << count << " devices may not boot, as docs/fail-safety.md says: " << row
               << " (--case " << statistics.row_cases.at(row) << ")\n";
@@ -74,9 +74,9 @@ u_int64_t PrintRows(const Statistics& statistics) {
 int Main(int argc, char** argv) {
   CLI::App app("Burns random images onto random fabrics with random faults.", "soak");
   double minutes = 0;
-  u_int64_t count = 0;
-  u_int64_t seed = std::random_device()();
-  u_int64_t repeated = 0;
+  std::uint64_t count = 0;
+  std::uint64_t seed = std::random_device()();
+  std::uint64_t repeated = 0;
   unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
   Spoil spoil = Spoil::NOTHING;
   std::string program = FWPUSH_PROGRAM;
@@ -96,7 +96,7 @@ int Main(int argc, char** argv) {
           std::map<std::string, Spoil>{{"device", Spoil::DEVICE}, {"order", Spoil::ORDER}}));
   CLI11_PARSE(app, argc, argv);
 
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder("soak-");
   if (one->count() > 0) {
     const Statistics statistics = ScenarioRunner(folder, program, &std::cout, spoil).Run(repeated);
     std::cout << (statistics.failure.empty() ? "passed" : "FAILED: " + statistics.failure)
@@ -108,14 +108,14 @@ int Main(int argc, char** argv) {
   const auto start = steady_clock::now();
   const auto end = start + std::chrono::duration_cast<steady_clock::duration>(
                                std::chrono::duration<double, std::ratio<60>>(minutes));
-  std::atomic<u_int64_t> next = 0;
+  std::atomic<std::uint64_t> next = 0;
   std::mutex mutex;
   Statistics sum;
-  u_int64_t failed = 0;
+  std::uint64_t failed = 0;
   const auto work = [&] {
     ScenarioRunner runner(folder, program, nullptr, spoil);
     for (;;) {
-      const u_int64_t i = next++;
+      const std::uint64_t i = next++;
       if (count > 0 ? i >= count : steady_clock::now() >= end) return;
       const Statistics statistics = runner.Run(seed + i);
       const std::lock_guard lock(mutex);
