@@ -1,5 +1,6 @@
 // Holds docs/troubleshooting.md against the sources of fwpush: every text that can tell of a
 // failure has its row, and no row has a text that is not in the sources.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,6 +17,11 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "protocol/Server.h"
+#include "sim/FabricFile.h"
+#include "src/main.h"
+#include "tests/support/support.h"
 
 namespace {
 
@@ -448,6 +454,137 @@ TEST_F(TroubleshootingTest, EveryRowTellsCauseStateAndTheNextCommand) {
       ASSERT_EQ(row.cells.size(), 4u);
       for (const std::string& cell : row.cells) EXPECT_FALSE(cell.empty());
       EXPECT_TRUE(Has(row.cells[3], "`[^`]+`|^the command with|^nothing$")) << row.cells[3];
+    }
+  }
+}
+
+/// A run that ends with a message of the page before anything is written.
+struct Ending {
+  const char* message;  ///< the start of its cell
+  const char* image;
+  Texts words;          ///< of the command line, after -f and -s
+  const char* command;  ///< the request that the server answers with `answer`; "" for none
+  const char* answer;
+};
+
+constexpr char I2C_FABRIC[] = R"(
+[server]
+type = "I2C"
+[[device]]
+node_guid = "0x10"
+port_guids = ["0x11"]
+chip = [{ address = 0x50, size = 0x2000 }, { address = 0x51, size = 0x2000 }]
+[[device]]
+node_guid = "0x20"
+port_guids = ["0x21"]
+chip = [{ address = 0x50, size = 0x2000 }, { address = 0x51, size = 0x2000 }]
+[[device]]
+node_guid = "0x100"
+port_guids = ["0x101"]
+flash = { size = 0x100000, sector_size = 0x10000 }
+[[device]]
+node_guid = "0x200"
+port_guids = ["0x201"]
+flash = { size = 0x100000, sector_size = 0x10000 }
+)";
+
+constexpr char GENERIC[] =
+    "DEVICE_TYPE RV61100\nDEVMAP 2000 50\nSTART A 0 50\n00 01 02 03\nEND A\n";
+constexpr char RECORDS[] =
+    "DEVICE_TYPE RV61300\nDEVMAP 2000 50\nDEVMAP 2000 51\nIMAGE 0 0 50\nIMAGE 1 0 51\n"
+    "START A 0 50\n50 4C 4C 01 00 00 00 00 00 00 00 00 00 00 00 C2\nEND A\n";
+constexpr char ONE_SLOT[] =
+    "DEVICE_TYPE RV61300\nDEVMAP 2000 50\nIMAGE 0 0 50\nSTART A 0 50\n00 01 02 03\nEND A\n";
+constexpr char FLASH[] =
+    "DEVICE_TYPE RV52100\nPS 0 10000 0\nPS 1 20000 0\nSIGNATURE 0 10008 0\nSIGNATURE 1 20008 0\n"
+    "IMAGE 0 30000 0\nIMAGE 1 40000 0\nSTART P 10000 0\n00 01 02 03\nEND P\n"
+    "START Q 20000 0\n00 01 02 03\nEND Q\nSTART A 30000 0\n00 01 02 03\nEND A\n";
+constexpr char NO_POINTER_SECTOR[] =
+    "DEVICE_TYPE RV52100\nPS 0 10000 0\nPS 1 20000 0\nSIGNATURE 0 10008 0\nSIGNATURE 1 20008 0\n"
+    "IMAGE 0 30000 0\nIMAGE 1 40000 0\nSTART A 30000 0\n00 01 02 03\nEND A\n";
+constexpr char SLOTS_IN_WRONG_ORDER[] =
+    "DEVICE_TYPE RV52100\nPS 0 10000 0\nPS 1 20000 0\nSIGNATURE 0 10008 0\nSIGNATURE 1 20008 0\n"
+    "IMAGE 0 30000 0\nIMAGE 1 30000 0\nSTART P 10000 0\n00 01 02 03\nEND P\n"
+    "START Q 20000 0\n00 01 02 03\nEND Q\nSTART A 30000 0\n00 01 02 03\nEND A\n";
+constexpr char NO_FIRST_SECTION[] =
+    "DEVICE_TYPE RV52100\nPS 0 10000 0\nPS 1 20000 0\nSIGNATURE 0 10008 0\nSIGNATURE 1 20008 0\n"
+    "IMAGE 0 30000 0\nIMAGE 1 40000 0\nSTART P 10000 0\n00 01 02 03\nEND P\n"
+    "START Q 20000 0\n00 01 02 03\nEND Q\nSTART A 30004 0\n00 01 02 03\nEND A\n";
+
+const std::vector<Ending> BEFORE_WRITING = {
+    {"Server <server>: Cant get", GENERIC, {"-g=10"}, "IfcVersion", "ERROR:0:busy"},
+    {"<server> interface version", GENERIC, {"-g=10"}, "IfcVersion", "2.1"},
+    {"Failed checking access", GENERIC, {"-g=10"}, "NsGetDeviceByType", "ERROR:0:busy"},
+    {"Bad device record format", GENERIC, {"-g=10"}, "NsGetDeviceByType", "{device 1}"},
+    {"Inconsistent ports num",
+     GENERIC,
+     {"-g=10"},
+     "NsGetDeviceByType",
+     "{device 1 1 0x10 0x10 0x11 1 a b} {device 1 2 0x10 0x10 0x12 2 a b}"},
+    {"Device not accessible", GENERIC, {"-g=99"}, "", ""},
+    {"Multi max violation", GENERIC, {"-n", "-g=10,20"}, "vsMultiMaxGet", "1"},
+    {"Multi max violation", RECORDS, {"-g=10,20"}, "vsMultiMaxGet", "1"},
+    {"Both images are invalid -", RECORDS, {"-g=10,20"}, "", ""},
+    {"All devices can't be failsafe", RECORDS, {"-g=10,20"}, "", ""},
+    {"FwImage: Tried to access", ONE_SLOT, {"-g=10"}, "", ""},
+    {"Tried to GetSectorSize()", FLASH, {"-g=100,200"}, "", ""},
+    {"Internal Error: Bad format", FLASH, {"-g=100"}, "vsFlashGetAttrMulti", "{{size}}"},
+    {"Internal Error: Expected numeric",
+     FLASH,
+     {"-g=100"},
+     "vsFlashGetAttrMulti",
+     "{{sector_size=many}}"},
+    {"The flash sector size", FLASH, {"-g=100"}, "vsFlashGetAttrMulti", "{{size=100000}}"},
+    {"RemoteFlashInterface::Erase() : Can't",
+     FLASH,
+     {"-n", "-g=100"},
+     "vsFlashGetAttrMulti",
+     "{{size=100000}}"},
+    {"Image on device is not failsafe", FLASH, {"-g=100"}, "", ""},
+    {"The image has no section at", NO_POINTER_SECTOR, {"-g=100"}, "", ""},
+    {"The image has no sections between", SLOTS_IN_WRONG_ORDER, {"-g=100"}, "", ""},
+    {"Can't find a sector addres", NO_FIRST_SECTION, {"-g=100"}, "", ""},
+};
+
+/// What a message of the page looks like on the console.
+std::regex OnConsole(const std::string& message) {
+  const std::string literally =
+      std::regex_replace(message, std::regex(R"([.^$|()[\]{}*+?\\])"), "\\$&");
+  return std::regex(std::regex_replace(literally, std::regex("<[^>]*>"), ".*"));
+}
+
+TEST(TroubleshootingStatesTest, NothingIsWrittenWhereThePageSaysSo) {
+  const TemporaryFolder folder;
+  const std::vector<Row> rows = RowsOf("message");
+  for (const Ending& ending : BEFORE_WRITING) {
+    SCOPED_TRACE(ending.message);
+    const auto row = std::ranges::find_if(rows, [&](const Row& each) {
+      return each.cells[0].starts_with("`" + std::string(ending.message));
+    });
+    ASSERT_NE(row, rows.end());
+    EXPECT_THAT(row->cells[2], testing::HasSubstr("nothing written"));
+
+    std::string text = I2C_FABRIC;
+    if (*ending.command != '\0') {
+      text += std::string("[[fault]]\nkind = \"answer\"\ncommand = \"") + ending.command +
+              "\"\ntext = \"" + ending.answer + "\"\n";
+    }
+    sim::Fabric fabric;
+    sim::LoadFabric(folder.Write("fabric.toml", text), {}, fabric);
+    const sim::ServerThread server(fabric);
+    Texts words{"fwpush", "-f", folder.Write("fw.img", ending.image), "-s", server.ServerString()};
+    std::ranges::copy(ending.words, std::back_inserter(words));
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    const std::string console =
+        OutputOf([&] { FwPush(static_cast<int>(arguments.size()), arguments.data()); });
+    const std::string message = row->cells[0].substr(1, row->cells[0].size() - 2);
+    EXPECT_TRUE(std::regex_search(console, OnConsole(message))) << console;
+    const Texts requests = server.Requests();
+    EXPECT_FALSE(requests.empty());
+    for (const std::string& request : requests) {
+      EXPECT_THAT(request, testing::Not(testing::AnyOf(testing::HasSubstr("Write"),
+                                                       testing::HasSubstr("Erase"))));
     }
   }
 }
