@@ -27,13 +27,13 @@ constexpr char TO_BE_CONT[] = "TO_BE_CONT";
 constexpr char NS_CONTINUE[] = "NsContinue";
 constexpr char CONT_BUF[] = "CONT_BUF";
 
-/// Least size of a piece of a large buffer, the last one excepted.
+/// Minimum size of a piece of a large buffer, in characters; the last piece may be smaller.
 constexpr std::size_t PIECE_SIZE = 4000;
 constexpr std::size_t READ_BLOCK = std::size_t{64} * 1024;
-/// Of one write: a frame is three lines and their ends.
+/// Maximum number of parts of one write. A frame has three lines and their ends.
 constexpr std::size_t MOST_PARTS = 6;
 
-/// A number that 16 bits cannot hold must not end up as another port.
+/// A larger number must be refused: cut to 16 bits it would be another port.
 bool IsPort(int port) { return port >= 0 && port <= 0xFFFF; }
 
 void AppendWithoutReturns(std::string& line, std::string_view bytes) {
@@ -45,7 +45,7 @@ void AppendWithoutReturns(std::string& line, std::string_view bytes) {
   }
 }
 
-/// The resolver keeps its own error number; this is the system's nearest.
+/// The system error number nearest to that of the resolver, which has numbers of its own.
 int ResolverErrno() {
   if (errno != 0) return errno;
   switch (h_errno) {
@@ -58,8 +58,8 @@ int ResolverErrno() {
   }
 }
 
-/// Waits until `sock` is ready to be read, or written. Returns as select does; a signal starts
-/// another wait for what is left of the time.
+/// Waits until `sock` can be read or written. Returns as select does. After a signal it waits for
+/// the rest of the time.
 int Wait(int sock, bool for_write, const std::chrono::milliseconds* limit) {
   using std::chrono::steady_clock;
   if (sock < 0) {
@@ -73,8 +73,8 @@ int Wait(int sock, bool for_write, const std::chrono::milliseconds* limit) {
     FD_SET(sock, &waiting);
     timeval left{};
     if (limit) {
-      // Even past the deadline one look is due: a burner that was stopped and goes on finds its
-      // answer waiting.
+      // Check once even after the deadline: if the process was stopped for that long, the answer
+      // may have arrived.
       const auto rest = std::max(deadline - steady_clock::now(), steady_clock::duration::zero());
       const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(rest).count();
       left.tv_sec = static_cast<time_t>(micros / 1000000);
@@ -86,7 +86,8 @@ int Wait(int sock, bool for_write, const std::chrono::milliseconds* limit) {
   }
 }
 
-/// Finishes a connect that a signal interrupted: it goes on by itself and must not be repeated.
+/// Waits for a connect that a signal interrupted. The system completes it; a second connect would
+/// fail.
 bool FinishConnect(int sock) {
   int failure = 0;
   socklen_t size = sizeof(failure);
@@ -94,14 +95,14 @@ bool FinishConnect(int sock) {
          getsockopt(sock, SOL_SOCKET, SO_ERROR, &failure, &size) == 0 && failure == 0;
 }
 
-/// TclSplit, for any function.
+/// TclSplit for any function type.
 template <typename Each>
 void SplitList(std::string_view text, const Each& each) {
   std::size_t count = 0;  // of elements that have ended
   std::size_t start = 0;  // of the element that is open
   bool is_open = false;   // a braced element or a bare word
   bool in_word = false;   // it is a bare word
-  u_int32_t depth = 0;    // a "}" too many wraps it: all that follows counts as braced
+  u_int32_t depth = 0;    // an unmatched "}" wraps it: the rest of the text counts as braced
   const auto end_at = [&](std::size_t end) {
     each(text.substr(start, end - start));
     ++count;
@@ -144,7 +145,7 @@ Socket::~Socket() {
 BraidResult Socket::Open() {
   Close();
   _sock = socket(AF_INET, SOCK_STREAM, 0);
-  // select cannot wait for a descriptor past its set.
+  // select cannot wait for descriptors of FD_SETSIZE or more.
   if (_sock >= FD_SETSIZE) Close();
   if (_sock < 0) ThrowError("Failed creating socket.");
   const int on = 1;
@@ -183,7 +184,7 @@ BraidResult Socket::Accept(Socket& new_socket) const {
   do {
     new_socket._sock = accept(_sock, reinterpret_cast<sockaddr*>(&_addr), &size);
   } while (new_socket._sock < 0 && errno == EINTR);
-  // select cannot wait for a descriptor past its set.
+  // select cannot wait for descriptors of FD_SETSIZE or more.
   if (new_socket._sock >= FD_SETSIZE) new_socket.Close();
   return new_socket._sock > 0 ? BRAID_OK : BRAID_ERROR;
 }
@@ -226,7 +227,7 @@ void Socket::Send(std::span<std::string_view> parts) const {
     msghdr message{};
     message.msg_iov = left.data();
     message.msg_iovlen = parts.size();
-    // A server that is gone must end the run with a message, not kill it with SIGPIPE.
+    // A broken connection must end the run with a message, not with SIGPIPE.
     const ssize_t sent = sendmsg(_sock, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
       auto rest = static_cast<std::size_t>(sent);
@@ -245,7 +246,7 @@ void Socket::Send(std::span<std::string_view> parts) const {
 
 void Socket::WaitWritable() const {
   const int ready = WaitForPeer(true);
-  // A server that takes nothing more is as dead as one that says nothing more.
+  // A server that accepts no bytes counts as down, like one that sends none.
   if (ready == 0) errno = ETIMEDOUT;
   if (ready <= 0) ThrowWriteError();
 }
@@ -307,7 +308,7 @@ void Socket::Fill() const {
     got = read(_sock, _buffer.data(), _buffer.size());
   } while (got < 0 && (errno == EINTR || errno == EAGAIN));
   if (got < 0) ThrowReadError(strerror(errno));
-  // The end of the stream never ends a line: the server is down.
+  // The end of the stream does not end a line. It means that the server is down.
   if (got == 0) ThrowReadError(TOO_LARGE);
   _received = std::string_view(_buffer.data(), static_cast<std::size_t>(got));
 }
@@ -349,7 +350,7 @@ BraidResult ClientSocket::Receive(std::string& response) const {
   std::size_t taken = 0;
   for (std::string line;; line.clear()) {
     if (Eof()) ThrowError("Remote server closed connection (receivecs EOF)");
-    // Lines that make no answer count, too: there may be no end of them.
+    // Discarded lines count, too: a faulty server may send them without end.
     taken += TakeLine(line);
     if (taken > _max_buffer) ThrowReadError(TOO_LARGE);
     if (line == NEW_BUF) {
@@ -372,7 +373,7 @@ BraidResult ClientSocket::Respond(const std::string& response) const {
     const bool is_last = rest.size() <= PIECE_SIZE;
     std::size_t length = rest.size();
     if (!is_last) {
-      // Just before a line end, so that no line of the payload is split.
+      // Cut before a line end, so that no line of the payload is split.
       length = rest.find('\n', PIECE_SIZE);
       if (length == std::string_view::npos) length = PIECE_SIZE;
     }

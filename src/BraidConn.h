@@ -1,5 +1,5 @@
-/// The connection to the bus server: lines over TCP, buffers framed by marker lines, and the
-/// syntax of answers.
+/// The connection to the bus server: lines over TCP, buffers between marker lines, and the syntax
+/// of answers.
 #pragma once
 
 #include <netinet/in.h>
@@ -15,11 +15,11 @@
 
 namespace BraidConn {
 
-/// Longest silence between two bytes. A sector erase keeps the server quiet for seconds; a dead
-/// server stays quiet.
+/// Maximum time between two received bytes. During a sector erase the server sends nothing for
+/// seconds.
 inline constexpr std::chrono::seconds MAX_SILENCE{30};
 
-/// Most bytes of one line, its end not counted: what comes after is no answer any more.
+/// Maximum length of a line in bytes, without its end.
 inline constexpr u_int32_t MAX_LINE = 1u << 24;
 
 /// Maximum size of one buffer in bytes: all its lines, with their ends and markers. The answer to a
@@ -27,8 +27,8 @@ inline constexpr u_int32_t MAX_LINE = 1u << 24;
 /// 1,800 devices fit at 32 KiB a read, the largest chunk of a write that is verified.
 inline constexpr std::size_t MAX_BUFFER = std::size_t{1} << 28;
 
-/// One TCP socket that exchanges lines. Throws BraidError for what a caller cannot reasonably
-/// handle; a closed socket is told by BRAID_ERROR. Used by one caller at a time.
+/// One TCP socket that exchanges lines. Failures throw BraidError, except that Bind, Listen and
+/// Accept return BRAID_ERROR, and so does Connect on a closed socket. Used by one caller at a time.
 class Socket {
  public:
   Socket() = default;
@@ -42,11 +42,11 @@ class Socket {
   BraidResult Bind(int port);
   BraidResult Listen() const;
 
-  /// Accepts one connection into `new_socket`, which then owns it. The peer's address lands in
-  /// this socket's own address.
+  /// Accepts one connection into `new_socket`, which then owns it. Overwrites this socket's address
+  /// with that of the peer.
   BraidResult Accept(Socket& new_socket) const;
 
-  /// Resolves `host` (a name or a dotted address) and connects, waiting as long as the system does.
+  /// Resolves `host` (a name or a dotted address) and connects. Waits as long as the system does.
   BraidResult Connect(const std::string& host, int port);
 
   /// Sends `line` and a line feed.
@@ -62,20 +62,20 @@ class Socket {
   bool IsOpen() const { return _sock != -1; }
 
  protected:
-  /// Sends all of `parts`, one after the other, in one write where the system takes them at once;
-  /// what is left of them is nothing. Throws when the peer is gone, or takes nothing for
-  /// MAX_SILENCE.
+  /// Sends all of `parts` in order, with one system call when the system accepts them together.
+  /// `parts` are empty afterwards. Throws when the connection is broken, or when the peer accepts
+  /// no byte for MAX_SILENCE.
   void Send(std::span<std::string_view> parts) const;
-  /// Gets; returns how many bytes it took, its end and carriage returns included.
+  /// As Gets. Returns the number of bytes received, line end and carriage returns included.
   std::size_t TakeLine(std::string& line) const;
-  /// Whether `line` is among what was read ahead of Gets.
+  /// Whether `line` is among the lines that are received and not yet returned by Gets.
   bool HasRead(std::string_view line) const;
-  /// Throws what Gets throws when reading fails.
+  /// Throws the error of a failed Gets.
   [[noreturn]] void ThrowReadError(const std::string& reason,
                                    u_int32_t line = __builtin_LINE()) const;
 
   int _sock = -1;               ///< owned; -1 when closed
-  mutable sockaddr_in _addr{};  ///< local address after Bind, the peer's after Connect, Accept
+  mutable sockaddr_in _addr{};  ///< local after Bind, the peer's after Connect or Accept
   std::string _host;            ///< of a successful Connect
   int _port = 0;                ///< of a successful Connect
   std::chrono::milliseconds _max_silence = MAX_SILENCE;
@@ -90,53 +90,54 @@ class Socket {
   void Fill() const;
   [[noreturn]] void ThrowWriteError(u_int32_t line = __builtin_LINE()) const;
 
-  // Read ahead of the line that was asked for: no part of what a caller can see.
+  // Bytes received beyond the requested line. Mutable, because a caller cannot see them.
   mutable std::vector<char> _buffer;
-  mutable std::string_view _received;  ///< what of it no line has taken yet
+  mutable std::string_view _received;  ///< the part of _buffer not yet returned
 };
 
-/// A connection that exchanges whole buffers: a small one is a frame of NEW_BUF, content and
-/// END_BUF lines; a large one goes in pieces, each agreed to by the peer.
+/// A connection that exchanges whole buffers. A small buffer is the lines NEW_BUF, content and
+/// END_BUF. A large buffer is sent in pieces; the peer must agree to each piece after the first.
 class ClientSocket : public Socket {
  public:
   ClientSocket() { Open(); }
 
-  /// Sends a small buffer; `request` is one line whatever it contains.
+  /// Sends a small buffer with `request` as its content.
   BraidResult Request(const std::string& request) const;
 
-  /// Receives one whole buffer into `response`, its lines joined without separators. Throws for
-  /// more than MAX_BUFFER bytes.
+  /// Receives one whole buffer into `response` and joins its lines without separators. Throws when
+  /// it is larger than MAX_BUFFER.
   BraidResult Receive(std::string& response) const;
 
-  /// Whether the end of a buffer was read along with what was received, in the same piece of 64 KiB
-  /// at most, and is still there. Where no request is outstanding, that is an answer too many:
-  /// nobody knows any more which is whose.
+  /// Whether the end of a further buffer was received together with the last one (one read takes
+  /// 64 KiB at most). When no request is outstanding this is a surplus answer: replies can no
+  /// longer be matched to requests.
   bool HasSurplus() const;
 
   /// Sends one buffer, in pieces of about 4000 characters. Throws when the peer does not agree to
-  /// a further piece.
+  /// the next piece.
   BraidResult Respond(const std::string& response) const;
 
-  /// Always false: the transport detects the end of the stream.
+  /// Always false: Socket detects the end of the stream.
   bool Eof() const { return false; }
   BraidResult Flush() { return BRAID_OK; }
 
  private:
-  /// Three lines in one write, the content as it stands.
+  /// Sends three lines with one system call.
   void SendFrame(std::string_view head, std::string_view content, std::string_view tail) const;
 };
 
-/// Hands the elements of a list to `each`, outermost braces removed, as parts of `text`. Throws
-/// BraidError when braces do not balance, at the end, or one opens inside a word.
+/// Calls `each` with every element of a list, without its outermost braces, as a view into `text`.
+/// Throws BraidError when a brace opens inside a word and, after the last element, when braces do
+/// not balance.
 void TclSplit(std::string_view text, const std::function<void(std::string_view element)>& each);
-/// Puts them into `elements`.
+/// Replaces `elements` with the elements of the list.
 void TclSplit(std::string_view text, std::vector<std::string_view>& elements);
 
-/// Whether a text tells an error.
+/// Whether a text is an error answer: it begins with "ERROR" or "TARGET_ERROR".
 bool TellsError(std::string_view text);
 
-/// An answer of the bus server, or one element of one: a text that may tell an error or be a list
-/// of words and braced lists.
+/// The text of an answer of the bus server, or of one element of it: an error, or a list of words
+/// and braced lists.
 class Response : public std::string {
  public:
   Response() = default;
@@ -145,10 +146,10 @@ class Response : public std::string {
 
   bool GotErr() const;
 
-  /// The description in an error answer "ERROR:...:description", the whole text when it has no ":".
+  /// The description in an error answer "ERROR:...:description"; the whole text if it has no ":".
   std::string Error() const;
 
-  /// The elements of the list: see TclSplit above.
+  /// The elements of the list, as by BraidConn::TclSplit.
   std::vector<Response> TclSplit() const;
 };
 

@@ -1,8 +1,8 @@
 /// What every unit shares: integer and device types, result codes, the error record, the
 /// assertion that stays on in release builds, and the rules of the console.
 ///
-/// The console is std::cout. Its number base and fill character are sticky: who writes a number
-/// in a certain base sets that base first, and nobody sets it back.
+/// The console is `std::cout`. `std::hex` and the fill character persist on it. Set the base before
+/// printing; nothing restores it.
 #pragma once
 
 #include <sys/types.h>  // u_int8_t ... u_int64_t
@@ -29,11 +29,11 @@ enum BraidResult {
   BRAID_NOT_IMPLEMENTED = 4,
 };
 
-/// The one thing this program throws on purpose: a condition that ends the run. In between nothing
-/// catches it: what was made is released by its owner.
+/// The only exception type that this program throws: a condition that ends the run. Only the driver
+/// handles it; destructors release what the code in between holds.
 class BraidError {
  public:
-  /// `file` and `line` are the throw site's, kept for the debugger and never printed.
+  /// `file` and `line` are those of the throw site, for debugging; they are never printed.
   BraidError(const std::string& err_des, BraidResult err_num, const std::string& file,
              u_int32_t line)
       : _num(err_num), _des(err_des), _file(file), _line(line) {}
@@ -61,8 +61,8 @@ constexpr std::string_view UnitName(std::string_view path) {
 [[noreturn]] void ThrowError(const std::string& des, const char* file = __builtin_FILE(),
                              u_int32_t line = __builtin_LINE());
 
-/// All `parts` as one text, as a fresh stream writes them: numbers are decimal until a part is
-/// std::hex.
+/// Writes all `parts` to a new string stream and returns its text. Numbers are decimal until a part
+/// is `std::hex`.
 template <typename... Parts>
 std::string Text(const Parts&... parts) {
   std::ostringstream out;
@@ -71,21 +71,21 @@ std::string Text(const Parts&... parts) {
 }
 
 /// Begins a debug line, "-D- ", the unit, ":", the line and ": ", and returns the console for its
-/// text; finish with std::endl. The line number is decimal whatever the console's base, which
-/// stays as it was.
+/// text; finish with std::endl. The line number is always decimal. The console's base does not
+/// change.
 std::ostream& Debug(u_int32_t line = __builtin_LINE(), const char* file = __builtin_FILE());
 
-/// printf to the console, then a flush, so that nothing is lost when the run ends abnormally.
-/// Untouched by the console's base and fill.
+/// Prints to the console as printf does and flushes, so that no text is lost when the run ends
+/// abnormally. The console's base and fill have no effect.
 void ConsolePrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// How late a redrawn line may show up: less than an eye notices.
+/// Maximum delay before a redrawn line is visible. Too short to be noticed.
 inline constexpr std::chrono::milliseconds CONSOLE_DELAY{20};
 
-/// Has what was printed show up within CONSOLE_DELAY: flushes the console, unless that was done a
-/// moment ago. Whoever waits for longer than that calls FlushConsole first.
+/// Flushes the console unless it was flushed less than CONSOLE_DELAY ago. Code that then waits for
+/// longer than CONSOLE_DELAY must call FlushConsole.
 void FlushConsoleSoon();
-/// Whether FlushConsoleSoon has left something to be flushed.
+/// Whether the last FlushConsoleSoon did not flush.
 bool ConsoleIsPending();
 void FlushConsole();
 
@@ -105,7 +105,7 @@ inline void PrintBurnError(const std::string& des, Guid guid) {
 [[noreturn]] void AssertionFailed(const char* expression, const char* file, unsigned line,
                                   const char* function);
 
-/// An assertion against our own mistakes. Active in every build: a burner that no longer knows
-/// what it is doing must stop before the next write.
+/// Asserts a condition that only a programming error can break. Active in every build: after such
+/// an error the program must not write to a device.
 #define ASSERT_ALWAYS(expression) \
   ((expression) ? static_cast<void>(0) : AssertionFailed(#expression, __FILE__, __LINE__, __func__))

@@ -8,16 +8,16 @@
 
 namespace {
 
-/// What a valid image bears in its signature place.
+/// The signature word of a valid image.
 constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
-/// What invalidates it: programmed over the signature, which needs no erase.
+/// The signature word of an invalidated image. Zeros are programmed without an erase.
 constexpr u_int32_t NO_SIGNATURE = 0;
 constexpr u_int8_t ERASED = 0xFF;
 constexpr u_int32_t CRC_FIELD_SIZE = 4;
 constexpr u_int16_t CRC_POLYNOMIAL = 0x100B;
 
-/// CRC_TABLES[n][byte]: what a byte leaves in the register once n more bytes have come in after the
-/// two that the register holds.
+/// CRC_TABLES[n][byte]: the contribution of a byte to the register after n more bytes than the two
+/// that the register holds.
 constexpr std::size_t CRC_SLICES = 16;
 constexpr auto CRC_TABLES = [] {
   std::array<std::array<u_int16_t, 256>, CRC_SLICES> tables{};
@@ -38,8 +38,8 @@ u_int16_t AddByte(u_int16_t crc, u_int8_t byte) {
   return static_cast<u_int16_t>(((crc << 8) | byte) ^ CRC_TABLES[0][crc >> 8]);
 }
 
-/// Adds CRC_SLICES bytes at once: what each of them leaves does not depend on the others, so the
-/// processor looks them all up side by side.
+/// Adds CRC_SLICES bytes at once. Their contributions are independent, so the processor does the
+/// look-ups in parallel.
 u_int16_t AddBlock(u_int16_t crc, std::span<const u_int8_t, CRC_SLICES> block) {
   u_int32_t sum = CRC_TABLES[CRC_SLICES - 1][crc >> 8] ^ CRC_TABLES[CRC_SLICES - 2][crc & 0xFF];
   for (std::size_t i = 0; i < CRC_SLICES - 2; ++i) sum ^= CRC_TABLES[CRC_SLICES - 3 - i][block[i]];
@@ -47,7 +47,7 @@ u_int16_t AddBlock(u_int16_t crc, std::span<const u_int8_t, CRC_SLICES> block) {
                                 block[CRC_SLICES - 1]);
 }
 
-/// Blanks the part of [from, from + size) that lies in the region `data` at `addr`.
+/// Sets the part of [from, from + size) that lies in the region `data` at `addr` to ERASED.
 void Blank(DataVec& data, u_int32_t addr, u_int32_t from, u_int32_t size) {
   for (u_int64_t at = from; at < u_int64_t{from} + size; ++at) {
     if (at >= addr && at - addr < data.size()) data[static_cast<std::size_t>(at - addr)] = ERASED;
@@ -79,7 +79,7 @@ GuidSet Minus(const GuidSet& a, const GuidSet& b) {
 
 GuidSet Intersection(const GuidSet& a, const GuidSet& b) { return Minus(a, Minus(a, b)); }
 
-/// Padded, so that the meter's lines align.
+/// Padded, so that the lines of the meter align.
 const char* SlotWord(u_int32_t image_idx) { return image_idx == 0 ? "first " : "second"; }
 
 FwImage::Section& SectionAt(const FwImage& image, u_int32_t addr, const char* what) {
@@ -91,7 +91,7 @@ FwImage::Section& SectionAt(const FwImage& image, u_int32_t addr, const char* wh
   return *section;
 }
 
-/// The sections of the image proper, in file order; at least one.
+/// The sections of the image in its first slot, in file order; at least one.
 std::vector<FwImage::Section*> ImageSections(const FwImage& image) {
   std::vector<u_int32_t> addrs;
   image.GetImageSectionsAddr(addrs);
@@ -137,7 +137,7 @@ u_int32_t BurnAlgorithm::CalcCrc(std::span<const u_int8_t> data) {
 BraidResult BurnAlgorithm::BurnRegion(u_int32_t addr, DataVec& data,
                                       const std::vector<FwImage::FieldReplace>& fields,
                                       const std::vector<FwImage::CrcReplace>& crcs) {
-  // Blank places can be programmed later without another erase.
+  // Bytes left at FF can be programmed later without another erase.
   for (const auto& field : fields) Blank(data, addr, field.from, field.size);
   for (const auto& crc : crcs) Blank(data, addr, crc.crc_addr, CRC_FIELD_SIZE);
   _burn_if.Write(addr, data, true);
@@ -165,8 +165,8 @@ void BurnAlgorithm::WriteUniqTo(Guid guid, u_int32_t addr, DataVec& data,
     if (has_failed()) return;
     DataVec rep_data;
     if (fit->type == SIGNATURE) {
-      // Covered by CRCs with its final value, but not written: validating an image is the last
-      // step of a burn.
+      // The CRCs cover the final value, but it is not written here: validating an image is the
+      // last step of a burn.
       rep_data << VALID_SIGNATURE;
     } else {
       _burn_if.GetField(guid, fit->type, rep_data);
@@ -226,20 +226,21 @@ void BurnAlgorithm::BurnSection(const FwImage& image, FwImage::Section& section,
 
 namespace {
 
-/// The marker of a flash that is prepared for failsafe burning.
+/// The address of the marker of a flash that is prepared for failsafe burning.
 constexpr u_int32_t FAILSAFE_MARKER_ADDR = 0x24;
 
-/// The pointer sector record: image address, size and signature, the rest, and a CRC over all that.
+/// The pointer sector record: image address, size and signature, other data, and a CRC over them.
 constexpr u_int32_t PS_ADDR_OFFSET = 0;
 constexpr u_int32_t PS_SIZE_OFFSET = 4;
 constexpr u_int32_t PS_SIGNATURE_OFFSET = 8;
 constexpr u_int32_t PS_CRC_OFFSET = 260;
 constexpr u_int32_t PS_RECORD_SIZE = 264;
 
-/// Where a moved image starts: behind the invariant sector and the two pointer sectors.
+/// The sector where a moved image starts, behind the invariant sector and the two pointer sectors.
 constexpr u_int32_t FIRST_IMAGE_SECTOR = 3;
 
-// Burn logs are searched for these debug lines by number; the numbers stay as they are.
+// The line numbers that these debug lines print. Burn logs are searched for them, so they are
+// constants and do not follow the source.
 constexpr u_int32_t LESS_THAN_LINE = 228;
 constexpr u_int32_t READING_SIGNATURES_LINE = 326;
 constexpr u_int32_t REPAIRING_LINE = 522;
@@ -340,7 +341,7 @@ BraidResult RV52100FailsafeBurn::Go(FwImage& image) {
   }
   if (!second_only.empty()) {
     _burn_if.SetActiveDevices(second_only);
-    // A new first image would reach into a second one that starts below its end.
+    // A new first image would overwrite a second image that starts below its end.
     const GuidSet to_move = _burn_if.Query(
         image.GetPsAddr(1), BigEndian(image.GetImageSize() + first_image_addr), LessThan, true);
     for (const Guid guid : to_move) {
@@ -387,8 +388,8 @@ BraidResult RV52100FailsafeBurn::BurnImage(FwImage& image, u_int32_t image_idx) 
               static_cast<u_int32_t>(pointer_sector.data.size()));
   BurnSection(image, pointer_sector, pointer_sector.addr);
 
-  // The new signature first: between the two writes both images boot. The other way round, a device
-  // that loses power here would have none.
+  // First the new signature: between the two writes both images are valid. In the other order, a
+  // device that loses power between them would have no valid image.
   start_phase("Validating   " + slot + " image                         ", 4);
   _burn_if.WriteNoErase(image.GetSignatureAddr(image_idx), BigEndian(VALID_SIGNATURE));
 
@@ -404,8 +405,8 @@ BraidResult RV52100FailsafeBurn::MoveImage(Guid guid, u_int32_t image_idx, u_int
   Debug(REPAIRING_LINE) << "Repairing device " << std::hex << guid << std::endl;
   _burn_if.SetActiveDevices(guid);
 
-  // A device that does not give all its bytes must keep the one image that it has. Answers come in
-  // whole words, so there may be more bytes than were asked for.
+  // If bytes are missing, the device must keep its only image. Answers consist of whole words, so
+  // there may be more bytes than requested.
   const auto read = [&](u_int32_t addr, u_int32_t size, const char* what, DataVec& bytes) {
     _burn_if.Read(addr, size);
     const RomInterface::Result* result = _burn_if.LastActionResult(guid);
@@ -437,7 +438,7 @@ BraidResult RV52100FailsafeBurn::MoveImage(Guid guid, u_int32_t image_idx, u_int
     _burn_if.DeviceError("Can't move image: " + reason, guid);
     return BRAID_ERROR;
   }
-  // Copied with all the bytes that were read: a memory is written in whole words, too.
+  // All bytes read are copied: writes consist of whole words, too.
   FwImage::Section image_section("Image", to_addr);
   if (!read(from_addr, size, "image", image_section.data)) return BRAID_ERROR;
   const DataVec to_word = BigEndian(to_addr);
@@ -468,7 +469,8 @@ constexpr u_int32_t BOOT_RECORD_SIZE = 16;
 constexpr u_int8_t BOOT_RECORD_SUM = 0xAB;     ///< of all its bytes, modulo 256
 constexpr std::size_t FIRST_INVALID_MARK = 7;  ///< 1 here makes a first record invalid
 
-/// What is held back until the slot is written, with the byte that spoils the record till then.
+/// The bytes of the record that are written last, and the one among them that makes the checksum
+/// wrong until then.
 constexpr std::size_t HELD_BACK = 4;
 constexpr std::size_t SPOILT_BYTE = 3;
 constexpr u_int8_t SPOIL_BY = 10;
@@ -514,7 +516,7 @@ BraidResult RV61300FailsafeBurn::Go(FwImage& image) {
     ThrowError("The first section of the image holds no whole boot record. Check file " +
                image.GetFileName());
   }
-  // Each device goes on booting from the one slot while the other is rewritten.
+  // Each device can boot from one slot while the other is rewritten.
   if (!second_valid.empty()) {
     _burn_if.SetActiveDevices(second_valid);
     BurnImage(image, 0);
@@ -536,13 +538,13 @@ BraidResult RV61300FailsafeBurn::BurnImage(FwImage& image, u_int32_t image_idx) 
 
   ASSERT_ALWAYS(first.data.size() >= HELD_BACK);
   const DataVec held_back(first.data.begin(), first.data.begin() + HELD_BACK);
-  // However the burn ends, the image in memory is as it was: a second burn would spoil it twice.
+  // Restores the image in memory even when the burn throws: the next burn changes it again.
   struct Restorer {
     ~Restorer() { std::copy(held_back.begin(), held_back.end(), data.begin()); }
     const DataVec& held_back;
     DataVec& data;
   } const restorer{held_back, first.data};
-  // Not valid while it is incomplete.
+  // The slot must not be valid while it is incomplete.
   first.data[SPOILT_BYTE] = static_cast<u_int8_t>(first.data[SPOILT_BYTE] + SPOIL_BY);
   {
     PercentProgressMeter meter("Burning    " + slot + " image with invalidated signature",
@@ -560,7 +562,7 @@ BraidResult RV61300FailsafeBurn::BurnImage(FwImage& image, u_int32_t image_idx) 
 
 BraidResult GenericBurn::Go(FwImage& image) {
   const u_int32_t total = image.GetTotalSize();
-  // Vendor data and signatures are burnt as the image has them.
+  // Vendor data and signatures are burned as they are in the image.
   image.RemoveReplace(VSD);
   PercentProgressMeter meter("Burning ", total);
   const MeterLoan loan(_burn_if, meter);

@@ -15,7 +15,7 @@
 
 namespace {
 
-/// A line of the image file with its end; longer ones are read as several.
+/// Maximum length of a line of the image file, with its end. A longer line is read as several.
 constexpr std::size_t MAX_STR = 1023;
 
 constexpr u_int64_t ADDRESS_SPACE = u_int64_t{1} << 32;
@@ -48,8 +48,8 @@ constexpr auto DEVICES = std::to_array<DeviceRow>({
     {"RV52410", RV52400},  // burned as one type
 });
 
-/// Whether [from, from + size) reaches past [addr, addr + range). 64 bits, so that a size which
-/// wrapped cannot pass for a small one.
+/// Whether [from, from + size) reaches past [addr, addr + range). In 64 bits, so that the sums
+/// cannot wrap.
 bool ReachesPast(u_int64_t from, u_int64_t size, u_int64_t addr, u_int64_t range) {
   return from + size > addr + range;
 }
@@ -64,8 +64,8 @@ std::vector<std::string> Words(std::string_view line) {
 
 }  // namespace
 
-/// Reads a line of data as it usually is, words of one or two digits between blanks, into `bytes`,
-/// which has room for a line. Returns their number; 0 when the line is anything else.
+/// Fast path for the usual data line, words of one or two digits between blanks. Writes its bytes
+/// to `bytes`, which has room for a line, and returns their number. Returns 0 for any other line.
 std::size_t PlainBytes(std::string_view line, u_int8_t* bytes) {
   const auto is_blank = [](char c) { return c == ' ' || c == '\n'; };
   const char* at = line.data();
@@ -88,20 +88,20 @@ std::size_t PlainBytes(std::string_view line, u_int8_t* bytes) {
   return static_cast<std::size_t>(next - bytes);
 }
 
-/// The lines of a file as C's line input hands them out: with their end, cut at MAX_STR characters.
-/// Owns the descriptor.
+/// Reads the lines of a file as fgets does: with their end, and cut at MAX_STR characters. Owns the
+/// descriptor.
 class FwImage::LineReader {
  public:
-  /// Throws when `path` is no readable file.
+  /// Throws when `path` is not a readable regular file.
   explicit LineReader(const char* path) : _path(path) {
-    // Not to be kept waiting by a FIFO, which is refused right after.
+    // O_NONBLOCK: opening a FIFO must not wait for a writer. It is refused below.
     _fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (_fd < 0) ThrowCantOpen();
     if (fstat(_fd, &_status) == 0 && S_ISREG(_status.st_mode)) {
       _left = static_cast<u_int64_t>(_status.st_size);
     } else {
       close(_fd);
-      errno = S_ISDIR(_status.st_mode) ? EISDIR : EOPNOTSUPP;  // a device may never end
+      errno = S_ISDIR(_status.st_mode) ? EISDIR : EOPNOTSUPP;  // reading a device may never end
       ThrowCantOpen();
     }
   }
@@ -109,7 +109,7 @@ class FwImage::LineReader {
   LineReader& operator=(const LineReader&) = delete;
   ~LineReader() { close(_fd); }
 
-  /// Puts the next line into `line`, which stays valid until the next call. False at the end.
+  /// Sets `line` to the next line; it is valid until the next call. Returns false at the end.
   bool Next(std::string_view& line) {
     if (!HoldsLine()) Fill();
     if (_rest.empty()) return false;
@@ -121,11 +121,11 @@ class FwImage::LineReader {
     return true;
   }
 
-  /// Bytes of the file that are still to come, as far as its size tells.
+  /// Bytes of the file that are left to read, by its size when it was opened.
   u_int64_t Left() const { return _left; }
 
-  /// Throws when the file has been written to since it was opened: what was read may be half of one
-  /// image and half of another.
+  /// Throws when the file was modified since it was opened: the lines read may belong to two
+  /// different images.
   void CheckUnchanged() const {
     struct stat now {};
     if (fstat(_fd, &now) != 0) ThrowCantOpen();
@@ -161,10 +161,10 @@ class FwImage::LineReader {
   }
 
   std::string _path;
-  std::vector<char> _block = std::vector<char>(BLOCK);  // before the descriptor: it may fail
+  std::vector<char> _block = std::vector<char>(BLOCK);  // before _fd: this may throw
   int _fd;
   struct stat _status {};  ///< when it was opened
-  std::string_view _rest;  ///< of the block, not handed out yet
+  std::string_view _rest;  ///< the part of the block not yet returned
   u_int64_t _left = 0;
 };
 
@@ -217,7 +217,7 @@ BraidResult FwImage::Open(const char* file_name, ReadWrite rw) {
 }
 
 BraidResult FwImage::Close() {
-  // The sections themselves stay, empty, for whoever still holds an address of one.
+  // The sections stay, without bytes: callers may hold pointers to them.
   if (_is_open) {
     for (const auto& section : _loaded) DataVec().swap(section->data);
   }
@@ -407,7 +407,7 @@ BraidResult FwImage::LoadImg(const char* file_name) {
   try {
     LoadLines(reader);
   } catch (const BraidError&) {
-    // A line that is half of one and half of another is no mistake of whoever looks for it now.
+    // If the file was modified while it was read, report that instead of a syntax error.
     reader.CheckUnchanged();
     throw;
   }
@@ -421,7 +421,7 @@ void FwImage::LoadLines(LineReader& reader) {
   for (std::string_view line; reader.Next(line);) {
     ++_curr_line;
     if (open_section != nullptr && AppendPlainData(line, *open_section)) continue;
-    line = line.substr(0, line.find('\0'));  // what follows a NUL is not seen
+    line = line.substr(0, line.find('\0'));  // the rest after a NUL is ignored
     const std::size_t first = line.find_first_not_of(" \t");
     if (first == std::string_view::npos || line[first] == '#' || line[first] == '\n') continue;
 
@@ -446,13 +446,13 @@ void FwImage::LoadLines(LineReader& reader) {
 }
 
 void FwImage::ReserveData(Section& section, u_int64_t file_bytes) {
-  // A section may be all that comes: growing step by step would hold it twice for a while. Room
-  // that is not used costs nothing.
+  // The rest of the file may be one section. Growing the vector step by step would copy it, and
+  // take twice its memory for a moment. Reserved pages that are not touched take no memory.
   constexpr u_int64_t SHORTEST_WORD = 2;  // one digit and a blank
   try {
     section.data.reserve(static_cast<std::size_t>(file_bytes / SHORTEST_WORD));
   } catch (const std::bad_alloc&) {
-    // Most of what comes may be comments, or other sections.
+    // The section may be much smaller than the rest of the file: go on without a reservation.
   }
 }
 
@@ -477,7 +477,7 @@ void FwImage::CheckEnd(const Section& section) const {
 }
 
 FwImage::Section* FwImage::OpenSection(const std::string& line) {
-  // The scan splits at any white space, so a START line may have tabs where a directive may not.
+  // sscanf splits at any white space: a START line may have tabs, other directives may not.
   char keyword[MAX_STR + 1];
   char name[MAX_STR + 1];
   u_int32_t offset = 0;
@@ -490,7 +490,7 @@ FwImage::Section* FwImage::OpenSection(const std::string& line) {
   const u_int32_t addr = _conv.Convert(EeLoc(offset, static_cast<u_int8_t>(dev)));
   _loaded.push_back(std::make_unique<Section>(name, addr));
   Section* section = _loaded.back().get();
-  // A second section at an address is read and checked, but the first keeps the place.
+  // A second section at the same address is read and checked, but the first one is burned.
   _sections.try_emplace(addr, section);
   _sections_order.push_back(addr);
   return section;
@@ -561,7 +561,7 @@ u_int32_t FwImage::ParseSlotIndex(const std::vector<std::string>& words) const {
 }
 
 void FwImage::ParseReplaceCrc(const std::vector<std::string>& words) {
-  constexpr u_int32_t LAST_WORD = 4;  // the "to" location names the last word covered
+  constexpr u_int32_t LAST_WORD = 4;  // the "to" location is that of the last word covered
   const u_int32_t from = ParseAddr(words[2], words[3]);
   const u_int32_t to = ParseAddr(words[4], words[5]);
   const u_int32_t crc_addr = ParseAddr(words[6], words[7]);

@@ -1,5 +1,5 @@
-/// The firmware image: what the image file says, held in memory at linear addresses, and the
-/// conversion between those and the (device, offset) pairs of EEPROMs.
+/// The firmware image: the contents of an image file, in memory at linear addresses, and the
+/// conversion between linear addresses and the (device, offset) pairs of EEPROMs.
 #pragma once
 
 #include <map>
@@ -21,7 +21,7 @@ enum DeviceType {
   RV52410 = 52410,
 };
 
-/// The kinds of bytes that a burn replaces device by device.
+/// The kinds of bytes that a burn replaces for each device.
 enum FieldType {
   UNKNOWN_FIELD = 0,
   SIGNATURE = 1,
@@ -35,7 +35,7 @@ enum FieldType {
 enum FileType { UNKNOWN_FILE = 0, IMG = 1, BIN = 2 };
 enum ReadWrite { READ = 0, WRITE = 1 };
 
-/// A place in an EEPROM. In a device map the offset is the device's size.
+/// A location in an EEPROM. In a device map the offset is the device's size.
 struct EeLoc {
   EeLoc(u_int32_t loc_offset, u_int8_t loc_dev) : offset(loc_offset), dev(loc_dev) {}
 
@@ -43,8 +43,8 @@ struct EeLoc {
   u_int8_t dev;      ///< I2C device address
 };
 
-/// Converts between linear addresses and device locations. Throws BraidError for what has no
-/// counterpart.
+/// Converts between linear addresses and device locations. Throws BraidError for a location or an
+/// address that is not mapped.
 class AddressConvertor {
  public:
   virtual u_int32_t Convert(const EeLoc& loc) const = 0;
@@ -65,22 +65,22 @@ class FwImage {
     DataVec data;
   };
 
-  /// Bytes that get each device's own value: [from, from + size).
+  /// Bytes that are replaced by each device's own value: [from, from + size).
   struct FieldReplace {
     u_int32_t from;
     u_int32_t size;
     FieldType type;
   };
 
-  /// A CRC that a burn computes anew.
+  /// A CRC that a burn recomputes.
   struct CrcReplace {
     u_int32_t from;      ///< first byte covered
     u_int32_t size;      ///< bytes covered: [from, from + size)
     u_int32_t crc_addr;  ///< where the CRC is stored, 4 bytes
   };
 
-  /// The convertor of an image: the mapped devices' memories laid end to end, in file order. With
-  /// no device mapped, a linear address is an offset in device 0.
+  /// The convertor of an image. The memories of the mapped devices follow one another, in file
+  /// order. With no device mapped, a linear address is an offset in device 0.
   class Conv : public AddressConvertor {
    public:
     u_int32_t Convert(const EeLoc& loc) const override;
@@ -90,76 +90,79 @@ class FwImage {
   };
 
   static constexpr u_int32_t SLOTS = 2;
-  static constexpr u_int32_t UNSET_ADDR = 0xFFFFFFFF;  ///< a slot address that the image lacks
+  static constexpr u_int32_t UNSET_ADDR = 0xFFFFFFFF;  ///< a slot address that is not set
 
   FwImage() { ResetDirectives(); }
   FwImage(const FwImage&) = delete;
   FwImage& operator=(const FwImage&) = delete;
 
-  /// Loads an image file, whose extension tells its type. `file_name` must not be null. Only READ
-  /// of an "img" file is built; all else throws. An image is opened once.
+  /// Loads an image file. Its type is its extension. `file_name` must not be null. Only READ of an
+  /// "img" file is implemented; anything else throws. An image is opened once.
   BraidResult Open(const char* file_name, ReadWrite rw);
 
-  /// Releases the bytes of the loaded sections and marks the image closed, not to be used again.
+  /// Releases the bytes of the loaded sections and marks the image closed. It must not be used
+  /// afterwards.
   BraidResult Close();
 
   const std::string& GetFileName() const { return _filename; }
   DeviceType DevType() const { return _dev_type; }
 
-  /// The image's own convertor, valid as long as the image.
+  /// The image's own convertor; lives as long as the image.
   AddressConvertor* GetAddressConvertor() { return &_conv; }
 
-  /// Addresses of slot `idx` (0 or 1). Throw when the image does not set them.
+  /// Addresses of slot `idx` (0 or 1). Throw when the address is not set.
   u_int32_t GetPsAddr(u_int32_t idx) const;
   u_int32_t GetImageAddr(u_int32_t idx) const;
   u_int32_t GetSignatureAddr(u_int32_t idx) const;
 
   BraidResult SetPsAddr(u_int32_t idx, u_int32_t addr);
   BraidResult SetImageAddr(u_int32_t idx, u_int32_t addr);
-  /// Also marks the signature as a field. Throws when the slot has a signature already.
+  /// Also adds the signature as a field. Throws when the slot already has a signature.
   BraidResult SetSignatureAddr(u_int32_t idx, u_int32_t addr);
 
-  /// The section that starts at exactly `addr`, or null. Owned by the image or by whoever set it.
+  /// The section that starts at exactly `addr`, or null. Owned by the image, or by the caller of
+  /// SetSection.
   Section* GetSection(u_int32_t addr) const;
 
-  /// Registers a section that the caller owns and keeps alive as long as the image is used. Throws
-  /// when one starts there already.
+  /// Adds a section that the caller owns and keeps alive while the image is used. Throws when a
+  /// section already starts there.
   BraidResult SetSection(Section* s);
 
-  /// Puts the start addresses of all sections, in file order, at the front of `out`.
+  /// Inserts the start addresses of all sections, in file order, before those in `out`.
   BraidResult GetSectionsAddr(std::vector<u_int32_t>& out) const;
 
-  /// Appends the start addresses, in file order, from the section at the first image's address up
-  /// to, not including, one at the second image's address. Throws when the first is missing.
+  /// Appends start addresses in file order: from the section at the first image's address to the
+  /// last before a section at the second image's address. Throws when there is no section at the
+  /// first image's address.
   BraidResult GetImageSectionsAddr(std::vector<u_int32_t>& out) const;
 
-  /// Bytes in the sections that start from the first image's address up to the second's.
+  /// Bytes in the sections that start in [first image's address, second image's address).
   u_int32_t GetImageSize() const;
   /// Bytes in all sections.
   u_int32_t GetTotalSize() const;
-  /// Not built: throws.
+  /// Not implemented: throws.
   u_int32_t GetSignature() const;
 
   BraidResult AddReplace(const FieldReplace& field);
   BraidResult AddReplace(const CrcReplace& crc);
-  /// Forgets all fields of one type.
+  /// Removes all fields of one type.
   BraidResult RemoveReplace(FieldType t);
 
   /// The fields that start in [addr, addr + size), in order of addition. Throws when one of them
-  /// reaches past the range; one that starts before it is passed over.
+  /// reaches past the range. A field that starts before the range is not returned.
   std::vector<FieldReplace> GetFieldsInRange(u_int32_t addr, u_int32_t size) const;
   /// The CRCs whose covered bytes start in [addr, addr + size), in order of addition. Throws when
   /// the covered bytes or the CRC word reach past the range; a CRC word below it is allowed.
   std::vector<CrcReplace> GetCrcsInRange(u_int32_t addr, u_int32_t size) const;
 
-  /// Bytes of a field of type `t`. Throws for UNKNOWN_FIELD and values that are no type.
+  /// Bytes of a field of type `t`. Throws for UNKNOWN_FIELD and for values that are not a type.
   static u_int32_t ReplaceFieldSize(FieldType t);
 
-  /// `value`, the address called `name` of slot `idx`; throws when it is unset or `idx` is not 0
-  /// or 1.
+  /// Returns `value`, the address called `name` of slot `idx`. Throws when it is not set, or `idx`
+  /// is not 0 or 1.
   u_int32_t CheckInit(const char* name, u_int32_t idx, u_int32_t value) const;
 
-  /// Unsets all slot addresses, and nothing else.
+  /// Unsets all slot addresses.
   void ResetDirectives();
 
   /// Prints the sections in address order and the device map.
@@ -169,11 +172,10 @@ class FwImage {
   BraidResult LoadImg(const char* file_name);
   BraidResult LoadBin(const char* file_name);
 
-  /// Interprets one directive line outside sections, cut into words. Unknown directives are
-  /// ignored.
+  /// Interprets the words of one directive line outside sections. Ignores unknown directives.
   BraidResult ParseImgDirective(const std::vector<std::string>& words);
 
-  /// A location, offset and device words, as a linear address, or as it stands.
+  /// Parse the offset and device words of a location, into a linear address or a location.
   u_int32_t ParseAddr(const std::string& offset_word, const std::string& dev_word) const;
   EeLoc ParseEeLoc(const std::string& offset_word, const std::string& dev_word) const;
 
@@ -193,7 +195,7 @@ class FwImage {
   Section* OpenSection(const std::string& line);
   static void ReserveData(Section& section, u_int64_t file_bytes);
   static void TrimData(Section& section);
-  /// Appends a line of words of one or two digits; false when the line is anything else.
+  /// Appends a line that has only words of one or two digits. Returns false for any other line.
   bool AppendPlainData(std::string_view line, Section& section) const;
   void AppendData(const std::vector<std::string>& words, Section& section) const;
   void CheckEnd(const Section& section) const;
@@ -202,7 +204,7 @@ class FwImage {
   FileType _filetype = UNKNOWN_FILE;
   ReadWrite _rw = READ;
   std::string _filename;
-  u_int32_t _curr_line = 0;  ///< of the file being loaded, from 1; stands in messages
+  u_int32_t _curr_line = 0;  ///< of the file being loaded, from 1; for messages
   Conv _conv;
   DeviceType _dev_type = DEV_UNKNOWN;
   std::vector<u_int32_t> _sections_order;   ///< start addresses in file order

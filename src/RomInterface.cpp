@@ -27,8 +27,8 @@ constexpr auto SERVERS = std::to_array<ServerRow>({
     {"IB", IB},
 });
 
-/// How each kind of operation is named in requests: prefix, whether the memory's word follows,
-/// command.
+/// The command name of each kind of operation: prefix, whether the word for the memory follows,
+/// command word.
 struct CommandRow {
   std::string_view prefix;
   bool names_memory;
@@ -58,9 +58,9 @@ void AppendHex(std::string& text, u_int64_t value, std::size_t digits = 0) {
   text.append(buffer, length);
 }
 
-/// Gathers data from an element as servers usually write it, "ACK {data 0x1} {data 0x2}": one blank
-/// between all, "0x" and at most 8 digits. False, and `out` as it was, when anything else stands in
-/// it.
+/// Fast path for the usual form of an element, "ACK {data 0x1} {data 0x2}": one blank between
+/// words, "0x" and at most 8 digits. Appends the data to `out`. For any other form it returns false
+/// and does not change `out`.
 bool GatherPlainData(std::string_view element, DataVec& out, bool bsn) {
   const std::string_view head = bsn ? " {bsn 0x" : " {data 0x";
   constexpr std::size_t MOST_DIGITS = 8;
@@ -69,7 +69,7 @@ bool GatherPlainData(std::string_view element, DataVec& out, bool bsn) {
   std::size_t at = element.find_first_of(" \t\n\v\f\r{}");
   if (at == 0) return false;
   if (at == std::string_view::npos) return true;  // one word: no data
-  // Room for the most that can come; what is too much goes at the end.
+  // Room for the maximum; the surplus is removed at the end.
   out.resize(before + (element.size() - at) / (head.size() + 2) * width + width);
   u_int8_t* next = out.data() + before;
   while (at < element.size()) {
@@ -94,7 +94,7 @@ bool GatherPlainData(std::string_view element, DataVec& out, bool bsn) {
   return false;
 }
 
-/// The big-endian word at the front of `bytes`; bytes that are not there read as erased memory.
+/// The big-endian word at the start of `bytes`. Missing bytes are 0xFF, as in erased memory.
 u_int32_t FirstWord(std::span<const u_int8_t> bytes) {
   if (bytes.size() >= WORD_SIZE) {
     return u_int32_t{bytes[0]} << 24 | u_int32_t{bytes[1]} << 16 | u_int32_t{bytes[2]} << 8 |
@@ -114,8 +114,8 @@ constexpr auto HEX_PAIRS = [] {
   return pairs;
 }();
 
-/// Appends the first `size` bytes of `data` as words, each "0x", its digits and a blank. This is
-/// most of what a burn sends.
+/// Appends the first `size` bytes of `data` as words, each "0x", its digits and a blank. Optimised:
+/// most of the bytes that a burn sends come from here.
 void AppendWords(std::string& text, std::span<const u_int8_t> data, std::size_t size) {
   constexpr std::size_t LONGEST = 11;  // "0x", 8 digits, a blank
   const std::size_t before = text.size();
@@ -211,7 +211,7 @@ BraidResult RomInterface::SetActiveDevices(GuidSet& devs) {
     strange << "0x" << std::hex << std::setw(16) << std::setfill('0') << guid << " ";
   }
   if (strange.tellp() > 0) {
-    // The message has always ended in an address; whoever parses it expects no more.
+    // The message ends in an address, not in the GUIDs: its form is fixed.
     ThrowError(
         Text("Internal Error: RomInterface::SetActiveDevices() : Tried to set unknown guids: ",
              static_cast<const void*>(&strange)));
@@ -314,8 +314,8 @@ ServerAccess RemoteRomInterface::ParseServer(const std::string& server) {
   if (end != fields[2].c_str() + fields[2].size()) {
     ThrowError("Bad port format (" + fields[2] + ").");
   }
-  // Connecting refuses a number that is no port and tells which. One that an int cannot hold would
-  // be told as another number.
+  // Connect refuses a number that is no port and reports it. A number that does not fit an int
+  // would be reported as another one.
   if (!std::in_range<int>(port)) {
     ThrowError("Failed connecting to " + fields[1] + ":" + fields[2] + " .");
   }
@@ -338,7 +338,7 @@ void RemoteRomInterface::AskIfcVersion() {
   if (answer.GotErr() || answer.empty() || end != answer.c_str() + answer.size()) {
     ThrowError(Text("Server ", _access, ": Cant get interface version. Got: ", answer));
   }
-  // Not "less than": a version that is no number must not pass.
+  // Written this way, NaN is refused.
   if (!(_srv_ifc_version >= _req_ifc_version)) {
     ThrowError(Text(_access, " interface version is ", _srv_ifc_version,
                     ". The required version is ", _req_ifc_version,
@@ -353,7 +353,8 @@ BraidResult RemoteRomInterface::CheckAccess() {
   if (answer.GotErr()) {
     ThrowError(Text("Failed checking access through server ", _access, ". ", answer.Error()));
   }
-  // As views, one after the other: a fabric may be large. First it must be a list to its end.
+  // The whole answer must be a list before any record is added. The records are processed one by
+  // one as views: a fabric may be large.
   BraidConn::TclSplit(answer, [](std::string_view) {});
   BraidConn::TclSplit(
       answer, [this](std::string_view record) { AddDeviceRecord(Response(std::string(record))); });
@@ -392,7 +393,7 @@ BraidResult RemoteRomInterface::AddDeviceRecord(const Response& record) {
   if (!fields) ThrowError("Bad device record format: " + record);
 
   if (const auto known = _devs_data.find(node_guid); known != _devs_data.end()) {
-    // The record of another port of the device.
+    // The record is of another port of a known device.
     const std::shared_ptr<DeviceData> device = known->second;
     if (!_devs_data.exists(port_guid)) {
       device->port_guids.push_back(port_guid);
@@ -480,7 +481,7 @@ BraidResult RemoteRomInterface::GenBaseRequest(OpType op, std::string& req) {
 }
 
 void RemoteRomInterface::ThrowCommandError(const std::string& reason, u_int32_t line) const {
-  // The place between the quotes has never named the command.
+  // The quotes stay empty: the form of the message is fixed.
   ThrowError(Text(reason, " while performing command '' to server ", _access, " ."),
              __builtin_FILE(), line);
 }
@@ -522,7 +523,7 @@ BraidResult RemoteRomInterface::ProcessResponse(OpType op, const Response& resp)
     return BRAID_ERR_ALL;
   }
 
-  // A single-device answer is that device's element as it stands.
+  // The answer to GETBSN is not a list: it is the element of the one device.
   const std::size_t wanted = _active_devs.size();
   std::size_t count = 0;
   _elements.clear();
@@ -607,7 +608,7 @@ BraidResult RemoteRomInterface::WriteInternal(u_int32_t addr, u_int32_t size,
   if (_active_devs.empty()) return BRAID_OK;
   GenRwRequest(WRITE, addr, size, data, _request);
   const Response answer = Exchange(_request);
-  // The Results are fresh, and so they say already that all went well.
+  // The Results are empty, which means success. Nothing to update for a plain ACK.
   return answer == "ACK" ? BRAID_OK : ProcessResponse(WRITE, answer);
 }
 
@@ -624,7 +625,7 @@ BraidResult RemoteRomInterface::WriteChunks(u_int32_t addr, const DataVec& data,
     const auto size =
         static_cast<u_int32_t>(std::min<u_int64_t>(rest.size(), boundary - addr % boundary));
     if (erase_first) Erase(addr, size);
-    // Devices that fail have left the active set; the rest go on.
+    // The result is not needed: devices that fail are no longer active, the others go on.
     WriteInternal(addr, size, rest);
     if (verify) VerifyWrittenData(addr, rest.first(size));
     if (_progress) _progress->Add(size);
@@ -638,7 +639,7 @@ BraidResult RemoteRomInterface::VerifyWrittenData(u_int32_t addr,
                                                   std::span<const u_int8_t> written) {
   Read(addr, static_cast<u_int32_t>(written.size()));
   BraidResult outcome = BRAID_OK;
-  const GuidSet visited = _active_devs;  // a device that differs leaves the active set
+  const GuidSet visited = _active_devs;  // a copy: DeviceError changes the set
   for (const Guid guid : visited) {
     Result& result = _last_result.at(guid);
     const auto [wrote, read] =
@@ -717,7 +718,7 @@ BraidResult RemoteFlashInterface::InitAttributes() {
   if (ProcessResponse(GETATTR, answer) != BRAID_OK) return BRAID_ERROR;
 
   kmap<std::string, u_int32_t> attributes;
-  // One element for the one device; inside it one list of words.
+  // One element for the one device. It contains one list of words.
   const std::vector<Response> lists = answer.TclSplit().front().TclSplit();
   const Response list = lists.empty() ? Response() : lists.front();
   for (const std::string& word : splitv(list, " ", false)) {
@@ -755,7 +756,7 @@ BraidResult RemoteFlashInterface::Write(u_int32_t addr, const DataVec& data, boo
 
 BraidResult RemoteFlashInterface::Erase(u_int32_t addr, u_int32_t size) {
   if (_active_devs.empty()) {
-    // The devices that come next have erased nothing yet.
+    // The sector is not erased on the devices that are addressed next.
     _last_erase_address = NO_ERASE_YET;
     return InitResults();
   }
@@ -765,7 +766,7 @@ BraidResult RemoteFlashInterface::Erase(u_int32_t addr, u_int32_t size) {
                     ", the flash sector size is unknown."));
   }
   const u_int32_t sector = addr / _sector_size;
-  // A write erases before each of its chunks; this lets it erase each sector once.
+  // WriteChunks calls this for every chunk; each sector must be erased only once.
   if (_last_erase_address != NO_ERASE_YET && _last_erase_address / _sector_size == sector &&
       (addr + size - 1) / _sector_size == sector) {
     return BRAID_OK;
@@ -795,6 +796,6 @@ RemoteI2cInterface::RemoteI2cInterface(u_int32_t log2_chunk_align)
     : RemoteRomInterface("Remote I2C", I2C_ROM, log2_chunk_align, REQUIRED_IFC_VERSION) {}
 
 BraidResult RemoteI2cInterface::Write(u_int32_t addr, const DataVec& data, bool) {
-  // Only an I2C server reaches the memory itself; the others check what they write.
+  // Servers of the other types verify writes themselves.
   return WriteChunks(addr, data, true, _access.type == I2C);
 }

@@ -1,5 +1,5 @@
-/// Device memory reached over the fabric: the abstract interface to the memories of many devices at
-/// once, and its implementation by requests to a bus server, for serial flash and I2C EEPROM.
+/// Access to device memory over the fabric: the abstract interface to the memories of many devices
+/// at once, and its implementation by requests to a bus server, for serial flash and I2C EEPROM.
 #pragma once
 
 #include <iosfwd>
@@ -14,28 +14,29 @@
 #include "FwImage.h"
 #include "utils.h"
 
-/// One device as the server reports it.
+/// One device, as the server reports it.
 struct DeviceRecord {
   Guid node_guid = 0;
-  GuidVec port_guids;  ///< in the order in which their records came
+  GuidVec port_guids;  ///< in the order of their records
   Guid sys_guid = 0;
   u_int32_t ports_num = 0;  ///< ports that the device declares
   std::string name;
-  DeviceType type = DEV_UNKNOWN;  ///< not told by the server
+  DeviceType type = DEV_UNKNOWN;  ///< not reported by the server
   std::string attr;
 };
 
 /// The memory of many devices, reached as one. Every operation goes to all active devices and
-/// leaves one Result for each; a device that fails is dropped for good and the rest go on. With no
-/// active device an operation reaches nothing and returns BRAID_OK; a write still feeds the meter.
-/// Addresses are linear, in bytes. Single-threaded. Failures of the whole run throw BraidError.
+/// leaves one Result for each. A device that fails is dropped for the rest of the run; the others
+/// go on. With no active device an operation does nothing and returns BRAID_OK, but a write still
+/// advances the meter. Addresses are linear, in bytes. Single-threaded. Failures of the whole run
+/// throw BraidError.
 ///
-/// A client sets the address convertor and the devices, opens the server, and may then narrow the
+/// A client sets the address convertor and the devices and opens the server. It may then narrow the
 /// active devices before each operation.
 class RomInterface {
  public:
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wshadow"  // the operations READ and WRITE are not the file modes
+#pragma GCC diagnostic ignored "-Wshadow"  // READ and WRITE are also file modes
   /// The kinds of remote operation.
   enum OpType {
     WRITE = 0,
@@ -50,7 +51,7 @@ class RomInterface {
   };
 #pragma GCC diagnostic pop
 
-  /// What the last operation did on one device.
+  /// The outcome of the last operation on one device.
   struct Result {
     explicit Result(Guid guid) : _guid(guid) {}
 
@@ -67,7 +68,7 @@ class RomInterface {
     std::string bsn;
   };
 
-  /// Told of the work done; draws nothing by itself.
+  /// Receives the progress of an operation.
   class ProgressMeter {
    public:
     virtual BraidResult Add(u_int32_t done) = 0;     ///< `done` more units
@@ -75,7 +76,7 @@ class RomInterface {
     virtual ~ProgressMeter() = default;
   };
 
-  /// Compares bytes of a device with expected ones.
+  /// Compares the bytes of a device with expected bytes.
   using Comparison = bool (*)(const DataVec& read, const DataVec& expected);
 
   explicit RomInterface(const std::string& ifc_name) : _ifc_name(ifc_name) {}
@@ -83,80 +84,81 @@ class RomInterface {
   RomInterface& operator=(const RomInterface&) = delete;
   virtual ~RomInterface() = default;
 
-  /// Connects to `server` ("TYPE:IP:PORT") and checks which of the set devices it reaches.
+  /// Connects to `server` ("TYPE:IP:PORT") and checks which of the devices it reaches.
   virtual BraidResult Open(const char* server) = 0;
   virtual BraidResult Close() = 0;
-  /// The bracket around a burn.
+  /// Start is called before a burn, Stop after it.
   virtual BraidResult Start() = 0;
   virtual BraidResult Stop() = 0;
-  /// Learns which devices are reachable; those that are not fail.
+  /// Asks which devices are reachable. The others fail.
   virtual BraidResult CheckAccess() = 0;
 
   /// Reads `size` bytes at `addr` from every active device into its Result. Returns
-  /// BRAID_ERR_SOME if some failed; they have left the active set by then.
+  /// BRAID_ERR_SOME if some failed; they are removed from the active set.
   virtual BraidResult Read(u_int32_t addr, u_int32_t size) = 0;
-  /// Writes `data` at `addr`, where asked to after erasing what it covers.
+  /// Writes `data` at `addr`. With `flag`, a flash erases the range first.
   virtual BraidResult Write(u_int32_t addr, const DataVec& data, bool flag) = 0;
-  /// Programs `data` over what is there.
+  /// Programs `data` without erasing.
   virtual BraidResult WriteNoErase(u_int32_t addr, const DataVec& data);
   virtual BraidResult Erase(u_int32_t addr, u_int32_t size) = 0;
-  /// Has the server burn a whole image by itself, given as text.
+  /// Sends a whole image, as text, to the server, which burns it.
   virtual BraidResult BurnImage(const std::string& file) = 0;
-  /// Bytes of a flash sector. Throws on a memory without sectors.
+  /// Size of a flash sector in bytes. Throws for a memory without sectors.
   virtual u_int32_t GetSectorSize();
 
-  /// Put the vendor-specific data, or the board serial number, of one device into `out`.
+  /// Set `out` to the vendor-specific data, or the board serial number, of one device.
   virtual BraidResult GetVsd(const Guid& g, DataVec& out) = 0;
   virtual BraidResult GetBsn(const Guid& g, DataVec& out) = 0;
-  /// Puts the device's value of one image field into `out`, which comes in empty. Throws for an
+  /// Sets `out`, which must be empty, to the device's value of one image field. Throws for an
   /// unknown device or type, and for GUIDS of a device whose ports are not all known.
   virtual BraidResult GetField(Guid g, FieldType type, DataVec& out);
 
-  /// The convertor is borrowed for as long as the interface is used.
+  /// The convertor is borrowed and must live as long as the interface is used.
   virtual void SetAddressConvertor(AddressConvertor* conv) { _conv = conv; }
-  /// The meter is borrowed until another, or null, is set.
+  /// The meter is borrowed until another meter, or null, is set.
   virtual void SetProgresMeter(ProgressMeter* progress) { _progress = progress; }
 
-  /// Makes `devs` the active devices. Devices that have failed are dropped, from `devs` too; a
-  /// device that was never accessible throws.
+  /// Makes `devs` the active devices. Devices that have failed are removed from `devs`. Throws for
+  /// a device that was never accessible.
   virtual BraidResult SetActiveDevices(GuidSet& devs);
-  /// All accessible devices.
+  /// Makes all accessible devices active.
   virtual BraidResult SetActiveDevices();
-  /// One device; none when it has failed.
+  /// Makes one device active; none if it has failed.
   virtual BraidResult SetActiveDevices(Guid g);
   virtual const GuidSet& GetActiveDevices() const { return _active_devs; }
   virtual const GuidSet& GetAccessDevices() const { return _access_devs; }
-  /// Gives the devices of the run, all of them active.
+  /// Sets the devices of the run and makes all of them active.
   virtual BraidResult SetAccessDevices(const GuidSet& devs);
 
   /// Reads expected.size() bytes at `addr` and returns the devices for which cmp(bytes, expected)
-  /// is `want`. A device that fails the read is judged on no bytes.
+  /// is `want`. For a device that fails the read, `cmp` gets no bytes.
   virtual GuidSet Query(u_int32_t addr, const DataVec& expected, Comparison cmp, bool want);
 
-  /// Declares a device failed: prints it and drops it for good. Throws when it was the last, when
-  /// `g` is 0 (the whole run has failed), and for a device that is not active.
+  /// Declares a device failed: prints the failure and drops the device for the rest of the run.
+  /// Throws when it was the last, when `g` is 0 (the whole run has failed), and for a device that
+  /// is not active.
   virtual BraidResult DeviceError(const std::string& des, Guid g);
 
-  /// The device's part of the last operation, valid until the next; null when it had none.
+  /// The device's Result of the last operation, valid until the next; null when it took no part.
   const Result* LastActionResult(const Guid& g) const;
 
  protected:
-  /// Makes a fresh Result for every active device.
+  /// Creates an empty Result for every active device.
   BraidResult InitResults();
-  /// To be called by whatever changes _active_devs.
+  /// Must be called after each change of _active_devs.
   void ActiveDevicesChanged() { ++_active_version; }
 
   kmap<Guid, Result> _last_result;     ///< of the devices active when the operation began
   kmap<Guid, std::string> _error_des;  ///< of every device that has failed
-  /// Device records, each under its node GUID and again under its port GUIDs.
+  /// Device records, each under its node GUID and under its port GUIDs.
   kmap<Guid, std::shared_ptr<DeviceData>> _devs_data;
   GuidSet _access_devs;                ///< may be accessed in this run
-  GuidSet _active_devs;                ///< the next operation's
-  u_int64_t _active_version = 1;       ///< never the same for two sets of active devices
-  GuidSet _error_devs;                 ///< have failed and never come back
+  GuidSet _active_devs;                ///< addressed by the next operation
+  u_int64_t _active_version = 1;       ///< changes with each change of _active_devs
+  GuidSet _error_devs;                 ///< have failed in this run
   AddressConvertor* _conv = nullptr;   ///< borrowed
   ProgressMeter* _progress = nullptr;  ///< borrowed
-  std::string _ifc_name;               ///< stands in messages
+  std::string _ifc_name;               ///< for messages
 };
 
 enum ServerType { UNKNOWN_SERVER = 0, I2C = 1, PCI = 2, PPC = 3, IB = 4 };
@@ -171,14 +173,14 @@ struct ServerAccess {
 /// Writes "TYPE:IP:PORT".
 std::ostream& operator<<(std::ostream& out, const ServerAccess& server);
 
-/// Device memory behind a bus server. Each operation is one request that names all active devices
-/// and one answer with an element for each.
+/// Device memory behind a bus server. Each operation is one request, which names all active
+/// devices, and one answer, with an element for each.
 class RemoteRomInterface : public RomInterface {
  public:
   enum RomType { I2C_ROM = 0, FLASH_ROM = 1 };
 
-  /// Writes never cross a boundary of 2 to the power `log2_chunk_align` bytes. Servers older than
-  /// `req_ifc_version` are refused.
+  /// No write request crosses a multiple of 2 to the power `log2_chunk_align` bytes. A server with
+  /// an interface version below `req_ifc_version` is refused.
   RemoteRomInterface(const std::string& ifc_name, RomType type, u_int32_t log2_chunk_align,
                      double req_ifc_version);
 
@@ -191,30 +193,30 @@ class RemoteRomInterface : public RomInterface {
   BraidResult GetBsn(const Guid& g, DataVec& out) override;
 
  protected:
-  /// Writes the request's head into `req`: the command word and the active devices.
+  /// Sets `req` to the start of a request: the command word and the active devices.
   BraidResult GenBaseRequest(OpType op, std::string& req);
-  /// Writes the whole request for `size` bytes at `addr`. `data` starts with the bytes to write;
-  /// what follows them fills up the last word.
+  /// Sets `req` to the whole request for `size` bytes at `addr`. `data` starts with the bytes to
+  /// write; the bytes that follow them fill up the last word.
   BraidResult GenRwRequest(OpType op, u_int32_t addr, u_int32_t size,
                            std::span<const u_int8_t> data, std::string& req);
   /// Writes the first `size` bytes of `data` in one request.
   BraidResult WriteInternal(u_int32_t addr, u_int32_t size, std::span<const u_int8_t> data);
-  /// Reads `written` back; devices that differ fail.
+  /// Reads back `written` and fails the devices that differ.
   BraidResult VerifyWrittenData(u_int32_t addr, std::span<const u_int8_t> written);
-  /// The body of every write: cuts `data` into chunks and feeds the progress meter.
+  /// Writes `data` in chunks and advances the progress meter.
   BraidResult WriteChunks(u_int32_t addr, const DataVec& data, bool erase_first, bool verify);
-  /// Sorts an answer into the Results; devices whose element is an error fail.
+  /// Stores the elements of an answer in the Results. Devices whose element is an error fail.
   BraidResult ProcessResponse(OpType op, const BraidConn::Response& resp);
   /// Appends the data words of one device's element to `out`: bytes of BSN, or 32-bit words.
   BraidResult GatherData(std::string_view element, DataVec& out, bool bsn);
-  /// Enters one record of the server's device list.
+  /// Adds one record of the server's device list.
   BraidResult AddDeviceRecord(const BraidConn::Response& record);
-  /// The way to the server, which derived classes may replace: connecting to `_access`, one
-  /// request and its answer, and one large text and its answer.
+  /// The access to the server, which derived classes may replace: connect to `_access`, send a
+  /// request and return its answer, send a large text and return its answer.
   virtual BraidResult Connect();
   virtual BraidConn::Response Exchange(const std::string& request);
   virtual BraidConn::Response ExchangeText(const std::string& text);
-  /// The memory's word in command names.
+  /// The word for the memory in command names.
   const char* RomType2Str() const;
 
   RomType _rom_type;
@@ -227,29 +229,31 @@ class RemoteRomInterface : public RomInterface {
 
  private:
   static ServerAccess ParseServer(const std::string& server);
-  /// Throws where an answer is there before its request: who goes on takes each for another's.
+  /// Throws when an answer has arrived before its request: replies can no longer be matched to
+  /// requests.
   void CheckNoSurplus() const;
   void AskMultiMax();
   void AskIfcVersion();
-  /// GetVsd and GetBsn: `request_op` is asked for, the answer read as one of `answer_op`.
+  /// GetVsd and GetBsn: sends a request of `request_op` and reads the answer as of `answer_op`.
   BraidResult GetDeviceBytes(Guid g, OpType request_op, OpType answer_op, DataVec& out);
-  /// InitResults, where the Results are not fresh already.
+  /// InitResults, unless the Results are empty already.
   void FreshResults();
-  /// The device's Result; `next` walks the Results beside the active devices, in the same order.
+  /// The device's Result. `next` is where the search begins; it is advanced, so that a loop over
+  /// the active devices finds each Result in one step.
   Result& ResultOf(Guid guid, kmap<Guid, Result>::iterator& next);
   [[noreturn]] void ThrowCommandError(const std::string& reason,
                                       u_int32_t line = __builtin_LINE()) const;
 
-  // Kept from one operation to the next, so that one that goes to the same devices as the one
-  // before costs no more than its own bytes.
+  // Kept between operations: one that addresses the same devices as the last one does not allocate
+  // or format their list again.
   std::string _request;
-  std::vector<std::string_view> _elements;  ///< of the answer in hand
+  std::vector<std::string_view> _elements;  ///< of the answer being processed
   std::string _active_list;                 ///< the active devices as requests name them
   u_int64_t _listed_version = 0;            ///< of the active devices in _active_list
-  u_int64_t _fresh_version = 0;             ///< of those that the Results are fresh for
+  u_int64_t _fresh_version = 0;             ///< of those for which the Results are empty
 };
 
-/// A serial flash: erased sector by sector, attributes read when opened. One device a run.
+/// A serial flash: erased by sectors; Open reads its attributes. One device per run.
 class RemoteFlashInterface : public RemoteRomInterface {
  public:
   explicit RemoteFlashInterface(u_int32_t log2_chunk_align);
@@ -258,8 +262,9 @@ class RemoteFlashInterface : public RemoteRomInterface {
   BraidResult Start() override;
   BraidResult Stop() override;
   BraidResult Write(u_int32_t addr, const DataVec& data, bool erase) override;
-  /// Erases the sectors that [addr, addr + size) covers, except where all of it lies in the sector
-  /// erased last. Throws when `addr` does not begin a sector, and when the sector size is unknown.
+  /// Erases the sectors that [addr, addr + size) covers, unless the whole range lies in the sector
+  /// erased last. Throws when `addr` is not the start of a sector, and when the sector size is
+  /// unknown.
   BraidResult Erase(u_int32_t addr, u_int32_t size) override;
   /// 0 when unknown.
   u_int32_t GetSectorSize() override;
@@ -275,8 +280,8 @@ class RemoteFlashInterface : public RemoteRomInterface {
   u_int32_t _last_erase_address;  ///< start of the last erased range
 };
 
-/// An I2C EEPROM: needs no erase and no bracket, and is read back after each write where the
-/// server reaches it by I2C.
+/// An I2C EEPROM: needs no erase, no Start and no Stop. Each write through a server of type I2C is
+/// read back and compared.
 class RemoteI2cInterface : public RemoteRomInterface {
  public:
   explicit RemoteI2cInterface(u_int32_t log2_chunk_align);

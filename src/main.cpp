@@ -21,7 +21,7 @@ namespace {
 constexpr u_int32_t MIN_CHUNK_ALIGN = 4;   ///< log2: 16 bytes
 constexpr u_int32_t MAX_CHUNK_ALIGN = 15;  ///< log2: 32768 bytes
 
-/// What the command line asks for.
+/// The values given on the command line.
 struct Options {
   std::optional<std::string> fw_file;
   std::optional<std::string> server;
@@ -34,7 +34,7 @@ struct Options {
   u_int32_t log2_chunk_align = 5;
 };
 
-/// The program is to end now, with this status.
+/// Set when the program must end, with this status.
 using ExitStatus = std::optional<int>;
 
 ExitStatus SetFile(Options& options, const std::string& value, const char*) {
@@ -107,7 +107,7 @@ struct SwitchRow {
   ExitStatus (*apply)(Options& options, const std::string& value, const char* program);
 };
 
-/// In the order in which a word is tried on them: an abbreviation selects the first that it fits.
+/// In order of precedence: an abbreviation selects the first switch that it matches.
 constexpr auto SWITCHES = std::to_array<SwitchRow>({
     {"f", true, SetFile},
     {"s", true, SetServer},
@@ -167,7 +167,7 @@ ExitStatus ParseCommandLine(int ac, char* av[], Options& options) {
   return {};
 }
 
-/// One burn, from loading the image to the last report. Throws BraidError when it fails.
+/// Performs one burn, from loading the image to the final report. Throws BraidError on failure.
 void Burn(const Options& options) {
   FwImage image;
   image.Open(options.fw_file ? options.fw_file->c_str() : nullptr, READ);
@@ -214,14 +214,14 @@ std::unique_ptr<BurnAlgorithm> MakeRV52100Failsafe(RomInterface& rom_if, bool) {
   return std::make_unique<RV52100FailsafeBurn>(rom_if, ALLOW_NON_FS_BURN, ALLOW_KEEPING_OLD_IS);
 }
 
-/// Which memory a device has, and how a failsafe burn of it is done.
+/// The memory of a device type and its failsafe burn algorithm.
 struct DeviceRow {
   DeviceType type;
   std::unique_ptr<RomInterface> (*make_interface)(u_int32_t log2_chunk_align);
   std::unique_ptr<BurnAlgorithm> (*make_failsafe)(RomInterface& rom_if, bool check_only);
 };
 constexpr auto DEVICES = std::to_array<DeviceRow>({
-    {RV61100, MakeI2c, MakeGeneric},  // has no second image to fall back on
+    {RV61100, MakeI2c, MakeGeneric},  // holds one image only
     {RV61300, MakeI2c, MakeRV61300Failsafe},
     {RV52100, MakeFlash, MakeRV52100Failsafe},
     {RV52300, MakeFlash, MakeRV52100Failsafe},
@@ -230,8 +230,9 @@ constexpr auto DEVICES = std::to_array<DeviceRow>({
     {RV52410, MakeFlash, MakeRV52100Failsafe},
 });
 
-/// Whoever reads the console may go away, or never have been there: neither may stop a burn that is
-/// under way, nor may what is printed end up in the connection to the server.
+/// A reader that closes the console's pipe must not end the burn with SIGPIPE. Descriptors 0 to 2
+/// that are closed at start are opened, so that the connection to the server gets none of them and
+/// no console text is sent to it.
 void GuardConsole() {
   signal(SIGPIPE, SIG_IGN);
   int fd;

@@ -20,8 +20,8 @@ Pieces Split(const std::string& s, const char* delimiters, bool allow_empty) {
   }
   std::size_t pos = s.find_first_not_of(delimiters);
   if (allow_empty) {
-    // Each delimiter in front of the first piece ends an empty one; so do all of a text that has
-    // nothing else.
+    // Each delimiter before the first piece ends an empty piece. In a text of delimiters only, each
+    // of them does.
     pieces.resize(pos == std::string::npos ? s.size() : pos);
   }
   while (pos != std::string::npos) {
@@ -31,7 +31,7 @@ Pieces Split(const std::string& s, const char* delimiters, bool allow_empty) {
     pos = s.find_first_not_of(delimiters, end);
     if (allow_empty) {
       const std::size_t run = (pos == std::string::npos ? s.size() : pos) - end;
-      // The first delimiter of a run ended the piece, unless the run ends the text.
+      // The first delimiter of a run ends the piece before it, except at the end of the text.
       pieces.resize(pieces.size() + (pos == std::string::npos ? run : run - 1));
     }
   }
@@ -48,7 +48,7 @@ Pieces SplitAtMatches(const regex_t& separator, const std::string& s) {
       pieces.emplace_back(rest);
       break;
     }
-    ASSERT_ALWAYS(found.rm_eo > 0);  // an empty match would be found for ever
+    ASSERT_ALWAYS(found.rm_eo > 0);  // an empty match would never advance
     if (found.rm_so > 0) pieces.emplace_back(rest, static_cast<std::size_t>(found.rm_so));
     rest += found.rm_eo;
   } while (*rest != '\0');
@@ -99,7 +99,7 @@ char* vprint(const char* format, va_list args) {
     va_copy(copy, args);
     const int length = std::vsnprintf(text.get(), size - 1, format, copy);
     va_end(copy);
-    // A negative length is a format that can never be written: what is there will do.
+    // A negative length means that the format cannot be written; more room would not help.
     if (length < 0 || static_cast<std::size_t>(length) < size - 1) return text.release();
   }
 }

@@ -1,4 +1,4 @@
-/// Small text and byte utilities: splitting, a POSIX regular expression, formatted texts, the
+/// Text and byte utilities: splitting, a POSIX regular expression, formatted texts, the
 /// big-endian serialisers of DataVec, and kmap.
 #pragma once
 
@@ -14,21 +14,21 @@
 
 #include "BraidGeneral.h"
 
-/// The pieces of `s` between delimiters; every character of `delimiters` is one. Without
-/// `allow_empty`, runs of delimiters act as one and those at both ends vanish: ",a,,b," gives
-/// "a", "b". With it, each delimiter ends a piece: "a,,b" gives "a", "", "b"; a text of n
-/// delimiters only gives n empty pieces. An empty `delimiters` cuts `s` into its characters.
+/// Splits `s` at delimiters; every character of `delimiters` is one. Without `allow_empty` no piece
+/// is empty: ",a,,b," gives "a", "b". With it, each delimiter ends a piece: "a,,b" gives "a", "",
+/// "b"; a text of n delimiters and nothing else gives n empty pieces. With an empty `delimiters`,
+/// each character of `s` is a piece.
 std::list<std::string> splitl(const std::string& s, const char* delimiters, bool allow_empty);
 std::vector<std::string> splitv(const std::string& s, const char* delimiters, bool allow_empty);
 
-/// Takes the first token off the front of `s` and returns it; the delimiter behind it stays, to be
-/// skipped by the next call. Returns "" and leaves `s` alone when no token is left. An empty
-/// `delimiters` takes one character.
+/// Removes the first token from `s` and returns it. The delimiter behind the token stays in `s`;
+/// the next call skips it. Returns "" and does not change `s` when no token is left. With an empty
+/// `delimiters`, a token is one character.
 std::string next_token(std::string& s, const char* delimiters);
 
-/// Reads a whole word as an unsigned number of the given base, as strtoull does (blanks, a sign and
-/// "0x" in front included), cut to 32 bits. False when anything is left over, or when there is
-/// nothing but a word that strtoull cannot begin on; an empty word reads as 0.
+/// Reads a word as an unsigned number of the given base, as strtoull does (leading blanks, a sign
+/// and "0x" are accepted), and keeps the low 32 bits. Returns false when characters are left over.
+/// An empty word is 0.
 bool ParseNumber(const std::string& word, int base, u_int32_t& value);
 
 inline constexpr auto HEX_DIGITS = [] {
@@ -41,10 +41,10 @@ inline constexpr auto HEX_DIGITS = [] {
   return digits;
 }();
 
-/// What a hexadecimal digit is worth; more than 15 for any other character.
+/// The value of a hexadecimal digit; more than 15 for any other character.
 constexpr u_int8_t HexDigit(char c) { return HEX_DIGITS[static_cast<u_int8_t>(c)]; }
 
-/// A formatted text, newly allocated with new[]: the caller owns it. Nothing is printed.
+/// Formats a text as printf does, into memory from new[] that the caller owns. Prints nothing.
 char* vprint(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 char* print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
@@ -60,8 +60,8 @@ class ErrMsg {
   const char* err() const { return _err; }
   void err_clear();
 
-  /// Stores the formatted text, notes it on the console and returns false. A text already held is
-  /// not released: call err_clear() first.
+  /// Stores the formatted text, prints it in a debug line and returns false. Does not release a
+  /// text that is already held: call err_clear() first.
   bool errmsg(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
  private:
@@ -77,26 +77,27 @@ class Regexp {
   Regexp& operator=(const Regexp&) = delete;
   ~Regexp();
 
-  /// Compiles `pattern` with the regcomp flags `cflags` and REG_EXTENDED. On failure err() tells
-  /// the library's reason, and the object matches nothing.
+  /// Compiles `pattern` with the regcomp flags `cflags` and REG_EXTENDED. On failure err() is the
+  /// library's message, and the object matches nothing.
   bool compile(const char* pattern, int cflags);
 
-  /// Matches against the whole of `s` and stores the captures, the whole match first, up to the
-  /// first sub-expression that took no part. False, captures kept, when nothing valid is compiled.
+  /// Searches `s` for a match and stores the captures: the whole match, then the sub-expressions up
+  /// to the first that did not take part. Returns false and keeps the old captures when no valid
+  /// expression is compiled.
   bool match(const std::string& s);
 
-  /// How many captures are stored, the whole match included.
+  /// Number of captures stored, the whole match included.
   int nmatches() const { return static_cast<int>(_matches.size()); }
 
-  /// Capture `i`, 0 being the whole match; "" when there is none.
+  /// Capture `i`; 0 is the whole match. "" when it does not exist.
   std::string cap(unsigned int i) const;
 
-  /// The pieces of `s` between matches, none of them empty; `s` alone when nothing matches, or
-  /// nothing valid is compiled. The pattern must not match the empty text.
+  /// Splits `s` at matches; no piece is empty. `s` is the only piece when nothing matches or no
+  /// valid expression is compiled. The pattern must not match the empty text.
   std::list<std::string> splitl(const std::string& s) const;
   std::vector<std::string> splitv(const std::string& s) const;
 
-  /// Why the last compile failed, owned by this object; null when it did not.
+  /// The message of a failed compile, owned by this object; null when the last compile succeeded.
   const char* err() const { return _err; }
   void err_clear();
 
@@ -111,16 +112,16 @@ class Regexp {
   std::vector<std::string> _matches;
 };
 
-/// Append to `out`, most significant byte first whatever the host's order; return `out`.
+/// Append to `out`, most significant byte first on every host; return `out`.
 DataVec& operator<<(DataVec& out, u_int32_t value);
-// u_int64_t is one of these two, which one depends on the host. Both give 8 bytes everywhere.
+// u_int64_t is one of these two types, depending on the host. Both append 8 bytes on every host.
 DataVec& operator<<(DataVec& out, unsigned long value);
 DataVec& operator<<(DataVec& out, unsigned long long value);
 DataVec& operator<<(DataVec& out, u_int8_t value);
 DataVec& operator<<(DataVec& out, const DataVec& bytes);
 DataVec& operator<<(DataVec& out, const std::vector<u_int32_t>& values);
 
-/// A std::map with two conveniences.
+/// A std::map with exists() and keys().
 template <typename K, typename V>
 class kmap : public std::map<K, V> {
  public:
