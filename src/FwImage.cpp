@@ -62,8 +62,6 @@ std::vector<std::string> Words(std::string_view line) {
   return splitv(std::string(line), " \n", false);
 }
 
-}  // namespace
-
 /// Fast path for the usual data line, words of one or two digits between blanks. Writes its bytes
 /// to `bytes`, which has room for a line, and returns their number. Returns 0 for any other line.
 std::size_t PlainBytes(std::string_view line, u_int8_t* bytes) {
@@ -87,6 +85,8 @@ std::size_t PlainBytes(std::string_view line, u_int8_t* bytes) {
   }
   return static_cast<std::size_t>(next - bytes);
 }
+
+}  // namespace
 
 /// Reads the lines of a file as fgets does: with their end, and cut at MAX_STR characters. Owns the
 /// descriptor.
