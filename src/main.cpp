@@ -312,5 +312,4 @@ int FwPush(int ac, char* av[]) {
   }
 }
 
-/// Weak, so that the tests can link this very object and bring a main of their own.
-__attribute__((weak)) int main(int ac, char* av[]) { return FwPush(ac, av); }
+int main(int ac, char* av[]) { return FwPush(ac, av); }
