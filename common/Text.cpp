@@ -22,6 +22,13 @@ std::string Printable(std::string_view text) {
   return result;
 }
 
+std::optional<std::uint8_t> HexDigit(char c) {
+  if ('0' <= c && c <= '9') return static_cast<std::uint8_t>(c - '0');
+  if ('a' <= c && c <= 'f') return static_cast<std::uint8_t>(c - 'a' + 10);
+  if ('A' <= c && c <= 'F') return static_cast<std::uint8_t>(c - 'A' + 10);
+  return std::nullopt;
+}
+
 std::string HexText(std::uint64_t number) { return Text("0x", std::hex, number); }
 
 std::string HexGuid(std::uint64_t guid) {

@@ -24,6 +24,9 @@ std::string Text(const Parts&... parts) {
 /// `text` with everything that a terminal would not show as it is written as \xNN.
 std::string Printable(std::string_view text);
 
+/// What a hexadecimal digit is worth, 0 to 15; none for any other character.
+std::optional<std::uint8_t> HexDigit(char c);
+
 /// "0x1f000"
 std::string HexText(std::uint64_t number);
 /// A device's GUID as requests have it: "0x" and 16 lower-case digits.

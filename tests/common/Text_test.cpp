@@ -24,6 +24,16 @@ TEST(TextTest, NumbersAndGuidsAreHexadecimal) {
   EXPECT_EQ(HexGuid(0xAA5500000000FFu), "0x00aa5500000000ff");
 }
 
+TEST(TextTest, ADigitIsWorthWhatItIsWorthInEitherCase) {
+  const std::string_view digits = "0123456789abcdef";
+  for (std::size_t i = 0; i < digits.size(); ++i) EXPECT_EQ(HexDigit(digits[i]), i);
+  EXPECT_EQ(HexDigit('A'), 10);
+  EXPECT_EQ(HexDigit('F'), 15);
+  for (const char c : {'/', ':', '@', 'G', '`', 'g', ' ', '\0', '\xff'}) {
+    EXPECT_EQ(HexDigit(c), std::nullopt) << c;
+  }
+}
+
 TEST(TextTest, AByteCountIsDecimalHexadecimalOrOctal) {
   EXPECT_EQ(ParseByteCount("65536"), 65536u);
   EXPECT_EQ(ParseByteCount("0x10000"), 0x10000u);
