@@ -3,6 +3,7 @@
 
 #include "fuzz/Fuzz.h"
 #include "fwimg/ImageMaker.h"
+#include "fwimg/LayoutFile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);
@@ -11,17 +12,17 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   // What is made is loaded back and compared, by an assertion.
   const auto error = fuzz::Run([&] {
     try {
-      tools::Layout layout = tools::ReadLayout(file, "/nonexistent", tools::LayoutKind::WHOLE);
+      fwimg::Layout layout = fwimg::ReadLayout(file, "/nonexistent", fwimg::LayoutKind::WHOLE);
       std::size_t total = 0;
       for (const auto& section : layout.sections) total += section.data.size();
       if (total > 1 << 16) return;
-      tools::CheckLayout(layout);
-      tools::FillIn(layout);
-      tools::WriteImage(layout, made);
+      fwimg::CheckLayout(layout);
+      fwimg::FillIn(layout);
+      fwimg::WriteImage(layout, made);
       FwImage image;
       image.Open(made.c_str(), READ);
       fuzz::Must(!fuzz::HasOddCrc(image), "what a CRC covers is whole words");
-    } catch (const tools::LayoutError&) {
+    } catch (const fwimg::LayoutError&) {
       return;  // the layout is wrong
     }
   });

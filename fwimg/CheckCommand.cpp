@@ -5,13 +5,17 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/Text.h"
+#include "device/ImageFile.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageCheck.h"
-#include "src/utils.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
+
+using common::ParseByteCount;
+using common::Printable;
 
 struct Options {
   std::vector<std::string> files;
@@ -77,17 +81,17 @@ nlohmann::ordered_json Json(const std::vector<Report>& reports) {
 }
 
 int Run(const Options& options) {
-  const u_int32_t sector_size = ParseByteCount(options.sector_size).value();
+  const std::uint32_t sector_size = ParseByteCount(options.sector_size).value();
   const auto flash_size = ParseByteCount(options.flash_size);
   std::vector<Report> reports;
   int status = ALL_WELL;
   for (const std::string& file : options.files) {
     Report report{file, {}, ""};
     try {
-      report.problems = Check(ImageView(file), sector_size, flash_size);
-    } catch (const BraidError& error) {
-      report.trouble = error.Des();
-      std::cerr << "fwimg: " << Printable(error.Des()) << std::endl;
+      report.problems = Check(file, sector_size, flash_size);
+    } catch (const device::ImageError& error) {
+      report.trouble = error.what();
+      std::cerr << "fwimg: " << Printable(report.trouble) << std::endl;
     }
     const bool is_bad = report.Count(Severity::ERROR) > 0 ||
                         (options.is_strict && report.Count(Severity::WARNING) > 0);
@@ -118,13 +122,13 @@ void AddCheck(CommandLine& program) {
       .Add("--sector-size", options->sector_size,
            "Bytes of a sector of the flash that the image is for")
       .ShowDefault()
-      .Check(ByteCountCheck);
+      .Check(common::ByteCountCheck);
   command
       .Add("--flash-size", options->flash_size,
            "Bytes of the flash that the image is for; its end is not checked without")
-      .Check(ByteCountCheck);
+      .Check(common::ByteCountCheck);
   command.AddFlag("--json", options->as_json, "Prints one JSON object");
-  command.SetWork(Told([options] { return Run(*options); }));
+  command.SetWork([options] { return Run(*options); });
 }
 
-}  // namespace tools
+}  // namespace fwimg

@@ -1,76 +1,78 @@
-#include "fwimg/CheckedImage.h"
-#include "src/BraidGeneral.h"
+#include "fwimg/CheckFlash.h"
 
-namespace tools {
+#include "device/Boot.h"
+#include "device/Crc.h"
+
+namespace fwimg {
 
 namespace {
 
-constexpr Extent MARKER{sim::INVARIANT_MARKER, sim::INVARIANT_MARKER + WORD_SIZE};
-constexpr u_int32_t FIRST_IMAGE_SECTOR =
-    3;  ///< where a burn moves a second image that is in its way
+constexpr Extent MARKER{device::FAILSAFE_MARKER, device::FAILSAFE_MARKER + WORD_SIZE};
 
-DataVec Signature() {
-  DataVec signature;
-  signature << sim::VALID_SIGNATURE;
+Bytes Signature() {
+  Bytes signature;
+  device::AppendWord(signature, device::VALID_SIGNATURE);
   return signature;
 }
 
-void CheckRecord(const CheckedImage& image, u_int32_t idx, const SectionView& ps,
+void CheckRecord(const CheckedImage& image, std::uint32_t idx, const SectionLines& ps,
                  LineFindings& findings) {
-  const SlotView& slot = image.view.Slots()[idx];
-  const u_int32_t image_addr = image.WordAt(ps.addr);
+  const SlotLines& slot = image.file.slots[idx];
+  const std::uint32_t image_addr = image.WordAt(ps.addr);
   if (slot.image && image_addr != slot.image->addr) {
     findings.Add(ProblemId::PS_RECORD, ps.line,
                  Text(Name(ps), " points to ", HexText(image_addr), "; IMAGE ", idx, " is ",
                       At(slot.image->addr)));
   }
-  const u_int32_t size = image.WordAt(u_int64_t{ps.addr} + WORD_SIZE);
-  if (image.has_slots && size != image.view.ImageExtent()) {
+  const std::uint32_t size = image.WordAt(std::uint64_t{ps.addr} + WORD_SIZE);
+  if (image.has_slots && size != image.slot_extent) {
     findings.Add(ProblemId::PS_SIZE, ps.line,
                  Text(Name(ps), " gives the image ", HexText(size), " bytes; it has ",
-                      HexText(image.view.ImageExtent())));
+                      HexText(image.slot_extent)));
   }
-  const u_int32_t crc_addr = ps.addr + sim::PS_CRC_OFFSET;
-  const bool is_recomputed = std::ranges::any_of(image.view.Crcs(), [&](const CrcView& crc) {
-    return crc.from == ps.addr && crc.size == sim::PS_CRC_OFFSET && crc.crc_addr == crc_addr;
+  const std::uint32_t crc_addr = ps.addr + device::RECORD_CRC;
+  const bool is_recomputed = std::ranges::any_of(image.file.crcs, [&](const CrcLine& crc) {
+    return crc.from == ps.addr && crc.size == device::RECORD_CRC && crc.addr == crc_addr;
   });
   if (is_recomputed) return;
   // Not computed at the burn: it must fit the signature that the burn sets.
-  auto record = image.view.Bytes(ps.addr, sim::PS_CRC_OFFSET);
+  auto record = image.file.BytesAt(ps.addr, device::RECORD_CRC);
   if (!record) return;
-  std::ranges::copy(Signature(), record->begin() + sim::PS_SIGNATURE_OFFSET);
-  if (image.WordAt(crc_addr) != sim::CrcOf(*record)) {
+  std::ranges::copy(Signature(), record->begin() + device::RECORD_SIGNATURE);
+  if (image.WordAt(crc_addr) != device::CrcOf(*record)) {
     findings.Add(ProblemId::PS_CRC, ps.line,
                  "no CRC is marked over the record of " + Name(ps) +
                      ", and the one it has does not fit the record once it is signed");
   }
 }
 
-void CheckPointerSector(const CheckedImage& image, u_int32_t idx, LineFindings& findings) {
-  const SlotView& slot = image.view.Slots()[idx];
-  if (!slot.ps) return;
-  if (slot.signature && slot.signature->addr != slot.ps->addr + sim::PS_SIGNATURE_OFFSET) {
-    findings.Add(ProblemId::SIGNATURE_PLACE, slot.signature->line,
-                 Text("SIGNATURE ", idx, " ", At(slot.signature->addr), " is not at PS ", idx,
-                      " + 8, ", HexText(u_int64_t{slot.ps->addr} + sim::PS_SIGNATURE_OFFSET)));
+void CheckPointerSector(const CheckedImage& image, std::uint32_t idx, LineFindings& findings) {
+  const SlotLines& slot = image.file.slots[idx];
+  if (!slot.pointer_sector) return;
+  if (slot.signature &&
+      slot.signature->addr != slot.pointer_sector->addr + device::RECORD_SIGNATURE) {
+    findings.Add(
+        ProblemId::SIGNATURE_PLACE, slot.signature->line,
+        Text("SIGNATURE ", idx, " ", At(slot.signature->addr), " is not at PS ", idx, " + 8, ",
+             HexText(std::uint64_t{slot.pointer_sector->addr} + device::RECORD_SIGNATURE)));
   }
-  const SectionView* ps = image.view.SectionAt(slot.ps->addr);
+  const SectionLines* ps = image.file.SectionAt(slot.pointer_sector->addr);
   if (ps == nullptr) {
-    findings.Add(ProblemId::PS_WITHOUT_SECTION, slot.ps->line,
-                 Text("no section starts at PS ", idx, ", ", HexText(slot.ps->addr)));
+    findings.Add(ProblemId::PS_WITHOUT_SECTION, slot.pointer_sector->line,
+                 Text("no section starts at PS ", idx, ", ", HexText(slot.pointer_sector->addr)));
     return;
   }
   if (!ps->is_whole) return;
-  if (ps->size < sim::PS_RECORD_SIZE) {
+  if (ps->size < device::POINTER_RECORD_SIZE) {
     findings.Add(ProblemId::PS_SHORT, ps->line,
                  Text(Name(*ps), " has ", ps->size, " bytes, a pointer sector record ",
-                      sim::PS_RECORD_SIZE));
+                      device::POINTER_RECORD_SIZE));
     return;
   }
   CheckRecord(image, idx, *ps, findings);
-  const u_int32_t shipped = image.WordAt(u_int64_t{ps->addr} + sim::PS_SIGNATURE_OFFSET);
-  if (shipped == sim::VALID_SIGNATURE && slot.image &&
-      !image.view.Bytes(slot.image->addr, WORD_SIZE)) {
+  const std::uint32_t shipped = image.WordAt(std::uint64_t{ps->addr} + device::RECORD_SIGNATURE);
+  if (shipped == device::VALID_SIGNATURE && slot.image &&
+      !image.file.BytesAt(slot.image->addr, WORD_SIZE)) {
     findings.Add(ProblemId::SIGNATURE_SHIPPED, ps->line,
                  Name(*ps) + " is shipped with a valid signature, but the file has no bytes " +
                      At(slot.image->addr));
@@ -80,7 +82,7 @@ void CheckPointerSector(const CheckedImage& image, u_int32_t idx, LineFindings& 
 /// The sections of the invariant sector stand first, or a failsafe burn does not see them.
 void CheckInvariantOrder(const CheckedImage& image, LineFindings& findings) {
   bool is_past = false;
-  for (const SectionView* section : image.kept) {
+  for (const SectionLines* section : image.kept) {
     if (section->addr >= image.sector) {
       is_past = true;
     } else if (is_past) {
@@ -93,12 +95,12 @@ void CheckInvariantOrder(const CheckedImage& image, LineFindings& findings) {
 }
 
 void CheckMarker(const CheckedImage& image, LineFindings& findings) {
-  const auto covers = [](const SectionView* section) {
+  const auto covers = [](const SectionLines* section) {
     return ExtentOf(*section).Contains(MARKER);
   };
   const auto over = std::ranges::find_if(image.kept, covers);
-  if (over == image.kept.end() || !image.view.Bytes(MARKER.from, WORD_SIZE)) return;
-  if (image.WordAt(MARKER.from) == sim::VALID_SIGNATURE) return;
+  if (over == image.kept.end() || !image.file.BytesAt(MARKER.from, WORD_SIZE)) return;
+  if (image.WordAt(MARKER.from) == device::VALID_SIGNATURE) return;
   findings.Add(ProblemId::MARKER_MISSING, (*over)->line,
                Name(**over) + " has no failsafe marker CB 84 CB 84 at 0x24");
 }
@@ -116,12 +118,12 @@ void CheckInvariantPlaces(const CheckedImage& image, LineFindings& findings) {
                    what + " " + At(place.from) + " lies in the invariant sector");
     }
   };
-  for (const FieldView& field : image.view.Fields()) {
-    look(field.line, FieldKeyword(field.type), ExtentOf(field), false);
+  for (const FieldLine& field : image.file.fields) {
+    look(field.line, Keyword(field.type), ExtentOf(field), false);
   }
-  for (const CrcView& crc : image.view.Crcs()) {
+  for (const CrcLine& crc : image.file.crcs) {
     // A CRC over bytes that are the same for all is as good as any other byte.
-    const bool is_constant = std::ranges::none_of(image.view.Fields(), [&](const FieldView& field) {
+    const bool is_constant = std::ranges::none_of(image.file.fields, [&](const FieldLine& field) {
       return ExtentOf(field).Overlaps(CoveredBy(crc));
     });
     look(crc.line, "a CRC's place", PlaceOf(crc), is_constant);
@@ -129,8 +131,8 @@ void CheckInvariantPlaces(const CheckedImage& image, LineFindings& findings) {
 }
 
 void CheckFirstSlot(const CheckedImage& image, LineFindings& findings) {
-  const auto& first = image.view.Slots()[0].image;
-  const u_int64_t moved_to = u_int64_t{FIRST_IMAGE_SECTOR} * image.sector;
+  const auto& first = image.file.slots[0].image;
+  const std::uint64_t moved_to = std::uint64_t{device::FIRST_IMAGE_SECTOR} * image.sector;
   if (!first || first->addr == moved_to) return;
   findings.Add(ProblemId::FIRST_SLOT_PLACE, first->line,
                "IMAGE 0 is " + At(first->addr) + ", not at 3 sectors, " + HexText(moved_to));
@@ -139,13 +141,13 @@ void CheckFirstSlot(const CheckedImage& image, LineFindings& findings) {
 /// Follows the erases of one burn, sector by sector. `needed`: what they must spare besides what
 /// the burn itself has written.
 void CheckErasesOf(const Sequence& sequence, const std::vector<const Sequence*>& needed,
-                   u_int32_t sector, LineFindings& findings) {
-  std::optional<u_int64_t> last;  // the sector that was erased last
+                   std::uint32_t sector, LineFindings& findings) {
+  std::optional<std::uint64_t> last;  // the sector that was erased last
   for (std::size_t i = 0; i < sequence.size(); ++i) {
     const Region& region = sequence[i];
     if (region.from == region.end) continue;
-    const u_int64_t first_sector = region.from / sector;
-    const u_int64_t last_sector = (region.end - 1) / sector;
+    const std::uint64_t first_sector = region.from / sector;
+    const std::uint64_t last_sector = (region.end - 1) / sector;
     const bool goes_on = last == first_sector;
     last = last_sector;
     if (!goes_on && region.from % sector != 0) {
@@ -180,7 +182,7 @@ void CheckErases(const CheckedImage& image, LineFindings& findings) {
   CheckErasesOf(image.all, {}, image.sector, findings);
 }
 
-void CheckFlashEnd(const CheckedImage& image, u_int32_t flash_size, LineFindings& findings) {
+void CheckFlashEnd(const CheckedImage& image, std::uint32_t flash_size, LineFindings& findings) {
   for (const Region& region : image.regions) {
     if (region.from == region.end || region.end <= flash_size) continue;
     findings.Add(ProblemId::PAST_FLASH, region.section->line,
@@ -191,10 +193,11 @@ void CheckFlashEnd(const CheckedImage& image, u_int32_t flash_size, LineFindings
 
 }  // namespace
 
-void CheckFlash(const CheckedImage& image, std::optional<u_int32_t> flash_size,
+void CheckFlash(const CheckedImage& image, std::optional<std::uint32_t> flash_size,
                 LineFindings& findings) {
-  if (image.family == Family::POINTER_SECTORS) {
-    for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) CheckPointerSector(image, idx, findings);
+  if (image.kind == SlotKind::POINTER_SECTORS) {
+    for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx)
+      CheckPointerSector(image, idx, findings);
     CheckInvariantOrder(image, findings);
     CheckMarker(image, findings);
     CheckInvariantPlaces(image, findings);
@@ -204,4 +207,4 @@ void CheckFlash(const CheckedImage& image, std::optional<u_int32_t> flash_size,
   if (flash_size) CheckFlashEnd(image, *flash_size, findings);
 }
 
-}  // namespace tools
+}  // namespace fwimg

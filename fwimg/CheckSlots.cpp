@@ -1,31 +1,30 @@
-#include "fwimg/CheckedImage.h"
-#include "src/BraidGeneral.h"
+#include "fwimg/CheckSlots.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
 
 void CheckDirectives(const CheckedImage& image, LineFindings& findings) {
-  for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
-    const SlotView& slot = image.view.Slots()[idx];
-    const auto need = [&](const std::optional<MarkedAddr>& addr, const char* directive) {
+  for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+    const SlotLines& slot = image.file.slots[idx];
+    const auto need = [&](const std::optional<AddrLine>& addr, const char* directive) {
       if (addr) return;
-      findings.Add(ProblemId::SLOT_UNSET, image.view.DeviceTypeLine(),
+      findings.Add(ProblemId::SLOT_UNSET, image.file.device_type_line,
                    Text("no ", directive, " ", idx, ", which this device type needs"));
     };
     need(slot.image, "IMAGE");
-    if (image.family == Family::BOOT_RECORDS) continue;
-    need(slot.ps, "PS");
+    if (image.kind == SlotKind::BOOT_RECORDS) continue;
+    need(slot.pointer_sector, "PS");
     need(slot.signature, "SIGNATURE");
   }
 }
 
 void CheckImageSections(const CheckedImage& image, LineFindings& findings) {
-  const u_int32_t img0 = image.view.Slots()[0].image->addr;
-  const u_int32_t img1 = image.view.Slots()[1].image->addr;
-  const auto sections = image.view.ImageSections();
-  u_int64_t bytes = 0;
-  for (const SectionView* section : sections) {
+  const std::uint32_t img0 = image.file.slots[0].image->addr;
+  const std::uint32_t img1 = image.file.slots[1].image->addr;
+  const auto sections = image.file.SlotSections();
+  std::uint64_t bytes = 0;
+  for (const SectionLines* section : sections) {
     bytes += section->size;
     if (section->addr < img0 || section->addr >= std::max(img0, img1)) {
       findings.Add(ProblemId::IMAGE_SECTION_OUTSIDE, section->line,
@@ -38,9 +37,9 @@ void CheckImageSections(const CheckedImage& image, LineFindings& findings) {
                        ", into the second slot " + At(img1));
     }
   }
-  if (image.family == Family::POINTER_SECTORS && bytes < image.view.ImageExtent()) {
+  if (image.kind == SlotKind::POINTER_SECTORS && bytes < image.slot_extent) {
     findings.Add(ProblemId::IMAGE_GAPS, sections.front()->line,
-                 Text("the image has ", bytes, " bytes on ", image.view.ImageExtent()));
+                 Text("the image has ", bytes, " bytes on ", image.slot_extent));
   }
 }
 
@@ -67,12 +66,12 @@ void CheckSequencesApart(const CheckedImage& image, LineFindings& findings) {
 /// The image of a slot, moved, against the slot's own pointer sector, which is not. Image sections
 /// among themselves overlap in the file, too.
 void CheckPointerSectorsApart(const CheckedImage& image, LineFindings& findings) {
-  for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
+  for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
     if (image.burnt[idx].size() == image.images[idx].size()) continue;
     const Region& ps = image.burnt[idx].back();
     for (const Region& region : image.images[idx]) {
       if (!region.Overlaps(ps)) continue;
-      findings.Add(ProblemId::PS_IN_IMAGE, image.view.Slots()[idx].ps->line, [&] {
+      findings.Add(ProblemId::PS_IN_IMAGE, image.file.slots[idx].pointer_sector->line, [&] {
         return Text("the pointer sector ", At(ps.from), " to ", HexText(ps.end), " lies in the ",
                     "image of slot ", idx, ": ", Where(region));
       });
@@ -89,7 +88,7 @@ Extent Touched(const CheckedImage& image, const Region& region) {
 
 /// Sections that no failsafe burn writes.
 void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
-  for (const SectionView* section : image.kept) {
+  for (const SectionLines* section : image.kept) {
     const auto is_of = [&](const Sequence* sequence) {
       return std::ranges::find(*sequence, section, &Region::section) != sequence->end();
     };
@@ -98,7 +97,7 @@ void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
       return Touched(image, region).Overlaps(ExtentOf(*section));
     };
     bool is_destroyed = false;
-    for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
+    for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
       const auto found = std::ranges::find_if(image.burnt[idx], destroys);
       if (found == image.burnt[idx].end()) continue;
       is_destroyed = true;
@@ -108,7 +107,7 @@ void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
                " lies in what a burn of slot ", idx, " writes or erases: ", Where(*found)));
     }
     const bool is_misplaced =  // a kind of its own
-        image.family == Family::POINTER_SECTORS && section->addr < image.sector;
+        image.kind == SlotKind::POINTER_SECTORS && section->addr < image.sector;
     if (!is_destroyed && !is_misplaced) {
       findings.Add(ProblemId::SECTION_NOT_BURNT, section->line,
                    Name(*section) + " belongs to no slot");
@@ -118,9 +117,9 @@ void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
 
 /// Without a device map, which has an end of its own, addresses end at 4 GiB.
 void CheckEnds(const CheckedImage& image, LineFindings& findings) {
-  const MarkedAddr& second = *image.view.Slots()[1].image;
-  const u_int64_t end = second.addr + image.view.ImageExtent();
-  if (end <= ADDRESS_SPACE || !image.view.Devices().empty()) return;
+  const AddrLine& second = *image.file.slots[1].image;
+  const std::uint64_t end = second.addr + image.slot_extent;
+  if (end <= ADDRESS_SPACE || !image.file.chips.empty()) return;
   findings.Add(ProblemId::SLOT_WRAPS, second.line,
                "the second slot's image would end " + At(end) + ", past the last address");
 }
@@ -128,17 +127,17 @@ void CheckEnds(const CheckedImage& image, LineFindings& findings) {
 }  // namespace
 
 void CheckSlots(const CheckedImage& image, LineFindings& findings) {
-  if (image.family != Family::POINTER_SECTORS && image.family != Family::BOOT_RECORDS) return;
+  if (image.kind != SlotKind::POINTER_SECTORS && image.kind != SlotKind::BOOT_RECORDS) return;
   CheckDirectives(image, findings);
-  const auto& slots = image.view.Slots();
+  const auto& slots = image.file.slots;
   if (!slots[0].image || !slots[1].image) return;
-  const u_int32_t img0 = slots[0].image->addr;
-  const u_int32_t img1 = slots[1].image->addr;
+  const std::uint32_t img0 = slots[0].image->addr;
+  const std::uint32_t img1 = slots[1].image->addr;
   if (img1 <= img0) {
     findings.Add(ProblemId::SLOT_ORDER, slots[1].image->line,
                  "IMAGE 1 " + At(img1) + " does not lie behind IMAGE 0 " + At(img0));
   }
-  if (image.view.SectionAt(img0) == nullptr) {
+  if (image.file.SectionAt(img0) == nullptr) {
     findings.Add(ProblemId::NO_FIRST_SECTION, slots[0].image->line,
                  "no section starts at IMAGE 0, " + HexText(img0));
   }
@@ -150,4 +149,4 @@ void CheckSlots(const CheckedImage& image, LineFindings& findings) {
   CheckEnds(image, findings);
 }
 
-}  // namespace tools
+}  // namespace fwimg

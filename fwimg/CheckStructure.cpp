@@ -1,82 +1,84 @@
+#include "fwimg/CheckStructure.h"
+
 #include <map>
 
-#include "fwimg/CheckedImage.h"
-#include "src/BraidGeneral.h"
-
-namespace tools {
+namespace fwimg {
 
 namespace {
 
 /// The greatest chunk of a burn, unless its -m says otherwise. Chunks begin at its multiples.
-constexpr u_int32_t CHUNK_SIZE = 32;
+constexpr std::uint32_t CHUNK_SIZE = 32;
+/// The device type that ignores REPLACE BSN behind its own line.
+constexpr std::string_view NO_BSN_TYPE = "RV61100";
 
 void CheckDeviceType(const CheckedImage& image, LineFindings& findings) {
-  const LineNumber line = image.view.DeviceTypeLine();
+  const LineNumber line = image.file.device_type_line;
   if (line == 0) {
     findings.Add(ProblemId::NO_DEVICE_TYPE, 0, "no DEVICE_TYPE");
-  } else if (image.family == Family::UNKNOWN) {
+  } else if (image.file.image.type == nullptr) {
     findings.Add(ProblemId::UNKNOWN_DEVICE_TYPE, line,
-                 "unknown device type \"" + Printable(image.view.DeviceTypeWord()) + "\"");
+                 "unknown device type \"" + Printable(image.file.device_type_word) + "\"");
   }
-  if (image.view.Image().DevType() != RV61100) return;
-  for (const FieldView& field : image.view.Fields()) {
-    if (field.type != BSN) continue;
+  const device::DeviceType* type = image.file.image.type;
+  if (type == nullptr || type->keyword != NO_BSN_TYPE) return;
+  for (const FieldLine& field : image.file.fields) {
+    if (field.type != device::FieldType::BSN) continue;
     findings.Add(ProblemId::DEVICE_TYPE_LATE, field.line,
                  "REPLACE BSN stands before DEVICE_TYPE RV61100 on " + Line(line));
   }
 }
 
-void CheckLocations(const ImageView& view, LineFindings& findings) {
-  const auto& devices = view.Devices();
-  for (const Location& location : view.Locations()) {
-    const std::string device = "device " + HexText(location.loc.dev);
-    const auto mapped = std::ranges::find(devices, location.loc.dev, &MappedDevice::dev);
-    if (mapped == devices.end()) {
+void CheckLocations(const device::ImageFile& file, LineFindings& findings) {
+  const auto& chips = file.chips;
+  for (const device::LocationLine& location : file.locations) {
+    const std::string chip = "device " + HexText(location.place.chip);
+    const auto mapped = std::ranges::find(chips, location.place.chip, &ChipLine::chip);
+    if (mapped == chips.end()) {
       // Refused already, unless there was no map yet.
-      if (devices.empty() || !location.addr) continue;
+      if (chips.empty() || !location.addr) continue;
       findings.Add(ProblemId::DEVMAP_LATE, location.line,
                    "the location stands before the first DEVMAP, so that it means " +
-                       HexText(*location.addr) + "; no DEVMAP has its " + device);
+                       HexText(*location.addr) + "; no DEVMAP has its " + chip);
       continue;
     }
-    if (mapped->addr + location.loc.offset != location.addr) {
+    if (mapped->addr + location.place.offset != location.addr) {
       findings.Add(ProblemId::DEVMAP_LATE, location.line,
-                   "the DEVMAP of " + device + " stands after this location, which needs it");
+                   "the DEVMAP of " + chip + " stands after this location, which needs it");
     }
-    if (location.loc.offset >= mapped->size) {
+    if (location.place.offset >= mapped->size) {
       findings.Add(ProblemId::PAST_DEVICE, location.line,
-                   "offset " + HexText(location.loc.offset) + " lies past the " +
-                       HexText(mapped->size) + " bytes of " + device);
+                   "offset " + HexText(location.place.offset) + " lies past the " +
+                       HexText(mapped->size) + " bytes of " + chip);
     }
   }
 }
 
 /// Regions against the ends of the mapped devices; `total` is where the last one ends.
-void CheckRegionsOnMap(const CheckedImage& image, u_int64_t total, LineFindings& findings) {
-  for (const SectionView* section : image.kept) {
+void CheckRegionsOnMap(const CheckedImage& image, std::uint64_t total, LineFindings& findings) {
+  for (const SectionLines* section : image.kept) {
     if (section->End() <= total) continue;
     findings.Add(ProblemId::PAST_MAP, section->line,
                  Name(*section) + " ends " + At(section->End()) + ", past the " + HexText(total) +
                      " bytes of the device map");
   }
   if (image.has_slots) {
-    const MarkedAddr& second = *image.view.Slots()[1].image;
-    const u_int64_t end = second.addr + image.view.ImageExtent();
+    const AddrLine& second = *image.file.slots[1].image;
+    const std::uint64_t end = second.addr + image.slot_extent;
     if (end > total) {
       findings.Add(ProblemId::PAST_MAP, second.line,
                    "the second slot's image ends " + At(end) + ", past the " + HexText(total) +
                        " bytes of the device map");
     }
   }
-  u_int64_t end = 0;
-  for (const MappedDevice& device : image.view.Devices()) {
-    end += device.size;
+  std::uint64_t end = 0;
+  for (const ChipLine& chip : image.file.chips) {
+    end += chip.size;
     if (end % CHUNK_SIZE == 0 || end == total) continue;
     for (const Region& region : image.regions) {
       if (region.from >= end || end >= region.end) continue;
       findings.Add(ProblemId::CHUNK_CROSSES_DEVICE, region.section->line, [&] {
         return Name(*region.section) + ", burnt " + At(region.from) + " to " + HexText(region.end) +
-               ", goes on past device " + HexText(device.dev) + ", which ends " + At(end) +
+               ", goes on past device " + HexText(chip.chip) + ", which ends " + At(end) +
                ", no multiple of a chunk of " + HexText(CHUNK_SIZE) + " bytes";
       });
     }
@@ -84,36 +86,36 @@ void CheckRegionsOnMap(const CheckedImage& image, u_int64_t total, LineFindings&
 }
 
 void CheckMap(const CheckedImage& image, LineFindings& findings) {
-  const auto& devices = image.view.Devices();
-  u_int64_t total = 0;
-  std::map<u_int8_t, LineNumber> seen;
-  for (const MappedDevice& device : devices) {
-    const auto [first, is_new] = seen.try_emplace(device.dev, device.line);
+  const auto& chips = image.file.chips;
+  std::uint64_t total = 0;
+  std::map<std::uint8_t, LineNumber> seen;
+  for (const ChipLine& chip : chips) {
+    const auto [first, is_new] = seen.try_emplace(chip.chip, chip.line);
     if (!is_new) {
       findings.Add(
-          ProblemId::DEVMAP_TWICE, device.line,
-          "device " + HexText(device.dev) + " is mapped on " + Line(first->second) + " already");
+          ProblemId::DEVMAP_TWICE, chip.line,
+          "device " + HexText(chip.chip) + " is mapped on " + Line(first->second) + " already");
     }
-    if (device.size == 0) {
-      findings.Add(ProblemId::DEVMAP_EMPTY, device.line, "the device has no bytes");
+    if (chip.size == 0) {
+      findings.Add(ProblemId::DEVMAP_EMPTY, chip.line, "the device has no bytes");
     }
-    if (total <= ADDRESS_SPACE && total + device.size > ADDRESS_SPACE) {
-      findings.Add(ProblemId::DEVMAP_WRAPS, device.line, "the mapped devices have more than 4 GiB");
+    if (total <= ADDRESS_SPACE && total + chip.size > ADDRESS_SPACE) {
+      findings.Add(ProblemId::DEVMAP_WRAPS, chip.line, "the mapped devices have more than 4 GiB");
     }
-    total += device.size;
+    total += chip.size;
   }
-  CheckLocations(image.view, findings);
-  if (!devices.empty()) CheckRegionsOnMap(image, total, findings);
+  CheckLocations(image.file, findings);
+  if (!chips.empty()) CheckRegionsOnMap(image, total, findings);
 }
 
 void CheckOverlaps(const CheckedImage& image, LineFindings& findings) {
-  std::vector<const SectionView*> sections = image.kept;
-  std::ranges::stable_sort(sections, {}, &SectionView::addr);
-  const SectionView* furthest = nullptr;
-  for (const SectionView* section : sections) {
+  std::vector<const SectionLines*> sections = image.kept;
+  std::ranges::stable_sort(sections, {}, &SectionLines::addr);
+  const SectionLines* furthest = nullptr;
+  for (const SectionLines* section : sections) {
     if (furthest != nullptr && section->addr < furthest->End() && section->size > 0) {
-      const SectionView& later = section->line > furthest->line ? *section : *furthest;
-      const SectionView& other = section->line > furthest->line ? *furthest : *section;
+      const SectionLines& later = section->line > furthest->line ? *section : *furthest;
+      const SectionLines& other = section->line > furthest->line ? *furthest : *section;
       findings.Add(ProblemId::SECTION_OVERLAP, later.line,
                    Name(later) + " overlaps " + Name(other) + " of " + Line(other.line) + " from " +
                        HexText(section->addr) + " to " +
@@ -124,10 +126,10 @@ void CheckOverlaps(const CheckedImage& image, LineFindings& findings) {
 }
 
 void CheckSections(const CheckedImage& image, LineFindings& findings) {
-  if (image.view.Sections().empty()) findings.Add(ProblemId::NO_SECTIONS, 0, "no section");
-  for (const SectionView& section : image.view.Sections()) {
-    if (!section.is_kept) {
-      const SectionView* first = image.view.SectionAt(section.addr);
+  if (image.file.sections.empty()) findings.Add(ProblemId::NO_SECTIONS, 0, "no section");
+  for (const SectionLines& section : image.file.sections) {
+    if (!section.kept) {
+      const SectionLines* first = image.file.SectionAt(section.addr);
       if (section.is_placed && first != nullptr) {
         findings.Add(ProblemId::DUPLICATE_SECTION, section.line,
                      Name(section) + " starts " + At(section.addr) + ", as " + Name(*first) +
@@ -154,4 +156,4 @@ void CheckStructure(const CheckedImage& image, LineFindings& findings) {
   CheckSections(image, findings);
 }
 
-}  // namespace tools
+}  // namespace fwimg

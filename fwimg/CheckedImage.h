@@ -1,25 +1,37 @@
-/// The parts of the check of an image, and what they share.
+/// What the parts of the check of an image share: the image, and what burns of it write.
 #pragma once
 
 #include <algorithm>
 #include <array>
-#include <optional>
+#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "fwimg/ImageView.h"
+#include "common/Text.h"
+#include "device/ImageFile.h"
 #include "fwimg/ProblemKinds.h"
-#include "src/utils.h"
 
-namespace tools {
+namespace fwimg {
 
-constexpr u_int32_t WORD_SIZE = 4;
-constexpr u_int64_t ADDRESS_SPACE = u_int64_t{1} << 32;
+using common::HexText;
+using common::Printable;
+using common::Text;
+using device::ADDRESS_SPACE;
+using device::AddrLine;
+using device::Bytes;
+using device::ChipLine;
+using device::CrcLine;
+using device::FieldLine;
+using device::LineNumber;
+using device::SectionLines;
+using device::SlotKind;
+using device::SlotLines;
+using device::WORD_SIZE;
 
 /// Addresses [from, end), in 64 bits so that nothing wraps.
 struct Extent {
-  u_int64_t from;
-  u_int64_t end;
+  std::uint64_t from;
+  std::uint64_t end;
 
   bool Overlaps(const Extent& other) const {
     return std::max(from, other.from) < std::min(end, other.end);
@@ -28,62 +40,54 @@ struct Extent {
   bool operator==(const Extent&) const = default;
 };
 
-inline Extent ExtentOf(const SectionView& section) { return {section.addr, section.End()}; }
-inline Extent ExtentOf(const FwImage::FieldReplace& field) {
-  return {field.from, u_int64_t{field.from} + field.size};
-}
-inline Extent CoveredBy(const CrcView& crc) { return {crc.from, crc.End()}; }
-inline Extent PlaceOf(const CrcView& crc) {
-  return {crc.crc_addr, u_int64_t{crc.crc_addr} + WORD_SIZE};
+inline Extent ExtentOf(const SectionLines& section) { return {section.addr, section.End()}; }
+inline Extent ExtentOf(const device::Field& field) { return {field.addr, field.End()}; }
+inline Extent CoveredBy(const device::CrcField& crc) { return {crc.from, crc.End()}; }
+inline Extent PlaceOf(const device::CrcField& crc) {
+  return {crc.addr, std::uint64_t{crc.addr} + WORD_SIZE};
 }
 
 /// Bytes that a burn writes as one region.
 struct Region : Extent {
-  const SectionView* section;
+  const SectionLines* section;
 };
 
 /// Regions that one burn writes one after the other.
 using Sequence = std::vector<Region>;
 
-/// An image and what burns of it write, and in which order.
+/// An image and what burns of it write, and in which order. The file is borrowed.
 struct CheckedImage {
-  CheckedImage(const ImageView& checked, u_int32_t sector_size);
+  CheckedImage(const device::ImageFile& checked, std::uint32_t sector_size);
 
-  const ImageView& view;
-  u_int32_t sector;  ///< bytes of a sector of the flash
-  Family family;
+  const device::ImageFile& file;
+  std::uint32_t sector;  ///< bytes of a sector of the flash
+  SlotKind kind;         ///< NONE where the device type is unknown
   bool is_flash;
   bool has_slots;
-  std::vector<const SectionView*> kept;         ///< sections that the loader has, in file order
-  Sequence invariant;                           ///< the sections before all slots
-  std::array<Sequence, FwImage::SLOTS> images;  ///< of each slot
-  std::array<Sequence, FwImage::SLOTS> burnt;   ///< the same and the slot's pointer sector
-  Sequence all;                                 ///< a burn with -n
-  std::vector<Region> regions;                  ///< those of all burns, none twice
+  std::uint64_t slot_extent;                   ///< bytes that a slot takes, gaps included
+  std::vector<const SectionLines*> kept;       ///< sections that the image has, in file order
+  Sequence invariant;                          ///< the sections before all slots
+  std::array<Sequence, device::SLOTS> images;  ///< of each slot
+  std::array<Sequence, device::SLOTS> burnt;   ///< the same and the slot's pointer sector
+  Sequence all;                                ///< a burn with -n
+  std::vector<Region> regions;                 ///< those of all burns, none twice
 
   /// What failsafe burns write; none where there are no slots.
   std::vector<const Sequence*> Failsafe() const;
   /// The section that holds the byte at `addr`, or null.
-  const SectionView* SectionOver(u_int64_t addr) const;
+  const SectionLines* SectionOver(std::uint64_t addr) const;
   /// The bytes of one word; 0 where the image lacks them.
-  u_int32_t WordAt(u_int64_t addr) const;
+  std::uint32_t WordAt(std::uint64_t addr) const;
 };
 
-/// The device type, the device map, and sections among themselves.
-void CheckStructure(const CheckedImage& image, LineFindings& findings);
-/// Where the slots are, and what of the image lies in them.
-void CheckSlots(const CheckedImage& image, LineFindings& findings);
-/// Fields and CRCs: against sections, each other, and those of the other slot.
-void CheckPlaces(const CheckedImage& image, LineFindings& findings);
-/// Pointer sectors, the invariant sector, and what erases destroy.
-void CheckFlash(const CheckedImage& image, std::optional<u_int32_t> flash_size,
-                LineFindings& findings);
-/// The boot record that an image of some EEPROMs begins with.
-void CheckBootRecord(const CheckedImage& image, LineFindings& findings);
-
 // Words of findings.
-inline std::string Name(const SectionView& section) { return "section " + Printable(section.name); }
-inline std::string At(u_int64_t addr) { return "at " + HexText(addr); }
+inline std::string Name(const SectionLines& section) {
+  return "section " + Printable(section.name);
+}
+inline std::string Keyword(device::FieldType type) {
+  return std::string(device::RowOf(type).keyword);
+}
+inline std::string At(std::uint64_t addr) { return "at " + HexText(addr); }
 inline std::string Line(LineNumber line) { return "line " + std::to_string(line); }
 
-}  // namespace tools
+}  // namespace fwimg

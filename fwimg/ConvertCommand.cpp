@@ -4,16 +4,21 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
-#include "fwimg/ImageView.h"
+#include "fwimg/ImageSource.h"
+#include "fwimg/LayoutFile.h"
 #include "fwimg/Srecord.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
 
 namespace fs = std::filesystem;
+using common::Printable;
+using common::Text;
+using device::Bytes;
 using nlohmann::ordered_json;
 
 struct ConvertOptions {
@@ -59,34 +64,31 @@ void Report(const ConvertOptions& options, const std::vector<RecordRange>& range
 
 /// The bytes of all sections, neighbours made one. Throws where two sections overlap: records can
 /// not say what an image file can.
-std::vector<RecordRange> RangesOf(const FwImage& image) {
-  std::vector<u_int32_t> addrs;
-  image.GetSectionsAddr(addrs);
-  std::ranges::sort(addrs);
-  addrs.erase(std::unique(addrs.begin(), addrs.end()), addrs.end());
-  std::vector<RecordRange> ranges;
-  std::string before;
-  for (const u_int32_t addr : addrs) {
-    const FwImage::Section& section = *image.GetSection(addr);
-    if (section.data.empty()) continue;
-    const u_int64_t end = ranges.empty() ? 0 : ranges.back().addr + ranges.back().data.size();
-    if (!ranges.empty() && addr < end) {
-      throw std::runtime_error("the sections " + Printable(before) + " and " +
-                               Printable(section.name) + " overlap");
-    }
-    if (ranges.empty() || addr != end) ranges.push_back({addr, {}});
-    ranges.back().data.insert(ranges.back().data.end(), section.data.begin(), section.data.end());
-    before = section.name;
+std::vector<RecordRange> RangesOf(const device::Image& image) {
+  std::vector<const device::Section*> sections;
+  for (const device::Section& section : image.sections) {
+    if (!section.data.empty()) sections.push_back(&section);
   }
-  if (ranges.empty()) throw std::runtime_error("the image has no bytes");
+  if (sections.empty()) throw std::runtime_error("the image has no bytes");
+  std::ranges::sort(sections, {}, &device::Section::addr);
+  std::vector<RecordRange> ranges;
+  const device::Section* before = nullptr;
+  for (const device::Section* section : sections) {
+    if (before != nullptr && section->addr < before->End()) {
+      throw std::runtime_error("the sections " + Printable(before->name) + " and " +
+                               Printable(section->name) + " overlap");
+    }
+    if (before == nullptr || section->addr != before->End()) ranges.push_back({section->addr, {}});
+    Bytes& data = ranges.back().data;
+    data.insert(data.end(), section->data.begin(), section->data.end());
+    before = section;
+  }
   return ranges;
 }
 
 int ToRecords(const ConvertOptions& options) {
   const RecordFormat format = FormatOf(options, options.to);
-  FwImage image;
-  LoadImage(image, options.from);
-  const std::vector<RecordRange> ranges = RangesOf(image);
+  const std::vector<RecordRange> ranges = RangesOf(LoadImage(options.from));
   WriteRecords(ranges, format, options.to);
   Report(options, ranges);
   return ALL_WELL;
@@ -94,14 +96,14 @@ int ToRecords(const ConvertOptions& options) {
 
 /// Fills up what follows the last whole word of each range, as far as the next range leaves room,
 /// which then becomes a part of it.
-void Pad(std::vector<RecordRange>& ranges, u_int8_t pad) {
+void Pad(std::vector<RecordRange>& ranges, std::uint8_t pad) {
   std::vector<RecordRange> padded;
   for (RecordRange& range : ranges) {
     if (!padded.empty()) {
       RecordRange& last = padded.back();
-      const u_int64_t end = last.addr + u_int64_t{last.data.size()};
+      const std::uint64_t end = last.addr + std::uint64_t{last.data.size()};
       // The words of a range begin where it does, so the next one may begin inside one.
-      const u_int64_t whole = last.addr + (u_int64_t{last.data.size()} + 3) / 4 * 4;
+      const std::uint64_t whole = last.addr + (std::uint64_t{last.data.size()} + 3) / 4 * 4;
       if (range.addr < whole) {
         last.data.resize(last.data.size() + (range.addr - end), pad);
         last.data.insert(last.data.end(), range.data.begin(), range.data.end());
@@ -119,13 +121,13 @@ void Pad(std::vector<RecordRange>& ranges, u_int8_t pad) {
 /// Cuts ranges where a burn looks for a section that begins there.
 void CutAt(std::vector<RecordRange>& ranges, const Layout& layout) {
   for (const Layout::Slot& slot : layout.slots) {
-    for (const auto& addr : {slot.ps, slot.image}) {
+    for (const auto& addr : {slot.pointer_sector, slot.image}) {
       if (!addr) continue;
       for (std::size_t i = 0; i < ranges.size(); ++i) {
         RecordRange& range = ranges[i];
         if (*addr <= range.addr || *addr - range.addr >= range.data.size()) continue;
         const auto cut = range.data.begin() + (*addr - range.addr);
-        RecordRange rest{*addr, DataVec(cut, range.data.end())};
+        RecordRange rest{*addr, Bytes(cut, range.data.end())};
         range.data.erase(cut, range.data.end());
         ranges.insert(ranges.begin() + static_cast<std::ptrdiff_t>(i) + 1, std::move(rest));
         break;
@@ -134,9 +136,9 @@ void CutAt(std::vector<RecordRange>& ranges, const Layout& layout) {
   }
 }
 
-std::string SectionName(const Layout& layout, u_int32_t addr) {
-  for (u_int32_t i = 0; i < FwImage::SLOTS; ++i) {
-    if (layout.slots[i].ps == addr) return Text("PS", i);
+std::string SectionName(const Layout& layout, std::uint32_t addr) {
+  for (std::uint32_t i = 0; i < device::SLOTS; ++i) {
+    if (layout.slots[i].pointer_sector == addr) return Text("PS", i);
     if (layout.slots[i].image == addr) return Text("IMAGE", i);
   }
   return Text("DATA_", std::hex, std::uppercase, std::setfill('0'), std::setw(8), addr);
@@ -153,7 +155,7 @@ int FromRecords(const ConvertOptions& options) {
   }
   std::vector<RecordRange> ranges = ReadRecords(options.from, format, options.is_lax);
   CutAt(ranges, layout);
-  if (options.pad >= 0) Pad(ranges, static_cast<u_int8_t>(options.pad));
+  if (options.pad >= 0) Pad(ranges, static_cast<std::uint8_t>(options.pad));
   for (const RecordRange& range : ranges) {
     if (range.data.size() % 4 != 0) {
       throw std::runtime_error(Text(options.from, ": the ", range.data.size(), " bytes at 0x",
@@ -161,7 +163,7 @@ int FromRecords(const ConvertOptions& options) {
                                     " are not whole words of 4; --pad BYTE fills the last one up"));
     }
     layout.sections.push_back(
-        {.name = SectionName(layout, range.addr), .addr = range.addr, .data = range.data});
+        {{SectionName(layout, range.addr), range.addr, range.data}, false, 0});
   }
   CheckLayout(layout);
   FillIn(layout);
@@ -189,7 +191,7 @@ void AddConvert(CommandLine& program) {
   convert.Add("--pad", options->pad, "To an image: fill up words with this byte").InRange(0, 255);
   convert.AddFlag("--lax", options->is_lax, "To an image: take records that give cause to warn");
   convert.AddFlag("--json", options->as_json, "Print a JSON object");
-  convert.SetWork(Told([options] {
+  convert.SetWork([options] {
     if (IsImageName(options->from) == IsImageName(options->to)) {
       throw UsageError("convert", "one of FROM and TO must be an image file (.img)");
     }
@@ -198,7 +200,7 @@ void AddConvert(CommandLine& program) {
       throw UsageError("convert", "--layout, --pad and --lax are for making images");
     }
     return IsImageName(options->from) ? ToRecords(*options) : FromRecords(*options);
-  }));
+  });
 }
 
-}  // namespace tools
+}  // namespace fwimg

@@ -4,14 +4,26 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/Text.h"
 #include "fwimg/Commands.h"
-#include "fwimg/ImageView.h"
-#include "src/utils.h"
+#include "fwimg/ImageFacts.h"
+#include "fwimg/ImageSource.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
 
+using common::HexText;
+using common::Printable;
+using common::Text;
+using device::AddrLine;
+using device::ChipLine;
+using device::CrcLine;
+using device::FieldLine;
+using device::ImageFile;
+using device::SectionLines;
+using device::SlotLines;
+using device::View;
 using Json = nlohmann::ordered_json;
 
 constexpr std::size_t TOLD_RANGES = 16;  ///< of a section, in the text
@@ -66,9 +78,9 @@ class JsonPrinter : public Listener {
   bool _is_first = true;
 };
 
-std::string HexBytes(std::span<const u_int8_t> bytes, std::size_t most = ~std::size_t{0}) {
+std::string HexBytes(std::span<const std::uint8_t> bytes, std::size_t most = ~std::size_t{0}) {
   std::string text;
-  for (const u_int8_t byte : bytes.first(std::min(most, bytes.size()))) {
+  for (const std::uint8_t byte : bytes.first(std::min(most, bytes.size()))) {
     text += "0123456789abcdef"[byte >> 4];
     text += "0123456789abcdef"[byte & 15];
   }
@@ -77,20 +89,21 @@ std::string HexBytes(std::span<const u_int8_t> bytes, std::size_t most = ~std::s
 
 class Comparison {
  public:
-  Comparison(const ImageView& a, const ImageView& b, Listener& listener)
+  Comparison(const ImageFile& a, const ImageFile& b, Listener& listener)
       : _a(a), _b(b), _listener(listener) {}
 
   void Run() {
-    const ImageView& a = _a;
-    const ImageView& b = _b;
+    const ImageFile& a = _a;
+    const ImageFile& b = _b;
     CompareValue("device_type", "device type", Type(a), Type(b));
-    CompareValue("firmware", "firmware version", a.FirmwareVersion(), b.FirmwareVersion());
+    CompareValue("firmware", "firmware version", FirmwareVersion(a), FirmwareVersion(b));
     CompareValue("device_map", "device map", Map(a), Map(b));
-    for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
-      const SlotView& slot_a = a.Slots()[idx];
-      const SlotView& slot_b = b.Slots()[idx];
+    for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+      const SlotLines& slot_a = a.slots[idx];
+      const SlotLines& slot_b = b.slots[idx];
       ComparePlace(Text("image_", idx), Text("IMAGE ", idx), slot_a.image, slot_b.image);
-      ComparePlace(Text("pointer_sector_", idx), Text("PS ", idx), slot_a.ps, slot_b.ps);
+      ComparePlace(Text("pointer_sector_", idx), Text("PS ", idx), slot_a.pointer_sector,
+                   slot_b.pointer_sector);
       ComparePlace(Text("signature_", idx), Text("SIGNATURE ", idx), slot_a.signature,
                    slot_b.signature);
     }
@@ -101,31 +114,32 @@ class Comparison {
 
  private:
   /// By its number: two keywords may name one type.
-  static std::string Type(const ImageView& view) {
-    const u_int32_t type = view.Image().DevType();
-    return type == DEV_UNKNOWN ? "" : Text("RV", type);
+  static std::string Type(const ImageFile& file) {
+    const device::DeviceType* type = file.image.type;
+    return type == nullptr ? "" : Text("RV", type->number);
   }
 
-  static std::string Map(const ImageView& view) {
+  static std::string Map(const ImageFile& file) {
     std::string text;
-    for (const MappedDevice& device : view.Devices()) {
-      text += (text.empty() ? "" : " ") + HexText(device.dev) + ":" + HexText(device.size);
+    for (const ChipLine& chip : file.chips) {
+      text += (text.empty() ? "" : " ") + HexText(chip.chip) + ":" + HexText(chip.size);
     }
     return text;
   }
 
-  static std::vector<std::string> Fields(const ImageView& view) {
+  static std::vector<std::string> Fields(const ImageFile& file) {
     std::vector<std::string> fields;
-    for (const FieldView& field : view.Fields()) {
-      fields.push_back(FieldKeyword(field.type) + " at " + HexText(field.from));
+    for (const FieldLine& field : file.fields) {
+      fields.push_back(std::string(device::RowOf(field.type).keyword) + " at " +
+                       HexText(field.addr));
     }
     return fields;
   }
 
-  static std::vector<std::string> Crcs(const ImageView& view) {
+  static std::vector<std::string> Crcs(const ImageFile& file) {
     std::vector<std::string> crcs;
-    for (const CrcView& crc : view.Crcs()) {
-      crcs.push_back("CRC at " + HexText(crc.crc_addr) + " over " + HexText(crc.from) + " to " +
+    for (const CrcLine& crc : file.crcs) {
+      crcs.push_back("CRC at " + HexText(crc.addr) + " over " + HexText(crc.from) + " to " +
                      HexText(crc.End()));
     }
     return crcs;
@@ -143,8 +157,8 @@ class Comparison {
   }
 
   void ComparePlace(const std::string& what, const std::string& label,
-                    const std::optional<MarkedAddr>& a, const std::optional<MarkedAddr>& b) {
-    const auto text = [](const std::optional<MarkedAddr>& place) {
+                    const std::optional<AddrLine>& a, const std::optional<AddrLine>& b) {
+    const auto text = [](const std::optional<AddrLine>& place) {
       return place ? HexText(place->addr) : std::string();
     };
     CompareValue(what, label, text(a), text(b));
@@ -169,17 +183,17 @@ class Comparison {
     for (const std::string& text : only) OnlyIn("b", what, text);
   }
 
-  static std::string Describe(const SectionView& section) {
+  static std::string Describe(const SectionLines& section) {
     return Text("section ", Printable(section.name), " at ", HexText(section.addr), ", ",
                 section.size, " bytes");
   }
 
   void CompareSections() {
-    std::vector<u_int32_t> order_a;
-    std::vector<u_int32_t> order_b;
-    for (const SectionView& section : _a.Sections()) {
-      if (!section.is_kept) continue;
-      const SectionView* other = _b.SectionAt(section.addr);
+    std::vector<std::uint32_t> order_a;
+    std::vector<std::uint32_t> order_b;
+    for (const SectionLines& section : _a.sections) {
+      if (!section.kept) continue;
+      const SectionLines* other = _b.SectionAt(section.addr);
       if (other == nullptr) {
         OnlyIn("a", "section", Describe(section));
         continue;
@@ -189,8 +203,8 @@ class Comparison {
                    other->name);
       CompareBytes(section, *other);
     }
-    for (const SectionView& section : _b.Sections()) {
-      if (!section.is_kept) continue;
+    for (const SectionLines& section : _b.sections) {
+      if (!section.kept) continue;
       if (_a.SectionAt(section.addr) == nullptr) {
         OnlyIn("b", "section", Describe(section));
       } else {
@@ -205,7 +219,7 @@ class Comparison {
     }
   }
 
-  void CompareBytes(const SectionView& a, const SectionView& b) {
+  void CompareBytes(const SectionLines& a, const SectionLines& b) {
     if (a.size != b.size) {
       _listener.Tell(
           [&] { return Text("size of ", Describe(a), ": ", b.size, " in b"); },
@@ -214,19 +228,21 @@ class Comparison {
                 {"what", "section_size"}, {"address", a.addr}, {"a", a.size}, {"b", b.size}};
           });
     }
-    const std::size_t size = std::min(a.data.size(), b.data.size());
+    const View data_a = _a.DataOf(a);
+    const View data_b = _b.DataOf(b);
+    const std::size_t size = std::min(data_a.size(), data_b.size());
     std::size_t ranges = 0;
     std::size_t left_out = 0;
     for (std::size_t at = 0;;) {
-      at = FirstDifference(a, b, at, size);
+      at = FirstDifference(data_a, data_b, at, size);
       if (at == size) break;
       std::size_t end = at + 1;
       for (std::size_t next = end; next < size && next <= end + BRIDGED; ++next) {
-        if (a.data[next] != b.data[next]) end = next + 1;
+        if (data_a[next] != data_b[next]) end = next + 1;
       }
       const bool is_told = ++ranges <= TOLD_RANGES;
       if (!is_told) left_out += end - at;
-      TellRange(a, b, at, end - at, is_told);
+      TellRange(a, at, data_a.subspan(at, end - at), data_b.subspan(at, end - at), is_told);
       at = end;
     }
     if (left_out > 0) {
@@ -239,26 +255,26 @@ class Comparison {
     }
   }
 
-  static std::size_t FirstDifference(const SectionView& a, const SectionView& b, std::size_t at,
-                                     std::size_t size) {
+  static std::size_t FirstDifference(View a, View b, std::size_t at, std::size_t size) {
     const auto from = static_cast<std::ptrdiff_t>(at);
-    const auto end = a.data.begin() + static_cast<std::ptrdiff_t>(size);
-    const auto [found, ignored] = std::mismatch(a.data.begin() + from, end, b.data.begin() + from);
-    return static_cast<std::size_t>(found - a.data.begin());
+    const auto end = a.begin() + static_cast<std::ptrdiff_t>(size);
+    const auto [found, ignored] = std::mismatch(a.begin() + from, end, b.begin() + from);
+    return static_cast<std::size_t>(found - a.begin());
   }
 
-  void TellRange(const SectionView& a, const SectionView& b, std::size_t at, std::size_t size,
+  /// `at`: in the section, where these bytes differ.
+  void TellRange(const SectionLines& section, std::size_t at, View bytes_a, View bytes_b,
                  bool in_text) {
-    const auto bytes_a = a.data.subspan(at, size);
-    const auto bytes_b = b.data.subspan(at, size);
+    const std::size_t addr = section.addr + at;
+    const std::size_t size = bytes_a.size();
     const auto text = [&] {
-      return Text("bytes ", HexText(a.addr + at), " to ", HexText(a.addr + at + size), " of ",
-                  Printable(a.name), ": ", HexBytes(bytes_a, TOLD_BYTES), " / ",
+      return Text("bytes ", HexText(addr), " to ", HexText(addr + size), " of ",
+                  Printable(section.name), ": ", HexBytes(bytes_a, TOLD_BYTES), " / ",
                   HexBytes(bytes_b, TOLD_BYTES));
     };
     const auto json = [&] {
-      return Json{{"what", "bytes"}, {"section", a.name},      {"address", a.addr + at},
-                  {"size", size},    {"a", HexBytes(bytes_a)}, {"b", HexBytes(bytes_b)}};
+      return Json{{"what", "bytes"}, {"section", section.name}, {"address", addr},
+                  {"size", size},    {"a", HexBytes(bytes_a)},  {"b", HexBytes(bytes_b)}};
     };
     if (in_text) {
       _listener.Tell(text, json);
@@ -267,16 +283,14 @@ class Comparison {
     }
   }
 
-  const ImageView& _a;
-  const ImageView& _b;
+  const ImageFile& _a;
+  const ImageFile& _b;
   Listener& _listener;
 };
 
 int Run(const Options& options) {
-  const ImageView a(options.a);
-  a.RequireImage();
-  const ImageView b(options.b);
-  b.RequireImage();
+  const ImageFile a = LoadImageFile(options.a);
+  const ImageFile b = LoadImageFile(options.b);
   Counter counter;
   Comparison(a, b, counter).Run();
   if (options.as_json) {
@@ -311,7 +325,7 @@ void AddDiff(CommandLine& program) {
   command.Add("A", options->a, "Image file").Required();
   command.Add("B", options->b, "Image file").Required();
   command.AddFlag("--json", options->as_json, "Prints one JSON object");
-  command.SetWork(Told([options] { return Run(*options); }));
+  command.SetWork([options] { return Run(*options); });
 }
 
-}  // namespace tools
+}  // namespace fwimg

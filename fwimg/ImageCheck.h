@@ -1,15 +1,15 @@
 /// Finds everything that is wrong, or likely wrong, with an image file.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "fwimg/ImageView.h"
 #include "fwimg/ProblemKinds.h"
 
-namespace tools {
+namespace fwimg {
 
 struct Problem {
   LineNumber line;  ///< 0: the whole file
@@ -18,9 +18,11 @@ struct Problem {
   std::string_view burn;  ///< what would happen at a burn of this image
 };
 
-/// The problems of an image in order of lines, at most some hundred of each kind. `sector_size` and
-/// `flash_size`: of the flash that it is for, in bytes, more than 0; no matter to an EEPROM.
-std::vector<Problem> Check(const ImageView& view, u_int32_t sector_size,
-                           std::optional<u_int32_t> flash_size = std::nullopt);
+/// The problems of an image file in order of lines, at most some hundred of each kind.
+/// `sector_size` and `flash_size`: of the flash that it is for, in bytes, more than 0; no matter to
+/// an EEPROM. Throws device::ImageError where the file cannot be read, or has more parts than could
+/// be told apart; a bad file has problems instead.
+std::vector<Problem> Check(const std::string& path, std::uint32_t sector_size,
+                           std::optional<std::uint32_t> flash_size = std::nullopt);
 
-}  // namespace tools
+}  // namespace fwimg

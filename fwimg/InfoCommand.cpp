@@ -3,14 +3,26 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/Text.h"
 #include "fwimg/Commands.h"
-#include "fwimg/ImageView.h"
-#include "src/main.h"
-#include "src/utils.h"
+#include "fwimg/ImageFacts.h"
+#include "fwimg/ImageSource.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
+
+using common::HexText;
+using common::Printable;
+using common::Text;
+using device::AddrLine;
+using device::ChipLine;
+using device::CrcLine;
+using device::FieldLine;
+using device::ImageFile;
+using device::SectionLines;
+using device::SlotKind;
+using device::SlotLines;
 
 struct Options {
   std::string file;
@@ -20,7 +32,7 @@ struct Options {
 
 // The map: a label and a bar.
 constexpr std::size_t LABEL = 8;
-constexpr u_int64_t COLUMNS = 64;
+constexpr std::uint64_t COLUMNS = 64;
 constexpr std::size_t MOST_BARS = 24;  ///< of sections; more are drawn together only
 
 /// What a device type means for the burn.
@@ -31,22 +43,37 @@ struct Burning {
   std::string slots = "none";
 };
 
-Burning BurningOf(const ImageView& view) {
+Burning BurningOf(const ImageFile& file) {
   Burning burning;
-  const DeviceType type = view.Image().DevType();
-  const Family family = view.DeviceFamily();
-  if (family == Family::UNKNOWN) return burning;
-  const auto memory = GetRomInterface(type, 0, false, false);
-  const bool is_flash = sim::IsFlash(type);
-  burning.memory = is_flash ? "serial flash, one device a run" : "I2C EEPROM, many devices at once";
-  burning.failsafe = GetBurnAlgorithm(type, memory.get(), true, false, false)->GetName();
-  burning.with_n = GetBurnAlgorithm(type, memory.get(), false, false, false)->GetName();
-  if (family == Family::POINTER_SECTORS) burning.slots = "two, valid by their pointer sectors";
-  if (family == Family::BOOT_RECORDS) burning.slots = "two, valid by their boot records";
+  if (file.image.type == nullptr) return burning;
+  burning.memory =
+      IsFlash(file.image) ? "serial flash, one device a run" : "I2C EEPROM, many devices at once";
+  burning.failsafe = burning.with_n = "GenericBurn";
+  switch (file.image.Slots()) {
+    case SlotKind::NONE:
+      break;
+    case SlotKind::POINTER_SECTORS:
+      burning.failsafe = "RV52100FailsafeBurn";
+      burning.slots = "two, valid by their pointer sectors";
+      break;
+    case SlotKind::BOOT_RECORDS:
+      burning.failsafe = "RV61300FailsafeBurn";
+      burning.slots = "two, valid by their boot records";
+      break;
+  }
   return burning;
 }
 
-std::string Hex8(u_int64_t number) {
+/// In 32 bits, as the burner adds them up.
+std::uint32_t BytesOf(const ImageFile& file) {
+  std::uint32_t sum = 0;
+  for (const device::Section& section : file.image.sections) {
+    sum += static_cast<std::uint32_t>(section.data.size());
+  }
+  return sum;
+}
+
+std::string Hex8(std::uint64_t number) {
   return Text(std::hex, std::setfill('0'), std::setw(8), number);
 }
 
@@ -55,22 +82,22 @@ std::string Padded(const std::string& text, std::size_t width) {
 }
 
 /// What the bytes from `addr` on belong to: "invariant sector", "pointer sector 0", "slot 1".
-std::string PlaceName(const ImageView& view, u_int64_t addr, u_int32_t sector_size) {
-  const Family family = view.DeviceFamily();
-  for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
-    const SlotView& slot = view.Slots()[idx];
-    if (slot.ps && family == Family::POINTER_SECTORS) {
-      const SectionView* ps = view.SectionAt(slot.ps->addr);
-      const u_int64_t size = ps == nullptr ? sector_size : ps->size;
-      if (slot.ps->addr <= addr && addr < slot.ps->addr + size) {
+std::string PlaceName(const ImageFile& file, std::uint64_t addr, std::uint32_t sector_size) {
+  const SlotKind kind = file.image.Slots();
+  for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+    const SlotLines& slot = file.slots[idx];
+    if (slot.pointer_sector && kind == SlotKind::POINTER_SECTORS) {
+      const SectionLines* ps = file.SectionAt(slot.pointer_sector->addr);
+      const std::uint64_t size = ps == nullptr ? sector_size : ps->size;
+      if (slot.pointer_sector->addr <= addr && addr < slot.pointer_sector->addr + size) {
         return Text("pointer sector ", idx);
       }
     }
-    if (slot.image && slot.image->addr <= addr && addr < slot.image->addr + view.ImageExtent()) {
+    if (slot.image && slot.image->addr <= addr && addr < slot.image->addr + SlotExtent(file)) {
       return Text("slot ", idx);
     }
   }
-  if (family == Family::POINTER_SECTORS && addr < sector_size) return "invariant sector";
+  if (kind == SlotKind::POINTER_SECTORS && addr < sector_size) return "invariant sector";
   return "-";
 }
 
@@ -78,7 +105,7 @@ std::string Shown(const std::string& text) { return text.empty() ? "-" : text; }
 
 struct Bar {
   std::string label;
-  std::vector<std::pair<u_int64_t, u_int64_t>> ranges;  ///< from and end
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> ranges;  ///< from and end
 };
 
 class AddressMap {
@@ -103,7 +130,7 @@ class AddressMap {
   /// '.' where nothing is, 'X' where two ranges share a byte, `mark` elsewhere.
   std::string Draw(const Bar& bar, char mark) const {
     std::string drawn(COLUMNS, '.');
-    const auto fill = [&](u_int64_t from, u_int64_t end, char c) {
+    const auto fill = [&](std::uint64_t from, std::uint64_t end, char c) {
       if (from >= end) return;
       const std::size_t first = (from - _from) / _column;
       const std::size_t last = (end - 1 - _from) / _column;
@@ -112,7 +139,7 @@ class AddressMap {
     auto ranges = bar.ranges;
     std::ranges::sort(ranges);
     for (const auto& [from, end] : ranges) fill(from, end, mark);
-    u_int64_t furthest = 0;
+    std::uint64_t furthest = 0;
     for (const auto& [from, end] : ranges) {
       fill(from, std::min(end, furthest), 'X');
       furthest = std::max(furthest, end);
@@ -121,29 +148,29 @@ class AddressMap {
   }
 
  private:
-  u_int64_t _from = ~u_int64_t{0};
-  u_int64_t _end = 0;
-  u_int64_t _column = 1;
+  std::uint64_t _from = ~std::uint64_t{0};
+  std::uint64_t _end = 0;
+  std::uint64_t _column = 1;
 };
 
-void PrintMap(const ImageView& view) {
+void PrintMap(const ImageFile& file) {
   std::vector<Bar> bars;
   Bar all{"all", {}};
-  for (const SectionView& section : view.Sections()) {
-    if (!section.is_kept || section.size == 0) continue;
+  for (const SectionLines& section : file.sections) {
+    if (!section.kept || section.size == 0) continue;
     bars.push_back({Printable(section.name), {{section.addr, section.End()}}});
     all.ranges.push_back(bars.back().ranges.front());
   }
   if (bars.size() > MOST_BARS) bars.clear();
   std::vector<Bar> slots;
-  for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
-    const auto& image = view.Slots()[idx].image;
-    if (!image || view.ImageExtent() == 0) continue;
-    Bar bar{Text("slot ", idx), {{image->addr, image->addr + view.ImageExtent()}}};
-    if (const auto& ps = view.Slots()[idx].ps) {
-      const SectionView* section = view.SectionAt(ps->addr);
+  for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+    const auto& image = file.slots[idx].image;
+    if (!image || SlotExtent(file) == 0) continue;
+    Bar bar{Text("slot ", idx), {{image->addr, image->addr + SlotExtent(file)}}};
+    if (const auto& ps = file.slots[idx].pointer_sector) {
+      const SectionLines* section = file.SectionAt(ps->addr);
       bar.ranges.emplace_back(ps->addr,
-                              section == nullptr ? u_int64_t{ps->addr} + 4 : section->End());
+                              section == nullptr ? std::uint64_t{ps->addr} + 4 : section->End());
     }
     slots.push_back(std::move(bar));
   }
@@ -155,11 +182,11 @@ void PrintMap(const ImageView& view) {
     both.ranges.insert(both.ranges.end(), slot.ranges.begin(), slot.ranges.end());
   }
   Bar fields{"fields", {}};
-  for (const FieldView& field : view.Fields()) {
-    fields.ranges.emplace_back(field.from, u_int64_t{field.from} + field.size);
+  for (const FieldLine& field : file.fields) {
+    fields.ranges.emplace_back(field.addr, field.End());
   }
   Bar crcs{"CRCs", {}};
-  for (const CrcView& crc : view.Crcs()) crcs.ranges.emplace_back(crc.from, crc.End());
+  for (const CrcLine& crc : file.crcs) crcs.ranges.emplace_back(crc.from, crc.End());
   if (!fields.ranges.empty()) every.push_back(fields);
   if (!crcs.ranges.empty()) every.push_back(crcs);
 
@@ -176,178 +203,170 @@ void PrintMap(const ImageView& view) {
   if (!crcs.ranges.empty()) std::cout << map.Draw(crcs, 'c') << "\n";
 }
 
-std::vector<const SectionView*> ByAddress(const ImageView& view) {
-  std::vector<const SectionView*> sections;
-  for (const SectionView& section : view.Sections()) {
-    if (section.is_kept) sections.push_back(&section);
+std::vector<const SectionLines*> ByAddress(const ImageFile& file) {
+  std::vector<const SectionLines*> sections;
+  for (const SectionLines& section : file.sections) {
+    if (section.kept) sections.push_back(&section);
   }
-  std::ranges::stable_sort(sections, {}, &SectionView::addr);
+  std::ranges::stable_sort(sections, {}, &SectionLines::addr);
   return sections;
 }
 
-/// Where an address is on the devices; none where no device has it.
-std::optional<EeLoc> LocationOf(const ImageView& view, u_int32_t addr) {
-  try {
-    return view.Map().Convert(addr);
-  } catch (const BraidError&) {
-    return std::nullopt;
-  }
-}
-
-std::vector<const FieldView*> FieldsUnder(const ImageView& view, const CrcView& crc) {
-  std::vector<const FieldView*> fields;
-  for (const FieldView& field : view.Fields()) {
-    if (field.from < crc.End() && u_int64_t{field.from} + field.size > crc.from) {
+std::vector<const FieldLine*> FieldsUnder(const ImageFile& file, const CrcLine& crc) {
+  std::vector<const FieldLine*> fields;
+  for (const FieldLine& field : file.fields) {
+    if (field.addr < crc.End() && field.End() > crc.from) {
       fields.push_back(&field);
     }
   }
   return fields;
 }
 
-std::string SectionNameAt(const ImageView& view, u_int64_t addr) {
-  for (const SectionView& section : view.Sections()) {
-    if (section.is_kept && section.addr <= addr && addr < section.End()) {
+std::string SectionNameAt(const ImageFile& file, std::uint64_t addr) {
+  for (const SectionLines& section : file.sections) {
+    if (section.kept && section.addr <= addr && addr < section.End()) {
       return Printable(section.name);
     }
   }
   return "";
 }
 
-void Print(const ImageView& view, u_int32_t sector_size) {
-  const Burning burning = BurningOf(view);
-  const std::string version = view.FirmwareVersion();
-  std::cout << Printable(view.Path()) << "\n\n"
+void Print(const ImageFile& file, std::uint32_t sector_size) {
+  const Burning burning = BurningOf(file);
+  const std::string version = FirmwareVersion(file);
+  std::cout << Printable(file.name) << "\n\n"
             << "device type  "
-            << (view.DeviceTypeLine() == 0 ? "none" : Printable(view.DeviceTypeWord())) << "\n"
+            << (file.device_type_line == 0 ? "none" : Printable(file.device_type_word)) << "\n"
             << "firmware     " << (version.empty() ? "no version" : version) << "\n"
             << "memory       " << burning.memory << "\n";
   if (!burning.failsafe.empty()) {
     std::cout << "burn         " << burning.failsafe << ", with -n " << burning.with_n << "\n";
   }
   std::cout << "slots        " << burning.slots << "\n"
-            << "bytes        " << view.Image().GetTotalSize() << " in " << ByAddress(view).size()
+            << "bytes        " << BytesOf(file) << " in " << ByAddress(file).size()
             << " sections\n";
 
-  const bool has_slots = std::ranges::any_of(
-      view.Slots(), [](const SlotView& slot) { return slot.image || slot.ps || slot.signature; });
+  const bool has_slots = std::ranges::any_of(file.slots, [](const SlotLines& slot) {
+    return slot.image || slot.pointer_sector || slot.signature;
+  });
   if (has_slots) {
     std::cout << "\nSlot  Image     ends      Pointer sector  Signature\n";
-    for (u_int32_t idx = 0; idx < FwImage::SLOTS; ++idx) {
-      const SlotView& slot = view.Slots()[idx];
-      const auto addr = [](const std::optional<MarkedAddr>& place) {
+    for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+      const SlotLines& slot = file.slots[idx];
+      const auto addr = [](const std::optional<AddrLine>& place) {
         return place ? Hex8(place->addr) : std::string("-");
       };
       std::cout << idx << "     " << Padded(addr(slot.image), 10)
-                << Padded(slot.image ? Hex8(slot.image->addr + view.ImageExtent()) : "-", 10)
-                << Padded(addr(slot.ps), 16) << addr(slot.signature) << "\n";
+                << Padded(slot.image ? Hex8(slot.image->addr + SlotExtent(file)) : "-", 10)
+                << Padded(addr(slot.pointer_sector), 16) << addr(slot.signature) << "\n";
     }
   }
   std::cout << "\n" << Padded("Section", 24) << "  Address   Dev:Offset   Size      Lies in\n";
-  for (const SectionView* section : ByAddress(view)) {
-    const auto loc = LocationOf(view, section->addr);
+  for (const SectionLines* section : ByAddress(file)) {
+    const auto loc = file.image.PlaceOf(section->addr);
     const std::string place = loc ? Text(std::hex, std::setfill('0'), std::setw(2),
-                                         u_int32_t{loc->dev}, ":", std::setw(8), loc->offset)
+                                         std::uint32_t{loc->chip}, ":", std::setw(8), loc->offset)
                                   : "unmapped";
     std::cout << Padded(Printable(section->name), 24) << "  " << Hex8(section->addr) << "  "
               << Padded(place, 11) << "  " << Hex8(section->size) << "  "
-              << PlaceName(view, section->addr, sector_size) << "\n";
+              << PlaceName(file, section->addr, sector_size) << "\n";
   }
-  if (!view.Devices().empty()) {
+  if (!file.chips.empty()) {
     std::cout << "\nDevice  Size      Addresses\n";
-    u_int64_t base = 0;
-    for (const MappedDevice& device : view.Devices()) {
-      std::cout << Padded(HexText(device.dev), 8) << Hex8(device.size) << "  " << Hex8(base)
-                << " to " << Hex8(base + device.size) << "\n";
-      base += device.size;
+    std::uint64_t base = 0;
+    for (const ChipLine& chip : file.chips) {
+      std::cout << Padded(HexText(chip.chip), 8) << Hex8(chip.size) << "  " << Hex8(base) << " to "
+                << Hex8(base + chip.size) << "\n";
+      base += chip.size;
     }
   }
-  if (!view.Fields().empty()) {
+  if (!file.fields.empty()) {
     std::cout << "\nField      Address   Size  Section                   Lies in\n";
-    for (const FieldView& field : view.Fields()) {
-      std::cout << Padded(FieldKeyword(field.type), 11) << Hex8(field.from) << "  "
-                << Padded(std::to_string(field.size), 6)
-                << Padded(Shown(SectionNameAt(view, field.from)), 24) << "  "
-                << PlaceName(view, field.from, sector_size)
-                << (view.IsReplaced(field) ? "" : ", not replaced") << "\n";
+    for (const FieldLine& field : file.fields) {
+      std::cout << Padded(std::string(device::RowOf(field.type).keyword), 11) << Hex8(field.addr)
+                << "  " << Padded(std::to_string(field.Size()), 6)
+                << Padded(Shown(SectionNameAt(file, field.addr)), 24) << "  "
+                << PlaceName(file, field.addr, sector_size)
+                << (IsReplaced(file.image, field) ? "" : ", not replaced") << "\n";
     }
   }
-  if (!view.Crcs().empty()) {
+  if (!file.crcs.empty()) {
     std::cout << "\nCRC at    covers                Lies in           Fields covered\n";
-    for (const CrcView& crc : view.Crcs()) {
-      std::cout << Hex8(crc.crc_addr) << "  " << Hex8(crc.from) << " to " << Hex8(crc.End()) << "  "
-                << Padded(PlaceName(view, crc.from, sector_size), 16);
-      for (const FieldView* field : FieldsUnder(view, crc)) {
-        std::cout << "  " << FieldKeyword(field->type);
+    for (const CrcLine& crc : file.crcs) {
+      std::cout << Hex8(crc.addr) << "  " << Hex8(crc.from) << " to " << Hex8(crc.End()) << "  "
+                << Padded(PlaceName(file, crc.from, sector_size), 16);
+      for (const FieldLine* field : FieldsUnder(file, crc)) {
+        std::cout << "  " << device::RowOf(field->type).keyword;
       }
       std::cout << "\n";
     }
   }
-  PrintMap(view);
+  PrintMap(file);
 }
 
-nlohmann::ordered_json Json(const ImageView& view, u_int32_t sector_size) {
+nlohmann::ordered_json Json(const ImageFile& file, std::uint32_t sector_size) {
   using Value = nlohmann::ordered_json;
-  const Burning burning = BurningOf(view);
-  const auto address = [](const std::optional<MarkedAddr>& place) {
+  const Burning burning = BurningOf(file);
+  const auto address = [](const std::optional<AddrLine>& place) {
     return place ? Value(place->addr) : Value(nullptr);
   };
   const auto text = [](const std::string& s) { return s.empty() ? Value(nullptr) : Value(s); };
   Value slots = Value::array();
-  for (const SlotView& slot : view.Slots()) {
+  for (const SlotLines& slot : file.slots) {
     slots.push_back({{"image", address(slot.image)},
-                     {"size", view.ImageExtent()},
-                     {"pointer_sector", address(slot.ps)},
+                     {"size", SlotExtent(file)},
+                     {"pointer_sector", address(slot.pointer_sector)},
                      {"signature", address(slot.signature)}});
   }
   Value sections = Value::array();
-  for (const SectionView* section : ByAddress(view)) {
-    const auto loc = LocationOf(view, section->addr);
+  for (const SectionLines* section : ByAddress(file)) {
+    const auto loc = file.image.PlaceOf(section->addr);
     sections.push_back({{"name", section->name},
                         {"address", section->addr},
-                        {"device", loc ? Value(loc->dev) : Value(nullptr)},
+                        {"device", loc ? Value(loc->chip) : Value(nullptr)},
                         {"offset", loc ? Value(loc->offset) : Value(nullptr)},
                         {"size", section->size},
                         {"line", section->line},
-                        {"lies_in", PlaceName(view, section->addr, sector_size)}});
+                        {"lies_in", PlaceName(file, section->addr, sector_size)}});
   }
   Value devices = Value::array();
-  u_int64_t base = 0;
-  for (const MappedDevice& device : view.Devices()) {
-    devices.push_back({{"device", device.dev}, {"size", device.size}, {"address", base}});
-    base += device.size;
+  std::uint64_t base = 0;
+  for (const ChipLine& chip : file.chips) {
+    devices.push_back({{"device", chip.chip}, {"size", chip.size}, {"address", base}});
+    base += chip.size;
   }
   Value fields = Value::array();
-  for (const FieldView& field : view.Fields()) {
-    fields.push_back({{"type", FieldKeyword(field.type)},
-                      {"address", field.from},
-                      {"size", field.size},
+  for (const FieldLine& field : file.fields) {
+    fields.push_back({{"type", device::RowOf(field.type).keyword},
+                      {"address", field.addr},
+                      {"size", field.Size()},
                       {"line", field.line},
-                      {"section", text(SectionNameAt(view, field.from))},
-                      {"lies_in", PlaceName(view, field.from, sector_size)},
-                      {"replaced", view.IsReplaced(field)}});
+                      {"section", text(SectionNameAt(file, field.addr))},
+                      {"lies_in", PlaceName(file, field.addr, sector_size)},
+                      {"replaced", IsReplaced(file.image, field)}});
   }
   Value crcs = Value::array();
-  for (const CrcView& crc : view.Crcs()) {
+  for (const CrcLine& crc : file.crcs) {
     Value covered = Value::array();
-    for (const FieldView* field : FieldsUnder(view, crc)) {
-      covered.push_back({{"type", FieldKeyword(field->type)}, {"address", field->from}});
+    for (const FieldLine* field : FieldsUnder(file, crc)) {
+      covered.push_back({{"type", device::RowOf(field->type).keyword}, {"address", field->addr}});
     }
-    crcs.push_back({{"address", crc.crc_addr},
+    crcs.push_back({{"address", crc.addr},
                     {"from", crc.from},
                     {"size", crc.size},
                     {"line", crc.line},
-                    {"lies_in", PlaceName(view, crc.from, sector_size)},
+                    {"lies_in", PlaceName(file, crc.from, sector_size)},
                     {"fields", std::move(covered)}});
   }
   return {{"version", 1},
           {"command", "info"},
-          {"file", view.Path()},
-          {"device_type", text(view.DeviceTypeWord())},
-          {"firmware", text(view.FirmwareVersion())},
+          {"file", file.name},
+          {"device_type", text(file.device_type_word)},
+          {"firmware", text(FirmwareVersion(file))},
           {"memory", burning.memory},
           {"burn", text(burning.failsafe)},
           {"burn_with_n", text(burning.with_n)},
-          {"bytes", view.Image().GetTotalSize()},
+          {"bytes", BytesOf(file)},
           {"slots", std::move(slots)},
           {"sections", std::move(sections)},
           {"devices", std::move(devices)},
@@ -356,15 +375,14 @@ nlohmann::ordered_json Json(const ImageView& view, u_int32_t sector_size) {
 }
 
 int Run(const Options& options) {
-  const ImageView view(options.file);
-  view.RequireImage();
-  const u_int32_t sector_size = ParseByteCount(options.sector_size).value();
+  const ImageFile file = LoadImageFile(options.file);
+  const std::uint32_t sector_size = common::ParseByteCount(options.sector_size).value();
   if (options.as_json) {
     std::cout
-        << Json(view, sector_size).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+        << Json(file, sector_size).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
         << "\n";
   } else {
-    Print(view, sector_size);
+    Print(file, sector_size);
   }
   return ALL_WELL;
 }
@@ -380,9 +398,9 @@ void AddInfo(CommandLine& program) {
       .Add("--sector-size", options->sector_size,
            "Bytes of a sector of the flash that the image is for")
       .ShowDefault()
-      .Check(ByteCountCheck);
+      .Check(common::ByteCountCheck);
   command.AddFlag("--json", options->as_json, "Prints one JSON object");
-  command.SetWork(Told([options] { return Run(*options); }));
+  command.SetWork([options] { return Run(*options); });
 }
 
-}  // namespace tools
+}  // namespace fwimg

@@ -1,31 +1,34 @@
-// Reading layouts.
+#include "fwimg/LayoutFile.h"
+
 #include <algorithm>
 #include <charconv>
 #include <limits>
 
 #include "common/Files.h"
+#include "common/Text.h"
 #include "common/TomlReader.h"
-#include "fwimg/ImageMaker.h"
-#include "src/utils.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
 
 namespace fs = std::filesystem;
+using common::HexDigit;
+using common::Text;
 using common::TomlReader;
+using device::Bytes;
 
-constexpr u_int32_t ANY_NUMBER = std::numeric_limits<u_int32_t>::max();
+constexpr std::uint32_t ANY_NUMBER = std::numeric_limits<std::uint32_t>::max();
 /// Bytes of all sections: more than any memory that is burnt with these images, and no more than
 /// can be held. Likewise of a raw file.
-constexpr u_int32_t MAX_SIZE = u_int32_t{1} << 30;
+constexpr std::uint32_t MAX_SIZE = std::uint32_t{1} << 30;
 
 /// A place: fixed, or counted from where each slot begins.
 struct Place {
-  using Base = std::optional<u_int32_t> Layout::Slot::*;
+  using Base = std::optional<std::uint32_t> device::Slot::*;
 
-  Base base = nullptr;   ///< null: fixed
-  u_int32_t offset = 0;  ///< from the base; a linear address where fixed
+  Base base = nullptr;       ///< null: fixed
+  std::uint32_t offset = 0;  ///< from the base; a linear address where fixed
 };
 
 class LayoutReader {
@@ -40,7 +43,7 @@ class LayoutReader {
     for (TomlReader& device : reader.Tables("devmap")) ReadDevice(device);
     // The slots before the fields, which may be placed by them, wherever they stand.
     std::vector<TomlReader> slots = reader.Tables("slot");
-    if (slots.size() > FwImage::SLOTS) slots.back().Throw("an image has two slots at most");
+    if (slots.size() > device::SLOTS) slots.back().Throw("an image has two slots at most");
     for (std::size_t i = 0; i < slots.size(); ++i) ReadSlot(slots[i], _layout.slots[i]);
     std::vector<TomlReader> sections = reader.Tables("section");
     if (kind == LayoutKind::FRAME && !sections.empty()) {
@@ -71,7 +74,7 @@ class LayoutReader {
 
   void ReadDeviceType(TomlReader& reader) {
     const std::string type = reader.Needed("device_type", reader.String("device_type"));
-    if (FwImage::Str2DeviceType(type) == DEV_UNKNOWN) {
+    if (device::FindDeviceType(type) == nullptr) {
       reader.ThrowAt("device_type", "'device_type' is no known device: " + type);
     }
     _layout.device_type = type;
@@ -89,22 +92,21 @@ class LayoutReader {
   }
 
   void ReadDevice(TomlReader& reader) {
-    std::vector<EeLoc>& devmap = _layout.conv._devmap;
-    const u_int32_t dev = reader.Needed("device", reader.Number("device", 0, 0xFF));
-    const u_int32_t size = reader.Needed("size", reader.Number("size", 4, ANY_NUMBER));
+    const std::uint32_t dev = reader.Needed("device", reader.Number("device", 0, 0xFF));
+    const std::uint32_t size = reader.Needed("size", reader.Number("size", 4, ANY_NUMBER));
     reader.Finish();
-    u_int64_t total = size;
-    for (const EeLoc& other : devmap) {
-      if (other.dev == dev) reader.Throw(Text("device 0x", std::hex, dev, " is mapped already"));
-      total += other.offset;
+    std::uint64_t total = size;
+    for (const device::MappedChip& other : _layout.map) {
+      if (other.chip == dev) reader.Throw(Text("device 0x", std::hex, dev, " is mapped already"));
+      total += other.size;
     }
     if (total > ANY_NUMBER) reader.Throw("all devices together must have less than 4 GiB");
-    devmap.emplace_back(size, static_cast<u_int8_t>(dev));
+    _layout.map.push_back({static_cast<std::uint8_t>(dev), size});
   }
 
   void ReadSlot(TomlReader& reader, Layout::Slot& slot) {
     slot.line = reader.Line();
-    slot.ps = FixedPlace(reader, "ps");
+    slot.pointer_sector = FixedPlace(reader, "ps");
     slot.signature = FixedPlace(reader, "signature");
     slot.image = FixedPlace(reader, "image");
     reader.Finish();
@@ -116,7 +118,7 @@ class LayoutReader {
     section.name = reader.Needed("name", reader.String("name"));
     section.addr = reader.Needed("at", FixedPlace(reader, "at"));
     section.has_boot_record = reader.Bool("boot_record").value_or(false);
-    const std::optional<u_int32_t> pad = reader.Number("pad", 0, 0xFF);
+    const std::optional<std::uint32_t> pad = reader.Number("pad", 0, 0xFF);
     std::vector<TomlReader> pieces = reader.Tables("content");
     if (pieces.empty()) {
       AppendPiece(reader, section.data);
@@ -128,17 +130,17 @@ class LayoutReader {
     }
     reader.Finish();
     if (pad && section.data.size() % 4 != 0) {
-      section.data.resize((section.data.size() + 3) / 4 * 4, static_cast<u_int8_t>(*pad));
+      section.data.resize((section.data.size() + 3) / 4 * 4, static_cast<std::uint8_t>(*pad));
     }
   }
 
   /// Refuses `size` bytes more than there may be, before they are held.
-  void Count(const TomlReader& reader, u_int64_t size) {
+  void Count(const TomlReader& reader, std::uint64_t size) {
     if (size > MAX_SIZE - _total) reader.Throw("all sections together have 1 GiB at most");
-    _total += static_cast<u_int32_t>(size);
+    _total += static_cast<std::uint32_t>(size);
   }
 
-  void AppendPiece(TomlReader& reader, DataVec& data) {
+  void AppendPiece(TomlReader& reader, Bytes& data) {
     const auto file = reader.String("file");
     const auto hex = reader.String("hex");
     const auto fill = reader.Number("fill", 0, 0xFF);
@@ -152,16 +154,16 @@ class LayoutReader {
     } else if (hex) {
       AppendHex(reader, *hex, data);
     } else {
-      const u_int32_t size = reader.Needed("size", reader.Number("size", 1, MAX_SIZE));
+      const std::uint32_t size = reader.Needed("size", reader.Number("size", 1, MAX_SIZE));
       Count(reader, size);
-      data.insert(data.end(), size, static_cast<u_int8_t>(*fill));
+      data.insert(data.end(), size, static_cast<std::uint8_t>(*fill));
     }
   }
 
-  void AppendFile(TomlReader& reader, const fs::path& path, DataVec& data) {
+  void AppendFile(TomlReader& reader, const fs::path& path, Bytes& data) {
     const std::size_t from = reader.Number("from", 0, ANY_NUMBER).value_or(0);
-    const std::optional<u_int32_t> size = reader.Number("size", 1, MAX_SIZE);
-    DataVec bytes;
+    const std::optional<std::uint32_t> size = reader.Number("size", 1, MAX_SIZE);
+    Bytes bytes;
     std::error_code unreadable;  // which ReadFile tells
     if (const auto all = fs::file_size(path, unreadable); !unreadable && all > MAX_SIZE) {
       reader.ThrowAt("file", path.string() + " has more than 1 GiB");
@@ -181,16 +183,17 @@ class LayoutReader {
                 size ? begin + static_cast<std::ptrdiff_t>(wanted) : bytes.end());
   }
 
-  void AppendHex(TomlReader& reader, const std::string& digits, DataVec& data) {
+  void AppendHex(TomlReader& reader, const std::string& digits, Bytes& data) {
     const std::size_t before = data.size();
-    for (const std::string& group : splitv(digits, " \n\t", false)) {
+    for (const std::string_view group : common::Words(digits, " \n\t")) {
       for (std::size_t i = 0; i < group.size(); i += 2) {
-        const u_int8_t high = HexDigit(group[i]);
-        const u_int8_t low = i + 1 < group.size() ? HexDigit(group[i + 1]) : u_int8_t{0xFF};
-        if (high > 15 || low > 15) {
-          reader.ThrowAt("hex", "'hex' must have two hexadecimal digits for each byte: " + group);
+        const auto high = HexDigit(group[i]);
+        const auto low = i + 1 < group.size() ? HexDigit(group[i + 1]) : std::nullopt;
+        if (!high || !low) {
+          reader.ThrowAt("hex",
+                         Text("'hex' must have two hexadecimal digits for each byte: ", group));
         }
-        data.push_back(static_cast<u_int8_t>(high << 4 | low));
+        data.push_back(static_cast<std::uint8_t>(*high << 4 | *low));
       }
     }
     Count(reader, data.size() - before);
@@ -198,36 +201,30 @@ class LayoutReader {
 
   void ReadField(TomlReader& reader) {
     const std::string keyword = reader.Needed("type", reader.String("type"));
-    const FieldType type = FwImage::Str2FieldType(keyword);
-    if (type == UNKNOWN_FIELD) {
-      reader.ThrowAt("type", "'type' is no known field: " + keyword);
-    }
-    if (type == SIGNATURE) {
+    const device::FieldRow* row = device::FindField(keyword);
+    if (row == nullptr) reader.ThrowAt("type", "'type' is no known field: " + keyword);
+    if (row->type == device::FieldType::SIGNATURE) {
       reader.ThrowAt("type", "a signature is placed by the 'signature' of its [[slot]]");
     }
     const Place at = reader.Needed("at", ReadPlace(reader, "at"));
     reader.Finish();
     ForEachSlot(reader, at.base, [&](const Layout::Slot* slot) {
-      _layout.fields.push_back(
-          {.keyword = keyword,
-           .place = {Resolve(reader, at, slot), FwImage::ReplaceFieldSize(type), type},
-           .line = reader.Line()});
+      _layout.fields.push_back({{row->type, Resolve(reader, at, slot)}, reader.Line()});
     });
   }
 
   void ReadCrc(TomlReader& reader) {
     const Place from = reader.Needed("from", ReadPlace(reader, "from"));
-    const u_int32_t size = reader.Needed("size", reader.Number("size", 4, MAX_SIZE));
+    const std::uint32_t size = reader.Needed("size", reader.Number("size", 4, MAX_SIZE));
     const Place at = reader.Needed("at", ReadPlace(reader, "at"));
     const bool is_filled = reader.Bool("fill").value_or(false);
     reader.Finish();
     if (size % 4 != 0) reader.Throw("'size' must be whole words of 4 bytes");
     if (from.base != at.base) reader.Throw("'from' and 'at' must be given in the same way");
     ForEachSlot(reader, from.base, [&](const Layout::Slot* slot) {
-      _layout.crcs.push_back(
-          {.place = {Resolve(reader, from, slot), size, Resolve(reader, at, slot)},
-           .is_filled = is_filled,
-           .line = reader.Line()});
+      _layout.crcs.push_back({{Resolve(reader, from, slot), size, Resolve(reader, at, slot)},
+                              is_filled,
+                              reader.Line()});
     });
   }
 
@@ -244,13 +241,15 @@ class LayoutReader {
     if (!is_placed) reader.Throw("no [[slot]] has what this is counted from");
   }
 
-  static u_int32_t Resolve(const TomlReader& reader, const Place& place, const Layout::Slot* slot) {
-    const u_int64_t addr = u_int64_t{place.offset} + (slot != nullptr ? *(slot->*place.base) : 0);
+  static std::uint32_t Resolve(const TomlReader& reader, const Place& place,
+                               const Layout::Slot* slot) {
+    const std::uint64_t addr =
+        std::uint64_t{place.offset} + (slot != nullptr ? *(slot->*place.base) : 0);
     if (addr > ANY_NUMBER) reader.Throw("this lies past the last address");
-    return static_cast<u_int32_t>(addr);
+    return static_cast<std::uint32_t>(addr);
   }
 
-  std::optional<u_int32_t> FixedPlace(TomlReader& reader, std::string_view key) const {
+  std::optional<std::uint32_t> FixedPlace(TomlReader& reader, std::string_view key) const {
     const std::optional<Place> place = ReadPlace(reader, key);
     if (!place) return {};
     if (place->base != nullptr) {
@@ -263,7 +262,7 @@ class LayoutReader {
   std::optional<Place> ReadPlace(TomlReader& reader, std::string_view key) const {
     if (!reader.Any(key)) return {};
     if (!reader.IsTable(key)) {
-      const std::optional<u_int32_t> offset = reader.Number(key, 0, ANY_NUMBER);
+      const std::optional<std::uint32_t> offset = reader.Number(key, 0, ANY_NUMBER);
       return Place{.offset = Linear(reader, key, 0, *offset)};
     }
     TomlReader table = *reader.Table(key);
@@ -276,29 +275,34 @@ class LayoutReader {
         (device && !offset)) {
       table.Throw("a place is { device = D, offset = N }, { ps = N }, { image = N }, or a number");
     }
-    if (ps) return Place{&Layout::Slot::ps, *ps};
-    if (image) return Place{&Layout::Slot::image, *image};
-    return Place{.offset = Linear(reader, key, static_cast<u_int8_t>(device.value_or(0)), *offset)};
+    if (ps) return Place{&device::Slot::pointer_sector, *ps};
+    if (image) return Place{&device::Slot::image, *image};
+    return Place{.offset =
+                     Linear(reader, key, static_cast<std::uint8_t>(device.value_or(0)), *offset)};
   }
 
-  u_int32_t Linear(const TomlReader& reader, std::string_view key, u_int8_t dev,
-                   u_int32_t offset) const {
-    const std::vector<EeLoc>& devmap = _layout.conv._devmap;
-    const auto mapped = std::ranges::find(devmap, dev, &EeLoc::dev);
-    if (devmap.empty() ? dev != 0 : mapped == devmap.end()) {
-      reader.ThrowAt(key, Text("[[devmap]] has no device 0x", std::hex, u_int32_t{dev}));
+  std::uint32_t Linear(const TomlReader& reader, std::string_view key, std::uint8_t dev,
+                       std::uint32_t offset) const {
+    if (_layout.map.empty() && dev == 0) return offset;
+    std::uint32_t base = 0;
+    for (const device::MappedChip& mapped : _layout.map) {
+      if (mapped.chip != dev) {
+        base += mapped.size;
+        continue;
+      }
+      // The loader would take it for a place in the device behind.
+      if (offset >= mapped.size) {
+        reader.ThrowAt(key, Text("device 0x", std::hex, std::uint32_t{dev}, " has only 0x",
+                                 mapped.size, " bytes"));
+      }
+      return base + offset;
     }
-    // The loader would take it for a place in the device behind.
-    if (!devmap.empty() && offset >= mapped->offset) {
-      reader.ThrowAt(key, Text("device 0x", std::hex, u_int32_t{dev}, " has only 0x",
-                               mapped->offset, " bytes"));
-    }
-    return _layout.conv.Convert(EeLoc(offset, dev));
+    reader.ThrowAt(key, Text("[[devmap]] has no device 0x", std::hex, std::uint32_t{dev}));
   }
 
   const fs::path& _parts;
   Layout& _layout;
-  u_int32_t _total = 0;  ///< bytes of all sections so far
+  std::uint32_t _total = 0;  ///< bytes of all sections so far
 };
 
 }  // namespace
@@ -314,4 +318,4 @@ Layout ReadLayout(const fs::path& file, const fs::path& parts, LayoutKind kind) 
   return layout;
 }
 
-}  // namespace tools
+}  // namespace fwimg

@@ -7,16 +7,20 @@
 #include <set>
 
 #include "common/Files.h"
+#include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
-#include "fwimg/ImageView.h"
-#include "sim/Family.h"
+#include "fwimg/ImageSource.h"
+#include "fwimg/LayoutFile.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
 
 namespace fs = std::filesystem;
+using common::Printable;
+using common::Text;
+using device::Bytes;
 using nlohmann::ordered_json;
 
 void Print(const ordered_json& json) {
@@ -48,11 +52,11 @@ int Make(const MakeOptions& options) {
                     {"sections", ordered_json::array()}};
   std::size_t total = 0;
   for (const Layout::Section& section : layout.sections) {
-    const EeLoc loc = layout.conv.Convert(section.addr);
+    const device::ChipPlace place = layout.PlaceOf(section.addr).value();
     json["sections"].push_back({{"name", section.name},
                                 {"address", section.addr},
-                                {"device", loc.dev},
-                                {"offset", loc.offset},
+                                {"device", place.chip},
+                                {"offset", place.offset},
                                 {"size", section.data.size()}});
     total += section.data.size();
   }
@@ -74,20 +78,16 @@ struct ExtractOptions {
   bool as_json = false;
 };
 
-/// The sections of an image as they lie in memory, each once, in file order.
-std::vector<const FwImage::Section*> Sections(const FwImage& image) {
-  std::vector<u_int32_t> addrs;
-  image.GetSectionsAddr(addrs);
-  std::vector<const FwImage::Section*> sections;
-  std::set<u_int32_t> seen;
-  for (const u_int32_t addr : addrs) {
-    if (seen.insert(addr).second) sections.push_back(image.GetSection(addr));
-  }
-  return sections;
+/// Throws for an address past the device map.
+device::ChipPlace PlaceOf(const device::Image& image, std::uint32_t addr) {
+  const auto place = image.PlaceOf(addr);
+  if (place) return *place;
+  throw std::runtime_error(
+      Text("Addr2OffsetDev: No mapping for the given addr (", std::hex, addr, ")."));
 }
 
 /// A file name for a section, whose own may be anything: nothing may land outside the folder.
-std::string FileName(const FwImage::Section& section, std::set<std::string>& taken) {
+std::string FileName(const device::Section& section, std::set<std::string>& taken) {
   constexpr std::size_t LONGEST = 64;
   std::string name = section.name.substr(0, LONGEST);
   std::ranges::replace_if(
@@ -105,10 +105,9 @@ std::string FileName(const FwImage::Section& section, std::set<std::string>& tak
 }
 
 int Extract(const ExtractOptions& options) {
-  FwImage image;
-  LoadImage(image, options.image);
-
-  std::vector<const FwImage::Section*> sections = Sections(image);
+  const device::Image image = LoadImage(options.image);
+  std::vector<const device::Section*> sections;
+  for (const device::Section& section : image.sections) sections.push_back(&section);
   if (!options.section.empty()) {
     std::erase_if(sections, [&](const auto* section) { return section->name != options.section; });
     if (sections.empty()) {
@@ -119,7 +118,7 @@ int Extract(const ExtractOptions& options) {
                                     options.section, "; --all DIR writes each"));
     }
     if (options.output == "-") {
-      const DataVec& data = sections[0]->data;
+      const Bytes& data = sections[0]->data;
       std::cout.write(reinterpret_cast<const char*>(data.data()),
                       static_cast<std::streamsize>(data.size()));
       return ALL_WELL;
@@ -128,7 +127,7 @@ int Extract(const ExtractOptions& options) {
 
   std::vector<std::string> files;
   std::set<std::string> taken;
-  for (const FwImage::Section* section : sections) {
+  for (const device::Section* section : sections) {
     files.push_back(options.section.empty()
                         ? (fs::path(options.all) / FileName(*section, taken)).string()
                         : options.output);
@@ -144,19 +143,19 @@ int Extract(const ExtractOptions& options) {
 
   ordered_json written = ordered_json::array();
   for (std::size_t i = 0; i < sections.size(); ++i) {
-    const FwImage::Section* section = sections[i];
+    const device::Section* section = sections[i];
     const std::string& file = files[i];
     common::WriteFile(file, section->data);
-    const EeLoc loc = sim::MapOf(image).Convert(section->addr);
+    const device::ChipPlace place = PlaceOf(image, section->addr);
     written.push_back({{"section", section->name},
                        {"address", section->addr},
-                       {"device", loc.dev},
-                       {"offset", loc.offset},
+                       {"device", place.chip},
+                       {"offset", place.offset},
                        {"size", section->data.size()},
                        {"file", file}});
     if (!options.as_json) {
       std::cout << Printable(file) << ": " << Printable(section->name) << ", "
-                << section->data.size() << " bytes from " << Where(loc) << "\n";
+                << section->data.size() << " bytes from " << Where(place) << "\n";
     }
   }
   if (options.as_json) {
@@ -177,7 +176,7 @@ void AddMake(CommandLine& program) {
   make.Add("-o,--output", options->output, "The image file to write").Required();
   make.Add("--parts", options->parts, "Where the layout's files lie (default: beside the layout)");
   make.AddFlag("--json", options->as_json, "Print a JSON object");
-  make.SetWork(Told([options] { return Make(*options); }));
+  make.SetWork([options] { return Make(*options); });
 }
 
 void AddExtract(CommandLine& program) {
@@ -192,7 +191,7 @@ void AddExtract(CommandLine& program) {
   section.Needs(output);
   output.Needs(section);
   all.Excludes(section);
-  extract.SetWork(Told([options, section, all, json] {
+  extract.SetWork([options, section, all, json] {
     if (section.IsGiven() == all.IsGiven()) {
       throw UsageError("extract", "--section NAME -o FILE or --all DIR is needed");
     }
@@ -200,7 +199,7 @@ void AddExtract(CommandLine& program) {
       throw UsageError("extract", "-o - leaves no room for --json");
     }
     return Extract(*options);
-  }));
+  });
 }
 
-}  // namespace tools
+}  // namespace fwimg

@@ -2,10 +2,9 @@
 
 #include <algorithm>
 
-#include "src/BraidGeneral.h"
-#include "src/utils.h"
+#include "common/Text.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
 
@@ -174,9 +173,9 @@ static_assert(IsInOrder());
 
 }  // namespace
 
-std::string_view ProblemKind::BurnOf(Family family) const {
-  if (family == Family::UNKNOWN && !none.empty()) return none;
-  const bool has_slots = family == Family::POINTER_SECTORS || family == Family::BOOT_RECORDS;
+std::string_view ProblemKind::BurnOf(const device::DeviceType* type) const {
+  if (type == nullptr && !none.empty()) return none;
+  const bool has_slots = type != nullptr && type->slots != device::SlotKind::NONE;
   return has_slots && !failsafe.empty() ? failsafe : burn;
 }
 
@@ -205,13 +204,13 @@ std::vector<LineFinding> LineFindings::InOrder() const {
   for (std::size_t i = 0; i < _kinds.size(); ++i) {
     if (!_kinds[i].has_more) continue;
     const auto lines = std::ranges::count(_kinds[i].lines, true);
-    all.push_back(
-        {0, static_cast<ProblemId>(i),
-         Text("more of this kind, on ", lines, lines == 1 ? " line" : " lines", " in all")});
+    all.push_back({0, static_cast<ProblemId>(i),
+                   common::Text("more of this kind, on ", lines, lines == 1 ? " line" : " lines",
+                                " in all")});
   }
   all.insert(all.end(), _told.begin(), _told.end());
   std::ranges::stable_sort(all, {}, &LineFinding::line);
   return all;
 }
 
-}  // namespace tools
+}  // namespace fwimg

@@ -10,14 +10,11 @@
 #include <utility>
 #include <vector>
 
-#include "sim/Family.h"
+#include "device/ImageFile.h"
 
-namespace tools {
+namespace fwimg {
 
-using sim::Family;
-
-/// A line of the image file as the loader counts them: from 1, long ones cut. 0: the whole file.
-using LineNumber = u_int32_t;
+using device::LineNumber;
 
 enum class Severity { WARNING, ERROR };
 
@@ -113,7 +110,8 @@ struct ProblemKind {
   std::string_view failsafe = {};  ///< the same for a device type with slots, where it differs
   std::string_view none = {};      ///< and for one that fwpush burns nowhere
 
-  std::string_view BurnOf(Family family) const;
+  /// What would happen at the burn of an image for devices of this type; null for an unknown one.
+  std::string_view BurnOf(const device::DeviceType* type) const;
 };
 
 /// All kinds there are.
@@ -162,4 +160,4 @@ class LineFindings {
   std::vector<LineFinding> _told;  ///< in the order in which they were found
 };
 
-}  // namespace tools
+}  // namespace fwimg

@@ -17,16 +17,18 @@
 
 #include "common/Files.h"
 #include "common/ScratchFolder.h"
-#include "src/utils.h"
+#include "common/Text.h"
 
-namespace tools {
+namespace fwimg {
 
 namespace {
 
 namespace fs = std::filesystem;
 using common::ReadFile;
 using common::ScratchFolder;
+using common::Text;
 using common::WriteFile;
+using device::Bytes;
 
 struct FormatRow {
   std::string_view name;  ///< or an extension
@@ -56,7 +58,7 @@ const char* Option(RecordFormat format) {
   return format == RecordFormat::INTEL ? "-intel" : "-motorola";
 }
 
-std::string Hex(u_int64_t value) { return Text("0x", std::hex, value); }
+std::string Hex(std::uint64_t value) { return Text("0x", std::hex, value); }
 
 /// A program that runs to its end, its outputs kept in scratch files.
 class Run {
@@ -126,7 +128,7 @@ void CheckEnd(const fs::path& path, RecordFormat format) {
   };
   std::ifstream file(path);
   bool has_ended = false;
-  u_int32_t number = 0;
+  std::uint32_t number = 0;
   for (std::string line; std::getline(file, line);) {
     ++number;
     const std::size_t text = line.find_first_not_of(" \t\r\x1a");
@@ -139,24 +141,30 @@ void CheckEnd(const fs::path& path, RecordFormat format) {
   }
 }
 
+/// Of two digits; all else is 0.
+std::uint8_t ByteOf(char high, char low) {
+  return static_cast<std::uint8_t>(common::HexDigit(high).value_or(0) << 4 |
+                                   common::HexDigit(low).value_or(0));
+}
+
 /// The bytes of S3 records as srec_cat writes them: one record a line, in ascending order.
 std::vector<RecordRange> BytesOf(std::istream& records) {
   std::vector<RecordRange> ranges;
-  DataVec record;
+  Bytes record;
   for (std::string line; std::getline(records, line);) {
     if (!line.starts_with("S3")) continue;  // the number of records, the end
     record.clear();
     for (std::size_t i = 2; i + 1 < line.size(); i += 2) {
-      record.push_back(static_cast<u_int8_t>(HexDigit(line[i]) << 4 | HexDigit(line[i + 1])));
+      record.push_back(ByteOf(line[i], line[i + 1]));
     }
     // The length of what follows it, the address, the bytes, a sum.
     constexpr std::size_t AROUND = 6;
     if (record.size() <= AROUND || record.size() != 1u + record[0]) {
       throw std::runtime_error("srec_cat writes a strange record: " + line);
     }
-    const u_int32_t addr = u_int32_t{record[1]} << 24 | u_int32_t{record[2]} << 16 |
-                           u_int32_t{record[3]} << 8 | record[4];
-    if (ranges.empty() || ranges.back().addr + u_int64_t{ranges.back().data.size()} != addr) {
+    const std::uint32_t addr = std::uint32_t{record[1]} << 24 | std::uint32_t{record[2]} << 16 |
+                               std::uint32_t{record[3]} << 8 | record[4];
+    if (ranges.empty() || ranges.back().addr + std::uint64_t{ranges.back().data.size()} != addr) {
       ranges.push_back({addr, {}});
     }
     ranges.back().data.insert(ranges.back().data.end(), record.begin() + 5, record.end() - 1);
@@ -215,4 +223,4 @@ std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, 
   return BytesOf(file);
 }
 
-}  // namespace tools
+}  // namespace fwimg

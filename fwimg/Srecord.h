@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "src/BraidGeneral.h"
+#include "device/Bytes.h"
 
-namespace tools {
+namespace fwimg {
 
 enum class RecordFormat { INTEL, MOTOROLA };
 
@@ -18,8 +18,8 @@ std::optional<RecordFormat> ParseFormat(std::string_view name_or_extension);
 
 /// Bytes without a gap.
 struct RecordRange {
-  u_int32_t addr;
-  DataVec data;
+  std::uint32_t addr;
+  device::Bytes data;
 };
 
 /// Writes `ranges`, which are not empty and do not overlap, as records. The file gets its name only
@@ -32,4 +32,4 @@ void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
 std::vector<RecordRange> ReadRecords(const std::filesystem::path& path, RecordFormat format,
                                      bool lax);
 
-}  // namespace tools
+}  // namespace fwimg

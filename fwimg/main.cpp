@@ -4,8 +4,8 @@
 int main(int argc, char* argv[]) {
   common::CommandLine line("Sees into firmware image files, checks, compares and makes them.",
                            "fwimg");
-  for (const auto add : {tools::AddInfo, tools::AddCheck, tools::AddDiff, tools::AddMake,
-                         tools::AddExtract, tools::AddConvert}) {
+  for (const auto add : {fwimg::AddInfo, fwimg::AddCheck, fwimg::AddDiff, fwimg::AddMake,
+                         fwimg::AddExtract, fwimg::AddConvert}) {
     add(line);
   }
   return common::RunProgram({.name = "fwimg"}, line, argc, argv);

@@ -9,10 +9,12 @@
 #include <sstream>
 
 #include "common/Program.h"
-#include "fwimg/ImageView.h"
+#include "common/Text.h"
 #include "sim/Fabric.h"
 
 namespace tools {
+
+using common::Printable;
 
 namespace {
 

@@ -10,7 +10,6 @@
 #include <stdexcept>
 
 #include "common/Files.h"
-#include "fwimg/ImageView.h"
 #include "sim/Family.h"
 #include "sim/LocalRom.h"
 #include "src/RomInterface.h"
@@ -34,6 +33,14 @@ struct Unreadable {
 struct SaveFailure {
   std::string reason;
 };
+
+/// As image files have it.
+std::string_view Keyword(FieldType type) {
+  for (const std::string_view keyword : {"SIGNATURE", "GUIDS", "GUID", "SYSGUID", "BSN", "VSD"}) {
+    if (FwImage::Str2FieldType(std::string(keyword)) == type) return keyword;
+  }
+  return "?";
+}
 
 /// The only requests that may leave this program.
 bool OnlyReads(std::string_view request) {
@@ -252,7 +259,7 @@ class Device {
     }
     const u_int32_t size = FwImage::ReplaceFieldSize(type);
     if (bytes.size() != size) {
-      throw Unreadable{Text("the device's ", FieldKeyword(type), " has ", bytes.size(),
+      throw Unreadable{Text("the device's ", Keyword(type), " has ", bytes.size(),
                             " bytes, the image needs ", size)};
     }
     return bytes;

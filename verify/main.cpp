@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Program.h"
-#include "fwimg/ImageView.h"
+#include "common/Text.h"
 #include "sim/Fabric.h"
 #include "verify/Verify.h"
 

@@ -183,9 +183,9 @@ class ImageFormatDocumentTest : public ConsoleTest {
 
   /// The kinds of findings of `fwimg check`.
   std::set<std::string> Findings(const std::string& text) {
-    const tools::ImageView view(_folder.Write("fw.img", text));
+    const std::string path = _folder.Write("fw.img", text);
     std::set<std::string> kinds;
-    for (const tools::Problem& problem : tools::Check(view, SECTOR_SIZE)) {
+    for (const fwimg::Problem& problem : fwimg::Check(path, SECTOR_SIZE)) {
       kinds.emplace(problem.kind->word);
     }
     return kinds;
@@ -232,7 +232,7 @@ TEST_F(ImageFormatDocumentTest, TheCheckFindsInAnExampleWhatTheTextBeforeItNames
 
 TEST_F(ImageFormatDocumentTest, EveryKindOfFindingInTheTableExists) {
   std::set<std::string> known;
-  for (const tools::ProblemKind& kind : tools::ProblemKinds()) known.emplace(kind.word);
+  for (const fwimg::ProblemKind& kind : fwimg::ProblemKinds()) known.emplace(kind.word);
   for (const Row& row : _document.Table("in the file")) {
     ASSERT_EQ(row.size(), 3u);
     for (const std::string& kind : Quoted(row[2])) EXPECT_TRUE(known.contains(kind)) << kind;
@@ -247,8 +247,8 @@ TEST(ImageCheckDocumentTest, TheTablesHaveEveryKindOfProblemInOrderWithItsSeveri
     told.emplace_back(Unquoted(row[0]), row[1]);
   }
   std::vector<std::pair<std::string, std::string>> known;
-  for (const tools::ProblemKind& kind : tools::ProblemKinds()) {
-    const bool is_error = kind.severity == tools::Severity::ERROR;
+  for (const fwimg::ProblemKind& kind : fwimg::ProblemKinds()) {
+    const bool is_error = kind.severity == fwimg::Severity::ERROR;
     known.emplace_back(kind.word, is_error ? "error" : "warning");
   }
   EXPECT_EQ(told, known);

@@ -17,7 +17,7 @@ class FwimgBurnsTest : public ConsoleTest {
   std::set<std::string> Errors(const std::string& text) {
     std::set<std::string> kinds;
     for (const auto& problem : Problems(text)) {
-      if (problem.kind->severity == tools::Severity::ERROR) kinds.emplace(problem.kind->word);
+      if (problem.kind->severity == fwimg::Severity::ERROR) kinds.emplace(problem.kind->word);
     }
     return kinds;
   }
@@ -66,8 +66,8 @@ class FwimgBurnsTest : public ConsoleTest {
   sim::Fabric _fabric;
 
  private:
-  std::vector<tools::Problem> Problems(const std::string& text) {
-    return tools::Check(tools::ImageView(_folder.Write("fw.img", text)), SECTOR);
+  std::vector<fwimg::Problem> Problems(const std::string& text) {
+    return fwimg::Check(_folder.Write("fw.img", text), SECTOR);
   }
 };
 

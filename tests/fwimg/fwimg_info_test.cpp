@@ -1,6 +1,9 @@
 // fwimg info and diff, run as their users do.
 #include <nlohmann/json.hpp>
 
+#include "device/DeviceType.h"
+#include "src/BurnAlgorithm.h"
+#include "src/main.h"
 #include "tests/support/Harness.h"
 #include "tests/support/slot_images.h"
 
@@ -45,6 +48,24 @@ class FwimgDiffTest : public FwimgTest {};
 
 std::string Bar(const std::string& label, const std::string& drawn) {
   return label + std::string(8 - label.size(), ' ') + drawn + "\n";
+}
+
+TEST_F(FwimgInfoTest, ADeviceTypeIsBurntAsFwpushBurnsIt) {
+  for (const device::DeviceType& row : device::DeviceTypes()) {
+    const std::string keyword(row.keyword);
+    SCOPED_TRACE(keyword);
+    const auto info = InfoJson("DEVICE_TYPE " + keyword + "\n");
+    const DeviceType type = FwImage::Str2DeviceType(keyword);
+    const auto memory = GetRomInterface(type, 0, false, false);
+    const auto name = [&](bool is_failsafe) {
+      return GetBurnAlgorithm(type, memory.get(), is_failsafe, false, false)->GetName();
+    };
+    EXPECT_EQ(info.at("burn"), name(true));
+    EXPECT_EQ(info.at("burn_with_n"), name(false));
+    const bool is_flash = dynamic_cast<const RemoteFlashInterface*>(memory.get()) != nullptr;
+    EXPECT_EQ(info.at("memory"),
+              is_flash ? "serial flash, one device a run" : "I2C EEPROM, many devices at once");
+  }
 }
 
 TEST_F(FwimgInfoTest, AnEepromImageIsShownWhole) {

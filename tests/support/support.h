@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -25,13 +26,16 @@ inline constexpr bool IS_SANITIZED = __has_feature(address_sanitizer);
 inline constexpr bool IS_SANITIZED = false;
 #endif
 
-/// The description of the BraidError that `action` throws; "(no error)" when it throws none.
+/// What the BraidError or std::exception that `action` throws says; "(no error)" when it throws
+/// none.
 inline std::string ErrorOf(const std::function<void()>& action) {
   try {
     action();
   } catch (const BraidError& error) {
     EXPECT_EQ(error.Num(), BRAID_ERROR);
     return error.Des();
+  } catch (const std::exception& error) {
+    return error.what();
   }
   return "(no error)";
 }

@@ -1,0 +1,68 @@
+#include "fwimg/ImageSource.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+
+#include "common/Text.h"
+
+namespace fwimg {
+
+namespace {
+
+/// Parts are compared with each other: more would take forever.
+constexpr std::size_t MOST_PARTS = 10000;
+
+class Ignorer : public device::ImageListener {
+ public:
+  void Refused(const device::Refusal&) override {}
+  void Remarked(const device::Remark&) override {}
+};
+
+/// Ends where fwpush does, and warns as it does.
+class Warner : public device::ImageListener {
+ public:
+  void Refused(const device::Refusal& refusal) override {
+    throw device::ImageError(refusal.message);
+  }
+  void Remarked(const device::Remark& remark) override {
+    if (remark.kind != device::RemarkKind::BSN_IGNORED) return;
+    std::cerr << "-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE 61100 ***" << std::endl;
+  }
+};
+
+}  // namespace
+
+device::ImageFile ReadForAuthor(const std::string& path, device::ImageListener& listener) {
+  device::ImageFile file = device::ReadImageFile(path, listener);
+  if (file.parts > MOST_PARTS) {
+    throw device::ImageError(
+        common::Text(path, ": more than ", MOST_PARTS,
+                     " sections, fields, CRCs and devices: that is no device's image"));
+  }
+  return file;
+}
+
+device::ImageFile LoadImageFile(const std::string& path) {
+  Ignorer ignorer;
+  device::ImageFile file = ReadForAuthor(path, ignorer);
+  if (!file.refusal.empty()) throw device::ImageError(file.refusal);
+  const bool has_version =
+      std::ranges::any_of(file.version, [](const auto& part) { return part.has_value(); });
+  if (file.parts == 0 && !has_version) {
+    throw device::ImageError(path + ": no image: the file has no directive and no section");
+  }
+  return file;
+}
+
+device::Image LoadImage(const std::string& path) {
+  Warner warner;
+  return device::ReadImageFile(path, warner).image;
+}
+
+bool IsImageName(const std::string& path) {
+  const std::string extension = std::filesystem::path(path).extension();
+  return extension == ".img" || extension == ".IMG";
+}
+
+}  // namespace fwimg
