@@ -3,10 +3,7 @@
 // Usage: bench_burn BUILD-FOLDER [ROUNDS]; 0 rounds: only the small burns, once
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <spawn.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,14 +16,16 @@
 #include <stdexcept>
 #include <thread>
 
+#include "common/ChildProcess.h"
+#include "common/ScratchFolder.h"
 #include "protocol/Server.h"
 #include "src/BraidGeneral.h"
-
-extern char** environ;
 
 namespace {
 
 namespace fs = std::filesystem;
+using common::Descriptor;
+using common::ScratchFolder;
 
 constexpr u_int32_t KIBIBYTE = 1024;
 constexpr u_int32_t MEBIBYTE = 1024 * KIBIBYTE;
@@ -52,22 +51,6 @@ struct Programs {
   std::string fwpush;
   std::string null_client;
   std::string peak;
-};
-
-class Folder {
- public:
-  Folder() {
-    std::string name = fs::temp_directory_path() / "fwpush-bench-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("can't make a folder");
-    _path = name;
-  }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-  ~Folder() { fs::remove_all(_path); }
-  std::string operator/(const std::string& name) const { return _path / name; }
-
- private:
-  fs::path _path;
 };
 
 constexpr Guid FIRST_GUID = 0x00aa550000000010;
@@ -106,36 +89,16 @@ void WriteImage(const std::string& path, const Burn& burn) {
 /// Throws when it ends with another status.
 Cost Run(const std::vector<std::string>& words, const std::string& errors = "",
          int expected_status = 0) {
-  std::vector<char*> av;
-  av.reserve(words.size() + 1);
-  for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
-  av.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  if (!errors.empty()) {
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), O_WRONLY | O_CREAT,
-                                     0600);
-  }
+  const Descriptor output(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  Descriptor told;
+  if (!errors.empty())
+    told = Descriptor(open(errors.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   const auto start = std::chrono::steady_clock::now();
-  pid_t pid = 0;
-  if (posix_spawn(&pid, av[0], &actions, nullptr, av.data(), environ) != 0) {
-    throw std::runtime_error("can't run " + words[0]);
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  rusage usage{};
-  wait4(pid, &status, 0, &usage);
-  Cost cost;
-  cost.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  cost.cpu = seconds(usage.ru_utime) + seconds(usage.ru_stime);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != expected_status) {
-    throw std::runtime_error(words[0] + " failed");
-  }
-  return cost;
+  common::ChildProcess child({.words = words, .output = output.Get(), .errors = told.Get()});
+  const common::Ending ending = child.Wait();
+  const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
+  if (ending.status != expected_status) throw std::runtime_error(words[0] + " failed");
+  return {.wall = wall.count(), .cpu = ending.cpu.count()};
 }
 
 std::string Framed(const std::string& text) { return "NEW_BUF\n" + text + "\nEND_BUF\n"; }
@@ -222,7 +185,7 @@ std::vector<std::string> FwpushWords(const std::string& fwpush, const std::strin
 }
 
 /// System calls of a run, by strace; 0 where there is none, or where it may not trace.
-std::size_t SystemCalls(std::vector<std::string> words, const Folder& folder,
+std::size_t SystemCalls(std::vector<std::string> words, const ScratchFolder& folder,
                         int expected_status = 0) {
   const std::string counts = folder / "strace";
   words.insert(words.begin(), {"/usr/bin/strace", "-c", "-f", "-o", counts});
@@ -245,7 +208,7 @@ std::size_t SystemCalls(std::vector<std::string> words, const Folder& folder,
 }
 
 /// The most memory that a run holds, in KiB.
-long Peak(std::vector<std::string> words, const Programs& programs, const Folder& folder) {
+long Peak(std::vector<std::string> words, const Programs& programs, const ScratchFolder& folder) {
   words.insert(words.begin(), programs.peak);
   const std::string errors = folder / "peak";
   Run(words, errors);
@@ -256,7 +219,7 @@ long Peak(std::vector<std::string> words, const Programs& programs, const Folder
 }
 
 /// System calls of a run beyond those of one that ends when the image is loaded: the connection's.
-std::size_t ConnectionCalls(const std::vector<std::string>& words, const Folder& folder) {
+std::size_t ConnectionCalls(const std::vector<std::string>& words, const ScratchFolder& folder) {
   std::vector<std::string> loading = words;
   loading.emplace_back("-l");
   return SystemCalls(words, folder) - SystemCalls(loading, folder, EXIT_FAILURE);
@@ -272,7 +235,7 @@ double Median(std::vector<double> values) {
 }
 
 nlohmann::json Measure(const Burn& burn, const Programs& programs, unsigned rounds) {
-  const Folder folder;
+  const ScratchFolder folder("fwpush-bench");
   const std::string image = folder / "fw.img";
   WriteImage(image, burn);
   std::vector<sim::Exchange> exchanges;

@@ -20,8 +20,11 @@ class Descriptor {
 
   int Get() const { return _fd; }
   bool IsOpen() const { return _fd >= 0; }
-  /// As close has it: 0, or -1 with errno. 0 where there is nothing to close.
-  int Close() { return _fd >= 0 ? close(std::exchange(_fd, -1)) : 0; }
+  /// Leaves it to the caller to close it.
+  int Release() { return std::exchange(_fd, -1); }
+  void Close() {
+    if (_fd >= 0) close(Release());
+  }
 
  private:
   int _fd;

@@ -70,7 +70,7 @@ void NewFile::Write(std::span<const char> bytes) {
 
 const std::string& NewFile::Close() {
   // Without it a power cut after the rename may leave a name that stands for nothing.
-  if (_file.IsOpen() && (fsync(_file.Get()) != 0 || _file.Close() != 0)) Throw();
+  if (_file.IsOpen() && (fsync(_file.Get()) != 0 || close(_file.Release()) != 0)) Throw();
   return _temporary;
 }
 

@@ -11,7 +11,7 @@ namespace common {
 class ScratchFolder {
  public:
   /// Its name begins with `prefix`. Throws std::runtime_error when it cannot be made.
-  explicit ScratchFolder(const std::string& prefix);
+  explicit ScratchFolder(const std::string& prefix = "fwpush");
   ScratchFolder(const ScratchFolder&) = delete;
   ScratchFolder& operator=(const ScratchFolder&) = delete;
   ~ScratchFolder();

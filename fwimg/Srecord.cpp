@@ -1,9 +1,6 @@
 #include "fwimg/Srecord.h"
 
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -14,9 +11,13 @@
 #include <iostream>
 #include <span>
 #include <stdexcept>
+#include <system_error>
 
+#include "common/ChildProcess.h"
+#include "common/Descriptor.h"
 #include "common/Files.h"
 #include "common/ScratchFolder.h"
+#include "common/SystemError.h"
 #include "common/Text.h"
 
 namespace fwimg {
@@ -24,6 +25,7 @@ namespace fwimg {
 namespace {
 
 namespace fs = std::filesystem;
+using common::Descriptor;
 using common::ReadFile;
 using common::ScratchFolder;
 using common::Text;
@@ -65,37 +67,26 @@ class Run {
  public:
   Run(const ScratchFolder& scratch, const std::vector<std::string>& words)
       : _output(scratch / "output"), _errors(scratch / "errors") {
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, _output.c_str(), FLAGS, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, _errors.c_str(), FLAGS, 0600);
-    pid_t pid = -1;
-    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error == ENOENT) {
-      throw std::runtime_error(words[0] +
-                               " is needed for this and is not installed; Debian's package srecord "
-                               "has it");
+    const auto make = [](const std::string& name) {
+      return Descriptor(open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    };
+    const Descriptor input(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const Descriptor output = make(_output);
+    const Descriptor errors = make(_errors);
+    if (!input.IsOpen() || !output.IsOpen() || !errors.IsOpen()) {
+      common::ThrowSystemError("can't run " + words[0]);
     }
-    if (error != 0) throw std::runtime_error("can't run " + words[0] + ": " + strerror(error));
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-      if (errno != EINTR) throw std::runtime_error("can't wait for " + words[0]);
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    const int status = Status({.words = words,
+                               .is_searched = true,
+                               .input = input.Get(),
+                               .output = output.Get(),
+                               .errors = errors.Get()});
+    if (status != 0) {
       std::string said;
       for (const std::string& message : Messages()) said += "\n" + message;
       throw std::runtime_error(words[0] + " failed" + said);
     }
   }
-
-  std::ifstream Output() const { return std::ifstream(_output); }
 
   /// What it said on standard error, continued lines made one.
   std::vector<std::string> Messages() const {
@@ -113,6 +104,17 @@ class Run {
   }
 
  private:
+  static int Status(const common::Launch& launch) {
+    try {
+      return common::ChildProcess(launch).Wait().status;
+    } catch (const std::system_error& error) {
+      if (error.code() != std::errc::no_such_file_or_directory) throw;
+      throw std::runtime_error(launch.words[0] +
+                               " is needed for this and is not installed; Debian's package srecord "
+                               "has it");
+    }
+  }
+
   std::string _output;
   std::string _errors;
 };

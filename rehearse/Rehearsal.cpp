@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,12 +15,11 @@
 #include <stdexcept>
 #include <thread>
 
+#include "common/ChildProcess.h"
 #include "protocol/Server.h"
 #include "sim/FabricFile.h"
 #include "sim/LocalRom.h"
 #include "src/utils.h"
-
-extern char** environ;
 
 namespace sim {
 
@@ -149,41 +146,25 @@ class Burner {
 
  private:
   static Run Spawn(const std::vector<std::string>& words, std::atomic<pid_t>& shown_pid) {
-    std::vector<char*> av;
-    av.reserve(words.size() + 1);
-    for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
-    av.push_back(nullptr);
-    int output[2];
-    if (pipe2(output, O_CLOEXEC) < 0) throw std::runtime_error("can't make a pipe");
-    fcntl(output[0], F_SETFL, O_NONBLOCK);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-    pid_t pid = 0;
-    const int failure = posix_spawn(&pid, av[0], &actions, nullptr, av.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(output[1]);
-    if (failure != 0) {
-      close(output[0]);
-      throw std::runtime_error("can't run " + words[0] + ": " + strerror(failure));
-    }
-    shown_pid = pid;
-    Run run = Watch(pid, output[0]);
-    close(output[0]);
-    return run;
+    common::Channel console = common::MakePipe();
+    fcntl(console.out.Get(), F_SETFL, O_NONBLOCK);
+    common::ChildProcess burner({.words = words, .output = console.in.Get()});
+    console.in.Close();
+    shown_pid = burner.Pid();
+    return Watch(burner, console.out.Get());
   }
 
   /// Follows the burner to its end, and ends it when it hangs.
-  static Run Watch(pid_t pid, int output) {
+  static Run Watch(common::ChildProcess& burner, int console) {
     Run run;
     auto last_word = std::chrono::steady_clock::now();
-    int status = 0;
-    for (bool has_ended = false; !has_ended;) {
-      pollfd waiting{output, POLLIN, 0};
+    std::optional<common::Ending> ending;
+    while (!ending) {
+      pollfd waiting{console, POLLIN, 0};
       poll(&waiting, 1, 50);
-      has_ended = waitpid(pid, &status, WNOHANG) == pid;
+      ending = burner.TryWait();
       char block[4096];
-      for (ssize_t got; (got = read(output, block, sizeof(block))) > 0;) {
+      for (ssize_t got; (got = read(console, block, sizeof(block))) > 0;) {
         last_word = std::chrono::steady_clock::now();
         run.console.append(block, static_cast<std::size_t>(got));
         // What matters is how it began and how it ended.
@@ -191,14 +172,12 @@ class Burner {
           run.console.erase(MOST_CONSOLE / 2, run.console.size() - MOST_CONSOLE);
         }
       }
-      if (!has_ended && std::chrono::steady_clock::now() - last_word > MAX_SILENCE) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
+      if (!ending && std::chrono::steady_clock::now() - last_word > MAX_SILENCE) {
         throw std::runtime_error("the burner hangs");
       }
     }
-    run.is_well = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    if (WIFSIGNALED(status)) run.signal = WTERMSIG(status);
+    run.is_well = ending->status == 0;
+    run.signal = ending->signal;
     return run;
   }
 

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/ChildProcess.h"
 #include "src/BraidConn.h"
 #include "src/BraidGeneral.h"
 
@@ -91,10 +92,7 @@ struct DeviceReport {
 };
 
 /// How the program ended; a log does not tell.
-struct Ending {
-  int status = 0;
-  int signal = 0;  ///< 0 where none ended it
-};
+using common::Ending;
 
 struct BurnReport {
   bool is_all_burnt = false;      ///< every device asked for

@@ -1,13 +1,8 @@
 #include "report/BurnProcess.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <pty.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/signalfd.h>
-#include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,10 +10,8 @@
 #include <chrono>
 #include <iostream>
 #include <optional>
-#include <utility>
 
 #include "common/Descriptor.h"
-#include "common/ExitStatus.h"
 #include "common/SystemError.h"
 
 namespace tools {
@@ -33,35 +26,6 @@ constexpr std::size_t BLOCK_SIZE = 65536;
 constexpr std::chrono::seconds MOST_PATIENCE{2};
 /// More than a pipe or a terminal holds: what comes later did not come from the burner.
 constexpr std::size_t MOST_HELD = std::size_t{1} << 20;
-
-/// The two ends of a pipe or of a terminal: what is written to `in` comes out of `out`.
-struct Channel {
-  Descriptor out;
-  Descriptor in;
-};
-
-Channel Pipe() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) ThrowSystemError("can't make a pipe");
-  return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
-
-/// A terminal like the one on standard output, but one that changes nothing of what passes: that is
-/// left to the other.
-Channel Terminal() {
-  termios settings{};
-  winsize size{};
-  tcgetattr(STDOUT_FILENO, &settings);
-  ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
-  cfmakeraw(&settings);
-  int out = -1;
-  int in = -1;
-  if (openpty(&out, &in, nullptr, &settings, &size) != 0) ThrowSystemError("can't make a terminal");
-  Channel channel{Descriptor(out), Descriptor(in)};
-  fcntl(out, F_SETFD, FD_CLOEXEC);
-  fcntl(in, F_SETFD, FD_CLOEXEC);
-  return channel;
-}
 
 /// Signals that are read like a file instead of interrupting: the end of the burn, and those that
 /// ask us to end, which are for the burn to obey.
@@ -78,12 +42,8 @@ class Signals {
     if (!_fd.IsOpen()) ThrowSystemError("can't receive signals");
   }
 
-  /// For the child, before it becomes another program.
-  void Restore() const {
-    signal(SIGPIPE, SIG_DFL);
-    sigprocmask(SIG_SETMASK, &_before, nullptr);
-  }
-
+  /// Those that were blocked before.
+  const sigset_t& Before() const { return _before; }
   int Fd() const { return _fd.Get(); }
 
   /// The number of the next one; waits for it.
@@ -98,47 +58,17 @@ class Signals {
   Descriptor _fd;
 };
 
-/// Becomes the program `av`, which ends with a null pointer. Returns only where that cannot be run:
-/// the error.
-int Become(std::vector<char*> av) {
-  execvp(av[0], av.data());
-  return errno;
-}
-
-/// Starts `words` with its standard output going into `console`. Throws when it cannot be run.
-pid_t Start(const std::vector<std::string>& words, const Signals& signals,
-            const Descriptor& console) {
-  Channel trouble = Pipe();
-  std::vector<char*> av;
-  av.reserve(words.size() + 1);
-  for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
-  av.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid < 0) ThrowSystemError("can't start a process");
-  if (pid == 0) {
-    signals.Restore();
-    dup2(console.Get(), STDOUT_FILENO);
-    const int reason = Become(std::move(av));
-    [[maybe_unused]] const ssize_t told = write(trouble.in.Get(), &reason, sizeof(reason));
-    _exit(common::CANNOT);
-  }
-  trouble.in.Close();
-  int reason = 0;
-  if (read(trouble.out.Get(), &reason, sizeof(reason)) == sizeof(reason)) {
-    waitpid(pid, nullptr, 0);
-    errno = reason;
-    ThrowSystemError("can't run " + words[0]);
-  }
-  return pid;
-}
-
 }  // namespace
 
 Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
                const std::function<void(std::string_view)>& take) {
   const Signals signals;
-  Channel console = is_terminal ? Terminal() : Pipe();
-  const pid_t pid = Start(words, signals, console.in);
+  common::Channel console = is_terminal ? common::MakeRawTerminal() : common::MakePipe();
+  common::ChildProcess burn({.words = words,
+                             .is_searched = true,
+                             .output = console.in.Get(),
+                             .default_signals = {SIGPIPE},
+                             .blocked_signals = &signals.Before()});
   console.in.Close();
 
   std::optional<Ending> ending;
@@ -171,9 +101,8 @@ Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
     const int number = signals.Next();
     if (number != SIGCHLD) {
       if (ending) break;  // nobody is left to be asked
-      kill(pid, number);
-    } else if (int status = 0; !ending && waitpid(pid, &status, WNOHANG) == pid) {
-      ending = WIFSIGNALED(status) ? Ending{0, WTERMSIG(status)} : Ending{WEXITSTATUS(status), 0};
+      burn.Signal(number);
+    } else if (!ending && (ending = burn.TryWait())) {
       deadline = std::chrono::steady_clock::now() + MOST_PATIENCE;
     }
   }

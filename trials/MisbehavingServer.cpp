@@ -3,21 +3,17 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
+#include "common/ChildProcess.h"
 #include "common/Descriptor.h"
 #include "common/SystemError.h"
 #include "common/Text.h"
@@ -30,6 +26,7 @@ using common::ThrowSystemError;
 
 namespace {
 
+using common::WaitUntilReadable;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -44,69 +41,6 @@ std::string Contents(const Descriptor& file) {
   }
   return text;
 }
-
-/// Waits until one of two can be read; false at the deadline. The second may be -1.
-bool WaitUntilReadable(int fd, int other, steady_clock::time_point deadline) {
-  pollfd waiting[] = {{fd, POLLIN, 0}, {other, POLLIN, 0}};
-  for (;;) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now()).count();
-    const int ready = poll(waiting, 2, left > 0 ? static_cast<int>(left) : 0);
-    if (ready >= 0) return ready > 0;
-    if (errno != EINTR) ThrowSystemError("poll");
-  }
-}
-
-pid_t Start(const std::vector<std::string>& words, const Descriptor& output,
-            const Descriptor& errors) {
-  std::vector<char*> argv;
-  argv.reserve(words.size() + 1);
-  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, output.Get(), STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, errors.Get(), STDERR_FILENO);
-  // These may be ignored in a process that runs in the background.
-  sigset_t defaults;
-  sigemptyset(&defaults);
-  for (const int number : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&defaults, number);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setsigdefault(&attributes, &defaults);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-  pid_t pid = -1;
-  const int error = posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), environ);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  if (error != 0) throw std::system_error(error, std::generic_category(), argv[0]);
-  return pid;
-}
-
-/// A child process, killed by its owner where it still runs.
-class ChildProcess {
- public:
-  explicit ChildProcess(pid_t pid) : _pid(pid) {}
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-  ~ChildProcess() {
-    if (_pid < 0) return;
-    kill(_pid, SIGKILL);
-    Wait();
-  }
-
-  pid_t Pid() const { return _pid; }
-  /// Waits for its end. Returns its wait status.
-  int Wait() {
-    int status = 0;
-    while (waitpid(_pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    _pid = -1;
-    return status;
-  }
-
- private:
-  pid_t _pid;
-};
 
 /// One client's connection.
 class ClientConnection {
@@ -336,21 +270,22 @@ RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fa
   const Descriptor errors(memfd_create("errors", MFD_CLOEXEC));
   // Connections of a client that was ended before it was served.
   for (int left; (left = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) close(left);
-  ChildProcess child(Start(words, output, errors));
-  // The C library declares its own for C only.
-  const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, child.Pid(), 0)));
-  if (process.Get() < 0) ThrowSystemError("pidfd_open");
-  if (WaitUntilReadable(_listener, process.Get(), deadline)) {
+  // These may be ignored in a process that runs in the background.
+  common::ChildProcess child({.words = words,
+                              .output = output.Get(),
+                              .errors = errors.Get(),
+                              .default_signals = {SIGINT, SIGQUIT, SIGTERM}});
+  if (WaitUntilReadable(_listener, child.EndDescriptor(), deadline)) {
     const int connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (connection >= 0) {
       ClientConnection(connection, fabric, injector, child.Pid(), outcome, deadline).Serve();
     }
   }
-  outcome.in_time = WaitUntilReadable(process.Get(), -1, deadline);
-  if (!outcome.in_time) kill(child.Pid(), SIGKILL);
-  const int status = child.Wait();
-  if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) outcome.signal = WTERMSIG(status);
+  outcome.in_time = child.WaitUntil(deadline).has_value();
+  if (!outcome.in_time) child.Signal(SIGKILL);
+  const common::Ending ending = child.Wait();
+  outcome.status = ending.status;
+  outcome.signal = ending.signal;
   outcome.output = Contents(output);
   outcome.errors = Contents(errors);
   return outcome;

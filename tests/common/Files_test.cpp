@@ -1,14 +1,16 @@
 /// Files that get their name when they are complete.
 #include "common/Files.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <vector>
 
-#include "tests/support/support.h"
+#include "common/ScratchFolder.h"
 
 namespace {
 
@@ -51,7 +53,7 @@ class FilesTest : public testing::Test {
     g_synced.clear();
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::string _path;
 };
 
@@ -65,7 +67,7 @@ TEST_F(FilesTest, FileKeepsTheModeOfWhatItReplaces) {
       common::WriteFile(name, {1, 2, 3});
       EXPECT_NE(InodeOf(_path), before);  // it is a new one
       EXPECT_EQ(ModeOf(_path), mode);
-      EXPECT_EQ(common::ReadFile(_path), (DataVec{1, 2, 3}));
+      EXPECT_EQ(common::ReadFile(_path), (common::Bytes{1, 2, 3}));
     }
   }
 }
@@ -78,7 +80,7 @@ TEST_F(FilesTest, FileThatReplacesNothingHasTheModeOfAnyNewOne) {
 
 TEST_F(FilesTest, FileIsOnTheDiskBeforeItGetsItsName) {
   const ino_t before = InodeOf(_path);
-  common::WriteFile(_path, DataVec(1000, 0x55));
+  common::WriteFile(_path, common::Bytes(1000, 0x55));
   ASSERT_EQ(g_synced.size(), 1u);
   EXPECT_EQ(g_synced[0].inode, InodeOf(_path));
   EXPECT_EQ(g_synced[0].size, 1000);

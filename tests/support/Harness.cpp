@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pty.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,16 +13,8 @@ namespace {
 
 constexpr std::chrono::seconds RUN_LIMIT{60};
 constexpr std::chrono::seconds LINE_LIMIT{20};
-
-[[noreturn]] void Exec(const std::vector<std::string>& words) {
-  // Whoever runs the tests in the background may have them ignored.
-  for (const int signal_number : {SIGINT, SIGQUIT, SIGTERM}) signal(signal_number, SIG_DFL);
-  std::vector<char*> av;
-  for (const std::string& word : words) av.push_back(const_cast<char*>(word.c_str()));
-  av.push_back(nullptr);
-  execv(av[0], av.data());
-  _exit(127);
-}
+/// Whoever runs the tests in the background may have them ignored.
+const std::vector<int> ENDING_SIGNALS{SIGINT, SIGQUIT, SIGTERM};
 
 /// Reads from both descriptors until they end; false when that takes too long.
 bool ReadAll(const std::vector<std::pair<int, std::string*>>& sources) {
@@ -49,15 +39,14 @@ bool ReadAll(const std::vector<std::pair<int, std::string*>>& sources) {
   return true;
 }
 
-void Finish(pid_t pid, bool in_time, Outcome& outcome) {
+void Finish(common::ChildProcess& child, bool in_time, Outcome& outcome) {
   if (!in_time) {
     ADD_FAILURE() << "the program did not end in time";
-    kill(pid, SIGKILL);
+    child.Signal(SIGKILL);
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) outcome.signal = WTERMSIG(status);
+  const common::Ending ending = child.Wait();
+  outcome.status = ending.status;
+  outcome.signal = ending.signal;
 }
 
 void ReplaceAll(std::string& text, const std::string& what, const std::string& with) {
@@ -71,76 +60,55 @@ void ReplaceAll(std::string& text, const std::string& what, const std::string& w
 Outcome RunProgram(const std::vector<std::string>& words, Through through) {
   Outcome outcome;
   if (through == Through::TERMINAL) {
-    int terminal = -1;
-    const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (pid == 0) Exec(words);
-    Finish(pid, ReadAll({{terminal, &outcome.output}}), outcome);
-    close(terminal);
+    common::Channel terminal = common::MakeTerminal();
+    common::ChildProcess child({.words = words,
+                                .terminal = ttyname(terminal.in.Get()),
+                                .default_signals = ENDING_SIGNALS});
+    terminal.in.Close();
+    Finish(child, ReadAll({{terminal.out.Get(), &outcome.output}}), outcome);
     return outcome;
   }
-  int output[2];
-  int errors[2];
-  EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
-  EXPECT_EQ(pipe2(errors, O_CLOEXEC), 0);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(output[1], STDOUT_FILENO);
-    dup2(errors[1], STDERR_FILENO);
-    Exec(words);
-  }
-  close(output[1]);
-  close(errors[1]);
-  Finish(pid, ReadAll({{output[0], &outcome.output}, {errors[0], &outcome.errors}}), outcome);
-  close(output[0]);
-  close(errors[0]);
+  common::Channel output = common::MakePipe();
+  common::Channel errors = common::MakePipe();
+  common::ChildProcess child({.words = words,
+                              .output = output.in.Get(),
+                              .errors = errors.in.Get(),
+                              .default_signals = ENDING_SIGNALS});
+  output.in.Close();
+  errors.in.Close();
+  Finish(child, ReadAll({{output.out.Get(), &outcome.output}, {errors.out.Get(), &outcome.errors}}),
+         outcome);
   return outcome;
 }
 
 Child::Child(const std::vector<std::string>& words, const std::string& errors_file, bool is_job) {
-  int output[2];
-  EXPECT_EQ(pipe2(output, O_CLOEXEC), 0);
-  const int errors = open(errors_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  _pid = fork();
-  if (_pid == 0) {
-    if (is_job) setpgid(0, 0);
-    dup2(output[1], STDOUT_FILENO);
-    dup2(errors, STDERR_FILENO);
-    Exec(words);
-  }
-  close(output[1]);
-  close(errors);
-  _output = output[0];
-}
-
-Child::~Child() {
-  if (_pid > 0) {
-    kill(_pid, SIGKILL);
-    Wait();
-  }
-  close(_output);
+  common::Channel output = common::MakePipe();
+  const common::Descriptor errors(
+      open(errors_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  _process =
+      std::make_unique<common::ChildProcess>(common::Launch{.words = words,
+                                                            .output = output.in.Get(),
+                                                            .errors = errors.Get(),
+                                                            .is_job = is_job,
+                                                            .default_signals = ENDING_SIGNALS});
+  _output = std::move(output.out);
 }
 
 std::string Child::ReadLine() {
   std::string line;
   const auto deadline = std::chrono::steady_clock::now() + LINE_LIMIT;
-  while (std::chrono::steady_clock::now() < deadline) {
-    pollfd waiting{_output, POLLIN, 0};
-    if (poll(&waiting, 1, 100) <= 0) continue;
+  while (common::WaitUntilReadable(_output.Get(), -1, deadline)) {
     char c;
-    if (read(_output, &c, 1) != 1) return line;
+    if (read(_output.Get(), &c, 1) != 1) return line;
     if (c == '\n') return line;
     line += c;
   }
   return line;
 }
 
-void Child::Signal(int signal) const { kill(_pid, signal); }
-
 int Child::Wait() {
-  int status = 0;
-  waitpid(_pid, &status, 0);
-  _pid = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  const common::Ending ending = _process->Wait();
+  return ending.signal != 0 ? -ending.signal : ending.status;
 }
 
 Simulator::Simulator(const TemporaryFolder& folder, const std::string& fabric)

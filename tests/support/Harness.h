@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ChildProcess.h"
 #include "tests/support/support.h"
 
 /// How a program ended.
@@ -34,18 +35,17 @@ class Child {
   Child(const std::vector<std::string>& words, const std::string& errors_file, bool is_job = false);
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
-  ~Child();
 
   /// The next line of its output; "" at the end, and when none comes within 20 seconds.
   std::string ReadLine();
-  void Signal(int signal) const;
+  void Signal(int number) const { _process->Signal(number); }
   /// Waits for its end and returns its exit status, or minus the signal.
   int Wait();
-  pid_t Pid() const { return _pid; }
+  pid_t Pid() const { return _process->Pid(); }
 
  private:
-  pid_t _pid = -1;
-  int _output = -1;
+  std::unique_ptr<common::ChildProcess> _process;
+  common::Descriptor _output;
 };
 
 /// A simulator in its own process, over a fabric file; ended cleanly by Stop or the destructor.

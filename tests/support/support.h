@@ -3,9 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/ScratchFolder.h"
 #include "src/BraidGeneral.h"
 
 /// Whether this build has AddressSanitizer, which takes memory and time of its own.
@@ -85,36 +84,7 @@ class ConsoleTest : public testing::Test {
   }
 };
 
-/// A folder of the test's own, removed with all that is in it.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string name = std::filesystem::temp_directory_path() / "fwpush-test-XXXXXX";
-    EXPECT_NE(mkdtemp(name.data()), nullptr);
-    _path = name;
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(_path, ignored);
-  }
-
-  std::filesystem::path Path() const { return _path; }
-  std::string operator/(const std::string& name) const { return _path / name; }
-
-  /// Writes a file and returns its path.
-  std::string Write(const std::string& name, const std::string& content) const {
-    std::ofstream file(_path / name, std::ios::binary);
-    file << content;
-    file.close();
-    EXPECT_TRUE(file.good());
-    return _path / name;
-  }
-
- private:
-  std::filesystem::path _path;
-};
+using TemporaryFolder = common::ScratchFolder;
 
 /// Bytes given in hexadecimal, blanks allowed: "cb84 cb84".
 inline DataVec Hex(const std::string& digits) {
