@@ -311,7 +311,7 @@ int Run(const Options& options) {
     std::cout << "a: " << Printable(options.a) << "\nb: " << Printable(options.b) << "\n";
     TextPrinter printer;
     Comparison(a, b, printer).Run();
-    if (counter.is_same) std::cout << "They mean the same.\n";
+    if (counter.is_same) std::cout << "Burning either leaves the same bytes.\n";
   }
   return counter.is_same ? ALL_WELL : DIFFERS;
 }

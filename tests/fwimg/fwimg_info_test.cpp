@@ -232,8 +232,8 @@ TEST_F(FwimgDiffTest, OtherWordsForTheSameAreNoDifference) {
       "START A 0 0\n00 01 02 03\n\n  0x4 5 6 7\nEND A\nFROBNICATE\n";
   const Outcome outcome = Diff(a, b);
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.output,
-            Text("a: ", _folder / "a.img", "\nb: ", _folder / "b.img", "\nThey mean the same.\n"));
+  EXPECT_EQ(outcome.output, Text("a: ", _folder / "a.img", "\nb: ", _folder / "b.img",
+                                 "\nBurning either leaves the same bytes.\n"));
 }
 
 TEST_F(FwimgDiffTest, BytesAreToldInRanges) {
