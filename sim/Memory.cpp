@@ -7,15 +7,21 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
+
+#include "common/Text.h"
 
 namespace sim {
 
 namespace {
 
-constexpr u_int8_t ERASED = 0xFF;
-constexpr std::size_t WORD_SIZE = 4;
+/// Callers have asked before: what does not hold here is a mistake of this program.
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
 
 [[noreturn]] void ThrowFileError(const std::filesystem::path& path, const std::string& reason) {
   throw std::runtime_error(path.string() + ": " + reason);
@@ -33,9 +39,9 @@ struct Descriptor {
 
 }  // namespace
 
-Cells::Cells(u_int32_t size) : _own(size, ERASED), _bytes(_own) {}
+Cells::Cells(std::uint32_t size) : _own(size, device::ERASED), _bytes(_own) {}
 
-Cells::Cells(u_int32_t size, const std::filesystem::path& path)
+Cells::Cells(std::uint32_t size, const std::filesystem::path& path)
     : _kept(std::filesystem::exists(path)), _path(path) {
   // A run that ends before the first contents are complete must leave nothing that looks kept.
   const std::filesystem::path name = _kept ? path : _new = path.string() + ".new";
@@ -43,8 +49,8 @@ Cells::Cells(u_int32_t size, const std::filesystem::path& path)
   const Descriptor file(open(name.c_str(), O_RDWR | O_CLOEXEC | create, 0666));
   struct stat status {};
   if (file.fd < 0 || fstat(file.fd, &status) < 0) ThrowFileError(name, strerror(errno));
-  if (_kept && static_cast<u_int64_t>(status.st_size) != size) {
-    ThrowFileError(name, Text("has ", status.st_size, " bytes, the memory has ", size));
+  if (_kept && static_cast<std::uint64_t>(status.st_size) != size) {
+    ThrowFileError(name, common::Text("has ", status.st_size, " bytes, the memory has ", size));
   }
   // All of it on the disk now: a disk that fills up later would end the simulator.
   if (const int failure = posix_fallocate(file.fd, 0, size)) {
@@ -53,8 +59,8 @@ Cells::Cells(u_int32_t size, const std::filesystem::path& path)
   void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.fd, 0);
   if (map == MAP_FAILED) ThrowFileError(name, strerror(errno));
   _mapped = true;
-  _bytes = std::span(static_cast<u_int8_t*>(map), size);
-  if (!_kept) std::ranges::fill(_bytes, ERASED);
+  _bytes = std::span(static_cast<std::uint8_t*>(map), size);
+  if (!_kept) std::ranges::fill(_bytes, device::ERASED);
 }
 
 Cells::~Cells() {
@@ -68,63 +74,60 @@ void Cells::Settle() {
   _new.clear();
 }
 
-Chip::Chip(std::unique_ptr<Cells> cells, u_int32_t sector_size)
+Chip::Chip(std::unique_ptr<Cells> cells, std::uint32_t sector_size)
     : _cells(std::move(cells)),
-      _sector_size(sector_size),
+      _chip(_cells->Bytes(), sector_size),
       _erase_counts(sector_size == 0 ? 0 : Size() / sector_size) {
-  ASSERT_ALWAYS(sector_size == 0 || Size() % sector_size == 0);
+  Require(sector_size == 0 || Size() % sector_size == 0);
 }
 
-void Chip::Load(u_int32_t offset, std::span<const u_int8_t> bytes) {
-  ASSERT_ALWAYS(Holds(offset, bytes.size()));
-  std::ranges::copy(bytes, _cells->Bytes().begin() + offset);
+void Chip::Load(std::uint32_t offset, device::View bytes) {
+  Require(Holds(offset, bytes.size()));
+  _chip.Load(offset, bytes);
 }
 
-void Chip::Program(u_int32_t offset, std::span<const u_int8_t> bytes) {
-  ASSERT_ALWAYS(Holds(offset, bytes.size()));
-  const std::span<u_int8_t> cells = _cells->Bytes().subspan(offset, bytes.size());
-  if (!IsFlash()) {
-    std::ranges::copy(bytes, cells.begin());
-    return;
-  }
-  for (std::size_t i = 0; i < cells.size(); ++i) {
-    if ((cells[i] & bytes[i]) != bytes[i]) {
-      _violations.push_back({static_cast<u_int32_t>(offset + i), cells[i], bytes[i]});
+void Chip::NoteViolations(std::uint32_t offset, device::View bytes) {
+  if (!IsFlash()) return;
+  const device::View held = Bytes().subspan(offset, bytes.size());
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if ((held[i] & bytes[i]) != bytes[i]) {
+      _violations.push_back({static_cast<std::uint32_t>(offset + i), held[i], bytes[i]});
     }
-    cells[i] &= bytes[i];
   }
 }
 
-std::span<u_int8_t> Chip::Sector(u_int32_t offset) {
-  ASSERT_ALWAYS(IsFlash() && Holds(offset, 1));
-  return _cells->Bytes().subspan(offset - offset % _sector_size, _sector_size);
+void Chip::Program(std::uint32_t offset, device::View bytes) {
+  Require(Holds(offset, bytes.size()));
+  NoteViolations(offset, bytes);
+  _chip.Program(offset, bytes);
 }
 
-void Chip::EraseSector(u_int32_t offset) {
-  std::ranges::fill(Sector(offset), ERASED);
-  ++_erase_counts[offset / _sector_size];
+void Chip::EraseSector(std::uint32_t offset) {
+  Require(IsFlash() && Holds(offset, 1));
+  _chip.EraseSector(offset);
+  ++_erase_counts[offset / SectorSize()];
 }
 
-void Chip::ProgramPart(u_int32_t offset, std::span<const u_int8_t> bytes, Rng& rng) {
-  ASSERT_ALWAYS(Holds(offset, bytes.size()));
+void Chip::ProgramPart(std::uint32_t offset, device::View bytes, Rng& rng) {
+  Require(Holds(offset, bytes.size()));
   if (bytes.empty()) return;
-  const std::size_t words = (bytes.size() + WORD_SIZE - 1) / WORD_SIZE;
-  const std::size_t torn = rng() % words * WORD_SIZE;
-  Program(offset, bytes.first(torn));
-  const auto wanted = bytes.subspan(torn, std::min(WORD_SIZE, bytes.size() - torn));
-  std::vector<u_int8_t> mix;
-  for (std::size_t i = 0; i < wanted.size(); ++i) {
-    const u_int8_t held = Bytes()[offset + torn + i];
-    const auto done = static_cast<u_int8_t>(rng());
-    mix.push_back(static_cast<u_int8_t>((held & ~done) | (wanted[i] & done)));
+  device::Tear tear{.word = rng() % device::WordsIn(bytes.size())};
+  const std::size_t torn = tear.word * device::WORD_SIZE;
+  const std::size_t end = std::min<std::size_t>(torn + device::WORD_SIZE, bytes.size());
+  // What arrives at the chip: of the torn word the bits that are held, but for those that are done.
+  device::Bytes arrived(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(end));
+  for (std::size_t i = torn; i < end; ++i) {
+    tear.done[i - torn] = static_cast<std::uint8_t>(rng());
+    arrived[i] = device::Programmed(device::MemoryKind::EEPROM, Bytes()[offset + i], bytes[i],
+                                    tear.done[i - torn]);
   }
-  Program(static_cast<u_int32_t>(offset + torn), mix);
+  NoteViolations(offset, arrived);
+  _chip.ProgramTorn(offset, bytes, tear);
 }
 
-void Chip::ErasePart(u_int32_t offset, Rng& rng) {
-  for (u_int8_t& cell : Sector(offset)) {
-    if (rng() % 2 != 0) cell = ERASED;
-  }
+void Chip::ErasePart(std::uint32_t offset, Rng& rng) {
+  Require(IsFlash() && Holds(offset, 1));
+  _chip.EraseSectorTorn(offset, [&rng](std::size_t) { return rng() % 2 != 0; });
 }
 
 }  // namespace sim
