@@ -13,7 +13,7 @@ namespace device {
 namespace {
 
 /// Why one device is not burnt; the others are.
-struct Refusal {
+struct DeviceRefusal {
   std::string reason;
 };
 
@@ -51,7 +51,7 @@ class MemoryTarget : public BurnTarget {
 
  private:
   Cells Part(std::uint32_t addr, std::uint64_t size) {
-    if (!_memory.Holds(addr, size)) throw Refusal{OUT_OF_RANGE};
+    if (!_memory.Holds(addr, size)) throw DeviceRefusal{OUT_OF_RANGE};
     return Cells(_memory.bytes).subspan(addr, size);
   }
 
@@ -267,6 +267,8 @@ std::vector<CrcField> Burn::CrcsIn(const Range& range) const {
            << ").";
       throw BurnError(text.str());
     }
+    // The burner stops dead over such a CRC, and nobody can tell what it would have been.
+    if (crc.size % WORD_SIZE != 0) throw UnevenCrcError(crc);
     crcs.push_back(crc);
   }
   return crcs;
@@ -317,7 +319,6 @@ void Burn::WriteFieldsAndCrcs(Writer& writer, Bytes& data, const Range& range,
     std::ranges::copy(value, data.begin() + (field.addr - range.addr));
   }
   for (const CrcField& crc : crcs) {
-    if (crc.size % WORD_SIZE != 0) throw UnevenCrcError(crc);
     const View covered = View(data).subspan(crc.from - range.addr, crc.size);
     writer.Program(crc.addr, WordBytes(CrcOf(covered)));
   }
@@ -466,7 +467,7 @@ Outcome Burn::After(const Memory& before, const Belief& belief) const {
     if (outcome.refusal.empty() && plan.moves_second)
       outcome.refusal = Move(writer, outcome.memory);
     if (outcome.refusal.empty()) WriteByPlan(writer, plan);
-  } catch (const Refusal& refusal) {
+  } catch (const DeviceRefusal& refusal) {
     outcome.refusal = refusal.reason;
   } catch (const BurnError& error) {
     outcome.refusal = error.what();
@@ -481,6 +482,7 @@ void Burn::Fill(BurnTarget& target, std::uint32_t sector_size, const FillPart& p
   // What a device was made with does not depend on how it will be burnt.
   const Burn burn(_image, part.slot ? BurnKind::FAILSAFE : BurnKind::PLAIN, _values);
   if (!part.slot) return burn.Write(target, sector_size, {});
+  if (burn.Slots() == SlotKind::NONE) throw BurnError("the image is for a device without slots");
   Writer writer(_image, target, sector_size);
   burn.FillSlot(writer, part);
 }
@@ -509,7 +511,7 @@ void OnMemory(Memory& memory, const std::function<void(BurnTarget&)>& action) {
   MemoryTarget target(memory);
   try {
     action(target);
-  } catch (const Refusal& refusal) {
+  } catch (const DeviceRefusal& refusal) {
     throw BurnError(refusal.reason);
   }
 }

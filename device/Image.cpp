@@ -69,6 +69,16 @@ std::optional<ChipPlace> Image::PlaceOf(std::uint32_t addr) const {
   return std::nullopt;
 }
 
+std::uint64_t Image::LeftInChip(std::uint32_t addr) const {
+  if (map.empty()) return ADDRESS_SPACE - addr;
+  std::uint64_t end = 0;
+  for (const MappedChip& mapped : map) {
+    end += mapped.size;
+    if (addr < end) return end - addr;
+  }
+  return 0;
+}
+
 std::optional<std::uint32_t> Image::AddressOf(ChipPlace place) const {
   if (map.empty()) return place.chip == 0 ? std::optional(place.offset) : std::nullopt;
   std::uint32_t base = 0;

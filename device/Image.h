@@ -106,6 +106,9 @@ struct Image {
   std::optional<std::uint64_t> MappedSize() const;
   /// Where an address lies; nothing past the device map.
   std::optional<ChipPlace> PlaceOf(std::uint32_t addr) const;
+  /// Bytes from an address to the end of its chip: those that one request can reach. 0 past the
+  /// device map.
+  std::uint64_t LeftInChip(std::uint32_t addr) const;
   /// The address of a place in a chip, in 32 bits; nothing where the map lacks the chip. An offset
   /// past the chip's end reaches into the next one.
   std::optional<std::uint32_t> AddressOf(ChipPlace place) const;

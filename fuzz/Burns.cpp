@@ -6,9 +6,9 @@
 #include <set>
 
 #include "sim/Family.h"
-#include "sim/LocalRom.h"
 #include "src/main.h"
 #include "src/utils.h"
+#include "tests/support/LocalRom.h"
 
 namespace fuzz {
 
@@ -162,10 +162,10 @@ BurnOptions::BurnOptions(Input& input)
 Ending Burn(FwImage& image, const BurnOptions& options, sim::Fabric& fabric, const Tamper& tamper) {
   Fill(fabric, image, options);
   if (IsFlash(image.DevType())) {
-    Tampered<sim::LocalFlash> rom(fabric, options.log2_chunk_align, tamper);
+    Tampered<LocalFlash> rom(fabric, options.log2_chunk_align, tamper);
     return BurnThrough(rom, image, options, fabric);
   }
-  Tampered<sim::LocalI2c> rom(fabric, options.log2_chunk_align, tamper);
+  Tampered<LocalI2c> rom(fabric, options.log2_chunk_align, tamper);
   return BurnThrough(rom, image, options, fabric);
 }
 

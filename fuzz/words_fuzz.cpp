@@ -2,7 +2,7 @@
 // results of each kind of operation, and the numbers of the greeting.
 #include "fuzz/Fuzz.h"
 #include "sim/Fabric.h"
-#include "sim/LocalRom.h"
+#include "src/RomInterface.h"
 
 namespace {
 

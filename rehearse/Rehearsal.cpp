@@ -16,16 +16,15 @@
 #include <thread>
 
 #include "common/ChildProcess.h"
+#include "device/Chip.h"
 #include "protocol/Server.h"
 #include "sim/FabricFile.h"
-#include "sim/LocalRom.h"
-#include "src/utils.h"
+#include "sim/Filling.h"
 
 namespace sim {
 
 namespace {
 
-constexpr std::size_t WORD_SIZE = 4;
 constexpr std::size_t MOST_EXCEPTIONS = 200;  ///< more of them tell nothing new
 
 /// A change of memory in the log of a burn.
@@ -53,14 +52,8 @@ u_int32_t Chance(unsigned seed, std::size_t operation, std::size_t place) {
   return static_cast<u_int32_t>(x >> 29);
 }
 
-/// What a byte holds after `wanted` was programmed over it, in the bits of `done`.
-u_int8_t Programmed(bool is_flash, u_int8_t held, u_int8_t wanted, u_int8_t done) {
-  const auto target = static_cast<u_int8_t>(is_flash ? held & wanted : wanted);
-  return static_cast<u_int8_t>((held & ~done) | (target & done));
-}
-
 std::size_t Words(const LoggedOperation& operation) {
-  return (operation.bytes.size() + WORD_SIZE - 1) / WORD_SIZE;
+  return device::WordsIn(operation.bytes.size());
 }
 
 /// How many cuts an operation has, and which the n-th is.
@@ -80,22 +73,38 @@ Cut NthCut(const LoggedOperation& operation, std::size_t index, std::size_t n) {
 template <typename Held, typename Set>
 void ApplyCut(const LoggedOperation& operation, bool is_flash, const Cut& cut, unsigned seed,
               Held held, Set set) {
-  if (operation.kind == Operation::ERASE) {
-    for (u_int32_t i = 0; i < operation.size; ++i) {
-      if (cut.kind == CutKind::TORN_ERASE && Chance(seed, cut.operation, i) % 2 == 0) continue;
-      set(operation.offset + i, u_int8_t{0xFF});
+  device::Bytes cells;
+  const auto change = [&](std::size_t start, std::size_t end, const auto& apply) {
+    cells.clear();
+    for (std::size_t i = start; i < end; ++i) {
+      cells.push_back(held(static_cast<u_int32_t>(operation.offset + i)));
     }
+    apply();
+    for (std::size_t i = start; i < end; ++i) {
+      set(static_cast<u_int32_t>(operation.offset + i), cells[i - start]);
+    }
+  };
+  if (operation.kind == Operation::ERASE) {
+    change(0, operation.size, [&] {
+      if (cut.kind == CutKind::AFTER_ERASE) return device::Erase(cells);
+      device::EraseTorn(
+          cells, [&](std::size_t cell) { return Chance(seed, cut.operation, cell) % 2 != 0; });
+    });
     return;
   }
-  u_int32_t done = 0xFFFFFFFF;  // bits that are written
-  if (cut.kind == CutKind::TORN_WORD) done = Chance(seed, cut.operation, cut.word);
-  const std::size_t start = cut.word * WORD_SIZE;
-  const std::size_t end = std::min(start + WORD_SIZE, operation.bytes.size());
-  for (std::size_t i = start; i < end; ++i, done >>= 8) {
-    const auto offset = static_cast<u_int32_t>(operation.offset + i);
-    set(offset,
-        Programmed(is_flash, held(offset), operation.bytes[i], static_cast<u_int8_t>(done & 0xFF)));
-  }
+  const std::size_t start = cut.word * device::WORD_SIZE;
+  const std::size_t end = std::min<std::size_t>(start + device::WORD_SIZE, operation.bytes.size());
+  change(start, end, [&] {
+    const auto kind = is_flash ? device::MemoryKind::FLASH : device::MemoryKind::EEPROM;
+    const device::View word = device::View(operation.bytes).subspan(start, end - start);
+    if (cut.kind == CutKind::AFTER_WORD) return device::Program(kind, cells, word);
+    const u_int32_t done = Chance(seed, cut.operation, cut.word);
+    device::Tear tear;
+    for (std::size_t i = 0; i < tear.done.size(); ++i) {
+      tear.done[i] = static_cast<u_int8_t>(done >> 8 * i);
+    }
+    device::ProgramTorn(kind, cells, word, tear);
+  });
 }
 
 /// How a run of the burner ended.
@@ -213,10 +222,7 @@ class Rehearsal {
   void Prepare() {
     LoadFabric(_options.fabric_file, {}, _initial);
     _initial.faults = {};  // the only thing that goes wrong here is what the rehearsal does
-    {
-      const QuietConsole quiet;
-      _image.Open(_options.image_file.c_str(), READ);
-    }
+    _image = ReadImageFile(_options.image_file);
     GuidSet guids;  // a device may be named by each of its GUIDs
     for (const Guid guid : _options.guids) {
       const Device* device = _initial.Find(guid);
@@ -229,10 +235,10 @@ class Rehearsal {
     _guids.assign(guids.begin(), guids.end());
     _report.devices = _guids.size();
     for (const Guid guid : _guids) {
-      const BootJudge judge = MakeJudge(*_initial.Find(guid));
-      const BootVerdict verdict = judge.Verdict();
+      const device::Judge judge = MakeJudge(*_initial.Find(guid));
+      const device::Verdict verdict = judge.Look();
       _judges.emplace(guid, judge);
-      if (verdict.Boots()) continue;
+      if (verdict.BootsWhole()) continue;
       _unbootable.insert(guid);
       ++_report.unbootable_at_start;
       AddException({.device = guid,
@@ -242,32 +248,33 @@ class Rehearsal {
     }
   }
 
-  const FwImage::Conv& Conv() { return MapOf(_image); }
-
   /// A judge over a device as it was before the burn. What is whole comes from the image files
   /// themselves where the fabric file names them, and not from the burn that is on trial.
-  BootJudge MakeJudge(const Device& device) {
-    BootJudge judge(BootLayout(_image, device.chips.begin()->second.SectorSize()),
-                    LinearMemory(device, Conv()));
+  device::Judge MakeJudge(const Device& device) {
+    const device::Memory memory = MemoryOf(device, _image);
+    if (!memory.Holds(0, memory.sector_size)) {
+      throw JudgeError(
+          Text("The image's slots lie past the ", memory.bytes.size(), " bytes of its device map"));
+    }
+    device::Judge judge(LayoutOf(_image, _options.image_file, memory.sector_size), memory.bytes);
     try {
       for (const std::string& file : device.images) {
-        judge.KnowImageFile(device, file, SlotState::OLD);
+        KnowImageFile(judge, device, file, device::Whole::OLD);
       }
-    } catch (const BraidError&) {
-      judge.KnowPresentImages();  // an image of another make: what is marked valid must do
+    } catch (const JudgeError&) {
+      judge.KnowPresentImages();  // an image of another make: what boots must do
     }
     if (device.images.empty()) judge.KnowPresentImages();
     judge.KnowPresentInvariantSector();
-    judge.KnowImageFile(device, _options.image_file, SlotState::NEW);
+    KnowImageFile(judge, device, _options.image_file, device::Whole::NEW);
     return judge;
   }
 
   /// What a device of another fabric, burnt from the same start, is worth.
-  BootVerdict VerdictOn(const Fabric& fabric, Guid guid) {
-    BootJudge judge = _judges.at(guid);
-    const DataVec memory = LinearMemory(*fabric.Find(guid), Conv());
-    for (u_int32_t addr = 0; addr < memory.size(); ++addr) judge.Set(addr, memory[addr]);
-    return judge.Verdict();
+  device::Verdict VerdictOn(const Fabric& fabric, Guid guid) {
+    device::Judge judge = _judges.at(guid);
+    judge.SetAll(MemoryOf(*fabric.Find(guid), _image).bytes);
+    return judge.Look();
   }
 
   void BurnCleanly() {
@@ -294,7 +301,7 @@ class Rehearsal {
     }
     _has_moved = run.console.find("Moving image position") != std::string::npos;
     for (const Guid guid : _guids) {
-      const BootVerdict end = VerdictOn(fabric, guid);
+      const device::Verdict end = VerdictOn(fabric, guid);
       if (_unbootable.contains(guid) || IsAsItShouldEnd(end)) continue;
       _ends_well = false;
       AddException({.device = guid,
@@ -305,15 +312,16 @@ class Rehearsal {
     Say("burning", 1, 1);
   }
 
-  std::string ReasonForEnd(Guid guid, const BootVerdict& end, const std::string& console) const {
+  std::string ReasonForEnd(Guid guid, const device::Verdict& end,
+                           const std::string& console) const {
     const std::string failure = "BURN FAILED:" + HexGuid(guid) + ":";
     if (const std::size_t at = console.find(failure); at != std::string::npos) {
       const std::size_t text = at + failure.size();
       return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
     }
-    if (FamilyOf(_image.DevType()) != Family::BOOT_RECORDS || IsGeneric())
+    if (_image.Slots() != device::SlotKind::BOOT_RECORDS || IsGeneric())
       return "the image as burnt is no valid new one";
-    return std::ranges::count(end.slots, SlotState::INVALID) > 0
+    return end.CountInvalid() > 0
                ? "the image's own boot record is not valid in each slot"
                : "a CRC covers the first word of the boot record, which is held back";
   }
@@ -321,12 +329,10 @@ class Rehearsal {
   bool IsGeneric() const { return _report.algorithm == "GenericBurn"; }
 
   /// After a burn one slot of a flash is valid and new, and both of an RV61300.
-  bool IsAsItShouldEnd(const BootVerdict& verdict) const {
-    const auto is_new = [](SlotState state) { return state == SlotState::NEW; };
+  bool IsAsItShouldEnd(const device::Verdict& verdict) const {
     if (!verdict.invariant_is_whole) return false;
-    const auto count = std::ranges::count_if(verdict.slots, is_new);
-    if (FamilyOf(_image.DevType()) == Family::BOOT_RECORDS) return count == 2;
-    return count == 1 && std::ranges::count(verdict.slots, SlotState::INVALID) == 1;
+    if (_image.Slots() == device::SlotKind::BOOT_RECORDS) return verdict.CountNew() == 2;
+    return verdict.CountNew() == 1 && verdict.CountInvalid() == 1;
   }
 
   std::size_t Total() const {
@@ -364,15 +370,15 @@ class Rehearsal {
     std::size_t point = _swept;
     for (const LoggedOperation& operation : log) _swept += CutsOf(operation);
     if (_unbootable.contains(guid)) return;
-    BootJudge judge = _judges.at(guid);
+    device::Judge judge = _judges.at(guid);
     const bool is_flash = _initial.Find(guid)->kind == MemoryKind::FLASH;
-    BootVerdict last;  // of the point before, where that is an exception
+    device::Verdict last;  // of the point before, where that is an exception
     bool goes_on = false;
     for (std::size_t i = 0; i < log.size(); ++i) {
       const LoggedOperation& operation = log[i];
       const auto held = [&](u_int32_t offset) {
         const auto addr = LinearOf(operation.chip, offset);
-        return addr ? judge.Memory()[*addr] : u_int8_t{0xFF};
+        return addr ? judge.Bytes()[*addr] : u_int8_t{0xFF};
       };
       const auto set = [&](u_int32_t offset, u_int8_t byte) {
         if (const auto addr = LinearOf(operation.chip, offset)) judge.Set(*addr, byte);
@@ -384,9 +390,9 @@ class Rehearsal {
                                                _options.at->place == point);
         if (!is_asked) continue;
         ++_report.points[cut.kind];
-        const BootVerdict verdict = judge.Verdict();
+        const device::Verdict verdict = judge.Look();
         Count(verdict);
-        if (IsSafe(verdict)) {
+        if (verdict.IsSafe()) {
           goes_on = false;
         } else if (goes_on && last == verdict) {
           ++_report.exceptions.back().points;
@@ -408,15 +414,10 @@ class Rehearsal {
     Say("sweeping", log.size(), log.size());
   }
 
-  /// It boots, whichever slot that is marked valid the boot code takes.
-  static bool IsSafe(const BootVerdict& verdict) {
-    return verdict.Boots() && std::ranges::count(verdict.slots, SlotState::BROKEN) == 0;
-  }
-
-  void Count(const BootVerdict& verdict) {
-    if (!verdict.Boots()) {
+  void Count(const device::Verdict& verdict) {
+    if (!verdict.BootsWhole()) {
       ++_report.unbootable;
-    } else if (!IsSafe(verdict)) {
+    } else if (!verdict.IsSafe()) {
       ++_report.may_not_boot;
     } else {
       ++(verdict.BootsNew() ? _report.boot_new : _report.boot_old);
@@ -425,15 +426,9 @@ class Rehearsal {
 
   /// Where a byte of a chip lies in the image's address space; nothing past its device map.
   std::optional<u_int32_t> LinearOf(u_int8_t chip, u_int32_t offset) const {
-    const auto& conv = MapOf(_image);
-    if (conv._devmap.empty()) return chip == 0 ? std::optional(offset) : std::nullopt;
-    u_int32_t base = 0;
-    for (const EeLoc& mapped : conv._devmap) {
-      if (mapped.dev == chip)
-        return offset < mapped.offset ? std::optional(base + offset) : std::nullopt;
-      base += mapped.offset;
-    }
-    return {};
+    const auto addr = _image.AddressOf({chip, offset});
+    if (!addr || _image.PlaceOf(*addr) != device::ChipPlace{chip, offset}) return std::nullopt;
+    return addr;
   }
 
   static std::string Command(const LoggedOperation& operation) {
@@ -446,49 +441,49 @@ class Rehearsal {
     if (!linear) return "what the device map leaves out";
     const u_int32_t addr = *linear;
     const u_int32_t sector = _initial.Find(guid)->chips.begin()->second.SectorSize();
-    const BootLayout layout(_image, sector);
-    for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
+    const device::BootLayout layout = LayoutOf(_image, _options.image_file, sector);
+    for (u_int32_t slot = 0; slot < device::SLOTS; ++slot) {
       const u_int32_t record = layout.records[slot];
-      if (layout.has_pointer_sectors && addr >= record && addr - record < sector) {
+      if (layout.HasPointerSectors() && addr >= record && addr - record < sector) {
         return Text("pointer sector ", slot, " at 0x", std::hex, addr);
       }
     }
-    if (layout.has_pointer_sectors && addr < sector) {
+    if (layout.HasPointerSectors() && addr < sector) {
       return Text("invariant sector at 0x", std::hex, addr);
     }
-    const u_int32_t slot = addr >= _image.GetImageAddr(1) ? 1 : 0;
+    const u_int32_t slot = addr >= _image.slots[1].image ? 1 : 0;
     return Text("image slot ", slot, " at 0x", std::hex, addr);
   }
 
-  std::string ReasonFor(Guid guid, const BootVerdict& verdict) const {
+  std::string ReasonFor(Guid guid, const device::Verdict& verdict) const {
     if (IsGeneric()) return "a burn that is not failsafe writes over what boots";
     if (!verdict.invariant_is_whole) {
       return "the invariant sector is rewritten: there is only one of it";
     }
-    const BootJudge& before = _judges.at(guid);
-    const BootVerdict start = before.Verdict();
-    if (std::ranges::count(start.slots, SlotState::BROKEN) > 0) {
+    const device::Judge& before = _judges.at(guid);
+    const device::Verdict start = before.Look();
+    if (start.HasBroken()) {
       return "a slot was marked valid before the burn, and its image was not whole";
     }
-    if (FamilyOf(_image.DevType()) != Family::BOOT_RECORDS) {
-      for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-        if (before.IsSigned(slot) && !before.IsValid(slot)) {
+    if (_image.Slots() != device::SlotKind::BOOT_RECORDS) {
+      for (u_int32_t slot = 0; slot < device::SLOTS; ++slot) {
+        if (before.IsSigned(slot) && !before.Boots(slot)) {
           return "a record bore a signature before the burn, and its CRC was wrong: a burn goes by "
                  "the signature";
         }
       }
-      if (_has_moved && verdict.slots[1] == SlotState::BROKEN) {
+      if (_has_moved && verdict.slots[1].BootsBroken()) {
         return "the copy of the second image overlaps the second image, the only valid one";
       }
-      if (verdict.slots[0] == SlotState::BROKEN && start.slots[0] != SlotState::INVALID) {
+      if (verdict.slots[0].BootsBroken() && start.slots[0].boots) {
         return "the old first image reaches into the second slot";
       }
-      if (verdict.slots[1] == SlotState::BROKEN) {
+      if (verdict.slots[1].BootsBroken()) {
         return "the new first image reaches into the second slot";
       }
     } else if (!_ends_well) {
       return "the image as burnt is no valid new one in each slot";
-    } else if (verdict.slots[0] == SlotState::BROKEN || verdict.slots[1] == SlotState::BROKEN) {
+    } else if (verdict.slots[0].BootsBroken() || verdict.slots[1].BootsBroken()) {
       return "a mix of an old and a new boot record happens to have a valid sum";
     }
     return "the order of writes leaves no image that boots";
@@ -601,7 +596,7 @@ class Rehearsal {
       fabric.faults = {};
     }
 
-    const auto exception = [&](Guid guid, const BootVerdict& verdict, const std::string& step,
+    const auto exception = [&](Guid guid, const device::Verdict& verdict, const std::string& step,
                                const std::string& reason) {
       AddException({.device = guid,
                     .first = moment,
@@ -614,8 +609,8 @@ class Rehearsal {
     for (const Guid guid : _guids) {
       const std::lock_guard lock(_mutex);
       if (_unbootable.contains(guid)) continue;
-      const BootVerdict verdict = VerdictOn(fabric, guid);
-      if (verdict.Boots()) continue;
+      const device::Verdict verdict = VerdictOn(fabric, guid);
+      if (verdict.BootsWhole()) continue;
       if (moment.kind != Interruption::POWER) {
         exception(guid, verdict, Name(moment.kind), ReasonFor(guid, verdict));
       }
@@ -628,7 +623,7 @@ class Rehearsal {
     bool is_counted = false;
     for (const Guid guid : _guids) {
       if (_unbootable.contains(guid)) continue;
-      const BootVerdict verdict = VerdictOn(fabric, guid);
+      const device::Verdict verdict = VerdictOn(fabric, guid);
       if (run.is_well && IsAsItShouldEnd(verdict)) continue;
       if (!is_counted) ++_report.unrecovered;
       is_counted = true;
@@ -665,10 +660,10 @@ class Rehearsal {
   RehearsalReport _report;
   std::mutex _mutex;  ///< over all that the recoveries share
   Fabric _initial;    ///< as before the burn
-  FwImage _image;
-  GuidVec _guids;                     ///< node GUIDs
-  std::map<Guid, BootJudge> _judges;  ///< of each device as before the burn
-  GuidSet _unbootable;                ///< before the burn
+  device::Image _image;
+  GuidVec _guids;                         ///< node GUIDs
+  std::map<Guid, device::Judge> _judges;  ///< of each device as before the burn
+  GuidSet _unbootable;                    ///< before the burn
   std::map<Guid, std::vector<LoggedOperation>> _log;
   bool _ends_well = true;   ///< the burn without an interruption, on every device
   bool _has_moved = false;  ///< it moved an image

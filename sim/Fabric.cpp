@@ -6,7 +6,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "sim/LocalRom.h"
 #include "src/utils.h"
 
 namespace sim {

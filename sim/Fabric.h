@@ -16,6 +16,11 @@
 #include "sim/Memory.h"
 #include "src/BraidGeneral.h"
 
+namespace device {
+struct FillPart;
+struct Image;
+}  // namespace device
+
 namespace sim {
 
 constexpr std::size_t VSD_SIZE = 208;
@@ -78,9 +83,13 @@ class Fabric {
   /// Executes one request, given as text, faults included, and tells what to send for it.
   Reply Execute(const std::string& text);
 
-  /// Burns an image file, given as text, into the devices, as the image burn commands do. Returns
+  /// Fills the devices with an image file, given as text, as the image burn commands do. Returns
   /// the answer.
   std::string BurnImage(const GuidVec& guids, const std::string& image);
+
+  /// Fills a device with an image, past faults and limits of the server, as if it were made with
+  /// it. Throws FillError.
+  void Fill(Guid guid, const device::Image& image, const device::FillPart& part);
 
   ServerFacts facts;
   FaultLayer faults;
@@ -90,6 +99,7 @@ class Fabric {
   struct Command;
   struct Request;
   struct Refusal;
+  class FillTarget;
 
   static Request Parse(const std::string& text);
   Reply Run(const Request& request);

@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "common/TomlReader.h"
-#include "sim/LocalRom.h"
+#include "sim/Filling.h"
 
 namespace sim {
 
@@ -161,10 +161,10 @@ void FillContents(TomlReader& reader, Fabric& fabric, Device& device) {
       chip->second.Load(at.value_or(0), bytes);
     } else {
       try {
-        BurnInto(fabric, device.node_guid, contents.Path(*image).string(),
-                 {.slot = slot, .is_valid = is_valid.value_or(true)});
-      } catch (const BraidError& error) {
-        contents.Throw("can't burn the image: " + error.Des());
+        FillFromFile(fabric, device.node_guid, contents.Path(*image).string(),
+                     {.slot = slot, .is_valid = is_valid.value_or(true)});
+      } catch (const FillError& error) {
+        contents.Throw(std::string("can't burn the image: ") + error.what());
       }
     }
   }

@@ -10,8 +10,9 @@
 #include <stdexcept>
 
 #include "common/Files.h"
+#include "common/QuietConsole.h"
+#include "common/Text.h"
 #include "sim/Family.h"
-#include "sim/LocalRom.h"
 #include "src/RomInterface.h"
 #include "verify/Prediction.h"
 
@@ -166,22 +167,17 @@ class Device {
         _map(sim::MapOf(image)._devmap),
         _is_flash(sim::IsFlash(image.DevType())) {}
 
-  /// What its slots are worth, by records that lie where `layout` has them.
-  void JudgeSlots(const sim::BootLayout& layout) {
-    const u_int32_t size = layout.has_pointer_sectors ? sim::PS_RECORD_SIZE : sim::BOOT_RECORD_SIZE;
-    // The judge gets the records only, end to end.
-    sim::BootLayout packed = layout;
-    DataVec records;
-    for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
+  /// Whether its slots boot, by records that lie where `layout` has them.
+  void JudgeSlots(const device::BootLayout& layout) {
+    const u_int32_t size = layout.RecordSize();
+    for (u_int32_t slot = 0; slot < device::SLOTS; ++slot) {
       const u_int32_t addr = layout.records[slot];
-      packed.records[slot] = static_cast<u_int32_t>(records.size());
-      const DataVec record = Holds(addr, size) ? Read(addr, size) : DataVec(size, 0xFF);
-      records.insert(records.end(), record.begin(), record.end());
-    }
-    const sim::BootJudge judge(packed, std::move(records));
-    for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-      if (judge.IsValid(slot)) _valid.push_back(slot);
-      if (judge.IsValid(slot) || judge.IsSigned(slot)) _marked.push_back(slot);
+      if (!Holds(addr, size)) continue;
+      const DataVec record = Read(addr, size);
+      const bool boots = device::RecordBoots(layout.kind, slot, record);
+      if (boots) _valid.push_back(slot);
+      const bool is_signed = layout.HasPointerSectors() && device::RecordIsSigned(record);
+      if (boots || is_signed) _marked.push_back(slot);
     }
   }
   const std::vector<u_int32_t>& ValidSlots() const { return _valid; }
@@ -211,7 +207,7 @@ class Device {
   /// that nobody compares are no part of the verdict.
   void Save(const std::filesystem::path& folder) {
     const auto fail = [this](const std::string& reason) {
-      throw SaveFailure{"can't save the memory of " + sim::HexGuid(_guid) + ": " + reason};
+      throw SaveFailure{"can't save the memory of " + common::HexGuid(_guid) + ": " + reason};
     };
     try {
       SaveChips(folder);
@@ -227,10 +223,10 @@ class Device {
   void SaveChips(const std::filesystem::path& folder) {
     const u_int64_t size = MemorySize();
     if (size > Verifier::MOST_SAVED) {
-      throw SaveFailure{Text("the memory of ", sim::HexGuid(_guid), " has ", size,
+      throw SaveFailure{Text("the memory of ", common::HexGuid(_guid), " has ", size,
                              " bytes, and no more than ", Verifier::MOST_SAVED, " are saved")};
     }
-    const std::string head = sim::HexGuid(_reader.NodeGuid(_guid));
+    const std::string head = common::HexGuid(_reader.NodeGuid(_guid));
     if (_is_flash || _map.empty()) {
       SaveChip(folder / (head + (_is_flash ? ".flash" : ".0.i2c")), 0, size);
       return;
@@ -443,12 +439,22 @@ class Device {
   std::vector<u_int32_t> _marked;
 };
 
-std::optional<sim::BootLayout> LayoutOf(const FwImage& image) {
+/// Nothing where it places no slots.
+std::optional<device::BootLayout> LayoutOf(const FwImage& image) {
+  device::BootLayout layout;
+  const sim::Family family = sim::FamilyOf(image.DevType());
+  const bool has_pointer_sectors = family == sim::Family::POINTER_SECTORS;
+  if (!has_pointer_sectors && family != sim::Family::BOOT_RECORDS) return std::nullopt;
+  layout.kind =
+      has_pointer_sectors ? device::SlotKind::POINTER_SECTORS : device::SlotKind::BOOT_RECORDS;
   try {
-    return sim::BootLayout(image, 0);
+    for (u_int32_t slot = 0; slot < device::SLOTS; ++slot) {
+      layout.records[slot] = has_pointer_sectors ? image.GetPsAddr(slot) : image.GetImageAddr(slot);
+    }
   } catch (const BraidError&) {
-    return std::nullopt;  // it places no slots
+    return std::nullopt;
   }
+  return layout;
 }
 
 }  // namespace
@@ -479,7 +485,7 @@ void CheckServerForm(const std::string& server) {
 Verifier::Verifier(const std::string& image_file, const std::string& server, SlotChoice choice,
                    const std::optional<std::string>& save)
     : _server(server), _choice(choice), _save(save) {
-  const sim::QuietConsole quiet;
+  const common::QuietConsole quiet;
   _image.Open(image_file.c_str(), READ);
   _warnings = quiet.Swallowed();
   if (sim::FamilyOf(_image.DevType()) == sim::Family::UNKNOWN) {
@@ -490,7 +496,7 @@ Verifier::Verifier(const std::string& image_file, const std::string& server, Slo
 }
 
 DeviceFinding Verifier::Verify(Guid guid) {
-  const sim::QuietConsole quiet;
+  const common::QuietConsole quiet;
   std::unique_ptr<Reader> reader;
   if (sim::IsFlash(_image.DevType())) {
     reader = std::make_unique<ReaderOf<RemoteFlashInterface>>();
@@ -521,7 +527,7 @@ DeviceFinding Verifier::Verify(Guid guid) {
     } else {
       if (_choice != SlotChoice::AUTO) {
         finding.slots = {_choice == SlotChoice::FIRST ? 0u : 1u};
-      } else if (_layout->has_pointer_sectors) {
+      } else if (_layout->HasPointerSectors()) {
         finding.slots = device.MarkedSlots();
       } else {
         finding.slots = {0, 1};

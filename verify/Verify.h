@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/Boot.h"
+#include "device/Boot.h"
 #include "src/FwImage.h"
 
 namespace tools {
@@ -79,7 +79,7 @@ class Verifier {
   SlotChoice _choice;
   std::optional<std::string> _save;
   FwImage _image;
-  std::optional<sim::BootLayout> _layout;  ///< where the image places the records of its slots
+  std::optional<device::BootLayout> _layout;  ///< where the image places the records of its slots
   bool _has_slots = false;
   std::string _warnings;
 };

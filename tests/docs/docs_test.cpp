@@ -15,7 +15,6 @@
 #include "protocol/Server.h"
 #include "protocol/Session.h"
 #include "sim/FabricFile.h"
-#include "sim/LocalRom.h"
 #include "src/main.h"
 #include "src/utils.h"
 #include "tests/support/Harness.h"

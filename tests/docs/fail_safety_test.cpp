@@ -1,8 +1,9 @@
 // Every state in which an interruption can leave a device, and what the next run makes of it. Each
 // row of the tables in docs/fail-safety.md names its test here.
 #include "sim/Boot.h"
-#include "sim/LocalRom.h"
+#include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
+#include "tests/support/LocalRom.h"
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 
@@ -33,7 +34,7 @@ class FailSafetyTest : public ConsoleTest, public testing::WithParamInterface<Ro
     for (u_int32_t slot = 0; slot < 2; ++slot) {
       if (slots[slot] == '-') continue;
       const std::string file = slots[slot] == 'n' ? _new : _old;
-      sim::BurnInto(_fabric, 0x10, file, {.slot = slot, .is_valid = slots[slot] != 'x'});
+      sim::FillFromFile(_fabric, 0x10, file, {.slot = slot, .is_valid = slots[slot] != 'x'});
     }
     _fabric.Find(0x10)->images = {_old};
   }
@@ -98,7 +99,7 @@ class FlashFailSafetyTest : public FailSafetyTest {
     _old = _folder.Write("old.img", old_image.Text());
     _new = _folder.Write("new.img", new_image.Text());
   }
-  std::string BurnFlash() { return Burn<sim::LocalFlash, RV52100FailsafeBurn>(true, false); }
+  std::string BurnFlash() { return Burn<LocalFlash, RV52100FailsafeBurn>(true, false); }
 };
 
 constexpr char BOTH[] = "-I- Both images valid:  1\n";
@@ -249,7 +250,7 @@ class BootRecordTest : public FailSafetyTest {
 };
 
 TEST_P(BootRecordTest, IsLeftAndRecoveredAsTheTableSays) {
-  Run(GetParam(), [this] { return Burn<sim::LocalI2c, RV61300FailsafeBurn>(false); });
+  Run(GetParam(), [this] { return Burn<LocalI2c, RV61300FailsafeBurn>(false); });
 }
 
 constexpr char BOTH_RECORDS[] = "-I- Both valid:      1\n";
@@ -290,7 +291,7 @@ class NotFailsafeRecord : public BootRecordTest {
     DataVec data = EepromData(0x02);
     change(data);
     _new = _folder.Write("new.img", EepromText(data) + directives);
-    Burn<sim::LocalI2c, RV61300FailsafeBurn>(false);
+    Burn<LocalI2c, RV61300FailsafeBurn>(false);
   }
 };
 
@@ -326,7 +327,7 @@ TEST_F(NotFailsafeRecord, TornSoThatItAddsUp) {
     fault.command = "Write";
     fault.seed = seed;
     _fabric.faults.Add(fault);
-    Burn<sim::LocalI2c, RV61300FailsafeBurn>(false);
+    Burn<LocalI2c, RV61300FailsafeBurn>(false);
     _fabric.Find(0x10)->has_power = true;
     const std::string report = Report();
     adds_up = report == "boots old: slot 0 broken, slot 1 old";

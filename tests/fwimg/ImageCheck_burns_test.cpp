@@ -2,8 +2,9 @@
 #include <algorithm>
 
 #include "fwimg/ImageCheck.h"
-#include "sim/LocalRom.h"
+#include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
+#include "tests/support/LocalRom.h"
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 
@@ -44,10 +45,10 @@ class FwimgBurnsTest : public ConsoleTest {
     return reason;
   }
   std::string BurnFlash(const std::string& text) {
-    return Burn<sim::LocalFlash, RV52100FailsafeBurn>(text, false, false);
+    return Burn<LocalFlash, RV52100FailsafeBurn>(text, false, false);
   }
   std::string BurnFlashWhole(const std::string& text) {
-    return Burn<sim::LocalFlash, GenericBurn>(text);
+    return Burn<LocalFlash, GenericBurn>(text);
   }
 
   sim::Device& AddEeproms(const std::vector<u_int32_t>& sizes) {
@@ -103,7 +104,7 @@ TEST_F(FwimgBurnsTest, APointerSectorIsAcceptedJustWhereBothSlotsBootAfterTheirB
     _fabric.Add(FlashDevice(DEVICE, 0x3000, SECTOR));
     // The first slot as an earlier burn has left it.
     const std::string first = FlashImage{}.Text();
-    sim::BurnInto(_fabric, DEVICE, _folder.Write("old.img", first), {.slot = 0});
+    sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", first), {.slot = 0});
     const DataVec before = Memory(0, IMAGE0, 0x20);
     const auto is_whole = [&](u_int32_t ps, u_int32_t at) {
       return Memory(0, ps, 264) == PointerSector(at, Movable::SIZE, true) &&
@@ -129,7 +130,7 @@ TEST_F(FwimgBurnsTest, AChunkAcrossTheEndOfADeviceIsToldJustWhereTheBurnFails) {
                                   " 50\nDEVMAP 100 51\n", Section("A", 0, data, "50"));
     _fabric = {};
     AddEeproms({end, 0x100});
-    Burn<sim::LocalI2c, GenericBurn>(text);
+    Burn<LocalI2c, GenericBurn>(text);
     DataVec burnt = Memory(0x50, 0, std::min(end, 0x80u));
     const DataVec rest = Memory(0x51, 0, 0x80 - std::min(end, 0x80u));
     burnt.insert(burnt.end(), rest.begin(), rest.end());
@@ -149,7 +150,7 @@ TEST_F(FwimgBurnsTest, ASectionInASlotIsDestroyedByItsBurn) {
     text.insert(text.find("START FIRMWARE"), Section("EXTRA", at, extra));
     _fabric = {};
     _fabric.Add(FlashDevice(DEVICE, 0x2000, SECTOR));
-    sim::BurnInto(_fabric, DEVICE, _folder.Write("old.img", FlashImage{}.Text()), {.slot = 0});
+    sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", FlashImage{}.Text()), {.slot = 0});
     auto& chip = _fabric.Find(DEVICE)->chips.at(0);
     chip.Program(at, extra);
     ASSERT_EQ(Memory(0, at, 0x10), extra);
@@ -164,7 +165,7 @@ TEST_F(FwimgBurnsTest, TheRestOfALongCommentIsBurnt) {
   const std::string text = "DEVICE_TYPE RV61100\nDEVMAP 100 50\nSTART A 0 50\n11 11 11 11\n#" +
                            std::string(1022, ' ') + "22 22 22 22\nEND A\n";
   AddEeproms({0x100});
-  EXPECT_EQ((Burn<sim::LocalI2c, GenericBurn>(text)), "(no error)");
+  EXPECT_EQ((Burn<LocalI2c, GenericBurn>(text)), "(no error)");
   EXPECT_EQ(Memory(0x50, 0, 8), Hex("11111111 22222222"));
   EXPECT_EQ(Errors(text), std::set<std::string>{"long-line-rest"});
 }
@@ -176,7 +177,7 @@ TEST_F(FwimgBurnsTest, VsdAndSignatureStayAsTheImageHasThemInAGenericBurn) {
       "REPLACE SIGNATURE d8 50\n" +
       Section("A", 0, data, "50");
   AddEeproms({0x200}).vsd = DataVec(sim::VSD_SIZE, 0x99);
-  EXPECT_EQ((Burn<sim::LocalI2c, GenericBurn>(text)), "(no error)");
+  EXPECT_EQ((Burn<LocalI2c, GenericBurn>(text)), "(no error)");
   EXPECT_EQ(Memory(0x50, 0, 0x100), data);
   EXPECT_TRUE(Finds(text, "field-not-replaced"));
 }
@@ -186,9 +187,9 @@ TEST_F(FwimgBurnsTest, ASignatureOfAnEepromIsLeftBlankByAFailsafeBurn) {
   const std::string old_text =
       Text("DEVICE_TYPE RV61300\nDEVMAP 100 50\nIMAGE 0 0 50\nIMAGE 1 80 50\n",
            Section("A", 0, EepromData(1), "50"));
-  sim::BurnInto(_fabric, DEVICE, _folder.Write("old.img", old_text), {.slot = 0});
+  sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", old_text), {.slot = 0});
   const std::string text = old_text + "REPLACE SIGNATURE 20 50\nREPLACE SIGNATURE a0 50\n";
-  EXPECT_EQ((Burn<sim::LocalI2c, RV61300FailsafeBurn>(text, false)), "(no error)");
+  EXPECT_EQ((Burn<LocalI2c, RV61300FailsafeBurn>(text, false)), "(no error)");
   EXPECT_EQ(Memory(0x50, 0x1c, 12), Hex("01010101 ffffffff 01010101"));
   EXPECT_TRUE(Finds(text, "signature-elsewhere"));
 }
@@ -197,14 +198,14 @@ TEST_F(FwimgBurnsTest, WithoutSectionsAGenericBurnSucceedsAndAFailsafeOneEnds) {
   AddEeproms({0x100});
   const std::string slots = "DEVMAP 100 50\nIMAGE 0 0 50\nIMAGE 1 80 50\n";
   const DataVec blank = Memory(0x50, 0, 0x100);
-  EXPECT_EQ((Burn<sim::LocalI2c, GenericBurn>("DEVICE_TYPE RV61100\n" + slots)), "(no error)");
+  EXPECT_EQ((Burn<LocalI2c, GenericBurn>("DEVICE_TYPE RV61100\n" + slots)), "(no error)");
   // A slot that is valid, so that the burn goes on to the image.
   const std::string old_text =
       "DEVICE_TYPE RV61300\n" + slots + Section("A", 0, EepromData(1), "50");
-  sim::BurnInto(_fabric, DEVICE, _folder.Write("old.img", old_text), {.slot = 0});
+  sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", old_text), {.slot = 0});
   const DataVec before = Memory(0x50, 0, 0x100);
   EXPECT_NE(before, blank);
-  EXPECT_NE((Burn<sim::LocalI2c, RV61300FailsafeBurn>("DEVICE_TYPE RV61300\n" + slots, false)),
+  EXPECT_NE((Burn<LocalI2c, RV61300FailsafeBurn>("DEVICE_TYPE RV61300\n" + slots, false)),
             "(no error)");
   EXPECT_EQ(Memory(0x50, 0, 0x100), before);
 }

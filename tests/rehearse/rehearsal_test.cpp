@@ -5,18 +5,15 @@
 #include <numeric>
 
 #include "sim/FabricFile.h"
-#include "sim/LocalRom.h"
+#include "sim/Filling.h"
 #include "tests/support/Harness.h"
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 
 namespace {
 
-using sim::BootJudge;
-using sim::BootLayout;
 using sim::CutKind;
 using sim::Interruption;
-using sim::SlotState;
 
 class RehearsalTest : public ConsoleTest {
  protected:
@@ -105,14 +102,14 @@ TEST_F(BootTest, PointerToAnotherPlaceIsNoWholeImage) {
 }
 
 TEST_F(BootTest, NewImageInEitherSlotIsTold) {
-  sim::BurnInto(_fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
+  sim::FillFromFile(_fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
   EXPECT_EQ(Report(), Line("boots old or new: slot 0 old, slot 1 new"));
   Poke(PS0 + 8, Hex("00000000"));
   EXPECT_EQ(Report(), Line("boots new: slot 0 invalid, slot 1 new"));
 }
 
 TEST_F(BootTest, SecondImageThatWasMovedIsAsWholeAsItWas) {
-  sim::BurnInto(_fabric, 0x10, _folder / "old.img", {.slot = 1, .is_valid = true});
+  sim::FillFromFile(_fabric, 0x10, _folder / "old.img", {.slot = 1, .is_valid = true});
   Poke(PS1 + 8, Hex("00000000"));
   // By hand: the second slot's pointer sector with the address of the copy.
   Poke(PS0, PointerSector(3 * SECTOR, 0x20, true));
@@ -139,43 +136,12 @@ TEST_F(BootTest, ImagesThatKeepTheirRecordsElsewhereAreNotMixed) {
                   "0x0000000000000010 not judged: .*old.img keeps its slots elsewhere\n"));
 }
 
-TEST_F(BootTest, JudgeThatFollowsAgreesWithOneThatLooksAfresh) {
-  const unsigned seed = 7;
-  SCOPED_TRACE(seed);
-  TestRng rng(seed);
-  FwImage image;
-  image.Open((_folder / "new.img").c_str(), READ);
-  const auto& conv = *static_cast<const FwImage::Conv*>(image.GetAddressConvertor());
-  const BootLayout layout(image, SECTOR);
-  DataVec memory = sim::LinearMemory(*_fabric.Find(0x10), conv);
-  BootJudge follower(layout, memory);
-  follower.KnowPresentImages();
-  follower.KnowPresentInvariantSector();
-  const BootJudge start = follower;
-  std::set<std::string> verdicts;
-  for (int i = 0; i < 3000; ++i) {
-    // Mostly where it matters, and mostly there and back.
-    static constexpr u_int32_t PLACES[] = {0,      PS0,        PS0 + 8, PS0 + 200,
-                                           IMAGE0, IMAGE0 + 8, PS1,     IMAGE1};
-    const u_int32_t addr = PLACES[rng() % std::size(PLACES)] + rng() % 4;
-    const auto byte = static_cast<u_int8_t>(rng() % 3 == 0 ? rng() : start.Memory()[addr]);
-    follower.Set(addr, byte);
-    memory[addr] = byte;
-    BootJudge fresh = start;
-    for (u_int32_t at = 0; at < memory.size(); ++at) fresh.Set(at, memory[at]);
-    ASSERT_EQ(Describe(follower.Verdict()), Describe(fresh.Verdict())) << i;
-    ASSERT_EQ(follower.Memory(), memory);
-    verdicts.insert(Describe(fresh.Verdict()));
-  }
-  EXPECT_GE(verdicts.size(), 4u);  // the walk met good and bad states
-}
-
 TEST_F(RehearsalTest, BootRecordsSumAndMarkTellAnEepromsImages) {
   _folder.Write("new.img", EepromImage(0x01));
   sim::Fabric fabric;
   fabric.Add(Eeprom());
-  sim::BurnInto(fabric, 0x10, _folder / "new.img", {.slot = 0, .is_valid = true});
-  sim::BurnInto(fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
+  sim::FillFromFile(fabric, 0x10, _folder / "new.img", {.slot = 0, .is_valid = true});
+  sim::FillFromFile(fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
   const auto report = [&] { return sim::BootReport(fabric, {_folder / "new.img"}); };
   const auto poke = [&](u_int32_t addr, u_int8_t byte) {
     fabric.Find(0x10)->chips.at(0).Load(addr, std::span(&byte, 1));
@@ -344,15 +310,24 @@ TEST_F(RehearsalTest, KilledBurnerIsReplayedAtItsRequest) {
 }
 
 TEST_F(RehearsalTest, ImagesThatNoRehearsalFitsAreRefused) {
+  const auto refusal_of = [](const sim::RehearsalOptions& options) -> std::string {
+    try {
+      sim::Rehearse(options);
+    } catch (const sim::JudgeError& error) {
+      return error.what();
+    }
+    return "(no error)";
+  };
   OldImage();
   NewImage();
   const std::string fabric = FlashFabric(Holds("old.img", 0));
   _folder.Write("new.img", "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16)));
-  EXPECT_EQ(ErrorOf([&] { sim::Rehearse(Options(fabric)); }),
+  EXPECT_EQ(refusal_of(Options(fabric)),
             (_folder / "new.img") + " is for a device without two image slots");
   // A device map that ends before the slots.
   _folder.Write("new.img", "DEVMAP 200 0\n" + FlashImage{.content = 0x22}.Text());
-  EXPECT_NE(ErrorOf([&] { sim::Rehearse(Options(fabric)); }), "(no error)");
+  EXPECT_EQ(refusal_of(Options(fabric)),
+            "The image's slots lie past the 512 bytes of its device map");
 }
 
 TEST_F(RehearsalTest, BurnerThatLeavesAChildBehindIsNotWaitedFor) {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "sim/Fabric.h"
-#include "sim/LocalRom.h"
 #include "src/utils.h"
+#include "tests/support/LocalRom.h"
 #include "tests/support/support.h"
 
 constexpr Guid LEAF1 = 0x1000;
@@ -131,5 +131,5 @@ class FabricTest : public ConsoleTest {
   FwImage::Conv _conv;
 };
 
-using RecordedI2c = Recorded<sim::LocalI2c>;
-using RecordedFlash = Recorded<sim::LocalFlash>;
+using RecordedI2c = Recorded<LocalI2c>;
+using RecordedFlash = Recorded<LocalFlash>;

@@ -7,9 +7,10 @@
 #include <regex>
 
 #include "protocol/Server.h"
-#include "sim/LocalRom.h"
+#include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
 #include "tests/support/Harness.h"
+#include "tests/support/LocalRom.h"
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 
@@ -76,14 +77,14 @@ class FlashVerifyTest : public VerifyTest {
     _new = File(FlashImage{.content = 0x22}.Text());
   }
   void Fill(u_int32_t slot) {
-    sim::BurnInto(_fabric, 0x10, File(FlashImage().Text(), "old.img"), {.slot = slot});
+    sim::FillFromFile(_fabric, 0x10, File(FlashImage().Text(), "old.img"), {.slot = slot});
   }
   std::string _new;
 };
 
 TEST_F(FlashVerifyTest, FailsafeBurnIsFoundInItsSlot) {
   Fill(0);
-  Burn<sim::LocalFlash, RV52100FailsafeBurn>(_new, {0x10}, true, false);
+  Burn<LocalFlash, RV52100FailsafeBurn>(_new, {0x10}, true, false);
   const DeviceFinding finding = Verify(_new, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
   EXPECT_EQ(finding.valid_slots, std::vector<u_int32_t>{1});
@@ -106,7 +107,7 @@ TEST_F(FlashVerifyTest, OldImageDiffersByteByByte) {
 }
 
 TEST_F(FlashVerifyTest, OneBitIsFoundAnywhere) {
-  sim::BurnInto(_fabric, 0x10, _new, {.slot = 1});
+  sim::FillFromFile(_fabric, 0x10, _new, {.slot = 1});
   ASSERT_EQ(Verify(_new, 0x10).state, DeviceFinding::IDENTICAL);
   for (const u_int32_t addr : {0u, 0x3Fu, PS1 + 200, PS1 + 263, IMAGE1, IMAGE1 + 0x1F}) {
     SCOPED_TRACE(addr);
@@ -131,14 +132,14 @@ TEST_F(FlashVerifyTest, DeviceWithoutAValidSlotIsNotIdentical) {
 
 TEST_F(FlashVerifyTest, BurnThatIsNotFailsafeIsFoundWhereTheSectionsStand) {
   // The pointer sectors' CRC words are computed anew, and the signatures stay the image's.
-  Burn<sim::LocalFlash, GenericBurn>(_new, {0x10});
+  Burn<LocalFlash, GenericBurn>(_new, {0x10});
   const DeviceFinding finding = Verify(_new, 0x10, SlotChoice::NONE);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
   EXPECT_EQ(finding.compared, 0x40u + 2 * 264 + 0x20);
 }
 
 TEST_F(FlashVerifyTest, SignedSlotIsComparedThoughItsRecordIsDamaged) {
-  sim::BurnInto(_fabric, 0x10, _new, {.slot = 0});
+  sim::FillFromFile(_fabric, 0x10, _new, {.slot = 0});
   Poke(0x10, PS0 + 200, {0x5B});  // was 5A
   const DeviceFinding finding = Verify(_new, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::DIFFERENT);
@@ -150,8 +151,8 @@ TEST_F(FlashVerifyTest, SignedSlotIsComparedThoughItsRecordIsDamaged) {
 }
 
 TEST_F(FlashVerifyTest, InvariantSectorOfTwoValidSlotsCountsOnce) {
-  sim::BurnInto(_fabric, 0x10, _new, {.slot = 0});
-  sim::BurnInto(_fabric, 0x10, _new, {.slot = 1});
+  sim::FillFromFile(_fabric, 0x10, _new, {.slot = 0});
+  sim::FillFromFile(_fabric, 0x10, _new, {.slot = 1});
   // The second burn rewrote the invariant sector, and left the first slot alone.
   const DeviceFinding finding = Verify(_new, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
@@ -162,16 +163,17 @@ TEST_F(FlashVerifyTest, InvariantSectorOfTwoValidSlotsCountsOnce) {
 
 TEST_F(FlashVerifyTest, InvariantSectorThatIsAsInTheImageIsKeptWithoutItsFields) {
   const std::string file = File("REPLACE GUID 0 0\n" + FlashImage{.content = 0x22}.Text());
-  sim::BurnInto(_fabric, 0x10, File(FlashImage().Text(), "old.img"), {.slot = 0});
-  Burn<sim::LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
+  sim::FillFromFile(_fabric, 0x10, File(FlashImage().Text(), "old.img"), {.slot = 0});
+  Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
   ASSERT_EQ(MemoryOf(_fabric, 0x10, 0, 0, 8), DataVec(8, 0x77));
   EXPECT_EQ(Verify(file, 0x10).state, DeviceFinding::IDENTICAL);
 }
 
 TEST_F(FlashVerifyTest, InvariantSectorThatIsRewrittenGetsItsFields) {
   const std::string file = File("REPLACE GUID 0 0\n" + FlashImage{.content = 0x22}.Text());
-  sim::BurnInto(_fabric, 0x10, File(FlashImage{.invariant = 0x66}.Text(), "old.img"), {.slot = 0});
-  Burn<sim::LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
+  sim::FillFromFile(_fabric, 0x10, File(FlashImage{.invariant = 0x66}.Text(), "old.img"),
+                    {.slot = 0});
+  Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
   ASSERT_EQ(MemoryOf(_fabric, 0x10, 0, 0, 8), Hex("0000000000000010"));
   EXPECT_EQ(Verify(file, 0x10).state, DeviceFinding::IDENTICAL);
   Poke(0x10, 0, DataVec(8, 0x77));  // the fields' places alone as in the image: still rewritten
@@ -197,8 +199,8 @@ TEST_F(FlashVerifyTest, PointerSectorInsideItsImageIsFoundNotToBoot) {
          Section("FIRMWARE", IMAGE0, DataVec(0x800, 0x22));
   _fabric.Add(FlashDevice(0x20, 0x4000, SECTOR));
   const std::string file = File(text);
-  sim::BurnInto(_fabric, 0x20, File(FlashImage().Text(), "old.img"), {.slot = 0});
-  Burn<sim::LocalFlash, RV52100FailsafeBurn>(file, {0x20}, true, false);
+  sim::FillFromFile(_fabric, 0x20, File(FlashImage().Text(), "old.img"), {.slot = 0});
+  Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x20}, true, false);
   const DeviceFinding finding = Verify(file, 0x20, SlotChoice::SECOND);
   EXPECT_EQ(finding.different, 0u);
   EXPECT_EQ(finding.reason, "no slot is marked valid");
@@ -234,14 +236,14 @@ TEST_F(FlashVerifyTest, WhateverIsBurntIsIdentical) {
     }
     _fabric = sim::Fabric();
     _fabric.Add(FlashDevice(0x10, 0x4000, SECTOR));
-    sim::BurnInto(_fabric, 0x10, old, {.slot = slot});
+    sim::FillFromFile(_fabric, 0x10, old, {.slot = slot});
     const std::string file = File(text);
     const bool is_failsafe = below(3) > 0;
     const std::string error = ErrorOf([&] {
       if (is_failsafe) {
-        Burn<sim::LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
+        Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
       } else {
-        Burn<sim::LocalFlash, GenericBurn>(file, {0x10});
+        Burn<LocalFlash, GenericBurn>(file, {0x10});
       }
     });
     if (error != "(no error)") continue;
@@ -258,7 +260,7 @@ TEST_F(FlashVerifyTest, WhateverIsBurntIsIdentical) {
 TEST_F(FlashVerifyTest, ImageWithoutSlotsIsComparedWhereItStands) {
   const std::string file =
       File("DEVICE_TYPE RV52100\nREPLACE GUID 10 0\n" + Section("A", 0, DataVec(0x40, 0x22)));
-  Burn<sim::LocalFlash, GenericBurn>(file, {0x10});
+  Burn<LocalFlash, GenericBurn>(file, {0x10});
   for (const SlotChoice choice : {SlotChoice::NONE, SlotChoice::AUTO}) {
     const DeviceFinding finding = Verify(file, 0x10, choice);
     EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
@@ -278,7 +280,7 @@ TEST_F(FlashVerifyTest, BurnThatMustFailCannotBePredicted) {
 }
 
 TEST_F(FlashVerifyTest, FlashThatClaimsToBeHugeTakesNoMemory) {
-  sim::BurnInto(_fabric, 0x10, _new, {.slot = 1});
+  sim::FillFromFile(_fabric, 0x10, _new, {.slot = 1});
   sim::Fault fault;
   fault.command = "GetAttr";
   fault.text = "{{sector_size=400 size=fffffc00}}";
@@ -311,7 +313,7 @@ TEST_F(FlashVerifyTest, MalformedAttributesAreTheServersFault) {
 }
 
 TEST_F(FlashVerifyTest, MemoryThatCannotBeSavedIsNoDevicesFault) {
-  sim::BurnInto(_fabric, 0x10, _new, {.slot = 1});
+  sim::FillFromFile(_fabric, 0x10, _new, {.slot = 1});
   const std::string folder = _folder / "saved";
   std::filesystem::create_directories(folder + "/0x0000000000000010.flash");
   const DeviceFinding finding = Verify(_new, 0x10, SlotChoice::AUTO, folder);
@@ -344,7 +346,7 @@ TEST_F(VerifyTest, EachDevicesOwnFieldsAndCrcsAreExpected) {
       "DEVICE_TYPE RV61100\nREPLACE GUIDS 0 0\nREPLACE SYSGUID 20 0\n"
       "REPLACE CRC 0 0 38 0 3C 0\n" +
       Section("A", 0, data));
-  Burn<sim::LocalI2c, GenericBurn>(file, {0x10, 0x20});
+  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x20});
   for (const Guid guid : GuidSet{0x10, 0x20}) {
     EXPECT_EQ(Verify(file, guid).state, DeviceFinding::IDENTICAL) << guid;
   }
@@ -364,13 +366,13 @@ TEST_F(VerifyTest, EachDevicesOwnFieldsAndCrcsAreExpected) {
 TEST_F(VerifyTest, BothSlotsOfABootRecordDeviceAreCompared) {
   _fabric.Add(Eeprom(0x10));
   const std::string file = File(EepromImage(0x02));
-  sim::BurnInto(_fabric, 0x10, file, {.slot = 0});
+  sim::FillFromFile(_fabric, 0x10, file, {.slot = 0});
   DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::DIFFERENT);  // the second slot is blank
   EXPECT_EQ(finding.valid_slots, std::vector<u_int32_t>{0});
   EXPECT_EQ(finding.slots, (std::vector<u_int32_t>{0, 1}));
   EXPECT_EQ(Verify(file, 0x10, SlotChoice::FIRST).state, DeviceFinding::IDENTICAL);
-  Burn<sim::LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
   finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL);
   EXPECT_EQ(finding.compared, 0x80u);
@@ -378,11 +380,11 @@ TEST_F(VerifyTest, BothSlotsOfABootRecordDeviceAreCompared) {
 
 TEST_F(VerifyTest, BootRecordWithAWrongSumIsNeverWell) {
   _fabric.Add(Eeprom(0x10));
-  sim::BurnInto(_fabric, 0x10, File(EepromImage(0x02), "old.img"), {.slot = 0});
+  sim::FillFromFile(_fabric, 0x10, File(EepromImage(0x02), "old.img"), {.slot = 0});
   DataVec data = EepromData(0x03);
   ++data[15];
   const std::string file = File(EepromText(data));
-  Burn<sim::LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
   DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::DIFFERENT);
   EXPECT_EQ(finding.different, 0u);
@@ -396,10 +398,10 @@ TEST_F(VerifyTest, BootRecordWithAWrongSumIsNeverWell) {
 
 TEST_F(VerifyTest, CrcOverTheSpoiltByteIsExpectedAsTheBurnLeavesIt) {
   _fabric.Add(Eeprom(0x10));
-  sim::BurnInto(_fabric, 0x10, File(EepromImage(0x02), "old.img"), {.slot = 0});
+  sim::FillFromFile(_fabric, 0x10, File(EepromImage(0x02), "old.img"), {.slot = 0});
   const std::string file =
       File("REPLACE CRC 0 0 C 0 3C 0\nREPLACE CRC 80 0 8C 0 BC 0\n" + EepromText(EepromData(0x03)));
-  Burn<sim::LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
   DataVec covered = EepromData(0x03);
   covered.resize(16);
   covered[3] = 0x03 + 10;
@@ -415,11 +417,11 @@ TEST_F(VerifyTest, FieldInOneSlotOnlyIsExpectedInEitherOrderOfABurn) {
   const std::string old = File(EepromImage(0x02), "old.img");
   const std::string file = File("REPLACE GUID 20 0\n" + EepromImage(0x03));
   _fabric.Add(Eeprom(0x10));  // its second slot is burnt first, with the image's own bytes
-  sim::BurnInto(_fabric, 0x10, old, {.slot = 0});
+  sim::FillFromFile(_fabric, 0x10, old, {.slot = 0});
   _fabric.Add(Eeprom(0x20));  // its second slot gets what the first left
-  sim::BurnInto(_fabric, 0x20, old, {.slot = 1});
+  sim::FillFromFile(_fabric, 0x20, old, {.slot = 1});
   for (const Guid guid : GuidSet{0x10, 0x20}) {
-    Burn<sim::LocalI2c, RV61300FailsafeBurn>(file, {guid}, false);
+    Burn<LocalI2c, RV61300FailsafeBurn>(file, {guid}, false);
     EXPECT_EQ(Verify(file, guid).state, DeviceFinding::IDENTICAL) << guid;
   }
   ASSERT_EQ(MemoryOf(_fabric, 0x10, 0, 0xA0, 8), DataVec(8, 0x03));
@@ -430,9 +432,9 @@ TEST_F(VerifyTest, FieldInOneSlotOnlyIsNamedAsTheReasonAfterABurnOfMany) {
   const std::string file = File("REPLACE GUID 20 0\n" + EepromImage(0x03));
   for (const Guid guid : GuidSet{0x10, 0x20}) {
     _fabric.Add(Eeprom(guid));
-    sim::BurnInto(_fabric, guid, File(EepromImage(0x02), "old.img"), {.slot = 1});
+    sim::FillFromFile(_fabric, guid, File(EepromImage(0x02), "old.img"), {.slot = 1});
   }
-  Burn<sim::LocalI2c, RV61300FailsafeBurn>(file, {0x10, 0x20}, false);
+  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10, 0x20}, false);
   const DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::DIFFERENT);
   ASSERT_EQ(finding.differences.size(), 1u);
@@ -443,7 +445,7 @@ TEST_F(VerifyTest, FieldInOneSlotOnlyIsNamedAsTheReasonAfterABurnOfMany) {
 TEST_F(VerifyTest, ImageWithoutSlotsOfADeviceWithSlotsIsComparedWhereItStands) {
   _fabric.Add(Eeprom(0x10));
   const std::string file = File("DEVICE_TYPE RV61300\n" + Section("A", 0, EepromData(0x05)));
-  Burn<sim::LocalI2c, GenericBurn>(file, {0x10});
+  Burn<LocalI2c, GenericBurn>(file, {0x10});
   for (const SlotChoice choice : {SlotChoice::NONE, SlotChoice::AUTO}) {
     const DeviceFinding finding = Verify(file, 0x10, choice);
     EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
@@ -458,7 +460,7 @@ TEST_F(VerifyTest, PredictionDependsOnNoChunk) {
   _fabric.Add(std::move(device));
   const std::string file = File("DEVICE_TYPE RV61100\nDEVMAP 60 50\nDEVMAP 100 51\n" +
                                 Section("A", 0, DataVec(0x80, 0x33), "50"));
-  Burn<sim::LocalI2c, GenericBurn>(file, {0x10});
+  Burn<LocalI2c, GenericBurn>(file, {0x10});
   const DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
   EXPECT_EQ(finding.compared, 0x80u);
@@ -469,7 +471,7 @@ TEST_F(VerifyTest, DeviceMapThatClaimsToBeHugeTakesNoMemory) {
   _fabric.Add(std::move(device));
   const std::string file = File("DEVICE_TYPE RV61100\nDEVMAP fffffff0 50\n" +
                                 Section("A", 0, DataVec(0x40, 0x33), "50"));
-  Burn<sim::LocalI2c, GenericBurn>(file, {0x10});
+  Burn<LocalI2c, GenericBurn>(file, {0x10});
   rusage before{};
   getrusage(RUSAGE_SELF, &before);
   EXPECT_EQ(Verify(file, 0x10).state, DeviceFinding::IDENTICAL);
@@ -565,13 +567,13 @@ TEST_F(VerifyTest, WhateverIsBurntIsIdentical) {
                       0x500 - first_size, " 51\nIMAGE 0 0 50\nIMAGE 1 280 50\n",
                       Section("A", 0, EepromData(0x02), "50")),
                  "old.img");
-      sim::BurnInto(_fabric, 0x10, *old, {.slot = below(2)});
+      sim::FillFromFile(_fabric, 0x10, *old, {.slot = below(2)});
     }
     const std::string error = ErrorOf([&] {
       if (has_slots) {
-        Burn<sim::LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+        Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
       } else {
-        Burn<sim::LocalI2c, GenericBurn>(file, {0x10});
+        Burn<LocalI2c, GenericBurn>(file, {0x10});
       }
     });
     if (error != "(no error)") continue;  // a mark that reaches past the section
@@ -598,7 +600,7 @@ TEST_F(VerifyTest, SeveralChipsAreReadPieceByPiece) {
 TEST_F(VerifyTest, OneBadDeviceDoesNotHideTheOthers) {
   for (const Guid guid : GuidSet{0x10, 0x20, 0x30}) _fabric.Add(Eeprom(guid));
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
-  Burn<sim::LocalI2c, GenericBurn>(file, {0x10, 0x30});
+  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x30});
   _fabric.Find(0x30)->has_power = true;
   sim::Fault fault;
   fault.kind = sim::Fault::DEVICE_ERROR;
@@ -672,7 +674,7 @@ TEST_F(VerifyProgramTest, StatusAndTextTellTheTruth) {
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
   _fabric.Add(Eeprom(0x10));
   _fabric.Add(Eeprom(0x20));
-  Burn<sim::LocalI2c, GenericBurn>(file, {0x10, 0x20});
+  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x20});
   Poke(0x20, 5, Hex("4546"));
   sim::ServerThread server(_fabric);
   const Outcome good = Run(file, {"-s", server.ServerString(), "-g", "10"});
@@ -699,7 +701,7 @@ TEST_F(VerifyProgramTest, WhatBootsIsToldInBothForms) {
   _fabric.Add(Eeprom(0x10));
   _fabric.Add(Eeprom(0x20));
   const std::string file = File(EepromImage(0x03));
-  sim::BurnInto(_fabric, 0x10, file, {.slot = 1});
+  sim::FillFromFile(_fabric, 0x10, file, {.slot = 1});
   sim::ServerThread server(_fabric);
   const std::vector<std::string> words = {"-s", server.ServerString(), "-g", "10,20", "--slot",
                                           "1"};
@@ -720,7 +722,7 @@ TEST_F(VerifyProgramTest, WhatBootsIsToldInBothForms) {
 TEST_F(VerifyProgramTest, ServerThatFailsInBetweenHidesNoResult) {
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
   for (const Guid guid : GuidSet{0x10, 0x20, 0x30}) _fabric.Add(Eeprom(guid));
-  Burn<sim::LocalI2c, GenericBurn>(file, {0x10, 0x20, 0x30});
+  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x20, 0x30});
   sim::Fault fault;
   fault.kind = sim::Fault::CLOSE_BEFORE;
   fault.command = "NsGetDeviceByType";
