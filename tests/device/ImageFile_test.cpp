@@ -9,6 +9,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 namespace device {
 namespace {
@@ -403,31 +404,51 @@ TEST(ImageFileTest, LinesAreWholeWhereverTheFileIsCutIntoBlocks) {
   EXPECT_EQ(Parse(text).sections.at(0).data, data);
 }
 
-/// Writes to the file that is being read.
-class Writer : public ImageListener {
+/// Changes the file while it is read.
+class Changer : public ImageListener {
  public:
-  explicit Writer(std::string path) : _path(std::move(path)) {}
+  explicit Changer(std::function<void()> change) : _change(std::move(change)) {}
   void Refused(const Refusal& refusal) override { throw ImageError(refusal.message); }
-  void Remarked(const Remark&) override {
-    std::ofstream(_path, std::ios::app | std::ios::binary) << "# more\n";
-  }
+  void Remarked(const Remark&) override { _change(); }
 
  private:
-  std::string _path;
+  std::function<void()> _change;
 };
 
 TEST(ImageFileTest, AFileThatIsChangedMeanwhileIsRefusedWhateverItsLinesSay) {
   const Folder folder;
   for (const std::string rest : {"", "PS 2 0 0\n"}) {
     const std::string path = folder.Write("fw.img", "END A\n" + rest);
-    Writer writer(path);
-    std::string error;
-    try {
-      ReadImageFile(path, writer);
-    } catch (const ImageError& thrown) {
-      error = thrown.what();
-    }
-    EXPECT_EQ(error, "Can't open file \"" + path + "\" : It was changed while it was read");
+    const auto written = std::filesystem::last_write_time(path);
+    const auto error_after = [&](const std::function<void()>& change) {
+      Changer changer(change);
+      try {
+        ReadImageFile(path, changer);
+      } catch (const ImageError& error) {
+        return std::string(error.what());
+      }
+      return std::string();
+    };
+    const std::string changed =
+        "Can't open file \"" + path + "\" : It was changed while it was read";
+    EXPECT_EQ(error_after([&] {
+                std::ofstream(path, std::ios::app | std::ios::binary) << "# more\n";
+                std::filesystem::last_write_time(path, written);
+              }),
+              changed);
+    EXPECT_EQ(error_after([&] {
+                std::filesystem::last_write_time(path, written - std::chrono::seconds(1));
+              }),
+              changed);
+    EXPECT_EQ(error_after([&] {
+                std::filesystem::last_write_time(path,
+                                                 written - std::chrono::nanoseconds(1000000004));
+              }),
+              changed);
+    EXPECT_EQ(error_after([] {}), rest.empty() ? ""
+                                               : path +
+                                                     ":2: 'PS' directive - image index (2) can "
+                                                     "be iether 0 or 1");
   }
 }
 
