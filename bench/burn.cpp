@@ -18,7 +18,9 @@
 
 #include "common/ChildProcess.h"
 #include "common/ScratchFolder.h"
+#include "protocol/Frames.h"
 #include "protocol/Server.h"
+#include "sim/Fabric.h"
 #include "src/BraidGeneral.h"
 
 namespace {
@@ -101,14 +103,13 @@ Cost Run(const std::vector<std::string>& words, const std::string& errors = "",
   return {.wall = wall.count(), .cpu = ending.cpu.count()};
 }
 
-std::string Framed(const std::string& text) { return "NEW_BUF\n" + text + "\nEND_BUF\n"; }
-
 /// Answers the recorded requests of one client after the other, by their lengths alone.
 class Replay {
  public:
-  explicit Replay(const std::vector<sim::Exchange>& exchanges) {
-    for (const sim::Exchange& exchange : exchanges) {
-      _steps.push_back({Framed(exchange.request).size(), Framed(exchange.answer)});
+  explicit Replay(const std::vector<protocol::Exchange>& exchanges) {
+    for (const protocol::Exchange& exchange : exchanges) {
+      _steps.push_back(
+          {protocol::Frame(exchange.request).size(), protocol::Frame(exchange.answer)});
     }
     _listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -238,20 +239,20 @@ nlohmann::json Measure(const Burn& burn, const Programs& programs, unsigned roun
   const ScratchFolder folder("fwpush-bench");
   const std::string image = folder / "fw.img";
   WriteImage(image, burn);
-  std::vector<sim::Exchange> exchanges;
+  std::vector<protocol::Exchange> exchanges;
   {
     sim::Fabric fabric;
     Fill(fabric, burn);
-    sim::ServerThread server(fabric);
+    protocol::ServerThread server(fabric);
     Run(FwpushWords(programs.fwpush, image, server.ServerString(), burn));
     exchanges = server.Exchanges();
   }
   const std::string frames = folder / "frames";
   std::ofstream file(frames, std::ios::binary);
-  for (const sim::Exchange& exchange : exchanges) {
-    const std::string request = Framed(exchange.request);
+  for (const protocol::Exchange& exchange : exchanges) {
+    const std::string request = protocol::Frame(exchange.request);
     const u_int32_t sizes[] = {static_cast<u_int32_t>(request.size()),
-                               static_cast<u_int32_t>(Framed(exchange.answer).size())};
+                               static_cast<u_int32_t>(protocol::Frame(exchange.answer).size())};
     file.write(reinterpret_cast<const char*>(sizes), sizeof(sizes));
     file << request;
   }

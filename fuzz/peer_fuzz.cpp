@@ -27,9 +27,9 @@ class Peer : public fuzz::Wire {
  private:
   std::string Take(std::string_view bytes) override {
     std::string answer;
-    for (const sim::Step& step : _session.Feed(bytes)) {
+    for (const protocol::Step& step : _session.Feed(bytes)) {
       // A fabric without faults has nothing else to do.
-      fuzz::Must(step.kind == sim::Step::SEND, "what is asked is answered");
+      fuzz::Must(step.kind == protocol::Step::SEND, "what is asked is answered");
       const auto other = others.find(_frames++);
       if (other == others.end()) {
         answer += step.bytes;
@@ -47,7 +47,7 @@ class Peer : public fuzz::Wire {
     return answer;
   }
 
-  sim::Session _session;
+  protocol::Session _session;
   std::size_t _frames = 0;
 };
 

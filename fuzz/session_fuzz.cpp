@@ -22,13 +22,13 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
                              sim::Chip(std::make_unique<sim::Cells>(0x1000), is_flash ? 0x100 : 0));
     fabric.Add(std::move(device));
   }
-  sim::Session session(fabric);
+  protocol::Session session(fabric);
   std::size_t answers = 0;
   session.trace = [&](const std::string&, const std::string&) { ++answers; };
   std::size_t frames = 0;
   for (std::size_t at = 0; at < sent.size(); at += step) {
-    for (const sim::Step& next : session.Feed(sent.substr(at, step))) {
-      if (next.kind == sim::Step::SEND && next.bytes.starts_with("NEW_BUF")) ++frames;
+    for (const protocol::Step& next : session.Feed(sent.substr(at, step))) {
+      if (next.kind == protocol::Step::SEND && next.bytes.starts_with("NEW_BUF")) ++frames;
     }
   }
   std::size_t pieces = 0;  // each may be agreed to

@@ -9,9 +9,10 @@
 #include <future>
 #include <stdexcept>
 
+#include "common/Text.h"
 #include "protocol/Session.h"
 
-namespace sim {
+namespace protocol {
 
 using asio::ip::tcp;
 
@@ -20,8 +21,8 @@ namespace {
 /// One client. Keeps itself alive as long as a step or a read is under way.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  Connection(tcp::socket socket, Fabric& fabric, const Server::Trace& trace)
-      : _socket(std::move(socket)), _timer(_socket.get_executor()), _session(fabric) {
+  Connection(tcp::socket socket, Handler& handler, const Server::Trace& trace)
+      : _socket(std::move(socket)), _timer(_socket.get_executor()), _session(handler) {
     _session.trace = trace;
     asio::error_code ignored;
     _socket.set_option(tcp::no_delay(true), ignored);
@@ -77,15 +78,15 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Session _session;
   std::array<char, 65536> _block{};
   std::deque<Step> _steps;
-  Step _step{Step::SEND, {}};
+  Step _step{Step::SEND};
 };
 
 }  // namespace
 
 class Server::Implementation {
  public:
-  Implementation(Fabric& fabric, std::string host, u_int16_t port, Trace trace)
-      : _fabric(fabric), _host(std::move(host)), _trace(std::move(trace)), _acceptor(_context) {
+  Implementation(Handler& handler, std::string host, std::uint16_t port, Trace trace)
+      : _handler(handler), _host(std::move(host)), _trace(std::move(trace)), _acceptor(_context) {
     tcp::resolver resolver(_context);
     const tcp::endpoint endpoint =
         resolver.resolve(tcp::v4(), _host, std::to_string(port))->endpoint();
@@ -102,7 +103,7 @@ class Server::Implementation {
     _acceptor.async_accept([this](const asio::error_code& error, tcp::socket socket) {
       if (error == asio::error::operation_aborted) return;
       if (!error) {
-        std::make_shared<Connection>(std::move(socket), _fabric, _trace)->Read();
+        std::make_shared<Connection>(std::move(socket), _handler, _trace)->Read();
         Accept();
         return;
       }
@@ -114,28 +115,28 @@ class Server::Implementation {
     });
   }
 
-  Fabric& _fabric;
+  Handler& _handler;
   std::string _host;
   Trace _trace;
-  u_int16_t _port = 0;
+  std::uint16_t _port = 0;
   asio::io_context _context;
   tcp::acceptor _acceptor;
   asio::steady_timer _pause{_context};
   asio::signal_set _signals{_context};
 };
 
-Server::Server(Fabric& fabric, const std::string& host, u_int16_t port, Trace trace) try
-    : _implementation(std::make_unique<Implementation>(fabric, host, port, std::move(trace))) {
+Server::Server(Handler& handler, const std::string& host, std::uint16_t port, Trace trace) try
+    : _implementation(std::make_unique<Implementation>(handler, host, port, std::move(trace))) {
 } catch (const std::system_error& error) {
-  throw std::runtime_error(Text("can't listen on ", host, ":", port, ": ", error.what()));
+  throw std::runtime_error(common::Text("can't listen on ", host, ":", port, ": ", error.what()));
 }
 
 Server::~Server() = default;
 
-u_int16_t Server::Port() const { return _implementation->_port; }
+std::uint16_t Server::Port() const { return _implementation->_port; }
 
 std::string Server::ServerString() const {
-  return Text(_implementation->_fabric.facts.type, ":", _implementation->_host, ":", Port());
+  return common::Text(_implementation->_handler.Type(), ":", _implementation->_host, ":", Port());
 }
 
 void Server::Run() { _implementation->_context.run(); }
@@ -154,9 +155,8 @@ void Server::Post(std::function<void()> task) {
   asio::post(_implementation->_context, std::move(task));
 }
 
-ServerThread::ServerThread(Fabric& fabric)
-    : _fabric(fabric),
-      _server(fabric, "127.0.0.1", 0,
+ServerThread::ServerThread(Handler& handler)
+    : _server(handler, "127.0.0.1", 0,
               [this](const std::string& request, const std::string& answer) {
                 const std::lock_guard lock(_mutex);
                 _exchanges.push_back({request, answer});
@@ -168,8 +168,8 @@ ServerThread::~ServerThread() {
   _thread.join();
 }
 
-void ServerThread::With(const std::function<void(Fabric&)>& task) {
-  std::packaged_task<void()> work([&] { task(_fabric); });
+void ServerThread::BetweenRequests(const std::function<void()>& task) {
+  std::packaged_task<void()> work(task);
   _server.Post([&work] { work(); });
   work.get_future().get();
 }
@@ -190,4 +190,4 @@ void ServerThread::ForgetExchanges() {
   _exchanges.clear();
 }
 
-}  // namespace sim
+}  // namespace protocol

@@ -1,6 +1,7 @@
-/// The simulated bus server on the network.
+/// The bus server on the network.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -8,9 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "sim/Fabric.h"
+#include "protocol/Handler.h"
 
-namespace sim {
+namespace protocol {
 
 /// One message of a client and the answer to it.
 struct Exchange {
@@ -18,18 +19,19 @@ struct Exchange {
   std::string answer;
 };
 
-/// Serves a fabric, which is borrowed, to any number of clients, one after the other or at once.
+/// Serves a handler's devices to any number of clients, one after the other or at once. The handler
+/// is borrowed.
 class Server {
  public:
   using Trace = std::function<void(const std::string& request, const std::string& answer)>;
 
   /// Listens; port 0 takes a free one. Throws std::runtime_error when it cannot.
-  Server(Fabric& fabric, const std::string& host, u_int16_t port, Trace trace = {});
+  Server(Handler& handler, const std::string& host, std::uint16_t port, Trace trace = {});
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
   ~Server();
 
-  u_int16_t Port() const;
+  std::uint16_t Port() const;
   /// What a client gives to reach it: "TYPE:HOST:PORT".
   std::string ServerString() const;
 
@@ -49,27 +51,26 @@ class Server {
 /// A server on a thread of its own, on loopback, for as long as it lives. Records every exchange.
 class ServerThread {
  public:
-  explicit ServerThread(Fabric& fabric);
+  explicit ServerThread(Handler& handler);
   ServerThread(const ServerThread&) = delete;
   ServerThread& operator=(const ServerThread&) = delete;
   ~ServerThread();
 
-  u_int16_t Port() const { return _server.Port(); }
+  std::uint16_t Port() const { return _server.Port(); }
   std::string ServerString() const { return _server.ServerString(); }
 
-  /// Calls `task` with the fabric while no request is being executed, waits for it, and throws what
-  /// it throws.
-  void With(const std::function<void(Fabric&)>& task);
+  /// Calls `task` while no request is being executed, so that it may change the devices; waits for
+  /// it, and throws what it throws.
+  void BetweenRequests(const std::function<void()>& task);
   std::vector<Exchange> Exchanges() const;
   std::vector<std::string> Requests() const;
   void ForgetExchanges();
 
  private:
-  Fabric& _fabric;
   mutable std::mutex _mutex;
   std::vector<Exchange> _exchanges;  ///< guarded by _mutex
   Server _server;
   std::thread _thread;
 };
 
-}  // namespace sim
+}  // namespace protocol

@@ -1,28 +1,32 @@
 /// One client's conversation with the bus server, without sockets: bytes in, things to do out.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "sim/Fabric.h"
+#include "protocol/Frames.h"
+#include "protocol/Handler.h"
 
-namespace sim {
+namespace protocol {
 
 /// What the owner of the connection is to do next.
 struct Step {
   enum Kind { SEND, WAIT, CLOSE, RESET };
 
   Kind kind;
-  std::string bytes;           ///< to send
-  u_int32_t milliseconds = 0;  ///< to wait
+  std::string bytes = {};          ///< to send
+  std::uint32_t milliseconds = 0;  ///< to wait
 };
 
-/// Frames and unframes. Requests are executed on the fabric, which is borrowed.
+/// Takes requests out of their frames, and frames what the handler answers. The handler is
+/// borrowed.
 class Session {
  public:
-  explicit Session(Fabric& fabric) : _fabric(fabric) {}
+  explicit Session(Handler& handler) : _handler(handler) {}
 
   /// Takes bytes of the client and returns the steps to take, in order.
   std::vector<Step> Feed(std::string_view bytes);
@@ -31,20 +35,17 @@ class Session {
   std::function<void(const std::string& request, const std::string& answer)> trace;
 
  private:
-  void TakeLine(std::string_view line, std::vector<Step>& steps);
-  void TakeMessage(std::vector<Step>& steps);
+  void TakeMessage(const std::string& message, std::vector<Step>& steps);
+  Answer Ask(const std::string& message);
   void SendPiece(std::vector<Step>& steps);
-  std::string EndPiece();
+  void End(Step::Kind kind, std::vector<Step>& steps);
 
-  Fabric& _fabric;
-  std::string _line;                    ///< begun, not ended
-  std::string _message;                 ///< pieces gathered so far
-  std::string _piece;                   ///< lines of the piece in hand, each with its end
-  std::string _outgoing;                ///< the answer being sent
-  std::size_t _sent = 0;                ///< bytes of it
-  Reply _reply;                         ///< being sent
-  std::optional<GuidVec> _burn_images;  ///< the next message is an image for these
+  Handler& _handler;
+  MessageReader _incoming{MessageReader::Lines::KEPT};
+  MessageWriter _outgoing;            ///< the answer being sent
+  Answer::Manner _manner{};           ///< of that answer
+  std::optional<Guids> _burn_images;  ///< the next message is an image for these
   bool _is_over = false;
 };
 
-}  // namespace sim
+}  // namespace protocol

@@ -131,7 +131,7 @@ class Burner {
   /// killed.
   Run Burn(Fabric& fabric, std::atomic<std::size_t>& requests, std::size_t kill_after = 0) const {
     std::atomic<pid_t> pid{0};
-    Server server(fabric, "127.0.0.1", 0, [&](const std::string&, const std::string&) {
+    protocol::Server server(fabric, "127.0.0.1", 0, [&](const std::string&, const std::string&) {
       if (++requests != kill_after) return;
       while (pid == 0) std::this_thread::yield();  // it has a request out: it is just being started
       kill(pid, SIGKILL);

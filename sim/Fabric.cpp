@@ -1,8 +1,6 @@
 #include "sim/Fabric.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <stdexcept>
 #include <utility>
 
@@ -10,156 +8,11 @@
 
 namespace sim {
 
-namespace {
-
-enum class Action {
-  MULTI_MAX,
-  VERSION,
-  LIST,
-  WRITE,
-  READ,
-  ERASE,
-  START,
-  STOP,
-  BURN,
-  ATTR,
-  VSD,
-  BSN
-};
-
-constexpr std::size_t WORD_SIZE = 4;
-
-std::string Error(Guid guid, const std::string& text) {
-  return "ERROR:" + HexGuid(guid) + ":" + text;
-}
-
-/// `bytes` as the words of an answer: " {KEY 0x..}" for each `width` bytes, most significant first.
-/// `Words` past the end read as erased memory.
-std::string DataWords(std::string_view key, std::span<const u_int8_t> bytes, std::size_t words,
-                      std::size_t width) {
-  std::string text;
-  for (std::size_t i = 0; i < words * width; i += width) {
-    u_int32_t word = 0;
-    for (std::size_t j = i; j < i + width; ++j) {
-      word = word << 8 | (j < bytes.size() ? bytes[j] : 0xFF);
-    }
-    char digits[8];
-    const char* const end = std::to_chars(std::begin(digits), std::end(digits), word, 16).ptr;
-    text.append(" {")
-        .append(key)
-        .append(" 0x")
-        .append(digits, static_cast<std::size_t>(end - digits))
-        .append("}");
-  }
-  return text;
-}
-
-}  // namespace
-
-struct Fabric::Command {
-  std::string_view head;
-  Action action;
-  std::optional<MemoryKind> memory;  ///< that the device must have
-  std::size_t arguments;             ///< least number, after the devices
-};
-
-struct Fabric::Request {
-  const Command* command = nullptr;
-  std::string head;
-  u_int32_t count = 0;  ///< of devices, as the request declares it
-  GuidVec guids;
-  u_int8_t chip = 0;
-  u_int32_t size = 0;
-  u_int32_t offset = 0;
-  DataVec data;  ///< to be written: `size` bytes
-};
-
-/// Why a whole request is refused.
-struct Fabric::Refusal {
-  std::string reason;
-};
-
-namespace {
-
-template <typename Number>
-bool ParseWord(std::string_view word, int base, Number& number) {
-  if (base == 16) {
-    if (!word.starts_with("0x")) return false;
-    word.remove_prefix(2);
-  }
-  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number, base);
-  return error == std::errc() && end == word.data() + word.size();
-}
-
-}  // namespace
-
-Fabric::Request Fabric::Parse(const std::string& text) {
-  constexpr auto FLASH = MemoryKind::FLASH;
-  constexpr auto I2C = MemoryKind::I2C;
-  static constexpr auto COMMANDS = std::to_array<Command>({
-      {"vsMultiMaxGet", Action::MULTI_MAX, {}, 0},
-      {"IfcVersion", Action::VERSION, {}, 0},
-      {"NsGetDeviceByType", Action::LIST, {}, 1},
-      {"vsFlashWriteMulti", Action::WRITE, FLASH, 3},
-      {"vsI2cWriteMulti", Action::WRITE, I2C, 3},
-      {"vsFlashReadMulti", Action::READ, FLASH, 3},
-      {"vsI2cReadMulti", Action::READ, I2C, 3},
-      {"vsFlashEraseSectorMulti", Action::ERASE, FLASH, 2},
-      {"vsFlashStartMulti", Action::START, FLASH, 1},
-      {"vsFlashStopMulti", Action::STOP, FLASH, 0},
-      {"vsFlashBurnImageMulti", Action::BURN, FLASH, 0},
-      {"vsI2cBurnImageMulti", Action::BURN, I2C, 0},
-      {"vsFlashGetAttrMulti", Action::ATTR, FLASH, 0},
-      {"vsGetVsdMulti", Action::VSD, {}, 0},
-      {"crBSNGet", Action::BSN, {}, 0},
-  });
-
-  const std::vector<std::string> words = splitv(text, " \t", false);
-  Request request;
-  if (words.empty()) throw Refusal{"empty request"};
-  request.head = words[0];
-  const auto* command = std::ranges::find(COMMANDS, words[0], &Command::head);
-  if (command == COMMANDS.end()) throw Refusal{"unknown command"};
-  request.command = command;
-
-  auto word = words.begin() + 1;
-  const auto left = [&] { return static_cast<std::size_t>(words.end() - word); };
-  const Action action = command->action;
-  const bool is_multi = command->head.ends_with("Multi");
-  if (is_multi) {
-    if (left() == 0 || !ParseWord(*word++, 10, request.count)) throw Refusal{"bad device count"};
-  } else if (action == Action::BSN) {
-    request.count = 1;
-  }
-  if (left() < request.count) throw Refusal{"fewer devices than counted"};
-  for (u_int32_t i = 0; i < request.count; ++i) {
-    Guid guid = 0;
-    if (!ParseWord(*word++, 16, guid)) throw Refusal{"bad device GUID"};
-    request.guids.push_back(guid);
-  }
-  if (left() < command->arguments) throw Refusal{"missing arguments"};
-  if (action != Action::WRITE && left() > command->arguments) throw Refusal{"too many arguments"};
-
-  if (action == Action::LIST && *word != "device") throw Refusal{"unknown type"};
-  if (action == Action::START && *word != "1") throw Refusal{"bad start argument"};
-  if (action != Action::WRITE && action != Action::READ && action != Action::ERASE) return request;
-
-  if (!ParseWord(*word++, 16, request.chip)) throw Refusal{"bad chip address"};
-  if (action != Action::ERASE && !ParseWord(*word++, 10, request.size)) throw Refusal{"bad size"};
-  if (!ParseWord(*word++, 16, request.offset)) throw Refusal{"bad offset"};
-  if (action != Action::WRITE) return request;
-
-  if (left() != (request.size + WORD_SIZE - 1) / WORD_SIZE) {
-    throw Refusal{"the number of data words does not fit the size"};
-  }
-  for (; word != words.end(); ++word) {
-    u_int32_t value = 0;
-    if (!ParseWord(*word, 16, value)) throw Refusal{"bad data word"};
-    request.data << value;
-  }
-  request.data.resize(request.size);
-  return request;
-}
+using protocol::Action;
+using protocol::Answer;
+using protocol::Memory;
+using protocol::Refusal;
+using protocol::Request;
 
 Device& Fabric::Add(Device device) {
   const auto is_word = [](const std::string& text) {
@@ -221,157 +74,119 @@ Device* Fabric::Find(Guid guid) {
 
 std::string Fabric::ListDevices() const {
   std::string list;
-  int lid = 0;
+  std::size_t number = 0;
   for (const auto& [node_guid, device] : _devices) {
-    ++lid;
+    ++number;
     if (!device.has_power) continue;
     for (std::size_t port = 0; port < device.port_guids.size(); ++port) {
       if (!list.empty()) list += " ";
-      list += Text("{device ", lid, " ", port + 1, " ", HexGuid(device.sys_guid), " ",
-                   HexGuid(node_guid), " ", HexGuid(device.port_guids[port]), " ",
-                   device.declared_ports, " ", device.name, " ", device.attr, "}");
+      list += protocol::RecordElement({.device = number,
+                                       .port = port + 1,
+                                       .system_guid = device.sys_guid,
+                                       .node_guid = node_guid,
+                                       .port_guid = device.port_guids[port],
+                                       .ports = device.declared_ports,
+                                       .name = device.name,
+                                       .attribute = device.attr});
     }
   }
   return list;
 }
 
-void Fabric::CheckCounts(const Request& request) const {
-  u_int32_t multi_max = 0;
-  // A server that answers nonsense for its maximum has none.
-  if (ParseWord(std::string_view(facts.multi_max), 10, multi_max) && request.count > multi_max) {
-    throw Refusal{"more devices than the server takes at once"};
+Answer Fabric::Handle(const Request& request) {
+  _fault = faults.Match(std::string(request.command->word), request.devices);
+  const auto fires = [this](Fault::Kind kind) { return _fault && _fault->kind == kind; };
+  if (fires(Fault::SILENCE)) return {.manner = Answer::SILENCE};
+  if (fires(Fault::ANSWER)) return {.text = _fault->text};
+  if (fires(Fault::POWER_OFF)) {
+    Device* device = _fault->device            ? Find(*_fault->device)
+                     : request.devices.empty() ? nullptr
+                                               : Find(request.devices.front());
+    if (device) device->has_power = false;
   }
-  if (request.command->head.ends_with("Multi") && request.count == 0) {
-    throw Refusal{"no devices"};
-  }
+  protocol::CheckCount(request, facts.multi_max);
+  Answer answer = Run(request);
+  if (fires(Fault::DELAY)) answer.milliseconds = _fault->milliseconds;
+  if (fires(Fault::CLOSE_BEFORE)) answer.manner = Answer::CLOSE_BEFORE;
+  if (fires(Fault::CLOSE_INSIDE)) answer.manner = Answer::CLOSE_INSIDE;
+  if (fires(Fault::CLOSE_AFTER)) answer.manner = Answer::CLOSE_AFTER;
+  if (fires(Fault::RESET)) answer.manner = Answer::RESET;
+  return answer;
 }
 
-Reply Fabric::Execute(const std::string& text) {
-  Reply reply;
-  try {
-    const Request request = Parse(text);
-    _fault = faults.Match(request.head, request.guids);
-    const auto fires = [this](Fault::Kind kind) { return _fault && _fault->kind == kind; };
-    if (fires(Fault::SILENCE)) {
-      reply.manner = Reply::SILENCE;
-      return reply;
-    }
-    if (fires(Fault::ANSWER)) {
-      reply.text = _fault->text;
-      return reply;
-    }
-    if (fires(Fault::POWER_OFF)) {
-      Device* device = _fault->device          ? Find(*_fault->device)
-                       : request.guids.empty() ? nullptr
-                                               : Find(request.guids.front());
-      if (device) device->has_power = false;
-    }
-    CheckCounts(request);
-    reply = Run(request);
-    if (fires(Fault::DELAY)) reply.milliseconds = _fault->milliseconds;
-    if (fires(Fault::CLOSE_BEFORE)) reply.manner = Reply::CLOSE_BEFORE;
-    if (fires(Fault::CLOSE_INSIDE)) reply.manner = Reply::CLOSE_INSIDE;
-    if (fires(Fault::CLOSE_AFTER)) reply.manner = Reply::CLOSE_AFTER;
-    if (fires(Fault::RESET)) reply.manner = Reply::RESET;
-  } catch (const Refusal& refusal) {
-    reply.text = "ERROR:" + refusal.reason;
-  }
-  return reply;
-}
-
-Reply Fabric::Run(const Request& request) {
-  Reply reply;
+Answer Fabric::Run(const Request& request) {
   switch (request.command->action) {
     case Action::MULTI_MAX:
-      reply.text = facts.multi_max;
-      return reply;
+      return {.text = facts.multi_max};
     case Action::VERSION:
-      reply.text = facts.ifc_version;
-      return reply;
+      return {.text = facts.ifc_version};
     case Action::LIST:
-      reply.text = ListDevices();
-      return reply;
+      return {.text = ListDevices()};
     default:
       break;
   }
   std::vector<std::string> elements;
   GuidVec willing;  // the devices that took the request
-  for (const Guid guid : request.guids) {
+  for (const Guid guid : request.devices) {
     const bool is_hit = _fault && (_fault->device ? *_fault->device == guid : elements.empty());
     Device* device = Find(guid);
     if (device == nullptr) {
-      elements.push_back(Error(guid, "No such device"));
+      elements.push_back(protocol::DeviceError(guid, "No such device"));
     } else if (!device->has_power) {
-      elements.push_back(Error(guid, "Device does not respond"));
+      elements.push_back(protocol::DeviceError(guid, "Device does not respond"));
     } else if (is_hit && _fault->kind == Fault::DEVICE_ERROR) {
-      elements.push_back(Error(guid, _fault->text));
+      elements.push_back(protocol::DeviceError(guid, _fault->text));
     } else {
       const Fault* fault = std::exchange(_fault, is_hit ? _fault : nullptr);
       try {
         elements.push_back(RunOn(request, *device));
         willing.push_back(guid);
       } catch (const Refusal& refusal) {
-        elements.push_back(Error(guid, refusal.reason));
+        elements.push_back(protocol::DeviceError(guid, refusal.what()));
       }
       _fault = fault;
     }
   }
-  if (request.command->action == Action::BURN && !willing.empty()) reply.burn_images = willing;
   if (_fault && _fault->kind == Fault::DROP_ELEMENT && !elements.empty()) elements.pop_back();
   if (_fault && _fault->kind == Fault::EXTRA_ELEMENT) elements.emplace_back("ACK");
   const bool is_alone = request.command->action == Action::BSN && elements.size() == 1;
-  reply.text = is_alone ? elements.front() : Join(request, elements);
-  return reply;
-}
-
-std::string Fabric::Join(const Request& request, const std::vector<std::string>& elements) {
-  const bool may_be_a_word = request.command->action != Action::READ;
-  const auto is_ack = [](const std::string& element) { return element == "ACK"; };
-  // One word stands for all devices where each says the same word.
-  if (may_be_a_word && elements.size() == request.guids.size() &&
-      std::ranges::all_of(elements, is_ack)) {
-    return "ACK";
-  }
-  std::string answer;
-  for (const std::string& element : elements) {
-    if (!answer.empty()) answer += " ";
-    answer += may_be_a_word && is_ack(element) ? element : "{" + element + "}";
-  }
+  Answer answer{.text = is_alone ? elements.front() : protocol::JoinElements(request, elements)};
+  if (request.command->action == Action::BURN && !willing.empty()) answer.burn_images = willing;
   return answer;
 }
 
 std::string Fabric::RunOn(const Request& request, Device& device) {
   const Action action = request.command->action;
-  if (request.command->memory && *request.command->memory != device.kind) {
-    throw Refusal{device.kind == MemoryKind::FLASH ? "Device has a flash" : "Device has no flash"};
+  const bool is_flash = device.kind == MemoryKind::FLASH;
+  const auto& memory = request.command->memory;
+  if (memory && (*memory == Memory::FLASH) != is_flash) {
+    throw Refusal(is_flash ? "Device has a flash" : "Device has no flash");
   }
-  if (action == Action::VSD) {
-    return "ACK" + DataWords("data", device.vsd, (device.vsd.size() + WORD_SIZE - 1) / WORD_SIZE,
-                             WORD_SIZE);
-  }
-  if (action == Action::BSN) return "ACK" + DataWords("bsn", device.bsn, device.bsn.size(), 1);
-  if (action == Action::ATTR) {
+  if (action == Action::VSD) return protocol::DataElement(device.vsd, device.vsd.size());
+  if (action == Action::BSN) return protocol::BsnElement(device.bsn);
+  if (action == Action::ATTRIBUTES) {
     const Chip& flash = device.chips.at(0);
-    return Text("{sector_size=", std::hex, flash.SectorSize(), " size=", flash.Size(), "}");
+    return protocol::AttributesElement(flash.SectorSize(), flash.Size());
   }
-  if (action == Action::START || action == Action::STOP || action == Action::BURN) return "ACK";
+  if (action == Action::START || action == Action::STOP || action == Action::BURN) {
+    return protocol::ACK;
+  }
 
   const auto found = device.chips.find(request.chip);
-  if (found == device.chips.end()) throw Refusal{"No chip at this address"};
+  if (found == device.chips.end()) throw Refusal("No chip at this address");
   Chip& chip = found->second;
   if (action == Action::ERASE) {
-    if (!chip.Holds(request.offset, 1)) throw Refusal{"Address out of range"};
-    if (request.offset % chip.SectorSize() != 0) throw Refusal{"Not the start of a sector"};
+    if (!chip.Holds(request.offset, 1)) throw Refusal("Address out of range");
+    if (request.offset % chip.SectorSize() != 0) throw Refusal("Not the start of a sector");
     Erase(device, request.chip, request.offset);
-    return "ACK";
+    return protocol::ACK;
   }
-  if (!chip.Holds(request.offset, request.size)) throw Refusal{"Address out of range"};
+  if (!chip.Holds(request.offset, request.size)) throw Refusal("Address out of range");
   if (action == Action::READ) {
-    return "ACK" + DataWords("data", chip.Bytes().subspan(request.offset),
-                             (request.size + WORD_SIZE - 1) / WORD_SIZE, WORD_SIZE);
+    return protocol::DataElement(chip.Bytes().subspan(request.offset), request.size);
   }
   Program(device, request.chip, request.offset, request.data);
-  return "ACK";
+  return protocol::ACK;
 }
 
 void Fabric::Program(Device& device, u_int8_t address, u_int32_t offset, DataVec bytes) {
@@ -389,7 +204,7 @@ void Fabric::Program(Device& device, u_int8_t address, u_int32_t offset, DataVec
     Rng rng(_fault->seed);
     chip.ProgramPart(offset, bytes, rng);
     device.has_power = false;
-    throw Refusal{"Device does not respond"};
+    throw Refusal("Device does not respond");
   }
   chip.Program(offset, bytes);
 }
@@ -403,7 +218,7 @@ void Fabric::Erase(Device& device, u_int8_t address, u_int32_t offset) {
     Rng rng(_fault->seed);
     chip.ErasePart(offset, rng);
     device.has_power = false;
-    throw Refusal{"Device does not respond"};
+    throw Refusal("Device does not respond");
   }
   chip.EraseSector(offset);
 }

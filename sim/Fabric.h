@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/Text.h"
+#include "protocol/Handler.h"
 #include "sim/Faults.h"
 #include "sim/Memory.h"
 #include "src/BraidGeneral.h"
@@ -65,8 +66,8 @@ struct ServerFacts {
   std::string multi_max = "64";     ///< answered as it stands; the limit where it is a number
 };
 
-/// The devices and their bus server. Single-threaded.
-class Fabric {
+/// The devices and what their bus server does with them. Single-threaded.
+class Fabric : public protocol::Handler {
  public:
   /// Adds a device; throws std::invalid_argument for a GUID that is taken, for words with blanks,
   /// and for a flash of other than one chip.
@@ -80,12 +81,8 @@ class Fabric {
   std::map<Guid, Device>& Devices() { return _devices; }
   const std::map<Guid, Device>& Devices() const { return _devices; }
 
-  /// Executes one request, given as text, faults included, and tells what to send for it.
-  Reply Execute(const std::string& text);
-
-  /// Fills the devices with an image file, given as text, as the image burn commands do. Returns
-  /// the answer.
-  std::string BurnImage(const GuidVec& guids, const std::string& image);
+  std::string BurnImage(const GuidVec& guids, const std::string& image) override;
+  std::string Type() const override { return facts.type; }
 
   /// Fills a device with an image, past faults and limits of the server, as if it were made with
   /// it. Throws FillError.
@@ -96,17 +93,13 @@ class Fabric {
   std::function<void(const Operation&)> observer;  ///< called before each change; may be empty
 
  private:
-  struct Command;
-  struct Request;
-  struct Refusal;
   class FillTarget;
 
-  static Request Parse(const std::string& text);
-  Reply Run(const Request& request);
-  std::string RunOn(const Request& request, Device& device);
-  static std::string Join(const Request& request, const std::vector<std::string>& elements);
+  /// Faults included.
+  protocol::Answer Handle(const protocol::Request& request) override;
+  protocol::Answer Run(const protocol::Request& request);
+  std::string RunOn(const protocol::Request& request, Device& device);
   std::string ListDevices() const;
-  void CheckCounts(const Request& request) const;
   void Program(Device& device, u_int8_t address, u_int32_t offset, DataVec bytes);
   void Erase(Device& device, u_int8_t address, u_int32_t offset);
 

@@ -64,14 +64,4 @@ class FaultLayer {
   std::list<Fault> _faults;
 };
 
-/// What to send for a request, and how.
-struct Reply {
-  enum Manner { ANSWER, SILENCE, CLOSE_BEFORE, CLOSE_INSIDE, CLOSE_AFTER, RESET };
-
-  std::string text;
-  Manner manner = ANSWER;
-  u_int32_t milliseconds = 0;          ///< to wait first
-  std::optional<GuidVec> burn_images;  ///< the next text is an image for these devices
-};
-
 }  // namespace sim

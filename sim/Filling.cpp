@@ -102,13 +102,13 @@ std::string Fabric::BurnImage(const GuidVec& guids, const std::string& image) {
     if (!answer.empty()) answer += " ";
     try {
       Fill(guid, device::ParseImage(image, "image"), {});
-      answer += "ACK";
+      answer += protocol::ACK;
     } catch (const std::runtime_error& error) {
       is_well = false;
-      answer += "{ERROR:" + HexGuid(guid) + ":" + error.what() + "}";
+      answer += "{" + protocol::DeviceError(guid, error.what()) + "}";
     }
   }
-  return is_well ? "ACK" : answer;
+  return is_well ? protocol::ACK : answer;
 }
 
 void FillFromFile(Fabric& fabric, Guid guid, const std::string& image_file,

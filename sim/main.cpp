@@ -93,7 +93,7 @@ int Run(const Options& options) {
     trace.open(options.trace);
     if (!trace) throw std::runtime_error("can't write " + options.trace);
   }
-  sim::Server server(fabric, host, port,
+  protocol::Server server(fabric, host, port,
                      [&trace](const std::string& request, const std::string& answer) {
                        // Flushed, so that it also tells what came before a kill.
                        if (trace.is_open()) {

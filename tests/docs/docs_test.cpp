@@ -440,22 +440,18 @@ std::vector<Turn> TurnsOf(const Block& block, bool is_raw) {
   return turns;
 }
 
-std::string Framed(const std::string& text) { return "NEW_BUF\n" + text + "\nEND_BUF\n"; }
-
-/// The frames that make up `text`, their handshakes left out.
-std::string Unframed(const std::vector<sim::Step>& steps, sim::Session& session) {
-  std::string message;
-  std::vector<sim::Step> left = steps;
-  for (bool is_whole = false; !is_whole;) {
-    if (left.size() != 1 || left[0].kind != sim::Step::SEND) return "(no answer)";
-    std::string piece = left[0].bytes;
-    is_whole = piece.ends_with("\nEND_BUF\n");
-    const std::size_t head = piece.find('\n') + 1;
-    const std::size_t tail = piece.rfind('\n', piece.size() - 2);
-    message += piece.substr(head, tail - head);
-    if (!is_whole) left = session.Feed(Framed("NsContinue"));
+/// The message that the steps send, and those that follow when each of its pieces is agreed to.
+std::string Unframed(const std::vector<protocol::Step>& steps, protocol::Session& session) {
+  using protocol::MessageReader;
+  MessageReader reader(MessageReader::Lines::JOINED);
+  std::vector<protocol::Step> left = steps;
+  while (left.size() == 1 && left[0].kind == protocol::Step::SEND) {
+    const std::vector<MessageReader::Event> events = reader.Feed(left[0].bytes);
+    if (events.size() != 1) break;
+    if (events[0].kind == MessageReader::Event::MESSAGE) return events[0].text;
+    left = session.Feed(protocol::Frame(protocol::CONTINUE));
   }
-  return message;
+  return "(no answer)";
 }
 
 class ProtocolDocumentTest : public ConsoleTest {
@@ -478,8 +474,8 @@ class ProtocolDocumentTest : public ConsoleTest {
 
   /// Runs the whole program, with `words` as a command line, against a fabric; returns what was
   /// said on the connection.
-  std::vector<sim::Exchange> Burn(sim::Fabric& fabric, Texts words) const {
-    sim::ServerThread server(fabric);
+  std::vector<protocol::Exchange> Burn(sim::Fabric& fabric, Texts words) const {
+    protocol::ServerThread server(fabric);
     for (std::string& word : words) {
       if (const std::size_t at = word.find("HOST:PORT"); at != std::string::npos) {
         word.replace(at, std::string::npos, "127.0.0.1:" + std::to_string(server.Port()));
@@ -511,10 +507,11 @@ TEST_F(ProtocolDocumentTest, TheFabricAnswersAsEveryExampleShows) {
     // What an example writes is there for the next one of its section; a burn finds it all new.
     if (block.heading != heading || block.info.starts_with("fwpush")) fabric = NewFabric();
     heading = block.heading;
-    sim::Session session(*fabric);
+    protocol::Session session(*fabric);
     for (const Turn& turn : TurnsOf(block, is_raw)) {
       ++exchanges;
-      const std::vector<sim::Step> steps = session.Feed(is_raw ? turn.client : Framed(turn.client));
+      const std::vector<protocol::Step> steps =
+          session.Feed(is_raw ? turn.client : protocol::Frame(turn.client));
       if (is_raw) {
         ASSERT_EQ(steps.size(), 1u) << turn.client;
         EXPECT_EQ(steps[0].bytes, turn.server);
@@ -533,7 +530,7 @@ TEST_F(ProtocolDocumentTest, EveryBurnShownIsTheOneThatTheProgramMakes) {
     SCOPED_TRACE(_document.At(block));
     ++burns;
     const auto fabric = NewFabric();
-    const std::vector<sim::Exchange> said = Burn(*fabric, splitv(block.info, " ", false));
+    const std::vector<protocol::Exchange> said = Burn(*fabric, splitv(block.info, " ", false));
     const bool is_flash = block.Text().find("vsFlash") != std::string::npos;
     const std::size_t opening = is_flash ? FLASH_OPENING : OPENING;
     const std::vector<Turn> shown = TurnsOf(block, false);
@@ -563,7 +560,7 @@ TEST_F(ProtocolDocumentTest, TheProgramFramesAsEveryRawExampleShows) {
     std::string server;
     Texts messages;  // of the client, its agreements left out
     const auto fabric = NewFabric();
-    sim::Session session(*fabric);
+    protocol::Session session(*fabric);
     session.trace = [&](const std::string& request, const std::string&) {
       messages.push_back(request);
     };
@@ -634,7 +631,7 @@ TEST_F(ProtocolDocumentTest, TheVocabularyIsWhatTheProgramSends) {
   const auto burn = [&](const std::string& command_line) {
     SCOPED_TRACE(command_line);
     const auto fabric = NewFabric();
-    for (const sim::Exchange& said : Burn(*fabric, splitv(command_line, " ", false))) {
+    for (const protocol::Exchange& said : Burn(*fabric, splitv(command_line, " ", false))) {
       requests.push_back(said.request);
     }
   };
@@ -647,7 +644,7 @@ TEST_F(ProtocolDocumentTest, TheVocabularyIsWhatTheProgramSends) {
   const auto burn_directly = [&]<typename Rom>(Rom* type, Guid guid, const char* image_file) {
     static_cast<void>(type);
     const auto fabric = NewFabric();
-    sim::ServerThread server(*fabric);
+    protocol::ServerThread server(*fabric);
     OutputOf([&] {
       FwImage image;
       image.Open((_folder / image_file).c_str(), READ);

@@ -571,7 +571,7 @@ TEST(TroubleshootingStatesTest, NothingIsWrittenWhereThePageSaysSo) {
     }
     sim::Fabric fabric;
     sim::LoadFabric(folder.Write("fabric.toml", text), {}, fabric);
-    const sim::ServerThread server(fabric);
+    const protocol::ServerThread server(fabric);
     Texts words{"fwpush", "-f", folder.Write("fw.img", ending.image), "-s", server.ServerString()};
     std::ranges::copy(ending.words, std::back_inserter(words));
     std::vector<char*> arguments;

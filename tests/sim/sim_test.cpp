@@ -1,13 +1,7 @@
-/// The simulated fabric: memories, commands, faults, framing, fabric files, server.
+/// The simulated fabric: memories, commands, faults, images, fabric files.
 
-#include <sys/socket.h>
-
-#include <thread>
-
-#include "protocol/Server.h"
 #include "protocol/Session.h"
 #include "sim/FabricFile.h"
-#include "src/BraidConn.h"
 #include "tests/support/fabric_support.h"
 
 namespace {
@@ -322,7 +316,7 @@ TEST_F(SimFaultTest, FiringIsLoggedWithItsSeed) {
   _fabric.faults.log = [&](const std::string& line) { lines.push_back(line); };
   Fault(sim::Fault::SILENCE).seed = 42;
   Arm();
-  EXPECT_EQ(_fabric.Execute(_read).manner, sim::Reply::SILENCE);
+  EXPECT_EQ(_fabric.Execute(_read).manner, protocol::Answer::SILENCE);
   EXPECT_EQ(lines, std::vector<std::string>{"fault silence at vsI2cReadMulti (match 1, seed 42)"});
 }
 
@@ -343,11 +337,11 @@ TEST_F(SimFaultTest, ElementsAreTooFewOrTooMany) {
 }
 
 TEST_F(SimFaultTest, ConnectionFaultsAreHandedOn) {
-  const std::pair<sim::Fault::Kind, sim::Reply::Manner> kinds[] = {
-      {sim::Fault::CLOSE_BEFORE, sim::Reply::CLOSE_BEFORE},
-      {sim::Fault::CLOSE_INSIDE, sim::Reply::CLOSE_INSIDE},
-      {sim::Fault::CLOSE_AFTER, sim::Reply::CLOSE_AFTER},
-      {sim::Fault::RESET, sim::Reply::RESET}};
+  const std::pair<sim::Fault::Kind, protocol::Answer::Manner> kinds[] = {
+      {sim::Fault::CLOSE_BEFORE, protocol::Answer::CLOSE_BEFORE},
+      {sim::Fault::CLOSE_INSIDE, protocol::Answer::CLOSE_INSIDE},
+      {sim::Fault::CLOSE_AFTER, protocol::Answer::CLOSE_AFTER},
+      {sim::Fault::RESET, protocol::Answer::RESET}};
   for (const auto& [kind, manner] : kinds) {
     Fault(kind);
     Arm();
@@ -396,52 +390,29 @@ TEST_F(SimFaultTest, WrongWriteDiffersInOneBit) {
 class SimSessionTest : public SimFabricTest {
  protected:
   /// All that the server sends for `bytes`, which come in pieces of `size`.
-  static std::string Sent(sim::Session& session, const std::string& bytes, std::size_t size) {
+  static std::string Sent(protocol::Session& session, const std::string& bytes, std::size_t size) {
     std::string sent;
     for (std::size_t i = 0; i < bytes.size(); i += size) {
-      for (const sim::Step& step : session.Feed(std::string_view(bytes).substr(i, size))) {
-        sent += step.kind == sim::Step::SEND    ? step.bytes
-                : step.kind == sim::Step::CLOSE ? "<close>"
-                : step.kind == sim::Step::RESET ? "<reset>"
-                                                : "<wait>";
+      for (const protocol::Step& step : session.Feed(std::string_view(bytes).substr(i, size))) {
+        sent += step.kind == protocol::Step::SEND    ? step.bytes
+                : step.kind == protocol::Step::CLOSE ? "<close>"
+                : step.kind == protocol::Step::RESET ? "<reset>"
+                                                     : "<wait>";
       }
     }
     return sent;
   }
 
   std::string SentAtOnce(const std::string& bytes) {
-    sim::Session session(_fabric);
+    protocol::Session session(_fabric);
     return Sent(session, bytes, bytes.size());
   }
 
-  static std::string Framed(const std::string& text) { return "NEW_BUF\n" + text + "\nEND_BUF\n"; }
+  static std::string Framed(const std::string& text) { return protocol::Frame(text); }
 };
 
-TEST_F(SimSessionTest, RequestIsAnsweredHoweverItsBytesArrive) {
-  const std::string bytes = "noise\nNEW_BUF\nold\nNEW_BUF\r\nvsMultiMaxGet\nEND_BUF\n";
-  for (std::size_t size = 1; size <= bytes.size(); ++size) {
-    sim::Session session(_fabric);
-    EXPECT_EQ(Sent(session, bytes, size), Framed("64")) << size;
-  }
-}
-
-TEST_F(SimSessionTest, SeveralRequestsAreAnsweredInOrder) {
-  EXPECT_EQ(SentAtOnce(Framed("vsMultiMaxGet") + Framed("IfcVersion")),
-            Framed("64") + Framed("2.2"));
-}
-
-TEST_F(SimSessionTest, LongAnswerWaitsForAgreementAfterEachPiece) {
-  _fabric.facts.ifc_version = std::string(4000, 'a') + std::string(4000, 'b') + "c";
-  sim::Session session(_fabric);
-  EXPECT_EQ(Sent(session, Framed("IfcVersion"), 100),
-            "NEW_BUF\n" + std::string(4000, 'a') + "\nTO_BE_CONT\n");
-  EXPECT_EQ(Sent(session, Framed("NsContinue"), 100),
-            "CONT_BUF\n" + std::string(4000, 'b') + "\nTO_BE_CONT\n");
-  EXPECT_EQ(Sent(session, Framed("NsContinue"), 100), "CONT_BUF\nc\nEND_BUF\n");
-}
-
 TEST_F(SimSessionTest, ImageKeepsItsLineEndsAcrossPieces) {
-  sim::Session session(_fabric);
+  protocol::Session session(_fabric);
   EXPECT_EQ(Sent(session, Framed(Text("vsFlashBurnImageMulti 1 ", G20)), 100), Framed("ACK"));
   EXPECT_EQ(Sent(session, "NEW_BUF\nSTART A 10000 0\n1 2 3 4\nTO_BE_CONT\n", 5),
             Framed("NsContinue"));
@@ -450,7 +421,7 @@ TEST_F(SimSessionTest, ImageKeepsItsLineEndsAcrossPieces) {
 }
 
 TEST_F(SimSessionTest, BadImageIsTheServersError) {
-  sim::Session session(_fabric);
+  protocol::Session session(_fabric);
   Sent(session, Framed(Text("vsFlashBurnImageMulti 1 ", G20)), 100);
   const std::string answer = Sent(session, Framed("START A 40 0\n1 2 3\n"), 100);
   EXPECT_THAT(answer, testing::MatchesRegex("NEW_BUF\n\\{ERROR:0x0000000000000020:.*Section data "
@@ -458,7 +429,7 @@ TEST_F(SimSessionTest, BadImageIsTheServersError) {
 }
 
 TEST_F(SimSessionTest, CrcOverHalfAWordIsTheServersError) {
-  sim::Session session(_fabric);
+  protocol::Session session(_fabric);
   Sent(session, Framed(Text("vsFlashBurnImageMulti 1 ", G20)), 100);
   const std::string answer =
       Sent(session, Framed("START A 0 0\n1 2 3 4 5 6 7 8\nEND A\nREPLACE CRC 0 0 2 0 4 0\n"), 100);
@@ -469,7 +440,7 @@ TEST_F(SimSessionTest, CrcOverHalfAWordIsTheServersError) {
 }
 
 TEST_F(SimSessionTest, ImageGoesOnlyIntoDevicesThatAgreed) {
-  sim::Session session(_fabric);
+  protocol::Session session(_fabric);
   EXPECT_EQ(Sent(session, Framed(Text("vsFlashBurnImageMulti 2 ", G20, G10)), 100),
             Framed("ACK {ERROR:0x0000000000000010:Device has no flash}"));
   EXPECT_EQ(Sent(session, Framed("START A 0 0\n1 2 3 4\nEND A\n"), 100), Framed("ACK"));
@@ -477,7 +448,7 @@ TEST_F(SimSessionTest, ImageGoesOnlyIntoDevicesThatAgreed) {
 }
 
 TEST_F(SimSessionTest, RefusedBurnTakesNoImage) {
-  sim::Session session(_fabric);
+  protocol::Session session(_fabric);
   EXPECT_EQ(Sent(session, Framed(Text("vsFlashBurnImageMulti 1 ", G10)), 100),
             Framed("{ERROR:0x0000000000000010:Device has no flash}"));
   EXPECT_EQ(Sent(session, Framed("START A 0 0\n1 2 3 4\nEND A\n"), 100),
@@ -497,68 +468,6 @@ TEST_F(SimSessionTest, ConnectionEndsWhereAFaultSaysSo) {
     _fabric.faults.Add(fault);
     EXPECT_EQ(SentAtOnce(Framed("vsMultiMaxGet")), sent);
   }
-}
-
-TEST_F(SimSessionTest, TraceGetsRequestAndAnswer) {
-  sim::Session session(_fabric);
-  std::string traced;
-  session.trace = [&](const std::string& request, const std::string& answer) {
-    traced += request + "|" + answer;
-  };
-  Sent(session, Framed("vsMultiMaxGet"), 100);
-  EXPECT_EQ(traced, "vsMultiMaxGet|64");
-}
-
-class SimServerTest : public SimFabricTest {};
-
-TEST_F(SimServerTest, ClientsAreServedAtOnceAndOneAfterTheOther) {
-  sim::ServerThread server(_fabric);
-  EXPECT_EQ(server.ServerString(), "IB:127.0.0.1:" + std::to_string(server.Port()));
-  BraidConn::ClientSocket first;
-  BraidConn::ClientSocket second;
-  first.Connect("127.0.0.1", server.Port());
-  second.Connect("127.0.0.1", server.Port());
-  for (BraidConn::ClientSocket* client : {&second, &first, &second}) {
-    std::string answer;
-    client->Request("vsMultiMaxGet");
-    client->Receive(answer);
-    EXPECT_EQ(answer, "64");
-  }
-  first.Close();
-  second.Close();
-  BraidConn::ClientSocket third;
-  third.Connect("127.0.0.1", server.Port());
-  std::string answer;
-  third.Request("IfcVersion");
-  third.Receive(answer);
-  EXPECT_EQ(answer, "2.2");
-  EXPECT_EQ(server.Requests().size(), 4u);
-}
-
-TEST_F(SimServerTest, PortInUseIsRefusedWithAReason) {
-  const sim::Server server(_fabric, "127.0.0.1", 0);
-  try {
-    const sim::Server second(_fabric, "127.0.0.1", server.Port());
-    FAIL();
-  } catch (const std::runtime_error& error) {
-    EXPECT_THAT(error.what(), testing::HasSubstr("can't listen on 127.0.0.1:"));
-  }
-}
-
-TEST_F(SimServerTest, DelayedAnswerComesLate) {
-  sim::Fault fault;
-  fault.kind = sim::Fault::DELAY;
-  fault.milliseconds = 100;
-  _fabric.faults.Add(fault);
-  sim::ServerThread server(_fabric);
-  BraidConn::ClientSocket client;
-  client.Connect("127.0.0.1", server.Port());
-  const auto start = std::chrono::steady_clock::now();
-  std::string answer;
-  client.Request("vsMultiMaxGet");
-  client.Receive(answer);
-  EXPECT_EQ(answer, "64");
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
 }
 
 class FabricFileTest : public ConsoleTest {

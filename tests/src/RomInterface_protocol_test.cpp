@@ -583,7 +583,7 @@ TEST_F(ConnectionTest, ServerThatBreaksTheConnectionIsNamed) {
     fault.kind = row.kind;
     fault.command = "Read";
     fabric.faults.Add(fault);
-    sim::ServerThread server(fabric);
+    protocol::ServerThread server(fabric);
     RemoteI2cInterface remote(5);
     remote.SetAddressConvertor(&_conv);
     remote.SetAccessDevices({LEAF1});
@@ -594,7 +594,7 @@ TEST_F(ConnectionTest, ServerThatBreaksTheConnectionIsNamed) {
 }
 
 TEST_F(ConnectionTest, RequestsArriveToTheLetter) {
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   OutputOf([&] { _remote.Open(server.ServerString().c_str()); });
   _remote.Write(0x1C, Hex("0011223344556677"), true);
   _remote.Read(0x1C, 8);
@@ -610,7 +610,7 @@ TEST_F(ConnectionTest, RequestsArriveToTheLetter) {
 }
 
 TEST_F(ConnectionTest, LargeImageGoesToTheServerInPieces) {
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   OutputOf([&] { _remote.Open(server.ServerString().c_str()); });
   std::string image = "START A 0 0\n";
   for (int i = 0; i < 500; ++i) image += "11 22 33 44 55 66 77 88\n";
@@ -618,10 +618,10 @@ TEST_F(ConnectionTest, LargeImageGoesToTheServerInPieces) {
   ASSERT_GT(image.size(), 8000u);
   server.ForgetExchanges();
   OutputOf([&] { EXPECT_EQ(_remote.BurnImage(image), BRAID_OK); });
-  server.With([](const sim::Fabric& fabric) {
+  server.BetweenRequests([this] {
     DataVec expected;
     for (int i = 0; i < 500; ++i) expected << Hex("1122334455667788");
-    EXPECT_EQ(MemoryOf(fabric, LEAF1, 0, 0, 4000), expected);
+    EXPECT_EQ(MemoryOf(_fabric, LEAF1, 0, 0, 4000), expected);
   });
   const auto requests = server.Requests();
   ASSERT_FALSE(requests.empty());
@@ -631,7 +631,7 @@ TEST_F(ConnectionTest, LargeImageGoesToTheServerInPieces) {
 TEST_F(ConnectionTest, SurplusAnswerEndsTheRunBeforeTheNextRequest) {
   // The answer of the fault, framed, is two answers.
   AnswerNext("Write", "ACK\nEND_BUF\nNEW_BUF\n{ACK {data 0xdeadbeef}}");
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   OutputOf([&] { _remote.Open(server.ServerString().c_str()); });
   EXPECT_EQ(_remote.Write(0x20, Hex("00112233"), true), BRAID_OK);
   server.ForgetExchanges();
@@ -642,7 +642,7 @@ TEST_F(ConnectionTest, SurplusAnswerEndsTheRunBeforeTheNextRequest) {
 
 TEST_F(ConnectionTest, SurplusAnswerEndsTheRunBeforeAnImageIsSent) {
   AnswerNext("BurnImage", "ACK\nEND_BUF\nNEW_BUF\nACK");
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   OutputOf([&] { _remote.Open(server.ServerString().c_str()); });
   server.ForgetExchanges();
   OutputOf([&] {
@@ -687,7 +687,7 @@ TEST_F(ConnectionTest, PortThatNoIntHoldsIsNotToldAsAnotherNumber) {
 }
 
 TEST_F(ConnectionTest, PortIsANumberHoweverItIsWritten) {
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   const std::string port = std::to_string(server.Port());
   for (const std::string& written : {port, "+" + port, "000000000000" + port, " " + port}) {
     RemoteI2cInterface remote(5);
@@ -713,7 +713,7 @@ TEST_F(ConnectionTest, ServerThatIsNotThereIsNamed) {
   std::string server;
   u_int16_t port = 0;
   {
-    sim::ServerThread gone(_fabric);
+    protocol::ServerThread gone(_fabric);
     server = gone.ServerString();
     port = gone.Port();
   }

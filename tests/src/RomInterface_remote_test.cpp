@@ -779,7 +779,7 @@ TEST_F(FlashTest, FlashThatLosesPowerInTheBracketFails) {
 
 TEST_F(FabricTest, DevicesBehindASocketAreReachedTheSameWay) {
   AddAdapters({LEAF1, LEAF2});
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   RemoteI2cInterface rom(5);
   rom.SetAddressConvertor(&_conv);
   rom.SetAccessDevices({LEAF1, LEAF2});
@@ -795,10 +795,10 @@ TEST_F(FabricTest, DevicesBehindASocketAreReachedTheSameWay) {
 
 TEST_F(FabricTest, LongAnswersComeThroughInPieces) {
   AddAdapters({LEAF1});
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   TestRng rng(3);
   const DataVec data = RandomBytes(rng, 0x2000);
-  server.With([&](sim::Fabric& fabric) { fabric.Find(LEAF1)->chips.at(0).Load(0, data); });
+  server.BetweenRequests([&] { _fabric.Find(LEAF1)->chips.at(0).Load(0, data); });
   RemoteI2cInterface rom(5);
   rom.SetAddressConvertor(&_conv);
   rom.SetAccessDevices({LEAF1});

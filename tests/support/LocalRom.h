@@ -23,9 +23,9 @@ class Local : public Remote {
   BraidResult Connect() override { return BRAID_OK; }
 
   BraidConn::Response Exchange(const std::string& request) override {
-    const sim::Reply reply = _fabric.Execute(request);
-    if (reply.manner == sim::Reply::SILENCE) ThrowError("Failed remote read: timeout");
-    if (reply.manner != sim::Reply::ANSWER && reply.manner != sim::Reply::CLOSE_AFTER) {
+    const protocol::Answer reply = _fabric.Execute(request);
+    if (reply.manner == protocol::Answer::SILENCE) ThrowError("Failed remote read: timeout");
+    if (reply.manner != protocol::Answer::ANSWER && reply.manner != protocol::Answer::CLOSE_AFTER) {
       ThrowError("Failed remote read: connection lost");
     }
     _burn_images = reply.burn_images;

@@ -48,7 +48,7 @@ class VerifyTest : public ConsoleTest {
 
   DeviceFinding Verify(const std::string& file, Guid guid, SlotChoice choice = SlotChoice::AUTO,
                        const std::optional<std::string>& save = {}) {
-    sim::ServerThread server(_fabric);
+    protocol::ServerThread server(_fabric);
     tools::Verifier verifier(file, server.ServerString(), choice, save);
     DeviceFinding finding;
     EXPECT_EQ(OutputOf([&] { finding = verifier.Verify(guid); }), "");
@@ -676,7 +676,7 @@ TEST_F(VerifyProgramTest, StatusAndTextTellTheTruth) {
   _fabric.Add(Eeprom(0x20));
   Burn<LocalI2c, GenericBurn>(file, {0x10, 0x20});
   Poke(0x20, 5, Hex("4546"));
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   const Outcome good = Run(file, {"-s", server.ServerString(), "-g", "10"});
   EXPECT_EQ(good.status, 0) << good.errors;
   EXPECT_EQ(good.output, "0x0000000000000010 identical: 16 bytes\n");
@@ -702,7 +702,7 @@ TEST_F(VerifyProgramTest, WhatBootsIsToldInBothForms) {
   _fabric.Add(Eeprom(0x20));
   const std::string file = File(EepromImage(0x03));
   sim::FillFromFile(_fabric, 0x10, file, {.slot = 1});
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   const std::vector<std::string> words = {"-s", server.ServerString(), "-g", "10,20", "--slot",
                                           "1"};
   const Outcome text = Run(file, words);
@@ -728,7 +728,7 @@ TEST_F(VerifyProgramTest, ServerThatFailsInBetweenHidesNoResult) {
   fault.command = "NsGetDeviceByType";
   fault.nth = 2;
   _fabric.faults.Add(fault);
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   const Outcome run = Run(file, {"-s", server.ServerString(), "-g", "10,20,30", "--json"});
   EXPECT_EQ(run.status, 2);
   const nlohmann::json result = nlohmann::json::parse(run.output);
@@ -754,7 +754,7 @@ TEST_F(VerifyProgramTest, MemoryThatCannotBeSavedCostsTheStatusAndNoVerdict) {
   fault.text = "bus stuck";
   fault.nth = 2;
   _fabric.faults.Add(fault);
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   const Outcome run = Run(
       file, {"-s", server.ServerString(), "-g", "10,20", "--json", "--save", _folder / "saved"});
   EXPECT_EQ(run.status, 2);
@@ -796,7 +796,7 @@ TEST_F(VerifyProgramTest, StrangeSectionNamesAreShownAndBreakNoResult) {
   _fabric.Add(Eeprom(0x10));
   const std::string file =
       File("DEVICE_TYPE RV61100\n" + Section("\xff\x1b[31m", 0, DataVec(4, 0x44)));
-  sim::ServerThread server(_fabric);
+  protocol::ServerThread server(_fabric);
   const Outcome text = Run(file, {"-s", server.ServerString(), "-g", "10"});
   EXPECT_EQ(text.status, 1);
   EXPECT_THAT(text.output, testing::HasSubstr("\n  \\xff\\x1b[31m+0x0 at 0x0: expected 44, "));

@@ -1,0 +1,33 @@
+/// A plain client, for tests and measurements of servers. The burner has its own.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "common/Descriptor.h"
+#include "protocol/Frames.h"
+
+namespace protocol {
+
+/// A connection to a server on this machine.
+class Client {
+ public:
+  /// Throws std::system_error.
+  explicit Client(std::uint16_t port);
+
+  /// Sends a request and returns its answer, agreeing to each of its pieces. None where the
+  /// connection ends first, or the server says nothing for `patience`.
+  std::optional<std::string> Ask(std::string_view request,
+                                 std::chrono::milliseconds patience = std::chrono::seconds(20));
+
+ private:
+  bool Send(std::string_view bytes) const;
+
+  common::Descriptor _socket;
+  MessageReader _answers{MessageReader::Lines::JOINED};
+};
+
+}  // namespace protocol
