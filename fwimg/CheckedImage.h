@@ -9,7 +9,7 @@
 
 #include "common/Text.h"
 #include "device/ImageFile.h"
-#include "fwimg/ProblemKinds.h"
+#include "fwimg/LineFindings.h"
 
 namespace fwimg {
 
@@ -22,7 +22,6 @@ using device::Bytes;
 using device::ChipLine;
 using device::CrcLine;
 using device::FieldLine;
-using device::LineNumber;
 using device::SectionLines;
 using device::SlotKind;
 using device::SlotLines;

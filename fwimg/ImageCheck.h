@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "fwimg/ProblemKinds.h"
+#include "fwimg/LineFindings.h"
 
 namespace fwimg {
 

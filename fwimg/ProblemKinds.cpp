@@ -1,8 +1,6 @@
 #include "fwimg/ProblemKinds.h"
 
-#include <algorithm>
-
-#include "common/Text.h"
+#include <array>
 
 namespace fwimg {
 
@@ -182,35 +180,5 @@ std::string_view ProblemKind::BurnOf(const device::DeviceType* type) const {
 std::span<const ProblemKind> ProblemKinds() { return KINDS; }
 
 const ProblemKind& KindOf(ProblemId id) { return KINDS[static_cast<std::size_t>(id)]; }
-
-void LineFindings::Mark(OfKind& known, LineNumber line) {
-  if (known.lines.size() <= line) known.lines.resize(std::size_t{line} + 1);
-  known.lines[line] = true;
-}
-
-void LineFindings::Tell(OfKind& known, LineFinding finding) {
-  const auto key = std::pair(finding.line, finding.text);
-  if (known.told.contains(key)) return;
-  if (known.told.size() == MOST_OF_A_KIND) {
-    known.has_more = true;
-    return;
-  }
-  known.told.insert(key);
-  _told.push_back(std::move(finding));
-}
-
-std::vector<LineFinding> LineFindings::InOrder() const {
-  std::vector<LineFinding> all;
-  for (std::size_t i = 0; i < _kinds.size(); ++i) {
-    if (!_kinds[i].has_more) continue;
-    const auto lines = std::ranges::count(_kinds[i].lines, true);
-    all.push_back({0, static_cast<ProblemId>(i),
-                   common::Text("more of this kind, on ", lines, lines == 1 ? " line" : " lines",
-                                " in all")});
-  }
-  all.insert(all.end(), _told.begin(), _told.end());
-  std::ranges::stable_sort(all, {}, &LineFinding::line);
-  return all;
-}
 
 }  // namespace fwimg

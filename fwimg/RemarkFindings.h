@@ -2,7 +2,7 @@
 #pragma once
 
 #include "device/ImageFile.h"
-#include "fwimg/ProblemKinds.h"
+#include "fwimg/LineFindings.h"
 
 namespace fwimg {
 
