@@ -12,9 +12,8 @@
 #include "common/Files.h"
 #include "common/QuietConsole.h"
 #include "common/Text.h"
-#include "sim/Family.h"
-#include "src/RomInterface.h"
-#include "verify/Prediction.h"
+#include "device/ImageFile.h"
+#include "verify/Expectation.h"
 
 namespace tools {
 
@@ -34,14 +33,6 @@ struct Unreadable {
 struct SaveFailure {
   std::string reason;
 };
-
-/// As image files have it.
-std::string_view Keyword(FieldType type) {
-  for (const std::string_view keyword : {"SIGNATURE", "GUIDS", "GUID", "SYSGUID", "BSN", "VSD"}) {
-    if (FwImage::Str2FieldType(std::string(keyword)) == type) return keyword;
-  }
-  return "?";
-}
 
 /// The only requests that may leave this program.
 bool OnlyReads(std::string_view request) {
@@ -113,59 +104,91 @@ std::size_t CountDifferences(std::span<const ComparedRegion> regions) {
   return count;
 }
 
-/// A field or a CRC that an image marks: the field's type, or 0 for a CRC; where it starts in the
-/// slot; its size; where the CRC is stored, or 0.
-using Mark = std::array<u_int32_t, 4>;
+/// A field or a CRC that an image marks: the field's type from 1, or 0 for a CRC; where it starts
+/// in the slot; its size; where the CRC is stored, or 0.
+using Mark = std::array<std::uint32_t, 4>;
 
 /// The marks that lie in one slot.
-std::multiset<Mark> MarksOf(const FwImage& image, u_int32_t slot) {
+std::multiset<Mark> MarksOf(const device::Image& image, std::uint32_t slot) {
   std::multiset<Mark> marks;
-  std::vector<u_int32_t> addrs;
-  image.GetImageSectionsAddr(addrs);
-  const u_int32_t start = image.GetImageAddr(slot);
-  for (const u_int32_t addr : addrs) {
-    const u_int32_t at = addr - image.GetImageAddr(0) + start;
-    const auto size = static_cast<u_int32_t>(image.GetSection(addr)->data.size());
-    for (const auto& field : image.GetFieldsInRange(at, size)) {
-      marks.insert({field.type, field.from - start, field.size, 0});
+  const std::uint32_t start = image.slots[slot].image.value();
+  for (const device::Section* section : image.SlotSections()) {
+    const std::uint32_t at = section->addr - image.slots[0].image.value() + start;
+    const device::Range range{at, static_cast<std::uint32_t>(section->data.size())};
+    for (const device::Field& field : image.fields) {
+      if (!range.Holds(field.addr, 1)) continue;
+      const auto type = static_cast<std::uint32_t>(field.type) + 1;
+      marks.insert({type, field.addr - start, field.Size(), 0});
     }
-    for (const auto& crc : image.GetCrcsInRange(at, size)) {
-      marks.insert({UNKNOWN_FIELD, crc.from - start, crc.size, crc.crc_addr - start});
+    for (const device::CrcField& crc : image.crcs) {
+      if (range.Holds(crc.from, 1)) marks.insert({0, crc.from - start, crc.size, crc.addr - start});
     }
   }
   return marks;
 }
 
 /// Whether a failsafe burn finds all that it needs in the image.
-bool CanBeBurntIntoSlots(const FwImage& image) {
-  const sim::Family family = sim::FamilyOf(image.DevType());
-  if (family != sim::Family::BOOT_RECORDS && family != sim::Family::POINTER_SECTORS) return false;
+bool CanBeBurntIntoSlots(const device::Image& image) {
+  if (image.Slots() == device::SlotKind::NONE) return false;
+  constexpr std::uint32_t ANY_SECTOR_SIZE = 1;  // that of the device counts when it is known
   try {
-    std::vector<u_int32_t> addrs;
-    image.GetImageSectionsAddr(addrs);
-    if (addrs.empty()) return false;
-    if (family == sim::Family::BOOT_RECORDS) {
-      return image.GetSection(addrs.front())->data.size() >= sim::BOOT_RECORD_HELD_BACK;
-    }
-    for (u_int32_t slot = 0; slot < FwImage::SLOTS; ++slot) {
-      image.GetSignatureAddr(slot);
-      if (image.GetSection(image.GetPsAddr(slot)) == nullptr) return false;
-    }
+    device::Burn(image, device::BurnKind::FAILSAFE, device::Burn::FieldValues{})
+        .CheckImage(ANY_SECTOR_SIZE);
     return true;
-  } catch (const BraidError&) {
-    return false;  // an address that the image does not set
+  } catch (const device::BurnError&) {
+    return false;
   }
+}
+
+/// The image's device map, for the interface that reads.
+class MapConvertor : public AddressConvertor {
+ public:
+  explicit MapConvertor(const device::Image& image) : _image(image) {}
+
+  u_int32_t Convert(const EeLoc& loc) const override {
+    const auto addr = _image.AddressOf({loc.dev, loc.offset});
+    if (!addr) ThrowError("The device map lacks the chip");
+    return *addr;
+  }
+  EeLoc Convert(u_int32_t addr) const override {
+    const auto place = _image.PlaceOf(addr);
+    if (!place) {
+      ThrowError(Text("Addr2OffsetDev: No mapping for the given addr (", std::hex, addr, ")."));
+    }
+    return {place->offset, place->chip};
+  }
+
+ private:
+  const device::Image& _image;
+};
+
+/// As the interface that reads has it.
+FieldType InterfaceType(device::FieldType type) {
+  switch (type) {
+    case device::FieldType::SIGNATURE:
+      return SIGNATURE;
+    case device::FieldType::GUIDS:
+      return GUIDS;
+    case device::FieldType::GUID:
+      return GUID;
+    case device::FieldType::SYS_GUID:
+      return SYS_GUID;
+    case device::FieldType::BSN:
+      return BSN;
+    case device::FieldType::VSD:
+      return VSD;
+  }
+  return UNKNOWN_FIELD;
 }
 
 /// One device, and what a burn would have made of it.
 class Device {
  public:
-  Device(FwImage& image, Reader& reader, Guid guid)
+  Device(const device::Image& image, Reader& reader, Guid guid)
       : _image(image),
         _reader(reader),
         _guid(guid),
-        _map(sim::MapOf(image)._devmap),
-        _is_flash(sim::IsFlash(image.DevType())) {}
+        _is_flash(image.type->memory == device::MemoryKind::FLASH) {}
 
   /// Whether its slots boot, by records that lie where `layout` has them.
   void JudgeSlots(const device::BootLayout& layout) {
@@ -185,18 +208,16 @@ class Device {
   const std::vector<u_int32_t>& MarkedSlots() const { return _marked; }
 
   void CompareAll(DeviceFinding& finding) {
-    std::vector<u_int32_t> addrs;
-    _image.GetSectionsAddr(addrs);
     std::vector<ComparedRegion> regions;
-    for (const u_int32_t addr : addrs) Add(regions, addr, addr);
+    for (const device::Section& section : _image.sections) Add(regions, section, section.addr);
     ReadInto(regions);
-    Predict().GenericBurn(regions);
+    Expected().PlainBurn(regions);
     Tell(regions, finding);
   }
 
   void CompareSlots(DeviceFinding& finding) {
     if (finding.slots.empty()) return;
-    if (sim::FamilyOf(_image.DevType()) == sim::Family::BOOT_RECORDS) {
+    if (_image.Slots() == device::SlotKind::BOOT_RECORDS) {
       CompareBootRecordSlots(finding);
     } else {
       ComparePointerSectorSlots(finding);
@@ -227,36 +248,38 @@ class Device {
                              " bytes, and no more than ", Verifier::MOST_SAVED, " are saved")};
     }
     const std::string head = common::HexGuid(_reader.NodeGuid(_guid));
-    if (_is_flash || _map.empty()) {
+    if (_is_flash || _image.map.empty()) {
       SaveChip(folder / (head + (_is_flash ? ".flash" : ".0.i2c")), 0, size);
       return;
     }
     u_int64_t start = 0;
-    for (const EeLoc& chip : _map) {
-      SaveChip(folder / Text(head, ".", std::hex, u_int32_t{chip.dev}, ".i2c"), start, chip.offset);
-      start += chip.offset;
+    for (const device::MappedChip& mapped : _image.map) {
+      SaveChip(folder / Text(head, ".", std::hex, u_int32_t{mapped.chip}, ".i2c"), start,
+               mapped.size);
+      start += mapped.size;
     }
   }
 
-  Predictor Predict() {
+  Expectation Expected() {
     if (_is_flash && _reader.SectorSize() == 0) throw Unreadable{"the flash has no sector size"};
-    return {_image, _reader.SectorSize(), [this](FieldType type) { return Field(type); }};
+    return {_image, _reader.SectorSize(), [this](device::FieldType type) { return Field(type); }};
   }
 
-  const DataVec& Field(FieldType type) {
+  const DataVec& Field(device::FieldType type) {
     const auto [known, is_new] = _fields.try_emplace(type);
     DataVec& bytes = known->second;
     if (!is_new) return bytes;
     try {
-      _reader.Rom().GetField(_guid, type, bytes);
+      _reader.Rom().GetField(_guid, InterfaceType(type), bytes);
     } catch (const BraidError& error) {
-      if (type == BSN || type == VSD) throw;  // which are asked for
-      throw Unreadable{error.Des()};          // the others came with the device's record
+      // These two are asked for; the others came with the device's record.
+      if (type == device::FieldType::BSN || type == device::FieldType::VSD) throw;
+      throw Unreadable{error.Des()};
     }
-    const u_int32_t size = FwImage::ReplaceFieldSize(type);
-    if (bytes.size() != size) {
-      throw Unreadable{Text("the device's ", Keyword(type), " has ", bytes.size(),
-                            " bytes, the image needs ", size)};
+    const device::FieldRow& row = device::RowOf(type);
+    if (bytes.size() != row.size) {
+      throw Unreadable{Text("the device's ", row.keyword, " has ", bytes.size(),
+                            " bytes, the image needs ", row.size)};
     }
     return bytes;
   }
@@ -265,13 +288,13 @@ class Device {
     std::vector<ComparedRegion> regions;
     for (const u_int32_t slot : finding.slots) AddImage(regions, slot);
     ReadInto(regions);
-    Predict().BootRecordBurn(regions, 0);
+    Expected().BootRecordBurn(regions, 0);
     if (const std::size_t different = CountDifferences(regions); different > 0) {
       // Which slot came first depends on what was valid before the burn.
       std::vector<DataVec> expected;
       expected.reserve(regions.size());
       for (const ComparedRegion& region : regions) expected.push_back(region.expected);
-      Predict().BootRecordBurn(regions, 1);
+      Expected().BootRecordBurn(regions, 1);
       if (different <= CountDifferences(regions)) {
         for (std::size_t i = 0; i < regions.size(); ++i) {
           regions[i].expected = std::move(expected[i]);
@@ -288,11 +311,9 @@ class Device {
 
   void ComparePointerSectorSlots(DeviceFinding& finding) {
     std::vector<ComparedRegion> invariant;
-    std::vector<u_int32_t> addrs;
-    _image.GetSectionsAddr(addrs);
-    for (const u_int32_t addr : addrs) {
-      if (addr >= _reader.SectorSize()) break;
-      Add(invariant, addr, addr);
+    const device::Burn burn(_image, device::BurnKind::FAILSAFE, device::Burn::FieldValues{});
+    for (const std::size_t index : burn.InvariantSections(_reader.SectorSize())) {
+      Add(invariant, _image.sections[index], _image.sections[index].addr);
     }
     ReadInto(invariant);
     const bool keeps_invariant = std::ranges::all_of(invariant, [](const ComparedRegion& region) {
@@ -301,29 +322,29 @@ class Device {
     bool is_told = false;
     for (const u_int32_t slot : finding.slots) {
       std::vector<ComparedRegion> regions = invariant;
-      Add(regions, _image.GetPsAddr(slot), _image.GetPsAddr(slot));
+      const std::uint32_t pointer_sector = _image.slots[slot].pointer_sector.value();
+      Add(regions, *_image.SectionAt(pointer_sector), pointer_sector);
       AddImage(regions, slot);
       const auto own = std::span(regions).subspan(invariant.size());
       ReadInto(own);
-      Predict().PointerSectorBurn(regions, slot, keeps_invariant);
+      Expected().PointerSectorBurn(regions, slot, keeps_invariant);
       Tell(is_told ? own : std::span(regions), finding);
       is_told = true;
     }
   }
 
   /// Adds a section; one that starts where another did is never burnt.
-  void Add(std::vector<ComparedRegion>& regions, u_int32_t addr, u_int32_t destination) const {
+  static void Add(std::vector<ComparedRegion>& regions, const device::Section& section,
+                  std::uint32_t destination) {
     const auto is_there = [&](const ComparedRegion& region) { return region.addr == destination; };
     if (std::ranges::any_of(regions, is_there)) return;
-    const FwImage::Section* section = _image.GetSection(addr);
-    regions.push_back({section, destination, DataVec(section->data.size()), {}});
+    regions.push_back({.section = &section, .addr = destination});
   }
 
-  void AddImage(std::vector<ComparedRegion>& regions, u_int32_t slot) const {
-    std::vector<u_int32_t> addrs;
-    _image.GetImageSectionsAddr(addrs);
-    for (const u_int32_t addr : addrs) {
-      Add(regions, addr, addr - _image.GetImageAddr(0) + _image.GetImageAddr(slot));
+  void AddImage(std::vector<ComparedRegion>& regions, std::uint32_t slot) const {
+    const std::uint32_t distance = _image.slots[slot].image.value() - _image.slots[0].image.value();
+    for (const device::Section* section : _image.SlotSections()) {
+      Add(regions, *section, section->addr + distance);
     }
   }
 
@@ -345,19 +366,16 @@ class Device {
   std::optional<u_int64_t> KnownEnd() const {
     std::optional<u_int64_t> end;
     if (_is_flash && _reader.FlashSize() != 0) end = _reader.FlashSize();
-    if (_map.empty()) return end;
-    u_int64_t mapped = 0;
-    for (const EeLoc& chip : _map) mapped += chip.offset;
-    return std::min(end.value_or(mapped), mapped);
+    const auto mapped = _image.MappedSize();
+    if (!mapped) return end;
+    return std::min(end.value_or(*mapped), *mapped);
   }
 
   /// Bytes; as far as the image reaches where the end is not known.
   u_int64_t MemorySize() const {
     if (const auto end = KnownEnd()) return *end;
     std::vector<ComparedRegion> regions;
-    std::vector<u_int32_t> addrs;
-    _image.GetSectionsAddr(addrs);
-    for (const u_int32_t addr : addrs) Add(regions, addr, addr);
+    for (const device::Section& section : _image.sections) Add(regions, section, section.addr);
     if (CanBeBurntIntoSlots(_image)) AddImage(regions, 1);
     u_int64_t size = 0;
     for (const ComparedRegion& region : regions) size = std::max(size, region.End());
@@ -403,12 +421,8 @@ class Device {
   }
 
   u_int32_t LeftInChip(u_int32_t at) const {
-    u_int64_t end = 0;
-    for (const EeLoc& chip : _map) {
-      end += chip.offset;
-      if (at < end) return static_cast<u_int32_t>(std::min<u_int64_t>(end - at, READ_SIZE));
-    }
-    return READ_SIZE;
+    const std::uint64_t left = std::min<std::uint64_t>(_image.LeftInChip(at), READ_SIZE);
+    return left == 0 ? READ_SIZE : static_cast<u_int32_t>(left);
   }
 
   void SaveChip(const std::filesystem::path& path, u_int64_t start, u_int64_t size) {
@@ -429,33 +443,26 @@ class Device {
     keep([&] { file->Keep(); });
   }
 
-  FwImage& _image;
+  const device::Image& _image;
   Reader& _reader;
   Guid _guid;
-  const std::vector<EeLoc>& _map;  ///< each {size, address}
   bool _is_flash;
-  std::map<FieldType, DataVec> _fields;  ///< those asked for so far
+  std::map<device::FieldType, DataVec> _fields;  ///< those asked for so far
   std::vector<u_int32_t> _valid;
   std::vector<u_int32_t> _marked;
 };
 
-/// Nothing where it places no slots.
-std::optional<device::BootLayout> LayoutOf(const FwImage& image) {
-  device::BootLayout layout;
-  const sim::Family family = sim::FamilyOf(image.DevType());
-  const bool has_pointer_sectors = family == sim::Family::POINTER_SECTORS;
-  if (!has_pointer_sectors && family != sim::Family::BOOT_RECORDS) return std::nullopt;
-  layout.kind =
-      has_pointer_sectors ? device::SlotKind::POINTER_SECTORS : device::SlotKind::BOOT_RECORDS;
-  try {
-    for (u_int32_t slot = 0; slot < device::SLOTS; ++slot) {
-      layout.records[slot] = has_pointer_sectors ? image.GetPsAddr(slot) : image.GetImageAddr(slot);
-    }
-  } catch (const BraidError&) {
-    return std::nullopt;
+/// Throws what the burner refuses, and keeps what it warns of.
+class ImageWarnings : public device::ImageListener {
+ public:
+  void Refused(const device::Refusal& refusal) override { ThrowError(refusal.message); }
+  void Remarked(const device::Remark& remark) override {
+    if (remark.kind != device::RemarkKind::BSN_IGNORED) return;
+    text += Text("-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE ",
+                 device::FindDeviceType("RV61100")->number, " ***\n");
   }
-  return layout;
-}
+  std::string text;
+};
 
 }  // namespace
 
@@ -485,24 +492,27 @@ void CheckServerForm(const std::string& server) {
 Verifier::Verifier(const std::string& image_file, const std::string& server, SlotChoice choice,
                    const std::optional<std::string>& save)
     : _server(server), _choice(choice), _save(save) {
-  const common::QuietConsole quiet;
-  _image.Open(image_file.c_str(), READ);
-  _warnings = quiet.Swallowed();
-  if (sim::FamilyOf(_image.DevType()) == sim::Family::UNKNOWN) {
-    ThrowError("The image names no device type");
+  try {
+    ImageWarnings warnings;
+    _image = device::ReadImageFile(image_file, warnings).image;
+    _warnings = warnings.text;
+  } catch (const device::ImageError& error) {
+    ThrowError(error.what());
   }
-  _layout = LayoutOf(_image);
+  if (_image.type == nullptr) ThrowError("The image names no device type");
+  _layout = device::LayoutOf(_image, 0);
   _has_slots = CanBeBurntIntoSlots(_image);
 }
 
 DeviceFinding Verifier::Verify(Guid guid) {
   const common::QuietConsole quiet;
   std::unique_ptr<Reader> reader;
-  if (sim::IsFlash(_image.DevType())) {
+  if (_image.type->memory == device::MemoryKind::FLASH) {
     reader = std::make_unique<ReaderOf<RemoteFlashInterface>>();
   } else {
     reader = std::make_unique<ReaderOf<RemoteI2cInterface>>();
   }
+  MapConvertor convertor(_image);
   DeviceFinding finding;
   finding.guid = guid;
   const auto cannot_read = [&](const std::string& reason) {
@@ -511,7 +521,7 @@ DeviceFinding Verifier::Verify(Guid guid) {
   };
   try {
     RemoteRomInterface& rom = reader->Rom();
-    rom.SetAddressConvertor(_image.GetAddressConvertor());
+    rom.SetAddressConvertor(&convertor);
     rom.SetAccessDevices({guid});
     rom.Open(_server.c_str());
 

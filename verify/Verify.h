@@ -6,7 +6,8 @@
 #include <vector>
 
 #include "device/Boot.h"
-#include "src/FwImage.h"
+#include "device/Image.h"
+#include "src/RomInterface.h"
 
 namespace tools {
 
@@ -78,7 +79,7 @@ class Verifier {
   std::string _server;
   SlotChoice _choice;
   std::optional<std::string> _save;
-  FwImage _image;
+  device::Image _image;
   std::optional<device::BootLayout> _layout;  ///< where the image places the records of its slots
   bool _has_slots = false;
   std::string _warnings;

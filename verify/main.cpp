@@ -9,7 +9,6 @@
 
 #include "common/Program.h"
 #include "common/Text.h"
-#include "sim/Fabric.h"
 #include "verify/Verify.h"
 
 namespace {
@@ -35,7 +34,7 @@ std::string SlotText(const tools::DeviceFinding& finding) {
 }
 
 void Print(const tools::DeviceFinding& finding) {
-  std::cout << sim::HexGuid(finding.guid) << " " << Name(finding.state);
+  std::cout << common::HexGuid(finding.guid) << " " << Name(finding.state);
   if (finding.compared > 0) {
     std::cout << ": " << std::dec;
     if (finding.state != tools::DeviceFinding::IDENTICAL) std::cout << finding.different << " of ";
@@ -67,7 +66,7 @@ nlohmann::json Json(const tools::DeviceFinding& finding) {
                            {"found", difference.found}});
   }
   const auto boots = finding.Boots();
-  return {{"guid", sim::HexGuid(finding.guid)},
+  return {{"guid", common::HexGuid(finding.guid)},
           {"state", Name(finding.state)},
           {"reason", finding.reason},
           {"boots", boots ? nlohmann::json(*boots) : nlohmann::json()},

@@ -1,31 +1,18 @@
-/// What a burn leaves on a device: told by the burn algorithms themselves, which run against just
-/// the bytes that are asked for. No chunks, no server, no memory of the device's size.
+/// What a burn leaves on a device, a second time: told by the burn algorithms themselves, which run
+/// against just the bytes that are asked for. verify/Expectation says the same without them;
+/// whoever of the two is wrong, they differ.
 #pragma once
 
 #include <functional>
 #include <span>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "src/FwImage.h"
+#include "verify/Expectation.h"
 
-namespace tools {
-
-/// Bytes of a device's memory that one section of an image fills.
-struct ComparedRegion {
-  const FwImage::Section* section;  ///< borrowed from the image
-  u_int32_t addr;                   ///< linear, where the burn puts it
-  DataVec expected;                 ///< what the burn leaves there; as long as the section
-  DataVec found;                    ///< what the device holds there
-
-  u_int64_t End() const { return u_int64_t{addr} + expected.size(); }
-};
-
-/// Why nobody can tell what a burn would leave: it would fail by itself.
-struct CannotPredict {
-  std::string reason;
-};
+using tools::CannotPredict;
+using tools::ComparedRegion;
 
 /// Predicts for one device. All that it is given is borrowed. The image is as it was after each
 /// call, but for the fields that a burn without slots forgets.
@@ -58,5 +45,3 @@ class Predictor {
   u_int32_t _sector_size;
   FieldSource _fields;
 };
-
-}  // namespace tools

@@ -1,4 +1,4 @@
-#include "verify/Prediction.h"
+#include "tests/support/Prediction.h"
 
 #include <algorithm>
 #include <optional>
@@ -6,8 +6,6 @@
 
 #include "src/BurnAlgorithm.h"
 #include "src/RomInterface.h"
-
-namespace tools {
 
 namespace {
 
@@ -176,5 +174,3 @@ void Predictor::BootRecordBurn(std::span<ComparedRegion> regions, u_int32_t firs
     burn.BurnImage(_image, 1 - first);
   });
 }
-
-}  // namespace tools

@@ -1,0 +1,88 @@
+#include "verify/Expectation.h"
+
+#include <algorithm>
+
+#include "device/Chip.h"
+
+namespace tools {
+
+namespace {
+
+/// A memory as far as the regions reach: writes elsewhere leave no trace.
+class RegionTarget : public device::BurnTarget {
+ public:
+  RegionTarget(std::span<ComparedRegion> regions, bool is_flash)
+      : _regions(regions),
+        _kind(is_flash ? device::MemoryKind::FLASH : device::MemoryKind::EEPROM) {}
+
+  void Erase(std::uint32_t addr, std::uint64_t size) override {
+    ForEachPart(addr, size, [](device::Cells cells, std::uint64_t) { device::Erase(cells); });
+  }
+  void Program(std::uint32_t addr, device::View bytes) override {
+    ForEachPart(addr, bytes.size(), [&](device::Cells cells, std::uint64_t offset) {
+      device::Program(_kind, cells, bytes.subspan(offset, cells.size()));
+    });
+  }
+
+ private:
+  /// Calls `change` with the cells of each region in [addr, addr + size), and how far behind `addr`
+  /// they begin.
+  template <typename Change>
+  void ForEachPart(std::uint32_t addr, std::uint64_t size, const Change& change) {
+    for (ComparedRegion& region : _regions) {
+      const std::uint64_t start = std::max(addr, region.addr);
+      const std::uint64_t end = std::min(addr + size, region.End());
+      if (start >= end) continue;
+      change(device::Cells(region.expected).subspan(start - region.addr, end - start),
+             start - addr);
+    }
+  }
+
+  std::span<ComparedRegion> _regions;
+  device::MemoryKind _kind;
+};
+
+}  // namespace
+
+void Expectation::Write(std::span<ComparedRegion> regions, device::BurnKind kind,
+                        const device::Plan& plan) const {
+  RegionTarget target(regions, _sector_size != 0);
+  try {
+    device::Burn(_image, kind, _values).Write(target, _sector_size, plan);
+  } catch (const device::BurnError& error) {
+    throw CannotPredict{error.what()};
+  }
+}
+
+namespace {
+
+void Blank(std::span<ComparedRegion> regions) {
+  for (ComparedRegion& region : regions) {
+    region.expected.assign(region.section->data.size(), device::ERASED);
+  }
+}
+
+}  // namespace
+
+void Expectation::PlainBurn(std::span<ComparedRegion> regions) const {
+  Blank(regions);
+  Write(regions, device::BurnKind::PLAIN, {});
+}
+
+void Expectation::PointerSectorBurn(std::span<ComparedRegion> regions, std::uint32_t slot,
+                                    bool keeps_invariant) const {
+  Blank(regions);
+  for (ComparedRegion& region : regions) {
+    if (!keeps_invariant || region.addr >= _sector_size) break;
+    region.expected = region.section->data;
+  }
+  Write(regions, device::BurnKind::FAILSAFE,
+        {.rewrites_invariant = !keeps_invariant, .slots = {slot}});
+}
+
+void Expectation::BootRecordBurn(std::span<ComparedRegion> regions, std::uint32_t first) const {
+  Blank(regions);
+  Write(regions, device::BurnKind::FAILSAFE, {.slots = {first, 1 - first}});
+}
+
+}  // namespace tools
