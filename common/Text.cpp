@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <stdexcept>
 
 namespace common {
 
@@ -33,6 +34,20 @@ std::string HexText(std::uint64_t number) { return Text("0x", std::hex, number);
 
 std::string HexGuid(std::uint64_t guid) {
   return Text("0x", std::hex, std::setw(16), std::setfill('0'), guid);
+}
+
+void ParseGuids(const std::string& list, std::set<std::uint64_t>& guids) {
+  std::size_t number = 0;
+  for (const std::string_view word : Words(list, ",")) {
+    char* end = nullptr;
+    const std::string digits(word);
+    const std::uint64_t guid = std::strtoull(digits.c_str(), &end, 16);
+    if (*end != '\0') {
+      throw std::runtime_error(Text("Error parsing guid #", number, " in the given list."));
+    }
+    guids.insert(guid);
+    ++number;
+  }
 }
 
 std::optional<std::uint32_t> ParseByteCount(const std::string& text) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <iomanip>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -31,6 +32,11 @@ std::optional<std::uint8_t> HexDigit(char c);
 std::string HexText(std::uint64_t number);
 /// A device's GUID as requests have it: "0x" and 16 lower-case digits.
 std::string HexGuid(std::uint64_t guid);
+
+/// Adds the GUIDs of a comma-separated list, hexadecimal with or without 0x, by the rules of
+/// fwpush -g. Throws std::runtime_error at the first entry that is no number; those before it are
+/// added.
+void ParseGuids(const std::string& list, std::set<std::uint64_t>& guids);
 
 /// A number of bytes, more than 0 and less than 2^32, as a command line has it: decimal, or 0x and
 /// hexadecimal, or 0 and octal. None for any other text.

@@ -11,23 +11,23 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   const std::string_view text = input.Rest();
   const GuidSet asked = has_asked ? GuidSet{0x10, 0x20} : GuidSet();
 
-  tools::BurnLog in_steps;
-  tools::BurnLog at_once;
+  report::BurnLog in_steps;
+  report::BurnLog at_once;
   for (std::size_t at = 0; at < text.size(); at += step) in_steps.Feed(text.substr(at, step));
   at_once.Feed(text);
-  const tools::BurnReport report = in_steps.Conclude(asked);
-  const tools::BurnReport other = at_once.Conclude(asked);
-  fuzz::Must(report.is_all_burnt == other.is_all_burnt && report.failure == other.failure &&
-                 report.devices.size() == other.devices.size() &&
-                 report.phases.size() == other.phases.size(),
+  const report::BurnReport whole = in_steps.Conclude(asked);
+  const report::BurnReport other = at_once.Conclude(asked);
+  fuzz::Must(whole.is_all_burnt == other.is_all_burnt && whole.failure == other.failure &&
+                 whole.devices.size() == other.devices.size() &&
+                 whole.phases.size() == other.phases.size(),
              "it does not matter how a console comes");
-  for (const tools::DeviceReport& device : report.devices) {
-    fuzz::Must(!report.is_all_burnt || device.fate == tools::Fate::BURNT,
+  for (const report::DeviceReport& device : whole.devices) {
+    fuzz::Must(!whole.is_all_burnt || device.status == report::DeviceStatus::BURNT,
                "all are burnt only where each is");
   }
   // A console may name others, too.
   for (const Guid guid : asked) {
-    fuzz::Must(std::ranges::count(report.devices, guid, &tools::DeviceReport::guid) == 1,
+    fuzz::Must(std::ranges::count(whole.devices, guid, &report::DeviceReport::guid) == 1,
                "every device asked for is told once");
   }
   return 0;

@@ -90,7 +90,7 @@ struct RehearsalReport {
 using RehearsalProgress =
     std::function<void(const std::string& what, std::size_t done, std::size_t total)>;
 
-/// Rehearses. Throws std::runtime_error, and BraidError, when it cannot.
+/// Rehearses. Throws std::runtime_error when it cannot.
 RehearsalReport Rehearse(const RehearsalOptions& options, const RehearsalProgress& progress = {});
 
 }  // namespace sim

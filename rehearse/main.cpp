@@ -1,7 +1,5 @@
 /// fwpush-rehearse: pulls the plug at every step of a burn, on simulated devices.
 
-#include "src/main.h"
-
 #include <unistd.h>
 
 #include <cstring>
@@ -13,6 +11,7 @@
 #include <string_view>
 
 #include "common/Program.h"
+#include "common/Text.h"
 #include "rehearse/Rehearsal.h"
 
 namespace {
@@ -154,11 +153,11 @@ nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
 
 /// The devices of -g, by fwpush's own rules; none: all.
 std::vector<Guid> ParseGuids(const std::string& words) {
-  GuidSet guids;
+  std::set<Guid> guids;
   try {
-    GetTargeGuids(words, guids);
-  } catch (const BraidError& error) {
-    throw common::UsageError("--guids", error.Des());
+    common::ParseGuids(words, guids);
+  } catch (const std::runtime_error& error) {
+    throw common::UsageError("--guids", error.what());
   }
   if (!words.empty() && guids.empty()) throw common::UsageError("--guids", "no device given");
   return {guids.begin(), guids.end()};
@@ -238,13 +237,7 @@ int main(int argc, char* argv[]) {
   line.Add("--json", options.json_file, "File for the report, for machines");
   line.Add("--fwpush", options.fwpush,
            "The burner to rehearse with (default: fwpush beside this program)");
-  line.SetWork([&options] {
-    try {
-      return Run(options);
-    } catch (const BraidError& error) {
-      throw std::runtime_error(error.Des());
-    }
-  });
+  line.SetWork([&options] { return Run(options); });
   TakeEqualsSigns(argc, argv);
   return common::RunProgram({.name = "fwpush-rehearse", .is_verbatim = true}, line, argc, argv);
 }

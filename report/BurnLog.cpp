@@ -7,14 +7,15 @@
 #include <charconv>
 #include <cstring>
 
-#include "src/main.h"
-#include "src/utils.h"
+#include "common/Text.h"
 
-namespace tools {
+namespace report {
+
+using common::Text;
 
 namespace {
 
-using enum Saying;
+using enum LineKind;
 
 constexpr std::string_view MAIN = "main";
 constexpr std::string_view ROM = "RomInterface";
@@ -104,7 +105,7 @@ constexpr auto SWITCHES = std::to_array<SwitchText>({
 constexpr std::string_view GUIDS_SWITCH = "g";
 constexpr std::string_view ALL_DEVICES = "ALL";
 constexpr std::string_view UPDATING_LABEL = "Updating invariant sector";
-constexpr u_int32_t DONE_PERCENT = 100;
+constexpr std::uint32_t DONE_PERCENT = 100;
 constexpr std::size_t LONGEST_METER = 1024;  ///< bytes; a drawing of it has less than 100
 
 template <typename Number>
@@ -129,12 +130,12 @@ Match FindText(std::string_view line) {
     const std::size_t number_end = line.find(": ", unit_end + 1);
     if (number_end == std::string_view::npos) return {};
     const std::string_view number = line.substr(unit_end + 1, number_end - unit_end - 1);
-    if (!WholeNumber<u_int32_t>(number, 10)) return {};
+    if (!WholeNumber<std::uint32_t>(number, 10)) return {};
     unit = line.substr(DEBUG.size(), unit_end - DEBUG.size());
     line.remove_prefix(number_end + 2);
   }
   for (const TextRow& row : TEXTS) {
-    if (row.saying == METER || row.unit != unit || !line.starts_with(row.head)) continue;
+    if (row.kind == METER || row.unit != unit || !line.starts_with(row.head)) continue;
     std::string_view rest = line.substr(row.head.size());
     if (!row.tail.empty()) {
       const std::size_t tail = rest.rfind(row.tail);
@@ -181,7 +182,7 @@ std::string_view WithoutSpinner(std::string_view text) {
 bool MayBecomeMeter(std::string_view text) {
   text = WithoutSpinner(text);
   return std::ranges::any_of(TEXTS, [text](const TextRow& row) {
-    return row.saying == METER && row.head.starts_with(text.substr(0, row.head.size()));
+    return row.kind == METER && row.head.starts_with(text.substr(0, row.head.size()));
   });
 }
 
@@ -191,14 +192,15 @@ std::span<const TextRow> Texts() { return TEXTS; }
 
 std::span<const SwitchText> SwitchTexts() { return SWITCHES; }
 
-GuidSet AskedDevices(std::span<const std::string> words) {
-  GuidSet asked;
+std::set<Guid> AskedDevices(std::span<const std::string> words) {
+  std::set<Guid> asked;
   for (std::size_t i = 0; i < words.size(); ++i) {
     if (!words[i].starts_with('-')) continue;
     std::string_view word = words[i];
     word.remove_prefix(std::min(word.find_first_not_of('-'), word.size()));
-    const auto row = std::ranges::find_if(
-        SWITCHES, [word](const SwitchText& candidate) { return swcmp(word, candidate.name); });
+    const auto row = std::ranges::find_if(SWITCHES, [word](const SwitchText& candidate) {
+      return candidate.name.starts_with(word.substr(0, word.find('=')));
+    });
     if (row == SWITCHES.end() || !row->takes_value) continue;
     std::string value;
     if (const std::size_t equals = word.find('='); equals != std::string_view::npos) {
@@ -208,8 +210,8 @@ GuidSet AskedDevices(std::span<const std::string> words) {
     }
     if (row->name != GUIDS_SWITCH) continue;
     try {
-      GetTargeGuids(value, asked);
-    } catch (const BraidError&) {
+      common::ParseGuids(value, asked);
+    } catch (const std::runtime_error&) {
       // fwpush stops there and burns nothing; those before the wrong one were asked for all the
       // same.
     }
@@ -221,7 +223,7 @@ std::optional<MeterFrame> ReadMeter(std::string_view text) {
   constexpr std::string_view SEPARATOR = " - ";
   text = WithoutSpinner(text);
   const bool is_known = std::ranges::any_of(TEXTS, [text](const TextRow& row) {
-    return row.saying == METER && text.starts_with(row.head);
+    return row.kind == METER && text.starts_with(row.head);
   });
   const std::size_t separator = text.rfind(SEPARATOR);
   if (!is_known || separator == std::string_view::npos) return {};
@@ -233,7 +235,7 @@ std::optional<MeterFrame> ReadMeter(std::string_view text) {
     return frame;
   }
   if (!state.starts_with('%')) return {};
-  const auto percent = WholeNumber<u_int32_t>(WithoutPadding(state.substr(1)), 10);
+  const auto percent = WholeNumber<std::uint32_t>(WithoutPadding(state.substr(1)), 10);
   if (!percent) return {};
   frame.percent = *percent;
   return frame;
@@ -271,7 +273,7 @@ void BurnLog::Take(std::string_view segment) {
   if (row == nullptr) return;
   _is_fwpush = true;
   _has_succeeded = false;
-  switch (row->saying) {
+  switch (row->kind) {
     case LOADED:
       _report.image = rest;
       break;
@@ -340,10 +342,10 @@ void BurnLog::StartPhase(const std::string& label) {
 }
 
 void BurnLog::TakeCount(const TextRow& row, std::string_view number) {
-  const auto count = WholeNumber<u_int64_t>(number, _is_hex ? 16 : 10);
+  const auto count = WholeNumber<std::uint64_t>(number, _is_hex ? 16 : 10);
   if (!count) return;
   _report.counts[std::string(row.key)] = *count;
-  if (row.saying == TO_WRITE && *count > 0) _has_started = true;
+  if (row.kind == TO_WRITE && *count > 0) _has_started = true;
 }
 
 void BurnLog::TakeFailure(std::string_view text) {
@@ -379,7 +381,7 @@ std::string BurnLog::RunFailure(const std::optional<Ending>& ending) const {
   return Joined(reasons);
 }
 
-BurnReport BurnLog::Conclude(const GuidSet& asked, const std::optional<Ending>& ending) {
+BurnReport BurnLog::Conclude(const std::set<Guid>& asked, const std::optional<Ending>& ending) {
   EndSegment();
   if (asked.contains(0) && _has_succeeded && !_run_failures.empty()) {
     // GUID 0 is printed as all devices; all devices have not failed.
@@ -394,27 +396,27 @@ BurnReport BurnLog::Conclude(const GuidSet& asked, const std::optional<Ending>& 
   const bool has_written = std::ranges::any_of(
       report.phases, [](const Phase& phase) { return phase.is_done || phase.percent > 0; });
 
-  GuidSet guids = asked.empty() ? _named : asked;
+  std::set<Guid> guids = asked.empty() ? _named : asked;
   for (const auto& [guid, failure] : _failures) guids.insert(guid);
   report.is_all_burnt = report.is_succeeded && has_written;
   for (const Guid guid : guids) {
     DeviceReport device;
     device.guid = guid;
     if (const auto failed = _failures.find(guid); failed != _failures.end()) {
-      device.fate = Fate::FAILED;
+      device.status = DeviceStatus::FAILED;
       device.text = failed->second.text;
       device.may_have_changed = failed->second.may_have_changed;
     } else if (report.is_succeeded && has_written) {
-      device.fate = Fate::BURNT;
+      device.status = DeviceStatus::BURNT;
       device.may_have_changed = true;
     } else if (!report.is_succeeded && _has_started) {
-      device.fate = Fate::FAILED;
+      device.status = DeviceStatus::FAILED;
       device.text = report.failure;
       device.may_have_changed = true;
     } else {
       device.text = report.is_succeeded ? "nothing was written" : report.failure;
     }
-    report.is_all_burnt = report.is_all_burnt && device.fate == Fate::BURNT;
+    report.is_all_burnt = report.is_all_burnt && device.status == DeviceStatus::BURNT;
     report.devices.push_back(device);
   }
   return report;
@@ -471,7 +473,7 @@ void PlainConsole::EndSegment(std::string& out) {
 }
 
 void PlainConsole::ShowMeter(const MeterFrame& frame, std::string& out) {
-  constexpr u_int32_t STEP = 10;  // per cent
+  constexpr std::uint32_t STEP = 10;  // per cent
   if (GoesOn(frame, _shown) && !frame.is_done && frame.percent / STEP == _shown.percent / STEP) {
     return;
   }
@@ -491,4 +493,4 @@ void PlainConsole::Show(std::string_view text, std::string& out) {
   _is_after_meter = false;
 }
 
-}  // namespace tools
+}  // namespace report

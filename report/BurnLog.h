@@ -3,21 +3,23 @@
 /// sources.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/ChildProcess.h"
-#include "src/BraidConn.h"
-#include "src/BraidGeneral.h"
 
-namespace tools {
+namespace report {
+
+using Guid = std::uint64_t;
 
 /// What a line of the console tells.
-enum class Saying {
+enum class LineKind {
   TRACE,      ///< nothing that a report needs
   LOADED,     ///< the image file
   OPENING,    ///< the server
@@ -41,7 +43,7 @@ enum class Base { KEPT, DEC, HEX };
 /// A text of fwpush: a line that begins with `head` and has `tail` after it, with the variable part
 /// in between.
 struct TextRow {
-  Saying saying;
+  LineKind kind;
   std::string_view unit;  ///< of a debug line: the one that prints it; empty for other lines
   std::string_view head;  ///< of a debug line: of its text
   std::string_view tail = "";
@@ -60,12 +62,12 @@ std::span<const SwitchText> SwitchTexts();
 /// The devices that a command line asks fwpush for: those of every -g, by fwpush's own rules.
 /// `words` do not hold the program's name. Words that fwpush would refuse are passed over, so that
 /// the devices of a wrong command line are known too, and those behind a wrapper such as sudo.
-GuidSet AskedDevices(std::span<const std::string> words);
+std::set<Guid> AskedDevices(std::span<const std::string> words);
 
 /// One drawing of a progress meter.
 struct MeterFrame {
-  std::string label;      ///< without the blanks that align it
-  u_int32_t percent = 0;  ///< 100 when done
+  std::string label;          ///< without the blanks that align it
+  std::uint32_t percent = 0;  ///< 100 when done
   bool is_done = false;
 };
 /// What `text`, a piece of the console between carriage returns and line ends, draws.
@@ -78,7 +80,7 @@ struct Phase : MeterFrame {
   double end = 0;
 };
 
-enum class Fate {
+enum class DeviceStatus {
   BURNT,
   FAILED,
   NEVER_REACHED,  ///< nothing has been written to it
@@ -86,7 +88,7 @@ enum class Fate {
 
 struct DeviceReport {
   Guid guid = 0;
-  Fate fate = Fate::NEVER_REACHED;
+  DeviceStatus status = DeviceStatus::NEVER_REACHED;
   std::string text;               ///< why it is not burnt; empty when it is
   bool may_have_changed = false;  ///< false: nothing had been written when it failed
 };
@@ -104,16 +106,17 @@ struct BurnReport {
   std::string image;
   std::string server;
   std::vector<Phase> phases;
-  std::map<std::string, u_int64_t> counts;
+  std::map<std::string, std::uint64_t> counts;
   std::vector<std::string> warnings;
 };
 
 /// Reads the console of one run as it comes.
 class BurnLog {
  public:
-  /// Bytes of a line that are looked at: twice the longest line of a server, which fwpush may
-  /// quote.
-  static constexpr std::size_t LONGEST_LINE = 2 * std::size_t{BraidConn::MAX_LINE};
+  /// The longest line of a server that fwpush takes, in bytes.
+  static constexpr std::size_t LONGEST_SERVER_LINE = std::size_t{1} << 24;
+  /// Bytes of a line that are looked at: twice those of a server's line, which fwpush may quote.
+  static constexpr std::size_t LONGEST_LINE = 2 * LONGEST_SERVER_LINE;
 
   /// Takes the next piece, cut anywhere, that came `when`: in seconds, from any start, never less
   /// than before.
@@ -127,7 +130,7 @@ class BurnLog {
 
   /// What became of the devices in `asked`, now that nothing more comes; where that is empty, of
   /// those that the log names.
-  BurnReport Conclude(const GuidSet& asked, const std::optional<Ending>& ending = {});
+  BurnReport Conclude(const std::set<Guid>& asked, const std::optional<Ending>& ending = {});
 
  private:
   struct Failure {
@@ -155,7 +158,7 @@ class BurnLog {
   std::vector<std::string> _run_failures;    ///< of all devices
   bool _has_started_by_run_failure = false;  ///< when the first of them came
   std::vector<std::string> _refusals;
-  GuidSet _named;
+  std::set<Guid> _named;
   BurnReport _report;  ///< what of it can be told before the end
 };
 
@@ -181,4 +184,4 @@ class PlainConsole {
   MeterFrame _shown{"", 0, true};
 };
 
-}  // namespace tools
+}  // namespace report

@@ -14,7 +14,7 @@
 #include "common/Descriptor.h"
 #include "common/SystemError.h"
 
-namespace tools {
+namespace report {
 
 namespace {
 
@@ -113,4 +113,4 @@ Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
   return *ending;
 }
 
-}  // namespace tools
+}  // namespace report

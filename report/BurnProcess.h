@@ -8,7 +8,7 @@
 
 #include "report/BurnLog.h"
 
-namespace tools {
+namespace report {
 
 /// Runs the burn `words`, program and arguments, to its end, and hands its console over to `take`
 /// as it comes; through a terminal like the one on standard output where `is_terminal`. Signals
@@ -17,4 +17,4 @@ namespace tools {
 Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
                const std::function<void(std::string_view)>& take);
 
-}  // namespace tools
+}  // namespace report

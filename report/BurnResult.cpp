@@ -10,9 +10,12 @@
 
 #include "common/Program.h"
 #include "common/Text.h"
-#include "sim/Fabric.h"
 
-namespace tools {
+namespace report {
+
+using common::HexGuid;
+using common::MayColour;
+using common::Text;
 
 using common::Printable;
 
@@ -20,19 +23,19 @@ namespace {
 
 constexpr int SCHEMA_VERSION = 1;
 
-struct FateText {
+struct StatusText {
   const char* json;
   const char* human;
   const char* colour;
 };
 
-FateText TextOf(Fate fate) {
-  switch (fate) {
-    case Fate::BURNT:
+StatusText TextOf(DeviceStatus status) {
+  switch (status) {
+    case DeviceStatus::BURNT:
       return {"burnt", "burnt", "\033[32m"};
-    case Fate::FAILED:
+    case DeviceStatus::FAILED:
       return {"failed", "FAILED", "\033[31m"};
-    case Fate::NEVER_REACHED:
+    case DeviceStatus::NEVER_REACHED:
       return {"never-reached", "never reached", "\033[33m"};
   }
   return {"", "", ""};
@@ -91,8 +94,8 @@ std::string ToJson(const RunReport& run) {
   const BurnReport& burn = run.burn;
   nlohmann::json devices = nlohmann::json::array();
   for (const DeviceReport& device : burn.devices) {
-    devices.push_back({{"guid", sim::HexGuid(device.guid)},
-                       {"outcome", TextOf(device.fate).json},
+    devices.push_back({{"guid", HexGuid(device.guid)},
+                       {"outcome", TextOf(device.status).json},
                        {"reason", OrNull(device.text)},
                        {"may_have_changed", device.may_have_changed}});
   }
@@ -147,11 +150,11 @@ std::string ToJUnit(const RunReport& run) {
     }
   };
   for (const DeviceReport& device : burn.devices) {
-    const bool is_failed = device.fate == Fate::FAILED;
-    const bool is_missed = device.fate == Fate::NEVER_REACHED;
+    const bool is_failed = device.status == DeviceStatus::FAILED;
+    const bool is_missed = device.status == DeviceStatus::NEVER_REACHED;
     failures += is_failed;
     errors += is_missed;
-    add(sim::HexGuid(device.guid),
+    add(HexGuid(device.guid),
         is_failed   ? "failure"
         : is_missed ? "error"
                     : nullptr,
@@ -173,22 +176,22 @@ std::string ToJUnit(const RunReport& run) {
 
 void PrintSummary(const RunReport& run) {
   const BurnReport& burn = run.burn;
-  const bool has_colour = common::MayColour(STDERR_FILENO);
-  const auto count = [&burn](Fate fate) {
-    return std::ranges::count(burn.devices, fate, &DeviceReport::fate);
+  const bool has_colour = MayColour(STDERR_FILENO);
+  const auto count = [&burn](DeviceStatus status) {
+    return std::ranges::count(burn.devices, status, &DeviceReport::status);
   };
   std::ostringstream out;
   out << "fwpush-report: " << (burn.algorithm.empty() ? "no algorithm" : Printable(burn.algorithm))
-      << ", " << count(Fate::BURNT) << " burnt, " << count(Fate::FAILED) << " failed, "
-      << count(Fate::NEVER_REACHED) << " never reached";
+      << ", " << count(DeviceStatus::BURNT) << " burnt, " << count(DeviceStatus::FAILED)
+      << " failed, " << count(DeviceStatus::NEVER_REACHED) << " never reached";
   if (run.seconds) out << ", " << std::fixed << std::setprecision(3) << *run.seconds << " s";
   out << "\n";
   for (const DeviceReport& device : burn.devices) {
-    const FateText text = TextOf(device.fate);
-    out << "  " << sim::HexGuid(device.guid) << "  " << (has_colour ? text.colour : "")
-        << text.human << (has_colour ? "\033[0m" : "");
+    const StatusText text = TextOf(device.status);
+    out << "  " << HexGuid(device.guid) << "  " << (has_colour ? text.colour : "") << text.human
+        << (has_colour ? "\033[0m" : "");
     if (!device.text.empty()) out << ": " << Printable(device.text);
-    if (device.fate == Fate::FAILED && !device.may_have_changed) {
+    if (device.status == DeviceStatus::FAILED && !device.may_have_changed) {
       out << " (nothing was written)";
     }
     out << "\n";
@@ -206,4 +209,4 @@ void PrintSummary(const RunReport& run) {
   std::cerr << out.str() << std::flush;
 }
 
-}  // namespace tools
+}  // namespace report

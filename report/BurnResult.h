@@ -7,7 +7,7 @@
 
 #include "report/BurnLog.h"
 
-namespace tools {
+namespace report {
 
 /// What is known of a whole run.
 struct RunReport {
@@ -24,4 +24,4 @@ std::string ToJUnit(const RunReport& run);
 /// For people, on standard error, since standard output is the burn's.
 void PrintSummary(const RunReport& run);
 
-}  // namespace tools
+}  // namespace report

@@ -25,7 +25,7 @@
 namespace {
 
 using namespace common;
-using namespace tools;
+using namespace report;
 
 constexpr char NAME[] = "fwpush-report";
 constexpr std::size_t BLOCK_SIZE = 65536;
@@ -154,7 +154,7 @@ bool IsTwice(const Options& options) {
 }
 
 /// Writes to standard output as long as anybody reads there.
-class Passage {
+class ConsoleOutput {
  public:
   void Write(std::string_view text) {
     if (!text.empty()) _is_inside_line = text.back() != '\n';
@@ -193,7 +193,7 @@ void ReadLog(const std::string& name, const std::function<void(std::string_view)
   }
 }
 
-int Report(const Options& options) {
+int Run(const Options& options) {
   const bool is_live = options.from.empty();
   if (is_live && options.words.empty()) {
     std::cerr << NAME << ": give the burn, \"-- fwpush ARGS...\", or --from LOG" << std::endl;
@@ -210,7 +210,7 @@ int Report(const Options& options) {
 
   BurnLog log;
   PlainConsole plain;
-  Passage console;
+  ConsoleOutput console;
   const auto start = std::chrono::steady_clock::now();
   const auto seconds = [start] {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -236,17 +236,16 @@ int Report(const Options& options) {
       take(piece);
       // Nothing to go on with: it may never end.
       if (log.IsOverlong()) {
-        throw std::runtime_error(common::Text(options.from, ": a line of more than ",
-                                              BurnLog::LONGEST_LINE,
-                                              " bytes: this is no console of fwpush"));
+        throw std::runtime_error(Text(options.from, ": a line of more than ", BurnLog::LONGEST_LINE,
+                                      " bytes: this is no console of fwpush"));
       }
     });
   }
   if (options.is_plain) console.Write(plain.Finish());
   if (console.IsInsideLine() && isatty(STDERR_FILENO) != 0) std::cerr << std::endl;
 
-  const GuidSet asked =
-      options.words.empty() ? GuidSet() : AskedDevices(std::span(options.words).subspan(1));
+  const std::set<Guid> asked =
+      options.words.empty() ? std::set<Guid>() : AskedDevices(std::span(options.words).subspan(1));
   run.burn = log.Conclude(asked, run.ending);
   bool is_kept = true;
   const auto keep = [&is_kept](const std::function<void()>& file) {
@@ -296,6 +295,6 @@ int main(int argc, char* argv[]) {
       .Excludes(log);
   line.AddFlag("--plain", options.is_plain,
                "Print whole lines only, fit for logs: one for each tenth of a progress meter");
-  line.SetWork([&options] { return Report(options); });
+  line.SetWork([&options] { return Run(options); });
   return RunProgram({.name = NAME}, line, own_words, argv);
 }

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 namespace common {
 namespace {
 
@@ -32,6 +34,19 @@ TEST(TextTest, ADigitIsWorthWhatItIsWorthInEitherCase) {
   for (const char c : {'/', ':', '@', 'G', '`', 'g', ' ', '\0', '\xff'}) {
     EXPECT_EQ(HexDigit(c), std::nullopt) << c;
   }
+}
+
+TEST(TextTest, GuidsOfAListAreHexadecimal) {
+  std::set<std::uint64_t> guids;
+  ParseGuids("0x1234,abcd,,10,", guids);
+  EXPECT_THAT(guids, ElementsAre(0x10, 0x1234, 0xABCD));
+  try {
+    ParseGuids("20,x,30", guids);
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Error parsing guid #1 in the given list.");
+  }
+  EXPECT_THAT(guids, ElementsAre(0x10, 0x20, 0x1234, 0xABCD));
 }
 
 TEST(TextTest, AByteCountIsDecimalHexadecimalOrOctal) {

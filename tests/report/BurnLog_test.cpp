@@ -6,12 +6,15 @@
 
 #include <regex>
 
+#include "common/Text.h"
+#include "src/BraidConn.h"
+#include "src/main.h"
 #include "tests/support/Harness.h"
 #include "tests/support/consoles.h"
 
 namespace {
 
-using namespace tools;
+using namespace report;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -87,7 +90,7 @@ class SourcesTest : public testing::Test {
 
   static bool IsKnown(const std::string& text, std::string_view unit) {
     return std::ranges::any_of(Texts(), [&](const TextRow& row) {
-      return row.unit == unit && row.saying != Saying::METER &&
+      return row.unit == unit && row.kind != LineKind::METER &&
              text.find(row.head) != std::string::npos;
     });
   }
@@ -177,6 +180,24 @@ TEST_F(SourcesTest, SwitchesAreThoseOfTheProgram) {
   EXPECT_EQ(ours, theirs);
 }
 
+TEST(BurnerTest, ItsLimitsAndRulesAreOurs) {
+  EXPECT_EQ(BurnLog::LONGEST_SERVER_LINE, std::size_t{BraidConn::MAX_LINE});
+  for (const std::string list : {"", ",", "10", "0x10,20", " 10", "10 ", "10,,0xFF,", "-1", "+5",
+                                 "0x", "x", "1,2,z,4", "10000000000000000", "1 2"}) {
+    GuidSet theirs;
+    std::string their_error = ErrorOf([&] { GetTargeGuids(list, theirs); });
+    std::set<Guid> ours;
+    std::string our_error = "(no error)";
+    try {
+      common::ParseGuids(list, ours);
+    } catch (const std::runtime_error& error) {
+      our_error = error.what();
+    }
+    EXPECT_EQ(ours, theirs) << list;
+    EXPECT_EQ(our_error, their_error) << list;
+  }
+}
+
 // ---- The devices that a command line asks for.
 
 GuidSet Asked(const std::vector<std::string>& words) { return AskedDevices(words); }
@@ -222,10 +243,10 @@ std::string GoldenConsole(const std::string& name) {
 std::vector<std::string> DevicesOf(const BurnReport& report) {
   std::vector<std::string> lines;
   for (const DeviceReport& device : report.devices) {
-    const char* fate = device.fate == Fate::BURNT    ? "burnt"
-                       : device.fate == Fate::FAILED ? "failed"
-                                                     : "never";
-    lines.push_back(Text(std::hex, device.guid, " ", fate, device.may_have_changed ? "" : " same",
+    const char* status = device.status == DeviceStatus::BURNT    ? "burnt"
+                         : device.status == DeviceStatus::FAILED ? "failed"
+                                                                 : "never";
+    lines.push_back(Text(std::hex, device.guid, " ", status, device.may_have_changed ? "" : " same",
                          device.text.empty() ? "" : ": ", device.text));
   }
   return lines;
@@ -340,7 +361,7 @@ TEST(BurnLogTest, NoBeginningOfABurnPassesForAWholeOne) {
       log.Feed(console.substr(0, size));
       const BurnReport report = log.Conclude({0x10});
       ASSERT_FALSE(report.is_all_burnt) << size;
-      ASSERT_NE(report.devices.at(0).fate, Fate::BURNT) << size;
+      ASSERT_NE(report.devices.at(0).status, DeviceStatus::BURNT) << size;
       ASSERT_EQ(report.failure, "the log ends before the burn does");
     }
   }
@@ -519,7 +540,7 @@ TEST(BurnLogTest, CommandLineThatIsRefusedIsTold) {
   for (const std::string& refusal : refusals) {
     const BurnReport report = ReportOf(refusal, {0x10}, Ending{1, 0});
     EXPECT_EQ(report.failure + "\n", refusal.substr(0, refusal.find('\n')) + "\n");
-    EXPECT_EQ(report.devices.at(0).fate, Fate::NEVER_REACHED);
+    EXPECT_EQ(report.devices.at(0).status, DeviceStatus::NEVER_REACHED);
   }
 }
 
@@ -632,7 +653,7 @@ TEST(BurnLogTest, OfALineOnlyTheBeginningIsHeld) {
   log.Feed("\n");
   const BurnReport report = log.Conclude({0x10});
   ASSERT_EQ(report.devices.size(), 1u);
-  EXPECT_EQ(report.devices[0].fate, Fate::FAILED);
+  EXPECT_EQ(report.devices[0].status, DeviceStatus::FAILED);
   EXPECT_EQ(report.devices[0].text.size(), (std::size_t{1} << 25) - 35);
 }
 
