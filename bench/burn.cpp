@@ -2,7 +2,6 @@
 // the same server, in turns. Prints a JSON array, an object for each burn.
 // Usage: bench_burn BUILD-FOLDER [ROUNDS]; 0 rounds: only the small burns, once
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 #include "common/ChildProcess.h"
 #include "common/ScratchFolder.h"
 #include "protocol/Frames.h"
+#include "protocol/Listener.h"
 #include "protocol/Server.h"
 #include "sim/Fabric.h"
 #include "src/BraidGeneral.h"
@@ -111,27 +111,15 @@ class Replay {
       _steps.push_back(
           {protocol::Frame(exchange.request).size(), protocol::Frame(exchange.answer)});
     }
-    _listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    if (bind(_listener, reinterpret_cast<const sockaddr*>(&address), size) < 0 ||
-        listen(_listener, 5) < 0 ||
-        getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &size) < 0) {
-      throw std::runtime_error("can't listen");
-    }
-    _port = ntohs(address.sin_port);
     _thread = std::thread([this] { Serve(); });
   }
   Replay(const Replay&) = delete;
   Replay& operator=(const Replay&) = delete;
   ~Replay() {
-    shutdown(_listener, SHUT_RDWR);
+    _listener.Stop();
     _thread.join();
-    close(_listener);
   }
-  int Port() const { return _port; }
+  int Port() const { return _listener.Port(); }
 
  private:
   struct Step {
@@ -141,10 +129,7 @@ class Replay {
 
   void Serve() {
     std::vector<char> block(MEBIBYTE);
-    for (int client; (client = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-      Play(client, block);
-      close(client);
-    }
+    for (Descriptor client; (client = _listener.Accept()).IsOpen();) Play(client.Get(), block);
   }
 
   void Play(int client, std::vector<char>& block) const {
@@ -162,8 +147,7 @@ class Replay {
   }
 
   std::vector<Step> _steps;
-  int _listener = -1;
-  int _port = 0;
+  protocol::Listener _listener;
   std::thread _thread;
 };
 

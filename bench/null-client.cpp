@@ -1,5 +1,6 @@
-// Plays recorded request frames to a server: one write and the fewest reads per request, and
-// nothing else. The least that any client can cost.  Usage: bench_null_client PORT FRAMES
+// The least that any client can cost, so it shares no code with protocol/Client: plays recorded
+// request frames to a server, one write and the fewest reads per request, and nothing else.
+// Usage: bench_null_client PORT FRAMES
 //
 // FRAMES holds, for each request, two 32-bit numbers in the machine's order, the bytes of the
 // request and of its answer, and then the request.

@@ -1,6 +1,5 @@
 #include "trials/MisbehavingServer.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
@@ -17,6 +16,7 @@
 #include "common/Descriptor.h"
 #include "common/SystemError.h"
 #include "common/Text.h"
+#include "protocol/Frames.h"
 
 namespace trials {
 
@@ -45,18 +45,18 @@ std::string Contents(const Descriptor& file) {
 /// One client's connection.
 class ClientConnection {
  public:
-  ClientConnection(int fd, sim::Fabric& fabric, FaultInjector& injector, pid_t client,
-                   RunOutcome& outcome, steady_clock::time_point deadline)
-      : _connection(fd),
+  ClientConnection(Descriptor connection, sim::Fabric& fabric, FaultInjector& injector,
+                   pid_t client, RunOutcome& outcome, steady_clock::time_point deadline)
+      : _connection(std::move(connection)),
         _fabric(fabric),
         _injector(injector),
         _client(client),
         _outcome(outcome),
         _deadline(deadline) {
     const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    setsockopt(_connection.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     const timeval longest{.tv_sec = 10, .tv_usec = 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof(longest));
+    setsockopt(_connection.Get(), SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof(longest));
   }
 
   void Serve() {
@@ -70,23 +70,19 @@ class ClientConnection {
       if (const InjectedFault* injected = _injector.FaultFor(index, request, answer)) {
         SendFaulty(*injected);
       } else {
-        Send(std::exchange(_late, {}) + Frame(answer));
+        Send(std::exchange(_late, {}) + protocol::Frame(answer));
       }
       _injector.AfterAnswer(index, _client);
     }
   }
 
  private:
-  static std::string Frame(const std::string& answer) {
-    return "NEW_BUF\n" + answer + "\nEND_BUF\n";
-  }
-
   void SendFaulty(const InjectedFault& injected) {
     const std::string& answer = injected.answer;
-    const std::string frame = Frame(answer);
+    const std::string frame = protocol::Frame(answer);
     switch (injected.fault) {
       case AnswerFault::LONG_LINE:
-        Send("NEW_BUF\n" + std::string(LONGEST_LINE + 1, 'A'));
+        Send(std::string(protocol::NEW_BUF) + "\n" + std::string(LONGEST_LINE + 1, 'A'));
         return;
       case AnswerFault::LOST:
       case AnswerFault::CLOSE_BEFORE:
@@ -142,12 +138,11 @@ class ClientConnection {
     const std::size_t size = std::max<std::size_t>((answer.size() + count - 1) / count, 1);
     for (std::size_t i = 0; i <= count; ++i) {
       const std::string piece = i * size < answer.size() ? answer.substr(i * size, size) : "";
-      Send(std::string(i == 0 ? "NEW_BUF\n" : "CONT_BUF\n") + piece +
-           (i == count ? "\nEND_BUF\n" : "\nTO_BE_CONT\n"));
+      Send(protocol::FramePiece(piece, i == 0, i == count));
       std::string agreement;
       if (i == count) return;
       if (!TakeFrame(agreement)) return;
-      if (agreement != "NsContinue") {
+      if (agreement != protocol::CONTINUE) {
         _outcome.protocol_error = "it agrees to a continuation with \"" + agreement + "\"";
         return;
       }
@@ -164,22 +159,24 @@ class ClientConnection {
     }
   }
 
-  /// False when the client has closed the connection, or at the deadline.
+  /// Takes a request, stricter than a server must: the burner sends them in one line. False when
+  /// the client has closed the connection, or at the deadline.
   bool TakeFrame(std::string& content) {
     std::string head;
     std::string tail;
     if (!TakeLine(head)) return false;
-    if (TakeLine(content) && TakeLine(tail) && head == "NEW_BUF" && tail == "END_BUF") return true;
+    if (TakeLine(content) && TakeLine(tail) && head == protocol::NEW_BUF &&
+        tail == protocol::END_BUF) {
+      return true;
+    }
     _outcome.protocol_error = "it sends \"" + head + "\", \"" + content + "\", \"" + tail + "\"";
     return false;
   }
 
   bool TakeLine(std::string& line) {
     for (;;) {
-      const std::size_t end = _received.find('\n');
-      if (end != std::string::npos) {
-        line = _received.substr(0, end);
-        _received.erase(0, end + 1);
+      if (auto next = _received.Next()) {
+        line = *std::move(next);
         return true;
       }
       if (!WaitUntilReadable(_connection.Get(), -1, _deadline)) return false;
@@ -187,7 +184,7 @@ class ClientConnection {
       const ssize_t got = recv(_connection.Get(), buffer.data(), buffer.size(), 0);
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;
-      _received.append(buffer.data(), static_cast<std::size_t>(got));
+      _received.Feed({buffer.data(), static_cast<std::size_t>(got)});
     }
   }
 
@@ -197,7 +194,7 @@ class ClientConnection {
   pid_t _client;
   RunOutcome& _outcome;
   steady_clock::time_point _deadline;
-  std::string _received;
+  protocol::LineReader _received;
   std::string _late;  ///< an answer too many that goes out with the next one
 };
 
@@ -236,24 +233,8 @@ class SingleFaultInjector : public FaultInjector {
 
 }  // namespace
 
-MisbehavingServer::MisbehavingServer()
-    : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  auto* const any = reinterpret_cast<sockaddr*>(&address);
-  if (_listener < 0 || bind(_listener, any, size) != 0 || listen(_listener, 5) != 0 ||
-      getsockname(_listener, any, &size) != 0) {
-    ThrowSystemError("listen");
-  }
-  _port = ntohs(address.sin_port);
-}
-
-MisbehavingServer::~MisbehavingServer() { close(_listener); }
-
 std::string MisbehavingServer::Name(const std::string& type) const {
-  return Text(type, ":127.0.0.1:", _port);
+  return Text(type, ":127.0.0.1:", _listener.Port());
 }
 
 RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
@@ -269,16 +250,18 @@ RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fa
   const Descriptor output(memfd_create("output", MFD_CLOEXEC));
   const Descriptor errors(memfd_create("errors", MFD_CLOEXEC));
   // Connections of a client that was ended before it was served.
-  for (int left; (left = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) close(left);
+  while (_listener.TryAccept().IsOpen()) {
+  }
   // These may be ignored in a process that runs in the background.
   common::ChildProcess child({.words = words,
                               .output = output.Get(),
                               .errors = errors.Get(),
                               .default_signals = {SIGINT, SIGQUIT, SIGTERM}});
-  if (WaitUntilReadable(_listener, child.EndDescriptor(), deadline)) {
-    const int connection = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (connection >= 0) {
-      ClientConnection(connection, fabric, injector, child.Pid(), outcome, deadline).Serve();
+  if (WaitUntilReadable(_listener.Get(), child.EndDescriptor(), deadline)) {
+    Descriptor connection = _listener.TryAccept();
+    if (connection.IsOpen()) {
+      ClientConnection(std::move(connection), fabric, injector, child.Pid(), outcome, deadline)
+          .Serve();
     }
   }
   outcome.in_time = child.WaitUntil(deadline).has_value();

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/Listener.h"
 #include "sim/Fabric.h"
 #include "trials/AnswerFaults.h"
 
@@ -51,11 +52,6 @@ class FaultInjector {
 /// A listening socket on loopback, with a port of its own. Used by one thread.
 class MisbehavingServer {
  public:
-  MisbehavingServer();
-  MisbehavingServer(const MisbehavingServer&) = delete;
-  MisbehavingServer& operator=(const MisbehavingServer&) = delete;
-  ~MisbehavingServer();
-
   /// "TYPE:HOST:PORT", for -s.
   std::string Name(const std::string& type) const;
 
@@ -68,8 +64,7 @@ class MisbehavingServer {
                  FaultInjector& injector, std::chrono::milliseconds limit);
 
  private:
-  int _listener = -1;
-  int _port = 0;
+  protocol::Listener _listener;
 };
 
 }  // namespace trials

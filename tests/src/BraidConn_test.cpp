@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "protocol/Listener.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -451,27 +452,6 @@ TEST_F(ConnTest, PeerThatDoesNotAgreeEndsTheSending) {
             "expected \"NsContinue\" from peer, bur received \"ERROR\"");
 }
 
-/// A listening socket of the system's, for connects.
-class Listener {
- public:
-  Listener() : _fd(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(bind(_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    EXPECT_EQ(listen(_fd, 1), 0);
-    socklen_t size = sizeof(addr);
-    getsockname(_fd, reinterpret_cast<sockaddr*>(&addr), &size);
-    _port = ntohs(addr.sin_port);
-  }
-  ~Listener() { close(_fd); }
-  int Port() const { return _port; }
-
- private:
-  int _fd;
-  int _port = 0;
-};
-
 TEST(SocketTest, ClosedSocketRefusesEverything) {
   Socket socket;
   Socket other;
@@ -530,7 +510,7 @@ TEST(SocketTest, ServesAsAServerToo) {
 }
 
 TEST(SocketTest, PortInUseCannotBeBound) {
-  const Listener listener;
+  const protocol::Listener listener;
   Socket socket;
   socket.Open();
   EXPECT_EQ(socket.Bind(listener.Port()), BRAID_ERROR);
@@ -557,7 +537,7 @@ TEST(SocketTest, UnknownHostIsNamedWithTheSystemsReason) {
 TEST(SocketTest, ClosedPortIsRefused) {
   int port = 0;
   {
-    const Listener listener;
+    const protocol::Listener listener;
     port = listener.Port();
   }
   ClientSocket socket;
@@ -566,7 +546,7 @@ TEST(SocketTest, ClosedPortIsRefused) {
 }
 
 TEST(SocketTest, NumberThatIsNoPortIsNotTakenForAnother) {
-  const Listener listener;
+  const protocol::Listener listener;
   for (const int port : {listener.Port() + 65536, listener.Port() - 65536}) {
     ClientSocket socket;
     EXPECT_EQ(ErrorOf([&] { socket.Connect("127.0.0.1", port); }),
@@ -575,7 +555,7 @@ TEST(SocketTest, NumberThatIsNoPortIsNotTakenForAnother) {
 }
 
 TEST(SocketTest, ErrorsNameTheServerOnceConnected) {
-  const Listener listener;
+  const protocol::Listener listener;
   ClientSocket socket;
   ASSERT_EQ(socket.Connect("127.0.0.1", listener.Port()), BRAID_OK);
   class Impatient : public ClientSocket {

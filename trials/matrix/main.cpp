@@ -1,7 +1,6 @@
 /// The fault matrix: injects every fault that an answer can have at every request of a burn of the
 /// real program, and checks how the burn ends, what it leaves on every device, and the next burn.
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,6 +13,7 @@
 #include <random>
 #include <thread>
 
+#include "common/Program.h"
 #include "common/ScratchFolder.h"
 #include "common/Text.h"
 #include "trials/BurnOutput.h"
@@ -412,8 +412,7 @@ bool ShowCase(const Case& of) {
   return result.failure.empty();
 }
 
-int Main(int argc, char** argv) {
-  CLI::App app("Injects every fault of an answer at every request of burns.", "fault_matrix");
+struct Options {
   bool all = false;
   bool list = false;
   std::string name;
@@ -421,36 +420,29 @@ int Main(int argc, char** argv) {
   unsigned seed = std::random_device()();
   // More than there are processors: a case that waits for an answer uses none.
   unsigned jobs = 2 * std::max(1u, std::thread::hardware_concurrency());
-  app.add_flag("--all", all, "All cases, and a table at the end");
-  app.add_flag("--list", list, "Only print the names of all cases");
-  app.add_option("--case", name, "Only this case, as a failure names it, and show it");
-  app.add_option("--sample", sample, "How many cases, when not all")->capture_default_str();
-  app.add_option("--seed", seed, "Seed of the choice of cases (default: another one each time)");
-  app.add_option("--jobs", jobs, "Cases side by side")
-      ->check(CLI::Range(1, 64))
-      ->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
+};
 
+int Run(const Options& options) {
   const auto start = std::chrono::steady_clock::now();
-  const common::ScratchFolder folder("fault-matrix-");
+  const common::ScratchFolder folder("fault-matrix");
   const auto burns = MatrixBurn::All(folder);
   for (const auto& burn : burns) CaseRunner().RunClean(*burn);
   std::vector<Case> cases = AllCases(burns);
-  if (list) {
+  if (options.list) {
     for (const Case& each : cases) std::cout << each.Name() << "\n";
     return EXIT_SUCCESS;
   }
-  if (!name.empty()) {
-    const auto found = std::ranges::find(cases, name, &Case::Name);
-    if (found == cases.end()) throw std::runtime_error("no such case: " + name);
+  if (!options.name.empty()) {
+    const auto found = std::ranges::find(cases, options.name, &Case::Name);
+    if (found == cases.end()) throw std::runtime_error("no such case: " + options.name);
     return ShowCase(*found) ? EXIT_SUCCESS : EXIT_FAILURE;
   }
   const std::size_t count = cases.size();
-  Spread(cases, seed);
-  if (!all) cases.resize(std::min(sample, count));
-  std::cout << "fault_matrix: " << cases.size() << " of " << count << " cases, --seed " << seed
-            << std::endl;
-  const std::size_t failed = RunAll(cases, burns, jobs, all);
+  Spread(cases, options.seed);
+  if (!options.all) cases.resize(std::min(options.sample, count));
+  std::cout << "fault_matrix: " << cases.size() << " of " << count << " cases, --seed "
+            << options.seed << std::endl;
+  const std::size_t failed = RunAll(cases, burns, options.jobs, options.all);
   const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
   std::cout << "fault_matrix: " << std::dec << cases.size() << " cases, " << failed << " failed, "
             << std::fixed << std::setprecision(1) << seconds.count() << " s" << std::endl;
@@ -460,11 +452,16 @@ int Main(int argc, char** argv) {
 }  // namespace
 }  // namespace trials
 
-int main(int argc, char** argv) {
-  try {
-    return trials::Main(argc, argv);
-  } catch (const std::exception& error) {
-    std::cerr << "fault_matrix: " << error.what() << std::endl;
-  }
-  return 2;
+int main(int argc, char* argv[]) {
+  common::CommandLine line("Injects every fault of an answer at every request of burns.",
+                           "fault_matrix");
+  trials::Options options;
+  line.AddFlag("--all", options.all, "All cases, and a table at the end");
+  line.AddFlag("--list", options.list, "Only print the names of all cases");
+  line.Add("--case", options.name, "Only this case, as a failure names it, and show it");
+  line.Add("--sample", options.sample, "How many cases, when not all").ShowDefault();
+  line.Add("--seed", options.seed, "Seed of the choice of cases (default: another one each time)");
+  line.Add("--jobs", options.jobs, "Cases side by side").InRange(1, 64).ShowDefault();
+  line.SetWork([&options] { return trials::Run(options); });
+  return common::RunProgram({.name = "fault_matrix"}, line, argc, argv);
 }

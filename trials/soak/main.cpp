@@ -1,7 +1,6 @@
 /// The soak: burns random images onto random fabrics with random faults, and checks every burn. A
 /// scenario follows from its seed alone.
 
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -9,6 +8,7 @@
 #include <mutex>
 #include <thread>
 
+#include "common/Program.h"
 #include "trials/soak/ScenarioRunner.h"
 
 namespace soak {
@@ -71,43 +71,33 @@ std::uint64_t PrintRows(const Statistics& statistics) {
   return missing;
 }
 
-int Main(int argc, char** argv) {
-  CLI::App app("Burns random images onto random fabrics with random faults.", "soak");
+struct Options {
   double minutes = 0;
   std::uint64_t count = 0;
   std::uint64_t seed = std::random_device()();
-  std::uint64_t repeated = 0;
+  std::optional<std::uint64_t> repeated;
   unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
   Spoil spoil = Spoil::NOTHING;
   std::string program = FWPUSH_PROGRAM;
-  CLI::Option* bound = app.add_option("--minutes", minutes, "How long");
-  bound->check(CLI::Range(0.0, 1440.0));
-  app.add_option("--count", count, "How many scenarios")->excludes(bound);
-  app.add_option("--seed", seed, "Seed of the first scenario (default: another one each time)");
-  CLI::Option* one =
-      app.add_option("--case", repeated, "Run only the scenario of this seed, and show all of it");
-  app.add_option("--jobs", jobs, "Stories side by side")
-      ->check(CLI::Range(1, 64))
-      ->capture_default_str();
-  app.add_option("--fwpush", program, "The burner to test");
-  app.add_option("--spoil", spoil,
-                 "Change this behind the burner's back: the checks must detect it")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, Spoil>{{"device", Spoil::DEVICE}, {"order", Spoil::ORDER}}));
-  CLI11_PARSE(app, argc, argv);
+};
 
-  const common::ScratchFolder folder("soak-");
-  if (one->count() > 0) {
-    const Statistics statistics = ScenarioRunner(folder, program, &std::cout, spoil).Run(repeated);
+int Run(const Options& options) {
+  const std::string& program = options.program;
+  const Spoil spoil = options.spoil;
+  const std::uint64_t seed = options.seed;
+  const common::ScratchFolder folder("soak");
+  if (options.repeated) {
+    const Statistics statistics =
+        ScenarioRunner(folder, program, &std::cout, spoil).Run(*options.repeated);
     std::cout << (statistics.failure.empty() ? "passed" : "FAILED: " + statistics.failure)
               << std::endl;
     return statistics.failure.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
   }
-  if (minutes == 0 && count == 0) count = 300;
+  const std::uint64_t count = options.minutes == 0 && options.count == 0 ? 300 : options.count;
   std::cout << "soak: --seed " << seed << std::endl;
   const auto start = steady_clock::now();
   const auto end = start + std::chrono::duration_cast<steady_clock::duration>(
-                               std::chrono::duration<double, std::ratio<60>>(minutes));
+                               std::chrono::duration<double, std::ratio<60>>(options.minutes));
   std::atomic<std::uint64_t> next = 0;
   std::mutex mutex;
   Statistics sum;
@@ -126,7 +116,7 @@ int Main(int argc, char** argv) {
     }
   };
   std::vector<std::thread> workers;
-  for (unsigned i = 0; i < jobs; ++i) workers.emplace_back(work);
+  for (unsigned i = 0; i < options.jobs; ++i) workers.emplace_back(work);
   for (std::thread& worker : workers) worker.join();
 
   PrintTable(sum);
@@ -142,11 +132,26 @@ int Main(int argc, char** argv) {
 }  // namespace
 }  // namespace soak
 
-int main(int argc, char** argv) {
-  try {
-    return soak::Main(argc, argv);
-  } catch (const std::exception& error) {
-    std::cerr << "soak: " << error.what() << std::endl;
-  }
-  return 2;
+int main(int argc, char* argv[]) {
+  using soak::Spoil;
+  common::CommandLine line("Burns random images onto random fabrics with random faults.", "soak");
+  soak::Options options;
+  std::uint64_t repeated = 0;
+  std::string spoil;
+  const common::Option minutes =
+      line.Add("--minutes", options.minutes, "How long").InRange(0.0, 1440.0);
+  line.Add("--count", options.count, "How many scenarios").Excludes(minutes);
+  line.Add("--seed", options.seed, "Seed of the first scenario (default: another one each time)");
+  const common::Option one =
+      line.Add("--case", repeated, "Run only the scenario of this seed, and show all of it");
+  line.Add("--jobs", options.jobs, "Scenarios side by side").InRange(1, 64).ShowDefault();
+  line.Add("--fwpush", options.program, "The burner to test");
+  line.Add("--spoil", spoil, "Change this behind the burner's back: the checks must detect it")
+      .OneOf({"device", "order"});
+  line.SetWork([&] {
+    if (one.IsGiven()) options.repeated = repeated;
+    if (!spoil.empty()) options.spoil = spoil == "device" ? Spoil::DEVICE : Spoil::ORDER;
+    return soak::Run(options);
+  });
+  return common::RunProgram({.name = "soak"}, line, argc, argv);
 }
