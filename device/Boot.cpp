@@ -10,8 +10,8 @@ namespace {
 
 /// The record of a slot; empty where the memory does not hold it.
 View RecordOf(const BootLayout& layout, std::uint32_t slot, View memory) {
-  const std::uint64_t start = layout.records.at(slot);
-  if (start + layout.RecordSize() > memory.size()) return {};
+  const std::size_t start = layout.records.at(slot);
+  if (start > memory.size() || layout.RecordSize() > memory.size() - start) return {};
   return memory.subspan(start, layout.RecordSize());
 }
 

@@ -52,7 +52,7 @@ class MemoryTarget : public BurnTarget {
  private:
   Cells Part(std::uint32_t addr, std::uint64_t size) {
     if (!_memory.Holds(addr, size)) throw DeviceRefusal{OUT_OF_RANGE};
-    return Cells(_memory.bytes).subspan(addr, size);
+    return Cells(_memory.bytes).subspan(addr, static_cast<std::size_t>(size));
   }
 
   Memory& _memory;
@@ -299,7 +299,7 @@ void Burn::WriteSection(Writer& writer, std::size_t index, std::uint32_t destina
   Bytes& data = writer.Data(index);
   const auto blank = [&](std::uint32_t addr, std::uint32_t size) {
     for (std::uint64_t at = addr; at < std::uint64_t{addr} + size; ++at) {
-      if (range.Holds(at, 1)) data[at - range.addr] = ERASED;
+      if (range.Holds(at, 1)) data[static_cast<std::size_t>(at - range.addr)] = ERASED;
     }
   };
   for (const Field& field : fields) blank(field.addr, field.Size());

@@ -680,8 +680,9 @@ std::optional<Bytes> ImageFile::BytesAt(std::uint64_t addr, std::uint64_t size) 
       return section.kept && section.is_whole && section.addr <= at && at < section.End();
     });
     if (found == sections.end()) return std::nullopt;
-    const View part = DataOf(*found).subspan(
-        at - found->addr, std::min<std::uint64_t>(size - bytes.size(), found->End() - at));
+    const std::uint64_t count = std::min<std::uint64_t>(size - bytes.size(), found->End() - at);
+    const View part = DataOf(*found).subspan(static_cast<std::size_t>(at - found->addr),
+                                             static_cast<std::size_t>(count));
     bytes.insert(bytes.end(), part.begin(), part.end());
   }
   return bytes;

@@ -26,7 +26,7 @@ const char* Name(const SlotVerdict& slot) {
 /// [addr, addr + size) of `memory`; nothing where it ends before.
 std::optional<Bytes> PartOf(View memory, std::uint64_t addr, std::uint64_t size) {
   if (addr + size > memory.size()) return std::nullopt;
-  const View part = memory.subspan(addr, size);
+  const View part = memory.subspan(static_cast<std::size_t>(addr), static_cast<std::size_t>(size));
   return Bytes(part.begin(), part.end());
 }
 
