@@ -82,7 +82,7 @@ Option CommandLine::Add(const std::string& name, unsigned& into, const std::stri
   return Option(_app->add_option(name, into, help));
 }
 
-Option CommandLine::Add(const std::string& name, unsigned long& into, const std::string& help) {
+Option CommandLine::Add(const std::string& name, std::uint64_t& into, const std::string& help) {
   return Option(_app->add_option(name, into, help));
 }
 

@@ -69,7 +69,7 @@ class CommandLine {
   Option Add(const std::string& name, std::vector<std::string>& into, const std::string& help);
   Option Add(const std::string& name, int& into, const std::string& help);
   Option Add(const std::string& name, unsigned& into, const std::string& help);
-  Option Add(const std::string& name, unsigned long& into, const std::string& help);
+  Option Add(const std::string& name, std::uint64_t& into, const std::string& help);
   Option Add(const std::string& name, double& into, const std::string& help);
   Option AddFlag(const std::string& name, bool& into, const std::string& help);
   /// What the help ends with.

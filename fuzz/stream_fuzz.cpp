@@ -5,19 +5,19 @@
 
 #include "fuzz/Fuzz.h"
 #include "src/BraidConn.h"
+#include "tests/support/OpenedSocket.h"
 
 namespace {
 
 /// A client whose peer has said all that it will ever say.
-class Client : public BraidConn::ClientSocket {
+class Client : public Opened<BraidConn::ClientSocket> {
  public:
   Client(std::string_view said, bool is_gone) {
-    Close();
     int ends[2];
     fuzz::Must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "there are sockets");
-    _sock = ends[0];
+    Adopt(ends[0]);
     _peer = ends[1];
-    fcntl(_sock, F_SETFL, O_NONBLOCK);
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
     constexpr int ROOM = 1 << 20;
     setsockopt(_peer, SOL_SOCKET, SO_SNDBUF, &ROOM, sizeof(ROOM));
     const ssize_t sent = send(_peer, said.data(), said.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -27,8 +27,8 @@ class Client : public BraidConn::ClientSocket {
       close(_peer);
       _peer = -1;
     }
-    _max_buffer = 1 << 16;
-    _max_silence = std::chrono::milliseconds(20);  // the peer reads nothing
+    SetMaxBuffer(1 << 16);
+    SetMaxSilence(std::chrono::milliseconds(20));  // the peer reads nothing
   }
   ~Client() override {
     if (_peer != -1) close(_peer);

@@ -63,7 +63,7 @@ class CommandLineTest : public testing::Test {
   std::string _from;
   std::vector<std::string> _list;
   bool _is_loud = false;
-  unsigned long _seed = 0;
+  std::uint64_t _seed = 0;
   unsigned _jobs = 0;
 };
 

@@ -18,6 +18,7 @@
 #include "src/main.h"
 #include "src/utils.h"
 #include "tests/support/Harness.h"
+#include "tests/support/OpenedSocket.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -543,15 +544,6 @@ TEST_F(ProtocolDocumentTest, EveryBurnShownIsTheOneThatTheProgramMakes) {
   EXPECT_EQ(burns, 4u);
 }
 
-/// A client on one end of a pair of sockets.
-class WiredClient : public BraidConn::ClientSocket {
- public:
-  explicit WiredClient(int fd) {
-    Close();
-    _sock = fd;
-  }
-};
-
 TEST_F(ProtocolDocumentTest, TheProgramFramesAsEveryRawExampleShows) {
   for (const Block& block : _document.Blocks("wire")) {
     if (block.info != "raw") continue;
@@ -576,7 +568,8 @@ TEST_F(ProtocolDocumentTest, TheProgramFramesAsEveryRawExampleShows) {
     ASSERT_EQ(write(ends[1], server.data(), server.size()), static_cast<ssize_t>(server.size()));
     ASSERT_EQ(shutdown(ends[1], SHUT_WR), 0);
     {
-      const WiredClient socket(ends[0]);
+      Opened<BraidConn::ClientSocket> socket;
+      socket.Adopt(ends[0]);
       for (std::size_t i = 0; i < messages.size(); ++i) {
         // The second message is the text of an image.
         if (i == 0) socket.Request(messages[i]);

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "protocol/Listener.h"
-#include "tests/support/support.h"
+#include "tests/support/PairTest.h"
 
 namespace {
 
@@ -24,77 +24,7 @@ using BraidConn::Socket;
 constexpr char DOWN[] =
     "Failed remote read from server :0. Response too large. Probably server is down.";
 
-/// A client whose descriptor is one end of a socket pair.
-class PairedClient : public ClientSocket {
- public:
-  void Adopt(int fd) {
-    Close();
-    _sock = fd;
-  }
-  int Fd() const { return _sock; }
-  void SetMaxSilence(std::chrono::milliseconds limit) { _max_silence = limit; }
-  void SetMaxBuffer(std::size_t size) { _max_buffer = size; }
-};
-
-class ConnTest : public ConsoleTest {
- protected:
-  ConnTest() {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    _client.Adopt(ends[0]);
-    _peer = ends[1];
-  }
-  ~ConnTest() override { ClosePeer(); }
-
-  void ClosePeer() {
-    if (_peer >= 0) close(_peer);
-    _peer = -1;
-  }
-
-  /// Has the peer send `bytes`.
-  void PeerSends(const std::string& bytes) const {
-    std::string_view rest = bytes;
-    while (!rest.empty()) {
-      const ssize_t sent = send(_peer, rest.data(), rest.size(), MSG_NOSIGNAL);
-      ASSERT_GT(sent, 0);
-      rest.remove_prefix(static_cast<std::size_t>(sent));
-    }
-  }
-
-  /// What the peer has got so far.
-  std::string PeerGot() const {
-    std::string got;
-    char block[4096];
-    ssize_t size;
-    while ((size = recv(_peer, block, sizeof(block), MSG_DONTWAIT)) > 0) {
-      got.append(block, static_cast<std::size_t>(size));
-    }
-    return got;
-  }
-
-  /// Bytes until the peer has `end` behind it.
-  std::string PeerAwaits(const std::string& end) const {
-    std::string got;
-    char c;
-    while (!got.ends_with(end) && recv(_peer, &c, 1, 0) == 1) got += c;
-    return got;
-  }
-
-  std::string Line() const {
-    std::string line;
-    EXPECT_EQ(_client.Gets(line), BRAID_OK);
-    return line;
-  }
-
-  std::string Received() const {
-    std::string response;
-    EXPECT_EQ(_client.Receive(response), BRAID_OK);
-    return response;
-  }
-
-  PairedClient _client;
-  int _peer = -1;
-};
+class ConnTest : public PairTest {};
 
 TEST_F(ConnTest, LimitsAreThirtySecondsAndSixteenMebibytes) {
   EXPECT_EQ(BraidConn::MAX_SILENCE, std::chrono::seconds(30));
@@ -252,7 +182,7 @@ TEST_F(ConnTest, SignalDoesNotEndTheWait) {
 
 TEST_F(ConnTest, ReadErrorGivesTheSystemsReason) {
   // A folder is always ready, and cannot be read.
-  PairedClient client;
+  Opened<ClientSocket> client;
   const int fd = open("/", O_RDONLY);
   ASSERT_GE(fd, 0);
   client.Adopt(fd);
@@ -335,7 +265,7 @@ TEST_F(ConnTest, WholeTextGoesOutWhereTheSystemTakesItInParts) {
 TEST_F(ConnTest, RequestIsThreeLinesInOneWrite) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);  // keeps the bounds of writes
-  PairedClient client;
+  Opened<ClientSocket> client;
   client.Adopt(ends[0]);
   EXPECT_EQ(client.Request("vsMultiMaxGet"), BRAID_OK);
   char block[4096];
@@ -473,16 +403,8 @@ TEST(SocketTest, OpensAndCloses) {
   EXPECT_TRUE(ClientSocket().IsOpen());
 }
 
-/// Lets a test see what the socket keeps to itself.
-class OpenBook : public Socket {
- public:
-  int Fd() const { return _sock; }
-  int PeerPort() const { return ntohs(_addr.sin_port); }
-  const std::string& Host() const { return _host; }
-};
-
 TEST(SocketTest, ServesAsAServerToo) {
-  OpenBook server;
+  Opened<Socket> server;
   server.Open();
   int reuse = 0;
   socklen_t size = sizeof(reuse);
@@ -494,7 +416,7 @@ TEST(SocketTest, ServesAsAServerToo) {
   size = sizeof(addr);
   getsockname(server.Fd(), reinterpret_cast<sockaddr*>(&addr), &size);
 
-  OpenBook client;
+  Opened<Socket> client;
   client.Open();
   ASSERT_EQ(client.Connect("localhost", ntohs(addr.sin_port)), BRAID_OK);
   EXPECT_EQ(client.Host(), "localhost");
@@ -517,7 +439,7 @@ TEST(SocketTest, PortInUseCannotBeBound) {
 }
 
 TEST(SocketTest, NonBlockingIsSetAndCleared) {
-  OpenBook socket;
+  Opened<Socket> socket;
   socket.Open();
   socket.SetNonBlocking(true);
   EXPECT_NE(fcntl(socket.Fd(), F_GETFL) & O_NONBLOCK, 0);

@@ -20,7 +20,7 @@
 
 #include "src/BraidConn.h"
 #include "tests/support/InjectedRead.h"
-#include "tests/support/support.h"
+#include "tests/support/PairTest.h"
 
 namespace {
 
@@ -80,64 +80,10 @@ constexpr char AGREEMENT[] = "NEW_BUF\nNsContinue\nEND_BUF\n";
 constexpr char DOWN[] =
     "Failed remote read from server :0. Response too large. Probably server is down.";
 
-/// A socket that a test can look into and give a descriptor.
-template <typename Base>
-class Opened : public Base {
- public:
-  void Adopt(int fd) {
-    this->Close();
-    this->_sock = fd;
-  }
-  int Fd() const { return this->_sock; }
-  const std::string& Host() const { return this->_host; }
-  int Port() const { return this->_port; }
-  void SetMaxSilence(milliseconds limit) { this->_max_silence = limit; }
-};
-
-/// A client on one end of a pair of sockets; the test is its peer on the other.
-class PairTest : public ConsoleTest {
- protected:
-  explicit PairTest(int type) : _type(type) { Connect(); }
-  ~PairTest() override { close(_peer); }
-
-  void Connect() {
-    int ends[2];
-    if (_peer >= 0) close(_peer);
-    EXPECT_EQ(socketpair(AF_UNIX, _type, 0, ends), 0);
-    _client.Adopt(ends[0]);
-    _client.SetMaxSilence(milliseconds(2000));
-    _peer = ends[1];
-  }
-
-  void PeerSends(std::string_view bytes) const {
-    while (!bytes.empty()) {
-      const ssize_t sent = send(_peer, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (sent <= 0) return;
-      bytes.remove_prefix(static_cast<std::size_t>(sent));
-    }
-  }
-
-  std::string Line() const {
-    std::string line;
-    EXPECT_EQ(_client.Gets(line), BRAID_OK);
-    return line;
-  }
-
-  std::string Received() const {
-    std::string response;
-    EXPECT_EQ(_client.Receive(response), BRAID_OK);
-    return response;
-  }
-
-  const int _type;
-  Opened<ClientSocket> _client;
-  int _peer = -1;
-};
-
 /// The pair keeps the bounds of writes: each is one message.
 class WritesTest : public PairTest {
  protected:
-  WritesTest() : PairTest(SOCK_SEQPACKET) {}
+  WritesTest() : PairTest(SOCK_SEQPACKET) { _client.SetMaxSilence(milliseconds(2000)); }
 
   /// The client's writes so far.
   Texts Writes() const {
@@ -330,11 +276,11 @@ TEST_F(WritesTest, NonBlockingSocketIsWaitedForAllTheSame) {
 
 class StreamTest : public PairTest {
  protected:
-  StreamTest() : PairTest(SOCK_STREAM) {}
+  StreamTest() { _client.SetMaxSilence(milliseconds(2000)); }
 };
 
 TEST_F(StreamTest, CarriageReturnsWithoutEndAreTooMuchToo) {
-  std::thread peer([&] { PeerSends(std::string(16777217, '\r')); });
+  std::thread peer([&] { PeerOffers(std::string(16777217, '\r')); });
   std::string line;
   EXPECT_EQ(ErrorOf([&] { _client.Gets(line); }), DOWN);
   EXPECT_EQ(line, "");
