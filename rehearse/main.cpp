@@ -5,8 +5,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <span>
 #include <string_view>
 
@@ -16,7 +18,7 @@
 
 namespace {
 
-struct Options : sim::RehearsalOptions {
+struct Options : rehearse::RehearsalOptions {
   std::string guid_words;
   std::string recover = "100";
   std::string point;
@@ -53,45 +55,49 @@ std::size_t At(const auto& counts, auto key) {
   return found == counts.end() ? 0 : found->second;
 }
 
-void PrintTable(const sim::RehearsalReport& report, bool is_one_only) {
-  using sim::CutKind;
-  using sim::Interruption;
+void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
+  using rehearse::CutKind;
+  using rehearse::Interruption;
   const auto row = [](const std::string& name, const std::string& text) {
     std::cout << "  " << std::left << std::setw(18) << name << text << "\n";
   };
   std::cout << std::dec << std::setfill(' ') << "rehearsal: " << report.algorithm << ", "
             << report.devices << " device(s)\n";
-  row("operations", Text(report.writes, " writes, ", report.erases, " erases, in ", report.requests,
-                         " requests"));
-  row("points", Text(report.Points(), ": ", At(report.points, CutKind::AFTER_WORD),
-                     " after a word, ", At(report.points, CutKind::TORN_WORD), " in a torn word, ",
-                     At(report.points, CutKind::TORN_ERASE), " in an erase, ",
-                     At(report.points, CutKind::AFTER_ERASE), " after one"));
-  row("device x points", Text(report.boot_old, " boot old, ", report.boot_new, " boot new, ",
-                              report.unbootable, " do not boot"));
+  row("operations", common::Text(report.writes, " writes, ", report.erases, " erases, in ",
+                                 report.requests, " requests"));
+  row("points",
+      common::Text(report.Points(), ": ", At(report.points, CutKind::AFTER_WORD), " after a word, ",
+                   At(report.points, CutKind::TORN_WORD), " in a torn word, ",
+                   At(report.points, CutKind::TORN_ERASE), " in an erase, ",
+                   At(report.points, CutKind::AFTER_ERASE), " after one"));
+  row("device x points", common::Text(report.boot_old, " boot old, ", report.boot_new,
+                                      " boot new, ", report.unbootable, " do not boot"));
   if (report.may_not_boot > 0) {
-    row("", Text(report.may_not_boot,
-                 " may not boot: another slot is marked valid, and its image is not whole"));
+    row("",
+        common::Text(report.may_not_boot,
+                     " may not boot: another slot is marked valid, and its image is not whole"));
   }
   if (report.unbootable_at_start > 0) {
-    row("", Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
+    row("",
+        common::Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
   }
   const std::size_t recoveries = At(report.recoveries, Interruption::POWER) +
                                  At(report.recoveries, Interruption::KILLED) +
                                  At(report.recoveries, Interruption::DROPPED);
-  row("recoveries", Text(recoveries, ": ", At(report.recoveries, Interruption::POWER),
-                         " from lost power, ", At(report.recoveries, Interruption::KILLED),
-                         " from a killed burner, ", At(report.recoveries, Interruption::DROPPED),
-                         " from a dropped connection; ", report.unrecovered, " failed"));
-  row("wall time", Text(std::fixed, std::setprecision(1), report.seconds, " s"));
+  row("recoveries",
+      common::Text(recoveries, ": ", At(report.recoveries, Interruption::POWER),
+                   " from lost power, ", At(report.recoveries, Interruption::KILLED),
+                   " from a killed burner, ", At(report.recoveries, Interruption::DROPPED),
+                   " from a dropped connection; ", report.unrecovered, " failed"));
+  row("wall time", common::Text(std::fixed, std::setprecision(1), report.seconds, " s"));
   if (report.IsWell()) {
     std::cout << (is_one_only ? "  this is no interruption that" : "  no interruption")
               << " leaves a device that does not boot" << std::endl;
     return;
   }
   std::cout << "exceptions:\n";
-  for (const sim::RehearsalException& exception : report.exceptions) {
-    std::cout << "  " << sim::HexGuid(exception.device) << ", ";
+  for (const rehearse::RehearsalException& exception : report.exceptions) {
+    std::cout << "  " << common::HexGuid(exception.device) << ", ";
     if (exception.first) {
       std::cout << "point " << Describe(*exception.first);
       if (exception.points > 1) std::cout << " and " << exception.points - 1 << " more";
@@ -109,12 +115,12 @@ void PrintTable(const sim::RehearsalReport& report, bool is_one_only) {
   std::cout << "  NOT FAILSAFE: replay one with --at POINT --seed SEED" << std::endl;
 }
 
-nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
-  using sim::CutKind;
-  using sim::Interruption;
+nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
+  using rehearse::CutKind;
+  using rehearse::Interruption;
   nlohmann::json exceptions = nlohmann::json::array();
-  for (const sim::RehearsalException& exception : report.exceptions) {
-    exceptions.push_back({{"device", sim::HexGuid(exception.device)},
+  for (const rehearse::RehearsalException& exception : report.exceptions) {
+    exceptions.push_back({{"device", common::HexGuid(exception.device)},
                           {"at", exception.first ? Describe(*exception.first) : ""},
                           {"points", exception.points},
                           {"first_request", exception.first_request},
@@ -152,14 +158,14 @@ nlohmann::json Json(const sim::RehearsalReport& report, unsigned seed) {
 }
 
 /// The devices of -g, by fwpush's own rules; none: all.
-std::vector<Guid> ParseGuids(const std::string& words) {
-  std::set<Guid> guids;
+std::vector<device::Guid> ParseGuids(const std::string& list) {
+  std::set<device::Guid> guids;
   try {
-    common::ParseGuids(words, guids);
+    common::ParseGuids(list, guids);
   } catch (const std::runtime_error& error) {
     throw common::UsageError("--guids", error.what());
   }
-  if (!words.empty() && guids.empty()) throw common::UsageError("--guids", "no device given");
+  if (!list.empty() && guids.empty()) throw common::UsageError("--guids", "no device given");
   return {guids.begin(), guids.end()};
 }
 
@@ -180,13 +186,13 @@ void TakeWords(Options& options) {
   options.guids = ParseGuids(options.guid_words);
   if (options.recover == "all") {
     options.recoveries = SIZE_MAX;
-  } else if (const auto number = sim::ParseMoment(options.recover);
-             number && number->kind == sim::Interruption::POWER) {
+  } else if (const auto number = rehearse::ParseMoment(options.recover);
+             number && number->kind == rehearse::Interruption::POWER) {
     options.recoveries = number->place;
   } else {
     throw common::UsageError("--recover", "must be a number or all");
   }
-  if (!options.point.empty() && !(options.at = sim::ParseMoment(options.point))) {
+  if (!options.point.empty() && !(options.at = rehearse::ParseMoment(options.point))) {
     throw common::UsageError("--at", "must be a point such as 1234, killed:28 or dropped:28");
   }
   options.extra_args = {"-m", std::to_string(options.chunk_align)};
@@ -202,7 +208,7 @@ int Run(Options& options) {
     if (!json) throw std::runtime_error("can't write " + options.json_file);
   }
   Progress progress;
-  const sim::RehearsalReport report = sim::Rehearse(options, std::ref(progress));
+  const rehearse::RehearsalReport report = rehearse::Rehearse(options, std::ref(progress));
   PrintTable(report, options.at.has_value());
   if (json.is_open()) {
     json << Json(report, options.seed).dump(2) << "\n";

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 
+#include "sim/Boot.h"
 #include "sim/FabricFile.h"
 #include "sim/Filling.h"
 #include "tests/support/Harness.h"
@@ -12,8 +13,8 @@
 
 namespace {
 
-using sim::CutKind;
-using sim::Interruption;
+using rehearse::CutKind;
+using rehearse::Interruption;
 
 class RehearsalTest : public ConsoleTest {
  protected:
@@ -41,8 +42,8 @@ class RehearsalTest : public ConsoleTest {
                 "\nvalid = ", is_valid ? "true" : "false", "\n");
   }
 
-  sim::RehearsalOptions Options(const std::string& fabric_file, std::size_t recoveries = 0) {
-    sim::RehearsalOptions options;
+  rehearse::RehearsalOptions Options(const std::string& fabric_file, std::size_t recoveries = 0) {
+    rehearse::RehearsalOptions options;
     options.fabric_file = fabric_file;
     options.image_file = _folder / "new.img";
     options.fwpush = FwpushProgram();
@@ -161,7 +162,8 @@ TEST_F(RehearsalTest, BootRecordsSumAndMarkTellAnEepromsImages) {
 TEST_F(RehearsalTest, EveryWordAndEraseOfAFailsafeBurnIsAPointAndAllOfThemBoot) {
   OldImage();
   NewImage();
-  const sim::RehearsalReport report = sim::Rehearse(Options(FlashFabric(Holds("old.img", 0)), 20));
+  const rehearse::RehearsalReport report =
+      rehearse::Rehearse(Options(FlashFabric(Holds("old.img", 0)), 20));
   EXPECT_EQ(report.algorithm, "RV52100FailsafeBurn");
   // Second signature cleared: 1 word. Image: 8 words. Pointer sector: 66 words, then its CRC.
   // Second signature set, first one cleared: 2 words.
@@ -185,9 +187,9 @@ TEST_F(RehearsalTest, EveryWordAndEraseOfAFailsafeBurnIsAPointAndAllOfThemBoot) 
 TEST_F(RehearsalTest, BurnThatIsNotFailsafeIsFoundOut) {
   OldImage();
   NewImage();
-  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)), 10);
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)), 10);
   options.extra_args = {"-n"};
-  const sim::RehearsalReport report = sim::Rehearse(options);
+  const rehearse::RehearsalReport report = rehearse::Rehearse(options);
   EXPECT_EQ(report.algorithm, "GenericBurn");
   EXPECT_GT(report.unbootable, 0u);
   EXPECT_FALSE(report.IsWell());
@@ -199,9 +201,9 @@ TEST_F(RehearsalTest, ExceptionIsReplayedByItsPoint) {
   OldImage({.invariant = 0x78});
   NewImage();
   const std::string fabric = FlashFabric(Holds("old.img", 0));
-  const sim::RehearsalReport report = sim::Rehearse(Options(fabric));
+  const rehearse::RehearsalReport report = rehearse::Rehearse(Options(fabric));
   ASSERT_FALSE(report.exceptions.empty());
-  const sim::RehearsalException& first = report.exceptions.front();
+  const rehearse::RehearsalException& first = report.exceptions.front();
   ASSERT_TRUE(first.first.has_value());
   EXPECT_EQ(Describe(*first.first), "0");  // the torn erase, the first change of all
   EXPECT_EQ(first.command, "erase");
@@ -209,14 +211,14 @@ TEST_F(RehearsalTest, ExceptionIsReplayedByItsPoint) {
   EXPECT_EQ(first.state, "DOES NOT BOOT: slot 0 old, slot 1 invalid, invariant sector broken");
   EXPECT_EQ(first.reason, "the invariant sector is rewritten: there is only one of it");
 
-  sim::RehearsalOptions again = Options(fabric);
+  rehearse::RehearsalOptions again = Options(fabric);
   again.at = first.first;
-  const sim::RehearsalReport replayed = sim::Rehearse(again);
+  const rehearse::RehearsalReport replayed = rehearse::Rehearse(again);
   EXPECT_EQ(replayed.Points(), 1u);
   ASSERT_EQ(replayed.exceptions.size(), 1u);
   EXPECT_EQ(replayed.exceptions.front().state, first.state);
-  again.at = sim::Moment{Interruption::POWER, report.Points()};
-  EXPECT_THROW(sim::Rehearse(again), std::runtime_error);
+  again.at = rehearse::Moment{Interruption::POWER, report.Points()};
+  EXPECT_THROW(rehearse::Rehearse(again), std::runtime_error);
 }
 
 TEST_F(RehearsalTest, SeveralDevicesAreEachJudgedByTheirOwnLog) {
@@ -225,7 +227,7 @@ TEST_F(RehearsalTest, SeveralDevicesAreEachJudgedByTheirOwnLog) {
   const std::string both = Holds("old.img", 0) + Holds("old.img", 1);
   const std::string first = Holds("old.img", 0) + Holds("old.img", 1, false);
   const std::string second = Holds("old.img", 0, false) + Holds("old.img", 1);
-  const sim::RehearsalReport report = sim::Rehearse(
+  const rehearse::RehearsalReport report = rehearse::Rehearse(
       Options(FabricFile("chip = [{ address = 0, size = 0x100 }]", {both, first, second}), 20));
   EXPECT_EQ(report.algorithm, "RV61300FailsafeBurn");
   // Each device: two slots, each of 16 words and the first one once more.
@@ -238,10 +240,10 @@ TEST_F(RehearsalTest, SeveralDevicesAreEachJudgedByTheirOwnLog) {
 TEST_F(RehearsalTest, DeviceThatDidNotBootBeforeIsTold) {
   _folder.Write("old.img", EepromImage(0x01));
   _folder.Write("new.img", EepromImage(0x02));
-  const sim::RehearsalReport report =
-      sim::Rehearse(Options(FabricFile("chip = [{ address = 0, size = 0x100 }]",
-                                       {Holds("old.img", 0), Holds("old.img", 0, false)}),
-                            5));
+  const rehearse::RehearsalReport report =
+      rehearse::Rehearse(Options(FabricFile("chip = [{ address = 0, size = 0x100 }]",
+                                            {Holds("old.img", 0), Holds("old.img", 0, false)}),
+                                 5));
   EXPECT_EQ(report.unbootable_at_start, 1u);
   ASSERT_EQ(report.exceptions.size(), 1u);
   EXPECT_EQ(report.exceptions.front().device, 0x20u);
@@ -252,7 +254,7 @@ TEST_F(RehearsalTest, BurnThatFailsByItselfIsNoRehearsal) {
   OldImage();
   NewImage();
   try {
-    sim::Rehearse(Options(FlashFabric(Holds("old.img", 0, false))));
+    rehearse::Rehearse(Options(FlashFabric(Holds("old.img", 0, false))));
     FAIL();
   } catch (const std::runtime_error& error) {
     EXPECT_THAT(error.what(),
@@ -266,8 +268,8 @@ TEST_F(RehearsalTest, SlotThatIsNotWholeBeforeIsNotTakenForWhole) {
   NewImage();
   _folder.Write("spot.bin", "spot");
   const std::string raw = Text("[[device.contents]]\nraw = \"spot.bin\"\nat = ", IMAGE0 + 8, "\n");
-  const sim::RehearsalReport report =
-      sim::Rehearse(Options(FlashFabric(Holds("old.img", 0) + Holds("old.img", 1) + raw)));
+  const rehearse::RehearsalReport report =
+      rehearse::Rehearse(Options(FlashFabric(Holds("old.img", 0) + Holds("old.img", 1) + raw)));
   // The broken first image stays marked valid to the end, where the new second one boots alone.
   EXPECT_EQ(report.boot_old, 0u);
   EXPECT_GT(report.unbootable, 0u);
@@ -279,40 +281,40 @@ TEST_F(RehearsalTest, SlotThatIsNotWholeBeforeIsNotTakenForWhole) {
 TEST_F(RehearsalTest, DeviceNamedByTwoGuidsIsOneDevice) {
   OldImage();
   NewImage();
-  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
   options.guids = {0x10, 0x11};
-  EXPECT_EQ(sim::Rehearse(options).devices, 1u);
+  EXPECT_EQ(rehearse::Rehearse(options).devices, 1u);
 }
 
 TEST_F(RehearsalTest, MomentsAreNamedAndFoundAgain) {
   for (const std::string text : {"0", "1234", "killed:28", "dropped:1"}) {
-    ASSERT_TRUE(sim::ParseMoment(text).has_value()) << text;
-    EXPECT_EQ(Describe(*sim::ParseMoment(text)), text);
+    ASSERT_TRUE(rehearse::ParseMoment(text).has_value()) << text;
+    EXPECT_EQ(Describe(*rehearse::ParseMoment(text)), text);
   }
   for (const std::string text : {"", "-1", "killed:", "lost:1", "1x", "99999999999999999999"}) {
-    EXPECT_FALSE(sim::ParseMoment(text).has_value()) << text;
+    EXPECT_FALSE(rehearse::ParseMoment(text).has_value()) << text;
   }
 }
 
 TEST_F(RehearsalTest, KilledBurnerIsReplayedAtItsRequest) {
   OldImage();
   NewImage();
-  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
   for (const Interruption kind : {Interruption::KILLED, Interruption::DROPPED}) {
-    options.at = sim::Moment{kind, 12};
-    const sim::RehearsalReport report = sim::Rehearse(options);
+    options.at = rehearse::Moment{kind, 12};
+    const rehearse::RehearsalReport report = rehearse::Rehearse(options);
     EXPECT_EQ(report.Points(), 0u);
     EXPECT_EQ(report.recoveries.at(kind), 1u);
     EXPECT_TRUE(report.IsWell());
     options.at->place = report.requests + 1;
-    EXPECT_THROW(sim::Rehearse(options), std::runtime_error);
+    EXPECT_THROW(rehearse::Rehearse(options), std::runtime_error);
   }
 }
 
 TEST_F(RehearsalTest, ImagesThatNoRehearsalFitsAreRefused) {
-  const auto refusal_of = [](const sim::RehearsalOptions& options) -> std::string {
+  const auto refusal_of = [](const rehearse::RehearsalOptions& options) -> std::string {
     try {
-      sim::Rehearse(options);
+      rehearse::Rehearse(options);
     } catch (const sim::JudgeError& error) {
       return error.what();
     }
@@ -336,10 +338,10 @@ TEST_F(RehearsalTest, BurnerThatLeavesAChildBehindIsNotWaitedFor) {
   const std::string burner =
       _folder.Write("burner", "#!/bin/sh\nsleep 10 &\nexec " + FwpushProgram() + " \"$@\"\n");
   std::filesystem::permissions(burner, std::filesystem::perms::owner_all);
-  sim::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
   options.fwpush = burner;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_TRUE(sim::Rehearse(options).IsWell());
+  EXPECT_TRUE(rehearse::Rehearse(options).IsWell());
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
 }
 

@@ -1,0 +1,102 @@
+#include "rehearse/CleanBurn.h"
+
+#include <atomic>
+#include <stdexcept>
+#include <string_view>
+
+#include "common/Text.h"
+
+namespace rehearse {
+
+namespace {
+
+constexpr char NO_ORDER[] = "the order of writes leaves no image that boots";
+
+}  // namespace
+
+CleanBurn::CleanBurn(const Subject& subject, const Burner& burner, RehearsalReport& report)
+    : _subject(subject) {
+  sim::Fabric fabric;
+  subject.CopyTo(fabric);
+  std::atomic<std::size_t> requests{0};
+  fabric.observer = [&](const sim::Operation& operation) { _log.Add(operation, requests + 1); };
+  const Run run = burner.Burn(fabric, requests);
+  _requests = requests;
+  constexpr std::string_view RUNNING = "Running burn algorithm: ";
+  if (const std::size_t at = run.console.find(RUNNING); at != std::string::npos) {
+    const std::size_t name = at + RUNNING.size();
+    _algorithm = run.console.substr(name, run.console.find('\n', name) - name);
+  }
+  report.algorithm = _algorithm;
+  report.requests = _requests;
+  report.writes = _log.Count(sim::Operation::PROGRAM);
+  report.erases = _log.Count(sim::Operation::ERASE);
+  if (!run.is_well) {
+    throw std::runtime_error("the burn itself fails, before any plug is pulled:\n" + run.console);
+  }
+  _has_moved = run.console.find("Moving image position") != std::string::npos;
+  for (const device::Guid guid : subject.Guids()) {
+    if (!subject.BootsAtStart(guid)) continue;
+    const device::Verdict end = subject.VerdictOn(fabric, guid);
+    if (subject.IsAsItShouldEnd(end)) continue;
+    _ends_well = false;
+    report.Add({.device = guid,
+                .step = "the end of the burn",
+                .state = Describe(end),
+                .reason = ReasonForEnd(guid, end, run.console)});
+  }
+}
+
+std::string CleanBurn::ReasonForEnd(device::Guid guid, const device::Verdict& end,
+                                    const std::string& console) const {
+  const std::string failure = "BURN FAILED:" + common::HexGuid(guid) + ":";
+  if (const std::size_t at = console.find(failure); at != std::string::npos) {
+    const std::size_t text = at + failure.size();
+    return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
+  }
+  if (!_subject.HasBootRecords() || IsPlain()) return "the image as burnt is no valid new one";
+  return end.CountInvalid() > 0
+             ? "the image's own boot record is not valid in each slot"
+             : "a CRC covers the first word of the boot record, which is held back";
+}
+
+std::string CleanBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict) const {
+  if (IsPlain()) return "a burn that is not failsafe writes over what boots";
+  if (!verdict.invariant_is_whole) {
+    return "the invariant sector is rewritten: there is only one of it";
+  }
+  if (_subject.JudgeOf(guid).Look().HasBroken()) {
+    return "a slot was marked valid before the burn, and its image was not whole";
+  }
+  return _subject.HasBootRecords() ? ReasonWithBootRecords(verdict)
+                                   : ReasonWithPointerSectors(guid, verdict);
+}
+
+std::string CleanBurn::ReasonWithPointerSectors(device::Guid guid,
+                                                const device::Verdict& verdict) const {
+  const device::Judge& before = _subject.JudgeOf(guid);
+  for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
+    if (before.IsSigned(slot) && !before.Boots(slot)) {
+      return "a record bore a signature before the burn, and its CRC was wrong: a burn goes by "
+             "the signature";
+    }
+  }
+  if (_has_moved && verdict.slots[1].BootsBroken()) {
+    return "the copy of the second image overlaps the second image, the only valid one";
+  }
+  if (verdict.slots[0].BootsBroken() && before.Boots(0)) {
+    return "the old first image reaches into the second slot";
+  }
+  if (verdict.slots[1].BootsBroken()) return "the new first image reaches into the second slot";
+  return NO_ORDER;
+}
+
+std::string CleanBurn::ReasonWithBootRecords(const device::Verdict& verdict) const {
+  if (!_ends_well) return "the image as burnt is no valid new one in each slot";
+  if (verdict.HasBroken()) {
+    return "a mix of an old and a new boot record happens to have a valid sum";
+  }
+  return NO_ORDER;
+}
+
+}  // namespace rehearse

@@ -1,0 +1,55 @@
+#include "rehearse/Moment.h"
+
+#include <charconv>
+#include <string_view>
+
+namespace rehearse {
+
+namespace {
+
+/// What stands before the request.
+std::string_view HeadOf(Interruption kind) {
+  switch (kind) {
+    case Interruption::POWER:
+      return "";
+    case Interruption::KILLED:
+      return "killed:";
+    case Interruption::DROPPED:
+      return "dropped:";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string Describe(const Moment& moment) {
+  return std::string(HeadOf(moment.kind)) + std::to_string(moment.place);
+}
+
+std::optional<Moment> ParseMoment(const std::string& text) {
+  Moment moment;
+  std::string_view number = text;
+  for (const Interruption kind : {Interruption::KILLED, Interruption::DROPPED}) {
+    if (!text.starts_with(HeadOf(kind))) continue;
+    moment.kind = kind;
+    number.remove_prefix(HeadOf(kind).size());
+  }
+  const char* const end = number.data() + number.size();
+  const auto parsed = std::from_chars(number.data(), end, moment.place);
+  if (number.empty() || parsed.ec != std::errc() || parsed.ptr != end) return {};
+  return moment;
+}
+
+const char* Name(Interruption kind) {
+  switch (kind) {
+    case Interruption::POWER:
+      return "power lost";
+    case Interruption::KILLED:
+      return "burner killed";
+    case Interruption::DROPPED:
+      return "connection dropped";
+  }
+  return "?";
+}
+
+}  // namespace rehearse

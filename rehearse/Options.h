@@ -1,0 +1,31 @@
+/// What is rehearsed, and how.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "device/Bytes.h"
+#include "rehearse/Moment.h"
+
+namespace rehearse {
+
+struct RehearsalOptions {
+  std::string fabric_file;
+  std::string image_file;
+  std::string fwpush;                   ///< the program to rehearse with
+  std::vector<device::Guid> guids;      ///< all devices of the fabric where empty
+  std::vector<std::string> extra_args;  ///< for fwpush, such as "-m=8"
+  std::size_t recoveries = 0;           ///< how many to run; SIZE_MAX for one from every point
+  unsigned jobs = 1;                    ///< recoveries side by side
+  unsigned seed = 1;                    ///< of torn words, torn erases and the choice of recoveries
+  std::optional<Moment> at;             ///< only this one
+};
+
+/// Told how far a rehearsal is: what it is doing, how much of it is done, and of how much.
+using RehearsalProgress =
+    std::function<void(const std::string& what, std::size_t done, std::size_t total)>;
+
+}  // namespace rehearse

@@ -1,0 +1,155 @@
+#include "rehearse/Recoveries.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <stdexcept>
+#include <thread>
+
+namespace rehearse {
+
+/// Spread evenly, with a seeded place in each stretch: every phase of the burn gets its share.
+std::vector<Moment> Recoveries::Moments() const {
+  if (_options.at) return {*_options.at};
+  // Where the burn itself ends wrongly, a second one cannot end well.
+  const std::size_t points = _burn.Log().Points();
+  if (!_burn.EndsWell() || points == 0 || _options.recoveries == 0) return {};
+  std::vector<Moment> moments;
+  const auto spread = [&](Interruption kind, std::size_t count, std::size_t first,
+                          std::size_t places) {
+    count = std::min(count, places);
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::size_t start = places * i / count;
+      const std::size_t end = places * (i + 1) / count;
+      const std::size_t offset =
+          Chance(_options.seed, i, places) % std::max(end - start, std::size_t{1});
+      moments.push_back({kind, first + start + offset});
+    }
+  };
+  const std::size_t live = std::min<std::size_t>(_options.recoveries / 5, _burn.Requests());
+  spread(Interruption::POWER, _options.recoveries - 2 * live, 0, points);
+  spread(Interruption::KILLED, live, 1, _burn.Requests());
+  spread(Interruption::DROPPED, live, 1, _burn.Requests());
+  return moments;
+}
+
+void Recoveries::Run(const RehearsalProgress& progress) {
+  const std::vector<Moment> jobs = Moments();
+  std::atomic<std::size_t> next{0};
+  std::size_t done = 0;
+  std::exception_ptr trouble;
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < std::max(1u, _options.jobs); ++i) {
+    threads.emplace_back([&] {
+      for (std::size_t job; (job = next++) < jobs.size();) {
+        try {
+          RecoverFrom(jobs[job]);
+        } catch (...) {
+          const std::lock_guard lock(_mutex);
+          trouble = std::current_exception();
+          next = jobs.size();
+        }
+        const std::lock_guard lock(_mutex);
+        progress("recovering", ++done, jobs.size());
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  if (trouble) std::rethrow_exception(trouble);
+}
+
+void Recoveries::RecoverFrom(const Moment& moment) {
+  sim::Fabric fabric;
+  {
+    const std::lock_guard lock(_mutex);
+    _subject.CopyTo(fabric);
+  }
+  Interrupt(fabric, moment);
+  const std::size_t request = moment.kind == Interruption::POWER
+                                  ? _burn.Log().Locate(moment.place).operation.request
+                                  : moment.place;
+  // Where nothing boots there is nothing to recover, and the sweep has told so.
+  if (!BootsEverywhere(fabric, moment, request)) return;
+  std::atomic<std::size_t> requests{0};
+  Judge(fabric, moment, request, _burner.Burn(fabric, requests));
+}
+
+/// Brings the devices, which are as before the burn, to the moment.
+void Recoveries::Interrupt(sim::Fabric& fabric, const Moment& moment) const {
+  if (moment.kind == Interruption::POWER) {
+    const OperationLog::Place place = _burn.Log().Locate(moment.place);
+    // The others went on without the device.
+    for (const auto& [guid, log] : _burn.Log().All()) {
+      const std::size_t cuts = guid == place.guid ? place.cuts + 1 : SIZE_MAX;
+      _burn.Log().Replay(*fabric.Find(guid), cuts, _options.seed);
+    }
+    return;
+  }
+  if (moment.place < 1 || moment.place > _burn.Requests()) {
+    throw std::runtime_error("the burn has no such request");
+  }
+  std::atomic<std::size_t> requests{0};
+  if (moment.kind == Interruption::KILLED) {
+    if (_burner.Burn(fabric, requests, moment.place).signal != SIGKILL) {
+      throw std::runtime_error("the burner was gone before it was killed");
+    }
+    return;
+  }
+  sim::Fault drop;
+  drop.kind = sim::Fault::CLOSE_BEFORE;
+  drop.nth = static_cast<std::uint32_t>(moment.place);
+  fabric.faults.Add(drop);
+  if (_burner.Burn(fabric, requests).is_well) {
+    throw std::runtime_error("the burner did not notice that its connection was dropped");
+  }
+  fabric.faults = {};
+}
+
+void Recoveries::Add(const Moment& moment, std::size_t request, device::Guid guid,
+                     const device::Verdict& verdict, const std::string& step,
+                     const std::string& reason) {
+  _report.Add({.device = guid,
+               .first = moment,
+               .first_request = request,
+               .last_request = request,
+               .step = step,
+               .state = Describe(verdict),
+               .reason = reason});
+}
+
+bool Recoveries::BootsEverywhere(const sim::Fabric& fabric, const Moment& moment,
+                                 std::size_t request) {
+  const std::lock_guard lock(_mutex);
+  for (const device::Guid guid : _subject.Guids()) {
+    if (!_subject.BootsAtStart(guid)) continue;
+    const device::Verdict verdict = _subject.VerdictOn(fabric, guid);
+    if (verdict.BootsWhole()) continue;
+    if (moment.kind != Interruption::POWER) {
+      Add(moment, request, guid, verdict, Name(moment.kind), _burn.ReasonFor(guid, verdict));
+    }
+    return false;
+  }
+  return true;
+}
+
+void Recoveries::Judge(const sim::Fabric& fabric, const Moment& moment, std::size_t request,
+                       const rehearse::Run& second) {
+  const std::lock_guard lock(_mutex);
+  ++_report.recoveries[moment.kind];
+  bool is_counted = false;
+  for (const device::Guid guid : _subject.Guids()) {
+    if (!_subject.BootsAtStart(guid)) continue;
+    const device::Verdict verdict = _subject.VerdictOn(fabric, guid);
+    if (second.is_well && _subject.IsAsItShouldEnd(verdict)) continue;
+    if (!is_counted) ++_report.unrecovered;
+    is_counted = true;
+    Add(moment, request, guid, verdict, std::string(Name(moment.kind)) + ", then burnt again",
+        second.is_well ? "the second burn does not end as a burn should"
+                       : "the second burn fails: " + second.LastLine());
+  }
+}
+
+}  // namespace rehearse

@@ -1,0 +1,59 @@
+/// What a rehearsal comes to.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "device/Bytes.h"
+#include "device/Whole.h"
+#include "rehearse/Moment.h"
+#include "rehearse/OperationLog.h"
+
+namespace rehearse {
+
+/// A state in which a device does not surely boot, or did not recover. Neighbouring points at which
+/// a device is in the same state are one.
+struct RehearsalException {
+  device::Guid device = 0;
+  std::optional<Moment> first = {};  ///< nothing for what is so before or after the burn
+  std::size_t points = 1;            ///< this and those that follow it
+  std::size_t first_request = 0;     ///< from 1; 0 where there is none
+  std::size_t last_request = 0;
+  std::string command = {};  ///< of the first request
+  std::string step = {};     ///< what was being changed
+  std::string state = {};
+  std::string reason = {};
+};
+
+struct RehearsalReport {
+  std::string algorithm;
+  std::size_t devices = 0;
+  std::size_t unbootable_at_start = 0;  ///< devices that did not boot before the burn
+  std::size_t requests = 0;
+  std::size_t writes = 0;
+  std::size_t erases = 0;
+  std::map<CutKind, std::size_t> points;
+  std::size_t boot_old = 0;
+  std::size_t boot_new = 0;
+  std::size_t unbootable = 0;
+  std::size_t may_not_boot = 0;  ///< points with a whole image, and another slot that boots what is
+                                 ///< not whole
+  std::map<Interruption, std::size_t> recoveries;
+  std::size_t unrecovered = 0;
+  double seconds = 0;
+  std::vector<RehearsalException> exceptions;
+  std::size_t exceptions_left_out = 0;  ///< of which there were too many to keep
+
+  std::size_t Points() const;
+  bool IsWell() const { return exceptions.empty() && exceptions_left_out == 0; }
+
+  /// Counts a point by what the device is worth there.
+  void Count(CutKind kind, const device::Verdict& verdict);
+  /// Keeps an exception; false where there are too many already.
+  bool Add(RehearsalException exception);
+};
+
+}  // namespace rehearse

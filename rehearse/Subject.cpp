@@ -1,0 +1,106 @@
+#include "rehearse/Subject.h"
+
+#include <set>
+#include <stdexcept>
+
+#include "common/Text.h"
+#include "sim/Boot.h"
+#include "sim/FabricFile.h"
+#include "sim/Filling.h"
+
+namespace rehearse {
+
+Subject::Subject(const RehearsalOptions& options) : _options(options) {
+  sim::LoadFabric(options.fabric_file, {}, _start);
+  _start.faults = {};  // the only thing that goes wrong here is what the rehearsal does
+  _image = sim::ReadImageFile(options.image_file);
+  ChooseDevices();
+  for (const device::Guid guid : _guids) _judges.emplace(guid, MakeJudge(*_start.Find(guid)));
+}
+
+void Subject::ChooseDevices() {
+  std::set<device::Guid> guids;  // a device may be named by each of its GUIDs
+  for (const device::Guid guid : _options.guids) {
+    const sim::Device* device = _start.Find(guid);
+    if (device == nullptr) {
+      throw std::runtime_error("the fabric has no device " + common::HexGuid(guid));
+    }
+    guids.insert(device->node_guid);
+  }
+  if (_options.guids.empty()) {
+    for (const auto& [guid, device] : _start.Devices()) guids.insert(guid);
+  }
+  _guids.assign(guids.begin(), guids.end());
+}
+
+/// What is whole comes from the image files themselves where the fabric file names them, and not
+/// from the burn that is on trial.
+device::Judge Subject::MakeJudge(const sim::Device& device) const {
+  const device::Memory memory = sim::MemoryOf(device, _image);
+  if (!memory.Holds(0, memory.sector_size)) {
+    throw sim::JudgeError(common::Text("The image's slots lie past the ", memory.bytes.size(),
+                                       " bytes of its device map"));
+  }
+  device::Judge judge(sim::LayoutOf(_image, _options.image_file, memory.sector_size), memory.bytes);
+  try {
+    for (const std::string& file : device.images) {
+      sim::KnowImageFile(judge, device, file, device::Whole::OLD);
+    }
+  } catch (const sim::JudgeError&) {
+    judge.KnowPresentImages();  // an image of another make: what boots must do
+  }
+  if (device.images.empty()) judge.KnowPresentImages();
+  judge.KnowPresentInvariantSector();
+  sim::KnowImageFile(judge, device, _options.image_file, device::Whole::NEW);
+  return judge;
+}
+
+device::MemoryKind Subject::MemoryKindOf(device::Guid guid) const {
+  const sim::Device& device = *_start.Find(guid);
+  return sim::SectorSizeOf(device) == 0 ? device::MemoryKind::EEPROM : device::MemoryKind::FLASH;
+}
+
+void Subject::CopyTo(sim::Fabric& fabric) const {
+  fabric.facts = _start.facts;
+  for (const auto& [guid, device] : _start.Devices()) fabric.CopyDevice(device);
+}
+
+device::Verdict Subject::VerdictOn(const sim::Fabric& fabric, device::Guid guid) const {
+  device::Judge judge = JudgeOf(guid);
+  judge.SetAll(sim::MemoryOf(*fabric.Find(guid), _image).bytes);
+  return judge.Look();
+}
+
+bool Subject::IsAsItShouldEnd(const device::Verdict& verdict) const {
+  if (!verdict.invariant_is_whole) return false;
+  if (HasBootRecords()) return verdict.CountNew() == 2;
+  return verdict.CountNew() == 1 && verdict.CountInvalid() == 1;
+}
+
+std::optional<std::uint32_t> Subject::LinearOf(std::uint8_t chip, std::uint32_t offset) const {
+  const device::ChipPlace place{chip, offset};
+  const auto addr = _image.AddressOf(place);
+  if (!addr || _image.PlaceOf(*addr) != place) return std::nullopt;
+  return addr;
+}
+
+std::string Subject::StepAt(device::Guid guid, const LoggedOperation& operation) const {
+  const auto linear = LinearOf(operation.chip, operation.offset);
+  if (!linear) return "what the device map leaves out";
+  const std::uint32_t addr = *linear;
+  const std::uint32_t sector = sim::SectorSizeOf(*_start.Find(guid));
+  const device::BootLayout layout = sim::LayoutOf(_image, _options.image_file, sector);
+  for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
+    const std::uint32_t record = layout.records[slot];
+    if (layout.HasPointerSectors() && addr >= record && addr - record < sector) {
+      return common::Text("pointer sector ", slot, " at 0x", std::hex, addr);
+    }
+  }
+  if (layout.HasPointerSectors() && addr < sector) {
+    return common::Text("invariant sector at 0x", std::hex, addr);
+  }
+  const int slot = addr >= _image.slots[1].image ? 1 : 0;
+  return common::Text("image slot ", slot, " at 0x", std::hex, addr);
+}
+
+}  // namespace rehearse
