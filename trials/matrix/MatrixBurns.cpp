@@ -302,4 +302,17 @@ Verdict MatrixBurn::Judge(const sim::Device& device) const {
   return result;
 }
 
+std::string MatrixBurn::OrderError(const sim::Device& before,
+                                   const std::vector<MemoryChange>& changes) const {
+  std::vector<device::Step> steps;
+  if (!_untouched.contains(before.node_guid)) {
+    const device::BurnKind kind =
+        IsFailsafe() ? device::BurnKind::FAILSAFE : device::BurnKind::PLAIN;
+    const device::Burn burn(_image, kind, IdentityOf(before));
+    const device::Memory memory = MemoryOf(before, _image);
+    steps = burn.Steps(memory, burn.Look(memory));
+  }
+  return trials::OrderError(_image, steps, before.node_guid, changes);
+}
+
 }  // namespace trials

@@ -15,6 +15,7 @@
 #include "sim/Fabric.h"
 #include "trials/AnswerFaults.h"
 #include "trials/BurnOutput.h"
+#include "trials/WriteOrder.h"
 
 namespace trials {
 
@@ -46,6 +47,9 @@ class MatrixBurn {
   bool IsLeftAlone(Guid guid) const { return _untouched.contains(guid); }
 
   Verdict Judge(const sim::Device& device) const;
+  /// What is wrong with the order of the writes of a fault-free burn of a device, which was
+  /// `before`; empty where it is right.
+  std::string OrderError(const sim::Device& before, const std::vector<MemoryChange>& changes) const;
   bool IsFailsafe() const { return _image.Slots() != device::SlotKind::NONE; }
 
   /// Devices that cannot be burnt. Every run that gets so far reports them.

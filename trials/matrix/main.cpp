@@ -108,9 +108,8 @@ class CaseRunner {
 
   /// Runs a burn without faults. Throws std::runtime_error where it does not succeed.
   void RunClean(MatrixBurn& burn) {
-    sim::Fabric fabric = burn.Start();
-    const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
-    const std::string wrong = WrongAfter(burn, outcome, fabric);
+    RunOutcome outcome;
+    const std::string wrong = RunFaultFree(burn, burn.Start(), outcome);
     if (!wrong.empty()) {
       throw std::runtime_error(burn.Name() + ": a fault-free burn: " + wrong + "\n" +
                                outcome.output + outcome.errors);
@@ -214,6 +213,23 @@ class CaseRunner {
     }
   }
 
+  /// Burns devices that hold what `before` holds. Returns what is wrong with the run, or empty.
+  std::string RunFaultFree(const MatrixBurn& burn, const sim::Fabric& before, RunOutcome& outcome) {
+    sim::Fabric fabric = burn.Repaired(before);
+    std::vector<MemoryChange> changes;
+    fabric.observer = [&changes](const sim::Operation& operation) {
+      changes.push_back(ChangeOf(operation));
+    };
+    outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
+    const std::string wrong = WrongAfter(burn, outcome, fabric);
+    if (!wrong.empty()) return wrong;
+    for (const auto& [guid, device] : before.Devices()) {
+      const std::string error = burn.OrderError(device, changes);
+      if (!error.empty()) return Text("device ", std::hex, guid, ": ", error);
+    }
+    return "";
+  }
+
   std::string WrongAfter(const MatrixBurn& burn, const RunOutcome& outcome,
                          const sim::Fabric& fabric) {
     if (!outcome.in_time) return "does not end by itself";
@@ -233,9 +249,8 @@ class CaseRunner {
 
   void CheckNextRun(const MatrixBurn& burn, const sim::Fabric& left, CaseResult& result,
                     const Fail& fail) {
-    sim::Fabric fabric = burn.Repaired(left);
-    const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
-    const std::string wrong = WrongAfter(burn, outcome, fabric);
+    RunOutcome outcome;
+    const std::string wrong = RunFaultFree(burn, left, outcome);
     if (wrong.empty()) return;
     // A failsafe burn refuses a device without a valid image.
     if (result.row.empty() || !burn.IsFailsafe()) return fail("the next burn: " + wrong);

@@ -11,8 +11,6 @@ namespace soak {
 
 using common::Text;
 using device::Burn;
-using device::Range;
-using device::Step;
 using trials::MemoryOf;
 
 namespace {
@@ -20,8 +18,6 @@ namespace {
 constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 constexpr char COVERED_ROW[] = "a CRC over the first four bytes of a slot";
 constexpr char TORN_ROW[] = "a torn boot record that adds up by chance";
-/// The address of what the image does not map: behind all others.
-constexpr std::uint64_t NOT_MAPPED = device::ADDRESS_SPACE;
 /// Indices of the request for the list of devices, and of the second one for boot records.
 constexpr std::size_t LIST_REQUEST = 2;
 constexpr std::size_t SECOND_RECORDS_REQUEST = 4;
@@ -293,50 +289,21 @@ void RunChecker::CheckChanges(const BurnRun& run) {
     given.insert(before.node);
     CheckOrder(run, name, before);
   }
-  for (const Change& change : run.changes) {
+  for (const trials::MemoryChange& change : run.changes) {
     if (!given.contains(change.node)) {
       Fail(DeviceName(change.node) + " is no target, and is written");
     }
   }
 }
 
-/// The linear address of a change; NOT_MAPPED where the image does not map it.
-std::uint64_t RunChecker::AddressOf(const Change& change) const {
-  std::uint64_t base = 0;
-  if (_scenario.image.map.empty()) return change.chip == 0 ? change.offset : NOT_MAPPED;
-  for (const MappedChip& chip : _scenario.image.map) {
-    const bool is_mapped = std::uint64_t{change.offset} + change.size <= chip.size;
-    if (chip.chip == change.chip) return is_mapped ? base + change.offset : NOT_MAPPED;
-    base += chip.size;
-  }
-  return NOT_MAPPED;
-}
-
-/// Every write and erase belongs to the current step of the burn or to a later one.
+/// The writes keep the order of the steps of the burn.
 void RunChecker::CheckOrder(const BurnRun& run, Guid name, const Before& before) {
-  std::vector<Step> steps;
+  std::vector<device::Step> steps;
   if (!_scenario.check_only) {
     steps = BurnOf(before.node).Steps(before.memory, Seen(run, name, before));
   }
-  auto step = steps.begin();
-  for (const Change& change : run.changes) {
-    if (change.node != before.node) continue;
-    const std::uint64_t addr = AddressOf(change);
-    const bool is_erase = change.kind == sim::Operation::ERASE;
-    const auto allows = [&](const Step& of) {
-      return std::ranges::any_of(of.ranges, [&](const Range& range) {
-        return is_erase ? range.Meets(addr, change.size) : range.Holds(addr, change.size);
-      });
-    };
-    const auto next = std::find_if(step, steps.end(), allows);
-    if (next == steps.end()) {
-      const bool is_over = std::any_of(steps.begin(), step, allows);
-      return Fail(Text(DeviceName(name), is_erase ? ": erases " : ": writes ", change.size,
-                       " bytes at ", std::hex, addr,
-                       is_over ? OUT_OF_ORDER + step->name : " that are no part of the image"));
-    }
-    step = next;
-  }
+  const std::string error = trials::OrderError(_scenario.image, steps, before.node, run.changes);
+  if (!error.empty()) Fail(Text(DeviceName(name), ": ", error));
 }
 
 /// Devices that are no targets, and memory that the image does not map, are unchanged.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "trials/WriteOrder.h"
 #include "trials/soak/PlannedFaults.h"
 #include "trials/soak/Scenario.h"
 #include "trials/soak/Statistics.h"
@@ -27,22 +28,13 @@ struct Before {
   std::size_t violations = 0;
 };
 
-/// A write or an erase during a run.
-struct Change {
-  sim::Operation::Kind kind;
-  Guid node;
-  std::uint8_t chip;
-  std::uint32_t offset;
-  std::uint32_t size;
-};
-
 /// One run of the burner.
 struct BurnRun {
   std::map<Guid, Before> targets;  ///< by name
   std::map<Guid, Chips> chips;     ///< of all devices before, by node
   trials::RunOutcome outcome;
   std::vector<OccurredFault> occurred;
-  std::vector<Change> changes;  ///< in the order made
+  std::vector<trials::MemoryChange> changes;  ///< in the order made
 
   // Found by the checks.
   std::vector<Guid> reported;             ///< as failed
@@ -53,8 +45,6 @@ struct BurnRun {
 
 /// As messages have it.
 std::string DeviceName(Guid guid);
-/// Part of the message about a write that belongs to an earlier step; the current step follows.
-inline const std::string OUT_OF_ORDER = ", when the burn is at ";
 
 /// Checks the runs of one scenario, one after the other.
 class RunChecker {
@@ -78,7 +68,6 @@ class RunChecker {
   void CheckReports(const BurnRun& run);
   void CheckRequests(const BurnRun& run);
   void CheckChanges(const BurnRun& run);
-  std::uint64_t AddressOf(const Change& change) const;
   void CheckOrder(const BurnRun& run, Guid name, const Before& before);
   void CheckOthers(const BurnRun& run);
   Belief Seen(const BurnRun& run, Guid name, const Before& before) const;

@@ -65,8 +65,7 @@ class ScenarioRun {
     BurnRun run = _checker.Begin();
     sim::Fabric& fabric = _scenario.fabric;
     fabric.observer = [&run](const sim::Operation& operation) {
-      run.changes.push_back(
-          {operation.kind, operation.device, operation.chip, operation.offset, operation.size});
+      run.changes.push_back(trials::ChangeOf(operation));
     };
     std::vector<std::string> words = {_program, "-f", _file};
     words.insert(words.end(), _scenario.switches.begin(), _scenario.switches.end());
@@ -105,7 +104,7 @@ class ScenarioRun {
       return;
     }
     std::ranges::reverse(run.changes);
-    _signs = {OUT_OF_ORDER};
+    _signs = {trials::OUT_OF_ORDER};
   }
 
   /// The failure must name what was changed.
