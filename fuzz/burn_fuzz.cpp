@@ -1,5 +1,5 @@
 // Whole burns of an image: its kind of burn, onto devices in any state.
-#include "fuzz/Burns.h"
+#include "fuzz/FuzzedBurn.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   fuzz::Input input(bytes, size);
