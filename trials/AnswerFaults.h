@@ -33,7 +33,7 @@ enum class RequestKind {
 };
 
 /// A request of a fault-free run, with its answer.
-struct Request {
+struct Exchange {
   std::string text;
   std::string answer;
   RequestKind kind;
@@ -84,15 +84,15 @@ std::span<const AnswerFaultRow> AllAnswerFaults();
 /// The text of error answers.
 inline constexpr char REFUSED[] = "refused";
 
-/// Parses a request. `has_written` tells whether the run has sent a write before.
-Request ParseRequest(const std::string& text, const std::string& answer, bool has_written);
+/// Reads the request of an exchange. `has_written` tells whether the run has sent a write before.
+Exchange ParseExchange(const std::string& text, const std::string& answer, bool has_written);
 
 /// The devices at which `fault` can be injected into the answer to `request`: nullopt stands for
 /// the answer as a whole. Empty where the answer has no place for the fault.
-std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const Request& request);
+std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const Exchange& request);
 
 /// The answer with the fault in its text; the right answer for faults of the transport.
-std::string FaultyAnswer(AnswerFault fault, const Request& request, std::optional<Guid> device);
+std::string FaultyAnswer(AnswerFault fault, const Exchange& request, std::optional<Guid> device);
 
 /// What must be known of a burn to predict how it ends.
 struct BurnFacts {
@@ -121,7 +121,7 @@ struct Expected {
 };
 
 /// `k` is the index of the request with the faulty answer in `requests`, those of a fault-free run.
-Expected Expect(AnswerFault fault, const BurnFacts& facts, std::span<const Request> requests,
+Expected Expect(AnswerFault fault, const BurnFacts& facts, std::span<const Exchange> requests,
                 std::size_t k, std::optional<Guid> device);
 
 /// Whether the burner has this error text, or this assertion, for answers that make no sense. A run

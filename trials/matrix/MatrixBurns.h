@@ -58,7 +58,7 @@ class MatrixBurn {
   bool RefusesAll() const { return _refused.size() == _start.Devices().size(); }
 
   /// Requests of a fault-free run.
-  std::vector<Request> requests;
+  std::vector<Exchange> requests;
 
  private:
   MatrixBurn(const common::ScratchFolder& folder, const std::string& name, const std::string& text);

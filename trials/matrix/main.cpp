@@ -116,7 +116,7 @@ class CaseRunner {
     }
     bool has_written = false;
     for (std::size_t i = 0; i < outcome.requests.size(); ++i) {
-      burn.requests.push_back(ParseRequest(outcome.requests[i], outcome.answers[i], has_written));
+      burn.requests.push_back(ParseExchange(outcome.requests[i], outcome.answers[i], has_written));
       has_written = has_written || outcome.requests[i].find("Write") != std::string::npos;
     }
   }

@@ -45,20 +45,20 @@ bool IsLeftToTheMatrix(AnswerFault fault) {
   return std::ranges::count(LEFT, fault) > 0;
 }
 
-bool IsWrite(const trials::Request& request) {
+bool IsWrite(const trials::Exchange& request) {
   return request.text.find("WriteMulti ") != std::string::npos;
 }
 /// A write of one word: a signature, a CRC, the head of a boot record. These decide whether it
 /// boots.
-bool IsShortWrite(const trials::Request& request) {
+bool IsShortWrite(const trials::Exchange& request) {
   const auto words = common::Words(request.text, " ");
   return IsWrite(request) && words.size() == request.devices.size() + 6 &&
          words[words.size() - 3] == "4";
 }
-bool IsErase(const trials::Request& request) {
+bool IsErase(const trials::Exchange& request) {
   return request.text.find("EraseSectorMulti ") != std::string::npos;
 }
-bool IsRead(const trials::Request& request) {
+bool IsRead(const trials::Exchange& request) {
   return request.text.find("ReadMulti ") != std::string::npos;
 }
 
@@ -105,7 +105,7 @@ const PlannedFault* PlannedFaultInjector::FaultAt(std::size_t index) const {
 bool PlannedFaultInjector::BeforeRequest(std::size_t index, const std::string& request,
                                          pid_t client) {
   _is_stopped = false;
-  const trials::Request parsed = trials::ParseRequest(request, "", _has_written);
+  const trials::Exchange parsed = trials::ParseExchange(request, "", _has_written);
   if (IsShortWrite(parsed)) {
     ++_short_writes;
     for (PlannedFault& planned : _planned) {
@@ -146,7 +146,7 @@ bool PlannedFaultInjector::BeforeRequest(std::size_t index, const std::string& r
   return true;
 }
 
-void PlannedFaultInjector::Spoil(const PlannedFault& planned, const trials::Request& request) {
+void PlannedFaultInjector::Spoil(const PlannedFault& planned, const trials::Exchange& request) {
   Random random(planned.seed);
   if (request.devices.empty()) return;
   const Guid guid = request.devices[random.Below(request.devices.size())];
@@ -210,7 +210,7 @@ const trials::InjectedFault* PlannedFaultInjector::FaultFor(std::size_t index,
   if (planned == nullptr || planned->kind != FaultKind::ANSWER) return nullptr;
   // The fabric answers with the fault itself.
   if (!_occurred.empty() && _occurred.back().planned.at == index) return nullptr;
-  OccurredFault occurred{*planned, trials::ParseRequest(request, answer, _has_written)};
+  OccurredFault occurred{*planned, trials::ParseExchange(request, answer, _has_written)};
   const auto targets = trials::FaultTargets(planned->fault, occurred.request);
   // The answer is wrong already.
   if (targets.empty() || answer.find("ERROR:") != std::string::npos) return nullptr;

@@ -40,7 +40,7 @@ struct PlannedFault {
 /// A fault that was injected, and the effects that it may have on the run.
 struct OccurredFault {
   PlannedFault planned;
-  trials::Request request;
+  trials::Exchange request;
   std::optional<Guid> device{};        ///< the device with the fault, as the request names it
   std::vector<std::string> ends{};     ///< error texts with which the run may end
   std::vector<std::string> asserts{};  ///< assertions on which it may abort
@@ -72,7 +72,7 @@ class PlannedFaultInjector : public trials::FaultInjector {
 
  private:
   const PlannedFault* FaultAt(std::size_t index) const;
-  void Spoil(const PlannedFault& planned, const trials::Request& request);
+  void Spoil(const PlannedFault& planned, const trials::Exchange& request);
   void Explain(OccurredFault& occurred) const;
   void ExplainAnswer(OccurredFault& occurred) const;
 

@@ -226,7 +226,7 @@ void RunChecker::FindFailures(BurnRun& run) const {
     if (occurred.loses_device_at) fails(*occurred.device, *occurred.loses_device_at);
   }
   for (std::size_t i = 0; i < run.outcome.requests.size(); ++i) {
-    const auto request = trials::ParseRequest(run.outcome.requests[i], "", false);
+    const auto request = trials::ParseExchange(run.outcome.requests[i], "", false);
     const std::vector<std::string> elements = ElementsOf(run.outcome.answers[i]);
     if (elements.size() != request.devices.size()) continue;
     for (std::size_t j = 0; j < elements.size(); ++j) {
@@ -266,7 +266,7 @@ void RunChecker::CheckReports(const BurnRun& run) {
 void RunChecker::CheckRequests(const BurnRun& run) {
   for (std::size_t i = 0; i < run.outcome.requests.size(); ++i) {
     const std::string& text = run.outcome.requests[i];
-    const auto request = trials::ParseRequest(text, "", false);
+    const auto request = trials::ParseExchange(text, "", false);
     const bool is_opening = i <= LIST_REQUEST;
     if (request.devices.empty() != is_opening) Fail("names no device, or too early: " + text);
     for (std::size_t j = 0; j < request.devices.size(); ++j) {
