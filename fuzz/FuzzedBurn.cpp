@@ -5,7 +5,6 @@
 #include <memory>
 #include <set>
 
-#include "sim/Family.h"
 #include "src/main.h"
 #include "src/utils.h"
 #include "tests/support/LocalRom.h"
@@ -20,6 +19,11 @@ constexpr u_int32_t INVARIANT_MARKER = 0x24;
 constexpr auto CHIPS = std::to_array<u_int8_t>({0x00, 0x50, 0x51});
 constexpr u_int32_t VALID_SIGNATURE = 0xCB84CB84;
 constexpr u_int32_t OLD_IMAGE_SIZE = 0x40;
+
+/// The image's device map. Asking changes nothing: the convertor is the image's own member.
+const FwImage::Conv& MapOf(const FwImage& image) {
+  return static_cast<const FwImage::Conv&>(*const_cast<FwImage&>(image).GetAddressConvertor());
+}
 
 bool IsFlash(DeviceType type) { return type != RV61100 && type != RV61300; }
 
@@ -161,8 +165,8 @@ void GuardWrites(sim::Fabric& fabric, const FwImage& image, const BurnOptions& o
   const bool is_generic = !options.is_failsafe || image.DevType() == RV61100;
   // A device that is mapped twice has several addresses for each byte.
   std::set<u_int8_t> devices;
-  for (const EeLoc& dev : sim::MapOf(image)._devmap) devices.insert(dev.dev);
-  const bool is_mapped_once = devices.size() == sim::MapOf(image)._devmap.size();
+  for (const EeLoc& dev : MapOf(image)._devmap) devices.insert(dev.dev);
+  const bool is_mapped_once = devices.size() == MapOf(image)._devmap.size();
   const bool may_write = !options.is_check_only || is_generic || image.DevType() != RV61300;
   fabric.observer = [&image, may_write, is_held = is_generic && is_mapped_once,
                      spans = Burnt(image)](const sim::Operation& operation) {
@@ -170,7 +174,7 @@ void GuardWrites(sim::Fabric& fabric, const FwImage& image, const BurnOptions& o
     if (!is_held || operation.kind != sim::Operation::PROGRAM) return;
     const EeLoc loc(operation.offset, operation.chip);
     u_int32_t addr = 0;
-    const auto error = Run([&] { addr = sim::MapOf(image).Convert(loc); });
+    const auto error = Run([&] { addr = MapOf(image).Convert(loc); });
     Must(!error, "only what is mapped is written");
     const u_int64_t end = u_int64_t{addr} + operation.size;
     Must(std::ranges::any_of(

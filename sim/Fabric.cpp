@@ -1,10 +1,9 @@
 #include "sim/Fabric.h"
 
 #include <algorithm>
+#include <set>
 #include <stdexcept>
 #include <utility>
-
-#include "src/utils.h"
 
 namespace sim {
 
@@ -22,7 +21,7 @@ Device& Fabric::Add(Device device) {
     throw std::invalid_argument("a device's name and attribute must each be one word");
   }
   if (device.port_guids.empty()) throw std::invalid_argument("a device must have a port");
-  GuidSet guids(device.port_guids.begin(), device.port_guids.end());
+  std::set<Guid> guids(device.port_guids.begin(), device.port_guids.end());
   if (guids.size() != device.port_guids.size()) {
     throw std::invalid_argument("two ports with one GUID");
   }
@@ -126,7 +125,7 @@ Answer Fabric::Run(const Request& request) {
       break;
   }
   std::vector<std::string> elements;
-  GuidVec willing;  // the devices that took the request
+  std::vector<Guid> willing;  // the devices that took the request
   for (const Guid guid : request.devices) {
     const bool is_hit = _fault && (_fault->device ? *_fault->device == guid : elements.empty());
     Device* device = Find(guid);
@@ -189,16 +188,17 @@ std::string Fabric::RunOn(const Request& request, Device& device) {
   return protocol::ACK;
 }
 
-void Fabric::Program(Device& device, u_int8_t address, u_int32_t offset, DataVec bytes) {
+void Fabric::Program(Device& device, std::uint8_t address, std::uint32_t offset,
+                     device::Bytes bytes) {
   Chip& chip = device.chips.at(address);
   if (_fault && _fault->kind == Fault::WRITE_WRONG && !bytes.empty()) {
     Rng rng(_fault->seed);
     const std::size_t at = rng() % bytes.size();
-    bytes[at] = static_cast<u_int8_t>(bytes[at] ^ (1u << rng() % 8));
+    bytes[at] = static_cast<std::uint8_t>(bytes[at] ^ (1u << rng() % 8));
   }
   if (observer) {
     observer({Operation::PROGRAM, device.node_guid, address, offset, bytes,
-              static_cast<u_int32_t>(bytes.size())});
+              static_cast<std::uint32_t>(bytes.size())});
   }
   if (_fault && _fault->kind == Fault::CUT) {
     Rng rng(_fault->seed);
@@ -209,7 +209,7 @@ void Fabric::Program(Device& device, u_int8_t address, u_int32_t offset, DataVec
   chip.Program(offset, bytes);
 }
 
-void Fabric::Erase(Device& device, u_int8_t address, u_int32_t offset) {
+void Fabric::Erase(Device& device, std::uint8_t address, std::uint32_t offset) {
   Chip& chip = device.chips.at(address);
   if (observer) {
     observer({Operation::ERASE, device.node_guid, address, offset, {}, chip.SectorSize()});

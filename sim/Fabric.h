@@ -2,6 +2,7 @@
 /// them. No sockets: text in, text out.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,7 +16,6 @@
 #include "protocol/Handler.h"
 #include "sim/Faults.h"
 #include "sim/Memory.h"
-#include "src/BraidGeneral.h"
 
 namespace device {
 struct FillPart;
@@ -34,17 +34,18 @@ enum class MemoryKind { FLASH, I2C };
 /// One device. A record, but for its memory, which only the chips' own rules change.
 struct Device {
   Guid node_guid = 0;
-  GuidVec port_guids;  ///< in port order
+  std::vector<Guid> port_guids;  ///< in port order
   Guid sys_guid = 0;
-  u_int32_t declared_ports = 0;  ///< what its records say; a healthy device has as many port GUIDs
-  std::string name = "device";   ///< one word
-  std::string attr = "none";     ///< one word
-  DataVec vsd = DataVec(VSD_SIZE, 0);
-  DataVec bsn = DataVec(BSN_SIZE, 0);
+  std::uint32_t declared_ports =
+      0;                        ///< what its records say; a healthy device has as many port GUIDs
+  std::string name = "device";  ///< one word
+  std::string attr = "none";    ///< one word
+  device::Bytes vsd = device::Bytes(VSD_SIZE, 0);
+  device::Bytes bsn = device::Bytes(BSN_SIZE, 0);
   MemoryKind kind = MemoryKind::I2C;
-  std::map<u_int8_t, Chip> chips;   ///< by I2C address; a flash is chip 0
-  bool has_power = true;            ///< without it nothing is applied and nothing answered
-  std::vector<std::string> images;  ///< image files that it was filled with
+  std::map<std::uint8_t, Chip> chips;  ///< by I2C address; a flash is chip 0
+  bool has_power = true;               ///< without it nothing is applied and nothing answered
+  std::vector<std::string> images;     ///< image files that it was filled with
 };
 
 /// A change of one chip, as its observer sees it before it is applied.
@@ -53,10 +54,10 @@ struct Operation {
 
   Kind kind;
   Guid device;  ///< node GUID
-  u_int8_t chip;
-  u_int32_t offset;                 ///< of the first byte; for an erase, of the sector
-  std::span<const u_int8_t> bytes;  ///< to be programmed; empty for an erase
-  u_int32_t size;                   ///< bytes changed
+  std::uint8_t chip;
+  std::uint32_t offset;                 ///< of the first byte; for an erase, of the sector
+  std::span<const std::uint8_t> bytes;  ///< to be programmed; empty for an erase
+  std::uint32_t size;                   ///< bytes changed
 };
 
 /// What the server tells of itself.
@@ -81,7 +82,7 @@ class Fabric : public protocol::Handler {
   std::map<Guid, Device>& Devices() { return _devices; }
   const std::map<Guid, Device>& Devices() const { return _devices; }
 
-  std::string BurnImage(const GuidVec& guids, const std::string& image) override;
+  std::string BurnImage(const std::vector<Guid>& guids, const std::string& image) override;
   std::string Type() const override { return facts.type; }
 
   /// Fills a device with an image, past faults and limits of the server, as if it were made with
@@ -100,8 +101,8 @@ class Fabric : public protocol::Handler {
   protocol::Answer Run(const protocol::Request& request);
   std::string RunOn(const protocol::Request& request, Device& device);
   std::string ListDevices() const;
-  void Program(Device& device, u_int8_t address, u_int32_t offset, DataVec bytes);
-  void Erase(Device& device, u_int8_t address, u_int32_t offset);
+  void Program(Device& device, std::uint8_t address, std::uint32_t offset, device::Bytes bytes);
+  void Erase(Device& device, std::uint8_t address, std::uint32_t offset);
 
   std::map<Guid, Device> _devices;
   std::map<Guid, Guid> _node_of;  ///< the node GUID of every node and port GUID

@@ -23,7 +23,8 @@ Guid ParseGuid(const TomlReader& reader, std::string_view key, const TomlReader:
   const std::string_view digits = text.substr(std::min<std::size_t>(2, text.size()));
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), guid, 16);
   if (!text.starts_with("0x") || error != std::errc() || end != digits.data() + digits.size()) {
-    reader.ThrowAt(value.line, Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
+    reader.ThrowAt(value.line,
+                   common::Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
   }
   return guid;
 }
@@ -34,30 +35,30 @@ std::optional<Guid> OneGuid(TomlReader& reader, std::string_view key) {
   return ParseGuid(reader, key, *value);
 }
 
-GuidVec Guids(TomlReader& reader, std::string_view key) {
-  GuidVec guids;
+std::vector<Guid> Guids(TomlReader& reader, std::string_view key) {
+  std::vector<Guid> guids;
   for (const auto& value : reader.Array(key)) guids.push_back(ParseGuid(reader, key, value));
   return guids;
 }
 
 /// `text`, or the bytes it names after "0x", filled up with zeros.
-DataVec Bytes(const TomlReader& reader, std::string_view key, const std::string& text,
-              std::size_t size) {
-  DataVec bytes;
+device::Bytes Bytes(const TomlReader& reader, std::string_view key, const std::string& text,
+                    std::size_t size) {
+  device::Bytes bytes;
   if (text.starts_with("0x")) {
     for (std::size_t i = 2; i < text.size(); i += 2) {
       const std::string digits = text.substr(i, 2);
-      u_int8_t byte = 0;
+      std::uint8_t byte = 0;
       const char* end = digits.data() + digits.size();
       if (digits.size() != 2 || std::from_chars(digits.data(), end, byte, 16).ptr != end) {
-        reader.Throw(Text("'", key, "' must have two hexadecimal digits for each byte"));
+        reader.Throw(common::Text("'", key, "' must have two hexadecimal digits for each byte"));
       }
       bytes.push_back(byte);
     }
   } else {
     bytes.assign(text.begin(), text.end());
   }
-  if (bytes.size() > size) reader.Throw(Text("'", key, "' has more than ", size, " bytes"));
+  if (bytes.size() > size) reader.Throw(common::Text("'", key, "' has more than ", size, " bytes"));
   bytes.resize(size);
   return bytes;
 }
@@ -80,10 +81,11 @@ class ChipMaker {
   ChipMaker(const TomlReader& reader, const std::optional<fs::path>& state, Guid guid)
       : _reader(reader), _state(state), _guid(guid) {}
 
-  void Make(Device& device, u_int8_t address, u_int32_t size, u_int32_t sector_size) const {
+  void Make(Device& device, std::uint8_t address, std::uint32_t size,
+            std::uint32_t sector_size) const {
     const std::string name =
         HexGuid(_guid) +
-        (sector_size != 0 ? ".flash" : Text(".", std::hex, u_int32_t{address}, ".i2c"));
+        (sector_size != 0 ? ".flash" : common::Text(".", std::hex, std::uint32_t{address}, ".i2c"));
     std::unique_ptr<Cells> cells;
     try {
       cells =
@@ -92,7 +94,7 @@ class ChipMaker {
       _reader.Throw(error.what());
     }
     if (!device.chips.try_emplace(address, Chip(std::move(cells), sector_size)).second) {
-      _reader.Throw(Text("two chips at address 0x", std::hex, u_int32_t{address}));
+      _reader.Throw(common::Text("two chips at address 0x", std::hex, std::uint32_t{address}));
     }
   }
 
@@ -102,14 +104,14 @@ class ChipMaker {
   Guid _guid;
 };
 
-constexpr u_int32_t MAX_SIZE = u_int32_t{1} << 30;
+constexpr std::uint32_t MAX_SIZE = std::uint32_t{1} << 30;
 
 void ReadMemory(TomlReader& reader, const std::optional<fs::path>& state, Device& device) {
   const ChipMaker maker(reader, state, device.node_guid);
   if (auto flash = reader.Table("flash")) {
-    const u_int32_t sector =
+    const std::uint32_t sector =
         flash->Needed("sector_size", flash->Number("sector_size", 4, MAX_SIZE));
-    const u_int32_t size = flash->Needed("size", flash->Number("size", 4, MAX_SIZE));
+    const std::uint32_t size = flash->Needed("size", flash->Number("size", 4, MAX_SIZE));
     if (size % sector != 0) flash->Throw("'size' must be a whole number of sectors");
     flash->Finish();
     device.kind = MemoryKind::FLASH;
@@ -120,10 +122,10 @@ void ReadMemory(TomlReader& reader, const std::optional<fs::path>& state, Device
     reader.Throw("a device has either a [device.flash] or [[device.chip]]s");
   }
   for (TomlReader& chip : chips) {
-    const u_int32_t address = chip.Needed("address", chip.Number("address", 0, 0xFF));
-    const u_int32_t size = chip.Needed("size", chip.Number("size", 4, MAX_SIZE));
+    const std::uint32_t address = chip.Needed("address", chip.Number("address", 0, 0xFF));
+    const std::uint32_t size = chip.Needed("size", chip.Number("size", 4, MAX_SIZE));
     chip.Finish();
-    maker.Make(device, static_cast<u_int8_t>(address), size, 0);
+    maker.Make(device, static_cast<std::uint8_t>(address), size, 0);
   }
 }
 
@@ -146,17 +148,17 @@ void FillContents(TomlReader& reader, Fabric& fabric, Device& device) {
     if (is_kept) continue;
     if (fill) {
       for (auto& [key, chip] : device.chips) {
-        chip.Load(0, DataVec(chip.Size(), static_cast<u_int8_t>(*fill)));
+        chip.Load(0, device::Bytes(chip.Size(), static_cast<std::uint8_t>(*fill)));
       }
     } else if (raw) {
       std::ifstream file(contents.Path(*raw), std::ios::binary);
       if (!file) contents.Throw("can't open " + contents.Path(*raw).string());
-      const DataVec bytes{std::istreambuf_iterator<char>(file), {}};
+      const device::Bytes bytes{std::istreambuf_iterator<char>(file), {}};
       const auto chip =
-          address ? device.chips.find(static_cast<u_int8_t>(*address)) : device.chips.begin();
+          address ? device.chips.find(static_cast<std::uint8_t>(*address)) : device.chips.begin();
       if (chip == device.chips.end()) contents.Throw("the device has no such chip");
       if (!chip->second.Holds(at.value_or(0), bytes.size())) {
-        contents.Throw(Text("the chip is too small for ", bytes.size(), " bytes there"));
+        contents.Throw(common::Text("the chip is too small for ", bytes.size(), " bytes there"));
       }
       chip->second.Load(at.value_or(0), bytes);
     } else {
@@ -176,7 +178,7 @@ void ReadDevice(TomlReader& reader, const std::optional<fs::path>& state, Fabric
   device.port_guids = Guids(reader, "port_guids");
   device.sys_guid = OneGuid(reader, "system_guid").value_or(device.node_guid);
   device.declared_ports = reader.Number("declared_ports", 0, 255)
-                              .value_or(static_cast<u_int32_t>(device.port_guids.size()));
+                              .value_or(static_cast<std::uint32_t>(device.port_guids.size()));
   device.name = reader.String("name").value_or(device.name);
   device.attr = reader.String("attribute").value_or(device.attr);
   device.vsd = Bytes(reader, "vsd", reader.String("vsd").value_or(""), VSD_SIZE);
@@ -199,7 +201,7 @@ void ReadDevice(TomlReader& reader, const std::optional<fs::path>& state, Fabric
 }
 
 Fault ReadFault(TomlReader& reader) {
-  constexpr u_int32_t ANY = std::numeric_limits<int32_t>::max();
+  constexpr std::uint32_t ANY = std::numeric_limits<int32_t>::max();
   Fault fault;
   const std::string kind = reader.Needed("kind", reader.String("kind"));
   const auto named = std::ranges::find(FaultNames(), kind, &FaultName::name);

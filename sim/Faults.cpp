@@ -4,6 +4,8 @@
 #include <array>
 #include <span>
 
+#include "common/Text.h"
+
 namespace sim {
 
 namespace {
@@ -24,7 +26,7 @@ constexpr auto NAMES = std::to_array<FaultName>({
     {"write-wrong", Fault::WRITE_WRONG},
 });
 
-bool Concerns(const Fault& fault, const std::string& command, const GuidVec& guids) {
+bool Concerns(const Fault& fault, const std::string& command, const std::vector<Guid>& guids) {
   return command.find(fault.command) != std::string::npos &&
          (!fault.device || std::ranges::find(guids, *fault.device) != guids.end());
 }
@@ -33,7 +35,7 @@ bool Concerns(const Fault& fault, const std::string& command, const GuidVec& gui
 
 std::span<const FaultName> FaultNames() { return NAMES; }
 
-const Fault* FaultLayer::Match(const std::string& command, const GuidVec& guids) {
+const Fault* FaultLayer::Match(const std::string& command, const std::vector<Guid>& guids) {
   const Fault* firing = nullptr;
   for (Fault& fault : _faults) {
     if (!Concerns(fault, command, guids)) continue;
@@ -43,8 +45,8 @@ const Fault* FaultLayer::Match(const std::string& command, const GuidVec& guids)
   }
   if (firing && log) {
     const auto name = std::ranges::find(NAMES, firing->kind, &FaultName::kind)->name;
-    log(Text("fault ", name, " at ", command, " (match ", firing->seen, ", seed ", firing->seed,
-             ")"));
+    log(common::Text("fault ", name, " at ", command, " (match ", firing->seen, ", seed ",
+                     firing->seed, ")"));
   }
   return firing;
 }

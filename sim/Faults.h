@@ -1,15 +1,19 @@
 /// Faults of the simulated fabric: what goes wrong, and at which request.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
-#include "src/BraidGeneral.h"
+#include "device/Bytes.h"
 
 namespace sim {
+
+using device::Guid;
 
 /// One fault. It concerns the requests that name `command` and `device` where these are given, and
 /// fires at the `nth` of them.
@@ -33,12 +37,12 @@ struct Fault {
   Kind kind = ANSWER;
   std::string command;         ///< part of the command word; empty for any
   std::optional<Guid> device;  ///< as the request names it; the first one named when not given
-  u_int32_t nth = 1;           ///< from 1
+  std::uint32_t nth = 1;       ///< from 1
   bool from_then_on = false;   ///< fires again at every later request that matches
   std::string text;
-  u_int32_t milliseconds = 0;
-  u_int32_t seed = 1;  ///< of what CUT and WRITE_WRONG leave to chance
-  u_int32_t seen = 0;  ///< matching requests so far
+  std::uint32_t milliseconds = 0;
+  std::uint32_t seed = 1;  ///< of what CUT and WRITE_WRONG leave to chance
+  std::uint32_t seen = 0;  ///< matching requests so far
 };
 
 struct FaultName {
@@ -55,7 +59,7 @@ class FaultLayer {
 
   /// Counts the request and returns the fault that fires at it, valid until the next call; null
   /// when none does. `guids` are the devices that the request names.
-  const Fault* Match(const std::string& command, const GuidVec& guids);
+  const Fault* Match(const std::string& command, const std::vector<Guid>& guids);
 
   /// Told of every fault that fires; may be empty.
   std::function<void(const std::string& line)> log;

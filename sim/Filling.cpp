@@ -95,7 +95,7 @@ void Fabric::Fill(Guid guid, const device::Image& image, const device::FillPart&
   }
 }
 
-std::string Fabric::BurnImage(const GuidVec& guids, const std::string& image) {
+std::string Fabric::BurnImage(const std::vector<Guid>& guids, const std::string& image) {
   std::string answer;
   bool is_well = true;
   for (const Guid guid : guids) {

@@ -31,11 +31,11 @@ void Show(const sim::Fabric& fabric) {
     std::cout << sim::HexGuid(node_guid) << " " << device.name << " " << device.attr
               << (device.has_power ? "" : ", without power") << "\n  system "
               << sim::HexGuid(device.sys_guid) << ", ports";
-    for (const Guid port : device.port_guids) std::cout << " " << sim::HexGuid(port);
+    for (const sim::Guid port : device.port_guids) std::cout << " " << sim::HexGuid(port);
     std::cout << "\n";
     for (const auto& [address, chip] : device.chips) {
-      std::cout << Text("  ", chip.IsFlash() ? "flash" : "EEPROM ", std::hex);
-      if (!chip.IsFlash()) std::cout << Text(std::hex, u_int32_t{address});
+      std::cout << common::Text("  ", chip.IsFlash() ? "flash" : "EEPROM ", std::hex);
+      if (!chip.IsFlash()) std::cout << common::Text(std::hex, std::uint32_t{address});
       std::cout << ": " << chip.Size() << " bytes";
       if (chip.IsFlash()) std::cout << ", sectors of " << chip.SectorSize();
       const auto blank = std::count(chip.Bytes().begin(), chip.Bytes().end(), 0xFF);
@@ -46,9 +46,9 @@ void Show(const sim::Fabric& fabric) {
 }
 
 /// "HOST:PORT".
-std::pair<std::string, u_int16_t> ParseAddress(const std::string& text) {
+std::pair<std::string, std::uint16_t> ParseAddress(const std::string& text) {
   const std::size_t colon = text.rfind(':');
-  u_int16_t port = 0;
+  std::uint16_t port = 0;
   const char* const end = text.data() + text.size();
   const char* const digits = colon == std::string::npos ? end : text.data() + colon + 1;
   const auto parsed = std::from_chars(digits, end, port);
@@ -64,10 +64,11 @@ void ReportViolations(const sim::Fabric& fabric) {
     for (const auto& [address, chip] : device.chips) {
       if (chip.Violations().empty()) continue;
       const sim::Violation& first = chip.Violations().front();
-      std::cerr << Text("fwpush-sim: device ", sim::HexGuid(guid), ": ", chip.Violations().size(),
-                        " bytes programmed without an erase, the first at 0x", std::hex,
-                        first.offset, " (held ", u_int32_t{first.held}, ", wanted ",
-                        u_int32_t{first.wanted}, ")")
+      std::cerr << common::Text("fwpush-sim: device ", sim::HexGuid(guid), ": ",
+                                chip.Violations().size(),
+                                " bytes programmed without an erase, the first at 0x", std::hex,
+                                first.offset, " (held ", std::uint32_t{first.held}, ", wanted ",
+                                std::uint32_t{first.wanted}, ")")
                 << std::endl;
     }
   }
@@ -94,12 +95,12 @@ int Run(const Options& options) {
     if (!trace) throw std::runtime_error("can't write " + options.trace);
   }
   protocol::Server server(fabric, host, port,
-                     [&trace](const std::string& request, const std::string& answer) {
-                       // Flushed, so that it also tells what came before a kill.
-                       if (trace.is_open()) {
-                         trace << "> " << request << "\n< " << answer << std::endl;
-                       }
-                     });
+                          [&trace](const std::string& request, const std::string& answer) {
+                            // Flushed, so that it also tells what came before a kill.
+                            if (trace.is_open()) {
+                              trace << "> " << request << "\n< " << answer << std::endl;
+                            }
+                          });
   // Whoever reads the address may signal at once.
   server.StopOnSignals();
   std::cout << server.ServerString() << std::endl;
