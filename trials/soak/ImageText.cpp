@@ -1,8 +1,6 @@
 #include "trials/soak/ImageText.h"
 
 #include <algorithm>
-#include <array>
-#include <numeric>
 
 #include "common/Text.h"
 
@@ -47,31 +45,6 @@ void Write(const Section& section, const Image& image, Random& random, bool is_o
 }
 
 }  // namespace
-
-void RandomImage::SetType(const std::string& keyword) {
-  type = keyword;
-  image.type = device::FindDeviceType(keyword);
-}
-
-Image RandomImage::Loaded() const {
-  Image loaded = image;
-  if (type == "RV61100" && !type_after_fields) {
-    std::erase_if(loaded.fields, [](const Field& field) { return field.type == FieldType::BSN; });
-  }
-  return loaded;
-}
-
-void OrderSections(Image& image) {
-  image.order.resize(image.sections.size());
-  std::iota(image.order.begin(), image.order.end(), std::size_t{0});
-}
-
-std::uint32_t SlotExtent(const Image& image) {
-  const std::uint32_t start = *image.slots[0].image;
-  std::uint32_t end = start;
-  for (const Section* section : image.SlotSections()) end = std::max(end, EndOf(*section));
-  return end - start;
-}
 
 device::ChipPlace PlaceOf(const Image& image, std::uint32_t addr) {
   if (const auto place = image.PlaceOf(addr)) return *place;

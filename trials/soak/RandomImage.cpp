@@ -211,6 +211,31 @@ std::uint32_t Budget(const MemoryLayout& layout) {
 
 }  // namespace
 
+void RandomImage::SetType(const std::string& keyword) {
+  type = keyword;
+  image.type = device::FindDeviceType(keyword);
+}
+
+Image RandomImage::Loaded() const {
+  Image loaded = image;
+  if (type == "RV61100" && !type_after_fields) {
+    std::erase_if(loaded.fields, [](const Field& field) { return field.type == FieldType::BSN; });
+  }
+  return loaded;
+}
+
+void OrderSections(Image& image) {
+  image.order.resize(image.sections.size());
+  std::iota(image.order.begin(), image.order.end(), std::size_t{0});
+}
+
+std::uint32_t SlotExtent(const Image& image) {
+  const std::uint32_t start = *image.slots[0].image;
+  std::uint32_t end = start;
+  for (const Section* section : image.SlotSections()) end = std::max(end, EndOf(*section));
+  return end - start;
+}
+
 MemoryLayout MakeFlash(Random& random, std::uint32_t sectors) {
   MemoryLayout layout;
   const std::uint32_t log2_sector = random.Between(9, 12);

@@ -1,19 +1,57 @@
-/// Random images that a burn must accept, and the memories that they fit.
+/// Random images that a burn must accept, and the memories that they fit. Nothing of it comes from
+/// the burner's own loader, which is under test.
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
-#include "trials/soak/ImageText.h"
+#include "device/Image.h"
+#include "trials/soak/Random.h"
 
 namespace soak {
+
+using device::CrcField;
+using device::Field;
+using device::FieldType;
+using device::Image;
+using device::MappedChip;
+using device::Section;
+using device::SlotKind;
+
+/// An image, and what its file says beyond it.
+struct RandomImage {
+  Image image;                     ///< with all fields of the file; see Loaded
+  std::string type;                ///< device type as the file has it, which may be unknown
+  bool type_after_fields = false;  ///< where DEVICE_TYPE stands in the file
+  /// Lines at the end of the file that the loader must refuse.
+  std::vector<std::string> bad_lines;
+
+  void SetType(const std::string& keyword);
+  /// The image that the file means: a device type without a serial number has no BSN fields, where
+  /// the file gives the type before them.
+  Image Loaded() const;
+};
+
+inline std::uint32_t SizeOf(const Section& section) {
+  return static_cast<std::uint32_t>(section.data.size());
+}
+/// The address behind its last byte.
+inline std::uint32_t EndOf(const Section& section) { return section.addr + SizeOf(section); }
+
+/// Has the sections burnt in the order in which they stand in `image.sections`.
+void OrderSections(Image& image);
+/// Bytes from the start of the first slot to the end of the last section that belongs to it.
+std::uint32_t SlotExtent(const Image& image);
 
 /// The memory that an image has to fit.
 struct MemoryLayout {
   std::uint32_t log2_chunk = 5;
   std::uint32_t sector_size = 0;  ///< 0 for EEPROMs
   std::uint32_t size = 0;         ///< bytes
-  std::uint32_t image_end =
-      0;  ///< where pointer sectors stand behind the images; 0: at the end of the memory
+  /// Where pointer sectors stand behind the images; 0: the images may reach to the end.
+  std::uint32_t image_end = 0;
   std::vector<MappedChip> map;
   bool may_have_guids = true;  ///< devices have one or two ports
   std::uint32_t ImageEnd() const { return image_end == 0 ? size : image_end; }

@@ -6,7 +6,7 @@
 
 #include "common/Text.h"
 #include "trials/DeviceMemory.h"
-#include "trials/soak/RandomImage.h"
+#include "trials/soak/ImageText.h"
 
 namespace soak {
 

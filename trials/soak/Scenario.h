@@ -10,7 +10,7 @@
 #include "device/Burn.h"
 #include "device/Whole.h"
 #include "sim/Fabric.h"
-#include "trials/soak/ImageText.h"
+#include "trials/soak/RandomImage.h"
 
 namespace soak {
 
