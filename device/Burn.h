@@ -32,7 +32,7 @@ class BurnError : public std::runtime_error {
 /// A CRC that covers no whole words, which nobody can compute.
 class UnevenCrcError : public BurnError {
  public:
-  explicit UnevenCrcError(const CrcField& crc);
+  explicit UnevenCrcError(const CrcField& uneven);
   const CrcField crc;
 };
 

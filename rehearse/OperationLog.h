@@ -55,7 +55,7 @@ Cut NthCut(const LoggedOperation& operation, std::size_t index, std::size_t n);
 
 /// Brings a memory from the cut before to this one: a word, or a sector.
 void ApplyCut(const LoggedOperation& operation, device::MemoryKind memory, const Cut& cut,
-              unsigned seed, const CellAccess& cells);
+              unsigned seed, const CellAccess& access);
 
 /// The changes of all devices, by node GUID. The points of a burn are the cuts of all devices, one
 /// device after the other.

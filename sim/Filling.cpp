@@ -55,7 +55,8 @@ class Fabric::FillTarget : public device::BurnTarget {
       const std::size_t size =
           static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), left));
       const device::ChipPlace place = PlaceOf(addr, size);
-      _fabric.Program(_device, place.chip, place.offset, {bytes.begin(), bytes.begin() + size});
+      const device::View part = bytes.first(size);
+      _fabric.Program(_device, place.chip, place.offset, {part.begin(), part.end()});
       bytes = bytes.subspan(size);
       addr += static_cast<std::uint32_t>(size);
     }

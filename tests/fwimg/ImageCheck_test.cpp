@@ -1,10 +1,11 @@
 // fwimg check: an image for every kind of problem, with just that problem.
+#include "fwimg/ImageCheck.h"
+
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "fwimg/ImageCheck.h"
 #include "src/FwImage.h"
 #include "tests/support/Harness.h"
 #include "tests/support/slot_images.h"
