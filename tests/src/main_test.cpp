@@ -1,5 +1,12 @@
 #include "src/main.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "protocol/Server.h"
+#include "tests/support/fabric_support.h"
+#include "tests/support/slot_images.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -290,6 +297,113 @@ TEST_F(MainTest, EachDeviceTypeHasItsFailsafeBurn) {
   };
   EXPECT_EQ(name(RV61300), "RV61300FailsafeBurn");
   for (const DeviceType type : FLASH_TYPES) EXPECT_EQ(name(type), "RV52100FailsafeBurn") << type;
+}
+
+/// Whole burns, over the loopback interface.
+class MainBurnTest : public MainTest {
+ protected:
+  static constexpr u_int32_t SLOT = 0x80;  ///< distance of an EEPROM's slots
+
+  /// An EEPROM with one image in both slots.
+  void AddEeprom(Guid guid, u_int8_t content) {
+    sim::Device device = I2cDevice(guid, 0);
+    device.chips.try_emplace(u_int8_t{0}, sim::Chip(std::make_unique<sim::Cells>(0x2000), 0));
+    for (const u_int32_t slot : {0u, SLOT}) device.chips.at(0).Load(slot, EepromData(content));
+    _fabric.Add(std::move(device));
+  }
+
+  /// What a burn of `text` prints; `words` are added to the command line.
+  std::string Burn(const std::string& text, std::vector<std::string> words) {
+    protocol::ServerThread server(_fabric);
+    words.insert(words.end(), {"-s", server.ServerString(), "-f", _folder.Write("fw.img", text)});
+    const std::string output = Run(std::move(words));
+    _requests = server.Requests();
+    return output;
+  }
+
+  DataVec Slot(Guid guid, u_int32_t slot) const {
+    return MemoryOf(_fabric, guid, 0, slot * SLOT, 0x40);
+  }
+
+  const TemporaryFolder _folder;
+  sim::Fabric _fabric;
+  std::vector<std::string> _requests;  ///< of the last burn
+};
+
+TEST_F(MainBurnTest, BurnIsFailsafeWithoutBeingAsked) {
+  AddEeprom(LEAF1, 0x11);
+  const std::string output = Burn(EepromImage(0x22), {"-g", "1000"});
+  EXPECT_EQ(_status, 0) << output;
+  EXPECT_NE(output.find("Running burn algorithm: RV61300FailsafeBurn\n"), std::string::npos);
+  EXPECT_EQ(Slot(LEAF1, 0), EepromData(0x22));
+  EXPECT_EQ(Slot(LEAF1, 1), EepromData(0x22));
+}
+
+TEST_F(MainBurnTest, BurnThatNeedNotBeFailsafeLeavesTheSecondSlotAlone) {
+  AddEeprom(LEAF1, 0x11);
+  const std::string output = Burn(EepromImage(0x22), {"-g", "1000", "-n"});
+  EXPECT_EQ(_status, 0) << output;
+  EXPECT_NE(output.find("Running burn algorithm: GenericBurn\n"), std::string::npos);
+  EXPECT_EQ(Slot(LEAF1, 0), EepromData(0x22));
+  EXPECT_EQ(Slot(LEAF1, 1), EepromData(0x11));
+}
+
+TEST_F(MainBurnTest, CheckOfAnRv61300WritesNothing) {
+  AddEeprom(LEAF1, 0x11);
+  const std::string output = Burn(EepromImage(0x22), {"-g", "1000", "-c"});
+  EXPECT_EQ(_status, 0) << output;
+  EXPECT_EQ(Slot(LEAF1, 0), EepromData(0x11));
+  EXPECT_EQ(Slot(LEAF1, 1), EepromData(0x11));
+  for (const std::string& request : _requests) {
+    EXPECT_FALSE(request.starts_with("vsI2cWriteMulti")) << request;
+  }
+}
+
+TEST_F(MainBurnTest, EveryListOfGuidsCounts) {
+  AddEeprom(LEAF1, 0x11);
+  AddEeprom(LEAF2, 0x11);
+  const std::string output = Burn(EepromImage(0x22), {"-g", "1000", "-g=2000"});
+  EXPECT_EQ(_status, 0) << output;
+  EXPECT_EQ(Slot(LEAF1, 0), EepromData(0x22));
+  EXPECT_EQ(Slot(LEAF2, 0), EepromData(0x22));
+}
+
+TEST_F(MainBurnTest, InvariantSectorThatDiffersIsRewritten) {
+  _fabric.Add(FlashDevice(LEAF1, FLASH_SIZE, SECTOR));
+  Burn(FlashImage{.content = 0x11, .invariant = 0x66}.Text(), {"-g", "1000", "-m", "8", "-n"});
+  ASSERT_EQ(MemoryOf(_fabric, LEAF1, 0, 0, 1), DataVec{0x66});
+  const std::string output =
+      Burn(FlashImage{.content = 0x22, .invariant = 0x77}.Text(), {"-g", "1000", "-m", "8"});
+  EXPECT_EQ(_status, 0) << output;
+  EXPECT_EQ(MemoryOf(_fabric, LEAF1, 0, 0, 1), DataVec{0x77});
+  EXPECT_EQ(MemoryOf(_fabric, LEAF1, 0, IMAGE1, 0x20), DataVec(0x20, 0x22));
+}
+
+TEST_F(MainTest, ConsoleThatIsGoneEndsNothing) {
+  const auto print_for_nobody = [] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) std::_Exit(2);
+    close(ends[0]);
+    close(ends[1]);
+    signal(SIGPIPE, SIG_DFL);
+    char name[] = "fwpush";
+    char* av[] = {name, nullptr};
+    std::_Exit(FwPush(1, av) == EXIT_FAILURE ? 0 : 1);
+  };
+  EXPECT_EXIT(print_for_nobody(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(MainTest, NothingElseTakesThePlaceOfAClosedConsole) {
+  const auto run_without = [](int descriptor) {
+    close(descriptor);
+    char name[] = "fwpush";
+    char* av[] = {name, nullptr};
+    FwPush(1, av);
+    std::_Exit(fcntl(descriptor, F_GETFD) < 0 ? 1 : 0);
+  };
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    EXPECT_EXIT(run_without(descriptor), testing::ExitedWithCode(0), "") << descriptor;
+  }
 }
 
 }  // namespace
