@@ -193,18 +193,18 @@ void CompareSlots(const device::ImageFile& file, std::uint32_t base, std::uint32
   for (const FieldLine& field : file.fields) {
     if (field.type == FieldType::SIGNATURE || field.addr < slot.from || field.addr >= slot.end)
       continue;
-    const bool is_twin = std::ranges::any_of(file.fields, [&](const FieldLine& twin) {
-      return twin.type == field.type && twin.addr == field.addr + delta;
+    const bool has_counterpart = std::ranges::any_of(file.fields, [&](const FieldLine& other) {
+      return other.type == field.type && other.addr == field.addr + delta;
     });
-    if (!is_twin) tell(field.line, Keyword(field.type), field.addr);
+    if (!has_counterpart) tell(field.line, Keyword(field.type), field.addr);
   }
   for (const CrcLine& crc : file.crcs) {
     if (crc.from < slot.from || crc.from >= slot.end) continue;
-    const bool is_twin = std::ranges::any_of(file.crcs, [&](const CrcLine& twin) {
-      return twin.from == crc.from + delta && twin.size == crc.size &&
-             twin.addr == crc.addr + delta;
+    const bool has_counterpart = std::ranges::any_of(file.crcs, [&](const CrcLine& other) {
+      return other.from == crc.from + delta && other.size == crc.size &&
+             other.addr == crc.addr + delta;
     });
-    if (!is_twin) tell(crc.line, "the CRC", crc.from);
+    if (!has_counterpart) tell(crc.line, "the CRC", crc.from);
   }
 }
 
