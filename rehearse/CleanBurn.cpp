@@ -54,14 +54,14 @@ std::string CleanBurn::ReasonForEnd(device::Guid guid, const device::Verdict& en
     const std::size_t text = at + failure.size();
     return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
   }
-  if (!_subject.HasBootRecords() || IsPlain()) return "the image as burnt is no valid new one";
+  if (!_subject.HasBootRecords() || IsPlain()) return "the burn does not leave a valid new image";
   return end.CountInvalid() > 0
              ? "the image's own boot record is not valid in each slot"
              : "a CRC covers the first word of the boot record, which is held back";
 }
 
 std::string CleanBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict) const {
-  if (IsPlain()) return "a burn that is not failsafe writes over what boots";
+  if (IsPlain()) return "the burn is not failsafe: it overwrites the image that boots";
   if (!verdict.invariant_is_whole) {
     return "the invariant sector is rewritten: there is only one of it";
   }
@@ -77,7 +77,7 @@ std::string CleanBurn::ReasonWithPointerSectors(device::Guid guid,
   const device::Judge& before = _subject.JudgeOf(guid);
   for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
     if (before.IsSigned(slot) && !before.Boots(slot)) {
-      return "a record bore a signature before the burn, and its CRC was wrong: a burn goes by "
+      return "a record had a signature and a wrong CRC before the burn: the burn checks only "
              "the signature";
     }
   }
@@ -92,7 +92,7 @@ std::string CleanBurn::ReasonWithPointerSectors(device::Guid guid,
 }
 
 std::string CleanBurn::ReasonWithBootRecords(const device::Verdict& verdict) const {
-  if (!_ends_well) return "the image as burnt is no valid new one in each slot";
+  if (!_ends_well) return "the burn does not leave a valid new image in each slot";
   if (verdict.HasBroken()) {
     return "a mix of an old and a new boot record happens to have a valid sum";
   }

@@ -71,7 +71,7 @@ void Recoveries::RecoverFrom(const Moment& moment) {
   const std::size_t request = moment.kind == Interruption::POWER
                                   ? _burn.Log().Locate(moment.place).operation.request
                                   : moment.place;
-  // Where nothing boots there is nothing to recover, and the sweep has told so.
+  // A device that boots nothing cannot recover; the sweep has reported it.
   if (!BootsEverywhere(fabric, moment, request)) return;
   std::atomic<std::size_t> requests{0};
   Judge(fabric, moment, request, _burner.Burn(fabric, requests));

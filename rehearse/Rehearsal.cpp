@@ -24,7 +24,7 @@ RehearsalReport Rehearse(const RehearsalOptions& options, const RehearsalProgres
     report.Add({.device = guid,
                 .step = "before the burn",
                 .state = Describe(subject.JudgeOf(guid).Look()),
-                .reason = "there is nothing to lose"});
+                .reason = "the device did not boot before the burn"});
   }
   say("burning", 0, 1);
   const Burner burner(options, subject.Guids());

@@ -63,7 +63,7 @@ std::string BootReport(const Fabric& fabric, const std::vector<std::string>& ima
     try {
       const device::Verdict verdict = JudgeByImages(device, images);
       if (images.empty() && verdict.HasBroken()) {
-        report += "not judged: it holds an image that nobody has told of";
+        report += "not judged: it holds an unknown image; name the image file with --image";
       } else {
         report += Describe(verdict);
       }

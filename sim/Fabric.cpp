@@ -57,11 +57,11 @@ void Fabric::CopyDevice(const Device& device) {
   copy.has_power = device.has_power;
   copy.images = device.images;
   for (const auto& [address, chip] : device.chips) {
-    Chip& twin =
+    Chip& copied =
         copy.chips
             .try_emplace(address, Chip(std::make_unique<Cells>(chip.Size()), chip.SectorSize()))
             .first->second;
-    twin.Load(0, chip.Bytes());
+    copied.Load(0, chip.Bytes());
   }
   Add(std::move(copy));
 }

@@ -128,6 +128,12 @@ TEST_F(BootTest, DeviceWithoutKnownImagesIsNotJudged) {
   EXPECT_EQ(sim::BootReport(fabric, {}), Line("not judged: no image to judge it by"));
 }
 
+TEST_F(BootTest, ImageThatIsNotKnownIsNotJudged) {
+  sim::FillFromFile(_fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
+  EXPECT_EQ(sim::BootReport(_fabric, {}),
+            Line("not judged: it holds an unknown image; name the image file with --image"));
+}
+
 TEST_F(BootTest, ImagesThatKeepTheirRecordsElsewhereAreNotMixed) {
   std::string text = FlashImage().Text();
   text.replace(text.find("PS 1 800"), 8, "PS 1 1c00");
@@ -248,6 +254,7 @@ TEST_F(RehearsalTest, DeviceThatDidNotBootBeforeIsTold) {
   ASSERT_EQ(report.exceptions.size(), 1u);
   EXPECT_EQ(report.exceptions.front().device, 0x20u);
   EXPECT_EQ(report.exceptions.front().step, "before the burn");
+  EXPECT_EQ(report.exceptions.front().reason, "the device did not boot before the burn");
 }
 
 TEST_F(RehearsalTest, BurnThatFailsByItselfIsNoRehearsal) {
