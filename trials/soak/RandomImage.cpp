@@ -52,7 +52,12 @@ class RandomImageBuilder {
           addr += gap;
         }
       }
-      const std::uint32_t size = Words(budget / 4 / count + 1, _random);
+      std::uint32_t size = Words(budget / 4 / count + 1, _random);
+      if (_layout.HasFewChunks() && _random.Chance(40)) {
+        // Up to the end of its last sector.
+        const std::uint32_t full = _layout.RoundUp(addr + size) - addr;
+        if (full % 4 == 0 && addr + full <= end) size = full;
+      }
       if (addr + size > end) return i > 0;
       Section section{Text("S", i, _random.Chance(30) ? "-x" : ""), addr, _random.Bytes(size)};
       if (_random.Chance(15))
@@ -308,9 +313,10 @@ std::optional<Image> MakePointers(const MemoryLayout& layout, const SlotPlaces& 
   std::vector<std::uint32_t> order = {0, 1};
   random.Shuffle(order);
   for (const std::uint32_t i : order) {
-    const std::uint32_t size =
+    std::uint32_t size =
         std::min(device::POINTER_RECORD_SIZE + (random.Chance(40) ? Words(60, random) : 0),
                  layout.sector_size);
+    if (layout.HasFewChunks() && random.Chance(40)) size = layout.sector_size;
     image.sections.push_back({Text("PS", i), slots.ps[i], random.Bytes(size)});
   }
   const std::size_t first = image.sections.size();

@@ -59,6 +59,8 @@ struct MemoryLayout {
   std::uint32_t RoundUp(std::uint32_t addr) const {
     return (addr + sector_size - 1) / sector_size * sector_size;
   }
+  /// Whether a sector takes so few requests that whole sectors may be burnt.
+  bool HasFewChunks() const { return IsFlash() && sector_size >> log2_chunk <= 8; }
 };
 
 /// Flash or EEPROMs of a size that keeps a burn short.
