@@ -102,6 +102,10 @@ const PlannedFault* PlannedFaultInjector::FaultAt(std::size_t index) const {
   return found == _planned.end() ? nullptr : &*found;
 }
 
+void PlannedFaultInjector::Postpone(std::size_t index) {
+  if (FaultAt(index + 1) == nullptr) ++std::ranges::find(_planned, index, &PlannedFault::at)->at;
+}
+
 bool PlannedFaultInjector::BeforeRequest(std::size_t index, const std::string& request,
                                          pid_t client) {
   _is_stopped = false;
@@ -212,8 +216,12 @@ const trials::InjectedFault* PlannedFaultInjector::FaultFor(std::size_t index,
   if (!_occurred.empty() && _occurred.back().planned.at == index) return nullptr;
   OccurredFault occurred{*planned, trials::ParseExchange(request, answer, _has_written)};
   const auto targets = trials::FaultTargets(planned->fault, occurred.request);
+  if (targets.empty()) {
+    Postpone(index);
+    return nullptr;
+  }
   // The answer is wrong already.
-  if (targets.empty() || answer.find("ERROR:") != std::string::npos) return nullptr;
+  if (answer.find("ERROR:") != std::string::npos) return nullptr;
   occurred.device = targets[Random(planned->seed).Below(targets.size())];
   _injected = {index, planned->fault, occurred.device,
                trials::FaultyAnswer(planned->fault, occurred.request, occurred.device)};

@@ -72,6 +72,9 @@ class PlannedFaultInjector : public trials::FaultInjector {
 
  private:
   const PlannedFault* FaultAt(std::size_t index) const;
+  /// Moves the fault of a request whose answer cannot have it to the next request, unless that has
+  /// one.
+  void Postpone(std::size_t index);
   void Spoil(const PlannedFault& planned, const trials::Exchange& request);
   void Explain(OccurredFault& occurred) const;
   void ExplainAnswer(OccurredFault& occurred) const;
