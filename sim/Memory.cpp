@@ -12,13 +12,14 @@
 #include <stdexcept>
 #include <utility>
 
+#include "common/Descriptor.h"
 #include "common/Text.h"
 
 namespace sim {
 
 namespace {
 
-/// Callers have asked before: what does not hold here is a mistake of this program.
+/// Aborts where a condition does not hold that callers must check first.
 void Require(bool holds) {
   if (!holds) std::abort();
 }
@@ -27,36 +28,27 @@ void Require(bool holds) {
   throw std::runtime_error(path.string() + ": " + reason);
 }
 
-struct Descriptor {
-  explicit Descriptor(int number) : fd(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (fd >= 0) close(fd);
-  }
-  const int fd;
-};
-
 }  // namespace
 
 Cells::Cells(std::uint32_t size) : _own(size, device::ERASED), _bytes(_own) {}
 
 Cells::Cells(std::uint32_t size, const std::filesystem::path& path)
     : _kept(std::filesystem::exists(path)), _path(path) {
-  // A run that ends before the first contents are complete must leave nothing that looks kept.
+  // If this run ends before the initial contents are complete, the next run must not take the file
+  // for kept contents.
   const std::filesystem::path name = _kept ? path : _new = path.string() + ".new";
   const int create = _kept ? 0 : O_CREAT | O_TRUNC;
-  const Descriptor file(open(name.c_str(), O_RDWR | O_CLOEXEC | create, 0666));
+  const common::Descriptor file(open(name.c_str(), O_RDWR | O_CLOEXEC | create, 0666));
   struct stat status {};
-  if (file.fd < 0 || fstat(file.fd, &status) < 0) ThrowFileError(name, strerror(errno));
+  if (!file.IsOpen() || fstat(file.Get(), &status) < 0) ThrowFileError(name, strerror(errno));
   if (_kept && static_cast<std::uint64_t>(status.st_size) != size) {
     ThrowFileError(name, common::Text("has ", status.st_size, " bytes, the memory has ", size));
   }
-  // All of it on the disk now: a disk that fills up later would end the simulator.
-  if (const int failure = posix_fallocate(file.fd, 0, size)) {
+  // Reserve the disk space now: writing to a mapped file on a full disk raises SIGBUS.
+  if (const int failure = posix_fallocate(file.Get(), 0, size)) {
     ThrowFileError(name, strerror(failure));
   }
-  void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.fd, 0);
+  void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
   if (map == MAP_FAILED) ThrowFileError(name, strerror(errno));
   _mapped = true;
   _bytes = std::span(static_cast<std::uint8_t*>(map), size);
@@ -114,7 +106,7 @@ void Chip::ProgramPart(std::uint32_t offset, device::View bytes, Rng& rng) {
   device::Tear tear{.word = rng() % device::WordsIn(bytes.size())};
   const std::size_t torn = tear.word * device::WORD_SIZE;
   const std::size_t end = std::min<std::size_t>(torn + device::WORD_SIZE, bytes.size());
-  // What arrives at the chip: of the torn word the bits that are held, but for those that are done.
+  // The data that the chip gets: in the torn word, bits that are not done keep the held value.
   device::Bytes arrived(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(end));
   for (std::size_t i = torn; i < end; ++i) {
     tear.done[i - torn] = static_cast<std::uint8_t>(rng());
