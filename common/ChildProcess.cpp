@@ -21,7 +21,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-/// What posix_spawn is to do in the child before it becomes the program.
+/// What posix_spawn does in the child before it executes the program.
 class Actions {
  public:
   Actions() {
@@ -39,7 +39,7 @@ class Actions {
     int flags = 0;
     if (!launch.terminal.empty()) {
       flags |= POSIX_SPAWN_SETSID;
-      // Whoever leads a session and has no terminal gets the first that it opens.
+      // The first terminal that a session leader opens becomes its controlling terminal.
       posix_spawn_file_actions_addopen(&files, STDIN_FILENO, launch.terminal.c_str(), O_RDWR, 0);
       posix_spawn_file_actions_adddup2(&files, STDIN_FILENO, STDOUT_FILENO);
       posix_spawn_file_actions_adddup2(&files, STDIN_FILENO, STDERR_FILENO);
@@ -114,7 +114,7 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::Signal(int number) const {
-  // Its number may be another's by now.
+  // Once it has been waited for, its number may belong to another process.
   if (!_ending) kill(_pid, number);
 }
 
@@ -127,7 +127,7 @@ std::optional<Ending> ChildProcess::WaitUntil(steady_clock::time_point deadline)
 
 int ChildProcess::EndDescriptor() {
   if (!_end.IsOpen()) {
-    // The C library's own is declared for C alone.
+    // The header of glibc 2.36 declares pidfd_open without C linkage for C++.
     _end = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, _pid, 0)));
     if (!_end.IsOpen()) ThrowSystemError("can't watch a process");
   }
@@ -141,7 +141,7 @@ std::optional<Ending> ChildProcess::Reap(bool is_patient) {
     const pid_t ended = wait4(_pid, &status, is_patient ? 0 : WNOHANG, &usage);
     if (ended == 0) return {};
     if (ended < 0 && errno == EINTR) continue;
-    // No child any more: where SIGCHLD is ignored nobody learns how it ended.
+    // ECHILD: where SIGCHLD is ignored, the status of a child is lost.
     _ending = ended < 0 ? Ending() : EndingOf(status, usage);
   }
   return _ending;

@@ -1,4 +1,4 @@
-/// Programs that run as processes of their own, and what connects us to them.
+/// Child processes, and the pipes and terminals that connect to them.
 #pragma once
 
 #include <signal.h>
@@ -16,51 +16,50 @@ namespace common {
 /// How a process ended.
 struct Ending {
   int status = -1;                      ///< exit status; -1 where a signal ended it
-  int signal = 0;                       ///< that ended it; 0 where none did
+  int signal = 0;                       ///< the signal that ended it; 0 where none did
   std::chrono::duration<double> cpu{};  ///< user and system time
 };
 
-/// What to run, and how. Descriptors are borrowed until it runs; where one is negative the child
-/// has that of this process.
+/// A program to start. Descriptors are borrowed until it runs; where one is negative, the child
+/// inherits that of this process.
 struct Launch {
   std::vector<std::string> words = {};  ///< the program and its arguments
-  /// Look for the program in PATH where its name has no slash, and take a file of no known form
-  /// for a shell script, as a shell does.
+  /// Search PATH for a program without a slash in its name, and run a file of unknown format as a
+  /// shell script, like a shell.
   bool is_searched = false;
   int input = -1;
   int output = -1;
   int errors = -1;
-  /// The name of a terminal that it has for all three, as the first process of a session of its
-  /// own; empty for none.
+  /// The name of a terminal to use for all three, as the leader of a new session; empty for none.
   std::string terminal = {};
-  /// A process group of its own, which Ctrl-Z can stop: what a shell makes of a command line.
+  /// Start it in a new process group, like a job of a shell, so that Ctrl-Z can stop it.
   bool is_job = false;
-  /// Signals that do again what they do by default: whoever runs us may have them ignored.
+  /// Signals to reset to their default action: this process may have inherited them as ignored.
   std::vector<int> default_signals = {};
-  const sigset_t* blocked_signals = nullptr;  ///< this process' own where null
+  const sigset_t* blocked_signals = nullptr;  ///< those of this process where null
 };
 
-/// A child, which is ended by SIGKILL where it outlives its owner.
+/// A child process. The destructor kills it (SIGKILL) if it still runs.
 class ChildProcess {
  public:
-  /// Throws a std::system_error, "can't run PROGRAM", of the reason.
+  /// Throws std::system_error, "can't run PROGRAM: REASON".
   explicit ChildProcess(const Launch& launch);
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
   ~ChildProcess();
 
   pid_t Pid() const { return _pid; }
-  /// Nothing happens where it has been waited for.
+  /// Sends a signal. Does nothing once the child has been waited for.
   void Signal(int number) const;
 
-  /// Waits for its end. It can be asked again.
+  /// Waits for its end. May be called again.
   Ending Wait();
-  /// The same, but nothing where it still runs.
+  /// The same without waiting; nothing where it still runs.
   std::optional<Ending> TryWait() { return Reap(false); }
-  /// The same, but nothing where it still runs at the deadline.
+  /// The same; nothing where it still runs at the deadline.
   std::optional<Ending> WaitUntil(std::chrono::steady_clock::time_point deadline);
 
-  /// A descriptor that can be read from when it has ended; lives as long as this does.
+  /// A descriptor that becomes readable when the child ends. Owned by this object.
   int EndDescriptor();
 
  private:
@@ -80,11 +79,11 @@ struct Channel {
 // Each throws std::system_error.
 Channel MakePipe();
 Channel MakeTerminal();
-/// A terminal like the one on standard output, but one that changes nothing of what passes: that is
-/// left to the other.
+/// A terminal with the settings of the one on standard output, but in raw mode: it passes all bytes
+/// on unchanged.
 Channel MakeRawTerminal();
 
-/// Waits until one of two descriptors can be read from; the second may be negative. False when the
+/// Waits until one of two descriptors is readable; the second may be negative. False when the
 /// deadline comes first.
 bool WaitUntilReadable(int fd, int other, std::chrono::steady_clock::time_point deadline);
 

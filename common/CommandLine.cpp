@@ -1,6 +1,6 @@
 #include "common/CommandLine.h"
 
-// The parser takes ten seconds to compile: this is the one place that includes it.
+// The parser takes ten seconds to compile: only this file includes it.
 #include <CLI/CLI.hpp>
 #include <utility>
 
@@ -98,7 +98,7 @@ void CommandLine::SetFooter(const std::string& text) { _app->footer(text); }
 
 CommandLine& CommandLine::AddCommand(const std::string& name, const std::string& description) {
   _app->require_subcommand(1);
-  // The constructor is private.
+  // std::make_unique cannot call the private constructor.
   _commands.emplace_back(new CommandLine(_app->add_subcommand(name, description)));
   return *_commands.back();
 }
@@ -109,7 +109,7 @@ CommandLine::Parsed CommandLine::Parse(int argc, const char* const* argv,
   try {
     _app->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    // The help and the version are errors, too, of status 0.
+    // The parser throws for --help and --version, too, with status 0.
     return {.work = {}, .is_wrong = _app->exit(error) != 0};
   }
   for (const auto& command : _commands) {

@@ -1,4 +1,4 @@
-/// Command lines: options, flags, words and commands, and the help that tells of them.
+/// Command lines: options, flags, positional arguments and commands, and their help.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ class Option;
 
 namespace common {
 
-/// The command line is wrong, beyond what its options can tell by themselves.
+/// The command line is wrong in a way that no single option can check.
 class UsageError : public std::runtime_error {
  public:
   /// `where`: the option or the command.
@@ -24,40 +24,40 @@ class UsageError : public std::runtime_error {
       : runtime_error(where + ": " + what) {}
 };
 
-/// One option, flag or word. Belongs to its command line.
+/// One option, flag or positional argument. Belongs to its command line.
 class Option {
  public:
   explicit Option(CLI::Option* option) : _option(option) {}
 
-  /// Refuses a command line without it.
+  /// The command line must have it.
   Option Required();
-  /// Shows in the help the value that the variable has now.
+  /// The help shows the value that the variable has now.
   Option ShowDefault();
-  /// Refuses other values. Each may be called once.
+  // Each refuses other values, and may be called once.
   Option InRange(int min, int max);
   Option InRange(double min, double max);
   Option OneOf(const std::vector<std::string>& values);
   Option ExistingFile();
-  /// `check` says what is wrong with a value, "" where nothing is.
+  /// `check` returns what is wrong with a value; "" where nothing is.
   Option Check(std::function<std::string(const std::string&)> check);
-  /// Refuses a command line with both of them.
+  /// The command line must not have both.
   Option Excludes(Option other);
-  /// Refuses a command line with this one alone.
+  /// With this one, the command line must have `other`, too.
   Option Needs(Option other);
 
-  /// Once the command line is parsed.
+  /// Valid when the command line is parsed.
   bool IsGiven() const;
 
  private:
   CLI::Option* _option;
 };
 
-/// What a program takes on its command line, or one of its commands. Variables get the values when
-/// the line is parsed; they must live until then. Names are "-s", "--long", "-s,--long", or a word
-/// without dashes for what stands on the command line without a name.
+/// The options of a program, or of one of its commands. Variables are set when the line is parsed;
+/// they must live until then. Names are "-s", "--long", "-s,--long", or a word without dashes for a
+/// positional argument.
 class CommandLine {
  public:
-  /// The usage line names the program by `name`, or as it was called where that is empty.
+  /// `name` is the program's name in the usage line; where it is empty, argv[0] is.
   explicit CommandLine(const std::string& description, const std::string& name = "");
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
@@ -72,31 +72,32 @@ class CommandLine {
   Option Add(const std::string& name, std::uint64_t& into, const std::string& help);
   Option Add(const std::string& name, double& into, const std::string& help);
   Option AddFlag(const std::string& name, bool& into, const std::string& help);
-  /// What the help ends with.
+  /// Text at the end of the help.
   void SetFooter(const std::string& text);
 
-  /// A command, such as "info" of "fwimg info". Where there is one, one of them must be given.
+  /// Adds a command, such as "info" of "fwimg info". A program with commands needs one of them on
+  /// its command line.
   CommandLine& AddCommand(const std::string& name, const std::string& description);
 
-  /// What to do when the line is right. Returns the exit status; may throw UsageError.
+  /// What the program or command does. Returns the exit status; may throw UsageError.
   void SetWork(std::function<int()> work) { _work = std::move(work); }
 
-  /// What came of a command line.
+  /// The result of parsing.
   struct Parsed {
-    std::function<int()>
-        work;  ///< of the command that was given; empty where nothing is to be done
+    /// Of the command that was given; empty after --help, --version or an error.
+    std::function<int()> work;
     bool is_wrong = false;
   };
-  /// Adds --version, which prints `version`, and parses. Prints the help or the version where it is
-  /// asked for, and on standard error what is wrong.
+  /// Adds --version, which prints `version`, and parses. Prints help and version if requested, and
+  /// errors on standard error.
   Parsed Parse(int argc, const char* const* argv, const std::string& version);
-  /// Tells of an error that was found later, as Parse would.
+  /// Prints an error that was found later, in the form of Parse.
   void Complain(const UsageError& error) const;
 
  private:
   explicit CommandLine(CLI::App* command);
 
-  std::unique_ptr<CLI::App> _owned;  ///< of the program's own line
+  std::unique_ptr<CLI::App> _owned;  ///< null for a command
   CLI::App* _app;
   std::vector<std::unique_ptr<CommandLine>> _commands;
   std::function<int()> _work;

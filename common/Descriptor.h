@@ -1,4 +1,4 @@
-/// Who owns a file descriptor closes it.
+/// Ownership of file descriptors.
 #pragma once
 
 #include <unistd.h>
@@ -7,7 +7,7 @@
 
 namespace common {
 
-/// Owns a file descriptor; none where it is negative.
+/// Owns a file descriptor and closes it; owns none where it is negative.
 class Descriptor {
  public:
   explicit Descriptor(int fd = -1) : _fd(fd) {}
@@ -20,7 +20,7 @@ class Descriptor {
 
   int Get() const { return _fd; }
   bool IsOpen() const { return _fd >= 0; }
-  /// Leaves it to the caller to close it.
+  /// Gives up the descriptor: the caller closes it.
   int Release() { return std::exchange(_fd, -1); }
   void Close() {
     if (_fd >= 0) close(Release());

@@ -1,4 +1,4 @@
-/// How the programs beside fwpush end.
+/// Exit status of the programs beside fwpush.
 #pragma once
 
 namespace common {

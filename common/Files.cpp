@@ -33,7 +33,7 @@ Bytes ReadFile(const fs::path& path) {
 
 NewFile::NewFile(const fs::path& path) : _path(path) {
   std::error_code error;
-  // What a link stands for is to be replaced, not the link. A device must not be.
+  // Replace the target of a symbolic link, not the link. Never replace a device.
   if (fs::is_symlink(path, error)) _path = fs::weakly_canonical(path, error);
   if (fs::exists(_path, error) && !fs::is_regular_file(_path, error)) {
     throw std::runtime_error("can't write " + path.string() + ": not a file");
@@ -42,7 +42,7 @@ NewFile::NewFile(const fs::path& path) : _path(path) {
   _temporary = (_path.parent_path() / (_path.stem().string() + ".XXXXXX" + extension)).string();
   _file = Descriptor(mkostemps(_temporary.data(), static_cast<int>(extension.size()), O_CLOEXEC));
   if (!_file.IsOpen()) Throw();
-  // As a file that is simply opened would be: what was private stays it.
+  // mkostemps makes the file private. Give it the mode of the old file, or that of any new file.
   const mode_t mask = umask(0);
   umask(mask);
   struct stat before {};
@@ -69,7 +69,7 @@ void NewFile::Write(std::span<const char> bytes) {
 }
 
 const std::string& NewFile::Close() {
-  // Without it a power cut after the rename may leave a name that stands for nothing.
+  // Without fsync, a power cut after the rename may leave an empty file.
   if (_file.IsOpen() && (fsync(_file.Get()) != 0 || close(_file.Release()) != 0)) Throw();
   return _temporary;
 }

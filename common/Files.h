@@ -1,4 +1,4 @@
-/// Files as the programs read and write them: whole, or not at all.
+/// Reading and writing of whole files.
 #pragma once
 
 #include <filesystem>
@@ -10,26 +10,26 @@
 
 namespace common {
 
-/// All bytes of a file. Throws std::runtime_error when it cannot be read whole, or is no regular
-/// file.
+/// All bytes of a file. Throws std::runtime_error when it is not a regular file, or cannot be read
+/// to its end.
 Bytes ReadFile(const std::filesystem::path& path);
 
-/// A file that gets its name only when it is complete: until then, and for good where Keep is never
-/// called, whatever bore the name stays as it was. It has the mode of what it replaces. All
+/// A file that replaces another one only when it is complete: it has a temporary name until Keep is
+/// called, and is removed if that is never done. It gets the mode of the file that it replaces. All
 /// operations throw std::runtime_error.
 class NewFile {
  public:
-  /// Makes a file beside `path` that ends in the same extension.
+  /// Creates a temporary file beside `path`, with the same extension.
   explicit NewFile(const std::filesystem::path& path);
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
   ~NewFile();
 
   void Write(std::span<const char> bytes);
-  /// Ends the writing, with all bytes on the disk, so that the file can be read under the name that
-  /// it has for now.
+  /// Writes all bytes to the disk and closes the file. Returns its temporary name, under which it
+  /// can be read.
   const std::string& Close();
-  /// Gives the file its name.
+  /// Closes the file and renames it to `path`.
   void Keep();
 
  private:
@@ -40,7 +40,7 @@ class NewFile {
   Descriptor _file;
 };
 
-/// Writes a whole file.
+/// Writes a file, or replaces it, as a whole. Throws std::runtime_error.
 void WriteFile(const std::filesystem::path& path, const Bytes& bytes);
 
 }  // namespace common

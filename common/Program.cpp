@@ -12,7 +12,7 @@ namespace common {
 
 namespace {
 
-/// Tells what has gone wrong. It may hold words of a file or a server.
+/// Prints an error. Its text may contain bytes from a file or a server.
 void Complain(const Program& program, const std::string& text) {
   std::string lines;
   for (const std::string_view line : Lines(text)) {

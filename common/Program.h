@@ -1,4 +1,4 @@
-/// What the main functions of the programs beside fwpush share.
+/// Shared code of the main functions of the programs beside fwpush.
 #pragma once
 
 #include <string>
@@ -8,22 +8,23 @@
 
 namespace common {
 
-/// Who a program is in what it says, and how it ends where it cannot do its work.
+/// A program's name in its messages, and how it reports failures.
 struct Program {
   std::string name;
-  int failure = CANNOT;      ///< the exit status
-  bool is_verbatim = false;  ///< says why as it is; else nothing of it can move a terminal's cursor
+  int failure = CANNOT;  ///< exit status where an exception ends its work
+  /// Prints messages as they are; else all bytes but printable ASCII and line feeds are escaped.
+  bool is_verbatim = false;
 };
 
-/// Parses the command line and does its work. Returns the exit status: the work's own, or that of a
-/// wrong command line, of a result that could not be written, or of what the work threw, which
-/// standard error tells.
+/// Parses the command line and does its work. Returns the exit status of the work; USAGE for a
+/// wrong command line; or the program's `failure`, when the work threw or standard output could not
+/// be written. Errors go to standard error.
 int RunProgram(const Program& program, CommandLine& line, int argc, char* argv[]);
 
-/// Whether what goes to `fd` may be coloured: a terminal, and no NO_COLOR in the environment.
+/// Whether output to `fd` may be coloured: it is a terminal, and NO_COLOR is not set.
 bool MayColour(int fd);
 
-/// The version that every program of the suite has: the one of fwpush.
+/// The version of fwpush, which all programs share.
 std::string Version();
 
 }  // namespace common

@@ -1,4 +1,4 @@
-/// A folder for files that nobody needs afterwards.
+/// Temporary folders.
 #pragma once
 
 #include <filesystem>
@@ -7,10 +7,11 @@
 
 namespace common {
 
-/// A folder of its own below the system's for temporary files, removed with all that is in it.
+/// A new folder in the system's folder for temporary files. The destructor removes it with its
+/// contents.
 class ScratchFolder {
  public:
-  /// Its name begins with `prefix`. Throws std::runtime_error when it cannot be made.
+  /// `prefix` begins its name. Throws std::runtime_error when it cannot be created.
   explicit ScratchFolder(const std::string& prefix = "fwpush");
   ScratchFolder(const ScratchFolder&) = delete;
   ScratchFolder& operator=(const ScratchFolder&) = delete;

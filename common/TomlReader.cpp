@@ -1,8 +1,7 @@
 #include "common/TomlReader.h"
 
-// The parser takes seconds to compile: this is the one place that includes it. In debug builds it
-// asserts what it does not keep, and a wrong file would end the program. Without, it tells what is
-// wrong.
+// The parser takes seconds to compile: only this file includes it. Its assertions fail for some
+// wrong files, which would end a debug build. Without them, it reports the error.
 #define TOML_ASSERT(expression) static_cast<void>(0)
 #include <toml++/toml.h>
 
@@ -20,11 +19,11 @@ namespace {
 
 bool IsStrange(char c) { return static_cast<unsigned char>(c) >= 0x80; }
 
-/// The line, from 1, of the first byte beyond ASCII that stands neither in a text nor in a comment;
-/// 0 where there is none, or where another mistake hides it.
+/// The line, from 1, of the first byte outside ASCII that is neither in a string nor in a comment;
+/// 0 where there is none, or where an error before it hides it.
 std::uint32_t StrangeLine(std::string_view text) {
   std::uint32_t line = 1;
-  std::string_view quote;  // that ends the text in hand
+  std::string_view quote;  // the quote that ends the current string; empty outside of strings
   bool is_comment = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
@@ -56,8 +55,8 @@ std::uint32_t StrangeLine(std::string_view text) {
   return 0;
 }
 
-/// Throws where the parser would meet a byte beyond ASCII outside of texts and comments, or behind
-/// another mistake: its own test of such characters goes astray.
+/// Throws where a byte outside ASCII is neither in a string nor in a comment, or stands after
+/// another error. The parser's own check of such bytes fails.
 void CheckStrange(std::string_view text, const std::string& file) {
   constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
   if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
@@ -65,7 +64,7 @@ void CheckStrange(std::string_view text, const std::string& file) {
   const std::uint32_t line = StrangeLine(text);
   if (line != 0) {
     throw TomlError(
-        Text(file, ":", line, ": characters beyond ASCII belong into texts and comments"));
+        Text(file, ":", line, ": only strings and comments may have characters outside ASCII"));
   }
   std::string plain(text);
   std::ranges::replace_if(plain, IsStrange, 'x');
@@ -88,7 +87,7 @@ std::uint32_t LineOf(const toml::node& node) { return node.source().begin.line; 
 
 }  // namespace
 
-/// A table, and what keeps it: the file's root.
+/// A table, and the root of the file, which owns it.
 struct TomlReader::Source {
   std::shared_ptr<const toml::table> root;
   const toml::table* table;

@@ -1,4 +1,4 @@
-/// TOML files whose every value is checked, and in which a key that means nothing is an error.
+/// TOML files. Every value is checked, and an unknown key is an error.
 #pragma once
 
 #include <cstdint>
@@ -14,26 +14,26 @@
 
 namespace common {
 
-/// A file is wrong; the text names file, line and key.
+/// An error in a file. The text names file, line and key.
 class TomlError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// One table of a file: hands out its values, checked, and knows which keys nobody asked for. What
-/// is missing is handed out empty; what is wrong throws TomlError.
+/// One table of a file. Returns its values, checked, and notes which keys were read. A missing
+/// value is returned as nothing; a wrong one throws TomlError.
 class TomlReader {
  public:
   /// A value that may be of any kind.
   struct Element {
-    std::string text;    ///< "" where it is no text
+    std::string text;    ///< "" where the value is not a string
     std::uint32_t line;  ///< from 1
   };
 
-  /// Parses a file; this is its root table. Throws TomlError.
+  /// Parses a file, and reads its root table. Throws TomlError.
   explicit TomlReader(const std::filesystem::path& file);
 
-  /// Throw a TomlError: at a line, at the value of a key, or where the table begins.
+  // Each throws a TomlError that names a line, the line of a key's value, or that of the table.
   [[noreturn]] void ThrowAt(std::uint32_t line, const std::string& text) const;
   [[noreturn]] void ThrowAt(std::string_view key, const std::string& text) const {
     ThrowAt(LineOf(key), text);
@@ -42,30 +42,30 @@ class TomlReader {
 
   /// The line that the table begins on, from 1.
   std::uint32_t Line() const;
-  /// The line of a value; that of the table where there is none.
+  /// The line of a key's value; that of the table where it has none.
   std::uint32_t LineOf(std::string_view key) const;
-  /// `name`, relative to the file.
+  /// `name` relative to the folder of the file.
   std::filesystem::path Path(const std::string& name) const { return _file.parent_path() / name; }
 
-  // Each asks for `key`.
+  // Each reads the value of `key`.
   std::optional<Element> Any(std::string_view key);
   bool IsTable(std::string_view key);
   std::optional<std::string> String(std::string_view key);
   std::optional<bool> Bool(std::string_view key);
   std::optional<std::uint32_t> Number(std::string_view key, std::uint32_t min, std::uint32_t max);
-  /// The elements of an array; none where the key is missing. So of tables.
+  // The elements of an array; none where the key is missing.
   std::vector<Element> Array(std::string_view key);
   std::vector<TomlReader> Tables(std::string_view key);
   std::optional<TomlReader> Table(std::string_view key);
 
-  /// `value`, read at `key`; throws where it is missing.
+  /// Returns `value`, which was read from `key`, or throws where it is missing.
   template <typename Value>
   Value Needed(std::string_view key, std::optional<Value> value) const {
     if (!value) Throw("'" + std::string(key) + "' is missing");
     return *std::move(value);
   }
 
-  /// Refuses keys that mean nothing here: a misspelt one must not go unnoticed.
+  /// Throws where a key was not read: it is unknown, or misspelt.
   void Finish() const;
 
  private:
@@ -75,7 +75,7 @@ class TomlReader {
   TomlReader(const std::filesystem::path& file, std::shared_ptr<const Source> source)
       : _file(file), _source(std::move(source)) {}
 
-  /// The value of `key`; null in it where that is missing.
+  /// The value of `key`; its node is null where the key is missing.
   Node Find(std::string_view key);
 
   std::filesystem::path _file;

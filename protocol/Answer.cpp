@@ -12,8 +12,7 @@ namespace {
 
 constexpr std::uint8_t ERASED = 0xFF;
 
-/// " {KEY 0x..}" for each `width` bytes, most significant first. Words past the end read as erased
-/// memory.
+/// " {KEY 0x..}" for each `width` bytes, most significant byte first. Bytes past the end are FF.
 std::string KeyWords(std::string_view key, std::span<const std::uint8_t> bytes, std::size_t words,
                      std::size_t width) {
   std::string text;
@@ -22,7 +21,7 @@ std::string KeyWords(std::string_view key, std::span<const std::uint8_t> bytes, 
     for (std::size_t j = i; j < i + width; ++j) {
       word = word << 8 | (j < bytes.size() ? bytes[j] : ERASED);
     }
-    // Not through a stream: an answer has thousands of them.
+    // Without a stream, which is slow: an answer has thousands of words.
     char digits[8];
     const char* const end = std::to_chars(std::begin(digits), std::end(digits), word, 16).ptr;
     text.append(" {")

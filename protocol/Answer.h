@@ -1,4 +1,4 @@
-/// What a bus server answers. docs/protocol.md has the forms.
+/// Answers of a bus server. docs/protocol.md describes their form.
 #pragma once
 
 #include <cstdint>
@@ -11,40 +11,39 @@
 
 namespace protocol {
 
-/// The answer to one request, and how it goes out. A server without faults sends each whole and at
-/// once.
+/// The answer to one request, and how it is sent. Without faults, it is sent whole and at once.
 struct Answer {
   enum Manner {
     ANSWER,        ///< whole
     SILENCE,       ///< never
-    CLOSE_BEFORE,  ///< the connection closes instead of it
+    CLOSE_BEFORE,  ///< the connection closes, and nothing is sent
     CLOSE_INSIDE,  ///< the connection closes in the middle of it
-    CLOSE_AFTER,   ///< the connection closes behind it
-    RESET,         ///< the connection is reset instead of it
+    CLOSE_AFTER,   ///< the connection closes after it
+    RESET,         ///< the connection is reset, and nothing is sent
   };
 
   std::string text = {};
   Manner manner = ANSWER;
-  std::uint32_t milliseconds = 0;         ///< to wait first
+  std::uint32_t milliseconds = 0;         ///< to wait before it is sent
   std::optional<Guids> burn_images = {};  ///< the next message is an image for these devices
 };
 
-/// An element of what went well and has nothing to tell.
+/// The element of a device whose request succeeded and has no data to return.
 inline const std::string ACK = "ACK";
 
 /// The whole answer to a request that is refused.
 std::string RequestError(const std::string& reason);
-/// The element of a device that is.
+/// The element of a device whose request is refused.
 std::string DeviceError(Guid guid, const std::string& reason);
-/// The element of a device that was read: `size` bytes, from the first of `bytes` on. The last word
-/// is filled up with what follows in `bytes`, or as erased memory reads.
+/// The element of a device that was read: the first `size` of `bytes`. The last word is filled up
+/// with the bytes that follow, or with FF.
 std::string DataElement(std::span<const std::uint8_t> bytes, std::size_t size);
 /// The element of a board serial number.
 std::string BsnElement(std::span<const std::uint8_t> bytes);
 /// The element of a flash; sizes in bytes.
 std::string AttributesElement(std::uint32_t sector_size, std::size_t size);
 
-/// One port of a device. Its words must be no empty ones, without blanks or braces.
+/// One port of a device. Its texts must not be empty, nor contain blanks or braces.
 struct DeviceRecord {
   std::size_t device = 0;  ///< its number
   std::size_t port = 0;    ///< its number, from 1
@@ -57,8 +56,8 @@ struct DeviceRecord {
 };
 std::string RecordElement(const DeviceRecord& record);
 
-/// All elements as one answer. Where all devices of a request have the same to say in one word, it
-/// is said once.
+/// Joins the elements to one answer. Where every device of a request other than a read answers
+/// ACK, the answer is a single ACK.
 std::string JoinElements(const Request& request, const std::vector<std::string>& elements);
 
 }  // namespace protocol

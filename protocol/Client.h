@@ -1,4 +1,4 @@
-/// A plain client, for tests and measurements of servers. The burner has its own.
+/// A simple client for tests and measurements of servers. The burner has its own.
 #pragma once
 
 #include <chrono>
@@ -18,8 +18,8 @@ class Client {
   /// Throws std::system_error.
   explicit Client(std::uint16_t port);
 
-  /// Sends a request and returns its answer, agreeing to each of its pieces. None where the
-  /// connection ends first, or the server says nothing for `patience`.
+  /// Sends a request and returns its answer, asking for each further piece. Returns nothing where
+  /// the connection ends first, or the server sends nothing for `patience`.
   std::optional<std::string> Ask(std::string_view request,
                                  std::chrono::milliseconds patience = std::chrono::seconds(20));
 

@@ -6,9 +6,9 @@ namespace protocol {
 
 namespace {
 
-/// Bytes of a piece, but for the last.
+/// Size of a piece in bytes; only the last one is smaller.
 constexpr std::size_t PIECE_SIZE = 4000;
-/// Most bytes of one message: an image text, with room to spare.
+/// Maximum size of a message in bytes. An image text is the longest message.
 constexpr std::size_t MAX_MESSAGE = std::size_t{256} << 20;
 
 }  // namespace
@@ -75,7 +75,7 @@ void MessageReader::TakeLine(std::string_view line, std::vector<Event>& events) 
 }
 
 void MessageReader::EndPiece() {
-  // The sender ends each piece with a line feed of its own.
+  // The sender adds a line feed to the end of each piece.
   if (_lines_of_piece == Lines::KEPT && !_piece.empty()) _piece.pop_back();
   _message += std::exchange(_piece, {});
 }

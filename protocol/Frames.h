@@ -1,5 +1,4 @@
-/// How messages go over a connection: lines, frames and pieces, for either end. The burner has its
-/// own.
+/// Framing of messages on a connection, for client and server. The burner has its own.
 #pragma once
 
 #include <cstdint>
@@ -11,47 +10,47 @@
 
 namespace protocol {
 
-// The marker lines. They have no blanks about them.
+// The marker lines, which have no leading or trailing blanks.
 inline constexpr std::string_view NEW_BUF = "NEW_BUF";        ///< begins a message
 inline constexpr std::string_view CONT_BUF = "CONT_BUF";      ///< begins a further piece of one
 inline constexpr std::string_view TO_BE_CONT = "TO_BE_CONT";  ///< ends a piece that is not the last
 inline constexpr std::string_view END_BUF = "END_BUF";        ///< ends a message
-/// What the receiver of a piece asks for the next with, as a message of its own.
+/// The message with which the receiver of a piece asks for the next one.
 inline constexpr std::string_view CONTINUE = "NsContinue";
 
-/// A message in one piece.
+/// Frames a message as one piece.
 std::string Frame(std::string_view message);
-/// A piece of a message.
+/// Frames a piece of a message.
 std::string FramePiece(std::string_view piece, bool is_first, bool is_last);
 
-/// Cuts what comes over a connection into lines.
+/// Splits received bytes into lines.
 class LineReader {
  public:
   void Feed(std::string_view bytes) { _bytes += bytes; }
-  /// The next whole line without its end, a carriage return before it included; none where more
-  /// must come first.
+  /// The next complete line without its line feed; a carriage return before that stays. Nothing
+  /// where more bytes are needed.
   std::optional<std::string> Next();
-  /// Bytes of a line that has begun, once Next gives nothing.
+  /// Bytes of the incomplete line. Valid when Next has returned nothing.
   std::size_t Rest() const { return _bytes.size() - _taken; }
 
  private:
   std::string _bytes;
   std::size_t _taken = 0;     ///< bytes handed out
-  std::size_t _searched = 0;  ///< bytes, of which those behind _taken have no line end
+  std::size_t _searched = 0;  ///< bytes; from _taken up to here there is no line end
 };
 
-/// Puts messages together from their lines and pieces.
+/// Assembles messages from their lines and pieces.
 class MessageReader {
  public:
-  /// What stands between the lines of a piece: a server keeps the line feeds of an image, a client
-  /// joins the lines of an answer.
+  /// Whether the lines of a piece keep their line feeds: a server keeps those of an image, a client
+  /// joins the lines of an answer without them.
   enum class Lines { KEPT, JOINED };
 
   struct Event {
     enum Kind {
       PIECE,    ///< a piece is complete, and its sender waits for CONTINUE
-      MESSAGE,  ///< `text` is
-      TOO_LONG  ///< a message is more than can be held; nothing follows
+      MESSAGE,  ///< a message is complete: `text`
+      TOO_LONG  ///< the message exceeds the limit; no event follows
     };
 
     Kind kind;
@@ -60,7 +59,7 @@ class MessageReader {
 
   explicit MessageReader(Lines lines) : _lines_of_piece(lines) {}
 
-  /// Takes bytes, cut anywhere, and tells what they complete, in order.
+  /// Takes received bytes, split anywhere, and returns what they complete, in order.
   std::vector<Event> Feed(std::string_view bytes);
 
  private:
@@ -70,18 +69,18 @@ class MessageReader {
   Lines _lines_of_piece;
   LineReader _lines;
   std::string _message;  ///< pieces gathered so far
-  std::string _piece;    ///< lines of the piece in hand, each with its end
+  std::string _piece;    ///< lines of the current piece, each with its line end
   bool _is_over = false;
 };
 
-/// Hands out a long message piece by piece.
+/// Splits a long message into pieces.
 class MessageWriter {
  public:
   MessageWriter() : _is_done(true) {}
   explicit MessageWriter(std::string message) : _message(std::move(message)) {}
 
   bool IsDone() const { return _is_done; }
-  /// The next piece, framed. One call, even for an empty message, until it is done.
+  /// The next piece, framed. Call it until the message is done; an empty message has one piece.
   std::string Next();
 
  private:

@@ -1,4 +1,4 @@
-/// Who stands behind a bus server.
+/// The interface between a bus server and its devices.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace protocol {
 
-/// The devices that a server reaches, real or simulated. Called by one thread at a time, with one
-/// request after the other, of all clients.
+/// The devices behind a server, real or simulated. Called by one thread at a time; the requests of
+/// all clients are executed one after the other.
 class Handler {
  public:
   Handler() = default;
@@ -17,18 +17,18 @@ class Handler {
   Handler& operator=(const Handler&) = default;
   virtual ~Handler() = default;
 
-  /// Executes one request, given as text, and tells what to send for it.
+  /// Executes one request, given as text, and returns its answer.
   Answer Execute(std::string_view text);
 
-  /// Burns an image file, given as text, into devices that a request said it is for. Returns the
-  /// answer.
+  /// Burns an image file, given as text, into the devices that the request before it named. Returns
+  /// the answer.
   virtual std::string BurnImage(const Guids& devices, const std::string& image) = 0;
 
-  /// What clients are to call the server: I2C, PCI, PPC or IB.
+  /// The server's type in the address that clients use: I2C, PCI, PPC or IB.
   virtual std::string Type() const = 0;
 
  private:
-  /// May throw Refusal, of the whole request.
+  /// May throw Refusal: the whole request is refused.
   virtual Answer Handle(const Request& request) = 0;
 };
 

@@ -34,7 +34,7 @@ common::Descriptor Listener::Accept() const {
     pollfd waiting{_socket.Get(), POLLIN, 0};
     if (poll(&waiting, 1, -1) < 0 && errno != EINTR) common::ThrowSystemError("can't wait");
     common::Descriptor client = TryAccept();
-    // EINVAL: it listens no more.
+    // EINVAL: Stop was called.
     if (client.IsOpen() || errno == EINVAL) return client;
   }
 }

@@ -1,4 +1,4 @@
-/// A listening socket for tests, trials and measurements: on loopback, with a port of its own.
+/// A listening socket for tests, trials and measurements: on loopback, with a free port.
 #pragma once
 
 #include <cstdint>
@@ -7,18 +7,18 @@
 
 namespace protocol {
 
-/// Listens from its construction on. Throws std::system_error.
+/// Listens as soon as it is constructed, or throws std::system_error.
 class Listener {
  public:
   Listener();
 
   std::uint16_t Port() const { return _port; }
-  /// To wait with: it can be read from when a client has come.
+  /// For poll: it becomes readable when a client connects.
   int Get() const { return _socket.Get(); }
 
-  /// A client's connection; none where no client has come, or it is gone already.
+  /// A client's connection; closed where no client has connected, or it is gone already.
   common::Descriptor TryAccept() const;
-  /// Waits for a client; none once Stop is called.
+  /// Waits for a client. Returns a closed descriptor once Stop is called.
   common::Descriptor Accept() const;
   /// Ends Accept; any thread may call it.
   void Stop() const;

@@ -28,7 +28,8 @@ constexpr auto COMMANDS = std::to_array<Command>({
     {"crBSNGet", Action::BSN, {}, 0},
 });
 
-/// A whole word as a number; a hexadecimal one has "0x" before it.
+/// Reads a word as a number in base 10, or in base 16 with "0x" before it. False where any of the
+/// word is left over.
 template <typename Number>
 bool ParseWord(std::string_view word, int base, Number& number) {
   if (base == 16) {

@@ -1,4 +1,4 @@
-/// What a client may ask of a bus server, and how a request is read.
+/// The requests of the bus protocol, and their parser.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 namespace protocol {
 
 using common::Bytes;
-/// A device's identity on the fabric: its own, or that of one of its ports.
+/// A device's identity on the fabric: its node GUID, or the GUID of one of its ports.
 using Guid = std::uint64_t;
 using Guids = std::vector<Guid>;
 
@@ -37,21 +37,21 @@ enum class Action {
   BSN,         ///< the board serial number
 };
 
-/// A word of the vocabulary.
+/// A command word.
 struct Command {
   std::string_view word;
   Action action;
-  std::optional<Memory> memory;  ///< that the devices must have; none where any will do
-  std::size_t arguments;         ///< least number, after the devices
+  std::optional<Memory> memory;  ///< that the devices must have; nothing where any will do
+  std::size_t arguments;         ///< minimum number of arguments after the devices
 
   /// Whether the request counts devices and names them.
   bool IsMulti() const { return word.ends_with("Multi"); }
 };
 std::span<const Command> Commands();
 
-/// One request. What its command does not have is 0 or empty.
+/// One request. Values that its command does not have are 0 or empty.
 struct Request {
-  const Command* command = nullptr;  ///< never null once it is parsed
+  const Command* command = nullptr;  ///< not null after parsing
   std::uint32_t count = 0;           ///< of devices, as the request declares it
   Guids devices;                     ///< in the order of the answer's elements
   std::uint8_t chip = 0;
@@ -60,7 +60,7 @@ struct Request {
   Bytes data;                ///< to be written: `size` bytes
 };
 
-/// A request, or one device of it, is refused. The text says why, as the answer has it.
+/// A request, or one device of it, is refused. The text is the reason in the answer.
 class Refusal : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -69,8 +69,8 @@ class Refusal : public std::runtime_error {
 /// Throws Refusal.
 Request ParseRequest(std::string_view text);
 
-/// Refuses more devices than a server takes at once, and none where some are to be named. A
-/// `multi_max` that is no number is no limit.
+/// Refuses a request with more devices than `multi_max`, and one without devices whose command
+/// needs some. A `multi_max` that is not a number is no limit.
 void CheckCount(const Request& request, std::string_view multi_max);
 
 }  // namespace protocol

@@ -18,7 +18,7 @@ using asio::ip::tcp;
 
 namespace {
 
-/// One client. Keeps itself alive as long as a step or a read is under way.
+/// One client. Pending operations share its ownership, so that it lives as long as they do.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
   Connection(tcp::socket socket, Handler& handler, const Server::Trace& trace)
@@ -26,7 +26,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     _session.trace = trace;
     asio::error_code ignored;
     _socket.set_option(tcp::no_delay(true), ignored);
-    // Programs that this one starts have no part in its connections.
+    // Child processes must not inherit the connection.
     fcntl(_socket.native_handle(), F_SETFD, FD_CLOEXEC);
   }
 
@@ -107,7 +107,7 @@ class Server::Implementation {
         Accept();
         return;
       }
-      // No descriptor left: some client will go.
+      // No descriptor is free: try again when a client may have disconnected.
       _pause.expires_after(std::chrono::milliseconds(100));
       _pause.async_wait([this](const asio::error_code& stopped) {
         if (!stopped) Accept();

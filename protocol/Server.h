@@ -13,34 +13,33 @@
 
 namespace protocol {
 
-/// One message of a client and the answer to it.
+/// One message of a client, and its answer.
 struct Exchange {
   std::string request;
   std::string answer;
 };
 
-/// Serves a handler's devices to any number of clients, one after the other or at once. The handler
-/// is borrowed.
+/// Serves a handler's devices to any number of clients at the same time. The handler is borrowed.
 class Server {
  public:
   using Trace = std::function<void(const std::string& request, const std::string& answer)>;
 
-  /// Listens; port 0 takes a free one. Throws std::runtime_error when it cannot.
+  /// Starts to listen; port 0 means any free port. Throws std::runtime_error when it cannot.
   Server(Handler& handler, const std::string& host, std::uint16_t port, Trace trace = {});
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
   ~Server();
 
   std::uint16_t Port() const;
-  /// What a client gives to reach it: "TYPE:HOST:PORT".
+  /// The address for clients: "TYPE:HOST:PORT".
   std::string ServerString() const;
 
-  /// Serves until Stop, which any thread may call.
+  /// Serves until Stop is called, which any thread may do.
   void Run();
-  /// Has SIGINT and SIGTERM stop it too, from now on.
+  /// From now on, SIGINT and SIGTERM stop it, too.
   void StopOnSignals();
   void Stop();
-  /// Has the serving thread call `task` between two steps.
+  /// The serving thread calls `task` when no request is being executed.
   void Post(std::function<void()> task);
 
  private:
@@ -48,7 +47,8 @@ class Server {
   std::unique_ptr<Implementation> _implementation;
 };
 
-/// A server on a thread of its own, on loopback, for as long as it lives. Records every exchange.
+/// A server in a thread of its own, on loopback, which stops when this object is destroyed. Records
+/// every exchange.
 class ServerThread {
  public:
   explicit ServerThread(Handler& handler);
@@ -59,8 +59,8 @@ class ServerThread {
   std::uint16_t Port() const { return _server.Port(); }
   std::string ServerString() const { return _server.ServerString(); }
 
-  /// Calls `task` while no request is being executed, so that it may change the devices; waits for
-  /// it, and throws what it throws.
+  /// Runs `task`, which may change the devices, while no request is being executed. Returns when it
+  /// is done, and throws what it throws.
   void BetweenRequests(const std::function<void()>& task);
   std::vector<Exchange> Exchanges() const;
   std::vector<std::string> Requests() const;

@@ -55,7 +55,7 @@ Answer Session::Ask(const std::string& message) {
     if (devices) return {.text = _handler.BurnImage(*devices, message)};
     return _handler.Execute(message);
   } catch (const std::exception& error) {
-    // Such as no memory left: the other clients go on.
+    // For example std::bad_alloc: this client gets an error, the others are served.
     return {.text = RequestError(error.what())};
   }
 }

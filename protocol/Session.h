@@ -1,4 +1,5 @@
-/// One client's conversation with the bus server, without sockets: bytes in, things to do out.
+/// The state of one client's connection, without a socket: takes received bytes, and returns what
+/// to send.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,7 @@
 
 namespace protocol {
 
-/// What the owner of the connection is to do next.
+/// What the owner of the connection must do next.
 struct Step {
   enum Kind { SEND, WAIT, CLOSE, RESET };
 
@@ -22,16 +23,15 @@ struct Step {
   std::uint32_t milliseconds = 0;  ///< to wait
 };
 
-/// Takes requests out of their frames, and frames what the handler answers. The handler is
-/// borrowed.
+/// Unframes requests, and frames the handler's answers. The handler is borrowed.
 class Session {
  public:
   explicit Session(Handler& handler) : _handler(handler) {}
 
-  /// Takes bytes of the client and returns the steps to take, in order.
+  /// Takes received bytes and returns the steps to take, in order.
   std::vector<Step> Feed(std::string_view bytes);
 
-  /// Told of every message and of the answer to it; may be empty.
+  /// Called with every message and its answer; may be empty.
   std::function<void(const std::string& request, const std::string& answer)> trace;
 
  private:

@@ -1,4 +1,4 @@
-/// The verdicts on simulated devices: whether they boot, and whether what they boot is whole
+/// Verdicts on simulated devices: whether they boot, and whether the image that boots is whole
 /// (device/Boot.h, device/Whole.h).
 #pragma once
 
@@ -21,20 +21,20 @@ class JudgeError : public std::runtime_error {
 /// Reads an image file. Throws JudgeError.
 device::Image ReadImageFile(const std::string& file);
 
-/// Where the devices of an image, which comes from `file`, keep what their boot code looks at.
-/// Throws JudgeError where the image does not place it.
+/// Where the boot code of the image's devices looks for its records. `file` is the name of the
+/// image in messages. Throws JudgeError where the image does not place the records.
 device::BootLayout LayoutOf(const device::Image& image, const std::string& file,
                             std::uint32_t sector_size);
 
-/// Has `judge` know all that burning an image file can make of `device`, into either slot and by a
-/// plain burn, for whole. Throws JudgeError when the file cannot be read, and when its image keeps
-/// its slots elsewhere than the judge looks.
+/// Adds an image file to the images that `judge` knows: every result of burning it into `device`,
+/// into either slot or by a plain burn, then counts as whole. Throws JudgeError when the file
+/// cannot be read, or when its slots are not where the judge looks.
 void KnowImageFile(device::Judge& judge, const Device& device, const std::string& file,
                    device::Whole whole);
 
-/// A line for each device: whether it boots, judged by the images that it was filled with and by
-/// `images`, files that may have been burnt since, the last of them the new one; or why that cannot
-/// be told.
+/// One line for each device: whether it boots, or why that cannot be judged. Known are the images
+/// that the device was filled with, and `images`: files that may have been burnt since. The last of
+/// them is the new one.
 std::string BootReport(const Fabric& fabric, const std::vector<std::string>& images);
 
 }  // namespace sim

@@ -1,5 +1,5 @@
-/// The simulated fabric: devices with their memories, and a bus server that executes requests on
-/// them. No sockets: text in, text out.
+/// The simulated fabric: devices with their memories, and the execution of requests on them. No
+/// sockets: a request is a text, and so is its answer.
 #pragma once
 
 #include <cstdint>
@@ -31,24 +31,24 @@ using common::HexGuid;
 
 enum class MemoryKind { FLASH, I2C };
 
-/// One device. A record, but for its memory, which only the chips' own rules change.
+/// One device.
 struct Device {
   Guid node_guid = 0;
   std::vector<Guid> port_guids;  ///< in port order
   Guid sys_guid = 0;
   std::uint32_t declared_ports =
-      0;                        ///< what its records say; a healthy device has as many port GUIDs
+      0;                        ///< as its records say; a healthy device has as many port GUIDs
   std::string name = "device";  ///< one word
   std::string attr = "none";    ///< one word
   device::Bytes vsd = device::Bytes(VSD_SIZE, 0);
   device::Bytes bsn = device::Bytes(BSN_SIZE, 0);
   MemoryKind kind = MemoryKind::I2C;
   std::map<std::uint8_t, Chip> chips;  ///< by I2C address; a flash is chip 0
-  bool has_power = true;               ///< without it nothing is applied and nothing answered
+  bool has_power = true;               ///< without power, it ignores requests and does not answer
   std::vector<std::string> images;     ///< image files that it was filled with
 };
 
-/// A change of one chip, as its observer sees it before it is applied.
+/// A change of one chip. The observer sees it before it is applied.
 struct Operation {
   enum Kind { PROGRAM, ERASE };
 
@@ -60,20 +60,21 @@ struct Operation {
   std::uint32_t size;                   ///< bytes changed
 };
 
-/// What the server tells of itself.
+/// What the server answers about itself.
 struct ServerFacts {
   std::string type = "IB";          ///< I2C, PCI, PPC or IB
   std::string ifc_version = "2.2";  ///< answered as it stands
-  std::string multi_max = "64";     ///< answered as it stands; the limit where it is a number
+  std::string multi_max = "64";     ///< answered as it stands; if it is a number, it is the limit
 };
 
-/// The devices and what their bus server does with them. Single-threaded.
+/// The devices, and the handler of a bus server for them. Single-threaded.
 class Fabric : public protocol::Handler {
  public:
-  /// Adds a device; throws std::invalid_argument for a GUID that is taken, for words with blanks,
-  /// and for a flash of other than one chip.
+  /// Adds a device. Throws std::invalid_argument where a GUID is in use, there is no port, the name
+  /// or the attribute is not one word, or a flash does not have exactly one chip.
   Device& Add(Device device);
-  /// Adds a device that is as `device` is now, memory included, but for its files and its counts.
+  /// Adds a copy of `device` as it is now, memory included. The copy is not kept in files, and its
+  /// violations and erase counts start at 0.
   void CopyDevice(const Device& device);
   /// By node or port GUID; null when there is none.
   Device* Find(Guid guid);
@@ -85,8 +86,8 @@ class Fabric : public protocol::Handler {
   std::string BurnImage(const std::vector<Guid>& guids, const std::string& image) override;
   std::string Type() const override { return facts.type; }
 
-  /// Fills a device with an image, past faults and limits of the server, as if it were made with
-  /// it. Throws FillError.
+  /// Fills a device with an image directly, as the factory does: no request, no faults and no limit
+  /// of the server. Throws FillError.
   void Fill(Guid guid, const device::Image& image, const device::FillPart& part);
 
   ServerFacts facts;
@@ -106,7 +107,7 @@ class Fabric : public protocol::Handler {
 
   std::map<Guid, Device> _devices;
   std::map<Guid, Guid> _node_of;  ///< the node GUID of every node and port GUID
-  const Fault* _fault = nullptr;  ///< that fires at the request in hand
+  const Fault* _fault = nullptr;  ///< that fires at the current request; null where none does
 };
 
 }  // namespace sim

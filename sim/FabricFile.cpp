@@ -41,7 +41,7 @@ std::vector<Guid> Guids(TomlReader& reader, std::string_view key) {
   return guids;
 }
 
-/// `text`, or the bytes it names after "0x", filled up with zeros.
+/// The bytes of `text`, or of the hexadecimal digits after "0x", padded with zeros.
 device::Bytes Bytes(const TomlReader& reader, std::string_view key, const std::string& text,
                     std::size_t size) {
   device::Bytes bytes;
@@ -75,7 +75,7 @@ void ReadServer(TomlReader reader, ServerFacts& facts) {
   reader.Finish();
 }
 
-/// Makes chips, in files of the state folder where there is one.
+/// Creates the chips; in files, if there is a state folder.
 class ChipMaker {
  public:
   ChipMaker(const TomlReader& reader, const std::optional<fs::path>& state, Guid guid)

@@ -15,9 +15,9 @@ class FabricFileError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Builds the fabric that the TOML file `path` describes. With a `state` folder, which is made
-/// where needed, the devices' memories live in files there, and contents that these hold already
-/// stay. Throws FabricFileError.
+/// Builds the fabric that the TOML file `path` describes. If a `state` folder is given, it is
+/// created where needed and keeps the devices' memories in files; existing files keep their
+/// contents. Throws FabricFileError.
 void LoadFabric(const std::filesystem::path& path,
                 const std::optional<std::filesystem::path>& state, Fabric& fabric);
 

@@ -1,4 +1,4 @@
-/// Faults of the simulated fabric: what goes wrong, and at which request.
+/// Faults that are injected into a simulated fabric, and the requests at which they fire.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@ namespace sim {
 
 using device::Guid;
 
-/// One fault. It concerns the requests that name `command` and `device` where these are given, and
-/// fires at the `nth` of them.
+/// One fault. It matches requests that name `command` and `device`, if these are given, and fires
+/// at the `nth` match.
 struct Fault {
   enum Kind {
     ANSWER,         ///< `text` is the whole answer; nothing is executed
@@ -41,7 +41,7 @@ struct Fault {
   bool from_then_on = false;   ///< fires again at every later request that matches
   std::string text;
   std::uint32_t milliseconds = 0;
-  std::uint32_t seed = 1;  ///< of what CUT and WRITE_WRONG leave to chance
+  std::uint32_t seed = 1;  ///< of the random choices of CUT and WRITE_WRONG
   std::uint32_t seen = 0;  ///< matching requests so far
 };
 
@@ -52,16 +52,16 @@ struct FaultName {
 /// Every kind of fault by its name.
 std::span<const FaultName> FaultNames();
 
-/// The faults that lie in wait.
+/// The faults that are set up.
 class FaultLayer {
  public:
   void Add(const Fault& fault) { _faults.push_back(fault); }
 
-  /// Counts the request and returns the fault that fires at it, valid until the next call; null
-  /// when none does. `guids` are the devices that the request names.
+  /// Counts the request and returns the fault that fires at it, or null. The pointer is valid until
+  /// the next call. `guids` are the devices that the request names.
   const Fault* Match(const std::string& command, const std::vector<Guid>& guids);
 
-  /// Told of every fault that fires; may be empty.
+  /// Called with a line for every fault that fires; may be empty.
   std::function<void(const std::string& line)> log;
 
  private:

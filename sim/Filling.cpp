@@ -36,7 +36,7 @@ device::Memory MemoryOf(const Device& device, const device::Image& image) {
   return memory;
 }
 
-/// Writes to the chips of a device, each piece where the image's device map has it.
+/// Writes to the chips of a device at addresses of the image's device map.
 class Fabric::FillTarget : public device::BurnTarget {
  public:
   FillTarget(Fabric& fabric, Device& device, const device::Image& image)

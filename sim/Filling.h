@@ -1,4 +1,4 @@
-/// Simulated devices as the judge knows them, and images that they are filled with.
+/// Conversion of simulated devices for the judge, and filling of devices with images.
 #pragma once
 
 #include <stdexcept>
@@ -21,11 +21,11 @@ device::Identity IdentityOf(const Device& device);
 /// Bytes of a sector; 0 for EEPROMs.
 std::uint32_t SectorSizeOf(const Device& device);
 
-/// The device's chips end to end, as the image's device map has them; a chip that the device lacks,
-/// or an end that it lacks, reads as erased.
+/// The contents of the device's chips in the order of the image's device map. A missing chip, or
+/// the missing end of a smaller one, reads as erased.
 device::Memory MemoryOf(const Device& device, const device::Image& image);
 
-/// Fills a device with an image file. Throws FillError, for a file that cannot be read, too.
+/// Fills a device with an image file. Throws FillError, also when the file cannot be read.
 void FillFromFile(Fabric& fabric, Guid guid, const std::string& image_file,
                   const device::FillPart& part);
 

@@ -1,5 +1,5 @@
-/// The memory chips of simulated devices, stricter than the real ones: what a chip cannot do is
-/// recorded.
+/// The memory chips of simulated devices. Where a real chip silently fails to set a bit, these
+/// record a violation.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +13,16 @@
 
 namespace sim {
 
-/// Repeatable randomness; every user prints its seed.
+/// Pseudo-random numbers: the same seed gives the same run. Every user prints its seed.
 using Rng = std::mt19937;
 
-/// The cells of a chip: plain memory, or a file that holds them through kill -9.
+/// The cells of a chip: plain memory, or a mapped file that survives kill -9.
 class Cells {
  public:
   explicit Cells(std::uint32_t size);
-  /// Cells kept in `path`: what the file holds, or FF where it is new; a new file gets its name
-  /// when Settle is called. Throws std::runtime_error when it cannot be used, or has another size.
+  /// Cells in the file `path`: its contents, or FF where it does not exist. A new file is named
+  /// `path` only when Settle is called. Throws std::runtime_error when the file cannot be used or
+  /// has another size.
   Cells(std::uint32_t size, const std::filesystem::path& path);
   Cells(const Cells&) = delete;
   Cells& operator=(const Cells&) = delete;
@@ -31,7 +32,7 @@ class Cells {
   device::View Bytes() const { return _bytes; }
   /// Whether the contents came from an existing file.
   bool Kept() const { return _kept; }
-  /// The first contents are complete: from here on they are kept. Throws std::runtime_error.
+  /// The initial contents are complete: gives a new file its name. Throws std::runtime_error.
   void Settle();
 
  private:
@@ -39,7 +40,7 @@ class Cells {
   bool _mapped = false;
   bool _kept = false;
   std::filesystem::path _new;   ///< name of a new file until it is settled
-  std::filesystem::path _path;  ///< its name from then on
+  std::filesystem::path _path;  ///< its final name
   device::Cells _bytes;
 };
 
@@ -50,8 +51,8 @@ struct Violation {
   std::uint8_t wanted;
 };
 
-/// One chip that owns its cells, keeps to a chip's rules (device/Chip.h) and writes down what
-/// breaks them. Offsets are bytes from its start; callers ask Holds first.
+/// One chip. Owns its cells, applies the rules of device/Chip.h and records violations. Offsets are
+/// in bytes from the start of the chip; callers check Holds first.
 class Chip {
  public:
   /// `sector_size` 0 makes an EEPROM; a flash is a whole number of sectors.
@@ -67,24 +68,24 @@ class Chip {
   bool Kept() const { return _cells->Kept(); }
   void Settle() { _cells->Settle(); }
 
-  /// Sets cells without the rules of the chip: initial contents.
+  /// Sets cells directly, without the rules of the chip: for initial contents.
   void Load(std::uint32_t offset, device::View bytes);
-  /// An EEPROM takes the bytes; a flash clears bits, and a bit to be set is a violation.
+  /// An EEPROM takes the bytes. A flash only clears bits; a bit to be set is a violation.
   void Program(std::uint32_t offset, device::View bytes);
   /// Sets the sector that holds `offset` to FF and counts it.
   void EraseSector(std::uint32_t offset);
 
-  /// The same, cut short: some whole words done, one word torn, the rest as it was.
+  /// Program, interrupted: some whole words are done, one word is torn, the rest is unchanged.
   void ProgramPart(std::uint32_t offset, device::View bytes, Rng& rng);
-  /// The same, cut short: a mix of old and erased cells.
+  /// EraseSector, interrupted: each cell is either old or erased.
   void ErasePart(std::uint32_t offset, Rng& rng);
 
   const std::vector<Violation>& Violations() const { return _violations; }
-  /// Erases by sector.
+  /// Number of erases of each sector.
   const std::vector<std::uint32_t>& EraseCounts() const { return _erase_counts; }
 
  private:
-  /// Writes down which bits of `bytes` only an erase can set.
+  /// Records the bytes that would have to set bits, which only an erase can do.
   void NoteViolations(std::uint32_t offset, device::View bytes);
 
   std::unique_ptr<Cells> _cells;

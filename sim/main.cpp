@@ -58,7 +58,7 @@ std::pair<std::string, std::uint16_t> ParseAddress(const std::string& text) {
   return {text.substr(0, colon), port};
 }
 
-/// Says at the end what a real chip would not have taken.
+/// Reports writes that a real chip could not have done.
 void ReportViolations(const sim::Fabric& fabric) {
   for (const auto& [guid, device] : fabric.Devices()) {
     for (const auto& [address, chip] : device.chips) {
@@ -96,12 +96,12 @@ int Run(const Options& options) {
   }
   protocol::Server server(fabric, host, port,
                           [&trace](const std::string& request, const std::string& answer) {
-                            // Flushed, so that it also tells what came before a kill.
+                            // std::endl flushes: the trace must be complete after kill -9.
                             if (trace.is_open()) {
                               trace << "> " << request << "\n< " << answer << std::endl;
                             }
                           });
-  // Whoever reads the address may signal at once.
+  // Handle signals before the address is printed: its reader may signal at once.
   server.StopOnSignals();
   std::cout << server.ServerString() << std::endl;
   server.Run();

@@ -646,7 +646,7 @@ TEST_F(FabricFileTest, WhatIsWrongIsNamedWithItsLine) {
 
 // The TOML library took a Greek letter where a value ends for what cannot be.
 TEST_F(FabricFileTest, LettersBeyondAsciiAreRefusedOutsideTextsAndComments) {
-  const std::string refusal = ": characters beyond ASCII belong into texts and comments";
+  const std::string refusal = ": only strings and comments may have characters outside ASCII";
   const std::string eta = "\xCE\x97";
   EXPECT_EQ(ErrorOfFile("a = 1\nb = " + eta + "x\n"), ":2" + refusal);
   EXPECT_EQ(ErrorOfFile("a = [1, 'x', \"y\\\"z\"]" + eta + "\n"), ":1" + refusal);
