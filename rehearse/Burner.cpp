@@ -18,11 +18,12 @@ namespace rehearse {
 
 namespace {
 
-/// Longest silence of a burner, which itself waits half as long for a server.
+/// Time without output after which the burner is considered hung. It waits half as long for a
+/// server.
 constexpr std::chrono::seconds MAX_SILENCE{60};
 constexpr std::size_t MOST_CONSOLE = std::size_t{1} << 20;
 
-/// Follows the burner to its end, and ends it when it hangs.
+/// Reads the burner's console to its end. Throws when the burner hangs.
 Run Watch(common::ChildProcess& burner, int console) {
   Run run;
   auto last_word = std::chrono::steady_clock::now();
@@ -35,7 +36,7 @@ Run Watch(common::ChildProcess& burner, int console) {
     for (ssize_t got; (got = read(console, block, sizeof(block))) > 0;) {
       last_word = std::chrono::steady_clock::now();
       run.console.append(block, static_cast<std::size_t>(got));
-      // What matters is how it began and how it ended.
+      // Keep the beginning and the end; the rest is not used.
       if (run.console.size() > 2 * MOST_CONSOLE) {
         run.console.erase(MOST_CONSOLE / 2, run.console.size() - MOST_CONSOLE);
       }
@@ -58,7 +59,8 @@ Run Spawn(const std::vector<std::string>& words, std::atomic<pid_t>& shown_pid) 
   return Watch(burner, console.out.Get());
 }
 
-/// A server on a thread, stopped when it goes.
+/// Runs a server in a thread; the destructor stops it. Unlike protocol::ServerThread it records no
+/// exchanges.
 class Serving {
  public:
   explicit Serving(protocol::Server& server) : _server(server), _thread([&] { server.Run(); }) {}
@@ -96,7 +98,7 @@ Run Burner::Burn(sim::Fabric& fabric, std::atomic<std::size_t>& requests,
   std::atomic<pid_t> pid{0};
   protocol::Server server(fabric, "127.0.0.1", 0, [&](const std::string&, const std::string&) {
     if (++requests != kill_after) return;
-    while (pid == 0) std::this_thread::yield();  // it has a request out: it is just being started
+    while (pid == 0) std::this_thread::yield();  // its request may arrive before its pid is stored
     kill(pid, SIGKILL);
   });
   std::vector<std::string> words = {

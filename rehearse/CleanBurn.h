@@ -1,5 +1,5 @@
-/// The burn without an interruption: what it changed, and how it ends. All interruptions are
-/// interruptions of it.
+/// The burn without an interruption: what it changes, and how it ends. The rehearsal interrupts
+/// this burn.
 #pragma once
 
 #include <cstddef>
@@ -16,16 +16,16 @@ namespace rehearse {
 
 class CleanBurn {
  public:
-  /// Burns. Throws std::runtime_error when that fails by itself. Devices on which it does not end
-  /// as it should are exceptions of the report. `subject` is borrowed.
+  /// Burns. Throws std::runtime_error when the burn fails. Adds an exception to the report for each
+  /// device that does not end in the right state. `subject` is borrowed.
   CleanBurn(const Subject& subject, const Burner& burner, RehearsalReport& report);
 
   const OperationLog& Log() const { return _log; }
   std::size_t Requests() const { return _requests; }
-  /// Whether it ends as it should on every device that booted before.
+  /// Whether every device that booted before ends in the right state.
   bool EndsWell() const { return _ends_well; }
 
-  /// Why a device that booted at the start does not when the burn is interrupted.
+  /// Why a device that booted at the start does not boot when the burn is interrupted.
   std::string ReasonFor(device::Guid guid, const device::Verdict& verdict) const;
 
  private:
@@ -38,7 +38,7 @@ class CleanBurn {
   const Subject& _subject;
   OperationLog _log;
   std::size_t _requests = 0;
-  std::string _algorithm;  ///< as the burner names it
+  std::string _algorithm;  ///< name in the burner's output
   bool _ends_well = true;
   bool _has_moved = false;  ///< it moved an image
 };

@@ -7,7 +7,7 @@ namespace rehearse {
 
 namespace {
 
-/// What stands before the request.
+/// The text before the number.
 std::string_view HeadOf(Interruption kind) {
   switch (kind) {
     case Interruption::POWER:

@@ -1,4 +1,4 @@
-/// Where the plug is pulled, and how else a burn is interrupted.
+/// Interruptions of a burn: how, and where.
 #pragma once
 
 #include <cstddef>
@@ -7,20 +7,20 @@
 
 namespace rehearse {
 
-/// How a burn is interrupted that must be recovered from.
+/// How a burn is interrupted.
 enum class Interruption {
   POWER,    ///< a device loses power at a cut
   KILLED,   ///< the burner is killed
   DROPPED,  ///< the connection drops after a request was executed, before its answer
 };
 
-/// A moment of a burn at which it is interrupted.
+/// Where a burn is interrupted.
 struct Moment {
   Interruption kind = Interruption::POWER;
-  std::size_t place = 0;  ///< POWER: a point, from 0; else a request, from 1
+  std::size_t place = 0;  ///< POWER: a cut (OperationLog.h), from 0; else a request, from 1
 };
 
-/// "1234", "killed:28", "dropped:28", and back. Parsing gives nothing for any other text.
+// The text of a moment: "1234", "killed:28" or "dropped:28". Parsing returns nothing for any other.
 std::string Describe(const Moment& moment);
 std::optional<Moment> ParseMoment(const std::string& text);
 

@@ -28,7 +28,7 @@ Cut NthCut(const LoggedOperation& operation, std::size_t index, std::size_t n) {
 
 namespace {
 
-/// Has `change` work on a copy of [start, start + size) and puts it back.
+/// Calls `change` with a copy of [start, start + size) and writes the result back.
 template <typename Change>
 void ChangeCells(const CellAccess& access, std::uint32_t start, std::size_t size,
                  const Change& change) {

@@ -1,4 +1,4 @@
-/// What a burn changed on each device, and the places where the plug can be pulled in it.
+/// The changes of a burn on each device, and the cuts: the places where power can be lost.
 #pragma once
 
 #include <cstddef>
@@ -13,11 +13,11 @@
 
 namespace rehearse {
 
-/// Where the plug is pulled.
+/// Where power is lost.
 enum class CutKind {
   AFTER_WORD,   ///< after a whole word of a write
-  TORN_WORD,    ///< a part of a word's bits written
-  TORN_ERASE,   ///< a part of a sector's cells erased
+  TORN_WORD,    ///< some bits of a word are written
+  TORN_ERASE,   ///< some cells of a sector are erased
   AFTER_ERASE,  ///< after a whole erase
 };
 
@@ -27,24 +27,25 @@ struct LoggedOperation {
   std::uint8_t chip = 0;
   std::uint32_t offset = 0;
   std::uint32_t size = 0;
-  device::Bytes bytes{};    ///< programmed; none for an erase
+  device::Bytes bytes{};    ///< to be programmed; empty for an erase
   std::size_t request = 0;  ///< from 1
 
-  /// How many cuts it has: of each word, or of the erase, a torn one and a whole one.
+  /// Number of cuts: two for each word, or two for the erase, one torn and one whole.
   std::size_t Cuts() const;
 };
 
-/// A place to pull the plug: within or after one operation of one device.
+/// Power is lost within or after one operation of one device.
 struct Cut {
   std::size_t operation = 0;
   CutKind kind = CutKind::AFTER_WORD;
   std::size_t word = 0;
 };
 
-/// Chance for a torn word, or a torn erase's cell: the same for the same place and seed.
+/// A pseudo-random number for a torn word, or a cell of a torn erase. The same seed and place give
+/// the same number.
 std::uint32_t Chance(unsigned seed, std::size_t operation, std::size_t place);
 
-/// A device's bytes, however they are kept: what is there, and how to set it.
+/// Access to a device's bytes, wherever they are stored.
 struct CellAccess {
   std::function<std::uint8_t(std::uint32_t offset)> held;
   std::function<void(std::uint32_t offset, std::uint8_t byte)> set;
@@ -53,12 +54,12 @@ struct CellAccess {
 /// The n-th cut of `operation`, which is the `index`-th of its device.
 Cut NthCut(const LoggedOperation& operation, std::size_t index, std::size_t n);
 
-/// Brings a memory from the cut before to this one: a word, or a sector.
+/// Changes a memory from its state at the previous cut to that at `cut`.
 void ApplyCut(const LoggedOperation& operation, device::MemoryKind memory, const Cut& cut,
               unsigned seed, const CellAccess& access);
 
-/// The changes of all devices, by node GUID. The points of a burn are the cuts of all devices, one
-/// device after the other.
+/// The changes of all devices, by node GUID. The points of a burn are the cuts of all devices,
+/// numbered from 0, device by device.
 class OperationLog {
  public:
   void Add(const sim::Operation& operation, std::size_t request);
@@ -69,8 +70,7 @@ class OperationLog {
   std::size_t PointsOf(device::Guid guid) const;
   std::size_t Points() const;
 
-  /// The device and the operation that a point lies in, and how many cuts of the device lie before
-  /// it.
+  /// The device and the operation of a point, and the number of the device's cuts before it.
   struct Place {
     device::Guid guid;
     const LoggedOperation& operation;
@@ -79,7 +79,7 @@ class OperationLog {
   /// Throws std::runtime_error where there is no such point.
   Place Locate(std::size_t point) const;
 
-  /// Brings a device, which is as before the burn, through its first `cuts` cuts.
+  /// Applies the first `cuts` cuts to a device that is as before the burn.
   void Replay(sim::Device& device, std::size_t cuts, unsigned seed) const;
 
  private:

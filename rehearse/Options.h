@@ -1,4 +1,4 @@
-/// What is rehearsed, and how.
+/// Options of a rehearsal.
 #pragma once
 
 #include <cstddef>
@@ -18,13 +18,13 @@ struct RehearsalOptions {
   std::string fwpush;                   ///< the program to rehearse with
   std::vector<device::Guid> guids;      ///< all devices of the fabric where empty
   std::vector<std::string> extra_args;  ///< for fwpush, such as "-m=8"
-  std::size_t recoveries = 0;           ///< how many to run; SIZE_MAX for one from every point
-  unsigned jobs = 1;                    ///< recoveries side by side
-  unsigned seed = 1;                    ///< of torn words, torn erases and the choice of recoveries
-  std::optional<Moment> at;             ///< only this one
+  std::size_t recoveries = 0;           ///< number of recoveries; SIZE_MAX for one from every point
+  unsigned jobs = 1;                    ///< recoveries at the same time
+  unsigned seed = 1;         ///< for torn words, torn erases and the choice of recoveries
+  std::optional<Moment> at;  ///< rehearse only this one
 };
 
-/// Told how far a rehearsal is: what it is doing, how much of it is done, and of how much.
+/// Called with the progress of a rehearsal: the current phase, and how much of it is done.
 using RehearsalProgress =
     std::function<void(const std::string& what, std::size_t done, std::size_t total)>;
 

@@ -11,10 +11,11 @@
 
 namespace rehearse {
 
-/// Spread evenly, with a seeded place in each stretch: every phase of the burn gets its share.
+/// Divides the burn into equal parts and chooses a random moment in each, so that every phase is
+/// tested.
 std::vector<Moment> Recoveries::Moments() const {
   if (_options.at) return {*_options.at};
-  // Where the burn itself ends wrongly, a second one cannot end well.
+  // Where an uninterrupted burn ends wrongly, the second one does, too.
   const std::size_t points = _burn.Log().Points();
   if (!_burn.EndsWell() || points == 0 || _options.recoveries == 0) return {};
   std::vector<Moment> moments;
@@ -77,11 +78,11 @@ void Recoveries::RecoverFrom(const Moment& moment) {
   Judge(fabric, moment, request, _burner.Burn(fabric, requests));
 }
 
-/// Brings the devices, which are as before the burn, to the moment.
+/// Brings the devices from their state before the burn to that at the moment.
 void Recoveries::Interrupt(sim::Fabric& fabric, const Moment& moment) const {
   if (moment.kind == Interruption::POWER) {
     const OperationLog::Place place = _burn.Log().Locate(moment.place);
-    // The others went on without the device.
+    // One device loses power; the burn of the others goes on.
     for (const auto& [guid, log] : _burn.Log().All()) {
       const std::size_t cuts = guid == place.guid ? place.cuts + 1 : SIZE_MAX;
       _burn.Log().Replay(*fabric.Find(guid), cuts, _options.seed);

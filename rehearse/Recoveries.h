@@ -1,4 +1,4 @@
-/// Interrupts a burn, burns again, and looks whether every device ends as it should.
+/// Interrupts a burn, burns again, and checks that every device ends in the right state.
 #pragma once
 
 #include <mutex>
@@ -14,12 +14,13 @@ namespace rehearse {
 
 class Recoveries {
  public:
-  /// All is borrowed; only the report is changed.
+  /// All arguments are borrowed; only the report is changed.
   Recoveries(const RehearsalOptions& options, const Subject& subject, const Burner& burner,
              const CleanBurn& burn, RehearsalReport& report)
       : _options(options), _subject(subject), _burner(burner), _burn(burn), _report(report) {}
 
-  /// From as many moments as the options ask for, several side by side. Throws std::runtime_error.
+  /// Runs as many recoveries as the options ask for, several at the same time. Throws
+  /// std::runtime_error.
   void Run(const RehearsalProgress& progress);
 
  private:
@@ -37,7 +38,7 @@ class Recoveries {
   const Burner& _burner;
   const CleanBurn& _burn;
   RehearsalReport& _report;
-  std::mutex _mutex;  ///< over the report, and over judges, which remember what they have computed
+  std::mutex _mutex;  ///< guards the report, and the judges, which cache results
 };
 
 }  // namespace rehearse

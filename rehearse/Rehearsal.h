@@ -1,6 +1,6 @@
-/// Rehearses a burn: pulls the plug at every step of it, on simulated devices, and looks whether
-/// every device still boots and whether the next burn recovers it. The burner runs as a process of
-/// its own; nothing of it is part of this program, which judges it.
+/// Rehearses a burn on simulated devices: interrupts it at every step, and checks that every device
+/// still boots and that the next burn recovers it. The burner runs as a child process. This program
+/// judges it, and contains no code of it.
 #pragma once
 
 #include "rehearse/Options.h"
@@ -8,7 +8,7 @@
 
 namespace rehearse {
 
-/// Rehearses. Throws std::runtime_error when it cannot.
+/// Throws std::runtime_error when the rehearsal is not possible.
 RehearsalReport Rehearse(const RehearsalOptions& options, const RehearsalProgress& progress = {});
 
 }  // namespace rehearse

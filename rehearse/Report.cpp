@@ -6,7 +6,7 @@ namespace rehearse {
 
 namespace {
 
-constexpr std::size_t MOST_EXCEPTIONS = 200;  ///< more of them tell nothing new
+constexpr std::size_t MOST_EXCEPTIONS = 200;  ///< more of them give no new information
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-/// What a rehearsal comes to.
+/// The results of a rehearsal.
 #pragma once
 
 #include <cstddef>
@@ -14,16 +14,16 @@
 
 namespace rehearse {
 
-/// A state in which a device does not surely boot, or did not recover. Neighbouring points at which
-/// a device is in the same state are one.
+/// A device may not boot, or was not recovered. Successive points with the same state of a device
+/// are one exception.
 struct RehearsalException {
   device::Guid device = 0;
-  std::optional<Moment> first = {};  ///< nothing for what is so before or after the burn
-  std::size_t points = 1;            ///< this and those that follow it
+  std::optional<Moment> first = {};  ///< nothing before the burn, and after its end
+  std::size_t points = 1;            ///< number of successive points
   std::size_t first_request = 0;     ///< from 1; 0 where there is none
   std::size_t last_request = 0;
   std::string command = {};  ///< of the first request
-  std::string step = {};     ///< what was being changed
+  std::string step = {};     ///< the part of the memory that was being changed
   std::string state = {};
   std::string reason = {};
 };
@@ -39,20 +39,20 @@ struct RehearsalReport {
   std::size_t boot_old = 0;
   std::size_t boot_new = 0;
   std::size_t unbootable = 0;
-  std::size_t may_not_boot = 0;  ///< points with a whole image, and another slot that boots what is
-                                 ///< not whole
+  std::size_t may_not_boot = 0;  ///< points with a whole image, and another slot that boots an
+                                 ///< image that is not whole
   std::map<Interruption, std::size_t> recoveries;
   std::size_t unrecovered = 0;
   double seconds = 0;
   std::vector<RehearsalException> exceptions;
-  std::size_t exceptions_left_out = 0;  ///< of which there were too many to keep
+  std::size_t exceptions_left_out = 0;  ///< not kept, because there are too many
 
   std::size_t Points() const;
   bool IsWell() const { return exceptions.empty() && exceptions_left_out == 0; }
 
-  /// Counts a point by what the device is worth there.
+  /// Counts a point by the verdict on the device there.
   void Count(CutKind kind, const device::Verdict& verdict);
-  /// Keeps an exception; false where there are too many already.
+  /// Keeps an exception. False where too many are kept already.
   bool Add(RehearsalException exception);
 };
 

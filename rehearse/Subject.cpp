@@ -12,14 +12,14 @@ namespace rehearse {
 
 Subject::Subject(const RehearsalOptions& options) : _options(options) {
   sim::LoadFabric(options.fabric_file, {}, _start);
-  _start.faults = {};  // the only thing that goes wrong here is what the rehearsal does
+  _start.faults = {};  // only the rehearsal injects faults
   _image = sim::ReadImageFile(options.image_file);
   ChooseDevices();
   for (const device::Guid guid : _guids) _judges.emplace(guid, MakeJudge(*_start.Find(guid)));
 }
 
 void Subject::ChooseDevices() {
-  std::set<device::Guid> guids;  // a device may be named by each of its GUIDs
+  std::set<device::Guid> guids;  // options may name a device by any of its GUIDs
   for (const device::Guid guid : _options.guids) {
     const sim::Device* device = _start.Find(guid);
     if (device == nullptr) {
@@ -33,8 +33,8 @@ void Subject::ChooseDevices() {
   _guids.assign(guids.begin(), guids.end());
 }
 
-/// What is whole comes from the image files themselves where the fabric file names them, and not
-/// from the burn that is on trial.
+/// The judge takes the old images from their files, where the fabric file names them; the result of
+/// a burn under test must not define what is whole.
 device::Judge Subject::MakeJudge(const sim::Device& device) const {
   const device::Memory memory = sim::MemoryOf(device, _image);
   if (!memory.Holds(0, memory.sector_size)) {
@@ -47,7 +47,8 @@ device::Judge Subject::MakeJudge(const sim::Device& device) const {
       sim::KnowImageFile(judge, device, file, device::Whole::OLD);
     }
   } catch (const sim::JudgeError&) {
-    judge.KnowPresentImages();  // an image of another make: what boots must do
+    judge.KnowPresentImages();  // an image with another layout: the images that boot now are the
+                                // known ones
   }
   if (device.images.empty()) judge.KnowPresentImages();
   judge.KnowPresentInvariantSector();
@@ -86,7 +87,7 @@ std::optional<std::uint32_t> Subject::LinearOf(std::uint8_t chip, std::uint32_t 
 
 std::string Subject::StepAt(device::Guid guid, const LoggedOperation& operation) const {
   const auto linear = LinearOf(operation.chip, operation.offset);
-  if (!linear) return "what the device map leaves out";
+  if (!linear) return "memory outside the device map";
   const std::uint32_t addr = *linear;
   const std::uint32_t sector = sim::SectorSizeOf(*_start.Find(guid));
   const device::BootLayout layout = sim::LayoutOf(_image, _options.image_file, sector);

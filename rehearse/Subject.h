@@ -1,5 +1,4 @@
-/// What a rehearsal is about: the devices as they are before the burn, the image, and what is right
-/// for each of them afterwards.
+/// The devices as they are before the burn, the image, and the right state of each device after it.
 #pragma once
 
 #include <cstdint>
@@ -18,30 +17,29 @@ namespace rehearse {
 
 class Subject {
  public:
-  /// Loads the fabric and the image. `options` is borrowed. Throws std::runtime_error when it
-  /// cannot.
+  /// Loads the fabric and the image. `options` is borrowed. Throws std::runtime_error.
   explicit Subject(const RehearsalOptions& options);
 
-  /// The devices that are burnt, by node GUID, ascending.
+  /// The node GUIDs of the devices to burn, ascending.
   const std::vector<device::Guid>& Guids() const { return _guids; }
   bool HasBootRecords() const { return _image.Slots() == device::SlotKind::BOOT_RECORDS; }
   device::MemoryKind MemoryKindOf(device::Guid guid) const;
 
-  /// A judge over a device as it was before the burn.
+  /// The judge of a device, with the memory as it was before the burn.
   const device::Judge& JudgeOf(device::Guid guid) const { return _judges.at(guid); }
   bool BootsAtStart(device::Guid guid) const { return JudgeOf(guid).Look().BootsWhole(); }
-  /// Fills an empty fabric with all devices as they were before the burn.
+  /// Copies all devices, as they were before the burn, to an empty fabric.
   void CopyTo(sim::Fabric& fabric) const;
 
-  /// What a device of another fabric, burnt from the same start, is worth.
+  /// The verdict on a device of another fabric that was burnt from the same starting state.
   device::Verdict VerdictOn(const sim::Fabric& fabric, device::Guid guid) const;
-  /// Whether it is what a burn must end with: one slot of a flash boots and is new, and both of an
-  /// RV61300.
+  /// Whether a burn may end with this verdict: of a flash, exactly one slot boots and it is new; of
+  /// an RV61300, both are.
   bool IsAsItShouldEnd(const device::Verdict& verdict) const;
 
-  /// Where a byte of a chip lies in the image's address space; nothing past its device map.
+  /// The linear address of a byte of a chip; nothing outside the device map.
   std::optional<std::uint32_t> LinearOf(std::uint8_t chip, std::uint32_t offset) const;
-  /// What an operation changes, in the words of the layout.
+  /// The part of the image layout that an operation changes, for the report.
   std::string StepAt(device::Guid guid, const LoggedOperation& operation) const;
 
  private:

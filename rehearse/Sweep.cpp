@@ -4,7 +4,7 @@ namespace rehearse {
 
 namespace {
 
-/// One device, from its first cut to its last.
+/// The sweep of one device.
 class DeviceSweep {
  public:
   DeviceSweep(const RehearsalOptions& options, const Subject& subject, const CleanBurn& burn,
@@ -16,7 +16,7 @@ class DeviceSweep {
         _report(report),
         _judge(subject.JudgeOf(guid)) {}
 
-  /// `point` is that of the device's first cut.
+  /// `point` is the number of the device's first cut.
   void Run(std::size_t point, const RehearsalProgress& progress) {
     const std::vector<LoggedOperation>& log = _burn.Log().Of(_guid);
     const device::MemoryKind memory = _subject.MemoryKindOf(_guid);
@@ -76,7 +76,7 @@ class DeviceSweep {
   device::Guid _guid;
   RehearsalReport& _report;
   device::Judge _judge;
-  device::Verdict _last;  ///< of the point before, where that is an exception
+  device::Verdict _last;  ///< of the previous point, where that was an exception
   bool _goes_on = false;
 };
 

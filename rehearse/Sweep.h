@@ -1,4 +1,4 @@
-/// Pulls the plug at every point of a burn and looks whether the device still boots.
+/// Cuts the power at every point of a burn, and checks that the device still boots.
 #pragma once
 
 #include "rehearse/CleanBurn.h"
@@ -8,7 +8,8 @@
 
 namespace rehearse {
 
-/// Judges every device that booted before at every cut of its log, or at the one that is asked for.
+/// Judges every device that booted before the burn, at each cut of its log or only at the one in
+/// the options.
 void Sweep(const RehearsalOptions& options, const Subject& subject, const CleanBurn& burn,
            const RehearsalProgress& progress, RehearsalReport& report);
 

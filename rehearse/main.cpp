@@ -1,4 +1,4 @@
-/// fwpush-rehearse: pulls the plug at every step of a burn, on simulated devices.
+/// fwpush-rehearse: interrupts a burn on simulated devices at every step.
 
 #include <unistd.h>
 
@@ -27,7 +27,7 @@ struct Options : rehearse::RehearsalOptions {
   bool is_not_failsafe = false;
 };
 
-/// A bar on a terminal, a line for each tenth otherwise.
+/// Prints a progress bar on a terminal, and else a line now and then.
 class Progress {
  public:
   void operator()(const std::string& what, std::size_t done, std::size_t total) {
@@ -157,7 +157,7 @@ nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
           {"exceptions", exceptions}};
 }
 
-/// The devices of -g, by fwpush's own rules; none: all.
+/// The devices of -g, in the syntax of fwpush; none means all.
 std::vector<device::Guid> ParseGuids(const std::string& list) {
   std::set<device::Guid> guids;
   try {
@@ -169,19 +169,18 @@ std::vector<device::Guid> ParseGuids(const std::string& list) {
   return {guids.begin(), guids.end()};
 }
 
-/// Lets the switches that fwpush has, too, take their values as it takes them: "-m=8". The parser
-/// knows "-m8".
+/// Rewrites switches in the form of fwpush, "-m=8", to the form of the parser, "-m8".
 void TakeEqualsSigns(int argc, char* argv[]) {
   for (char* word : std::span(argv, static_cast<std::size_t>(argc))) {
     const std::string_view text = word;
     const bool is_switch =
         text.starts_with("-f=") || text.starts_with("-g=") || text.starts_with("-m=");
-    // An empty value is left to the parser to refuse: it would take the next word for it.
+    // Keep "-m=": the parser refuses it. For "-m" it would take the next word as the value.
     if (is_switch && text.size() > 3) std::memmove(word + 2, word + 3, text.size() - 2);
   }
 }
 
-/// What the words of the command line mean for the rehearsal. Throws UsageError.
+/// Converts the values of the command line to options of the rehearsal. Throws UsageError.
 void TakeWords(Options& options) {
   options.guids = ParseGuids(options.guid_words);
   if (options.recover == "all") {
@@ -201,7 +200,7 @@ void TakeWords(Options& options) {
 
 int Run(Options& options) {
   TakeWords(options);
-  // What cannot be written in the end had better be known before.
+  // Open the file first: the rehearsal takes long, and this may fail.
   std::ofstream json;
   if (!options.json_file.empty()) {
     json.open(options.json_file);
