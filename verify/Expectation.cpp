@@ -4,11 +4,11 @@
 
 #include "device/Chip.h"
 
-namespace tools {
+namespace verify {
 
 namespace {
 
-/// A memory as far as the regions reach: writes elsewhere leave no trace.
+/// Applies a burn to the expected bytes of the regions. Ignores writes outside of them.
 class RegionTarget : public device::BurnTarget {
  public:
   RegionTarget(std::span<ComparedRegion> regions, bool is_flash)
@@ -25,8 +25,8 @@ class RegionTarget : public device::BurnTarget {
   }
 
  private:
-  /// Calls `change` with the cells of each region in [addr, addr + size), and how far behind `addr`
-  /// they begin.
+  /// Calls `change` for each region that overlaps [addr, addr + size), with the cells in that range
+  /// and their distance from `addr`.
   template <typename Change>
   void ForEachPart(std::uint32_t addr, std::uint64_t size, const Change& change) {
     for (ComparedRegion& region : _regions) {
@@ -43,6 +43,18 @@ class RegionTarget : public device::BurnTarget {
 };
 
 }  // namespace
+
+bool CanBeBurntIntoSlots(const device::Image& image) {
+  if (image.Slots() == device::SlotKind::NONE) return false;
+  constexpr std::uint32_t ANY_SECTOR_SIZE = 1;  // that of the device is not known yet
+  try {
+    device::Burn(image, device::BurnKind::FAILSAFE, device::Burn::FieldValues{})
+        .CheckImage(ANY_SECTOR_SIZE);
+    return true;
+  } catch (const device::BurnError&) {
+    return false;
+  }
+}
 
 void Expectation::Write(std::span<ComparedRegion> regions, device::BurnKind kind,
                         const device::Plan& plan) const {
@@ -85,4 +97,4 @@ void Expectation::BootRecordBurn(std::span<ComparedRegion> regions, std::uint32_
   Write(regions, device::BurnKind::FAILSAFE, {.slots = {first, 1 - first}});
 }
 
-}  // namespace tools
+}  // namespace verify

@@ -1,6 +1,6 @@
-/// What a burn must have left in the parts of a device's memory that are compared. Told by the
-/// judge of burns (device/Burn.h), and not by the burner: a mistake of the burner must not acquit
-/// itself.
+/// Predicts what a burn leaves in the compared parts of a device's memory. Uses the judge's rules
+/// of burns (device/Burn.h) and no code of the burner: otherwise a mistake of the burner would also
+/// be in the prediction, and stay undetected.
 #pragma once
 
 #include <cstdint>
@@ -9,42 +9,37 @@
 
 #include "device/Burn.h"
 #include "device/Image.h"
+#include "verify/ComparedRegion.h"
 
-namespace tools {
+namespace verify {
 
-/// Bytes of a device's memory that one section of an image fills.
-struct ComparedRegion {
-  const device::Section* section = nullptr;  ///< borrowed from the image
-  std::uint32_t addr = 0;                    ///< linear, where the burn puts it
-  device::Bytes expected{};                  ///< what the burn leaves there; as long as the section
-  device::Bytes found{};                     ///< what the device holds there
-
-  std::uint64_t End() const { return addr + section->data.size(); }
-};
-
-/// Why nobody can tell what a burn would leave: it would fail by itself.
+/// The result of a burn cannot be predicted, because the burn would fail.
 struct CannotPredict {
   std::string reason;
 };
 
-/// Tells of one device. The image is borrowed.
+/// Whether the image has all that a failsafe burn needs.
+bool CanBeBurntIntoSlots(const device::Image& image);
+
+/// Predicts for one device. The image is borrowed.
 class Expectation {
  public:
-  /// `sector_size` is 0 for a memory without sectors. What `values` throws passes through.
+  /// `sector_size` is 0 for a memory without sectors. What `values` throws is passed on.
   Expectation(const device::Image& image, std::uint32_t sector_size,
               device::Burn::FieldValues values)
       : _image(image), _sector_size(sector_size), _values(std::move(values)) {}
 
-  // Each sets `expected` of the regions, whatever was there. They throw CannotPredict.
+  // Each replaces `expected` of the regions. They throw CannotPredict.
 
-  /// All sections where they stand.
+  /// A burn of all sections to their addresses in the image.
   void PlainBurn(std::span<ComparedRegion> regions) const;
-  /// A slot with a pointer sector. `keeps_invariant`: the sections of the invariant sector, which
-  /// stand first, were found as the image has them, and then a burn leaves them so.
+  /// A failsafe burn into a slot with a pointer sector. The regions of the invariant sector, if
+  /// any, are first. `keeps_invariant`: the device held them as they are in the image, and the
+  /// burn did not rewrite them.
   void PointerSectorBurn(std::span<ComparedRegion> regions, std::uint32_t slot,
                          bool keeps_invariant) const;
-  /// Both slots with boot records, `first` before the other. The order matters where the image
-  /// marks a field or a CRC in one slot only.
+  /// A failsafe burn into both slots with boot records, `first` before the other one. The order
+  /// matters where the image marks a field or a CRC in one slot only.
   void BootRecordBurn(std::span<ComparedRegion> regions, std::uint32_t first) const;
 
  private:
@@ -56,4 +51,4 @@ class Expectation {
   device::Burn::FieldValues _values;
 };
 
-}  // namespace tools
+}  // namespace verify

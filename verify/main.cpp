@@ -1,4 +1,4 @@
-/// fwpush-verify: looks whether devices hold what a burn must have left.
+/// fwpush-verify: checks that devices hold what a burn must have left.
 
 #include "src/main.h"
 
@@ -13,16 +13,16 @@
 
 namespace {
 
-/// So many devices in a row to which the server is no way, and it is given up.
+/// After failures of the server with so many devices in a row, the others are not tried.
 constexpr int MOST_FAILURES = 3;
 
-std::string Slots(const std::vector<u_int32_t>& slots) {
+std::string Slots(const std::vector<std::uint32_t>& slots) {
   if (slots.empty()) return "none";
   return slots.size() == 2 ? "0 and 1" : std::to_string(slots.front());
 }
 
-/// What was compared, what is valid and what boots.
-std::string SlotText(const tools::DeviceFinding& finding) {
+/// Which slots were compared, which are marked valid, and which boots.
+std::string SlotText(const verify::DeviceFinding& finding) {
   std::string text;
   if (finding.compared > 0) {
     text = finding.slots.empty() ? "compared all sections, "
@@ -33,21 +33,21 @@ std::string SlotText(const tools::DeviceFinding& finding) {
   return text + (boots ? "boots slot " + std::to_string(*boots) : "nothing boots");
 }
 
-void Print(const tools::DeviceFinding& finding) {
+void Print(const verify::DeviceFinding& finding) {
   std::cout << common::HexGuid(finding.guid) << " " << Name(finding.state);
   if (finding.compared > 0) {
     std::cout << ": " << std::dec;
-    if (finding.state != tools::DeviceFinding::IDENTICAL) std::cout << finding.different << " of ";
+    if (finding.state != verify::DeviceFinding::IDENTICAL) std::cout << finding.different << " of ";
     std::cout << finding.compared << " bytes";
   }
   if (!finding.reason.empty()) std::cout << ": " << common::Printable(finding.reason);
   if (finding.knows_slots) std::cout << "; " << SlotText(finding);
   std::cout << "\n";
-  for (const tools::Difference& difference : finding.differences) {
-    std::cout << Text("  ", common::Printable(difference.section), "+0x", std::hex,
-                      difference.offset, " at 0x", difference.addr, ": expected ", std::setw(2),
-                      std::setfill('0'), u_int32_t{difference.expected}, ", found ", std::setw(2),
-                      u_int32_t{difference.found}, "\n");
+  for (const verify::Difference& difference : finding.differences) {
+    std::cout << common::Text("  ", common::Printable(difference.section), "+0x", std::hex,
+                              difference.offset, " at 0x", difference.addr, ": expected ",
+                              std::setw(2), std::setfill('0'), std::uint32_t{difference.expected},
+                              ", found ", std::setw(2), std::uint32_t{difference.found}, "\n");
   }
   if (finding.different > finding.differences.size() && !finding.differences.empty()) {
     std::cout << "  and " << std::dec << finding.different - finding.differences.size()
@@ -56,9 +56,9 @@ void Print(const tools::DeviceFinding& finding) {
   std::cout.flush();
 }
 
-nlohmann::json Json(const tools::DeviceFinding& finding) {
+nlohmann::json Json(const verify::DeviceFinding& finding) {
   nlohmann::json differences = nlohmann::json::array();
-  for (const tools::Difference& difference : finding.differences) {
+  for (const verify::Difference& difference : finding.differences) {
     differences.push_back({{"section", difference.section},
                            {"offset", difference.offset},
                            {"address", difference.addr},
@@ -77,7 +77,7 @@ nlohmann::json Json(const tools::DeviceFinding& finding) {
           {"differences", differences}};
 }
 
-/// The command line in the form that CLI11 reads: fwpush takes "-g=10", too.
+/// Splits "-g=10", which fwpush accepts, into the two words that the parser accepts.
 std::vector<std::string> Words(int argc, char* argv[]) {
   std::vector<std::string> words;
   for (int i = 0; i < argc; ++i) {
@@ -107,7 +107,7 @@ struct Options {
   bool is_json = false;
 };
 
-/// Verifies device by device, and tells of each at once or, for machines, of all in the end.
+/// Verifies all devices. Prints each result at once, or with --json all at the end.
 class Run {
  public:
   explicit Run(const Options& options) : _options(options) {}
@@ -116,8 +116,8 @@ class Run {
   int VerifyAll(const GuidSet& devices) {
     try {
       if (_options.save) std::filesystem::create_directories(*_options.save);
-      tools::Verifier verifier(_options.image, _options.server, CHOICES.at(_options.slot),
-                               _options.save);
+      verify::Verifier verifier(_options.image, _options.server, CHOICES.at(_options.slot),
+                                _options.save);
       std::cerr << verifier.Warnings();
       if (!verifier.HasSlots() && (_options.slot == "0" || _options.slot == "1")) {
         return TellUsage("--slot " + _options.slot + ": the image is for no slots");
@@ -140,30 +140,30 @@ class Run {
     return _is_well ? common::ALL_WELL : common::DIFFERS;
   }
 
-  static inline const std::map<std::string, tools::SlotChoice> CHOICES = {
-      {"0", tools::SlotChoice::FIRST},
-      {"1", tools::SlotChoice::SECOND},
-      {"auto", tools::SlotChoice::AUTO},
-      {"none", tools::SlotChoice::NONE}};
+  static inline const std::map<std::string, verify::SlotChoice> CHOICES = {
+      {"0", verify::SlotChoice::FIRST},
+      {"1", verify::SlotChoice::SECOND},
+      {"auto", verify::SlotChoice::AUTO},
+      {"none", verify::SlotChoice::NONE}};
 
  private:
-  tools::DeviceFinding Finding(tools::Verifier& verifier, Guid guid) {
-    tools::DeviceFinding finding;
+  verify::DeviceFinding Finding(verify::Verifier& verifier, Guid guid) {
+    verify::DeviceFinding finding;
     if (_failures_in_a_row == MOST_FAILURES) {
       finding.guid = guid;
-      finding.state = tools::DeviceFinding::UNREACHABLE;
+      finding.state = verify::DeviceFinding::UNREACHABLE;
       finding.reason = "not tried: " + _last_failure;
       return finding;
     }
     finding = verifier.Verify(guid);
-    const bool was_read = finding.state == tools::DeviceFinding::IDENTICAL ||
-                          finding.state == tools::DeviceFinding::DIFFERENT;
+    const bool was_read = finding.state == verify::DeviceFinding::IDENTICAL ||
+                          finding.state == verify::DeviceFinding::DIFFERENT;
     _failures_in_a_row = !finding.failure.empty() && !was_read ? _failures_in_a_row + 1 : 0;
     return finding;
   }
 
-  void Take(const tools::DeviceFinding& finding) {
-    _is_well &= finding.state == tools::DeviceFinding::IDENTICAL;
+  void Take(const verify::DeviceFinding& finding) {
+    _is_well &= finding.state == verify::DeviceFinding::IDENTICAL;
     if (_options.is_json) {
       _findings.push_back(Json(finding));
     } else {
@@ -172,7 +172,7 @@ class Run {
     if (!finding.failure.empty()) Fail(finding.failure);
   }
 
-  /// Each text once where it repeats itself.
+  /// Records a failure, and prints it unless it repeats the previous one.
   void Fail(const std::string& text) {
     if (_failure.empty()) _failure = text;
     if (text != _last_failure) {
@@ -212,7 +212,7 @@ int main(int argc, char* argv[]) {
     GuidSet devices;
     try {
       for (const std::string& list : options.guids) GetTargeGuids(list, devices);
-      tools::CheckServerForm(options.server);
+      verify::CheckServerForm(options.server);
     } catch (const BraidError& error) {
       return TellUsage(error.Des());
     }

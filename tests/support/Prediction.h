@@ -11,8 +11,8 @@
 #include "src/FwImage.h"
 #include "verify/Expectation.h"
 
-using tools::CannotPredict;
-using tools::ComparedRegion;
+using verify::CannotPredict;
+using verify::ComparedRegion;
 
 /// Predicts for one device. All that it is given is borrowed. The image is as it was after each
 /// call, but for the fields that a burn without slots forgets.

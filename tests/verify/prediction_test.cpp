@@ -5,10 +5,10 @@
 #include <map>
 #include <optional>
 
-#include "common/QuietConsole.h"
 #include "device/ImageFile.h"
 #include "tests/support/support.h"
 #include "verify/Expectation.h"
+#include "verify/QuietConsole.h"
 
 namespace {
 
@@ -155,15 +155,15 @@ class PredictionTest : public ConsoleTest {
 
   /// Has both tell, and counts what they say.
   void Compare(const Regions& regions, u_int32_t sector_size,
-               const std::function<void(const tools::Expectation&, Regions&)>& judge,
+               const std::function<void(const verify::Expectation&, Regions&)>& judge,
                const std::function<void(Predictor&, Regions&)>& burner) {
-    const tools::Expectation expectation(
+    const verify::Expectation expectation(
         _image, sector_size, [this](device::FieldType type) { return _values.Value(type); });
     Predictor predictor(*_burnt, sector_size, [this](FieldType type) {
       return _values.Value(static_cast<device::FieldType>(static_cast<int>(type) - 1));
     });
     const std::string told = Told(regions, [&](Regions& own) { judge(expectation, own); });
-    const common::QuietConsole quiet;
+    const verify::QuietConsole quiet;
     const std::string burnt = Told(regions, [&](Regions& own) { burner(predictor, own); });
     const bool can_tell = !told.starts_with("cannot predict: ");
     ++(can_tell ? _told : _refused);
@@ -197,7 +197,7 @@ TEST_F(PredictionTest, JudgeAndBurnerAgreeOnPlainBurns) {
     for (const device::Section& section : _image.sections) Add(regions, section.addr, section.addr);
     ASSERT_NO_FATAL_FAILURE(Compare(
         regions, is_flash ? SECTOR : 0,
-        [](const tools::Expectation& judge, Regions& own) { judge.PlainBurn(own); },
+        [](const verify::Expectation& judge, Regions& own) { judge.PlainBurn(own); },
         [](Predictor& burner, Regions& own) { burner.GenericBurn(own); }));
   }
   EXPECT_GT(_told, IMAGES_A_KIND / 5);
@@ -215,7 +215,7 @@ TEST_F(PredictionTest, JudgeAndBurnerAgreeOnSlotsWithPointerSectors) {
     AddSlot(regions, slot);
     ASSERT_NO_FATAL_FAILURE(Compare(
         regions, SECTOR,
-        [&](const tools::Expectation& judge, Regions& own) {
+        [&](const verify::Expectation& judge, Regions& own) {
           judge.PointerSectorBurn(own, slot, keeps_invariant);
         },
         [&](Predictor& burner, Regions& own) {
@@ -235,7 +235,7 @@ TEST_F(PredictionTest, JudgeAndBurnerAgreeOnSlotsWithBootRecords) {
     AddSlot(regions, 1);
     ASSERT_NO_FATAL_FAILURE(Compare(
         regions, 0,
-        [&](const tools::Expectation& judge, Regions& own) { judge.BootRecordBurn(own, first); },
+        [&](const verify::Expectation& judge, Regions& own) { judge.BootRecordBurn(own, first); },
         [&](Predictor& burner, Regions& own) { burner.BootRecordBurn(own, first); }));
   }
   EXPECT_GT(_told, IMAGES_A_KIND / 5);

@@ -16,8 +16,8 @@
 
 namespace {
 
-using tools::DeviceFinding;
-using tools::SlotChoice;
+using verify::DeviceFinding;
+using verify::SlotChoice;
 
 class VerifyTest : public ConsoleTest {
  protected:
@@ -49,7 +49,7 @@ class VerifyTest : public ConsoleTest {
   DeviceFinding Verify(const std::string& file, Guid guid, SlotChoice choice = SlotChoice::AUTO,
                        const std::optional<std::string>& save = {}) {
     protocol::ServerThread server(_fabric);
-    tools::Verifier verifier(file, server.ServerString(), choice, save);
+    verify::Verifier verifier(file, server.ServerString(), choice, save);
     DeviceFinding finding;
     EXPECT_EQ(OutputOf([&] { finding = verifier.Verify(guid); }), "");
     for (const std::string& request : server.Requests()) {
@@ -356,7 +356,7 @@ TEST_F(VerifyTest, EachDevicesOwnFieldsAndCrcsAreExpected) {
   const DeviceFinding finding = Verify(file, 0x20);
   EXPECT_EQ(finding.state, DeviceFinding::DIFFERENT);
   std::vector<u_int32_t> addrs;
-  for (const tools::Difference& difference : finding.differences) addrs.push_back(difference.addr);
+  for (const verify::Difference& difference : finding.differences) addrs.push_back(difference.addr);
   ASSERT_GE(addrs.size(), 6u);
   EXPECT_EQ(std::vector<u_int32_t>(addrs.begin(), addrs.begin() + 5),
             (std::vector<u_int32_t>{7, 15, 23, 31, 39}));
@@ -655,7 +655,7 @@ TEST_F(VerifyTest, MemoryOutsideTheImageThatCannotBeReadForASaveLeavesTheVerdict
 
 TEST_F(VerifyTest, ServerThatCannotBeUsedIsNoDevicesFault) {
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
-  tools::Verifier verifier(file, "IB:127.0.0.1:1", SlotChoice::AUTO, {});
+  verify::Verifier verifier(file, "IB:127.0.0.1:1", SlotChoice::AUTO, {});
   const DeviceFinding finding = verifier.Verify(0x10);
   EXPECT_EQ(finding.state, DeviceFinding::UNREACHABLE);
   EXPECT_EQ(finding.reason, "Failed connecting to 127.0.0.1:1 .");

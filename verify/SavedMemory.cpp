@@ -1,0 +1,86 @@
+#include "verify/SavedMemory.h"
+
+#include <algorithm>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include "common/Files.h"
+#include "common/Text.h"
+#include "src/BraidGeneral.h"
+#include "verify/ComparedRegion.h"
+#include "verify/Expectation.h"
+
+namespace verify {
+
+namespace {
+
+/// In bytes; where the end of the memory is not known, as far as the image reaches.
+std::uint64_t MemorySize(const device::Image& image, const DeviceReader& reader) {
+  if (const auto end = reader.KnownEnd()) return *end;
+  std::vector<ComparedRegion> regions;
+  for (const device::Section& section : image.sections) AddSection(regions, section, section.addr);
+  if (CanBeBurntIntoSlots(image)) AddSlot(regions, image, 1);
+  std::uint64_t size = 0;
+  for (const ComparedRegion& region : regions) size = std::max(size, region.End());
+  return size;
+}
+
+void SaveChip(DeviceReader& reader, const std::filesystem::path& path, std::uint64_t start,
+              std::uint64_t size) {
+  const auto keep = [](const auto& action) {
+    try {
+      action();
+    } catch (const std::runtime_error& error) {
+      throw SaveFailure{error.what()};
+    }
+  };
+  std::optional<common::NewFile> file;
+  keep([&] { file.emplace(path); });
+  reader.ReadPieces(
+      static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(size),
+      [&](std::span<const std::uint8_t> piece) {
+        keep([&] { file->Write({reinterpret_cast<const char*>(piece.data()), piece.size()}); });
+      });
+  keep([&] { file->Keep(); });
+}
+
+void SaveChips(const device::Image& image, DeviceReader& reader,
+               const std::filesystem::path& folder) {
+  const std::uint64_t size = MemorySize(image, reader);
+  if (size > MOST_SAVED) {
+    throw SaveFailure{common::Text("the memory of ", common::HexGuid(reader.AskedGuid()), " has ",
+                                   size, " bytes, and no more than ", MOST_SAVED, " are saved")};
+  }
+  const std::string head = common::HexGuid(reader.NodeGuid());
+  if (reader.IsFlash() || image.map.empty()) {
+    SaveChip(reader, folder / (head + (reader.IsFlash() ? ".flash" : ".0.i2c")), 0, size);
+    return;
+  }
+  std::uint64_t start = 0;
+  for (const device::MappedChip& mapped : image.map) {
+    SaveChip(reader, folder / common::Text(head, ".", std::hex, std::uint32_t{mapped.chip}, ".i2c"),
+             start, mapped.size);
+    start += mapped.size;
+  }
+}
+
+}  // namespace
+
+void SaveMemory(const device::Image& image, DeviceReader& reader,
+                const std::filesystem::path& folder) {
+  const auto fail = [&](const std::string& reason) {
+    throw SaveFailure{"can't save the memory of " + common::HexGuid(reader.AskedGuid()) + ": " +
+                      reason};
+  };
+  try {
+    SaveChips(image, reader, folder);
+  } catch (const Unreadable& failure) {
+    fail(failure.reason);
+  } catch (const BraidError& error) {
+    const std::string reason = reader.FailureReason();
+    fail(reason.empty() ? error.Des() : reason);
+  }
+}
+
+}  // namespace verify
