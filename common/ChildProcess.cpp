@@ -1,7 +1,6 @@
 #include "common/ChildProcess.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
@@ -177,17 +176,6 @@ Channel MakeRawTerminal() {
     ThrowSystemError("can't make a terminal");
   }
   return channel;
-}
-
-bool WaitUntilReadable(int fd, int other, steady_clock::time_point deadline) {
-  pollfd waiting[] = {{fd, POLLIN, 0}, {other, POLLIN, 0}};
-  for (;;) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now()).count();
-    const int ready = poll(waiting, 2, left > 0 ? static_cast<int>(left) : 0);
-    if (ready >= 0) return ready > 0;
-    if (errno != EINTR) ThrowSystemError("can't wait");
-  }
 }
 
 }  // namespace common

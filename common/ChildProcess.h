@@ -83,8 +83,4 @@ Channel MakeTerminal();
 /// on unchanged.
 Channel MakeRawTerminal();
 
-/// Waits until one of two descriptors is readable; the second may be negative. False when the
-/// deadline comes first.
-bool WaitUntilReadable(int fd, int other, std::chrono::steady_clock::time_point deadline);
-
 }  // namespace common

@@ -1,8 +1,10 @@
-/// Ownership of file descriptors.
+/// File descriptors: their owner, and reading and writing that is not done in one call.
 #pragma once
 
 #include <unistd.h>
 
+#include <chrono>
+#include <span>
 #include <utility>
 
 namespace common {
@@ -29,5 +31,14 @@ class Descriptor {
  private:
   int _fd;
 };
+
+/// Writes all of `bytes`; false, with errno set, where that fails.
+bool WriteAll(int fd, std::span<const char> bytes);
+/// The same to a socket. A connection that the other end has closed raises no signal.
+bool SendAll(int socket, std::span<const char> bytes);
+
+/// Waits until one of two descriptors can be read from; the second may be negative. False when the
+/// deadline comes first. Throws std::system_error.
+bool WaitUntilReadable(int fd, int other, std::chrono::steady_clock::time_point deadline);
 
 }  // namespace common

@@ -60,12 +60,7 @@ NewFile::~NewFile() {
 }
 
 void NewFile::Write(std::span<const char> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = write(_file.Get(), bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) Throw();
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
-  }
+  if (!WriteAll(_file.Get(), bytes)) Throw();
 }
 
 const std::string& NewFile::Close() {

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "common/ScratchFolder.h"
+
 // Linked in the place of AssertionFailed.
 extern "C" [[noreturn]] void __wrap__Z15AssertionFailedPKcS0_jS0_(const char*, const char*,
                                                                   unsigned, const char*);
@@ -19,8 +21,6 @@ void __wrap__Z15AssertionFailedPKcS0_jS0_(const char* expression, const char*, u
 }
 
 namespace fuzz {
-
-namespace fs = std::filesystem;
 
 u_int8_t Input::Byte() {
   if (_rest.empty()) return 0;
@@ -73,20 +73,12 @@ namespace {
 class NamedMemory {
  public:
   NamedMemory() : _fd(memfd_create("fuzz", MFD_CLOEXEC)) {
-    std::string folder = fs::temp_directory_path() / "fwpush-fuzz-XXXXXX";
-    Must(mkdtemp(folder.data()) != nullptr, "there is room for a folder");
-    _folder = folder;
     const std::string process = "/proc/" + std::to_string(getpid());
-    fs::create_symlink(process + "/fd/" + std::to_string(_fd), _folder / "memory.img");
-    _link = _folder / "memory.img";
+    std::filesystem::create_symlink(process + "/fd/" + std::to_string(_fd), _link);
   }
   NamedMemory(const NamedMemory&) = delete;
   NamedMemory& operator=(const NamedMemory&) = delete;
-  ~NamedMemory() {
-    close(_fd);
-    std::error_code ignored;
-    fs::remove_all(_folder, ignored);
-  }
+  ~NamedMemory() { close(_fd); }
 
   void Set(std::string_view content) const {
     const bool is_set = ftruncate(_fd, 0) == 0 && pwrite(_fd, content.data(), content.size(), 0) ==
@@ -97,8 +89,8 @@ class NamedMemory {
 
  private:
   int _fd;
-  fs::path _folder;  // of our own
-  std::string _link;
+  common::ScratchFolder _folder{"fwpush-fuzz"};
+  std::string _link = _folder / "memory.img";
 };
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/Json.h"
 #include "common/Text.h"
 #include "device/ImageFile.h"
 #include "fwimg/Commands.h"
@@ -104,8 +105,7 @@ int Run(const Options& options) {
     reports.push_back(std::move(report));
   }
   if (options.as_json) {
-    std::cout << Json(reports).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
-              << "\n";
+    std::cout << common::DumpJson(Json(reports)) << "\n";
   }
   return status;
 }

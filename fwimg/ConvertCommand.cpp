@@ -4,6 +4,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "common/Json.h"
 #include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
@@ -49,12 +50,11 @@ void Report(const ConvertOptions& options, const std::vector<RecordRange>& range
     total += range.data.size();
   }
   if (options.as_json) {
-    std::cout << ordered_json{{"version", 1},
-                              {"command", "convert"},
-                              {"from", options.from},
-                              {"to", options.to},
-                              {"ranges", std::move(json)}}
-                     .dump(2, ' ', false, ordered_json::error_handler_t::replace)
+    std::cout << common::DumpJson(ordered_json{{"version", 1},
+                                               {"command", "convert"},
+                                               {"from", options.from},
+                                               {"to", options.to},
+                                               {"ranges", std::move(json)}})
               << std::endl;
   } else {
     std::cout << options.to << ": " << total << " bytes in " << ranges.size()

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/Json.h"
 #include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageFacts.h"
@@ -70,9 +71,7 @@ class JsonPrinter : public Listener {
     std::cout << (_is_first ? "\n    " : ",\n    ") << Dump(json());
     _is_first = false;
   }
-  static std::string Dump(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-  }
+  static std::string Dump(const Json& json) { return common::DumpJson(json, -1); }
 
  private:
   bool _is_first = true;

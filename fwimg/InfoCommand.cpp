@@ -3,6 +3,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/Json.h"
 #include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageFacts.h"
@@ -378,9 +379,7 @@ int Run(const Options& options) {
   const ImageFile file = LoadImageFile(options.file);
   const std::uint32_t sector_size = common::ParseByteCount(options.sector_size).value();
   if (options.as_json) {
-    std::cout
-        << Json(file, sector_size).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
-        << "\n";
+    std::cout << common::DumpJson(Json(file, sector_size)) << "\n";
   } else {
     Print(file, sector_size);
   }

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "common/Files.h"
+#include "common/Json.h"
 #include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
@@ -23,10 +24,7 @@ using common::Text;
 using device::Bytes;
 using nlohmann::ordered_json;
 
-void Print(const ordered_json& json) {
-  // Names of sections may be any bytes.
-  std::cout << json.dump(2, ' ', false, ordered_json::error_handler_t::replace) << std::endl;
-}
+void Print(const ordered_json& json) { std::cout << common::DumpJson(json) << std::endl; }
 
 struct MakeOptions {
   std::string layout;

@@ -6,7 +6,6 @@
 
 #include <array>
 
-#include "common/ChildProcess.h"
 #include "common/SystemError.h"
 
 namespace protocol {
@@ -24,7 +23,7 @@ Client::Client(std::uint16_t port) : _socket(socket(AF_INET, SOCK_STREAM | SOCK_
 
 std::optional<std::string> Client::Ask(std::string_view request,
                                        std::chrono::milliseconds patience) {
-  if (!Send(Frame(request))) return {};
+  if (!common::SendAll(_socket.Get(), Frame(request))) return {};
   std::array<char, 65536> block;
   while (
       common::WaitUntilReadable(_socket.Get(), -1, std::chrono::steady_clock::now() + patience)) {
@@ -33,19 +32,12 @@ std::optional<std::string> Client::Ask(std::string_view request,
     for (MessageReader::Event& event :
          _answers.Feed({block.data(), static_cast<std::size_t>(got)})) {
       if (event.kind == MessageReader::Event::MESSAGE) return std::move(event.text);
-      if (event.kind == MessageReader::Event::TOO_LONG || !Send(Frame(CONTINUE))) return {};
+      if (event.kind == MessageReader::Event::TOO_LONG ||
+          !common::SendAll(_socket.Get(), Frame(CONTINUE)))
+        return {};
     }
   }
   return {};
-}
-
-bool Client::Send(std::string_view bytes) const {
-  while (!bytes.empty()) {
-    const ssize_t sent = send(_socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(sent));
-  }
-  return true;
 }
 
 }  // namespace protocol

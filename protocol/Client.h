@@ -24,8 +24,6 @@ class Client {
                                  std::chrono::milliseconds patience = std::chrono::seconds(20));
 
  private:
-  bool Send(std::string_view bytes) const;
-
   common::Descriptor _socket;
   MessageReader _answers{MessageReader::Lines::JOINED};
 };

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <exception>
 #include <stdexcept>
-#include <thread>
+
+#include "common/Parallel.h"
 
 namespace rehearse {
 
@@ -39,27 +39,12 @@ std::vector<Moment> Recoveries::Moments() const {
 
 void Recoveries::Run(const RehearsalProgress& progress) {
   const std::vector<Moment> jobs = Moments();
-  std::atomic<std::size_t> next{0};
   std::size_t done = 0;
-  std::exception_ptr trouble;
-  std::vector<std::thread> threads;
-  for (unsigned i = 0; i < std::max(1u, _options.jobs); ++i) {
-    threads.emplace_back([&] {
-      for (std::size_t job; (job = next++) < jobs.size();) {
-        try {
-          RecoverFrom(jobs[job]);
-        } catch (...) {
-          const std::lock_guard lock(_mutex);
-          trouble = std::current_exception();
-          next = jobs.size();
-        }
-        const std::lock_guard lock(_mutex);
-        progress("recovering", ++done, jobs.size());
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  if (trouble) std::rethrow_exception(trouble);
+  common::ForEachIndex(_options.jobs, jobs.size(), [&](std::size_t job) {
+    RecoverFrom(jobs[job]);
+    const std::lock_guard lock(_mutex);
+    progress("recovering", ++done, jobs.size());
+  });
 }
 
 void Recoveries::RecoverFrom(const Moment& moment) {

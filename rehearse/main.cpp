@@ -12,6 +12,7 @@
 #include <span>
 #include <string_view>
 
+#include "common/Json.h"
 #include "common/Program.h"
 #include "common/Text.h"
 #include "rehearse/Rehearsal.h"
@@ -210,7 +211,7 @@ int Run(Options& options) {
   const rehearse::RehearsalReport report = rehearse::Rehearse(options, std::ref(progress));
   PrintTable(report, options.at.has_value());
   if (json.is_open()) {
-    json << Json(report, options.seed).dump(2) << "\n";
+    json << common::DumpJson(Json(report, options.seed)) << "\n";
     json.close();
     if (!json) throw std::runtime_error("can't write " + options.json_file);
   }

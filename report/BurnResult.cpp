@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "common/Json.h"
 #include "common/Program.h"
 #include "common/Text.h"
 
@@ -51,18 +52,14 @@ std::string WithoutControls(std::string text) {
   return text;
 }
 
-std::string Dump(const nlohmann::json& json, int indent) {
-  // The words of a server or a file need not be UTF-8.
-  return json.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
 nlohmann::json OrNull(const std::string& text) {
   return text.empty() ? nlohmann::json() : nlohmann::json(text);
 }
 
 std::string XmlText(const std::string& text) {
   const std::string valid =
-      nlohmann::json::parse(Dump(WithoutControls(text), -1)).get<std::string>();  // as UTF-8
+      nlohmann::json::parse(common::DumpJson(nlohmann::json(WithoutControls(text)), -1))
+          .get<std::string>();  // as UTF-8
   std::string xml;
   for (const char c : valid) {
     switch (c) {
@@ -131,7 +128,7 @@ std::string ToJson(const RunReport& run) {
     json["exit_status"] = run.ending->status;
   }
   if (run.seconds) json["seconds"] = Rounded(*run.seconds);
-  return Dump(json, 2) + "\n";
+  return common::DumpJson(json) + "\n";
 }
 
 std::string ToJUnit(const RunReport& run) {

@@ -150,14 +150,7 @@ class ClientConnection {
   }
 
   /// Ignores errors: a client that has closed the connection ends by itself.
-  void Send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const ssize_t sent = send(_connection.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (sent < 0 && errno == EINTR) continue;
-      if (sent <= 0) return;
-      bytes.remove_prefix(static_cast<std::size_t>(sent));
-    }
-  }
+  void Send(std::string_view bytes) { common::SendAll(_connection.Get(), bytes); }
 
   /// Takes a request, stricter than a server must: the burner sends them in one line. False when
   /// the client has closed the connection, or at the deadline.

@@ -7,6 +7,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "common/Json.h"
 #include "common/Program.h"
 #include "common/Text.h"
 #include "verify/Verify.h"
@@ -134,7 +135,7 @@ class Run {
                                      {"server", _options.server},
                                      {"failure", _failure},
                                      {"devices", _findings}};
-      std::cout << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+      std::cout << common::DumpJson(result) << "\n";
     }
     if (!_failure.empty()) return common::CANNOT;
     return _is_well ? common::ALL_WELL : common::DIFFERS;

@@ -2,7 +2,6 @@
 /// real program, and checks how the burn ends, what it leaves on every device, and the next burn.
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -13,6 +12,7 @@
 #include <random>
 #include <thread>
 
+#include "common/Parallel.h"
 #include "common/Program.h"
 #include "common/ScratchFolder.h"
 #include "common/Text.h"
@@ -369,34 +369,27 @@ std::size_t RunAll(const std::vector<Case>& cases,
   std::size_t failed = 0;
   std::uint32_t lost = 0;
   std::mutex mutex;
-  std::atomic<std::size_t> next = 0;
-  const auto work = [&] {
-    CaseRunner runner;
-    for (std::size_t i; (i = next++) < cases.size();) {
-      CaseResult result;
-      try {
-        result = runner.Run(cases[i]);
-      } catch (const std::exception& error) {
-        result.failure = error.what();
-      }
-      const std::lock_guard lock(mutex);
-      Tally& tally = tallies[cases[i].burn][cases[i].fault];
-      ++tally.cases;
-      ++tally.ends[result.end];
-      if (!result.row.empty()) {
-        ++tally.not_booting;
-        ++rows[result.row];
-        lost += result.not_recovered ? 1 : 0;
-      }
-      if (result.failure.empty()) continue;
-      ++tally.failed;
-      ++failed;
-      std::cout << "FAILED: --case " << cases[i].Name() << ": " << result.failure << std::endl;
+  common::ForEachIndex(jobs, cases.size(), [&](std::size_t i) {
+    CaseResult result;
+    try {
+      result = CaseRunner().Run(cases[i]);
+    } catch (const std::exception& error) {
+      result.failure = error.what();
     }
-  };
-  std::vector<std::thread> workers;
-  for (unsigned i = 0; i < jobs; ++i) workers.emplace_back(work);
-  for (std::thread& worker : workers) worker.join();
+    const std::lock_guard lock(mutex);
+    Tally& tally = tallies[cases[i].burn][cases[i].fault];
+    ++tally.cases;
+    ++tally.ends[result.end];
+    if (!result.row.empty()) {
+      ++tally.not_booting;
+      ++rows[result.row];
+      lost += result.not_recovered ? 1 : 0;
+    }
+    if (result.failure.empty()) return;
+    ++tally.failed;
+    ++failed;
+    std::cout << "FAILED: --case " << cases[i].Name() << ": " << result.failure << std::endl;
+  });
 
   if (with_table) PrintTable(burns, tallies);
   for (const auto& [row, count] : rows) {

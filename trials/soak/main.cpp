@@ -8,6 +8,7 @@
 #include <mutex>
 #include <thread>
 
+#include "common/Parallel.h"
 #include "common/Program.h"
 #include "trials/soak/ScenarioRunner.h"
 
@@ -102,7 +103,8 @@ int Run(const Options& options) {
   std::mutex mutex;
   Statistics sum;
   std::uint64_t failed = 0;
-  const auto work = [&] {
+  // Each worker takes scenarios until the count, or the time, is over.
+  common::ForEachIndex(options.jobs, options.jobs, [&](std::size_t) {
     ScenarioRunner runner(folder, program, nullptr, spoil);
     for (;;) {
       const std::uint64_t i = next++;
@@ -114,10 +116,7 @@ int Run(const Options& options) {
       ++failed;
       std::cout << "FAILED: --case " << seed + i << ": " << statistics.failure << std::endl;
     }
-  };
-  std::vector<std::thread> workers;
-  for (unsigned i = 0; i < options.jobs; ++i) workers.emplace_back(work);
-  for (std::thread& worker : workers) worker.join();
+  });
 
   PrintTable(sum);
   failed += PrintRows(sum);
