@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <fstream>
-#include <iterator>
 #include <limits>
 
+#include "common/Files.h"
 #include "common/TomlReader.h"
 #include "sim/Filling.h"
 
@@ -151,9 +150,12 @@ void FillContents(TomlReader& reader, Fabric& fabric, Device& device) {
         chip.Load(0, device::Bytes(chip.Size(), static_cast<std::uint8_t>(*fill)));
       }
     } else if (raw) {
-      std::ifstream file(contents.Path(*raw), std::ios::binary);
-      if (!file) contents.Throw("can't open " + contents.Path(*raw).string());
-      const device::Bytes bytes{std::istreambuf_iterator<char>(file), {}};
+      device::Bytes bytes;
+      try {
+        bytes = common::ReadFile(contents.Path(*raw));
+      } catch (const std::runtime_error& error) {
+        contents.Throw(error.what());
+      }
       const auto chip =
           address ? device.chips.find(static_cast<std::uint8_t>(*address)) : device.chips.begin();
       if (chip == device.chips.end()) contents.Throw("the device has no such chip");

@@ -639,9 +639,17 @@ TEST_F(FabricFileTest, WhatIsWrongIsNamedWithItsLine) {
   // Debug builds of the TOML library ended the program here.
   EXPECT_TRUE(ErrorOfFile("[[fault]]\n[{ kind").starts_with(":2: "));
   EXPECT_TRUE(ErrorOfFile(Device(_eeprom + "contents = [{ raw = \"none.bin\" }]"))
-                  .starts_with(":5: can't open "));
+                  .starts_with(":5: can't read "));
   EXPECT_TRUE(ErrorOfFile(Device(_eeprom + "contents = [{ image = \"none.img\" }]"))
                   .starts_with(":5: can't burn the image: Can't open file "));
+}
+
+TEST_F(FabricFileTest, RawContentsMustBeAFile) {
+  std::filesystem::create_directory(_folder.Path() / "folder");
+  EXPECT_EQ(ErrorOfFile(Device(_eeprom + "contents = [{ raw = \"folder\" }]")),
+            ":5: can't read " + (_folder / "folder") + ": not a file");
+  EXPECT_EQ(ErrorOfFile(Device(_eeprom + "contents = [{ raw = \"none.bin\" }]")),
+            ":5: can't read " + (_folder / "none.bin") + ": No such file or directory");
 }
 
 // The TOML library took a Greek letter where a value ends for what cannot be.
