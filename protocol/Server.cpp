@@ -156,12 +156,13 @@ void Server::Post(std::function<void()> task) {
 }
 
 ServerThread::ServerThread(Handler& handler)
-    : _server(handler, "127.0.0.1", 0,
-              [this](const std::string& request, const std::string& answer) {
-                const std::lock_guard lock(_mutex);
-                _exchanges.push_back({request, answer});
-              }),
-      _thread([this] { _server.Run(); }) {}
+    : ServerThread(handler, [this](const std::string& request, const std::string& answer) {
+        const std::lock_guard lock(_mutex);
+        _exchanges.push_back({request, answer});
+      }) {}
+
+ServerThread::ServerThread(Handler& handler, Server::Trace trace)
+    : _server(handler, "127.0.0.1", 0, std::move(trace)), _thread([this] { _server.Run(); }) {}
 
 ServerThread::~ServerThread() {
   _server.Stop();

@@ -30,6 +30,7 @@ class Server {
   Server& operator=(const Server&) = delete;
   ~Server();
 
+  /// The port that it listens on.
   std::uint16_t Port() const;
   /// The address for clients: "TYPE:HOST:PORT".
   std::string ServerString() const;
@@ -47,11 +48,13 @@ class Server {
   std::unique_ptr<Implementation> _implementation;
 };
 
-/// A server in a thread of its own, on loopback, which stops when this object is destroyed. Records
-/// every exchange.
+/// A server in a thread of its own, on loopback, which stops when this object is destroyed.
 class ServerThread {
  public:
+  /// Records every exchange.
   explicit ServerThread(Handler& handler);
+  /// Records nothing; calls `trace` in that thread.
+  ServerThread(Handler& handler, Server::Trace trace);
   ServerThread(const ServerThread&) = delete;
   ServerThread& operator=(const ServerThread&) = delete;
   ~ServerThread();

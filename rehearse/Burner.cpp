@@ -59,23 +59,6 @@ Run Spawn(const std::vector<std::string>& words, std::atomic<pid_t>& shown_pid) 
   return Watch(burner, console.out.Get());
 }
 
-/// Runs a server in a thread; the destructor stops it. Unlike protocol::ServerThread it records no
-/// exchanges.
-class Serving {
- public:
-  explicit Serving(protocol::Server& server) : _server(server), _thread([&] { server.Run(); }) {}
-  Serving(const Serving&) = delete;
-  Serving& operator=(const Serving&) = delete;
-  ~Serving() {
-    _server.Stop();
-    _thread.join();
-  }
-
- private:
-  protocol::Server& _server;
-  std::thread _thread;
-};
-
 }  // namespace
 
 std::string Run::LastLine() const {
@@ -96,7 +79,7 @@ Burner::Burner(const RehearsalOptions& options, const std::vector<device::Guid>&
 Run Burner::Burn(sim::Fabric& fabric, std::atomic<std::size_t>& requests,
                  std::size_t kill_after) const {
   std::atomic<pid_t> pid{0};
-  protocol::Server server(fabric, "127.0.0.1", 0, [&](const std::string&, const std::string&) {
+  const protocol::ServerThread server(fabric, [&](const std::string&, const std::string&) {
     if (++requests != kill_after) return;
     while (pid == 0) std::this_thread::yield();  // its request may arrive before its pid is stored
     kill(pid, SIGKILL);
@@ -104,7 +87,6 @@ Run Burner::Burn(sim::Fabric& fabric, std::atomic<std::size_t>& requests,
   std::vector<std::string> words = {
       _options.fwpush, "-f", _options.image_file, "-s", server.ServerString(), "-g", _guids};
   words.insert(words.end(), _options.extra_args.begin(), _options.extra_args.end());
-  const Serving serving(server);
   return Spawn(words, pid);
 }
 
