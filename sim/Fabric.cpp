@@ -5,6 +5,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "device/ImageFile.h"
+#include "sim/Filling.h"
+
 namespace sim {
 
 using protocol::Action;
@@ -177,22 +180,22 @@ std::string Fabric::RunOn(const Request& request, Device& device) {
   if (action == Action::ERASE) {
     if (!chip.Holds(request.offset, 1)) throw Refusal("Address out of range");
     if (request.offset % chip.SectorSize() != 0) throw Refusal("Not the start of a sector");
-    Erase(device, request.chip, request.offset);
+    Erase(device, request.chip, request.offset, _fault);
     return protocol::ACK;
   }
   if (!chip.Holds(request.offset, request.size)) throw Refusal("Address out of range");
   if (action == Action::READ) {
     return protocol::DataElement(chip.Bytes().subspan(request.offset), request.size);
   }
-  Program(device, request.chip, request.offset, request.data);
+  Program(device, request.chip, request.offset, request.data, _fault);
   return protocol::ACK;
 }
 
 void Fabric::Program(Device& device, std::uint8_t address, std::uint32_t offset,
-                     device::Bytes bytes) {
+                     device::Bytes bytes, const Fault* fault) {
   Chip& chip = device.chips.at(address);
-  if (_fault && _fault->kind == Fault::WRITE_WRONG && !bytes.empty()) {
-    Rng rng(_fault->seed);
+  if (fault && fault->kind == Fault::WRITE_WRONG && !bytes.empty()) {
+    Rng rng(fault->seed);
     const std::size_t at = rng() % bytes.size();
     bytes[at] = static_cast<std::uint8_t>(bytes[at] ^ (1u << rng() % 8));
   }
@@ -200,8 +203,8 @@ void Fabric::Program(Device& device, std::uint8_t address, std::uint32_t offset,
     observer({Operation::PROGRAM, device.node_guid, address, offset, bytes,
               static_cast<std::uint32_t>(bytes.size())});
   }
-  if (_fault && _fault->kind == Fault::CUT) {
-    Rng rng(_fault->seed);
+  if (fault && fault->kind == Fault::CUT) {
+    Rng rng(fault->seed);
     chip.ProgramPart(offset, bytes, rng);
     device.has_power = false;
     throw Refusal("Device does not respond");
@@ -209,18 +212,34 @@ void Fabric::Program(Device& device, std::uint8_t address, std::uint32_t offset,
   chip.Program(offset, bytes);
 }
 
-void Fabric::Erase(Device& device, std::uint8_t address, std::uint32_t offset) {
+void Fabric::Erase(Device& device, std::uint8_t address, std::uint32_t offset, const Fault* fault) {
   Chip& chip = device.chips.at(address);
   if (observer) {
     observer({Operation::ERASE, device.node_guid, address, offset, {}, chip.SectorSize()});
   }
-  if (_fault && _fault->kind == Fault::CUT) {
-    Rng rng(_fault->seed);
+  if (fault && fault->kind == Fault::CUT) {
+    Rng rng(fault->seed);
     chip.ErasePart(offset, rng);
     device.has_power = false;
     throw Refusal("Device does not respond");
   }
   chip.EraseSector(offset);
+}
+
+std::string Fabric::BurnImage(const std::vector<Guid>& guids, const std::string& image) {
+  std::string answer;
+  bool is_well = true;
+  for (const Guid guid : guids) {
+    if (!answer.empty()) answer += " ";
+    try {
+      Fill(*this, guid, device::ParseImage(image, "image"), {});
+      answer += protocol::ACK;
+    } catch (const std::runtime_error& error) {
+      is_well = false;
+      answer += "{" + protocol::DeviceError(guid, error.what()) + "}";
+    }
+  }
+  return is_well ? protocol::ACK : answer;
 }
 
 }  // namespace sim

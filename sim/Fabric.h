@@ -17,11 +17,6 @@
 #include "sim/Faults.h"
 #include "sim/Memory.h"
 
-namespace device {
-struct FillPart;
-struct Image;
-}  // namespace device
-
 namespace sim {
 
 constexpr std::size_t VSD_SIZE = 208;
@@ -86,24 +81,24 @@ class Fabric : public protocol::Handler {
   std::string BurnImage(const std::vector<Guid>& guids, const std::string& image) override;
   std::string Type() const override { return facts.type; }
 
-  /// Fills a device with an image directly, as the factory does: no request, no faults and no limit
-  /// of the server. Throws FillError.
-  void Fill(Guid guid, const device::Image& image, const device::FillPart& part);
+  /// Programs a chip of the device, which must hold the bytes. With a `fault`, as that has it;
+  /// throws protocol::Refusal where it cuts the write short.
+  void Program(Device& device, std::uint8_t address, std::uint32_t offset, device::Bytes bytes,
+               const Fault* fault = nullptr);
+  /// Likewise erases the sector that holds `offset`.
+  void Erase(Device& device, std::uint8_t address, std::uint32_t offset,
+             const Fault* fault = nullptr);
 
   ServerFacts facts;
   FaultLayer faults;
   std::function<void(const Operation&)> observer;  ///< called before each change; may be empty
 
  private:
-  class FillTarget;
-
   /// Faults included.
   protocol::Answer Handle(const protocol::Request& request) override;
   protocol::Answer Run(const protocol::Request& request);
   std::string RunOn(const protocol::Request& request, Device& device);
   std::string ListDevices() const;
-  void Program(Device& device, std::uint8_t address, std::uint32_t offset, device::Bytes bytes);
-  void Erase(Device& device, std::uint8_t address, std::uint32_t offset);
 
   std::map<Guid, Device> _devices;
   std::map<Guid, Guid> _node_of;  ///< the node GUID of every node and port GUID

@@ -36,8 +36,19 @@ device::Memory MemoryOf(const Device& device, const device::Image& image) {
   return memory;
 }
 
+void LoadMemory(Device& device, const device::Image& image, const device::Memory& memory) {
+  if (image.map.empty()) return device.chips.at(0).Load(0, memory.bytes);
+  std::uint32_t base = 0;
+  for (const device::MappedChip& mapped : image.map) {
+    device.chips.at(mapped.chip).Load(0, memory.Part(base, mapped.size));
+    base += mapped.size;
+  }
+}
+
+namespace {
+
 /// Writes to the chips of a device at addresses of the image's device map.
-class Fabric::FillTarget : public device::BurnTarget {
+class FillTarget : public device::BurnTarget {
  public:
   FillTarget(Fabric& fabric, Device& device, const device::Image& image)
       : _fabric(fabric), _device(device), _image(image) {}
@@ -79,12 +90,13 @@ class Fabric::FillTarget : public device::BurnTarget {
   const device::Image& _image;
 };
 
-void Fabric::Fill(Guid guid, const device::Image& image, const device::FillPart& part) {
-  Device* device = Find(guid);
+}  // namespace
+
+void Fill(Fabric& fabric, Guid guid, const device::Image& image, const device::FillPart& part) {
+  Device* device = fabric.Find(guid);
   if (device == nullptr) throw FillError("No such device");
   if (!device->has_power) throw FillError("Device does not respond");
-  _fault = nullptr;  // which was that of a request
-  FillTarget target(*this, *device, image);
+  FillTarget target(fabric, *device, image);
   try {
     device::Burn(image, device::BurnKind::FAILSAFE, IdentityOf(*device))
         .Fill(target, SectorSizeOf(*device), part);
@@ -96,26 +108,10 @@ void Fabric::Fill(Guid guid, const device::Image& image, const device::FillPart&
   }
 }
 
-std::string Fabric::BurnImage(const std::vector<Guid>& guids, const std::string& image) {
-  std::string answer;
-  bool is_well = true;
-  for (const Guid guid : guids) {
-    if (!answer.empty()) answer += " ";
-    try {
-      Fill(guid, device::ParseImage(image, "image"), {});
-      answer += protocol::ACK;
-    } catch (const std::runtime_error& error) {
-      is_well = false;
-      answer += "{" + protocol::DeviceError(guid, error.what()) + "}";
-    }
-  }
-  return is_well ? protocol::ACK : answer;
-}
-
 void FillFromFile(Fabric& fabric, Guid guid, const std::string& image_file,
                   const device::FillPart& part) {
   try {
-    fabric.Fill(guid, device::ReadImage(image_file), part);
+    Fill(fabric, guid, device::ReadImage(image_file), part);
   } catch (const device::ImageError& error) {
     throw FillError(error.what());
   }

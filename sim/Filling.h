@@ -25,7 +25,14 @@ std::uint32_t SectorSizeOf(const Device& device);
 /// the missing end of a smaller one, reads as erased.
 device::Memory MemoryOf(const Device& device, const device::Image& image);
 
-/// Fills a device with an image file. Throws FillError, also when the file cannot be read.
+/// Sets all cells of a device without the rules of its chips: starting contents. `memory` is what
+/// MemoryOf returns; each chip must be as large as the map says.
+void LoadMemory(Device& device, const device::Image& image, const device::Memory& memory);
+
+/// Fills a device with an image directly, as the factory does: no request, no faults and no limit
+/// of the server. Throws FillError.
+void Fill(Fabric& fabric, Guid guid, const device::Image& image, const device::FillPart& part);
+/// The same with an image file. Throws FillError, also when the file cannot be read.
 void FillFromFile(Fabric& fabric, Guid guid, const std::string& image_file,
                   const device::FillPart& part);
 

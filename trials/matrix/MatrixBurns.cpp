@@ -8,7 +8,7 @@
 #include "device/Burn.h"
 #include "device/Crc.h"
 #include "device/ImageFile.h"
-#include "trials/DeviceMemory.h"
+#include "sim/Filling.h"
 
 namespace trials {
 

@@ -4,14 +4,14 @@
 #include <csignal>
 
 #include "common/Text.h"
+#include "sim/Filling.h"
 #include "trials/BurnOutput.h"
-#include "trials/DeviceMemory.h"
 
 namespace soak {
 
 using common::Text;
 using device::Burn;
-using trials::MemoryOf;
+using sim::MemoryOf;
 
 namespace {
 
@@ -88,7 +88,7 @@ std::vector<std::string> ElementsOf(const std::string& answer) {
 std::string DeviceName(Guid guid) { return "device " + sim::HexGuid(guid); }
 
 Burn RunChecker::BurnOf(Guid node) const {
-  return Burn(_scenario.image, _scenario.burn, trials::IdentityOf(*_scenario.fabric.Find(node)));
+  return Burn(_scenario.image, _scenario.burn, IdentityOf(*_scenario.fabric.Find(node)));
 }
 
 BurnRun RunChecker::Begin() {
@@ -111,7 +111,7 @@ BurnRun RunChecker::Begin() {
     if (judge == _judges.end()) continue;
     // Between the sections of an image, the device keeps what it holds now.
     judge->second.SetAll(before.memory.bytes);
-    judge->second.KnowImage(_scenario.image, trials::IdentityOf(*device), before.memory,
+    judge->second.KnowImage(_scenario.image, IdentityOf(*device), before.memory,
                             device::Whole::NEW);
   }
   return run;

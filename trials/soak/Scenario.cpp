@@ -5,16 +5,16 @@
 #include <utility>
 
 #include "common/Text.h"
-#include "trials/DeviceMemory.h"
+#include "sim/Filling.h"
 #include "trials/soak/ImageText.h"
 
 namespace soak {
 
 using common::Text;
 using device::Burn;
-using trials::IdentityOf;
-using trials::LoadMemory;
-using trials::MemoryOf;
+using sim::IdentityOf;
+using sim::LoadMemory;
+using sim::MemoryOf;
 
 namespace {
 

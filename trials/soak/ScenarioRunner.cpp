@@ -4,13 +4,13 @@
 #include <filesystem>
 
 #include "common/Text.h"
-#include "trials/DeviceMemory.h"
+#include "sim/Filling.h"
 #include "trials/soak/RunChecker.h"
 
 namespace soak {
 
 using common::Text;
-using trials::MemoryOf;
+using sim::MemoryOf;
 
 namespace {
 
@@ -92,7 +92,7 @@ class ScenarioRun {
     sim::Device& device = std::next(devices.begin(), random.Below(devices.size()))->second;
     Memory memory = MemoryOf(device, _scenario.image);
     memory.bytes[random.Below(memory.bytes.size())] ^= 0x10;
-    trials::LoadMemory(device, _scenario.image, memory);
+    sim::LoadMemory(device, _scenario.image, memory);
     _signs = {DeviceName(device.node_guid)};
     for (const Guid name : _scenario.targets) {
       if (_scenario.fabric.Find(name) == &device) _signs.push_back(DeviceName(name));
