@@ -219,13 +219,26 @@ bool Burn::IsInTheWay(const Memory& memory) const {
   return memory.Word(PointerSector(1) + RECORD_ADDR) < end;
 }
 
-Belief Burn::Look(const Memory& memory) const {
+/// The memory when the burner asks for its slots: the invariant sector is rewritten by then, and a
+/// pointer sector may lie in it.
+Memory Burn::WithInvariantSector(const Memory& before, bool is_rewritten) const {
+  Memory memory = before;
+  try {
+    if (is_rewritten) BurnInvariantSector(memory);
+  } catch (const BurnError&) {
+    return before;  // the burn ends there, and asks nothing more
+  }
+  return memory;
+}
+
+Belief Burn::Look(const Memory& before) const {
   Belief belief;
   if (_slots != SlotKind::POINTER_SECTORS) return belief;
-  for (const std::size_t index : InvariantSections(memory.sector_size)) {
+  for (const std::size_t index : InvariantSections(before.sector_size)) {
     const Section& section = _image.sections[index];
-    if (!memory.Has(section.addr, section.data)) belief.invariant_changed = true;
+    if (!before.Has(section.addr, section.data)) belief.invariant_changed = true;
   }
+  const Memory memory = WithInvariantSector(before, belief.invariant_changed);
   for (std::uint32_t slot = 0; slot < SLOTS; ++slot) {
     belief.is_signed[slot] = IsSigned(memory, slot);
   }
@@ -267,9 +280,11 @@ std::vector<CrcField> Burn::CrcsIn(const Range& range) const {
            << ").";
       throw BurnError(text.str());
     }
-    // The burner stops dead over such a CRC, and nobody can tell what it would have been.
-    if (crc.size % WORD_SIZE != 0) throw UnevenCrcError(crc);
     crcs.push_back(crc);
+  }
+  // The burner aborts on such a CRC, so there is no expected value. It looks for crossings first.
+  for (const CrcField& crc : crcs) {
+    if (crc.size % WORD_SIZE != 0) throw UnevenCrcError(crc);
   }
   return crcs;
 }
@@ -435,11 +450,12 @@ Plan Burn::PlanFor(const Memory& before, const Belief& belief) const {
     return plan;
   }
   plan.clears_second = is_signed[0] && is_signed[1];
-  if (!is_signed[0] && !before.Holds(PointerSector(1), WORD_SIZE)) {
+  if (!is_signed[0] && !before.Holds(PointerSector(1), RECORD_SIGNATURE)) {
     plan.refusal = OUT_OF_RANGE;
     return plan;
   }
-  plan.moves_second = !is_signed[0] && IsInTheWay(before);
+  plan.moves_second =
+      !is_signed[0] && IsInTheWay(WithInvariantSector(before, plan.rewrites_invariant));
   plan.slots = {is_signed[0] || plan.moves_second ? 1u : 0u};
   return plan;
 }
@@ -494,6 +510,7 @@ void Burn::FillSlot(Writer& writer, const FillPart& part) const {
     if (!part.is_valid && first.size() > SPOILT_BYTE) {
       first[SPOILT_BYTE] = static_cast<std::uint8_t>(first[SPOILT_BYTE] + SPOILT_BY);
     }
+    if (part.is_second) WriteSlotSections(writer, 1 - slot);
     return WriteSlotSections(writer, slot);
   }
   PointerSector(slot);

@@ -2,9 +2,10 @@
 /// from the image, the device's own values and what its memory held before. Written apart from the
 /// burner, which it judges.
 ///
-/// What it takes for granted of the burner: the writes of a section reach no chip's end half-way,
-/// however they are cut; and devices that are burnt together do not leave bytes to each other (they
-/// do where an image marks a field or a CRC in one slot only: docs/man/fwpush-verify.1).
+/// Assumptions: no write of a section crosses the end of a chip, however it is cut into chunks;
+/// where a chunk is larger than a flash sector, each section begins where a sector does; and
+/// devices that are burnt together do not leave bytes to each other (they do where an image marks a
+/// field or a CRC in one slot only: docs/man/fwpush-verify.1).
 #pragma once
 
 #include <cstddef>
@@ -92,6 +93,7 @@ struct Step {
 struct FillPart {
   std::optional<std::uint32_t> slot;  ///< all sections where they stand, as a plain burn, if none
   bool is_valid = true;               ///< whether the slot is left valid
+  bool is_second = false;  ///< of a slot with a boot record: the other one is filled before it
 };
 
 /// Burns one image into one device. The image is borrowed.
@@ -112,7 +114,7 @@ class Burn {
   Outcome After(const Memory& before, const Belief& belief) const;
 
   /// What an honest look at the device shows.
-  Belief Look(const Memory& memory) const;
+  Belief Look(const Memory& before) const;
   /// Throws BurnError for an image that lacks what a failsafe burn needs. A plain burn has no plan.
   Plan PlanFor(const Memory& before, const Belief& belief) const;
   /// What the burn may write, in the order that it must keep: a device that boots at the start has
@@ -155,6 +157,7 @@ class Burn {
  private:
   class Writer;
   bool IsReplaced(FieldType type) const;
+  Memory WithInvariantSector(const Memory& before, bool is_rewritten) const;
   std::vector<Field> FieldsIn(const Range& range) const;
   std::vector<CrcField> CrcsIn(const Range& range) const;
   Bytes ValueOf(const Field& field) const;

@@ -106,7 +106,7 @@ WordList WordsOf(std::string_view line) {
 /// A whole word as a number of 32 bits; what is above is cut off. Nothing where it is no number.
 std::optional<std::uint32_t> NumberOf(const std::string& word) {
   char* end = nullptr;
-  const unsigned long number = std::strtoul(word.c_str(), &end, 16);
+  const unsigned long long number = std::strtoull(word.c_str(), &end, 16);  // also on 32-bit hosts
   if (*end != '\0') return std::nullopt;
   return static_cast<std::uint32_t>(number);
 }

@@ -50,12 +50,25 @@ std::size_t Verdict::CountInvalid() const {
   return static_cast<std::size_t>(std::ranges::count(slots, false, &SlotVerdict::boots));
 }
 
+bool Verdict::Boots() const {
+  return invariant_is_whole && std::ranges::any_of(slots, &SlotVerdict::boots);
+}
+
 std::string Describe(const Verdict& verdict) {
-  const bool has_old = std::ranges::any_of(verdict.slots, [](const SlotVerdict& slot) {
-    return slot.boots && slot.whole == Whole::OLD;
-  });
-  const char* image = !verdict.BootsNew() ? "old" : has_old ? "old or new" : "new";
-  std::string text = verdict.BootsWhole() ? std::string("boots ") + image : "DOES NOT BOOT";
+  const auto boots = [&verdict](Whole whole) {
+    return std::ranges::count(verdict.slots, SlotVerdict{.boots = true, .whole = whole}) > 0;
+  };
+  std::string text = "DOES NOT BOOT";
+  if (verdict.Boots()) {
+    text = "boots ";
+    std::size_t images = 0;
+    const auto add = [&](const char* image) {
+      text += std::string(images++ == 0 ? "" : " or ") + image;
+    };
+    if (boots(Whole::OLD)) add("old");
+    if (boots(Whole::NEW)) add("new");
+    if (boots(Whole::NOT_KNOWN)) add("BROKEN");
+  }
   text += std::string(": slot 0 ") + Name(verdict.slots[0]) + ", slot 1 " + Name(verdict.slots[1]);
   return text + (verdict.invariant_is_whole ? "" : ", invariant sector broken");
 }
@@ -90,8 +103,9 @@ void Judge::KnowPresentImages() {
     const std::uint32_t addr = WordAt(record, RECORD_ADDR);
     const auto image = PartOf(_memory, addr, WordAt(record, RECORD_IMAGE_SIZE));
     if (!image) continue;
-    Add({slot, Whole::OLD, {{addr, *image}, {start, record}}});
-    if (slot == 1) AddMoved(Whole::OLD, _memory, record);
+    const Known known{slot, Whole::OLD, {{addr, *image}, {start, record}}};
+    Add(known);
+    if (slot == 1) AddMoved(known, record);
   }
 }
 
@@ -104,19 +118,26 @@ void Judge::AddInvariantSector(Whole whole, View memory) {
   }
 }
 
-/// The second image that `record` tells of, where a burn moves it out of the way.
-void Judge::AddMoved(Whole whole, View memory, View record) {
+/// The second image, where a burn moves it out of the way, as `record` tells it. A record that
+/// tells of less than the image makes a copy that lacks the rest, and that is not whole.
+void Judge::AddMoved(const Known& second, View record) {
+  const std::uint32_t from = WordAt(record, RECORD_ADDR);
   const std::uint32_t to = FIRST_IMAGE_SECTOR * _layout.sector_size;
-  const auto image = PartOf(memory, WordAt(record, RECORD_ADDR), WordAt(record, RECORD_IMAGE_SIZE));
-  if (!image) return;
-  device::Bytes moved;
-  AppendWord(moved, to);
-  AppendWord(moved, WordAt(record, RECORD_IMAGE_SIZE));
-  AppendWord(moved, VALID_SIGNATURE);
-  const View rest = record.first(RECORD_CRC).subspan(moved.size());
-  moved.insert(moved.end(), rest.begin(), rest.end());
-  AppendWord(moved, CrcOf(moved));
-  Add({0, whole, {{to, *image}, {_layout.records[0], moved}}});
+  Known moved{0, second.whole, {}};
+  for (const auto& [addr, bytes] : second.ranges) {
+    if (addr == _layout.records[1]) continue;
+    if (addr < from) return;
+    moved.ranges.emplace_back(addr - from + to, bytes);
+  }
+  device::Bytes copy;
+  AppendWord(copy, to);
+  AppendWord(copy, WordAt(record, RECORD_IMAGE_SIZE));
+  AppendWord(copy, VALID_SIGNATURE);
+  const View rest = record.first(RECORD_CRC).subspan(copy.size());
+  copy.insert(copy.end(), rest.begin(), rest.end());
+  AppendWord(copy, CrcOf(copy));
+  moved.ranges.emplace_back(_layout.records[0], std::move(copy));
+  Add(std::move(moved));
 }
 
 /// What `filled` holds of the image in `slot`.
@@ -132,19 +153,23 @@ void Judge::AddSlot(const Image& image, const Memory& filled, std::uint32_t slot
     if (!add(addr, section->data.size())) return;
   }
   if (_layout.HasPointerSectors()) {
-    const auto record = PartOf(filled.bytes, _layout.records[slot], POINTER_RECORD_SIZE);
+    const std::uint32_t start = _layout.records[slot];
+    const auto record = PartOf(filled.bytes, start, POINTER_RECORD_SIZE);
     if (!record) return;
-    known.ranges.emplace_back(_layout.records[slot], *record);
     // Its image may be longer than its sections: with gaps between them.
     if (!add(WordAt(*record, RECORD_ADDR), WordAt(*record, RECORD_IMAGE_SIZE))) return;
-    if (slot == 1) AddMoved(whole, filled.bytes, *record);
+    // What follows the record in the sector is the image's, too.
+    const Section* section = image.SectionAt(start);
+    const std::size_t size = section == nullptr ? 0 : section->data.size();
+    if (!add(start, std::max<std::size_t>(size, POINTER_RECORD_SIZE))) return;
+    if (slot == 1) AddMoved(known, *record);
   }
   Add(std::move(known));
   AddInvariantSector(whole, filled.bytes);
 }
 
 bool Judge::KnowImage(const Image& image, const Identity& identity, const Memory& before,
-                      Whole whole) {
+                      Whole whole, Origin origin) {
   if (LayoutOf(image, _layout.sector_size) != _layout) return false;
   const Burn burn(image, BurnKind::FAILSAFE, identity);
   const auto know = [&](const FillPart& part, std::uint32_t slot) {
@@ -156,8 +181,15 @@ bool Judge::KnowImage(const Image& image, const Identity& identity, const Memory
     }
     AddSlot(image, filled, slot, whole);
   };
-  for (std::uint32_t slot = 0; slot < SLOTS; ++slot) know({.slot = slot}, slot);
-  know({}, 0);
+  if (origin != Origin::PLAIN_BURN) {
+    for (std::uint32_t slot = 0; slot < SLOTS; ++slot) {
+      know({.slot = slot}, slot);
+      // A burn writes both slots. What it put into the first stays in the bytes of the second where
+      // the image marks a field or a CRC in one slot only.
+      if (!_layout.HasPointerSectors()) know({.slot = slot, .is_second = true}, slot);
+    }
+  }
+  if (origin != Origin::FAILSAFE_BURN) know({}, 0);
   return true;
 }
 

@@ -25,6 +25,10 @@ enum class Whole {
   NEW,        ///< the one that is burnt
 };
 
+/// How a known image may have come onto a device. Each way leaves other bytes: a plain burn does
+/// not fill all fields.
+enum class Origin { ANY, FAILSAFE_BURN, PLAIN_BURN };
+
 /// The two verdicts on a slot.
 struct SlotVerdict {
   bool boots = false;
@@ -42,6 +46,8 @@ struct Verdict {
   std::array<SlotVerdict, SLOTS> slots{};
   bool invariant_is_whole = true;  ///< a torn invariant sector starts nothing
 
+  /// Some slot boots, whether it is whole or not.
+  bool Boots() const;
   /// Some slot boots and is whole.
   bool BootsWhole() const;
   /// Some slot boots and is wholly new.
@@ -56,7 +62,8 @@ struct Verdict {
   bool operator==(const Verdict&) const = default;
 };
 
-/// In words: "boots old: slot 0 old, slot 1 invalid".
+/// In words: "boots old: slot 0 old, slot 1 invalid". "boots old or BROKEN" where a slot boots and
+/// is not whole; "DOES NOT BOOT" where none boots.
 std::string Describe(const Verdict& verdict);
 
 /// Follows one device's memory byte by byte and judges it at any moment, at the cost of the bytes
@@ -70,11 +77,12 @@ class Judge {
   void KnowPresentImages();
   /// Takes the invariant sector as it is now for whole.
   void KnowPresentInvariantSector();
-  /// Takes all that burning the image can make of the device for whole: in either slot, and as a
-  /// plain burn leaves it. `before` is the device's memory as this image addresses it. What does
-  /// not fit is never whole. Returns false, and knows no more than before, where the image keeps
-  /// its slots elsewhere than this judge looks.
-  bool KnowImage(const Image& image, const Identity& identity, const Memory& before, Whole whole);
+  /// Takes what the image is on the device for whole, in either slot; of `origin` as that leaves
+  /// it. `before` is the device's memory as this image addresses it. What does not fit is never
+  /// whole. Returns false, and knows no more than before, where the image keeps its slots elsewhere
+  /// than this judge looks.
+  bool KnowImage(const Image& image, const Identity& identity, const Memory& before, Whole whole,
+                 Origin origin = Origin::ANY);
 
   View Bytes() const { return _memory; }
   /// A byte past the end is nobody's.
@@ -99,7 +107,7 @@ class Judge {
 
   void Add(Known known);
   void AddSlot(const Image& image, const Memory& filled, std::uint32_t slot, Whole whole);
-  void AddMoved(Whole whole, View memory, View record);
+  void AddMoved(const Known& second, View record);
   void AddInvariantSector(Whole whole, View memory);
   bool Fits(std::uint64_t addr, std::uint64_t size) const { return addr + size <= _memory.size(); }
   bool HasSectors() const { return _layout.sector_size != 0; }

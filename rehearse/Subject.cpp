@@ -1,5 +1,6 @@
 #include "rehearse/Subject.h"
 
+#include <algorithm>
 #include <set>
 #include <stdexcept>
 
@@ -52,7 +53,9 @@ device::Judge Subject::MakeJudge(const sim::Device& device) const {
   }
   if (device.images.empty()) judge.KnowPresentImages();
   judge.KnowPresentInvariantSector();
-  sim::KnowImageFile(judge, device, _options.image_file, device::Whole::NEW);
+  const bool is_plain = std::ranges::count(_options.extra_args, "-n") > 0;
+  sim::KnowImageFile(judge, device, _options.image_file, device::Whole::NEW,
+                     is_plain ? device::Origin::PLAIN_BURN : device::Origin::FAILSAFE_BURN);
   return judge;
 }
 

@@ -29,10 +29,10 @@ device::BootLayout LayoutOf(const device::Image& image, const std::string& file,
 }
 
 void KnowImageFile(device::Judge& judge, const Device& device, const std::string& file,
-                   device::Whole whole) {
+                   device::Whole whole, device::Origin origin) {
   const device::Image image = ReadImageFile(file);
   LayoutOf(image, file, 0);
-  if (!judge.KnowImage(image, IdentityOf(device), MemoryOf(device, image), whole)) {
+  if (!judge.KnowImage(image, IdentityOf(device), MemoryOf(device, image), whole, origin)) {
     throw JudgeError(file + " keeps its slots elsewhere");
   }
 }

@@ -30,7 +30,7 @@ device::BootLayout LayoutOf(const device::Image& image, const std::string& file,
 /// into either slot or by a plain burn, then counts as whole. Throws JudgeError when the file
 /// cannot be read, or when its slots are not where the judge looks.
 void KnowImageFile(device::Judge& judge, const Device& device, const std::string& file,
-                   device::Whole whole);
+                   device::Whole whole, device::Origin origin = device::Origin::ANY);
 
 /// One line for each device: whether it boots, or why that cannot be judged. Known are the images
 /// that the device was filled with, and `images`: files that may have been burnt since. The last of

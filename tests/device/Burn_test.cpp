@@ -152,6 +152,13 @@ TEST(PlainBurnTest, ACrcOverABrokenWordEndsTheRun) {
   EXPECT_TRUE(outcome.ends_run);
 }
 
+TEST(PlainBurnTest, ACrcThatCrossesItsSectionIsToldBeforeOneOverABrokenWord) {
+  Image image = PlainImage(Bytes(8, 0x11));
+  image.crcs = {{4, 6, 8}, {8, 8, 8}};
+  EXPECT_EQ(Burn(image, BurnKind::PLAIN, SomeDevice()).After({Bytes(12, 0), 0}).refusal,
+            "Replace CRC (from:8, size:8) crosses image section (addr:4 , size:8).");
+}
+
 TEST(PlainBurnTest, ADeviceThatIsTooSmallRefuses) {
   const Outcome outcome =
       Burn(PlainImage(Bytes(8, 0x11)), BurnKind::PLAIN, SomeDevice()).After({Bytes(8, 0xEE), 0});
@@ -327,6 +334,26 @@ TEST(FlashBurnTest, AnotherInvariantSectorIsRewrittenEvenWhereNoImageIsValid) {
   const Outcome outcome = burn.After(before);
   EXPECT_EQ(outcome.refusal, "Both images are invalid. Can't perform failsafe burn");
   EXPECT_EQ(outcome.memory.bytes, expected.bytes);
+}
+
+TEST(FlashBurnTest, SlotsAreLookedAtWhenTheInvariantSectorIsRewritten) {
+  // The first pointer sector lies in the sector that is rewritten first, which clears its
+  // signature.
+  constexpr std::uint32_t INNER_PS = 0x80;
+  Image image = FlashImage(0x22);
+  Bytes record = image.SectionAt(PS[0])->data;
+  record.resize(POINTER_RECORD_SIZE);
+  image.sections[1].addr = INNER_PS;
+  image.slots[0] = {SLOT[0], INNER_PS, INNER_PS + RECORD_SIGNATURE};
+  image.fields[0].addr = INNER_PS + RECORD_SIGNATURE;
+  image.crcs[0] = {INNER_PS, RECORD_CRC, INNER_PS + RECORD_CRC};
+  Memory before = PreparedFlash();
+  Put(before.bytes, INNER_PS, ValidRecord(SLOT[0], 0x10, 0x11));
+  const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
+  EXPECT_TRUE(burn.IsSigned(before, 0));
+  EXPECT_TRUE(burn.Look(before).invariant_changed);
+  EXPECT_FALSE(burn.Look(before).is_signed[0]);
+  EXPECT_EQ(burn.After(before).refusal, "Both images are invalid. Can't perform failsafe burn");
 }
 
 TEST(FlashBurnTest, OnlySectionsThatStandFirstAreOfTheInvariantSector) {

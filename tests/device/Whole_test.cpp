@@ -55,7 +55,7 @@ TEST_F(FlashJudgeTest, AChangedByteOfTheImageBootsAndIsNotWhole) {
     Judge judge = JudgeOf(before);
     judge.Set(addr, 0x10);
     EXPECT_EQ(judge.Look().slots[0], (SlotVerdict{.boots = true, .whole = Whole::NOT_KNOWN}));
-    EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 broken, slot 1 invalid");
+    EXPECT_EQ(Describe(judge.Look()), "boots BROKEN: slot 0 broken, slot 1 invalid");
     judge.Set(addr, 0x11);
     EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 invalid");
   }
@@ -103,7 +103,7 @@ TEST_F(FlashJudgeTest, TheSecondImageIsAsWholeWhereItIsMoved) {
   judge.SetAll(moved.bytes);
   EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 old");
   judge.Set(3 * SECTOR + 4, 0);
-  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 broken, slot 1 old");
+  EXPECT_EQ(Describe(judge.Look()), "boots old or BROKEN: slot 0 broken, slot 1 old");
   EXPECT_FALSE(judge.Look().IsSafe());
 }
 
@@ -114,6 +114,55 @@ TEST_F(FlashJudgeTest, APlainBurnLeavesAWholeImageInTheFirstSlot) {
   Judge judge = JudgeOf(before);
   judge.SetAll(Burn(_new, BurnKind::PLAIN, SomeDevice()).After(before).memory.bytes);
   EXPECT_TRUE(judge.Look().slots[0].BootsNew());
+}
+
+TEST_F(FlashJudgeTest, AFailsafeBurnThatLeavesAFieldAsAPlainBurnIsNotWhole) {
+  // The record that the image ships is valid, so only the bytes of the field tell the burns apart.
+  const std::uint32_t size = RowOf(FieldType::VSD).size;
+  _new = FlashImage(0x22, size);
+  _new.sections[1].data = ValidRecord(SLOT[0], size, 0x22);
+  _new.fields = {{FieldType::VSD, SLOT[0]}, {FieldType::VSD, SLOT[1]}};
+  const Memory before = FilledWith(_old, 1);
+  Memory after = before;
+  const Burn burn(_new, BurnKind::FAILSAFE, SomeDevice());
+  burn.Fill(after, {.slot = 0});
+  Judge judge(FlashLayout(), before.bytes);
+  ASSERT_TRUE(judge.KnowImage(_new, SomeDevice(), before, Whole::NEW, Origin::FAILSAFE_BURN));
+  judge.SetAll(after.bytes);
+  ASSERT_TRUE(judge.Look().slots[0].BootsNew());
+  Put(after.bytes, SLOT[0], _new.sections.back().data);
+  judge.SetAll(after.bytes);
+  EXPECT_TRUE(judge.Look().slots[0].BootsBroken());
+}
+
+TEST_F(FlashJudgeTest, WhatFollowsTheRecordInItsSectionIsOfTheImage) {
+  _new.sections[1].data.resize(POINTER_RECORD_SIZE + 0x40, 0x44);
+  _new.sections[2].data.resize(POINTER_RECORD_SIZE + 0x40, 0x44);
+  const Memory before = FilledWith(_old, 0);
+  Judge judge = JudgeOf(before);
+  judge.SetAll(Burn(_new, BurnKind::FAILSAFE, SomeDevice()).After(before).memory.bytes);
+  ASSERT_TRUE(judge.Look().slots[1].BootsNew());
+  judge.Set(PS[1] + POINTER_RECORD_SIZE + 0x3F, 0);
+  EXPECT_TRUE(judge.Look().slots[1].BootsBroken());
+}
+
+TEST_F(FlashJudgeTest, ACopyOfLessThanTheImageIsNotWhole) {
+  _old = FlashImage(0x11, 16);
+  for (const std::size_t i : {1u, 2u}) {
+    _old.sections[i].data = ValidRecord(SLOT[i - 1], 8, 0x11);  // half of the image
+  }
+  const Memory before = FilledWith(_old, 1);
+  _new = FlashImage(0x22, 0xA04);
+  Judge judge = JudgeOf(before);
+  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 invalid, slot 1 old");
+  Memory moved = before;
+  Put(moved.bytes, 3 * SECTOR, Bytes(8, 0x11));
+  Put(moved.bytes, PS[0], ValidRecord(3 * SECTOR, 8, 0x11));
+  judge.SetAll(moved.bytes);
+  EXPECT_TRUE(judge.Look().slots[0].BootsBroken());
+  Put(moved.bytes, 3 * SECTOR, Bytes(16, 0x11));
+  judge.SetAll(moved.bytes);
+  EXPECT_FALSE(judge.Look().slots[0].BootsBroken());
 }
 
 TEST_F(FlashJudgeTest, ATornInvariantSectorStartsNothing) {
@@ -130,7 +179,7 @@ TEST_F(FlashJudgeTest, WithoutImagesWhatBootsNowIsWhole) {
   judge.KnowPresentInvariantSector();
   EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 invalid, slot 1 old");
   judge.Set(SLOT[1], 0);
-  EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 invalid, slot 1 broken");
+  EXPECT_EQ(Describe(judge.Look()), "boots BROKEN: slot 0 invalid, slot 1 broken");
 }
 
 TEST_F(FlashJudgeTest, AnImageThatKeepsItsRecordsElsewhereIsNotKnown) {
@@ -176,6 +225,21 @@ TEST(RecordJudgeTest, WholeAndBootingAreTwoThings) {
   EXPECT_EQ(judge.Look().slots[1], (SlotVerdict{.boots = false, .whole = Whole::NEW}));
   EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 invalid, slot 1 invalid");
   EXPECT_FALSE(judge.Look().BootsWhole());
+}
+
+TEST(RecordJudgeTest, ABurnOfAnImageWithAFieldInOneSlotEndsWithTwoWholeSlots) {
+  Image image = RecordImage(0x22);
+  image.fields = {{FieldType::GUID, image.sections[0].addr + BOOT_RECORD_SIZE}};
+  image.sections[0].data.resize(BOOT_RECORD_SIZE + 16, 0x22);
+  const Image old_image = RecordImage(0x11);
+  for (const std::uint32_t valid : {0u, 1u}) {
+    Memory memory{Bytes(0x100, 0xEE), 0};
+    Burn(old_image, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = valid});
+    Judge judge(*LayoutOf(image, 0), memory.bytes);
+    judge.KnowImage(image, SomeDevice(), memory, Whole::NEW, Origin::FAILSAFE_BURN);
+    judge.SetAll(Burn(image, BurnKind::FAILSAFE, SomeDevice()).After(memory).memory.bytes);
+    EXPECT_EQ(judge.Look().CountNew(), 2u) << valid;
+  }
 }
 
 TEST(RecordJudgeTest, ABurnEndsWithTwoWholeNewSlots) {

@@ -81,7 +81,7 @@ class BootTest : public RehearsalTest {
 TEST_F(BootTest, OldImageBootsAsLongAsItIsWhole) {
   EXPECT_EQ(Report(), Line("boots old: slot 0 old, slot 1 invalid"));
   Poke(IMAGE0 + 0x1F, Hex("10"));
-  EXPECT_EQ(Report(), Line("DOES NOT BOOT: slot 0 broken, slot 1 invalid"));
+  EXPECT_EQ(Report(), Line("boots BROKEN: slot 0 broken, slot 1 invalid"));
   Poke(IMAGE0 + 0x1F, Hex("11"));
   EXPECT_EQ(Report(), Line("boots old: slot 0 old, slot 1 invalid"));
 }
@@ -99,7 +99,7 @@ TEST_F(BootTest, SignatureAndCrcMustBothBeRight) {
 TEST_F(BootTest, PointerToAnotherPlaceIsNoWholeImage) {
   const DataVec record = PointerSector(IMAGE0 + 4, 0x20, true);
   Poke(PS0, record);
-  EXPECT_EQ(Report(), Line("DOES NOT BOOT: slot 0 broken, slot 1 invalid"));
+  EXPECT_EQ(Report(), Line("boots BROKEN: slot 0 broken, slot 1 invalid"));
 }
 
 TEST_F(BootTest, NewImageInEitherSlotIsTold) {
@@ -160,7 +160,7 @@ TEST_F(RehearsalTest, BootRecordsSumAndMarkTellAnEepromsImages) {
   EXPECT_EQ(report(), "0x0000000000000010 boots new: slot 0 invalid, slot 1 new\n");
   poke(0x80 + 7, 1);
   poke(0x80 + 15, static_cast<u_int8_t>(0xAB - 4 * 0x01 - 1));
-  EXPECT_EQ(report(), "0x0000000000000010 DOES NOT BOOT: slot 0 invalid, slot 1 broken\n");
+  EXPECT_EQ(report(), "0x0000000000000010 boots BROKEN: slot 0 invalid, slot 1 broken\n");
   poke(0x80 + 15, 0);
   EXPECT_EQ(report(), "0x0000000000000010 DOES NOT BOOT: slot 0 invalid, slot 1 invalid\n");
 }

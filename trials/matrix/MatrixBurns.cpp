@@ -155,7 +155,8 @@ void MatrixBurn::PrepareJudge(Guid guid, const device::Image& old_image) {
   device::Judge judge(device::LayoutOf(_image, memory.sector_size).value(), memory.bytes);
   const device::Identity identity = IdentityOf(device);
   if (!judge.KnowImage(old_image, identity, memory, device::Whole::OLD) ||
-      !judge.KnowImage(_image, identity, memory, device::Whole::NEW)) {
+      !judge.KnowImage(_image, identity, memory, device::Whole::NEW,
+                       device::Origin::FAILSAFE_BURN)) {
     throw std::logic_error(_name +
                            ": the old and the new image have their slots in different places");
   }

@@ -112,7 +112,7 @@ BurnRun RunChecker::Begin() {
     // Between the sections of an image, the device keeps what it holds now.
     judge->second.SetAll(before.memory.bytes);
     judge->second.KnowImage(_scenario.image, IdentityOf(*device), before.memory,
-                            device::Whole::NEW);
+                            device::Whole::NEW, device::Origin::FAILSAFE_BURN);
   }
   return run;
 }

@@ -286,7 +286,8 @@ class ScenarioMaker {
     judge.KnowPresentInvariantSector();
     const device::Identity identity = IdentityOf(device);
     if (!judge.KnowImage(old_image, identity, now, device::Whole::OLD) ||
-        !judge.KnowImage(_image.image, identity, now, device::Whole::NEW)) {
+        !judge.KnowImage(_image.image, identity, now, device::Whole::NEW,
+                         device::Origin::FAILSAFE_BURN)) {
       throw std::logic_error("the images of a scenario have their slots in different places");
     }
     _scenario.judges.emplace(device.node_guid, std::move(judge));
