@@ -245,6 +245,13 @@ TEST_F(FwImageTest, FieldEndingWithItsRangeIsReturned) {
   EXPECT_EQ(_image.GetFieldsInRange(0, 0x100).size(), 1u);
 }
 
+TEST_F(FwImageTest, WhatStartsRightBehindTheRangeIsPassedOver) {
+  _image.AddReplace(FieldReplace{0x100, 8, GUID});
+  _image.AddReplace(CrcReplace{0x100, 8, 0x108});
+  EXPECT_TRUE(_image.GetFieldsInRange(0, 0x100).empty());
+  EXPECT_TRUE(_image.GetCrcsInRange(0, 0x100).empty());
+}
+
 TEST_F(FwImageTest, FieldStartingBeforeTheRangeIsPassedOver) {
   _image.AddReplace(FieldReplace{0xFC, 8, GUID});
   EXPECT_TRUE(_image.GetFieldsInRange(0x100, 0x100).empty());
