@@ -65,7 +65,7 @@ void Fill(sim::Fabric& fabric, const Burn& burn) {
     device.node_guid = FIRST_GUID + GUID_STEP * i;
     device.port_guids = {device.node_guid + 1};
     device.declared_ports = 1;
-    device.kind = burn.is_flash ? sim::MemoryKind::FLASH : sim::MemoryKind::I2C;
+    device.kind = burn.is_flash ? device::MemoryKind::FLASH : device::MemoryKind::EEPROM;
     device.chips.try_emplace(u_int8_t{0}, sim::Chip(std::make_unique<sim::Cells>(burn.size),
                                                     burn.is_flash ? 64 * KIBIBYTE : 0));
     fabric.Add(std::move(device));

@@ -185,7 +185,7 @@ std::vector<std::size_t> Burn::InvariantSections(std::uint32_t sector_size) cons
 void Burn::CheckImage(std::uint32_t sector_size) const {
   const std::vector<std::size_t> sections = SlotSections();
   if (_slots == SlotKind::BOOT_RECORDS) {
-    if (_image.sections[sections.front()].data.size() < HELD_BACK) {
+    if (_image.sections[sections.front()].data.size() < DEFERRED_BYTES) {
       throw BurnError("the image's first section holds no boot record");
     }
     return;
@@ -197,10 +197,10 @@ void Burn::CheckImage(std::uint32_t sector_size) const {
   }
 }
 
-bool Burn::SumsWhatIsHeldBack() const {
+bool Burn::HasCrcOverDeferredBytes() const {
   return _slots == SlotKind::BOOT_RECORDS &&
          std::ranges::any_of(_image.crcs, [this](const CrcField& crc) {
-           return Range{crc.from, crc.size}.Meets(ImageAddr(0), HELD_BACK);
+           return Range{crc.from, crc.size}.Meets(ImageAddr(0), DEFERRED_BYTES);
          });
 }
 
@@ -231,18 +231,18 @@ Memory Burn::WithInvariantSector(const Memory& before, bool is_rewritten) const 
   return memory;
 }
 
-Belief Burn::Look(const Memory& before) const {
-  Belief belief;
-  if (_slots != SlotKind::POINTER_SECTORS) return belief;
+ObservedState Burn::Observe(const Memory& before) const {
+  ObservedState observed;
+  if (_slots != SlotKind::POINTER_SECTORS) return observed;
   for (const std::size_t index : InvariantSections(before.sector_size)) {
     const Section& section = _image.sections[index];
-    if (!before.Has(section.addr, section.data)) belief.invariant_changed = true;
+    if (!before.Has(section.addr, section.data)) observed.invariant_changed = true;
   }
-  const Memory memory = WithInvariantSector(before, belief.invariant_changed);
+  const Memory memory = WithInvariantSector(before, observed.invariant_changed);
   for (std::uint32_t slot = 0; slot < SLOTS; ++slot) {
-    belief.is_signed[slot] = IsSigned(memory, slot);
+    observed.is_signed[slot] = IsSigned(memory, slot);
   }
-  return belief;
+  return observed;
 }
 
 // ---- What it writes
@@ -346,7 +346,7 @@ void Burn::WriteSlotSections(Writer& writer, std::uint32_t slot) const {
 /// The boot record is wrong until the rest of the slot is there.
 void Burn::WriteRecordSlot(Writer& writer, std::uint32_t slot) const {
   Bytes& first = writer.Data(SlotSections().front());
-  const Bytes held_back(first.begin(), first.begin() + HELD_BACK);
+  const Bytes held_back(first.begin(), first.begin() + DEFERRED_BYTES);
   first[SPOILT_BYTE] = static_cast<std::uint8_t>(first[SPOILT_BYTE] + SPOILT_BY);
   WriteSlotSections(writer, slot);
   writer.EraseAndProgram(ImageAddr(slot), held_back);
@@ -435,7 +435,7 @@ Plan Burn::RecordPlan(const Memory& before) const {
   return plan;
 }
 
-Plan Burn::PlanFor(const Memory& before, const Belief& belief) const {
+Plan Burn::PlanFor(const Memory& before, const ObservedState& observed) const {
   CheckImage(before.sector_size);
   if (_slots == SlotKind::BOOT_RECORDS) return RecordPlan(before);
   Plan plan;
@@ -443,8 +443,8 @@ Plan Burn::PlanFor(const Memory& before, const Belief& belief) const {
     plan.refusal = "Image on device is not failsafe. Can't perform failsafe burn";
     return plan;
   }
-  plan.rewrites_invariant = belief.invariant_changed;
-  const auto& is_signed = belief.is_signed;
+  plan.rewrites_invariant = observed.invariant_changed;
+  const auto& is_signed = observed.is_signed;
   if (!is_signed[0] && !is_signed[1]) {
     plan.refusal = "Both images are invalid. Can't perform failsafe burn";
     return plan;
@@ -462,13 +462,13 @@ Plan Burn::PlanFor(const Memory& before, const Belief& belief) const {
 
 Outcome Burn::After(const Memory& before) const {
   try {
-    return After(before, Look(before));
+    return After(before, Observe(before));
   } catch (const BurnError& error) {
     return {before, error.what(), true};
   }
 }
 
-Outcome Burn::After(const Memory& before, const Belief& belief) const {
+Outcome Burn::After(const Memory& before, const ObservedState& observed) const {
   Outcome outcome{before, "", false};
   MemoryTarget target(outcome.memory);
   try {
@@ -476,7 +476,7 @@ Outcome Burn::After(const Memory& before, const Belief& belief) const {
       Write(target, before.sector_size, {});
       return outcome;
     }
-    Plan plan = PlanFor(before, belief);
+    Plan plan = PlanFor(before, observed);
     Writer writer(_image, target, before.sector_size);
     if (plan.rewrites_invariant) WriteInvariantSector(writer);
     outcome.refusal = plan.refusal;
@@ -579,7 +579,8 @@ void Burn::AddSlotSteps(std::vector<Step>& steps, std::uint32_t slot) const {
     steps.push_back(SectionStep(index, InSlot(index, slot)));
   }
   if (_slots == SlotKind::BOOT_RECORDS) {
-    steps.push_back({"validating slot " + std::to_string(slot), {{ImageAddr(slot), HELD_BACK}}});
+    steps.push_back(
+        {"validating slot " + std::to_string(slot), {{ImageAddr(slot), DEFERRED_BYTES}}});
     return;
   }
   steps.push_back(SectionStep(PointerSection(slot), PointerSector(slot)));
@@ -600,7 +601,7 @@ void Burn::AddMoveSteps(std::vector<Step>& steps, const Memory& before) const {
   steps.push_back({"clearing signature 1", {signature(1)}});
 }
 
-std::vector<Step> Burn::Steps(const Memory& before, const Belief& belief) const {
+std::vector<Step> Burn::Steps(const Memory& before, const ObservedState& observed) const {
   std::vector<Step> steps;
   const auto add_section = [&](std::size_t index) {
     steps.push_back(SectionStep(index, _image.sections[index].addr));
@@ -609,7 +610,7 @@ std::vector<Step> Burn::Steps(const Memory& before, const Belief& belief) const 
     std::ranges::for_each(_image.order, add_section);
     return steps;
   }
-  const Plan plan = PlanFor(before, belief);
+  const Plan plan = PlanFor(before, observed);
   if (plan.rewrites_invariant) {
     std::ranges::for_each(InvariantSections(before.sector_size), add_section);
   }

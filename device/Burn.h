@@ -44,7 +44,7 @@ enum class BurnKind {
 
 /// The bytes of a slot with a boot record that a burn writes last, when the rest is there; and the
 /// one among them that spoils the record until then, by how much.
-inline constexpr std::uint32_t HELD_BACK = 4;
+inline constexpr std::uint32_t DEFERRED_BYTES = 4;
 inline constexpr std::uint32_t SPOILT_BYTE = 3;
 inline constexpr std::uint8_t SPOILT_BY = 10;
 
@@ -58,7 +58,7 @@ class BurnTarget {
 };
 
 /// What a failsafe burn of a flash takes a device for. Its questions can be answered wrongly.
-struct Belief {
+struct ObservedState {
   bool invariant_changed = false;  ///< its invariant sector is not the image's
   bool is_signed[SLOTS] = {false, false};
 };
@@ -111,16 +111,16 @@ class Burn {
   /// The whole burn. `before` reaches to the end of the device.
   Outcome After(const Memory& before) const;
   /// The same by a burner that believes something else of a device with pointer sectors.
-  Outcome After(const Memory& before, const Belief& belief) const;
+  Outcome After(const Memory& before, const ObservedState& observed) const;
 
   /// What an honest look at the device shows.
-  Belief Look(const Memory& before) const;
+  ObservedState Observe(const Memory& before) const;
   /// Throws BurnError for an image that lacks what a failsafe burn needs. A plain burn has no plan.
-  Plan PlanFor(const Memory& before, const Belief& belief) const;
+  Plan PlanFor(const Memory& before, const ObservedState& observed) const;
   /// What the burn may write, in the order that it must keep: a device that boots at the start has
   /// an image that boots between any two of the steps of a failsafe burn. Throws BurnError like
   /// PlanFor.
-  std::vector<Step> Steps(const Memory& before, const Belief& belief) const;
+  std::vector<Step> Steps(const Memory& before, const ObservedState& observed) const;
 
   // ---- Parts of a burn, for memories that are not all there
 
@@ -152,7 +152,7 @@ class Burn {
   bool IsInTheWay(const Memory& memory) const;
   /// Whether a CRC covers bytes that are held back: it is computed while they are spoilt, and stays
   /// wrong.
-  bool SumsWhatIsHeldBack() const;
+  bool HasCrcOverDeferredBytes() const;
 
  private:
   class Writer;

@@ -88,7 +88,7 @@ void Judge::Add(Known known) {
   _known.push_back(std::move(known));
 }
 
-void Judge::KnowPresentImages() {
+void Judge::AddPresentImages() {
   for (std::uint32_t slot = 0; slot < SLOTS; ++slot) {
     if (!Boots(slot)) continue;
     const std::uint32_t start = _layout.records[slot];
@@ -109,7 +109,7 @@ void Judge::KnowPresentImages() {
   }
 }
 
-void Judge::KnowPresentInvariantSector() { AddInvariantSector(Whole::OLD, _memory); }
+void Judge::AddPresentInvariantSector() { AddInvariantSector(Whole::OLD, _memory); }
 
 void Judge::AddInvariantSector(Whole whole, View memory) {
   if (!HasSectors()) return;
@@ -168,8 +168,8 @@ void Judge::AddSlot(const Image& image, const Memory& filled, std::uint32_t slot
   AddInvariantSector(whole, filled.bytes);
 }
 
-bool Judge::KnowImage(const Image& image, const Identity& identity, const Memory& before,
-                      Whole whole, Origin origin) {
+bool Judge::AddKnownImage(const Image& image, const Identity& identity, const Memory& before,
+                          Whole whole, Origin origin) {
   if (LayoutOf(image, _layout.sector_size) != _layout) return false;
   const Burn burn(image, BurnKind::FAILSAFE, identity);
   const auto know = [&](const FillPart& part, std::uint32_t slot) {
@@ -224,7 +224,7 @@ bool Judge::Boots(std::uint32_t slot) const {
   return _boots[slot];
 }
 
-Verdict Judge::Look() const {
+Verdict Judge::CurrentVerdict() const {
   Verdict verdict;
   verdict.invariant_is_whole = !HasSectors();
   for (std::uint32_t slot = 0; slot < SLOTS; ++slot) verdict.slots[slot].boots = Boots(slot);

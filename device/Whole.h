@@ -74,15 +74,15 @@ class Judge {
 
   /// Takes every slot that boots now for a whole old image. A second image that was moved into the
   /// first slot is as whole as it was, here and below.
-  void KnowPresentImages();
+  void AddPresentImages();
   /// Takes the invariant sector as it is now for whole.
-  void KnowPresentInvariantSector();
+  void AddPresentInvariantSector();
   /// Takes what the image is on the device for whole, in either slot; of `origin` as that leaves
   /// it. `before` is the device's memory as this image addresses it. What does not fit is never
   /// whole. Returns false, and knows no more than before, where the image keeps its slots elsewhere
   /// than this judge looks.
-  bool KnowImage(const Image& image, const Identity& identity, const Memory& before, Whole whole,
-                 Origin origin = Origin::ANY);
+  bool AddKnownImage(const Image& image, const Identity& identity, const Memory& before,
+                     Whole whole, Origin origin = Origin::ANY);
 
   View Bytes() const { return _memory; }
   /// A byte past the end is nobody's.
@@ -90,7 +90,7 @@ class Judge {
   /// All of them; as many as there are.
   void SetAll(View memory);
 
-  Verdict Look() const;
+  Verdict CurrentVerdict() const;
   bool Boots(std::uint32_t slot) const;
   bool IsSigned(std::uint32_t slot) const { return SlotIsSigned(_layout, slot, _memory); }
 

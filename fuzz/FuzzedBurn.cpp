@@ -33,7 +33,7 @@ sim::Device MakeDevice(Guid guid, bool is_flash) {
   device.port_guids = {guid + 1, guid + 2};
   device.sys_guid = guid + 0xF;
   device.declared_ports = 2;
-  device.kind = is_flash ? sim::MemoryKind::FLASH : sim::MemoryKind::I2C;
+  device.kind = is_flash ? device::MemoryKind::FLASH : device::MemoryKind::EEPROM;
   for (const u_int8_t chip : CHIPS) {
     device.chips.try_emplace(
         chip, sim::Chip(std::make_unique<sim::Cells>(MEMORY_SIZE), is_flash ? SECTOR_SIZE : 0));

@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
     device.port_guids = {guid + 1, guid + 2};
     device.declared_ports = 2;
     const bool is_flash = guid == 0x20;
-    device.kind = is_flash ? sim::MemoryKind::FLASH : sim::MemoryKind::I2C;
+    device.kind = is_flash ? device::MemoryKind::FLASH : device::MemoryKind::EEPROM;
     device.chips.try_emplace(is_flash ? u_int8_t{0} : u_int8_t{0x50},
                              sim::Chip(std::make_unique<sim::Cells>(0x1000), is_flash ? 0x100 : 0));
     fabric.Add(std::move(device));

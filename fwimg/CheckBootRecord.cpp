@@ -27,7 +27,7 @@ void CheckContent(const SectionLines& first, const Bytes& record, LineFindings& 
 /// What a burn writes into the record at `base`.
 void CheckRecordPlaces(const CheckedImage& image, std::uint64_t base, LineFindings& findings) {
   const auto look = [&](LineNumber line, const std::string& what, const Extent& place) {
-    if (place.Overlaps({base, base + device::HELD_BACK})) {
+    if (place.Overlaps({base, base + device::DEFERRED_BYTES})) {
       findings.Add(
           ProblemId::FIELD_IN_HELD_BACK, line,
           what + " " + At(place.from) + " lies in the first 4 bytes of the slot " + At(base));
@@ -57,7 +57,7 @@ void CheckBootRecord(const CheckedImage& image, LineFindings& findings) {
   const SectionLines& first = *image.images[0].front().section;
   if (!first.is_whole) return;
   const auto record = image.file.BytesAt(first.addr, device::BOOT_RECORD_SIZE);
-  if (first.size < device::HELD_BACK || !record) {
+  if (first.size < device::DEFERRED_BYTES || !record) {
     findings.Add(
         ProblemId::RECORD_SHORT, first.line,
         Text(Name(first), " has ", first.size, " bytes, a boot record ", device::BOOT_RECORD_SIZE));

@@ -13,7 +13,7 @@ namespace protocol {
 
 /// The answer to one request, and how it is sent. Without faults, it is sent whole and at once.
 struct Answer {
-  enum Manner {
+  enum Delivery {
     ANSWER,        ///< whole
     SILENCE,       ///< never
     CLOSE_BEFORE,  ///< the connection closes, and nothing is sent
@@ -23,7 +23,7 @@ struct Answer {
   };
 
   std::string text = {};
-  Manner manner = ANSWER;
+  Delivery delivery = ANSWER;
   std::uint32_t milliseconds = 0;         ///< to wait before it is sent
   std::optional<Guids> burn_images = {};  ///< the next message is an image for these devices
 };

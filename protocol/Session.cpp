@@ -33,8 +33,8 @@ void Session::TakeMessage(const std::string& message, std::vector<Step>& steps) 
   Answer answer = Ask(message);
   if (trace) trace(message, answer.text);
   _burn_images = std::move(answer.burn_images);
-  _manner = answer.manner;
-  switch (_manner) {
+  _delivery = answer.delivery;
+  switch (_delivery) {
     case Answer::SILENCE:
       return;
     case Answer::CLOSE_BEFORE:
@@ -62,14 +62,14 @@ Answer Session::Ask(const std::string& message) {
 
 void Session::SendPiece(std::vector<Step>& steps) {
   std::string frame = _outgoing.Next();
-  if (_manner == Answer::CLOSE_INSIDE) {
+  if (_delivery == Answer::CLOSE_INSIDE) {
     frame.resize(frame.size() / 2);
     steps.push_back({Step::SEND, std::move(frame)});
     End(Step::CLOSE, steps);
     return;
   }
   steps.push_back({Step::SEND, std::move(frame)});
-  if (_outgoing.IsDone() && _manner == Answer::CLOSE_AFTER) End(Step::CLOSE, steps);
+  if (_outgoing.IsDone() && _delivery == Answer::CLOSE_AFTER) End(Step::CLOSE, steps);
 }
 
 void Session::End(Step::Kind kind, std::vector<Step>& steps) {

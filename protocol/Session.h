@@ -43,7 +43,7 @@ class Session {
   Handler& _handler;
   MessageReader _incoming{MessageReader::Lines::KEPT};
   MessageWriter _outgoing;            ///< the answer being sent
-  Answer::Manner _manner{};           ///< of that answer
+  Answer::Delivery _delivery{};       ///< of that answer
   std::optional<Guids> _burn_images;  ///< the next message is an image for these
   bool _is_over = false;
 };

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "device/Bytes.h"
-#include "rehearse/Moment.h"
+#include "rehearse/InterruptionPoint.h"
 
 namespace rehearse {
 
@@ -20,8 +20,8 @@ struct RehearsalOptions {
   std::vector<std::string> extra_args;  ///< for fwpush, such as "-m=8"
   std::size_t recoveries = 0;           ///< number of recoveries; SIZE_MAX for one from every point
   unsigned jobs = 1;                    ///< recoveries at the same time
-  unsigned seed = 1;         ///< for torn words, torn erases and the choice of recoveries
-  std::optional<Moment> at;  ///< rehearse only this one
+  unsigned seed = 1;  ///< for torn words, torn erases and the choice of recoveries
+  std::optional<InterruptionPoint> at;  ///< rehearse only this one
 };
 
 /// Called with the progress of a rehearsal: the current phase, and how much of it is done.

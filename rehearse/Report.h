@@ -9,7 +9,7 @@
 
 #include "device/Bytes.h"
 #include "device/Whole.h"
-#include "rehearse/Moment.h"
+#include "rehearse/InterruptionPoint.h"
 #include "rehearse/OperationLog.h"
 
 namespace rehearse {
@@ -18,9 +18,9 @@ namespace rehearse {
 /// are one exception.
 struct RehearsalException {
   device::Guid device = 0;
-  std::optional<Moment> first = {};  ///< nothing before the burn, and after its end
-  std::size_t points = 1;            ///< number of successive points
-  std::size_t first_request = 0;     ///< from 1; 0 where there is none
+  std::optional<InterruptionPoint> first = {};  ///< nothing before the burn, and after its end
+  std::size_t points = 1;                       ///< number of successive points
+  std::size_t first_request = 0;                ///< from 1; 0 where there is none
   std::size_t last_request = 0;
   std::string command = {};  ///< of the first request
   std::string step = {};     ///< the part of the memory that was being changed

@@ -7,19 +7,19 @@ namespace {
 /// The sweep of one device.
 class DeviceSweep {
  public:
-  DeviceSweep(const RehearsalOptions& options, const Subject& subject, const CleanBurn& burn,
-              device::Guid guid, RehearsalReport& report)
+  DeviceSweep(const RehearsalOptions& options, const RehearsedDevices& devices,
+              const UninterruptedBurn& burn, device::Guid guid, RehearsalReport& report)
       : _options(options),
-        _subject(subject),
+        _devices(devices),
         _burn(burn),
         _guid(guid),
         _report(report),
-        _judge(subject.JudgeOf(guid)) {}
+        _judge(devices.JudgeOf(guid)) {}
 
   /// `point` is the number of the device's first cut.
   void Run(std::size_t point, const RehearsalProgress& progress) {
     const std::vector<LoggedOperation>& log = _burn.Log().Of(_guid);
-    const device::MemoryKind memory = _subject.MemoryKindOf(_guid);
+    const device::MemoryKind memory = _devices.MemoryKindOf(_guid);
     for (std::size_t i = 0; i < log.size(); ++i) {
       const CellAccess cells = CellsOf(log[i].chip);
       for (std::size_t n = 0; n < log[i].Cuts(); ++n, ++point) {
@@ -40,16 +40,16 @@ class DeviceSweep {
 
   CellAccess CellsOf(std::uint8_t chip) {
     return {[this, chip](std::uint32_t offset) {
-              const auto addr = _subject.LinearOf(chip, offset);
+              const auto addr = _devices.LinearOf(chip, offset);
               return addr ? _judge.Bytes()[*addr] : device::ERASED;
             },
             [this, chip](std::uint32_t offset, std::uint8_t byte) {
-              if (const auto addr = _subject.LinearOf(chip, offset)) _judge.Set(*addr, byte);
+              if (const auto addr = _devices.LinearOf(chip, offset)) _judge.Set(*addr, byte);
             }};
   }
 
   void Look(const LoggedOperation& operation, const Cut& cut, std::size_t point) {
-    const device::Verdict verdict = _judge.Look();
+    const device::Verdict verdict = _judge.CurrentVerdict();
     _report.Count(cut.kind, verdict);
     if (verdict.IsSafe()) {
       _goes_on = false;
@@ -59,11 +59,11 @@ class DeviceSweep {
     } else {
       const bool is_erase = operation.kind == sim::Operation::ERASE;
       _goes_on = _report.Add({.device = _guid,
-                              .first = Moment{Interruption::POWER, point},
+                              .first = InterruptionPoint{Interruption::POWER, point},
                               .first_request = operation.request,
                               .last_request = operation.request,
                               .command = is_erase ? "erase" : "write",
-                              .step = _subject.StepAt(_guid, operation),
+                              .step = _devices.StepAt(_guid, operation),
                               .state = Describe(verdict),
                               .reason = _burn.ReasonFor(_guid, verdict)});
       _last = verdict;
@@ -71,8 +71,8 @@ class DeviceSweep {
   }
 
   const RehearsalOptions& _options;
-  const Subject& _subject;
-  const CleanBurn& _burn;
+  const RehearsedDevices& _devices;
+  const UninterruptedBurn& _burn;
   device::Guid _guid;
   RehearsalReport& _report;
   device::Judge _judge;
@@ -82,12 +82,13 @@ class DeviceSweep {
 
 }  // namespace
 
-void Sweep(const RehearsalOptions& options, const Subject& subject, const CleanBurn& burn,
-           const RehearsalProgress& progress, RehearsalReport& report) {
+void Sweep(const RehearsalOptions& options, const RehearsedDevices& devices,
+           const UninterruptedBurn& burn, const RehearsalProgress& progress,
+           RehearsalReport& report) {
   std::size_t point = 0;
-  for (const device::Guid guid : subject.Guids()) {
-    if (subject.BootsAtStart(guid)) {
-      DeviceSweep(options, subject, burn, guid, report).Run(point, progress);
+  for (const device::Guid guid : devices.Guids()) {
+    if (devices.BootsAtStart(guid)) {
+      DeviceSweep(options, devices, burn, guid, report).Run(point, progress);
     }
     point += burn.Log().PointsOf(guid);
   }

@@ -1,16 +1,17 @@
 /// Cuts the power at every point of a burn, and checks that the device still boots.
 #pragma once
 
-#include "rehearse/CleanBurn.h"
 #include "rehearse/Options.h"
+#include "rehearse/RehearsedDevices.h"
 #include "rehearse/Report.h"
-#include "rehearse/Subject.h"
+#include "rehearse/UninterruptedBurn.h"
 
 namespace rehearse {
 
 /// Judges every device that booted before the burn, at each cut of its log or only at the one in
 /// the options.
-void Sweep(const RehearsalOptions& options, const Subject& subject, const CleanBurn& burn,
-           const RehearsalProgress& progress, RehearsalReport& report);
+void Sweep(const RehearsalOptions& options, const RehearsedDevices& subject,
+           const UninterruptedBurn& burn, const RehearsalProgress& progress,
+           RehearsalReport& report);
 
 }  // namespace rehearse

@@ -186,13 +186,13 @@ void TakeWords(Options& options) {
   options.guids = ParseGuids(options.guid_words);
   if (options.recover == "all") {
     options.recoveries = SIZE_MAX;
-  } else if (const auto number = rehearse::ParseMoment(options.recover);
+  } else if (const auto number = rehearse::ParseInterruptionPoint(options.recover);
              number && number->kind == rehearse::Interruption::POWER) {
     options.recoveries = number->place;
   } else {
     throw common::UsageError("--recover", "must be a number or all");
   }
-  if (!options.point.empty() && !(options.at = rehearse::ParseMoment(options.point))) {
+  if (!options.point.empty() && !(options.at = rehearse::ParseInterruptionPoint(options.point))) {
     throw common::UsageError("--at", "must be a point such as 1234, killed:28 or dropped:28");
   }
   options.extra_args = {"-m", std::to_string(options.chunk_align)};

@@ -35,11 +35,12 @@ Device& Fabric::Add(Device device) {
     }
   }
   for (const auto& [address, chip] : device.chips) {
-    if (chip.IsFlash() != (device.kind == MemoryKind::FLASH)) {
+    if (chip.IsFlash() != (device.kind == device::MemoryKind::FLASH)) {
       throw std::invalid_argument("a chip of the other kind of memory");
     }
   }
-  if (device.kind == MemoryKind::FLASH && (device.chips.size() != 1 || !device.chips.contains(0))) {
+  if (device.kind == device::MemoryKind::FLASH &&
+      (device.chips.size() != 1 || !device.chips.contains(0))) {
     throw std::invalid_argument("a flash is one chip, at address 0");
   }
   for (const Guid guid : guids) _node_of[guid] = device.node_guid;
@@ -98,7 +99,7 @@ std::string Fabric::ListDevices() const {
 Answer Fabric::Handle(const Request& request) {
   _fault = faults.Match(std::string(request.command->word), request.devices);
   const auto fires = [this](Fault::Kind kind) { return _fault && _fault->kind == kind; };
-  if (fires(Fault::SILENCE)) return {.manner = Answer::SILENCE};
+  if (fires(Fault::SILENCE)) return {.delivery = Answer::SILENCE};
   if (fires(Fault::ANSWER)) return {.text = _fault->text};
   if (fires(Fault::POWER_OFF)) {
     Device* device = _fault->device            ? Find(*_fault->device)
@@ -109,10 +110,10 @@ Answer Fabric::Handle(const Request& request) {
   protocol::CheckCount(request, facts.multi_max);
   Answer answer = Run(request);
   if (fires(Fault::DELAY)) answer.milliseconds = _fault->milliseconds;
-  if (fires(Fault::CLOSE_BEFORE)) answer.manner = Answer::CLOSE_BEFORE;
-  if (fires(Fault::CLOSE_INSIDE)) answer.manner = Answer::CLOSE_INSIDE;
-  if (fires(Fault::CLOSE_AFTER)) answer.manner = Answer::CLOSE_AFTER;
-  if (fires(Fault::RESET)) answer.manner = Answer::RESET;
+  if (fires(Fault::CLOSE_BEFORE)) answer.delivery = Answer::CLOSE_BEFORE;
+  if (fires(Fault::CLOSE_INSIDE)) answer.delivery = Answer::CLOSE_INSIDE;
+  if (fires(Fault::CLOSE_AFTER)) answer.delivery = Answer::CLOSE_AFTER;
+  if (fires(Fault::RESET)) answer.delivery = Answer::RESET;
   return answer;
 }
 
@@ -159,7 +160,7 @@ Answer Fabric::Run(const Request& request) {
 
 std::string Fabric::RunOn(const Request& request, Device& device) {
   const Action action = request.command->action;
-  const bool is_flash = device.kind == MemoryKind::FLASH;
+  const bool is_flash = device.kind == device::MemoryKind::FLASH;
   const auto& memory = request.command->memory;
   if (memory && (*memory == Memory::FLASH) != is_flash) {
     throw Refusal(is_flash ? "Device has a flash" : "Device has no flash");

@@ -14,8 +14,8 @@
 
 #include "common/Text.h"
 #include "protocol/Handler.h"
+#include "sim/ChipMemory.h"
 #include "sim/Faults.h"
-#include "sim/Memory.h"
 
 namespace sim {
 
@@ -23,8 +23,6 @@ constexpr std::size_t VSD_SIZE = 208;
 constexpr std::size_t BSN_SIZE = 64;
 
 using common::HexGuid;
-
-enum class MemoryKind { FLASH, I2C };
 
 /// One device.
 struct Device {
@@ -37,7 +35,7 @@ struct Device {
   std::string attr = "none";    ///< one word
   device::Bytes vsd = device::Bytes(VSD_SIZE, 0);
   device::Bytes bsn = device::Bytes(BSN_SIZE, 0);
-  MemoryKind kind = MemoryKind::I2C;
+  device::MemoryKind kind = device::MemoryKind::EEPROM;
   std::map<std::uint8_t, Chip> chips;  ///< by I2C address; a flash is chip 0
   bool has_power = true;               ///< without power, it ignores requests and does not answer
   std::vector<std::string> images;     ///< image files that it was filled with

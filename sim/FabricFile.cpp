@@ -113,7 +113,7 @@ void ReadMemory(TomlReader& reader, const std::optional<fs::path>& state, Device
     const std::uint32_t size = flash->Needed("size", flash->Number("size", 4, MAX_SIZE));
     if (size % sector != 0) flash->Throw("'size' must be a whole number of sectors");
     flash->Finish();
-    device.kind = MemoryKind::FLASH;
+    device.kind = device::MemoryKind::FLASH;
     maker.Make(device, 0, size, sector);
   }
   std::vector<TomlReader> chips = reader.Tables("chip");

@@ -9,7 +9,7 @@
 
 #include "common/Program.h"
 #include "protocol/Server.h"
-#include "sim/Boot.h"
+#include "sim/BootReport.h"
 #include "sim/FabricFile.h"
 
 namespace {

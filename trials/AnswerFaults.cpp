@@ -54,7 +54,7 @@ bool IsNumber(RequestKind kind) {
 }
 
 /// The elements of a right answer, each with its braces.
-std::vector<std::string> Elements(const Exchange& request) {
+std::vector<std::string> Elements(const ParsedExchange& request) {
   // A bare ACK stands for the ACK of every device.
   if (request.kind == RequestKind::ACKED) {
     return std::vector<std::string>(request.devices.size(), "{ACK}");
@@ -77,7 +77,7 @@ std::string Join(const std::vector<std::string>& elements) {
 }
 
 /// Index of the device's element; in the list of devices, of its first record.
-std::size_t ElementOf(const Exchange& request, const std::vector<std::string>& elements,
+std::size_t ElementOf(const ParsedExchange& request, const std::vector<std::string>& elements,
                       Guid device) {
   if (request.kind == RequestKind::LIST) {
     const auto found = std::ranges::find_if(elements, [device](const std::string& element) {
@@ -140,8 +140,8 @@ std::string Inside(const std::string& element) { return element.substr(1, elemen
 
 std::span<const AnswerFaultRow> AllAnswerFaults() { return FAULTS; }
 
-Exchange ParseExchange(const std::string& text, const std::string& answer, bool has_written) {
-  Exchange request{text, answer, RequestKind::ACKED, {}, 0, 0};
+ParsedExchange ParseExchange(const std::string& text, const std::string& answer, bool has_written) {
+  ParsedExchange request{text, answer, RequestKind::ACKED, {}, 0, 0};
   const std::vector<std::string> words = Words(text);
   const std::string& head = words.at(0);
   const bool is_read = head == "vsFlashReadMulti" || head == "vsI2cReadMulti";
@@ -191,7 +191,7 @@ Exchange ParseExchange(const std::string& text, const std::string& answer, bool 
   return request;
 }
 
-std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const Exchange& request) {
+std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const ParsedExchange& request) {
   const RequestKind kind = request.kind;
   const auto each_device = [&request] {
     std::vector<std::optional<Guid>> devices(request.devices.begin(), request.devices.end());
@@ -225,7 +225,8 @@ std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const Exchange&
   }
 }
 
-std::string FaultyAnswer(AnswerFault fault, const Exchange& request, std::optional<Guid> device) {
+std::string FaultyAnswer(AnswerFault fault, const ParsedExchange& request,
+                         std::optional<Guid> device) {
   const RequestKind kind = request.kind;
   std::vector<std::string> elements = Elements(request);
   switch (fault) {
@@ -278,7 +279,7 @@ namespace {
 /// Predicts the end of a run from the one faulty answer in it.
 class EndPredictor {
  public:
-  EndPredictor(const BurnFacts& facts, std::span<const Exchange> requests, std::size_t k,
+  EndPredictor(const BurnFacts& facts, std::span<const ParsedExchange> requests, std::size_t k,
                const std::string& answer, std::optional<Guid> device)
       : _facts(facts),
         _requests(requests),
@@ -566,7 +567,7 @@ class EndPredictor {
   /// right one is then one too many.
   Expected OfTwiceLate() const {
     if (IsLast()) return Succeeds();
-    const Exchange& next = _requests[_k + 1];
+    const ParsedExchange& next = _requests[_k + 1];
     const bool says_the_same =
         next.answer == _request.answer ||
         (next.kind == RequestKind::ACKED && _request.kind == RequestKind::ACKED &&
@@ -578,9 +579,9 @@ class EndPredictor {
   }
 
   const BurnFacts& _facts;
-  std::span<const Exchange> _requests;
+  std::span<const ParsedExchange> _requests;
   std::size_t _k;
-  const Exchange& _request;
+  const ParsedExchange& _request;
   const std::string& _answer;
   std::optional<Guid> _device;
   std::string _host;
@@ -588,7 +589,7 @@ class EndPredictor {
 
 }  // namespace
 
-Expected Expect(AnswerFault fault, const BurnFacts& facts, std::span<const Exchange> requests,
+Expected Expect(AnswerFault fault, const BurnFacts& facts, std::span<const ParsedExchange> requests,
                 std::size_t k, std::optional<Guid> device) {
   const std::string answer = FaultyAnswer(fault, requests[k], device);
   return EndPredictor(facts, requests, k, answer, device).Of(fault);

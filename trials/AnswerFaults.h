@@ -33,7 +33,7 @@ enum class RequestKind {
 };
 
 /// A request of a fault-free run, with its answer.
-struct Exchange {
+struct ParsedExchange {
   std::string text;
   std::string answer;
   RequestKind kind;
@@ -85,14 +85,15 @@ std::span<const AnswerFaultRow> AllAnswerFaults();
 inline constexpr char REFUSED[] = "refused";
 
 /// Reads the request of an exchange. `has_written` tells whether the run has sent a write before.
-Exchange ParseExchange(const std::string& text, const std::string& answer, bool has_written);
+ParsedExchange ParseExchange(const std::string& text, const std::string& answer, bool has_written);
 
 /// The devices at which `fault` can be injected into the answer to `request`: nullopt stands for
 /// the answer as a whole. Empty where the answer has no place for the fault.
-std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const Exchange& request);
+std::vector<std::optional<Guid>> FaultTargets(AnswerFault fault, const ParsedExchange& request);
 
 /// The answer with the fault in its text; the right answer for faults of the transport.
-std::string FaultyAnswer(AnswerFault fault, const Exchange& request, std::optional<Guid> device);
+std::string FaultyAnswer(AnswerFault fault, const ParsedExchange& request,
+                         std::optional<Guid> device);
 
 /// What must be known of a burn to predict how it ends.
 struct BurnFacts {
@@ -121,7 +122,7 @@ struct Expected {
 };
 
 /// `k` is the index of the request with the faulty answer in `requests`, those of a fault-free run.
-Expected Expect(AnswerFault fault, const BurnFacts& facts, std::span<const Exchange> requests,
+Expected Expect(AnswerFault fault, const BurnFacts& facts, std::span<const ParsedExchange> requests,
                 std::size_t k, std::optional<Guid> device);
 
 /// Whether the burner has this error text, or this assertion, for answers that make no sense. A run

@@ -224,7 +224,7 @@ TEST(RecordBurnTest, ACrcOverTheRecordIsComputedWhileItIsSpoilt) {
   Memory before{Bytes(0x100, 0xEE), 0};
   Put(before.bytes, 0x80, RecordAndMore(0x11));
   const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
-  EXPECT_TRUE(burn.SumsWhatIsHeldBack());
+  EXPECT_TRUE(burn.HasCrcOverDeferredBytes());
   const Memory after = burn.After(before).memory;
   EXPECT_EQ(after.Word(0), 0xABu);
   EXPECT_EQ(after.Word(0x1C), CrcOf(Bytes{0, 0, 0, 0xB5}));
@@ -305,7 +305,7 @@ TEST(FlashBurnTest, OfTwoValidImagesTheSecondIsGivenUp) {
   EXPECT_EQ(Burnt(image, BurnKind::FAILSAFE, before).bytes, expected.bytes);
   const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
   EXPECT_THAT(
-      NamesOf(burn.Steps(before, burn.Look(before))),
+      NamesOf(burn.Steps(before, burn.Observe(before))),
       ElementsAre("clearing signature 1", "clearing signature 1", "writing section S3 at 1000",
                   "writing section S2 at 400", "setting signature 1", "clearing signature 0"));
 }
@@ -328,7 +328,7 @@ TEST(FlashBurnTest, AnotherInvariantSectorIsRewrittenEvenWhereNoImageIsValid) {
   image.sections[0].data = Invariant(0x66);
   const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
   const Memory before = PreparedFlash();
-  EXPECT_TRUE(burn.Look(before).invariant_changed);
+  EXPECT_TRUE(burn.Observe(before).invariant_changed);
   Memory expected = before;
   Put(expected.bytes, 0, Invariant(0x66));
   const Outcome outcome = burn.After(before);
@@ -351,8 +351,8 @@ TEST(FlashBurnTest, SlotsAreLookedAtWhenTheInvariantSectorIsRewritten) {
   Put(before.bytes, INNER_PS, ValidRecord(SLOT[0], 0x10, 0x11));
   const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
   EXPECT_TRUE(burn.IsSigned(before, 0));
-  EXPECT_TRUE(burn.Look(before).invariant_changed);
-  EXPECT_FALSE(burn.Look(before).is_signed[0]);
+  EXPECT_TRUE(burn.Observe(before).invariant_changed);
+  EXPECT_FALSE(burn.Observe(before).is_signed[0]);
   EXPECT_EQ(burn.After(before).refusal, "Both images are invalid. Can't perform failsafe burn");
 }
 
@@ -376,9 +376,9 @@ TEST(FlashBurnTest, ASecondImageInTheWayIsMovedWithAllBytesThatAReadAnswers) {
   PutSlot(expected, 1, 0x22, 0xA04);
   ClearSignature(expected, 0);
   const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
-  EXPECT_TRUE(burn.PlanFor(before, burn.Look(before)).moves_second);
+  EXPECT_TRUE(burn.PlanFor(before, burn.Observe(before)).moves_second);
   EXPECT_EQ(Burnt(image, BurnKind::FAILSAFE, before).bytes, expected.bytes);
-  const std::vector<Step> steps = burn.Steps(before, burn.Look(before));
+  const std::vector<Step> steps = burn.Steps(before, burn.Observe(before));
   EXPECT_THAT(steps[1].ranges, ElementsAre(Range{3 * SECTOR, 8}));
   EXPECT_THAT(NamesOf(steps),
               ElementsAre("clearing signature 0", "copying the image", "copying its pointer sector",

@@ -18,8 +18,8 @@ class FlashJudgeTest : public testing::Test {
  protected:
   Judge JudgeOf(const Memory& memory) const {
     Judge judge(FlashLayout(), memory.bytes);
-    EXPECT_TRUE(judge.KnowImage(_old, SomeDevice(), memory, Whole::OLD));
-    EXPECT_TRUE(judge.KnowImage(_new, SomeDevice(), memory, Whole::NEW));
+    EXPECT_TRUE(judge.AddKnownImage(_old, SomeDevice(), memory, Whole::OLD));
+    EXPECT_TRUE(judge.AddKnownImage(_new, SomeDevice(), memory, Whole::NEW));
     return judge;
   }
   Memory FilledWith(const Image& image, std::uint32_t slot) const {
@@ -35,18 +35,18 @@ class FlashJudgeTest : public testing::Test {
 TEST_F(FlashJudgeTest, ABurnEndsWithOneWholeNewSlot) {
   const Memory before = FilledWith(_old, 0);
   Judge judge = JudgeOf(before);
-  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 invalid");
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 old, slot 1 invalid");
   judge.SetAll(Burn(_new, BurnKind::FAILSAFE, SomeDevice()).After(before).memory.bytes);
-  EXPECT_EQ(Describe(judge.Look()), "boots new: slot 0 invalid, slot 1 new");
-  EXPECT_TRUE(judge.Look().IsSafe());
-  EXPECT_EQ(judge.Look().CountNew(), 1u);
-  EXPECT_EQ(judge.Look().CountInvalid(), 1u);
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots new: slot 0 invalid, slot 1 new");
+  EXPECT_TRUE(judge.CurrentVerdict().IsSafe());
+  EXPECT_EQ(judge.CurrentVerdict().CountNew(), 1u);
+  EXPECT_EQ(judge.CurrentVerdict().CountInvalid(), 1u);
 }
 
 TEST_F(FlashJudgeTest, BothImagesCanBeWholeAtOnce) {
   Memory memory = FilledWith(_old, 0);
   Burn(_new, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
-  EXPECT_EQ(Describe(JudgeOf(memory).Look()), "boots old or new: slot 0 old, slot 1 new");
+  EXPECT_EQ(Describe(JudgeOf(memory).CurrentVerdict()), "boots old or new: slot 0 old, slot 1 new");
 }
 
 TEST_F(FlashJudgeTest, AChangedByteOfTheImageBootsAndIsNotWhole) {
@@ -54,10 +54,11 @@ TEST_F(FlashJudgeTest, AChangedByteOfTheImageBootsAndIsNotWhole) {
   for (const std::uint32_t addr : {SLOT[0], SLOT[0] + 0xF}) {
     Judge judge = JudgeOf(before);
     judge.Set(addr, 0x10);
-    EXPECT_EQ(judge.Look().slots[0], (SlotVerdict{.boots = true, .whole = Whole::NOT_KNOWN}));
-    EXPECT_EQ(Describe(judge.Look()), "boots BROKEN: slot 0 broken, slot 1 invalid");
+    EXPECT_EQ(judge.CurrentVerdict().slots[0],
+              (SlotVerdict{.boots = true, .whole = Whole::NOT_KNOWN}));
+    EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots BROKEN: slot 0 broken, slot 1 invalid");
     judge.Set(addr, 0x11);
-    EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 invalid");
+    EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 old, slot 1 invalid");
   }
 }
 
@@ -66,14 +67,14 @@ TEST_F(FlashJudgeTest, AChangedByteOfTheRecordDoesNotBoot) {
   judge.Set(PS[0] + 100, 0);
   EXPECT_FALSE(judge.Boots(0));
   EXPECT_TRUE(judge.IsSigned(0));
-  EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 invalid, slot 1 invalid");
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "DOES NOT BOOT: slot 0 invalid, slot 1 invalid");
 }
 
 TEST_F(FlashJudgeTest, ARecordOfAnotherImageIsNoWholeImage) {
   // All bytes of the old image, and a valid record that was never made for it.
   Memory memory = FilledWith(_old, 0);
   Put(memory.bytes, PS[0], ValidRecord(SLOT[0], 0x10, 0x33));
-  EXPECT_EQ(JudgeOf(memory).Look().slots[0], (SlotVerdict{.boots = true}));
+  EXPECT_EQ(JudgeOf(memory).CurrentVerdict().slots[0], (SlotVerdict{.boots = true}));
 }
 
 TEST_F(FlashJudgeTest, TheDevicesOwnFieldsAndCrcsAreOfTheImage) {
@@ -84,10 +85,10 @@ TEST_F(FlashJudgeTest, TheDevicesOwnFieldsAndCrcsAreOfTheImage) {
   Judge judge = JudgeOf(before);
   const Memory after = Burn(_new, BurnKind::FAILSAFE, SomeDevice()).After(before).memory;
   judge.SetAll(after.bytes);
-  EXPECT_TRUE(judge.Look().BootsNew());
+  EXPECT_TRUE(judge.CurrentVerdict().BootsNew());
   for (const std::uint32_t addr : {SLOT[1] + 7, SLOT[1] + 11}) {
     judge.Set(addr, static_cast<std::uint8_t>(after.bytes[addr] ^ 1));
-    EXPECT_TRUE(judge.Look().slots[1].BootsBroken());
+    EXPECT_TRUE(judge.CurrentVerdict().slots[1].BootsBroken());
     judge.Set(addr, after.bytes[addr]);
   }
 }
@@ -101,10 +102,10 @@ TEST_F(FlashJudgeTest, TheSecondImageIsAsWholeWhereItIsMoved) {
   Put(moved.bytes, 3 * SECTOR, Bytes(5, 0x11));
   Put(moved.bytes, PS[0], ValidRecord(3 * SECTOR, 5, 0x11));
   judge.SetAll(moved.bytes);
-  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 old, slot 1 old");
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 old, slot 1 old");
   judge.Set(3 * SECTOR + 4, 0);
-  EXPECT_EQ(Describe(judge.Look()), "boots old or BROKEN: slot 0 broken, slot 1 old");
-  EXPECT_FALSE(judge.Look().IsSafe());
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old or BROKEN: slot 0 broken, slot 1 old");
+  EXPECT_FALSE(judge.CurrentVerdict().IsSafe());
 }
 
 TEST_F(FlashJudgeTest, APlainBurnLeavesAWholeImageInTheFirstSlot) {
@@ -113,7 +114,7 @@ TEST_F(FlashJudgeTest, APlainBurnLeavesAWholeImageInTheFirstSlot) {
   const Memory before = FilledWith(_old, 1);
   Judge judge = JudgeOf(before);
   judge.SetAll(Burn(_new, BurnKind::PLAIN, SomeDevice()).After(before).memory.bytes);
-  EXPECT_TRUE(judge.Look().slots[0].BootsNew());
+  EXPECT_TRUE(judge.CurrentVerdict().slots[0].BootsNew());
 }
 
 TEST_F(FlashJudgeTest, AFailsafeBurnThatLeavesAFieldAsAPlainBurnIsNotWhole) {
@@ -127,12 +128,12 @@ TEST_F(FlashJudgeTest, AFailsafeBurnThatLeavesAFieldAsAPlainBurnIsNotWhole) {
   const Burn burn(_new, BurnKind::FAILSAFE, SomeDevice());
   burn.Fill(after, {.slot = 0});
   Judge judge(FlashLayout(), before.bytes);
-  ASSERT_TRUE(judge.KnowImage(_new, SomeDevice(), before, Whole::NEW, Origin::FAILSAFE_BURN));
+  ASSERT_TRUE(judge.AddKnownImage(_new, SomeDevice(), before, Whole::NEW, Origin::FAILSAFE_BURN));
   judge.SetAll(after.bytes);
-  ASSERT_TRUE(judge.Look().slots[0].BootsNew());
+  ASSERT_TRUE(judge.CurrentVerdict().slots[0].BootsNew());
   Put(after.bytes, SLOT[0], _new.sections.back().data);
   judge.SetAll(after.bytes);
-  EXPECT_TRUE(judge.Look().slots[0].BootsBroken());
+  EXPECT_TRUE(judge.CurrentVerdict().slots[0].BootsBroken());
 }
 
 TEST_F(FlashJudgeTest, WhatFollowsTheRecordInItsSectionIsOfTheImage) {
@@ -141,9 +142,9 @@ TEST_F(FlashJudgeTest, WhatFollowsTheRecordInItsSectionIsOfTheImage) {
   const Memory before = FilledWith(_old, 0);
   Judge judge = JudgeOf(before);
   judge.SetAll(Burn(_new, BurnKind::FAILSAFE, SomeDevice()).After(before).memory.bytes);
-  ASSERT_TRUE(judge.Look().slots[1].BootsNew());
+  ASSERT_TRUE(judge.CurrentVerdict().slots[1].BootsNew());
   judge.Set(PS[1] + POINTER_RECORD_SIZE + 0x3F, 0);
-  EXPECT_TRUE(judge.Look().slots[1].BootsBroken());
+  EXPECT_TRUE(judge.CurrentVerdict().slots[1].BootsBroken());
 }
 
 TEST_F(FlashJudgeTest, ACopyOfLessThanTheImageIsNotWhole) {
@@ -154,39 +155,39 @@ TEST_F(FlashJudgeTest, ACopyOfLessThanTheImageIsNotWhole) {
   const Memory before = FilledWith(_old, 1);
   _new = FlashImage(0x22, 0xA04);
   Judge judge = JudgeOf(before);
-  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 invalid, slot 1 old");
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 invalid, slot 1 old");
   Memory moved = before;
   Put(moved.bytes, 3 * SECTOR, Bytes(8, 0x11));
   Put(moved.bytes, PS[0], ValidRecord(3 * SECTOR, 8, 0x11));
   judge.SetAll(moved.bytes);
-  EXPECT_TRUE(judge.Look().slots[0].BootsBroken());
+  EXPECT_TRUE(judge.CurrentVerdict().slots[0].BootsBroken());
   Put(moved.bytes, 3 * SECTOR, Bytes(16, 0x11));
   judge.SetAll(moved.bytes);
-  EXPECT_FALSE(judge.Look().slots[0].BootsBroken());
+  EXPECT_FALSE(judge.CurrentVerdict().slots[0].BootsBroken());
 }
 
 TEST_F(FlashJudgeTest, ATornInvariantSectorStartsNothing) {
   Judge judge = JudgeOf(FilledWith(_old, 0));
   judge.Set(0x30, 0);
-  EXPECT_EQ(Describe(judge.Look()),
+  EXPECT_EQ(Describe(judge.CurrentVerdict()),
             "DOES NOT BOOT: slot 0 old, slot 1 invalid, invariant sector broken");
 }
 
 TEST_F(FlashJudgeTest, WithoutImagesWhatBootsNowIsWhole) {
   const Memory memory = FilledWith(_old, 1);
   Judge judge(FlashLayout(), memory.bytes);
-  judge.KnowPresentImages();
-  judge.KnowPresentInvariantSector();
-  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 invalid, slot 1 old");
+  judge.AddPresentImages();
+  judge.AddPresentInvariantSector();
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 invalid, slot 1 old");
   judge.Set(SLOT[1], 0);
-  EXPECT_EQ(Describe(judge.Look()), "boots BROKEN: slot 0 invalid, slot 1 broken");
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots BROKEN: slot 0 invalid, slot 1 broken");
 }
 
 TEST_F(FlashJudgeTest, AnImageThatKeepsItsRecordsElsewhereIsNotKnown) {
   const Memory memory = FilledWith(_old, 0);
   Judge judge(FlashLayout(), memory.bytes);
   _new.slots[1].pointer_sector = 0x1C00;
-  EXPECT_FALSE(judge.KnowImage(_new, SomeDevice(), memory, Whole::NEW));
+  EXPECT_FALSE(judge.AddKnownImage(_new, SomeDevice(), memory, Whole::NEW));
 }
 
 TEST_F(FlashJudgeTest, OneThatFollowsAgreesWithOneThatLooksAfresh) {
@@ -208,8 +209,8 @@ TEST_F(FlashJudgeTest, OneThatFollowsAgreesWithOneThatLooksAfresh) {
     follower.Set(addr, memory.bytes[addr]);
     Judge fresh = first;
     fresh.SetAll(memory.bytes);
-    ASSERT_EQ(follower.Look(), fresh.Look()) << i;
-    verdicts.insert(Describe(fresh.Look()));
+    ASSERT_EQ(follower.CurrentVerdict(), fresh.CurrentVerdict()) << i;
+    verdicts.insert(Describe(fresh.CurrentVerdict()));
   }
   EXPECT_GE(verdicts.size(), 4u);  // the walk met good and bad states
 }
@@ -221,10 +222,10 @@ TEST(RecordJudgeTest, WholeAndBootingAreTwoThings) {
   Memory memory = blank;
   Burn(wrong_sum, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
   Judge judge(*LayoutOf(wrong_sum, 0), memory.bytes);
-  judge.KnowImage(wrong_sum, SomeDevice(), blank, Whole::NEW);
-  EXPECT_EQ(judge.Look().slots[1], (SlotVerdict{.boots = false, .whole = Whole::NEW}));
-  EXPECT_EQ(Describe(judge.Look()), "DOES NOT BOOT: slot 0 invalid, slot 1 invalid");
-  EXPECT_FALSE(judge.Look().BootsWhole());
+  judge.AddKnownImage(wrong_sum, SomeDevice(), blank, Whole::NEW);
+  EXPECT_EQ(judge.CurrentVerdict().slots[1], (SlotVerdict{.boots = false, .whole = Whole::NEW}));
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "DOES NOT BOOT: slot 0 invalid, slot 1 invalid");
+  EXPECT_FALSE(judge.CurrentVerdict().BootsWhole());
 }
 
 TEST(RecordJudgeTest, ABurnOfAnImageWithAFieldInOneSlotEndsWithTwoWholeSlots) {
@@ -236,9 +237,9 @@ TEST(RecordJudgeTest, ABurnOfAnImageWithAFieldInOneSlotEndsWithTwoWholeSlots) {
     Memory memory{Bytes(0x100, 0xEE), 0};
     Burn(old_image, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = valid});
     Judge judge(*LayoutOf(image, 0), memory.bytes);
-    judge.KnowImage(image, SomeDevice(), memory, Whole::NEW, Origin::FAILSAFE_BURN);
+    judge.AddKnownImage(image, SomeDevice(), memory, Whole::NEW, Origin::FAILSAFE_BURN);
     judge.SetAll(Burn(image, BurnKind::FAILSAFE, SomeDevice()).After(memory).memory.bytes);
-    EXPECT_EQ(judge.Look().CountNew(), 2u) << valid;
+    EXPECT_EQ(judge.CurrentVerdict().CountNew(), 2u) << valid;
   }
 }
 
@@ -248,12 +249,12 @@ TEST(RecordJudgeTest, ABurnEndsWithTwoWholeNewSlots) {
   Memory memory{Bytes(0x100, 0xEE), 0};
   Burn(old_image, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
   Judge judge(*LayoutOf(new_image, 0), memory.bytes);
-  judge.KnowPresentImages();
-  judge.KnowImage(new_image, SomeDevice(), memory, Whole::NEW);
-  EXPECT_EQ(Describe(judge.Look()), "boots old: slot 0 invalid, slot 1 old");
+  judge.AddPresentImages();
+  judge.AddKnownImage(new_image, SomeDevice(), memory, Whole::NEW);
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 invalid, slot 1 old");
   judge.SetAll(Burn(new_image, BurnKind::FAILSAFE, SomeDevice()).After(memory).memory.bytes);
-  EXPECT_EQ(Describe(judge.Look()), "boots new: slot 0 new, slot 1 new");
-  EXPECT_EQ(judge.Look().CountNew(), 2u);
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots new: slot 0 new, slot 1 new");
+  EXPECT_EQ(judge.CurrentVerdict().CountNew(), 2u);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Every state in which an interruption can leave a device, and what the next run makes of it. Each
 // row of the tables in docs/fail-safety.md names its test here.
-#include "sim/Boot.h"
+#include "sim/BootReport.h"
 #include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
 #include "tests/support/LocalRom.h"

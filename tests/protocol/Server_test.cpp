@@ -68,12 +68,12 @@ TEST_F(ServerTest, DelayedAnswerComesLate) {
 
 TEST_F(ServerTest, ClientIsToldNothingWhereTheConnectionEnds) {
   ServerThread server(_handler);
-  for (const auto manner :
+  for (const auto delivery :
        {Answer::CLOSE_BEFORE, Answer::CLOSE_INSIDE, Answer::RESET, Answer::SILENCE}) {
-    server.BetweenRequests([&] { _handler.answer.manner = manner; });
+    server.BetweenRequests([&] { _handler.answer.delivery = delivery; });
     EXPECT_EQ(Client(server.Port()).Ask("vsMultiMaxGet", milliseconds(200)), std::nullopt);
   }
-  server.BetweenRequests([&] { _handler.answer.manner = Answer::CLOSE_AFTER; });
+  server.BetweenRequests([&] { _handler.answer.delivery = Answer::CLOSE_AFTER; });
   Client client(server.Port());
   EXPECT_EQ(client.Ask("vsMultiMaxGet"), "answered");
   EXPECT_EQ(client.Ask("vsMultiMaxGet"), std::nullopt);

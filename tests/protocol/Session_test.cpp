@@ -84,19 +84,19 @@ TEST_F(SessionTest, ImageFollowsTheRequestThatItIsFor) {
 }
 
 TEST_F(SessionTest, ConnectionEndsWhereTheAnswerSaysSo) {
-  const std::pair<Answer::Manner, std::string> manners[] = {
+  const std::pair<Answer::Delivery, std::string> deliveries[] = {
       {Answer::SILENCE, ""},
       {Answer::CLOSE_BEFORE, "<close>"},
       {Answer::CLOSE_INSIDE, "NEW_BUF\nansw<close>"},
       {Answer::CLOSE_AFTER, Frame("answered") + "<close>"},
       {Answer::RESET, "<reset>"}};
-  for (const auto& [manner, steps] : manners) {
-    _handler.answer.manner = manner;
+  for (const auto& [delivery, steps] : deliveries) {
+    _handler.answer.delivery = delivery;
     _session.emplace(_handler);
     EXPECT_EQ(AnswerTo("vsMultiMaxGet"), steps);
     const std::size_t before = _handler.commands.size();
     EXPECT_EQ(AnswerTo("vsMultiMaxGet"), "");
-    EXPECT_EQ(_handler.commands.size() == before, manner != Answer::SILENCE);
+    EXPECT_EQ(_handler.commands.size() == before, delivery != Answer::SILENCE);
   }
 }
 

@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 
-#include "sim/Boot.h"
+#include "sim/BootReport.h"
 #include "sim/FabricFile.h"
 #include "sim/Filling.h"
 #include "tests/support/Harness.h"
@@ -223,7 +223,7 @@ TEST_F(RehearsalTest, ExceptionIsReplayedByItsPoint) {
   EXPECT_EQ(replayed.Points(), 1u);
   ASSERT_EQ(replayed.exceptions.size(), 1u);
   EXPECT_EQ(replayed.exceptions.front().state, first.state);
-  again.at = rehearse::Moment{Interruption::POWER, report.Points()};
+  again.at = rehearse::InterruptionPoint{Interruption::POWER, report.Points()};
   EXPECT_THROW(rehearse::Rehearse(again), std::runtime_error);
 }
 
@@ -293,13 +293,13 @@ TEST_F(RehearsalTest, DeviceNamedByTwoGuidsIsOneDevice) {
   EXPECT_EQ(rehearse::Rehearse(options).devices, 1u);
 }
 
-TEST_F(RehearsalTest, MomentsAreNamedAndFoundAgain) {
+TEST_F(RehearsalTest, InterruptionPointsAreNamedAndFoundAgain) {
   for (const std::string text : {"0", "1234", "killed:28", "dropped:1"}) {
-    ASSERT_TRUE(rehearse::ParseMoment(text).has_value()) << text;
-    EXPECT_EQ(Describe(*rehearse::ParseMoment(text)), text);
+    ASSERT_TRUE(rehearse::ParseInterruptionPoint(text).has_value()) << text;
+    EXPECT_EQ(Describe(*rehearse::ParseInterruptionPoint(text)), text);
   }
   for (const std::string text : {"", "-1", "killed:", "lost:1", "1x", "99999999999999999999"}) {
-    EXPECT_FALSE(rehearse::ParseMoment(text).has_value()) << text;
+    EXPECT_FALSE(rehearse::ParseInterruptionPoint(text).has_value()) << text;
   }
 }
 
@@ -308,7 +308,7 @@ TEST_F(RehearsalTest, KilledBurnerIsReplayedAtItsRequest) {
   NewImage();
   rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
   for (const Interruption kind : {Interruption::KILLED, Interruption::DROPPED}) {
-    options.at = rehearse::Moment{kind, 12};
+    options.at = rehearse::InterruptionPoint{kind, 12};
     const rehearse::RehearsalReport report = rehearse::Rehearse(options);
     EXPECT_EQ(report.Points(), 0u);
     EXPECT_EQ(report.recoveries.at(kind), 1u);

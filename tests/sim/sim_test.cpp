@@ -228,7 +228,7 @@ TEST_F(SimFabricTest, ImpossibleDevicesAreRefused) {
   blank_name.name = "two words";
   EXPECT_THROW(_fabric.Add(std::move(blank_name)), std::invalid_argument);
   sim::Device mixed = FlashDevice(0x50);
-  mixed.kind = sim::MemoryKind::I2C;
+  mixed.kind = device::MemoryKind::EEPROM;
   EXPECT_THROW(_fabric.Add(std::move(mixed)), std::invalid_argument);
 }
 
@@ -316,7 +316,7 @@ TEST_F(SimFaultTest, FiringIsLoggedWithItsSeed) {
   _fabric.faults.log = [&](const std::string& line) { lines.push_back(line); };
   Fault(sim::Fault::SILENCE).seed = 42;
   Arm();
-  EXPECT_EQ(_fabric.Execute(_read).manner, protocol::Answer::SILENCE);
+  EXPECT_EQ(_fabric.Execute(_read).delivery, protocol::Answer::SILENCE);
   EXPECT_EQ(lines, std::vector<std::string>{"fault silence at vsI2cReadMulti (match 1, seed 42)"});
 }
 
@@ -337,15 +337,15 @@ TEST_F(SimFaultTest, ElementsAreTooFewOrTooMany) {
 }
 
 TEST_F(SimFaultTest, ConnectionFaultsAreHandedOn) {
-  const std::pair<sim::Fault::Kind, protocol::Answer::Manner> kinds[] = {
+  const std::pair<sim::Fault::Kind, protocol::Answer::Delivery> kinds[] = {
       {sim::Fault::CLOSE_BEFORE, protocol::Answer::CLOSE_BEFORE},
       {sim::Fault::CLOSE_INSIDE, protocol::Answer::CLOSE_INSIDE},
       {sim::Fault::CLOSE_AFTER, protocol::Answer::CLOSE_AFTER},
       {sim::Fault::RESET, protocol::Answer::RESET}};
-  for (const auto& [kind, manner] : kinds) {
+  for (const auto& [kind, delivery] : kinds) {
     Fault(kind);
     Arm();
-    EXPECT_EQ(_fabric.Execute(_read).manner, manner);
+    EXPECT_EQ(_fabric.Execute(_read).delivery, delivery);
   }
   Fault(sim::Fault::DELAY).milliseconds = 7;
   Arm();

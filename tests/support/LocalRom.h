@@ -24,8 +24,9 @@ class Local : public Remote {
 
   BraidConn::Response Exchange(const std::string& request) override {
     const protocol::Answer reply = _fabric.Execute(request);
-    if (reply.manner == protocol::Answer::SILENCE) ThrowError("Failed remote read: timeout");
-    if (reply.manner != protocol::Answer::ANSWER && reply.manner != protocol::Answer::CLOSE_AFTER) {
+    if (reply.delivery == protocol::Answer::SILENCE) ThrowError("Failed remote read: timeout");
+    if (reply.delivery != protocol::Answer::ANSWER &&
+        reply.delivery != protocol::Answer::CLOSE_AFTER) {
       ThrowError("Failed remote read: connection lost");
     }
     _burn_images = reply.burn_images;

@@ -46,7 +46,7 @@ inline sim::Device I2cDevice(Guid node_guid, int chips = 1) {
 inline sim::Device FlashDevice(Guid node_guid, u_int32_t size = 0x100000,
                                u_int32_t sector_size = 0x10000) {
   sim::Device device = I2cDevice(node_guid, 0);
-  device.kind = sim::MemoryKind::FLASH;
+  device.kind = device::MemoryKind::FLASH;
   device.chips.try_emplace(u_int8_t{0}, sim::Chip(std::make_unique<sim::Cells>(size), sector_size));
   return device;
 }

@@ -133,7 +133,7 @@ sim::Device& MatrixBurn::AddDevice(Guid guid, std::uint32_t sector_size) {
   device.declared_ports = 2;
   device.bsn.assign(sim::BSN_SIZE, static_cast<std::uint8_t>(0xB0 + DeviceByte(guid)));
   device.vsd.assign(sim::VSD_SIZE, static_cast<std::uint8_t>(0xD0 + DeviceByte(guid)));
-  device.kind = sector_size == 0 ? sim::MemoryKind::I2C : sim::MemoryKind::FLASH;
+  device.kind = sector_size == 0 ? device::MemoryKind::EEPROM : device::MemoryKind::FLASH;
   device.chips.try_emplace(std::uint8_t{0},
                            sim::Chip(std::make_unique<sim::Cells>(MEMORY_SIZE), sector_size));
   _facts.devices = static_cast<std::uint32_t>(_start.Devices().size()) + 1;
@@ -154,9 +154,9 @@ void MatrixBurn::PrepareJudge(Guid guid, const device::Image& old_image) {
   const device::Memory memory = MemoryOf(device, _image);
   device::Judge judge(device::LayoutOf(_image, memory.sector_size).value(), memory.bytes);
   const device::Identity identity = IdentityOf(device);
-  if (!judge.KnowImage(old_image, identity, memory, device::Whole::OLD) ||
-      !judge.KnowImage(_image, identity, memory, device::Whole::NEW,
-                       device::Origin::FAILSAFE_BURN)) {
+  if (!judge.AddKnownImage(old_image, identity, memory, device::Whole::OLD) ||
+      !judge.AddKnownImage(_image, identity, memory, device::Whole::NEW,
+                           device::Origin::FAILSAFE_BURN)) {
     throw std::logic_error(_name +
                            ": the old and the new image have their slots in different places");
   }
@@ -266,8 +266,8 @@ std::vector<std::string> MatrixBurn::Words(const std::string& program) const {
   return words;
 }
 
-Verdict MatrixBurn::Judge(const sim::Device& device) const {
-  Verdict result;
+RunVerdict MatrixBurn::Judge(const sim::Device& device) const {
+  RunVerdict result;
   const Guid guid = device.node_guid;
   const device::Bytes memory = MemoryOf(device, _image).bytes;
   const device::Memory at_start = MemoryOf(*_start.Find(guid), _image);
@@ -285,7 +285,7 @@ Verdict MatrixBurn::Judge(const sim::Device& device) const {
   }
   device::Judge judge = _judges.at(guid);
   judge.SetAll(memory);
-  const device::Verdict verdict = judge.Look();
+  const device::Verdict verdict = judge.CurrentVerdict();
   result.text = Describe(verdict);
   result.boots = verdict.IsSafe();
   const bool fills_both = _image.Slots() == device::SlotKind::BOOT_RECORDS;
@@ -311,7 +311,7 @@ std::string MatrixBurn::OrderError(const sim::Device& before,
         IsFailsafe() ? device::BurnKind::FAILSAFE : device::BurnKind::PLAIN;
     const device::Burn burn(_image, kind, IdentityOf(before));
     const device::Memory memory = MemoryOf(before, _image);
-    steps = burn.Steps(memory, burn.Look(memory));
+    steps = burn.Steps(memory, burn.Observe(memory));
   }
   return trials::OrderError(_image, steps, before.node_guid, changes);
 }

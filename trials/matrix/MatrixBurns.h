@@ -20,7 +20,7 @@
 namespace trials {
 
 /// The two verdicts on a device after a run, which are independent of each other.
-struct Verdict {
+struct RunVerdict {
   bool is_whole = false;  ///< every byte is as a successful burn leaves it
   bool boots = false;     ///< from a whole old or new image, and no other slot is marked valid
   std::string row;        ///< of docs/fail-safety.md, by which the device may not boot; or empty
@@ -46,7 +46,7 @@ class MatrixBurn {
   /// Whether the device is not burnt, because it has no valid image to fall back on.
   bool IsLeftAlone(Guid guid) const { return _untouched.contains(guid); }
 
-  Verdict Judge(const sim::Device& device) const;
+  RunVerdict Judge(const sim::Device& device) const;
   /// What is wrong with the order of the writes of a fault-free burn of a device, which was
   /// `before`; empty where it is right.
   std::string OrderError(const sim::Device& before, const std::vector<MemoryChange>& changes) const;
@@ -58,7 +58,7 @@ class MatrixBurn {
   bool RefusesAll() const { return _refused.size() == _start.Devices().size(); }
 
   /// Requests of a fault-free run.
-  std::vector<Exchange> requests;
+  std::vector<ParsedExchange> requests;
 
  private:
   MatrixBurn(const common::ScratchFolder& folder, const std::string& name, const std::string& text);

@@ -81,7 +81,7 @@ class CaseRunner {
     };
     if (!outcome.in_time) fail("it does not end by itself");
     if (!outcome.protocol_error.empty()) fail(outcome.protocol_error);
-    const bool is_well = GoesAsEver(burn, outcome);
+    const bool is_well = EndsLikeFaultFreeRun(burn, outcome);
     result.end = HasSucceeded(outcome) ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
     CheckEnd(of, expected, outcome, is_well, fail);
     const std::vector<FailedDevice> reports = FailedDevicesIn(outcome.output);
@@ -89,7 +89,7 @@ class CaseRunner {
     CheckRequests(of, expected, outcome, fail);
 
     for (const auto& [guid, device] : fabric.Devices()) {
-      const Verdict verdict = burn.Judge(device);
+      const RunVerdict verdict = burn.Judge(device);
       if (!verdict.boots) {
         result.row = verdict.row;
         if (result.row.empty()) fail(Text("device ", std::hex, guid, " ", verdict.text));
@@ -133,7 +133,7 @@ class CaseRunner {
   }
 
   /// Whether the run ends as the fault-free one.
-  static bool GoesAsEver(const MatrixBurn& burn, const RunOutcome& outcome) {
+  static bool EndsLikeFaultFreeRun(const MatrixBurn& burn, const RunOutcome& outcome) {
     if (!burn.RefusesAll()) return HasSucceeded(outcome);
     return outcome.status == 1 && FinalErrorIn(outcome.output) == "No more accessible devices";
   }
@@ -234,14 +234,14 @@ class CaseRunner {
                          const sim::Fabric& fabric) {
     if (!outcome.in_time) return "does not end by itself";
     if (!outcome.protocol_error.empty()) return outcome.protocol_error;
-    if (!GoesAsEver(burn, outcome)) {
+    if (!EndsLikeFaultFreeRun(burn, outcome)) {
       return Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"",
                   FinalErrorIn(outcome.output), "\"");
     }
     if (FailedDevicesIn(outcome.output) != burn.Refused())
       return "does not report the devices that cannot be burnt";
     for (const auto& [guid, device] : fabric.Devices()) {
-      const Verdict verdict = burn.Judge(device);
+      const RunVerdict verdict = burn.Judge(device);
       if (!verdict.is_whole) return Text("leaves device ", std::hex, guid, ": ", verdict.text);
     }
     return "";
@@ -264,7 +264,7 @@ class CaseRunner {
     const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr, {"-n"});
     if (outcome.status != 0) fail(Text("a burn with -n ends with status ", outcome.status));
     for (const auto& [guid, device] : fabric.Devices()) {
-      const Verdict verdict = burn.Judge(device);
+      const RunVerdict verdict = burn.Judge(device);
       if (!burn.IsLeftAlone(guid) && !verdict.boots) {
         fail(Text("a burn with -n leaves device ", std::hex, guid, ": ", verdict.text));
       }
@@ -291,7 +291,7 @@ std::vector<Case> AllCases(const std::vector<std::unique_ptr<MatrixBurn>>& burns
 
 /// Orders the cases so that the first N, for any N, hold about the same number of each fault at
 /// each kind of request.
-void Spread(std::vector<Case>& cases, unsigned seed) {
+void Balance(std::vector<Case>& cases, unsigned seed) {
   std::shuffle(cases.begin(), cases.end(), std::mt19937(seed));
   std::map<std::pair<const AnswerFaultRow*, RequestKind>, std::size_t> counts;
   std::vector<std::pair<std::size_t, Case>> ranked;
@@ -446,7 +446,7 @@ int Run(const Options& options) {
     return ShowCase(*found) ? EXIT_SUCCESS : EXIT_FAILURE;
   }
   const std::size_t count = cases.size();
-  Spread(cases, options.seed);
+  Balance(cases, options.seed);
   if (!options.all) cases.resize(std::min(options.sample, count));
   std::cout << "fault_matrix: " << cases.size() << " of " << count << " cases, --seed "
             << options.seed << std::endl;

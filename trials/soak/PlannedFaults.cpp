@@ -45,20 +45,20 @@ bool IsLeftToTheMatrix(AnswerFault fault) {
   return std::ranges::count(LEFT, fault) > 0;
 }
 
-bool IsWrite(const trials::Exchange& request) {
+bool IsWrite(const trials::ParsedExchange& request) {
   return request.text.find("WriteMulti ") != std::string::npos;
 }
 /// A write of one word: a signature, a CRC, the head of a boot record. These decide whether it
 /// boots.
-bool IsShortWrite(const trials::Exchange& request) {
+bool IsShortWrite(const trials::ParsedExchange& request) {
   const auto words = common::Words(request.text, " ");
   return IsWrite(request) && words.size() == request.devices.size() + 6 &&
          words[words.size() - 3] == "4";
 }
-bool IsErase(const trials::Exchange& request) {
+bool IsErase(const trials::ParsedExchange& request) {
   return request.text.find("EraseSectorMulti ") != std::string::npos;
 }
-bool IsRead(const trials::Exchange& request) {
+bool IsRead(const trials::ParsedExchange& request) {
   return request.text.find("ReadMulti ") != std::string::npos;
 }
 
@@ -109,7 +109,7 @@ void PlannedFaultInjector::Postpone(std::size_t index) {
 bool PlannedFaultInjector::BeforeRequest(std::size_t index, const std::string& request,
                                          pid_t client) {
   _is_stopped = false;
-  const trials::Exchange parsed = trials::ParseExchange(request, "", _has_written);
+  const trials::ParsedExchange parsed = trials::ParseExchange(request, "", _has_written);
   if (IsShortWrite(parsed)) {
     ++_short_writes;
     for (PlannedFault& planned : _planned) {
@@ -141,16 +141,17 @@ bool PlannedFaultInjector::BeforeRequest(std::size_t index, const std::string& r
   } else if (planned->kind == FaultKind::ANSWER) {
     // The errors are true: the device, or the server, has not executed the request.
     if (planned->fault == AnswerFault::ELEMENT_ERROR && !parsed.devices.empty())
-      Spoil(*planned, parsed);
+      InjectIntoDevice(*planned, parsed);
     return planned->fault != AnswerFault::ERROR_ANSWER &&
            planned->fault != AnswerFault::TARGET_ERROR_ANSWER;
   } else {
-    Spoil(*planned, parsed);
+    InjectIntoDevice(*planned, parsed);
   }
   return true;
 }
 
-void PlannedFaultInjector::Spoil(const PlannedFault& planned, const trials::Exchange& request) {
+void PlannedFaultInjector::InjectIntoDevice(const PlannedFault& planned,
+                                            const trials::ParsedExchange& request) {
   Random random(planned.seed);
   if (request.devices.empty()) return;
   const Guid guid = request.devices[random.Below(request.devices.size())];
@@ -186,13 +187,13 @@ void PlannedFaultInjector::Spoil(const PlannedFault& planned, const trials::Exch
       occurred.loses_device_at = planned.at + 1;  // the read that verifies
     }
   } else {
-    Explain(occurred);
+    PredictEffects(occurred);
   }
   _occurred.push_back(occurred);
 }
 
 /// The effects of a device that answers with an error.
-void PlannedFaultInjector::Explain(OccurredFault& occurred) const {
+void PlannedFaultInjector::PredictEffects(OccurredFault& occurred) const {
   occurred.ends = {"No more accessible devices"};
   // The answer has no elements: the error counts for all devices.
   if (occurred.request.kind == RequestKind::BSN) {
@@ -225,12 +226,12 @@ const trials::InjectedFault* PlannedFaultInjector::FaultFor(std::size_t index,
   occurred.device = targets[Random(planned->seed).Below(targets.size())];
   _injected = {index, planned->fault, occurred.device,
                trials::FaultyAnswer(planned->fault, occurred.request, occurred.device)};
-  ExplainAnswer(occurred);
+  PredictEffectsOfAnswer(occurred);
   _occurred.push_back(occurred);
   return &_injected;
 }
 
-void PlannedFaultInjector::ExplainAnswer(OccurredFault& occurred) const {
+void PlannedFaultInjector::PredictEffectsOfAnswer(OccurredFault& occurred) const {
   const AnswerFault fault = occurred.planned.fault;
   const RequestKind kind = occurred.request.kind;
   const bool is_one = occurred.request.devices.size() == 1;

@@ -40,7 +40,7 @@ struct PlannedFault {
 /// A fault that was injected, and the effects that it may have on the run.
 struct OccurredFault {
   PlannedFault planned;
-  trials::Exchange request;
+  trials::ParsedExchange request;
   std::optional<Guid> device{};        ///< the device with the fault, as the request names it
   std::vector<std::string> ends{};     ///< error texts with which the run may end
   std::vector<std::string> asserts{};  ///< assertions on which it may abort
@@ -75,9 +75,9 @@ class PlannedFaultInjector : public trials::FaultInjector {
   /// Moves the fault of a request whose answer cannot have it to the next request, unless that has
   /// one.
   void Postpone(std::size_t index);
-  void Spoil(const PlannedFault& planned, const trials::Exchange& request);
-  void Explain(OccurredFault& occurred) const;
-  void ExplainAnswer(OccurredFault& occurred) const;
+  void InjectIntoDevice(const PlannedFault& planned, const trials::ParsedExchange& request);
+  void PredictEffects(OccurredFault& occurred) const;
+  void PredictEffectsOfAnswer(OccurredFault& occurred) const;
 
   const Scenario& _scenario;
   sim::Fabric& _fabric;

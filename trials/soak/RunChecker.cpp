@@ -104,15 +104,15 @@ BurnRun RunChecker::Begin() {
     before.is_there = device->has_power;
     before.memory = MemoryOf(*device, _scenario.image);
     const Burn burn = BurnOf(before.node);
-    before.belief = burn.Look(before.memory);
+    before.observed = burn.Observe(before.memory);
     before.refusal = burn.After(before.memory).refusal;
     before.violations = ViolationsOf(*device);
     const auto judge = _judges.find(before.node);
     if (judge == _judges.end()) continue;
     // Between the sections of an image, the device keeps what it holds now.
     judge->second.SetAll(before.memory.bytes);
-    judge->second.KnowImage(_scenario.image, IdentityOf(*device), before.memory,
-                            device::Whole::NEW, device::Origin::FAILSAFE_BURN);
+    judge->second.AddKnownImage(_scenario.image, IdentityOf(*device), before.memory,
+                                device::Whole::NEW, device::Origin::FAILSAFE_BURN);
   }
   return run;
 }
@@ -300,7 +300,7 @@ void RunChecker::CheckChanges(const BurnRun& run) {
 void RunChecker::CheckOrder(const BurnRun& run, Guid name, const Before& before) {
   std::vector<device::Step> steps;
   if (!_scenario.check_only) {
-    steps = BurnOf(before.node).Steps(before.memory, Seen(run, name, before));
+    steps = BurnOf(before.node).Steps(before.memory, ObservedBy(run, name, before));
   }
   const std::string error = trials::OrderError(_scenario.image, steps, before.node, run.changes);
   if (!error.empty()) Fail(Text(DeviceName(name), ": ", error));
@@ -323,18 +323,18 @@ void RunChecker::CheckOthers(const BurnRun& run) {
 }
 
 /// What the burner knows of the device, by the answers that it got.
-Belief RunChecker::Seen(const BurnRun& run, Guid name, const Before& before) const {
-  Belief belief = before.belief;
+ObservedState RunChecker::ObservedBy(const BurnRun& run, Guid name, const Before& before) const {
+  ObservedState observed = before.observed;
   for (const OccurredFault& occurred : run.occurred) {
     if (!occurred.is_misread || occurred.device != name) continue;
     const std::uint32_t addr = occurred.request.addr;
     for (const std::uint32_t slot : {0u, 1u}) {
-      if (_scenario.image.slots[slot].signature == addr) belief.is_signed[slot] = false;
+      if (_scenario.image.slots[slot].signature == addr) observed.is_signed[slot] = false;
     }
     const bool is_marker = addr == device::FAILSAFE_MARKER && occurred.request.size == 4;
-    if (addr < before.memory.sector_size && !is_marker) belief.invariant_changed = true;
+    if (addr < before.memory.sector_size && !is_marker) observed.invariant_changed = true;
   }
-  return belief;
+  return observed;
 }
 
 /// What a target must hold; nothing where that depends on when it failed.
@@ -350,7 +350,7 @@ std::optional<Memory> RunChecker::MemoryAfter(const BurnRun& run, Guid name, con
   // A device that failed, or whose run ended, holds a part of the image.
   const bool is_reported = std::ranges::count(run.reported, name) > 0;
   if (is_refused ? !run.occurred.empty() : !run.is_well || is_reported) return {};
-  device::Outcome result = BurnOf(before.node).After(before.memory, Seen(run, name, before));
+  device::Outcome result = BurnOf(before.node).After(before.memory, ObservedBy(run, name, before));
   if (!is_refused) {
     ++_statistics.burnt;
     if (!result.refusal.empty()) Fail(DeviceName(name) + " is to be refused: " + result.refusal);
@@ -390,7 +390,7 @@ void RunChecker::CheckBoot(const BurnRun& run) {
     if (_excused.contains(node)) continue;
     const Memory memory = MemoryOf(*_scenario.fabric.Find(node), _scenario.image);
     judge.SetAll(memory.bytes);
-    const device::Verdict verdict = judge.Look();
+    const device::Verdict verdict = judge.CurrentVerdict();
     ++_statistics.judged;
     if (_out) *_out << DeviceName(node) << ": " << Describe(verdict) << "\n";
     if (verdict.IsSafe()) continue;
@@ -409,7 +409,7 @@ void RunChecker::CheckBoot(const BurnRun& run) {
 /// boot record is wrong: it is computed while they are spoilt.
 bool RunChecker::HoldsCrcOverRecord(Guid node, std::uint32_t slot, const Memory& memory) const {
   const Burn burn = BurnOf(node);
-  if (!burn.SumsWhatIsHeldBack()) return false;
+  if (!burn.HasCrcOverDeferredBytes()) return false;
   Memory burnt = memory;
   burn.BurnSlot(burnt, slot);
   return burnt.bytes == memory.bytes;
@@ -423,7 +423,7 @@ std::string RunChecker::RowOf(const BurnRun& run, Guid node, const device::Verdi
   if (!verdict.invariant_is_whole) {
     if (target == run.targets.end()) return "";
     const auto& [name, before] = *target;
-    if (!Seen(run, name, before).invariant_changed) return "";
+    if (!ObservedBy(run, name, before).invariant_changed) return "";
     device::Verdict slots = verdict;
     slots.invariant_is_whole = true;
     if (slots.IsSafe()) return INVARIANT_ROW;

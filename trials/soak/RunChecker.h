@@ -23,7 +23,7 @@ struct Before {
   Guid node = 0;
   bool is_there = false;
   Memory memory;
-  Belief belief;
+  ObservedState observed;
   std::string refusal;  ///< why it will not be burnt; empty where it will
   std::size_t violations = 0;
 };
@@ -70,7 +70,7 @@ class RunChecker {
   void CheckChanges(const BurnRun& run);
   void CheckOrder(const BurnRun& run, Guid name, const Before& before);
   void CheckOthers(const BurnRun& run);
-  Belief Seen(const BurnRun& run, Guid name, const Before& before) const;
+  ObservedState ObservedBy(const BurnRun& run, Guid name, const Before& before) const;
   std::optional<Memory> MemoryAfter(const BurnRun& run, Guid name, const Before& before);
   void CheckMemories(const BurnRun& run);
   void CheckBoot(const BurnRun& run);

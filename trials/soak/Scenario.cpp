@@ -283,11 +283,11 @@ class ScenarioMaker {
   void AddJudge(const sim::Device& device, const Image& old_image, const Memory& now) {
     if (!_selected.contains(device.node_guid) || _scenario.burn == BurnKind::PLAIN) return;
     device::Judge judge(device::LayoutOf(_image.image, now.sector_size).value(), now.bytes);
-    judge.KnowPresentInvariantSector();
+    judge.AddPresentInvariantSector();
     const device::Identity identity = IdentityOf(device);
-    if (!judge.KnowImage(old_image, identity, now, device::Whole::OLD) ||
-        !judge.KnowImage(_image.image, identity, now, device::Whole::NEW,
-                         device::Origin::FAILSAFE_BURN)) {
+    if (!judge.AddKnownImage(old_image, identity, now, device::Whole::OLD) ||
+        !judge.AddKnownImage(_image.image, identity, now, device::Whole::NEW,
+                             device::Origin::FAILSAFE_BURN)) {
       throw std::logic_error("the images of a scenario have their slots in different places");
     }
     _scenario.judges.emplace(device.node_guid, std::move(judge));
@@ -332,7 +332,7 @@ class ScenarioMaker {
       device.declared_ports = ports;
       device.bsn = _random.Bytes(sim::BSN_SIZE);
       device.vsd = _random.Bytes(sim::VSD_SIZE);
-      device.kind = is_flash ? sim::MemoryKind::FLASH : sim::MemoryKind::I2C;
+      device.kind = is_flash ? device::MemoryKind::FLASH : device::MemoryKind::EEPROM;
       const auto add_chip = [&](std::uint8_t address, std::uint32_t size) {
         device.chips.try_emplace(
             address, sim::Chip(std::make_unique<sim::Cells>(size), _layout.sector_size));

@@ -14,10 +14,10 @@
 
 namespace soak {
 
-using device::Belief;
 using device::BurnKind;
 using device::Guid;
 using device::Memory;
+using device::ObservedState;
 using GuidSet = std::set<Guid>;
 
 struct Scenario {

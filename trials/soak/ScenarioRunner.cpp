@@ -143,7 +143,8 @@ class ScenarioRun {
         if (chip.IsFlash()) *_out << " in sectors of " << chip.SectorSize();
       }
       const auto judge = _scenario.judges.find(guid);
-      if (judge != _scenario.judges.end()) *_out << "; " << Describe(judge->second.Look());
+      if (judge != _scenario.judges.end())
+        *_out << "; " << Describe(judge->second.CurrentVerdict());
       *_out << std::dec << "\n";
     }
     if (!_scenario.refusal.empty()) *_out << "to be refused: " << _scenario.refusal << "\n";

@@ -1,4 +1,4 @@
-#include "sim/Boot.h"
+#include "sim/BootReport.h"
 
 #include "common/Text.h"
 #include "device/ImageFile.h"
@@ -6,7 +6,7 @@
 
 namespace sim {
 
-device::Image ReadImageFile(const std::string& file) {
+device::Image LoadImage(const std::string& file) {
   try {
     return device::ReadImage(file);
   } catch (const device::ImageError& error) {
@@ -28,11 +28,11 @@ device::BootLayout LayoutOf(const device::Image& image, const std::string& file,
                                 first_record ? 1 : 0, "] . Check file ", file));
 }
 
-void KnowImageFile(device::Judge& judge, const Device& device, const std::string& file,
-                   device::Whole whole, device::Origin origin) {
-  const device::Image image = ReadImageFile(file);
+void AddKnownImageFile(device::Judge& judge, const Device& device, const std::string& file,
+                       device::Whole whole, device::Origin origin) {
+  const device::Image image = LoadImage(file);
   LayoutOf(image, file, 0);
-  if (!judge.KnowImage(image, IdentityOf(device), MemoryOf(device, image), whole, origin)) {
+  if (!judge.AddKnownImage(image, IdentityOf(device), MemoryOf(device, image), whole, origin)) {
     throw JudgeError(file + " keeps its slots elsewhere");
   }
 }
@@ -42,16 +42,16 @@ namespace {
 device::Verdict JudgeByImages(const Device& device, const std::vector<std::string>& images) {
   if (device.images.empty() && images.empty()) throw JudgeError("no image to judge it by");
   const std::string& file = (images.empty() ? device.images : images).back();
-  const device::Image image = ReadImageFile(file);
+  const device::Image image = LoadImage(file);
   device::Judge judge(LayoutOf(image, file, SectorSizeOf(device)), MemoryOf(device, image).bytes);
   for (const std::string& old : device.images) {
-    KnowImageFile(judge, device, old, device::Whole::OLD);
+    AddKnownImageFile(judge, device, old, device::Whole::OLD);
   }
   for (const std::string& burnt : images) {
     const bool is_new = burnt == images.back();
-    KnowImageFile(judge, device, burnt, is_new ? device::Whole::NEW : device::Whole::OLD);
+    AddKnownImageFile(judge, device, burnt, is_new ? device::Whole::NEW : device::Whole::OLD);
   }
-  return judge.Look();
+  return judge.CurrentVerdict();
 }
 
 }  // namespace

@@ -15,10 +15,10 @@
 
 namespace rehearse {
 
-class Subject {
+class RehearsedDevices {
  public:
   /// Loads the fabric and the image. `options` is borrowed. Throws std::runtime_error.
-  explicit Subject(const RehearsalOptions& options);
+  explicit RehearsedDevices(const RehearsalOptions& options);
 
   /// The node GUIDs of the devices to burn, ascending.
   const std::vector<device::Guid>& Guids() const { return _guids; }
@@ -27,7 +27,7 @@ class Subject {
 
   /// The judge of a device, with the memory as it was before the burn.
   const device::Judge& JudgeOf(device::Guid guid) const { return _judges.at(guid); }
-  bool BootsAtStart(device::Guid guid) const { return JudgeOf(guid).Look().BootsWhole(); }
+  bool BootsAtStart(device::Guid guid) const { return JudgeOf(guid).CurrentVerdict().BootsWhole(); }
   /// Copies all devices, as they were before the burn, to an empty fabric.
   void CopyTo(sim::Fabric& fabric) const;
 

@@ -1,4 +1,4 @@
-#include "rehearse/Moment.h"
+#include "rehearse/InterruptionPoint.h"
 
 #include <charconv>
 #include <string_view>
@@ -22,22 +22,22 @@ std::string_view HeadOf(Interruption kind) {
 
 }  // namespace
 
-std::string Describe(const Moment& moment) {
-  return std::string(HeadOf(moment.kind)) + std::to_string(moment.place);
+std::string Describe(const InterruptionPoint& at) {
+  return std::string(HeadOf(at.kind)) + std::to_string(at.place);
 }
 
-std::optional<Moment> ParseMoment(const std::string& text) {
-  Moment moment;
+std::optional<InterruptionPoint> ParseInterruptionPoint(const std::string& text) {
+  InterruptionPoint at;
   std::string_view number = text;
   for (const Interruption kind : {Interruption::KILLED, Interruption::DROPPED}) {
     if (!text.starts_with(HeadOf(kind))) continue;
-    moment.kind = kind;
+    at.kind = kind;
     number.remove_prefix(HeadOf(kind).size());
   }
   const char* const end = number.data() + number.size();
-  const auto parsed = std::from_chars(number.data(), end, moment.place);
+  const auto parsed = std::from_chars(number.data(), end, at.place);
   if (number.empty() || parsed.ec != std::errc() || parsed.ptr != end) return {};
-  return moment;
+  return at;
 }
 
 const char* Name(Interruption kind) {

@@ -1,25 +1,25 @@
-#include "rehearse/Subject.h"
+#include "rehearse/RehearsedDevices.h"
 
 #include <algorithm>
 #include <set>
 #include <stdexcept>
 
 #include "common/Text.h"
-#include "sim/Boot.h"
+#include "sim/BootReport.h"
 #include "sim/FabricFile.h"
 #include "sim/Filling.h"
 
 namespace rehearse {
 
-Subject::Subject(const RehearsalOptions& options) : _options(options) {
+RehearsedDevices::RehearsedDevices(const RehearsalOptions& options) : _options(options) {
   sim::LoadFabric(options.fabric_file, {}, _start);
   _start.faults = {};  // only the rehearsal injects faults
-  _image = sim::ReadImageFile(options.image_file);
+  _image = sim::LoadImage(options.image_file);
   ChooseDevices();
   for (const device::Guid guid : _guids) _judges.emplace(guid, MakeJudge(*_start.Find(guid)));
 }
 
-void Subject::ChooseDevices() {
+void RehearsedDevices::ChooseDevices() {
   std::set<device::Guid> guids;  // options may name a device by any of its GUIDs
   for (const device::Guid guid : _options.guids) {
     const sim::Device* device = _start.Find(guid);
@@ -36,7 +36,7 @@ void Subject::ChooseDevices() {
 
 /// The judge takes the old images from their files, where the fabric file names them; the result of
 /// a burn under test must not define what is whole.
-device::Judge Subject::MakeJudge(const sim::Device& device) const {
+device::Judge RehearsedDevices::MakeJudge(const sim::Device& device) const {
   const device::Memory memory = sim::MemoryOf(device, _image);
   if (!memory.Holds(0, memory.sector_size)) {
     throw sim::JudgeError(common::Text("The image's slots lie past the ", memory.bytes.size(),
@@ -45,50 +45,51 @@ device::Judge Subject::MakeJudge(const sim::Device& device) const {
   device::Judge judge(sim::LayoutOf(_image, _options.image_file, memory.sector_size), memory.bytes);
   try {
     for (const std::string& file : device.images) {
-      sim::KnowImageFile(judge, device, file, device::Whole::OLD);
+      sim::AddKnownImageFile(judge, device, file, device::Whole::OLD);
     }
   } catch (const sim::JudgeError&) {
-    judge.KnowPresentImages();  // an image with another layout: the images that boot now are the
-                                // known ones
+    judge.AddPresentImages();  // an image with another layout: the images that boot now are the
+                               // known ones
   }
-  if (device.images.empty()) judge.KnowPresentImages();
-  judge.KnowPresentInvariantSector();
+  if (device.images.empty()) judge.AddPresentImages();
+  judge.AddPresentInvariantSector();
   const bool is_plain = std::ranges::count(_options.extra_args, "-n") > 0;
-  sim::KnowImageFile(judge, device, _options.image_file, device::Whole::NEW,
-                     is_plain ? device::Origin::PLAIN_BURN : device::Origin::FAILSAFE_BURN);
+  sim::AddKnownImageFile(judge, device, _options.image_file, device::Whole::NEW,
+                         is_plain ? device::Origin::PLAIN_BURN : device::Origin::FAILSAFE_BURN);
   return judge;
 }
 
-device::MemoryKind Subject::MemoryKindOf(device::Guid guid) const {
+device::MemoryKind RehearsedDevices::MemoryKindOf(device::Guid guid) const {
   const sim::Device& device = *_start.Find(guid);
   return sim::SectorSizeOf(device) == 0 ? device::MemoryKind::EEPROM : device::MemoryKind::FLASH;
 }
 
-void Subject::CopyTo(sim::Fabric& fabric) const {
+void RehearsedDevices::CopyTo(sim::Fabric& fabric) const {
   fabric.facts = _start.facts;
   for (const auto& [guid, device] : _start.Devices()) fabric.CopyDevice(device);
 }
 
-device::Verdict Subject::VerdictOn(const sim::Fabric& fabric, device::Guid guid) const {
+device::Verdict RehearsedDevices::VerdictOn(const sim::Fabric& fabric, device::Guid guid) const {
   device::Judge judge = JudgeOf(guid);
   judge.SetAll(sim::MemoryOf(*fabric.Find(guid), _image).bytes);
-  return judge.Look();
+  return judge.CurrentVerdict();
 }
 
-bool Subject::IsAsItShouldEnd(const device::Verdict& verdict) const {
+bool RehearsedDevices::IsAsItShouldEnd(const device::Verdict& verdict) const {
   if (!verdict.invariant_is_whole) return false;
   if (HasBootRecords()) return verdict.CountNew() == 2;
   return verdict.CountNew() == 1 && verdict.CountInvalid() == 1;
 }
 
-std::optional<std::uint32_t> Subject::LinearOf(std::uint8_t chip, std::uint32_t offset) const {
+std::optional<std::uint32_t> RehearsedDevices::LinearOf(std::uint8_t chip,
+                                                        std::uint32_t offset) const {
   const device::ChipPlace place{chip, offset};
   const auto addr = _image.AddressOf(place);
   if (!addr || _image.PlaceOf(*addr) != place) return std::nullopt;
   return addr;
 }
 
-std::string Subject::StepAt(device::Guid guid, const LoggedOperation& operation) const {
+std::string RehearsedDevices::StepAt(device::Guid guid, const LoggedOperation& operation) const {
   const auto linear = LinearOf(operation.chip, operation.offset);
   if (!linear) return "memory outside the device map";
   const std::uint32_t addr = *linear;

@@ -19,7 +19,7 @@ class JudgeError : public std::runtime_error {
 };
 
 /// Reads an image file. Throws JudgeError.
-device::Image ReadImageFile(const std::string& file);
+device::Image LoadImage(const std::string& file);
 
 /// Where the boot code of the image's devices looks for its records. `file` is the name of the
 /// image in messages. Throws JudgeError where the image does not place the records.
@@ -29,8 +29,8 @@ device::BootLayout LayoutOf(const device::Image& image, const std::string& file,
 /// Adds an image file to the images that `judge` knows: every result of burning it into `device`,
 /// into either slot or by a plain burn, then counts as whole. Throws JudgeError when the file
 /// cannot be read, or when its slots are not where the judge looks.
-void KnowImageFile(device::Judge& judge, const Device& device, const std::string& file,
-                   device::Whole whole, device::Origin origin = device::Origin::ANY);
+void AddKnownImageFile(device::Judge& judge, const Device& device, const std::string& file,
+                       device::Whole whole, device::Origin origin = device::Origin::ANY);
 
 /// One line for each device: whether it boots, or why that cannot be judged. Known are the images
 /// that the device was filled with, and `images`: files that may have been burnt since. The last of

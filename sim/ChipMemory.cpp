@@ -1,4 +1,4 @@
-#include "sim/Memory.h"
+#include "sim/ChipMemory.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -9,16 +9,16 @@
 #include "device/Whole.h"
 #include "rehearse/Burner.h"
 #include "rehearse/OperationLog.h"
+#include "rehearse/RehearsedDevices.h"
 #include "rehearse/Report.h"
-#include "rehearse/Subject.h"
 
 namespace rehearse {
 
-class CleanBurn {
+class UninterruptedBurn {
  public:
   /// Burns. Throws std::runtime_error when the burn fails. Adds an exception to the report for each
   /// device that does not end in the right state. `subject` is borrowed.
-  CleanBurn(const Subject& subject, const Burner& burner, RehearsalReport& report);
+  UninterruptedBurn(const RehearsedDevices& subject, const Burner& burner, RehearsalReport& report);
 
   const OperationLog& Log() const { return _log; }
   std::size_t Requests() const { return _requests; }
@@ -35,7 +35,7 @@ class CleanBurn {
   std::string ReasonWithPointerSectors(device::Guid guid, const device::Verdict& verdict) const;
   std::string ReasonWithBootRecords(const device::Verdict& verdict) const;
 
-  const Subject& _subject;
+  const RehearsedDevices& _devices;
   OperationLog _log;
   std::size_t _requests = 0;
   std::string _algorithm;  ///< name in the burner's output

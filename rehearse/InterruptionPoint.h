@@ -15,14 +15,14 @@ enum class Interruption {
 };
 
 /// Where a burn is interrupted.
-struct Moment {
+struct InterruptionPoint {
   Interruption kind = Interruption::POWER;
   std::size_t place = 0;  ///< POWER: a cut (OperationLog.h), from 0; else a request, from 1
 };
 
 // The text of a moment: "1234", "killed:28" or "dropped:28". Parsing returns nothing for any other.
-std::string Describe(const Moment& moment);
-std::optional<Moment> ParseMoment(const std::string& text);
+std::string Describe(const InterruptionPoint& at);
+std::optional<InterruptionPoint> ParseInterruptionPoint(const std::string& text);
 
 /// "power lost"
 const char* Name(Interruption kind);

@@ -1,4 +1,4 @@
-#include "rehearse/CleanBurn.h"
+#include "rehearse/UninterruptedBurn.h"
 
 #include <atomic>
 #include <stdexcept>
@@ -14,10 +14,11 @@ constexpr char NO_ORDER[] = "the order of writes leaves no image that boots";
 
 }  // namespace
 
-CleanBurn::CleanBurn(const Subject& subject, const Burner& burner, RehearsalReport& report)
-    : _subject(subject) {
+UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burner& burner,
+                                     RehearsalReport& report)
+    : _devices(devices) {
   sim::Fabric fabric;
-  subject.CopyTo(fabric);
+  devices.CopyTo(fabric);
   std::atomic<std::size_t> requests{0};
   fabric.observer = [&](const sim::Operation& operation) { _log.Add(operation, requests + 1); };
   const Run run = burner.Burn(fabric, requests);
@@ -35,10 +36,10 @@ CleanBurn::CleanBurn(const Subject& subject, const Burner& burner, RehearsalRepo
     throw std::runtime_error("the burn itself fails, before any plug is pulled:\n" + run.console);
   }
   _has_moved = run.console.find("Moving image position") != std::string::npos;
-  for (const device::Guid guid : subject.Guids()) {
-    if (!subject.BootsAtStart(guid)) continue;
-    const device::Verdict end = subject.VerdictOn(fabric, guid);
-    if (subject.IsAsItShouldEnd(end)) continue;
+  for (const device::Guid guid : devices.Guids()) {
+    if (!devices.BootsAtStart(guid)) continue;
+    const device::Verdict end = devices.VerdictOn(fabric, guid);
+    if (devices.IsAsItShouldEnd(end)) continue;
     _ends_well = false;
     report.Add({.device = guid,
                 .step = "the end of the burn",
@@ -47,34 +48,34 @@ CleanBurn::CleanBurn(const Subject& subject, const Burner& burner, RehearsalRepo
   }
 }
 
-std::string CleanBurn::ReasonForEnd(device::Guid guid, const device::Verdict& end,
-                                    const std::string& console) const {
+std::string UninterruptedBurn::ReasonForEnd(device::Guid guid, const device::Verdict& end,
+                                            const std::string& console) const {
   const std::string failure = "BURN FAILED:" + common::HexGuid(guid) + ":";
   if (const std::size_t at = console.find(failure); at != std::string::npos) {
     const std::size_t text = at + failure.size();
     return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
   }
-  if (!_subject.HasBootRecords() || IsPlain()) return "the burn does not leave a valid new image";
+  if (!_devices.HasBootRecords() || IsPlain()) return "the burn does not leave a valid new image";
   return end.CountInvalid() > 0
              ? "the image's own boot record is not valid in each slot"
              : "a CRC covers the first word of the boot record, which is held back";
 }
 
-std::string CleanBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict) const {
+std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict) const {
   if (IsPlain()) return "the burn is not failsafe: it overwrites the image that boots";
   if (!verdict.invariant_is_whole) {
     return "the invariant sector is rewritten: there is only one of it";
   }
-  if (_subject.JudgeOf(guid).Look().HasBroken()) {
+  if (_devices.JudgeOf(guid).CurrentVerdict().HasBroken()) {
     return "a slot was marked valid before the burn, and its image was not whole";
   }
-  return _subject.HasBootRecords() ? ReasonWithBootRecords(verdict)
+  return _devices.HasBootRecords() ? ReasonWithBootRecords(verdict)
                                    : ReasonWithPointerSectors(guid, verdict);
 }
 
-std::string CleanBurn::ReasonWithPointerSectors(device::Guid guid,
-                                                const device::Verdict& verdict) const {
-  const device::Judge& before = _subject.JudgeOf(guid);
+std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
+                                                        const device::Verdict& verdict) const {
+  const device::Judge& before = _devices.JudgeOf(guid);
   for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
     if (before.IsSigned(slot) && !before.Boots(slot)) {
       return "a record had a signature and a wrong CRC before the burn: the burn checks only "
@@ -91,7 +92,7 @@ std::string CleanBurn::ReasonWithPointerSectors(device::Guid guid,
   return NO_ORDER;
 }
 
-std::string CleanBurn::ReasonWithBootRecords(const device::Verdict& verdict) const {
+std::string UninterruptedBurn::ReasonWithBootRecords(const device::Verdict& verdict) const {
   if (!_ends_well) return "the burn does not leave a valid new image in each slot";
   if (verdict.HasBroken()) {
     return "a mix of an old and a new boot record happens to have a valid sum";
