@@ -31,13 +31,17 @@ std::optional<BootLayout> LayoutOf(const Image& image, std::uint32_t sector_size
 
 bool RecordIsSigned(View record) { return WordAt(record, RECORD_SIGNATURE) == VALID_SIGNATURE; }
 
+std::uint32_t BootRecordSum(View record) {
+  return std::accumulate(record.begin(), record.end(), std::uint32_t{0}) % 256;
+}
+
 bool RecordBoots(SlotKind kind, std::uint32_t slot, View record) {
   if (kind == SlotKind::POINTER_SECTORS) {
     return RecordIsSigned(record) && WordAt(record, RECORD_CRC) == CrcOf(record.first(RECORD_CRC));
   }
   const View bytes = record.first(BOOT_RECORD_SIZE);
   if (slot == 0 && bytes[FIRST_INVALID_MARK] == 1) return false;
-  return std::accumulate(bytes.begin(), bytes.end(), std::uint32_t{0}) % 256 == BOOT_RECORD_SUM;
+  return BootRecordSum(bytes) == BOOT_RECORD_SUM;
 }
 
 bool SlotBoots(const BootLayout& layout, std::uint32_t slot, View memory) {

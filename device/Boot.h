@@ -49,6 +49,8 @@ struct BootLayout {
 /// or does not place one of them.
 std::optional<BootLayout> LayoutOf(const Image& image, std::uint32_t sector_size);
 
+/// The sum of the bytes of a boot record, modulo 256.
+std::uint32_t BootRecordSum(View record);
 /// Whether boot code takes the record of `slot` for a valid one. `record` must hold RecordSize
 /// bytes.
 bool RecordBoots(SlotKind kind, std::uint32_t slot, View record);

@@ -25,12 +25,6 @@ std::string Hex(std::uint64_t value) {
   return text.str();
 }
 
-Bytes WordBytes(std::uint32_t word) {
-  Bytes bytes;
-  AppendWord(bytes, word);
-  return bytes;
-}
-
 Range RangeOf(const Section& section, std::uint32_t destination) {
   return {destination, static_cast<std::uint32_t>(section.data.size())};
 }
@@ -156,7 +150,7 @@ std::vector<std::size_t> Burn::SlotSections() const {
 }
 
 std::uint32_t Burn::InSlot(std::size_t index, std::uint32_t slot) const {
-  return _image.sections.at(index).addr - ImageAddr(0) + ImageAddr(slot);
+  return _image.AddressInSlot(_image.sections.at(index), slot);
 }
 
 std::size_t Burn::PointerSection(std::uint32_t slot) const {
@@ -247,9 +241,8 @@ ObservedState Burn::Observe(const Memory& before) const {
 
 // ---- What it writes
 
-/// A plain burn leaves vendor data and signatures as the image has them.
 bool Burn::IsReplaced(FieldType type) const {
-  return _slots != SlotKind::NONE || (type != FieldType::VSD && type != FieldType::SIGNATURE);
+  return _slots != SlotKind::NONE || !IsLeftByPlainBurn(type);
 }
 
 std::vector<Field> Burn::FieldsIn(const Range& range) const {

@@ -30,6 +30,11 @@ inline void AppendWord(Bytes& bytes, std::uint32_t word) {
   for (int shift = 24; shift >= 0; shift -= 8)
     bytes.push_back(static_cast<std::uint8_t>(word >> shift));
 }
+inline Bytes WordBytes(std::uint32_t word) {
+  Bytes bytes;
+  AppendWord(bytes, word);
+  return bytes;
+}
 inline void AppendGuid(Bytes& bytes, Guid guid) {
   AppendWord(bytes, static_cast<std::uint32_t>(guid >> 32));
   AppendWord(bytes, static_cast<std::uint32_t>(guid));

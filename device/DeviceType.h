@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace device {
@@ -25,11 +26,15 @@ struct DeviceType {
   std::uint32_t number;      ///< as messages have it; two keywords may share one
   MemoryKind memory;
   SlotKind slots;
+  bool has_bsn;  ///< without one, a burn ignores BSN fields
 };
 
 std::span<const DeviceType> DeviceTypes();
 
 /// The type of that keyword, letter by letter; null where there is none.
 const DeviceType* FindDeviceType(std::string_view keyword);
+
+/// The line, without its end, with which the burner warns of BSN fields that it ignores.
+std::string BsnWarning(const DeviceType& type);
 
 }  // namespace device

@@ -89,4 +89,12 @@ std::optional<std::uint32_t> Image::AddressOf(ChipPlace place) const {
   return std::nullopt;
 }
 
+std::optional<std::uint32_t> Image::AddressWithin(ChipPlace place, std::uint64_t size) const {
+  const auto addr = AddressOf(place);
+  if (!addr || map.empty()) return addr;
+  // The map may go on past the last address.
+  const bool is_there = PlaceOf(*addr) == place && LeftInChip(*addr) >= size;
+  return is_there ? addr : std::nullopt;
+}
+
 }  // namespace device

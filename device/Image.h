@@ -16,6 +16,8 @@
 namespace device {
 
 inline constexpr std::uint32_t SLOTS = 2;
+/// As the address of a slot's part it means that there is none.
+inline constexpr std::uint32_t UNSET_ADDR = 0xFFFFFFFF;
 
 /// Bytes that each device has of its own.
 enum class FieldType { SIGNATURE, GUIDS, GUID, SYS_GUID, BSN, VSD };
@@ -29,6 +31,11 @@ std::span<const FieldRow> FieldRows();
 const FieldRow& RowOf(FieldType type);
 /// The row of that keyword, letter by letter; null where there is none.
 const FieldRow* FindField(std::string_view keyword);
+
+/// Whether a plain burn leaves the bytes of such a field as the image has them.
+constexpr bool IsLeftByPlainBurn(FieldType type) {
+  return type == FieldType::VSD || type == FieldType::SIGNATURE;
+}
 
 /// A place that a burn fills with the device's own bytes.
 struct Field {
@@ -49,6 +56,7 @@ struct CrcField {
   bool operator==(const CrcField&) const = default;
 };
 
+/// A run of bytes that the image has a name for.
 struct Section {
   std::string name;
   std::uint32_t addr = 0;  ///< of its first byte
@@ -92,12 +100,19 @@ struct Image {
 
   /// How its device tells valid images; NONE where the type is unknown.
   SlotKind Slots() const { return type == nullptr ? SlotKind::NONE : type->slots; }
+  /// Whether its device has a flash; not where the type is unknown.
+  bool IsFlash() const { return type != nullptr && type->memory == MemoryKind::FLASH; }
   /// The section that begins at `addr`; null where there is none.
   const Section* SectionAt(std::uint32_t addr) const;
   /// The sections that a failsafe burn writes into either slot, in burn order: from the one that
   /// begins at IMAGE 0 on, up to one that begins at IMAGE 1. Empty where a slot has no address, or
   /// no section begins at IMAGE 0. An address may stand there twice.
   std::vector<const Section*> SlotSections() const;
+  /// Where a failsafe burn writes a section of the first slot in `slot`. Both slots must have
+  /// addresses.
+  std::uint32_t AddressInSlot(const Section& section, std::uint32_t slot) const {
+    return section.addr - slots[0].image.value() + slots.at(slot).image.value();
+  }
   /// The sum of the sizes of sections that begin in [IMAGE 0, IMAGE 1): what a burn takes for the
   /// size of an image. 0 where a slot has no address.
   std::uint32_t SlotBytes() const;
@@ -112,6 +127,9 @@ struct Image {
   /// The address of a place in a chip, in 32 bits; nothing where the map lacks the chip. An offset
   /// past the chip's end reaches into the next one.
   std::optional<std::uint32_t> AddressOf(ChipPlace place) const;
+  /// The address of `size` bytes from a place on; nothing where the chip, as the map has it, lacks
+  /// some of them.
+  std::optional<std::uint32_t> AddressWithin(ChipPlace place, std::uint64_t size) const;
 };
 
 }  // namespace device

@@ -22,8 +22,6 @@ namespace {
 constexpr std::size_t LONGEST_PIECE = 1023;
 /// Refused lines of data that are told of a section; more of them say nothing new.
 constexpr unsigned TOLD_DATA_LINES = 8;
-constexpr std::uint32_t UNSET_ADDR = 0xFFFFFFFF;  ///< a slot's address that counts as not given
-constexpr std::uint32_t NO_BSN_TYPE = 61100;      ///< the device type that ignores REPLACE BSN
 
 enum class Directive { REPLACE, REPLACE_CRC, DEVICE_TYPE, PS, IMAGE, SIGNATURE, DEVMAP };
 
@@ -470,9 +468,8 @@ void Parser::TakeDirective(const WordList& words) {
   switch (row.directive) {
     case Directive::REPLACE: {
       const Field field{FindField(words[1])->type, addrs[0]};
-      if (field.type == FieldType::BSN && image.type != nullptr &&
-          image.type->number == NO_BSN_TYPE) {
-        Note(RemarkKind::BSN_IGNORED);
+      if (field.type == FieldType::BSN && image.type != nullptr && !image.type->has_bsn) {
+        Note(RemarkKind::BSN_IGNORED, image.type->keyword);
         return;
       }
       image.fields.push_back(field);

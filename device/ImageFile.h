@@ -50,7 +50,7 @@ enum class RemarkKind {
   VERSION_WORDS,         ///< not one number
   DEVICE_TYPE_TWICE,     ///< replaces that of line `number`
   SLOT_TWICE,            ///< `word`, such as "PS 0", replaces that of line `number`
-  BSN_IGNORED,           ///< a BSN of a device type that has none
+  BSN_IGNORED,           ///< a BSN; the device type `word` has none
   STRAY_DATA,            ///< outside of sections; one remark for lines that follow each other
   STRAY_END,
   UNKNOWN_DIRECTIVE,  ///< `word`, which may be misspelt

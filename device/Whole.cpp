@@ -42,6 +42,18 @@ bool Verdict::BootsNew() const {
 
 bool Verdict::HasBroken() const { return std::ranges::any_of(slots, &SlotVerdict::BootsBroken); }
 
+bool Verdict::IsSafeButForInvariantSector() const {
+  Verdict whole = *this;
+  whole.invariant_is_whole = true;
+  return !invariant_is_whole && whole.IsSafe();
+}
+
+bool Verdict::IsBurnt(SlotKind kind) const {
+  const bool fills_both = kind == SlotKind::BOOT_RECORDS;
+  return invariant_is_whole && CountNew() == (fills_both ? 2u : 1u) &&
+         CountInvalid() == (fills_both ? 0u : 1u);
+}
+
 std::size_t Verdict::CountNew() const {
   return static_cast<std::size_t>(std::ranges::count_if(slots, &SlotVerdict::BootsNew));
 }
@@ -149,7 +161,7 @@ void Judge::AddSlot(const Image& image, const Memory& filled, std::uint32_t slot
     return part.has_value();
   };
   for (const Section* section : image.SlotSections()) {
-    const std::uint32_t addr = section->addr - *image.slots[0].image + *image.slots[slot].image;
+    const std::uint32_t addr = image.AddressInSlot(*section, slot);
     if (!add(addr, section->data.size())) return;
   }
   if (_layout.HasPointerSectors()) {

@@ -56,6 +56,11 @@ struct Verdict {
   bool HasBroken() const;
   /// It starts a whole image, whichever slot that boots the boot code takes.
   bool IsSafe() const { return BootsWhole() && !HasBroken(); }
+  /// The invariant sector is torn, and nothing else keeps the device from being safe.
+  bool IsSafeButForInvariantSector() const;
+  /// It is what a burn leaves on a device of that kind: with boot records both slots boot and are
+  /// new, with pointer sectors one is, and the other one does not boot.
+  bool IsBurnt(SlotKind kind) const;
   /// How many slots boot and are wholly new; how many do not boot.
   std::size_t CountNew() const;
   std::size_t CountInvalid() const;

@@ -11,7 +11,7 @@ namespace {
 
 /// The record as the file has it; the record of the second slot is the same.
 void CheckContent(const SectionLines& first, const Bytes& record, LineFindings& findings) {
-  const std::uint32_t sum = std::accumulate(record.begin(), record.end(), std::uint32_t{0}) % 256;
+  const std::uint32_t sum = device::BootRecordSum(record);
   if (sum != device::BOOT_RECORD_SUM) {
     findings.Add(ProblemId::RECORD_SUM, first.line,
                  "the boot record of " + Name(first) + " adds up to " + HexText(sum) + ", not " +

@@ -100,8 +100,7 @@ void CheckStoredCrc(const CheckedImage& image, const CrcLine& crc, LineFindings&
   const std::uint32_t shipped = device::CrcOf(*bytes);
   if (stored == shipped) return;
   // As a burn makes it: signatures set.
-  Bytes valid;
-  device::AppendWord(valid, device::VALID_SIGNATURE);
+  const Bytes valid = device::WordBytes(device::VALID_SIGNATURE);
   for (const FieldLine* field : signatures) {
     std::ranges::copy(valid, bytes->begin() + (field->addr - crc.from));
   }

@@ -9,11 +9,7 @@ namespace {
 
 constexpr Extent MARKER{device::FAILSAFE_MARKER, device::FAILSAFE_MARKER + WORD_SIZE};
 
-Bytes Signature() {
-  Bytes signature;
-  device::AppendWord(signature, device::VALID_SIGNATURE);
-  return signature;
-}
+Bytes Signature() { return device::WordBytes(device::VALID_SIGNATURE); }
 
 void CheckRecord(const CheckedImage& image, std::uint32_t idx, const SectionLines& ps,
                  LineFindings& findings) {

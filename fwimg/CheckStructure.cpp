@@ -8,8 +8,6 @@ namespace {
 
 /// The greatest chunk of a burn, unless its -m says otherwise. Chunks begin at its multiples.
 constexpr std::uint32_t CHUNK_SIZE = 32;
-/// The device type that ignores REPLACE BSN behind its own line.
-constexpr std::string_view NO_BSN_TYPE = "RV61100";
 
 void CheckDeviceType(const CheckedImage& image, LineFindings& findings) {
   const LineNumber line = image.file.device_type_line;
@@ -20,11 +18,11 @@ void CheckDeviceType(const CheckedImage& image, LineFindings& findings) {
                  "unknown device type \"" + Printable(image.file.device_type_word) + "\"");
   }
   const device::DeviceType* type = image.file.image.type;
-  if (type == nullptr || type->keyword != NO_BSN_TYPE) return;
+  if (type == nullptr || type->has_bsn) return;
   for (const FieldLine& field : image.file.fields) {
     if (field.type != device::FieldType::BSN) continue;
     findings.Add(ProblemId::DEVICE_TYPE_LATE, field.line,
-                 "REPLACE BSN stands before DEVICE_TYPE RV61100 on " + Line(line));
+                 Text("REPLACE BSN stands before DEVICE_TYPE ", type->keyword, " on ", Line(line)));
   }
 }
 

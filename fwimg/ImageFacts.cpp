@@ -6,16 +6,13 @@
 
 namespace fwimg {
 
-using device::FieldType;
 using device::SlotKind;
 
-bool IsFlash(const device::Image& image) {
-  return image.type != nullptr && image.type->memory == device::MemoryKind::FLASH;
-}
+bool IsFlash(const device::Image& image) { return image.IsFlash(); }
 
 bool IsReplaced(const device::Image& image, const device::Field& field) {
   const bool is_generic = image.type != nullptr && image.type->slots == SlotKind::NONE;
-  return !is_generic || (field.type != FieldType::VSD && field.type != FieldType::SIGNATURE);
+  return !is_generic || !device::IsLeftByPlainBurn(field.type);
 }
 
 bool HasSlots(const device::ImageFile& file) {

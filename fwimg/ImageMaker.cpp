@@ -208,17 +208,16 @@ void FillIn(Layout& layout) {
   for (Layout::Section& section : layout.sections) {
     if (!section.has_boot_record) continue;
     const auto last = section.data.begin() + device::BOOT_RECORD_SIZE - 1;
-    *last = static_cast<std::uint8_t>(
-        device::BOOT_RECORD_SUM - std::accumulate(section.data.begin(), last, std::uint32_t{0}));
+    *last = static_cast<std::uint8_t>(device::BOOT_RECORD_SUM -
+                                      device::BootRecordSum(View(section.data.begin(), last)));
   }
   for (const Layout::Crc& crc : layout.crcs) {
     // The second slot need not be in the file: a burn puts the first one's sections there.
     Layout::Section* section = SectionOf(layout, crc);
     if (!crc.is_filled || section == nullptr) continue;
     const View covered = View(section->data).subspan(crc.from - section->addr, crc.size);
-    Bytes word;
-    device::AppendWord(word, device::CrcOf(covered));
-    std::ranges::copy(word, section->data.begin() + (crc.addr - section->addr));
+    std::ranges::copy(device::WordBytes(device::CrcOf(covered)),
+                      section->data.begin() + (crc.addr - section->addr));
   }
 }
 

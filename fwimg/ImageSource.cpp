@@ -27,7 +27,7 @@ class Warner : public device::ImageListener {
   }
   void Remarked(const device::Remark& remark) override {
     if (remark.kind != device::RemarkKind::BSN_IGNORED) return;
-    std::cerr << "-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE 61100 ***" << std::endl;
+    std::cerr << device::BsnWarning(*device::FindDeviceType(remark.word)) << std::endl;
   }
 };
 

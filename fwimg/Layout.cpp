@@ -18,10 +18,6 @@ using device::FieldType;
 using device::WORD_SIZE;
 
 constexpr std::size_t LONGEST_NAME = 64;
-/// As a slot's address it means that there is none.
-constexpr std::uint32_t UNSET_ADDR = 0xFFFFFFFF;
-/// The device type that ignores REPLACE BSN.
-constexpr std::string_view NO_BSN_TYPE = "RV61100";
 
 /// The rules of CheckLayout, one by one.
 class Checker {
@@ -38,7 +34,7 @@ class Checker {
  private:
   void CheckSlot(const Layout::Slot& slot) const {
     for (const auto& addr : {slot.pointer_sector, slot.signature, slot.image}) {
-      if (addr != UNSET_ADDR) continue;
+      if (addr != device::UNSET_ADDR) continue;
       _layout.Throw(slot.line,
                     "a slot's address cannot be 0xffffffff: that means that it has none");
     }
@@ -74,8 +70,9 @@ class Checker {
 
   void CheckField(const Layout::Field& field) {
     // The loader drops it, and only warns.
-    if (field.type == FieldType::BSN && _layout.device_type == NO_BSN_TYPE) {
-      _layout.Throw(field.line, "the field BSN is ignored for an RV61100");
+    const device::DeviceType* type = device::FindDeviceType(_layout.device_type);
+    if (field.type == FieldType::BSN && type != nullptr && !type->has_bsn) {
+      _layout.Throw(field.line, Text("the field BSN is ignored for an ", type->keyword));
     }
     const std::string what = "the field " + std::string(device::RowOf(field.type).keyword);
     CheckMapped(field.addr, what, field.line);

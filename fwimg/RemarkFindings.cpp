@@ -101,7 +101,7 @@ Finding OfRemark(const Remark& remark) {
     case RemarkKind::SLOT_TWICE:
       return {ProblemId::SLOT_TWICE, word + " replaces that of " + line};
     case RemarkKind::BSN_IGNORED:
-      return {ProblemId::BSN_IGNORED, "an RV61100 has no BSN: the field is ignored"};
+      return {ProblemId::BSN_IGNORED, "an " + word + " has no BSN: the field is ignored"};
     case RemarkKind::STRAY_DATA:
       return {ProblemId::STRAY_DATA, "data outside a section"};
     case RemarkKind::STRAY_END:

@@ -20,7 +20,8 @@ struct InterruptionPoint {
   std::size_t place = 0;  ///< POWER: a cut (OperationLog.h), from 0; else a request, from 1
 };
 
-// The text of a moment: "1234", "killed:28" or "dropped:28". Parsing returns nothing for any other.
+// The text of an InterruptionPoint: "1234", "killed:28" or "dropped:28". Parsing returns nothing
+// for any other.
 std::string Describe(const InterruptionPoint& at);
 std::optional<InterruptionPoint> ParseInterruptionPoint(const std::string& text);
 

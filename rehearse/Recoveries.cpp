@@ -128,7 +128,7 @@ void Recoveries::Judge(const sim::Fabric& fabric, const InterruptionPoint& at, s
   for (const device::Guid guid : _devices.Guids()) {
     if (!_devices.BootsAtStart(guid)) continue;
     const device::Verdict verdict = _devices.VerdictOn(fabric, guid);
-    if (second.is_well && _devices.IsAsItShouldEnd(verdict)) continue;
+    if (second.is_well && _devices.IsBurnt(verdict)) continue;
     if (!is_counted) ++_report.unrecovered;
     is_counted = true;
     Add(at, request, guid, verdict, std::string(Name(at.kind)) + ", then burnt again",

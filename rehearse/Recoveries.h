@@ -12,12 +12,13 @@
 
 namespace rehearse {
 
+/// The recoveries of one rehearsal: each is a burn that is interrupted, and a second one.
 class Recoveries {
  public:
   /// All arguments are borrowed; only the report is changed.
-  Recoveries(const RehearsalOptions& options, const RehearsedDevices& subject, const Burner& burner,
+  Recoveries(const RehearsalOptions& options, const RehearsedDevices& devices, const Burner& burner,
              const UninterruptedBurn& burn, RehearsalReport& report)
-      : _options(options), _devices(subject), _burner(burner), _burn(burn), _report(report) {}
+      : _options(options), _devices(devices), _burner(burner), _burn(burn), _report(report) {}
 
   /// Runs as many recoveries as the options ask for, several at the same time. Throws
   /// std::runtime_error.

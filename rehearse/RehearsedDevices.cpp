@@ -75,18 +75,9 @@ device::Verdict RehearsedDevices::VerdictOn(const sim::Fabric& fabric, device::G
   return judge.CurrentVerdict();
 }
 
-bool RehearsedDevices::IsAsItShouldEnd(const device::Verdict& verdict) const {
-  if (!verdict.invariant_is_whole) return false;
-  if (HasBootRecords()) return verdict.CountNew() == 2;
-  return verdict.CountNew() == 1 && verdict.CountInvalid() == 1;
-}
-
 std::optional<std::uint32_t> RehearsedDevices::LinearOf(std::uint8_t chip,
                                                         std::uint32_t offset) const {
-  const device::ChipPlace place{chip, offset};
-  const auto addr = _image.AddressOf(place);
-  if (!addr || _image.PlaceOf(*addr) != place) return std::nullopt;
-  return addr;
+  return _image.AddressWithin({chip, offset}, 1);
 }
 
 std::string RehearsedDevices::StepAt(device::Guid guid, const LoggedOperation& operation) const {

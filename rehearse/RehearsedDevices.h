@@ -15,6 +15,7 @@
 
 namespace rehearse {
 
+/// The devices of one rehearsal, with a judge for each.
 class RehearsedDevices {
  public:
   /// Loads the fabric and the image. `options` is borrowed. Throws std::runtime_error.
@@ -35,7 +36,7 @@ class RehearsedDevices {
   device::Verdict VerdictOn(const sim::Fabric& fabric, device::Guid guid) const;
   /// Whether a burn may end with this verdict: of a flash, exactly one slot boots and it is new; of
   /// an RV61300, both are.
-  bool IsAsItShouldEnd(const device::Verdict& verdict) const;
+  bool IsBurnt(const device::Verdict& verdict) const { return verdict.IsBurnt(_image.Slots()); }
 
   /// The linear address of a byte of a chip; nothing outside the device map.
   std::optional<std::uint32_t> LinearOf(std::uint8_t chip, std::uint32_t offset) const;

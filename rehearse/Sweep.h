@@ -10,7 +10,7 @@ namespace rehearse {
 
 /// Judges every device that booted before the burn, at each cut of its log or only at the one in
 /// the options.
-void Sweep(const RehearsalOptions& options, const RehearsedDevices& subject,
+void Sweep(const RehearsalOptions& options, const RehearsedDevices& devices,
            const UninterruptedBurn& burn, const RehearsalProgress& progress,
            RehearsalReport& report);
 

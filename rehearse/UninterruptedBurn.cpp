@@ -39,7 +39,7 @@ UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burn
   for (const device::Guid guid : devices.Guids()) {
     if (!devices.BootsAtStart(guid)) continue;
     const device::Verdict end = devices.VerdictOn(fabric, guid);
-    if (devices.IsAsItShouldEnd(end)) continue;
+    if (devices.IsBurnt(end)) continue;
     _ends_well = false;
     report.Add({.device = guid,
                 .step = "the end of the burn",

@@ -14,11 +14,12 @@
 
 namespace rehearse {
 
+/// One burn of all devices to its end, and what it changed on each of them.
 class UninterruptedBurn {
  public:
   /// Burns. Throws std::runtime_error when the burn fails. Adds an exception to the report for each
-  /// device that does not end in the right state. `subject` is borrowed.
-  UninterruptedBurn(const RehearsedDevices& subject, const Burner& burner, RehearsalReport& report);
+  /// device that does not end in the right state. `devices` is borrowed.
+  UninterruptedBurn(const RehearsedDevices& devices, const Burner& burner, RehearsalReport& report);
 
   const OperationLog& Log() const { return _log; }
   std::size_t Requests() const { return _requests; }

@@ -60,13 +60,8 @@ std::vector<std::string> Elements(const ParsedExchange& request) {
     return std::vector<std::string>(request.devices.size(), "{ACK}");
   }
   if (request.kind == RequestKind::BSN) return {request.answer};
-  std::vector<std::string> elements;
-  int depth = 0;
-  for (const char c : request.answer) {
-    if (c == '{' && depth++ == 0) elements.emplace_back();
-    if (depth > 0) elements.back() += c;
-    if (c == '}') --depth;
-  }
+  std::vector<std::string> elements = ElementsOf(request.answer);
+  std::erase_if(elements, [](const std::string& element) { return !element.starts_with('{'); });
   return elements;
 }
 
@@ -137,6 +132,22 @@ std::string FaultyElement(AnswerFault fault, RequestKind kind, std::string eleme
 std::string Inside(const std::string& element) { return element.substr(1, element.size() - 2); }
 
 }  // namespace
+
+std::vector<std::string> ElementsOf(const std::string& answer) {
+  std::vector<std::string> elements;
+  int depth = 0;
+  bool is_new = true;
+  for (const char c : answer) {
+    if (depth == 0 && (c == ' ' || c == '{')) is_new = true;
+    if (depth == 0 && c == ' ') continue;
+    if (is_new) elements.emplace_back();
+    is_new = false;
+    elements.back() += c;
+    if (c == '{') ++depth;
+    if (c == '}' && --depth == 0) is_new = true;
+  }
+  return elements;
+}
 
 std::span<const AnswerFaultRow> AllAnswerFaults() { return FAULTS; }
 

@@ -84,7 +84,11 @@ std::span<const AnswerFaultRow> AllAnswerFaults();
 /// The text of error answers.
 inline constexpr char REFUSED[] = "refused";
 
-/// Reads the request of an exchange. `has_written` tells whether the run has sent a write before.
+/// The elements of a right answer: groups in braces, with these, and words outside of them.
+std::vector<std::string> ElementsOf(const std::string& answer);
+
+/// A second, independent reading of requests, written apart from protocol/Request.cpp, which the
+/// server answers by. `has_written` tells whether the run has sent a write before.
 ParsedExchange ParseExchange(const std::string& text, const std::string& answer, bool has_written);
 
 /// The devices at which `fault` can be injected into the answer to `request`: nullopt stands for
@@ -124,6 +128,9 @@ struct Expected {
 /// `k` is the index of the request with the faulty answer in `requests`, those of a fault-free run.
 Expected Expect(AnswerFault fault, const BurnFacts& facts, std::span<const ParsedExchange> requests,
                 std::size_t k, std::optional<Guid> device);
+
+/// The row of docs/fail-safety.md by which a device may not boot while a burn writes that sector.
+inline constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 
 /// Whether the burner has this error text, or this assertion, for answers that make no sense. A run
 /// that is out of step with the server may end with one of them only.

@@ -11,16 +11,10 @@ namespace {
 /// The address of what the image does not map: behind all others.
 constexpr std::uint64_t NOT_MAPPED = device::ADDRESS_SPACE;
 
-/// The linear address of a change; NOT_MAPPED where the image does not map it.
+/// The linear address of a change; NOT_MAPPED where the image does not map all of it.
 std::uint64_t AddressOf(const MemoryChange& change, const device::Image& image) {
-  std::uint64_t base = 0;
-  if (image.map.empty()) return change.chip == 0 ? change.offset : NOT_MAPPED;
-  for (const device::MappedChip& chip : image.map) {
-    const bool is_mapped = std::uint64_t{change.offset} + change.size <= chip.size;
-    if (chip.chip == change.chip) return is_mapped ? base + change.offset : NOT_MAPPED;
-    base += chip.size;
-  }
-  return NOT_MAPPED;
+  const auto addr = image.AddressWithin({change.chip, change.offset}, change.size);
+  return addr ? std::uint64_t{*addr} : NOT_MAPPED;
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ std::multiset<Mark> MarksOf(const device::Image& image, std::uint32_t slot) {
   std::multiset<Mark> marks;
   const std::uint32_t start = image.slots[slot].image.value();
   for (const device::Section* section : image.SlotSections()) {
-    const std::uint32_t at = section->addr - image.slots[0].image.value() + start;
+    const std::uint32_t at = image.AddressInSlot(*section, slot);
     const device::Range range{at, static_cast<std::uint32_t>(section->data.size())};
     for (const device::Field& field : image.fields) {
       if (!range.Holds(field.addr, 1)) continue;

@@ -34,7 +34,7 @@ class DeviceReader {
   /// The GUID that the constructor was given; may be that of a port.
   device::Guid AskedGuid() const { return _guid; }
   device::Guid NodeGuid() const;
-  bool IsFlash() const { return _image.type->memory == device::MemoryKind::FLASH; }
+  bool IsFlash() const { return _image.IsFlash(); }
   /// In bytes. 0 for a memory that is not a flash, or does not give it.
   std::uint32_t SectorSize() const;
   /// Where the memory ends; nothing for an EEPROM without a device map.

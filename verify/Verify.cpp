@@ -18,8 +18,7 @@ class ImageWarnings : public device::ImageListener {
   void Refused(const device::Refusal& refusal) override { ThrowError(refusal.message); }
   void Remarked(const device::Remark& remark) override {
     if (remark.kind != device::RemarkKind::BSN_IGNORED) return;
-    text += common::Text("-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE ",
-                         device::FindDeviceType("RV61100")->number, " ***\n");
+    text += device::BsnWarning(*device::FindDeviceType(remark.word)) + "\n";
   }
   std::string text;
 };

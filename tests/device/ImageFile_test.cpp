@@ -587,7 +587,8 @@ TEST(ImageAuthorTest, WhatIsTakenWithoutAWordIsRemarked) {
   EXPECT_EQ(RemarksOn("DEVICE_TYPE RV1\n\nDEVICE_TYPE RV1\n"),
             one(3, Kind::DEVICE_TYPE_TWICE, "", 1));
   EXPECT_EQ(RemarksOn("PS 1 0 0\nPS 0 0 0\nPS 1 0 0\n"), one(3, Kind::SLOT_TWICE, "PS 1", 1));
-  EXPECT_EQ(RemarksOn("DEVICE_TYPE RV61100\nREPLACE BSN 0 0\n"), one(2, Kind::BSN_IGNORED));
+  EXPECT_EQ(RemarksOn("DEVICE_TYPE RV61100\nREPLACE BSN 0 0\n"),
+            one(2, Kind::BSN_IGNORED, "RV61100"));
   EXPECT_EQ(RemarksOn("1 2 3\n4\nff\n"), one(1, Kind::STRAY_DATA));
   EXPECT_EQ(RemarksOn("END A\n"), one(1, Kind::STRAY_END));
   EXPECT_EQ(RemarksOn("\tPS 0 0 0\n"), one(1, Kind::UNKNOWN_DIRECTIVE, "\tPS"));

@@ -82,9 +82,8 @@ struct FlashImage {
 
   std::string Text() const {
     device::Bytes invariant_sector(0x40, invariant);
-    device::Bytes marker;
-    device::AppendWord(marker, device::VALID_SIGNATURE);
-    std::ranges::copy(marker, invariant_sector.begin() + device::FAILSAFE_MARKER);
+    std::ranges::copy(device::WordBytes(device::VALID_SIGNATURE),
+                      invariant_sector.begin() + device::FAILSAFE_MARKER);
     return common::Text(
         "DEVICE_TYPE RV52100\nPS 0 400 0\nPS 1 800 0\n"
         "SIGNATURE 0 408 0\nSIGNATURE 1 808 0\nIMAGE 0 c00 0\nIMAGE 1 ",
@@ -105,8 +104,6 @@ std::string NewFlashText() {
 }
 
 enum class Slot { BLANK, INVALID, VALID };
-
-constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 
 }  // namespace
 
@@ -288,18 +285,12 @@ RunVerdict MatrixBurn::Judge(const sim::Device& device) const {
   const device::Verdict verdict = judge.CurrentVerdict();
   result.text = Describe(verdict);
   result.boots = verdict.IsSafe();
-  const bool fills_both = _image.Slots() == device::SlotKind::BOOT_RECORDS;
-  result.is_whole = verdict.invariant_is_whole && verdict.CountNew() == (fills_both ? 2 : 1) &&
-                    verdict.CountInvalid() == (fills_both ? 0 : 1);
+  result.is_whole = verdict.IsBurnt(_image.Slots());
   if (!device.chips.at(0).Violations().empty()) {
     result.is_whole = result.boots = false;
     result.text += ", bits set without an erase";
   }
-  device::Verdict slots = verdict;
-  slots.invariant_is_whole = true;
-  if (_rewrites_invariant && slots.IsSafe() && !verdict.invariant_is_whole) {
-    result.row = INVARIANT_ROW;
-  }
+  if (_rewrites_invariant && verdict.IsSafeButForInvariantSector()) result.row = INVARIANT_ROW;
   return result;
 }
 

@@ -371,9 +371,8 @@ std::optional<Image> MakeRecords(const MemoryLayout& layout, const SlotPlaces& s
   device::Bytes& record = image.sections.front().data;
   if (record.size() < device::BOOT_RECORD_SIZE) return {};
   if (record[7] == 1) record[7] = 2;
-  const auto sum = std::accumulate(record.begin(), record.begin() + device::BOOT_RECORD_SIZE - 1,
-                                   std::uint32_t{0});
-  record[device::BOOT_RECORD_SIZE - 1] = static_cast<std::uint8_t>(0xAB - sum);
+  const auto sum = device::BootRecordSum(device::View(record).first(device::BOOT_RECORD_SIZE - 1));
+  record[device::BOOT_RECORD_SIZE - 1] = static_cast<std::uint8_t>(device::BOOT_RECORD_SUM - sum);
   for (const Section& section : image.sections) {
     // A section that overlaps the record would invalidate it.
     const bool is_first = section.addr == slots.slot[0];

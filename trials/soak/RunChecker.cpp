@@ -15,7 +15,6 @@ using sim::MemoryOf;
 
 namespace {
 
-constexpr char INVARIANT_ROW[] = "rewriting the invariant sector";
 constexpr char COVERED_ROW[] = "a CRC over the first four bytes of a slot";
 constexpr char TORN_ROW[] = "a torn boot record that adds up by chance";
 /// Indices of the request for the list of devices, and of the second one for boot records.
@@ -54,33 +53,6 @@ std::size_t ViolationsOf(const sim::Device& device) {
 
 std::size_t FirstDifference(const device::Bytes& left, const device::Bytes& right) {
   return static_cast<std::size_t>(std::ranges::mismatch(left, right).in1 - left.begin());
-}
-
-/// The elements of an answer, without their braces.
-std::vector<std::string> ElementsOf(const std::string& answer) {
-  std::vector<std::string> elements;
-  int depth = 0;
-  bool is_inside = false;
-  for (const char c : answer) {
-    if (c == '{' && depth++ == 0) {
-      elements.emplace_back();
-      continue;
-    }
-    if (c == '}' && --depth == 0) {
-      is_inside = false;
-      continue;
-    }
-    if (depth == 0 && c == ' ') {
-      is_inside = false;
-      continue;
-    }
-    if (depth == 0 && !is_inside) {
-      elements.emplace_back();
-      is_inside = true;
-    }
-    elements.back() += c;
-  }
-  return elements;
 }
 
 }  // namespace
@@ -227,10 +199,11 @@ void RunChecker::FindFailures(BurnRun& run) const {
   }
   for (std::size_t i = 0; i < run.outcome.requests.size(); ++i) {
     const auto request = trials::ParseExchange(run.outcome.requests[i], "", false);
-    const std::vector<std::string> elements = ElementsOf(run.outcome.answers[i]);
+    const std::vector<std::string> elements = trials::ElementsOf(run.outcome.answers[i]);
     if (elements.size() != request.devices.size()) continue;
     for (std::size_t j = 0; j < elements.size(); ++j) {
-      if (elements[j].starts_with("ERROR:")) fails(request.devices[j], i);
+      if (elements[j].starts_with("ERROR:") || elements[j].starts_with("{ERROR:"))
+        fails(request.devices[j], i);
     }
   }
 }
@@ -424,9 +397,7 @@ std::string RunChecker::RowOf(const BurnRun& run, Guid node, const device::Verdi
     if (target == run.targets.end()) return "";
     const auto& [name, before] = *target;
     if (!ObservedBy(run, name, before).invariant_changed) return "";
-    device::Verdict slots = verdict;
-    slots.invariant_is_whole = true;
-    if (slots.IsSafe()) return INVARIANT_ROW;
+    if (verdict.IsSafeButForInvariantSector()) return trials::INVARIANT_ROW;
   }
   bool is_torn = false;
   bool has_crc_over_record = false;

@@ -43,9 +43,7 @@ struct Scenario {
 
   /// How a failsafe burn tells valid images; NONE for a plain burn.
   SlotKind Slots() const { return burn == BurnKind::PLAIN ? SlotKind::NONE : image.Slots(); }
-  bool IsFlash() const {
-    return image.type != nullptr && image.type->memory == device::MemoryKind::FLASH;
-  }
+  bool IsFlash() const { return image.IsFlash(); }
   bool Verifies() const { return !IsFlash() && server_type == "I2C"; }
 };
 
