@@ -45,19 +45,19 @@ struct BootLayout {
   bool operator==(const BootLayout&) const = default;
 };
 
-/// Where the image's device has its records; nothing where the image is for a device without slots,
-/// or does not place one of them.
+/// Where the image's device has its records; nullopt if the device has no slots or the image gives
+/// no address for one.
 std::optional<BootLayout> LayoutOf(const Image& image, std::uint32_t sector_size);
 
-/// The sum of the bytes of a boot record, modulo 256.
+/// The sum of the bytes of a boot record, or of some of them, modulo 256.
 std::uint32_t BootRecordSum(View record);
 /// Whether boot code takes the record of `slot` for a valid one. `record` must hold RecordSize
 /// bytes.
 bool RecordBoots(SlotKind kind, std::uint32_t slot, View record);
-/// Whether a pointer sector's record bears the signature, which is all that a burn looks at.
+/// Whether a pointer sector's record bears the signature, which is all that a burn reads.
 bool RecordIsSigned(View record);
 
-/// The same, of a whole memory; a record past its end boots nothing.
+/// The same, of a whole memory; false if the record lies past the end of the memory.
 bool SlotBoots(const BootLayout& layout, std::uint32_t slot, View memory);
 bool SlotIsSigned(const BootLayout& layout, std::uint32_t slot, View memory);
 /// The slot that the boot code starts: the first where both boot.

@@ -339,11 +339,11 @@ void Burn::WriteSlotSections(Writer& writer, std::uint32_t slot) const {
 /// The boot record is wrong until the rest of the slot is there.
 void Burn::WriteRecordSlot(Writer& writer, std::uint32_t slot) const {
   Bytes& first = writer.Data(SlotSections().front());
-  const Bytes held_back(first.begin(), first.begin() + DEFERRED_BYTES);
+  const Bytes deferred(first.begin(), first.begin() + DEFERRED_BYTES);
   first[SPOILT_BYTE] = static_cast<std::uint8_t>(first[SPOILT_BYTE] + SPOILT_BY);
   WriteSlotSections(writer, slot);
-  writer.EraseAndProgram(ImageAddr(slot), held_back);
-  std::ranges::copy(held_back, first.begin());
+  writer.EraseAndProgram(ImageAddr(slot), deferred);
+  std::ranges::copy(deferred, first.begin());
 }
 
 void Burn::WritePointerSector(Writer& writer, std::uint32_t slot) const {

@@ -30,7 +30,7 @@ class BurnError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// A CRC that covers no whole words, which nobody can compute.
+/// A CRC over a size that is not a multiple of 4; the burner aborts.
 class UnevenCrcError : public BurnError {
  public:
   explicit UnevenCrcError(const CrcField& uneven);
@@ -42,8 +42,8 @@ enum class BurnKind {
   FAILSAFE,  ///< into slots, as the device's type has them; PLAIN where it has none
 };
 
-/// The bytes of a slot with a boot record that a burn writes last, when the rest is there; and the
-/// one among them that spoils the record until then, by how much.
+/// How many bytes of a slot with a boot record a burn writes last, after all others; which of them
+/// makes the record invalid until then, and by how much it is changed for that.
 inline constexpr std::uint32_t DEFERRED_BYTES = 4;
 inline constexpr std::uint32_t SPOILT_BYTE = 3;
 inline constexpr std::uint8_t SPOILT_BY = 10;
@@ -57,14 +57,14 @@ class BurnTarget {
   virtual void Program(std::uint32_t addr, View bytes) = 0;
 };
 
-/// What a failsafe burn of a flash takes a device for. Its questions can be answered wrongly.
+/// What a failsafe burn has read from a device. Faulty answers can make it wrong.
 struct ObservedState {
   bool invariant_changed = false;  ///< its invariant sector is not the image's
   bool is_signed[SLOTS] = {false, false};
 };
 
-/// What a failsafe burn decides on when it has looked at a device. It does so in this order; a
-/// refusal comes after the rewrite of the invariant sector.
+/// What a failsafe burn does to a device, in this order, once it has read its state. A refusal
+/// comes after the rewrite of the invariant sector.
 struct Plan {
   bool rewrites_invariant = false;
   std::string refusal = {};    ///< why the device is not burnt; empty where it is
@@ -73,12 +73,13 @@ struct Plan {
   std::vector<std::uint32_t> slots = {};  ///< to be written, in this order
 };
 
-/// What a burn makes of a device.
+/// The result of a burn on one device.
 struct Outcome {
   Memory memory;
-  /// Why the device is not burnt to the end; empty where it is. What the burner says begins so.
+  /// Why the device is not burnt to the end; empty where it is. The burner's message begins with
+  /// this text.
   /// Where a write reaches past the memory, `memory` is as before that write: how much of it
-  /// arrives depends on how it is cut.
+  /// is written depends on its chunks.
   std::string refusal;
   bool ends_run = false;  ///< the refusal is a BurnError's: no other device is burnt, either
 };
@@ -110,10 +111,10 @@ class Burn {
 
   /// The whole burn. `before` reaches to the end of the device.
   Outcome After(const Memory& before) const;
-  /// The same by a burner that believes something else of a device with pointer sectors.
+  /// The same by a burner that observes another state of a device with pointer sectors.
   Outcome After(const Memory& before, const ObservedState& observed) const;
 
-  /// What an honest look at the device shows.
+  /// The state that a burn observes when all answers are right.
   ObservedState Observe(const Memory& before) const;
   /// Throws BurnError for an image that lacks what a failsafe burn needs. A plain burn has no plan.
   Plan PlanFor(const Memory& before, const ObservedState& observed) const;
@@ -122,7 +123,7 @@ class Burn {
   /// PlanFor.
   std::vector<Step> Steps(const Memory& before, const ObservedState& observed) const;
 
-  // ---- Parts of a burn, for memories that are not all there
+  // ---- Parts of a burn, for memories of which only parts are held
 
   /// What the burner writes by `plan`, but for the move of an image. Throws BurnError.
   void Write(BurnTarget& target, std::uint32_t sector_size, const Plan& plan) const;
@@ -150,8 +151,8 @@ class Burn {
   bool Boots(const Memory& memory, std::uint32_t slot) const;
   /// The second image would be in the way of a new first one.
   bool IsInTheWay(const Memory& memory) const;
-  /// Whether a CRC covers bytes that are held back: it is computed while they are spoilt, and stays
-  /// wrong.
+  /// Whether a CRC covers bytes that are written last: it is computed while one of them is changed,
+  /// and stays wrong.
   bool HasCrcOverDeferredBytes() const;
 
  private:

@@ -1,6 +1,6 @@
-/// What a memory chip does to its bytes. An EEPROM takes bits as they come; a flash clears bits,
-/// and only the erase of a whole sector sets them. Writes that lose power half-way are told here,
-/// too: whoever cuts them says where, so that nothing here is random.
+/// The rules of memory chips. A write sets and clears bits of an EEPROM. It only clears bits of a
+/// flash; an erase sets all bits of a sector. Writes and erases that lose power are here, too: the
+/// caller says which bits are done, so that nothing here is random.
 #pragma once
 
 #include <array>

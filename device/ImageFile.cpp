@@ -49,7 +49,7 @@ constexpr auto KEYWORDS = std::to_array<std::string_view>(
 
 using WordList = std::vector<std::string>;
 
-// What a character of a line of data is: the worth of a digit, or one of these.
+// What a character of a line of data is: the value of a digit, or one of these.
 constexpr std::uint8_t BLANK = 0x10;
 constexpr std::uint8_t OTHER = 0x20;
 constexpr auto CHARACTERS = [] {

@@ -1,6 +1,7 @@
 /// Image files, read without the burner: what a file says and on which lines, what the burner
-/// refuses in it, and what it takes without a word. Written apart from the burner's loader, which
-/// it checks: both must take the same for the same. docs/image-format.md describes the format.
+/// refuses in it, and what it accepts without a message. Written apart from the burner's loader,
+/// which it checks: both must take the same for the same. docs/image-format.md describes the
+/// format.
 #pragma once
 
 #include <array>
@@ -34,8 +35,8 @@ struct Refusal {
   bool has_more = false;  ///< further lines of data of this section may be refused, and not told
 };
 
-/// What the burner takes without a word and an author hardly means. Which of a Remark's `word` and
-/// `number` are set stands beside each.
+/// Lines that the burner accepts without a message but that are probably mistakes. The comment of
+/// each says which of a Remark's `word` and `number` are set.
 enum class RemarkKind {
   LONG_LINE,             ///< read as several lines
   LONG_LINE_REST,        ///< the rest of line `number` counts by itself
@@ -56,15 +57,16 @@ enum class RemarkKind {
   UNKNOWN_DIRECTIVE,  ///< `word`, which may be misspelt
 };
 
+/// One such line.
 struct Remark {
   RemarkKind kind;
   LineNumber line;
-  std::string_view word;  ///< any bytes; valid while the listener is told
+  std::string_view word;  ///< any bytes; valid during the call of the listener
   std::uint32_t number = 0;
 };
 
-/// Is told what a file has for its author to know, line by line: there may be as many as lines.
-/// What its functions throw ends the reading and gets through.
+/// Gets the refusals and remarks of a file, in the order of its lines; each line may have some. An
+/// exception of its functions ends the reading, and its caller gets it.
 class ImageListener {
  public:
   virtual ~ImageListener() = default;

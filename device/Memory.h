@@ -27,12 +27,12 @@ struct Memory {
   std::uint32_t sector_size = 0;  ///< 0 for EEPROMs
 
   bool Holds(std::uint64_t addr, std::uint64_t size) const { return addr + size <= bytes.size(); }
-  /// Must hold the word; so below.
+  /// The word at `addr`, which the memory must hold; likewise Part.
   std::uint32_t Word(std::uint32_t addr) const { return WordAt(bytes, addr); }
   Bytes Part(std::uint32_t addr, std::uint32_t size) const;
   /// What a device answers to a read: whole words. Past the end they read as erased.
   Bytes Read(std::uint32_t addr, std::uint32_t size) const;
-  /// Whether it holds just these bytes there; not where it ends before them.
+  /// Whether it holds these bytes at `addr`; false if it ends before the last of them.
   bool Has(std::uint32_t addr, View part) const;
 };
 

@@ -1,6 +1,6 @@
 /// The verdict "whole": whether a slot holds every byte of an image that is known, its own fields
-/// and CRCs included. Boot code cannot ask that; it is told apart from the verdict "boots"
-/// (device/Boot.h). A slot that boots what is not whole starts whatever is there.
+/// and CRCs included. Boot code does not check that: the verdict "boots" (device/Boot.h) is another
+/// one. A slot that boots and is not whole starts whatever it holds.
 #pragma once
 
 #include <array>
@@ -36,15 +36,15 @@ struct SlotVerdict {
 
   bool BootsWhole() const { return boots && whole != Whole::NOT_KNOWN; }
   bool BootsNew() const { return boots && whole == Whole::NEW; }
-  /// The boot code may start it, and nobody knows what it is.
+  /// The slot boots, and its contents match no known image.
   bool BootsBroken() const { return boots && whole == Whole::NOT_KNOWN; }
   bool operator==(const SlotVerdict&) const = default;
 };
 
-/// What a device's memory is worth at one moment.
+/// The verdict on a device's memory in one state.
 struct Verdict {
   std::array<SlotVerdict, SLOTS> slots{};
-  bool invariant_is_whole = true;  ///< a torn invariant sector starts nothing
+  bool invariant_is_whole = true;  ///< if false, the device does not boot
 
   /// Some slot boots, whether it is whole or not.
   bool Boots() const;
@@ -71,26 +71,26 @@ struct Verdict {
 /// is not whole; "DOES NOT BOOT" where none boots.
 std::string Describe(const Verdict& verdict);
 
-/// Follows one device's memory byte by byte and judges it at any moment, at the cost of the bytes
-/// that changed.
+/// Holds a copy of one device's memory, which is changed byte by byte, and gives the verdict on it
+/// after any change. A verdict costs as much as the bytes that changed.
 class Judge {
  public:
   Judge(const BootLayout& layout, Bytes memory);
 
-  /// Takes every slot that boots now for a whole old image. A second image that was moved into the
-  /// first slot is as whole as it was, here and below.
+  /// Adds the image of every slot that boots now, as an old one. A second image that was moved into
+  /// the first slot is as whole as it was, here and below.
   void AddPresentImages();
-  /// Takes the invariant sector as it is now for whole.
+  /// Adds the invariant sector as it is now.
   void AddPresentInvariantSector();
   /// Takes what the image is on the device for whole, in either slot; of `origin` as that leaves
   /// it. `before` is the device's memory as this image addresses it. What does not fit is never
-  /// whole. Returns false, and knows no more than before, where the image keeps its slots elsewhere
+  /// whole. Returns false, and adds nothing, where the image keeps its slots elsewhere
   /// than this judge looks.
   bool AddKnownImage(const Image& image, const Identity& identity, const Memory& before,
                      Whole whole, Origin origin = Origin::ANY);
 
   View Bytes() const { return _memory; }
-  /// A byte past the end is nobody's.
+  /// Ignores addresses past the end.
   void Set(std::uint32_t addr, std::uint8_t byte);
   /// All of them; as many as there are.
   void SetAll(View memory);

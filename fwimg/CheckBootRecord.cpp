@@ -1,7 +1,5 @@
 #include "fwimg/CheckBootRecord.h"
 
-#include <numeric>
-
 #include "device/Boot.h"
 #include "device/Burn.h"
 

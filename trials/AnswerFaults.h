@@ -15,21 +15,21 @@ using device::Guid;
 
 /// What a request asks for. Requests of one kind react alike to a faulty answer.
 enum class RequestKind {
-  MULTI_MAX,
-  VERSION,
-  LIST,
-  ATTRIBUTES,
-  ACKED,  ///< a write, an erase: all that is answered ACK
-  MARKER,
-  INVARIANT,
-  SIGNATURE,
-  SECOND_ADDRESS,
-  MOVED_RECORD,
-  MOVED_IMAGE,
-  BOOT_RECORD,
-  VERIFY,
-  VSD,
-  BSN,
+  MULTI_MAX,       ///< how many devices a request may name
+  VERSION,         ///< of the interface
+  LIST,            ///< of the devices
+  ATTRIBUTES,      ///< of a flash
+  ACKED,           ///< a write, an erase: all that is answered ACK
+  MARKER,          ///< read of the failsafe marker
+  INVARIANT,       ///< read of the invariant sector
+  SIGNATURE,       ///< read of the signature of a pointer sector
+  SECOND_ADDRESS,  ///< read of the address of the second image
+  MOVED_RECORD,    ///< read of the pointer sector of an image that is moved
+  MOVED_IMAGE,     ///< read of an image that is moved
+  BOOT_RECORD,     ///< read of a boot record
+  VERIFY,          ///< read of what was written
+  VSD,             ///< vendor data
+  BSN,             ///< board serial number
 };
 
 /// A request of a fault-free run, with its answer.
@@ -42,37 +42,38 @@ struct ParsedExchange {
   std::uint32_t size = 0;     ///< of a read
 };
 
+/// What is wrong with an answer.
 enum class AnswerFault {
   // The answer's text.
-  ERROR_ANSWER,
-  TARGET_ERROR_ANSWER,
-  ELEMENT_ERROR,
-  ELEMENT_TARGET_ERROR,
-  ONE_FEWER,
-  ONE_MORE,
+  ERROR_ANSWER,          ///< an error for all devices; the request is not executed
+  TARGET_ERROR_ANSWER,   ///< the same in its other form
+  ELEMENT_ERROR,         ///< an error of one device
+  ELEMENT_TARGET_ERROR,  ///< the same in its other form
+  ONE_FEWER,             ///< an element is missing
+  ONE_MORE,              ///< an element too many
   EMPTY,
-  BRACE_OPEN,
-  BRACE_CLOSED,
-  NOT_HEX,
-  TOO_LITTLE,
-  TOO_MUCH,
-  NUL,
+  BRACE_OPEN,    ///< an opening brace too many
+  BRACE_CLOSED,  ///< a closing brace too many
+  NOT_HEX,       ///< a number that is none
+  TOO_LITTLE,    ///< a value is missing in an element
+  TOO_MUCH,      ///< an element has a value too many
+  NUL,           ///< a NUL byte in an element
   // How the answer is sent.
-  LONG_LINE,
-  LOST,  ///< the connection closes, and the request is not executed
-  CLOSE_BEFORE,
-  CLOSE_INSIDE,
-  CLOSE_AFTER,
-  RESET,
-  BYTEWISE,
-  RETURNS,
-  ONE_PIECE,
-  TWO_PIECES,
-  MANY_PIECES,
-  TWICE,
-  TWICE_LATE,
-  SILENCE,
-  SILENCE_INSIDE,
+  LONG_LINE,       ///< longer than the burner reads
+  LOST,            ///< the connection closes, and the request is not executed
+  CLOSE_BEFORE,    ///< the connection closes instead of the answer
+  CLOSE_INSIDE,    ///< the connection closes in the middle of the answer
+  CLOSE_AFTER,     ///< the connection closes behind the answer
+  RESET,           ///< the connection is reset instead of the answer
+  BYTEWISE,        ///< each byte is sent by itself
+  RETURNS,         ///< lines end in CR LF
+  ONE_PIECE,       ///< a piece and one continuation
+  TWO_PIECES,      ///< a piece and two continuations
+  MANY_PIECES,     ///< a piece and many continuations
+  TWICE,           ///< the answer is sent twice at once
+  TWICE_LATE,      ///< it is sent again, ahead of the next answer
+  SILENCE,         ///< no answer
+  SILENCE_INSIDE,  ///< half of the answer
 };
 
 struct AnswerFaultRow {

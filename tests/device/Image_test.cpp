@@ -107,5 +107,29 @@ TEST(DeviceTypeTest, TwoKeywordsAreOneType) {
   EXPECT_EQ(Image().Slots(), SlotKind::NONE);
 }
 
+TEST(ImageTest, BytesWithinAChipHaveAnAddress) {
+  Image image;
+  image.map = {{0x50, 0x100}, {0x51, 0x80}};
+  EXPECT_EQ(image.AddressWithin({0x50, 0xFF}, 1), 0xFFu);
+  EXPECT_EQ(image.AddressWithin({0x51, 0}, 0x80), 0x100u);
+  EXPECT_EQ(image.AddressWithin({0x51, 4}, 4), 0x104u);
+  EXPECT_EQ(image.AddressWithin({0x50, 0xFF}, 2), std::nullopt);
+  EXPECT_EQ(image.AddressWithin({0x50, 0x100}, 1), std::nullopt);
+  EXPECT_EQ(image.AddressWithin({0x51, 0x80}, 1), std::nullopt);
+  EXPECT_EQ(image.AddressWithin({0x52, 0}, 1), std::nullopt);
+  image.map.clear();
+  EXPECT_EQ(image.AddressWithin({0, 0x1234}, 4), 0x1234u);
+  EXPECT_EQ(image.AddressWithin({1, 0}, 1), std::nullopt);
+}
+
+TEST(DeviceImageTest, SectionsKeepTheirPlaceInEitherSlot) {
+  Image image;
+  image.slots[0].image = 0x1000;
+  image.slots[1].image = 0x3000;
+  const Section section{.name = "A", .addr = 0x1040, .data = {}};
+  EXPECT_EQ(image.AddressInSlot(section, 0), 0x1040u);
+  EXPECT_EQ(image.AddressInSlot(section, 1), 0x3040u);
+}
+
 }  // namespace
 }  // namespace device

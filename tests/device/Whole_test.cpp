@@ -257,5 +257,34 @@ TEST(RecordJudgeTest, ABurnEndsWithTwoWholeNewSlots) {
   EXPECT_EQ(judge.CurrentVerdict().CountNew(), 2u);
 }
 
+TEST(VerdictTest, IsBurntWhenTheSlotsAreAsABurnOfTheirKindLeavesThem) {
+  constexpr SlotVerdict NEW{.boots = true, .whole = Whole::NEW};
+  constexpr SlotVerdict OLD{.boots = true, .whole = Whole::OLD};
+  constexpr SlotVerdict INVALID{.boots = false, .whole = Whole::NEW};
+  const auto is_burnt = [](const Verdict& verdict) {
+    return std::pair(verdict.IsBurnt(SlotKind::BOOT_RECORDS),
+                     verdict.IsBurnt(SlotKind::POINTER_SECTORS));
+  };
+  EXPECT_EQ(is_burnt({.slots = {NEW, NEW}}), std::pair(true, false));
+  EXPECT_EQ(is_burnt({.slots = {NEW, INVALID}}), std::pair(false, true));
+  EXPECT_EQ(is_burnt({.slots = {INVALID, NEW}}), std::pair(false, true));
+  EXPECT_EQ(is_burnt({.slots = {OLD, NEW}}), std::pair(false, false));
+  EXPECT_EQ(is_burnt({.slots = {INVALID, INVALID}}), std::pair(false, false));
+  EXPECT_EQ(is_burnt({.slots = {NEW, NEW}, .invariant_is_whole = false}), std::pair(false, false));
+  EXPECT_EQ(is_burnt({.slots = {NEW, INVALID}, .invariant_is_whole = false}),
+            std::pair(false, false));
+}
+
+TEST(VerdictTest, InvariantSectorIsToldApart) {
+  constexpr SlotVerdict OLD{.boots = true, .whole = Whole::OLD};
+  constexpr SlotVerdict BROKEN{.boots = true, .whole = Whole::NOT_KNOWN};
+  const Verdict torn{.slots = {OLD, {}}, .invariant_is_whole = false};
+  EXPECT_TRUE(torn.IsSafeButForInvariantSector());
+  EXPECT_FALSE(torn.IsSafe());
+  EXPECT_FALSE((Verdict{.slots = {OLD, {}}}).IsSafeButForInvariantSector());
+  const Verdict broken{.slots = {OLD, BROKEN}, .invariant_is_whole = false};
+  EXPECT_FALSE(broken.IsSafeButForInvariantSector());
+}
+
 }  // namespace
 }  // namespace device
