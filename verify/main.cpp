@@ -1,11 +1,10 @@
-/// fwpush-verify: checks that devices hold what a burn must have left.
-
-#include "src/main.h"
+/// fwpush-verify: compares the memory of devices with what a burn of an image leaves.
 
 #include <filesystem>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "common/Json.h"
 #include "common/Program.h"
@@ -114,14 +113,14 @@ class Run {
   explicit Run(const Options& options) : _options(options) {}
 
   /// Returns the exit status.
-  int VerifyAll(const GuidSet& devices) {
+  int VerifyAll(const std::set<Guid>& devices) {
     try {
       if (_options.save) std::filesystem::create_directories(*_options.save);
       verify::Verifier verifier(_options.image, _options.server, CHOICES.at(_options.slot),
                                 _options.save);
       std::cerr << verifier.Warnings();
       if (!verifier.HasSlots() && (_options.slot == "0" || _options.slot == "1")) {
-        return TellUsage("--slot " + _options.slot + ": the image is for no slots");
+        return TellUsage("--slot " + _options.slot + ": the image has no slots; use --slot none");
       }
       for (const Guid guid : devices) Take(Finding(verifier, guid));
     } catch (const BraidError& error) {
@@ -194,7 +193,7 @@ class Run {
 
 int main(int argc, char* argv[]) {
   common::CommandLine line(
-      "Looks whether devices hold what a burn of an image must have left. Only reads.",
+      "Compares the memory of devices with what a burn of the image leaves. Never writes.",
       "fwpush-verify");
   Options options;
   line.Add("-f", options.image, "The image file").Required();
@@ -210,10 +209,12 @@ int main(int argc, char* argv[]) {
   pointers.reserve(words.size());
   for (std::string& word : words) pointers.push_back(word.data());
   line.SetWork([&] {
-    GuidSet devices;
+    std::set<Guid> devices;
     try {
-      for (const std::string& list : options.guids) GetTargeGuids(list, devices);
+      for (const std::string& list : options.guids) common::ParseGuids(list, devices);
       verify::CheckServerForm(options.server);
+    } catch (const std::runtime_error& error) {
+      return TellUsage(error.what());
     } catch (const BraidError& error) {
       return TellUsage(error.Des());
     }

@@ -757,7 +757,7 @@ TEST(ArchitectureDocumentTest, FoldersMayIncludeWhatTheScriptLetsThem) {
   std::ifstream script(std::filesystem::path(DOCUMENTS).parent_path() / "script" /
                        "include-directions");
   const std::regex entry(R"re(^    "([a-z]+)": \[(.*)\],$)re");
-  const std::regex name("\"([a-z]+)\"");
+  const std::regex name("\"([A-Za-z./]+)\"");
   for (std::string line; std::getline(script, line);) {
     std::smatch row;
     if (!std::regex_match(line, row, entry)) continue;
@@ -773,7 +773,7 @@ TEST(ArchitectureDocumentTest, FoldersMayIncludeWhatTheScriptLetsThem) {
     folder.pop_back();  // the slash
     std::set<std::string>& targets = told[folder];
     for (std::string quoted : Quoted(row.at(3))) {
-      quoted.pop_back();
+      if (quoted.ends_with('/')) quoted.pop_back();
       targets.insert(quoted);
     }
   }
