@@ -132,7 +132,7 @@ bool TomlReader::IsTable(std::string_view key) {
 std::optional<std::string> TomlReader::String(std::string_view key) {
   const toml::node* node = Find(key).node;
   if (node == nullptr) return {};
-  if (!node->is_string()) ThrowAt(key, Text("'", key, "' must be a text"));
+  if (!node->is_string()) ThrowAt(key, Text("'", key, "' must be a string"));
   return node->as_string()->get();
 }
 

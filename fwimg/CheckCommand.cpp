@@ -115,7 +115,7 @@ int Run(const Options& options) {
 void AddCheck(CommandLine& program) {
   const auto options = std::make_shared<Options>();
   CommandLine& command = program.AddCommand(
-      "check", "Tells all problems of image files: where, and what would happen at the burn");
+      "check", "Lists all problems of image files, with line and effect on a burn");
   command.Add("FILE", options->files, "Image files").Required();
   command.AddFlag("--strict", options->is_strict, "Warnings fail the check, too");
   command

@@ -155,8 +155,8 @@ void CheckWritten(const CheckedImage& image, LineFindings& findings) {
       const Written& first = in_order ? places[i] : places[j];
       const bool is_same = first.type && first.type == later.type && first.from == later.from;
       findings.Add(is_same ? ProblemId::FIELD_TWICE : ProblemId::FIELD_OVERLAP, later.line, [&] {
-        return later.what + " " + At(later.from) + " lies on " + first.what + " " + At(first.from) +
-               " of " + Line(first.line);
+        return later.what + " " + At(later.from) + " overlaps " + first.what + " " +
+               At(first.from) + " of " + Line(first.line);
       });
     }
   }

@@ -108,7 +108,7 @@ void CheckInvariantPlaces(const CheckedImage& image, LineFindings& findings) {
     if (place.from >= image.sector) return;
     if (place.Overlaps(MARKER)) {
       findings.Add(ProblemId::MARKER_BLANKED, line,
-                   what + " " + At(place.from) + " lies on the failsafe marker at 0x24");
+                   what + " " + At(place.from) + " overlaps the failsafe marker at 0x24");
     } else if (!is_constant && image.SectionOver(place.from) != nullptr) {
       findings.Add(ProblemId::FIELD_IN_INVARIANT, line,
                    what + " " + At(place.from) + " lies in the invariant sector");

@@ -39,7 +39,7 @@ void CheckImageSections(const CheckedImage& image, LineFindings& findings) {
   }
   if (image.kind == SlotKind::POINTER_SECTORS && bytes < image.slot_extent) {
     findings.Add(ProblemId::IMAGE_GAPS, sections.front()->line,
-                 Text("the image has ", bytes, " bytes on ", image.slot_extent));
+                 Text("the image has gaps: ", bytes, " bytes within ", image.slot_extent));
   }
 }
 

@@ -37,7 +37,7 @@ RecordFormat FormatOf(const ConvertOptions& options, const fs::path& path) {
       ParseFormat(options.format.empty() ? path.extension().string() : options.format);
   if (!format) {
     throw std::runtime_error(path.string() +
-                             ": the name tells no format; --format intel or motorola does");
+                             ": unknown file extension; add --format intel or --format motorola");
   }
   return *format;
 }
@@ -187,9 +187,9 @@ void AddConvert(CommandLine& program) {
            "Of the records: intel or motorola (default: as the name of the file says)")
       .OneOf({"intel", "motorola"});
   convert.Add("--layout", options->layout,
-              "To an image: all that it says beside the bytes, a layout without sections");
+              "To an image: a layout without sections, for everything but the bytes");
   convert.Add("--pad", options->pad, "To an image: fill up words with this byte").InRange(0, 255);
-  convert.AddFlag("--lax", options->is_lax, "To an image: take records that give cause to warn");
+  convert.AddFlag("--lax", options->is_lax, "To an image: accept records for which srec_cat warns");
   convert.AddFlag("--json", options->as_json, "Print a JSON object");
   convert.SetWork([options] {
     if (IsImageName(options->from) == IsImageName(options->to)) {

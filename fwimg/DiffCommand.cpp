@@ -1,4 +1,4 @@
-/// fwimg diff: how two image files differ in what they mean.
+/// fwimg diff: compares what two image files burn.
 #include <algorithm>
 #include <functional>
 #include <iostream>
@@ -319,8 +319,7 @@ int Run(const Options& options) {
 
 void AddDiff(CommandLine& program) {
   const auto options = std::make_shared<Options>();
-  CommandLine& command =
-      program.AddCommand("diff", "Tells how two image files differ in what they mean");
+  CommandLine& command = program.AddCommand("diff", "Compares what two image files burn");
   command.Add("A", options->a, "Image file").Required();
   command.Add("B", options->b, "Image file").Required();
   command.AddFlag("--json", options->as_json, "Prints one JSON object");

@@ -188,7 +188,7 @@ void CheckSays(const device::Image& image, const Layout& layout) {
                        std::ranges::equal(image.slots, layout.slots, is_slot) &&
                        image.fields == fields && image.crcs == crcs;
   if (!says_it) {
-    throw std::logic_error(layout.At(0) + "the image that was made says something else");
+    throw std::logic_error(layout.At(0) + "internal error: the image does not match its layout");
   }
 }
 

@@ -38,7 +38,7 @@ device::ImageFile ReadForAuthor(const std::string& path, device::ImageListener& 
   if (file.parts > MOST_PARTS) {
     throw device::ImageError(
         common::Text(path, ": more than ", MOST_PARTS,
-                     " sections, fields, CRCs and devices: that is no device's image"));
+                     " sections, fields, CRCs and devices: too many to check"));
   }
   return file;
 }

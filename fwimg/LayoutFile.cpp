@@ -253,7 +253,8 @@ class LayoutReader {
     const std::optional<Place> place = ReadPlace(reader, key);
     if (!place) return {};
     if (place->base != nullptr) {
-      reader.ThrowAt(key, Text("'", key, "' must be a place of its own"));
+      reader.ThrowAt(key,
+                     Text("'", key, "' must be a fixed place: a number or { device, offset }"));
     }
     return place->offset;
   }

@@ -170,7 +170,7 @@ int Extract(const ExtractOptions& options) {
 void AddMake(CommandLine& program) {
   const auto options = std::make_shared<MakeOptions>();
   CommandLine& make = program.AddCommand("make", "Make an image file from a layout and raw files");
-  make.Add("LAYOUT", options->layout, "What stands where, in TOML").Required();
+  make.Add("LAYOUT", options->layout, "The layout file (TOML)").Required();
   make.Add("-o,--output", options->output, "The image file to write").Required();
   make.Add("--parts", options->parts, "Where the layout's files lie (default: beside the layout)");
   make.AddFlag("--json", options->as_json, "Print a JSON object");
@@ -194,7 +194,7 @@ void AddExtract(CommandLine& program) {
       throw UsageError("extract", "--section NAME -o FILE or --all DIR is needed");
     }
     if (options->output == "-" && json.IsGiven()) {
-      throw UsageError("extract", "-o - leaves no room for --json");
+      throw UsageError("extract", "-o - and --json exclude each other");
     }
     return Extract(*options);
   });

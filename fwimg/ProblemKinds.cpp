@@ -19,7 +19,7 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     {ProblemId::STRAY_END, "stray-end", W, "the line is ignored"},
     {ProblemId::LONG_LINE, "long-line", W, "the line is read as several, each on its own"},
     {ProblemId::LONG_LINE_REST, "long-line-rest", E,
-     "it is taken as a line of its own, and burnt or done"},
+     "it is read as a separate line, as data or as a directive"},
     {ProblemId::NUL, "nul", E, "what follows on the line is not burnt"},
     {ProblemId::DATA_CUT, "data-cut", E, "only the low 8 bits of the word are burnt"},
     {ProblemId::NUMBER_CUT, "number-cut", E, "another address than the one written is used"},
@@ -27,7 +27,7 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
      "the section is burnt into another EEPROM than the one written"},
     {ProblemId::START_NOT_READ_WHOLE, "start-not-read-whole", W, "the rest of the line is ignored"},
     {ProblemId::SECTION_NOT_CLOSED, "section-not-closed", E,
-     "the section goes on to the end of the file, whatever was lost there"},
+     "the section goes on to the end of the file, even if the end of the file is missing"},
     {ProblemId::DUPLICATE_SECTION, "duplicate-section", E,
      "its bytes are burnt nowhere; the first section of that address is "
      "burnt twice"},

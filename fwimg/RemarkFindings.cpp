@@ -56,10 +56,9 @@ Finding OfUnknown(std::string_view first) {
   const std::string_view word = first.substr(0, first.find_first_of("\t\r"));
   const auto keywords = device::ImageKeywords();
   if (word.size() < first.size() && std::ranges::find(keywords, word) != keywords.end()) {
-    return {ProblemId::MISSPELT_DIRECTIVE,
-            shown +
-                " is no directive: words are parted by blanks, lines end without a carriage "
-                "return"};
+    return {
+        ProblemId::MISSPELT_DIRECTIVE,
+        shown + " is no directive: only blanks separate words; remove the tab or carriage return"};
   }
   if (const std::string_view meant = Meant(first); !meant.empty()) {
     return {ProblemId::MISSPELT_DIRECTIVE,
@@ -121,7 +120,7 @@ void RemarkFindings::Refused(const device::Refusal& refusal) {
   }
   _findings.Add(ProblemId::REFUSED, refusal.line, [&] {
     return Printable(refusal.text) +
-           (refusal.has_more ? " (more such lines of this section are not told)" : "");
+           (refusal.has_more ? " (further such lines are not listed)" : "");
   });
 }
 

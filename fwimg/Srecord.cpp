@@ -119,8 +119,8 @@ class Run {
   std::string _errors;
 };
 
-/// Refuses a file that goes on behind its end record: srec_cat stops there without a word, and half
-/// of two files in one would be lost.
+/// Refuses a file with data after its end record: srec_cat stops there without a warning, and would
+/// drop the second of two files in one.
 void CheckEnd(const fs::path& path, RecordFormat format) {
   const auto is_end = [format](std::string_view line) {
     return format == RecordFormat::INTEL
@@ -136,8 +136,7 @@ void CheckEnd(const fs::path& path, RecordFormat format) {
     const std::size_t text = line.find_first_not_of(" \t\r\x1a");
     if (text == std::string::npos) continue;
     if (has_ended) {
-      throw std::runtime_error(
-          Text(path.string(), ":", number, ": the file goes on behind its end record"));
+      throw std::runtime_error(Text(path.string(), ":", number, ": data after the end record"));
     }
     has_ended = is_end(std::string_view(line).substr(text));
   }
@@ -217,7 +216,7 @@ std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, 
     const bool is_harmless = std::ranges::any_of(
         HARMLESS, [&](std::string_view text) { return message.find(text) != std::string::npos; });
     if (is_harmless) continue;
-    if (!lax) throw std::runtime_error(message + "\n--lax takes the file nevertheless");
+    if (!lax) throw std::runtime_error(message + "\nuse --lax to accept the file");
     std::cerr << message << std::endl;
   }
 

@@ -1,8 +1,8 @@
-/// fwimg: sees into image files, checks, compares and makes them.
+/// fwimg: shows, checks, compares, makes and converts firmware image files.
 #include "fwimg/Commands.h"
 
 int main(int argc, char* argv[]) {
-  common::CommandLine line("Sees into firmware image files, checks, compares and makes them.",
+  common::CommandLine line("Shows, checks, compares, makes and converts firmware image files.",
                            "fwimg");
   for (const auto add : {fwimg::AddInfo, fwimg::AddCheck, fwimg::AddDiff, fwimg::AddMake,
                          fwimg::AddExtract, fwimg::AddConvert}) {

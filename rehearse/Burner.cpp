@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "common/ChildProcess.h"
+#include "common/Text.h"
 #include "protocol/Server.h"
 
 namespace rehearse {
@@ -42,7 +43,8 @@ Run Watch(common::ChildProcess& burner, int console) {
       }
     }
     if (!ending && std::chrono::steady_clock::now() - last_word > MAX_SILENCE) {
-      throw std::runtime_error("the burner hangs");
+      throw std::runtime_error(common::Text("fwpush printed nothing for ", MAX_SILENCE.count(),
+                                            " seconds and was killed"));
     }
   }
   run.is_well = ending->status == 0;

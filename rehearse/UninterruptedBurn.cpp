@@ -33,7 +33,7 @@ UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burn
   report.writes = _log.Count(sim::Operation::PROGRAM);
   report.erases = _log.Count(sim::Operation::ERASE);
   if (!run.is_well) {
-    throw std::runtime_error("the burn itself fails, before any plug is pulled:\n" + run.console);
+    throw std::runtime_error("the burn fails without any interruption:\n" + run.console);
   }
   _has_moved = run.console.find("Moving image position") != std::string::npos;
   for (const device::Guid guid : devices.Guids()) {
@@ -55,7 +55,9 @@ std::string UninterruptedBurn::ReasonForEnd(device::Guid guid, const device::Ver
     const std::size_t text = at + failure.size();
     return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
   }
-  if (!_devices.HasBootRecords() || IsPlain()) return "the burn does not leave a valid new image";
+  if (!_devices.HasBootRecords() || IsPlain()) {
+    return "the burnt slot does not hold a valid new image";
+  }
   return end.CountInvalid() > 0
              ? "the image's own boot record is not valid in each slot"
              : "a CRC covers the first word of the boot record, which is held back";
@@ -64,7 +66,7 @@ std::string UninterruptedBurn::ReasonForEnd(device::Guid guid, const device::Ver
 std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict) const {
   if (IsPlain()) return "the burn is not failsafe: it overwrites the image that boots";
   if (!verdict.invariant_is_whole) {
-    return "the invariant sector is rewritten: there is only one of it";
+    return "the invariant sector was being rewritten; the device has only one";
   }
   if (_devices.JudgeOf(guid).CurrentVerdict().HasBroken()) {
     return "a slot was marked valid before the burn, and its image was not whole";
@@ -93,7 +95,7 @@ std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
 }
 
 std::string UninterruptedBurn::ReasonWithBootRecords(const device::Verdict& verdict) const {
-  if (!_ends_well) return "the burn does not leave a valid new image in each slot";
+  if (!_ends_well) return "not every burnt slot holds a valid new image";
   if (verdict.HasBroken()) {
     return "a mix of an old and a new boot record happens to have a valid sum";
   }

@@ -92,8 +92,9 @@ void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
                    " from a dropped connection; ", report.unrecovered, " failed"));
   row("wall time", common::Text(std::fixed, std::setprecision(1), report.seconds, " s"));
   if (report.IsWell()) {
-    std::cout << (is_one_only ? "  this is no interruption that" : "  no interruption")
-              << " leaves a device that does not boot" << std::endl;
+    std::cout << (is_one_only ? "  every device boots after this interruption"
+                              : "  no interruption leaves a device that does not boot")
+              << std::endl;
     return;
   }
   std::cout << "exceptions:\n";
@@ -222,7 +223,7 @@ int Run(Options& options) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  common::CommandLine line("Pulls the plug at every step of a burn, on simulated devices.");
+  common::CommandLine line("Interrupts a burn at every step, on simulated devices.");
   Options options;
   options.fwpush =
       (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "fwpush").string();
@@ -237,7 +238,8 @@ int main(int argc, char* argv[]) {
   line.Add("--recover", options.recover, "How many recoveries to run: a number, or all")
       .ShowDefault();
   line.Add("--jobs", options.jobs, "Recoveries side by side").InRange(1, 64).ShowDefault();
-  line.Add("--seed", options.seed, "Seed of all that is left to chance").ShowDefault();
+  line.Add("--seed", options.seed, "Seed of torn words, torn erases and the choice of recoveries")
+      .ShowDefault();
   line.Add("--at", options.point,
            "Only this point, as an exception names it: 1234, killed:28, dropped:28");
   line.Add("--json", options.json_file, "File for the report, for machines");

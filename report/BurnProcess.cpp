@@ -107,7 +107,8 @@ Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
     }
   }
   if (console.out.IsOpen()) {
-    std::cerr << "fwpush-report: the burner has ended; what it started goes on without the console"
+    std::cerr << "fwpush-report: the burner has ended; processes that it started still run; their "
+                 "output is no longer read"
               << std::endl;
   }
   return *ending;

@@ -159,7 +159,7 @@ std::string ToJUnit(const RunReport& run) {
   }
   if (const bool is_told = failures + errors > 0;
       burn.devices.empty() || (!burn.is_all_burnt && !is_told)) {
-    // Somebody has to fail with the run.
+    // A failed run must contain a failed test case.
     ++tests;
     errors += !burn.is_all_burnt;
     add("run", burn.is_all_burnt ? nullptr : "error",

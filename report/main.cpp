@@ -1,5 +1,4 @@
-/// fwpush-report: runs a burn, passes its console on as it comes, and tells what became of each
-/// device.
+/// fwpush-report: runs a burn, passes its output on and reports the result of each device.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -167,7 +166,7 @@ class ConsoleOutput {
         poll(&waiting, 1, -1);
       } else if (errno != EINTR) {
         _is_lost = true;
-        std::cerr << NAME << ": can't pass the console on (" << std::strerror(errno)
+        std::cerr << NAME << ": can't write to standard output (" << std::strerror(errno)
                   << "); the burn goes on" << std::endl;
       }
     }
@@ -200,8 +199,7 @@ int Run(const Options& options) {
     return USAGE;
   }
   if (IsTwice(options)) {
-    std::cerr << NAME << ": the files that are read and written must have names of their own"
-              << std::endl;
+    std::cerr << NAME << ": two of the given files are the same; use different names" << std::endl;
     return USAGE;
   }
   ResultFile json(options.json);
@@ -237,7 +235,7 @@ int Run(const Options& options) {
       // Nothing to go on with: it may never end.
       if (log.IsOverlong()) {
         throw std::runtime_error(Text(options.from, ": a line of more than ", BurnLog::LONGEST_LINE,
-                                      " bytes: this is no console of fwpush"));
+                                      " bytes: not the output of fwpush"));
       }
     });
   }
@@ -261,7 +259,7 @@ int Run(const Options& options) {
   keep([&] { saved.Finish(); });
   if (!log.IsFwpush() && !(run.ending && run.ending->signal != 0)) {
     std::cerr << NAME << ": " << (is_live ? options.words[0] : options.from)
-              << ": this is no console of fwpush" << std::endl;
+              << ": not the output of fwpush" << std::endl;
     return CANNOT;
   }
   PrintSummary(run);
@@ -279,13 +277,13 @@ int main(int argc, char* argv[]) {
   for (int i = own_words + 1; i < argc; ++i) options.words.emplace_back(argv[i]);
 
   CommandLine line(
-      "Runs a burn, passes its console on as it comes, and tells what became of each device.\n"
+      "Runs a burn, passes its output on and reports the result of each device.\n"
       "  fwpush-report [OPTIONS] -- fwpush ARGS...\n"
       "  fwpush-report [OPTIONS] --from LOG [-- fwpush ARGS...]",
       NAME);
   line.SetFooter(
       "Ends with 0 when every device asked for was burnt, with 1 when one was not, with 2 when\n"
-      "fwpush could not be run or this is no console of it, with 64 on a wrong command line.");
+      "fwpush could not be run or this is not its output, with 64 on a wrong command line.");
   line.Add("--json", options.json, "Write the result into this file, as JSON");
   line.Add("--junit", options.junit, "Write the result into this file, a test case a device");
   const Option log = line.Add("--log", options.log, "Keep the console in this file");

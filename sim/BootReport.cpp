@@ -33,14 +33,16 @@ void AddKnownImageFile(device::Judge& judge, const Device& device, const std::st
   const device::Image image = LoadImage(file);
   LayoutOf(image, file, 0);
   if (!judge.AddKnownImage(image, IdentityOf(device), MemoryOf(device, image), whole, origin)) {
-    throw JudgeError(file + " keeps its slots elsewhere");
+    throw JudgeError(file + " places its slots at other addresses than the image being judged");
   }
 }
 
 namespace {
 
 device::Verdict JudgeByImages(const Device& device, const std::vector<std::string>& images) {
-  if (device.images.empty() && images.empty()) throw JudgeError("no image to judge it by");
+  if (device.images.empty() && images.empty()) {
+    throw JudgeError("no known image; name one with --image");
+  }
   const std::string& file = (images.empty() ? device.images : images).back();
   const device::Image image = LoadImage(file);
   device::Judge judge(LayoutOf(image, file, SectorSizeOf(device)), MemoryOf(device, image).bytes);
@@ -63,7 +65,7 @@ std::string BootReport(const Fabric& fabric, const std::vector<std::string>& ima
     try {
       const device::Verdict verdict = JudgeByImages(device, images);
       if (images.empty() && verdict.HasBroken()) {
-        report += "not judged: it holds an unknown image; name the image file with --image";
+        report += "not judged: a slot holds an unknown image; name it with --image";
       } else {
         report += Describe(verdict);
       }

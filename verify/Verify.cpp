@@ -67,7 +67,7 @@ DeviceFinding Verifier::Verify(device::Guid guid) const {
   } catch (const Unreadable& failure) {
     cannot_read(failure.reason);
   } catch (const CannotPredict& failure) {
-    cannot_read("cannot predict: " + failure.reason);
+    cannot_read("cannot compute the expected bytes: " + failure.reason);
   } catch (const BraidError& error) {
     const std::string reason = reader.FailureReason();
     cannot_read(reason.empty() ? error.Des() : reason);

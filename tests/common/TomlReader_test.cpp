@@ -86,7 +86,7 @@ TEST_F(TomlReaderTest, WrongValueIsToldWithItsLine) {
   EXPECT_EQ(Refusal(text, [](TomlReader& reader) { reader.Table("key"); }),
             ":2: 'key' must be a table");
   EXPECT_EQ(Refusal("key = 1", [](TomlReader& reader) { reader.String("key"); }),
-            ":1: 'key' must be a text");
+            ":1: 'key' must be a string");
   EXPECT_EQ(Refusal("a = 1\n[table]\n",
                     [](TomlReader& reader) {
                       TomlReader table = *reader.Table("table");

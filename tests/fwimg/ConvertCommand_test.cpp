@@ -246,10 +246,10 @@ TEST_F(FwimgConvertTest, WhatWouldLoseBytesIsRefused) {
   // Two files in one, of which only the first would be read.
   _folder.Write("two.hex", ":0400000001020304F2\n:00000001FF\n:0400100001020304E2\n:00000001FF\n");
   EXPECT_EQ(Refusal("two.hex", "x.img"),
-            NO_LAYOUT + "fwimg: two.hex:3: the file goes on behind its end record\n");
+            NO_LAYOUT + "fwimg: two.hex:3: data after the end record\n");
   _folder.Write("two.srec", "S107001001020304DE\nS9030000FC\nS107001001020304DE\nS9030000FC\n");
   EXPECT_EQ(Refusal("two.srec", "x.img"),
-            NO_LAYOUT + "fwimg: two.srec:3: the file goes on behind its end record\n");
+            NO_LAYOUT + "fwimg: two.srec:3: data after the end record\n");
   // No file.
   EXPECT_EQ(Refusal("none.hex", "x.img"),
             NO_LAYOUT + "fwimg: can't read none.hex: No such file or directory\n");
@@ -261,7 +261,7 @@ TEST_F(FwimgConvertTest, AFileWithoutItsEndIsRefusedUnlessTakenOnRequest) {
         {"cut.srec", "S107000001020304EE\n"}}) {
     SCOPED_TRACE(name);
     _folder.Write(name, text);
-    EXPECT_THAT(Refusal(name, "x.img"), testing::EndsWith("\n--lax takes the file nevertheless\n"));
+    EXPECT_THAT(Refusal(name, "x.img"), testing::EndsWith("\nuse --lax to accept the file\n"));
     const Outcome outcome = Convert(name, "lax.img", {"--lax"});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_THAT(outcome.errors, testing::HasSubstr("warning: no "));
@@ -281,7 +281,7 @@ TEST_F(FwimgConvertTest, RecordsInAnyOrderAreTaken) {
 TEST_F(FwimgConvertTest, TheFormatIsToldWhereTheNameDoesNot) {
   _folder.Write("a.img", "START A 10 0\n1 2 3 4\nEND A\n");
   EXPECT_EQ(Refusal("a.img", "a.txt"),
-            "fwimg: a.txt: the name tells no format; --format intel or motorola does\n");
+            "fwimg: a.txt: unknown file extension; add --format intel or --format motorola\n");
   ASSERT_EQ(Convert("a.img", "a.txt", {"--format", "intel"}).status, 0);
   EXPECT_EQ(Content("a.txt"), ":020000040000FA\n:0400100001020304E2\n:00000001FF\n");
 }

@@ -430,7 +430,7 @@ TEST_F(FwimgCheckTest, TheFirstRefusalIsTheOneThatFwpushGives) {
 }
 
 TEST_F(FwimgCheckTest, OfAKindThatFillsTheFileAPartIsToldAndTheLinesAreCounted) {
-  // 3000 fields at one place: each lies on each other, four and a half million times.
+  // 3000 fields at one place: each overlaps each other, four and a half million times.
   std::string text = "DEVICE_TYPE RV61300\n";
   for (int i = 0; i < 3000; ++i) text += "REPLACE VSD 0 0\n";
   const auto problems = Check(text + Section("A", 0, DataVec(0x100)));
@@ -514,7 +514,7 @@ TEST_F(FwimgCheckTest, MorePartsThanAnyImageHasAreRefused) {
   for (int i = 0; i < 10001; ++i) text += "REPLACE GUID 0 0\n";
   EXPECT_EQ(ErrorOf([&] { Check(text); }),
             (_folder / "fw.img") +
-                ": more than 10000 sections, fields, CRCs and devices: that is no device's image");
+                ": more than 10000 sections, fields, CRCs and devices: too many to check");
 }
 
 TEST_F(FwimgCheckTest, AWrongNameIsAProblemOfTheWholeFile) {

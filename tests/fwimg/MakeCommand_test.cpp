@@ -259,8 +259,7 @@ TEST_F(FwimgMakeTest, MorePartsThanTheCheckTakesAreRefusedUnderTheNameOfTheLayou
   EXPECT_EQ(Refusal("device_type = \"RV61100\"\n"
                     "section = [{ name = \"A\", at = 0, fill = 0, size = 0x40000 }]\n" +
                     fields),
-            "layout.toml: more than 10000 sections, fields, CRCs and devices: that is no device's "
-            "image");
+            "layout.toml: more than 10000 sections, fields, CRCs and devices: too many to check");
 }
 
 TEST_F(FwimgMakeTest, ALayoutThatTheCheckWarnsOfIsMadeAndTheWarningsAreTold) {
@@ -333,7 +332,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"PlaceOfNoSlot", ONE + "[[field]]\ntype = \"GUID\"\nat = { image = 0 }\n",
                 "layout.toml:3: no [[slot]] has what this is counted from"},
         Refused{"SlotInSlot", ONE + "[[slot]]\nps = 0\nimage = { ps = 0 }\n",
-                "layout.toml:5: 'image' must be a place of its own"},
+                "layout.toml:5: 'image' must be a fixed place: a number or { device, offset }"},
         Refused{"StrangeName",
                 "device_type = \"RV52100\"\nsection = [{ name = \"A B\", at = 0, fill = 0, size = "
                 "4 }]\n",

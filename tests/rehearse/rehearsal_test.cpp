@@ -125,13 +125,13 @@ TEST_F(BootTest, TornInvariantSectorBootsNothing) {
 TEST_F(BootTest, DeviceWithoutKnownImagesIsNotJudged) {
   sim::Fabric fabric;
   fabric.Add(FlashDevice(0x10));
-  EXPECT_EQ(sim::BootReport(fabric, {}), Line("not judged: no image to judge it by"));
+  EXPECT_EQ(sim::BootReport(fabric, {}), Line("not judged: no known image; name one with --image"));
 }
 
 TEST_F(BootTest, ImageThatIsNotKnownIsNotJudged) {
   sim::FillFromFile(_fabric, 0x10, _folder / "new.img", {.slot = 1, .is_valid = true});
   EXPECT_EQ(sim::BootReport(_fabric, {}),
-            Line("not judged: it holds an unknown image; name the image file with --image"));
+            Line("not judged: a slot holds an unknown image; name it with --image"));
 }
 
 TEST_F(BootTest, ImagesThatKeepTheirRecordsElsewhereAreNotMixed) {
@@ -139,8 +139,8 @@ TEST_F(BootTest, ImagesThatKeepTheirRecordsElsewhereAreNotMixed) {
   text.replace(text.find("PS 1 800"), 8, "PS 1 1c00");
   _folder.Write("new.img", text);
   EXPECT_THAT(Report(),
-              testing::MatchesRegex(
-                  "0x0000000000000010 not judged: .*old.img keeps its slots elsewhere\n"));
+              testing::MatchesRegex("0x0000000000000010 not judged: .*old.img places its slots at "
+                                    "other addresses than the image being judged\n"));
 }
 
 TEST_F(RehearsalTest, BootRecordsSumAndMarkTellAnEepromsImages) {
@@ -215,7 +215,7 @@ TEST_F(RehearsalTest, ExceptionIsReplayedByItsPoint) {
   EXPECT_EQ(first.command, "erase");
   EXPECT_EQ(first.step, "invariant sector at 0x0");
   EXPECT_EQ(first.state, "DOES NOT BOOT: slot 0 old, slot 1 invalid, invariant sector broken");
-  EXPECT_EQ(first.reason, "the invariant sector is rewritten: there is only one of it");
+  EXPECT_EQ(first.reason, "the invariant sector was being rewritten; the device has only one");
 
   rehearse::RehearsalOptions again = Options(fabric);
   again.at = first.first;
@@ -264,8 +264,7 @@ TEST_F(RehearsalTest, BurnThatFailsByItselfIsNoRehearsal) {
     rehearse::Rehearse(Options(FlashFabric(Holds("old.img", 0, false))));
     FAIL();
   } catch (const std::runtime_error& error) {
-    EXPECT_THAT(error.what(),
-                testing::StartsWith("the burn itself fails, before any plug is pulled:\n"));
+    EXPECT_THAT(error.what(), testing::StartsWith("the burn fails without any interruption:\n"));
     EXPECT_THAT(error.what(), testing::HasSubstr("Both images are invalid."));
   }
 }
@@ -382,7 +381,7 @@ TEST_F(RehearseProgramTest, StatusTellsWhetherAllInterruptionsAreSurvived) {
   const Outcome bad = Run({"--recover", "0"});
   EXPECT_EQ(bad.status, 1) << bad.errors;
   EXPECT_THAT(bad.output, testing::HasSubstr("point 0 and "));
-  EXPECT_THAT(bad.output, testing::HasSubstr("there is only one of it"));
+  EXPECT_THAT(bad.output, testing::HasSubstr("the device has only one"));
   EXPECT_THAT(bad.output, testing::HasSubstr("NOT FAILSAFE"));
 }
 

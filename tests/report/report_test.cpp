@@ -365,7 +365,8 @@ TEST_F(ReportTest, FilesOfOneNameAreRefusedBeforeAnythingIsLost) {
                                                : std::vector<std::string>{"/bin/echo", "burnt"});
     EXPECT_EQ(outcome.status, 64);
     EXPECT_EQ(outcome.output, "");
-    EXPECT_NE(outcome.errors.find("names of their own"), std::string::npos) << outcome.errors;
+    EXPECT_NE(outcome.errors.find("two of the given files are the same"), std::string::npos)
+        << outcome.errors;
     EXPECT_EQ(ReadFile(log), "before");
     EXPECT_FALSE(std::filesystem::exists(fresh));
   }
@@ -439,7 +440,7 @@ TEST_F(ReportTest, WhatTheBurnStartedHoldsTheReportUpForSecondsOnly) {
   kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
   EXPECT_EQ(outcome.output, ReadFile(console));
   EXPECT_EQ(Json()["exit_status"], 3);
-  EXPECT_NE(outcome.errors.find("goes on without the console"), std::string::npos);
+  EXPECT_NE(outcome.errors.find("their output is no longer read"), std::string::npos);
 }
 
 TEST_F(ReportTest, WhatChattersOnAfterTheBurnIsLeftToItself) {
@@ -455,7 +456,7 @@ TEST_F(ReportTest, LineWithoutEndIsNoConsole) {
       RunProgram({REPORT_PROGRAM, "--from", "/dev/zero", "--json", _folder / "report.json"});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.errors,
-            "fwpush-report: /dev/zero: a line of more than 33554432 bytes: this is no console of "
+            "fwpush-report: /dev/zero: a line of more than 33554432 bytes: not the output of "
             "fwpush\n");
   EXPECT_FALSE(std::filesystem::exists(_folder / "report.json"));
 }

@@ -617,7 +617,7 @@ TEST_F(FabricFileTest, WhatIsWrongIsNamedWithItsLine) {
       {"[[device]]\nnode_guid = \"0x10000000000000000\"\n",
        ":2: 'node_guid' must be a GUID such as \"0x00aa550000000010\""},
       {"", ": no [[device]]"},
-      {Device(_eeprom + "name = 3"), ":5: 'name' must be a text"},
+      {Device(_eeprom + "name = 3"), ":5: 'name' must be a string"},
       {Device(_eeprom + "name = \"two words\""),
        ":1: a device's name and attribute must each be one word"},
       {Device(""), ":1: a device has either a [device.flash] or [[device.chip]]s"},

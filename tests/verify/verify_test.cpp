@@ -274,8 +274,9 @@ TEST_F(FlashVerifyTest, BurnThatMustFailCannotBePredicted) {
       File("DEVICE_TYPE RV52100\n" + Section("A", 0x10, DataVec(0x40, 0x22)), "a.img");
   const DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::UNREADABLE);
-  EXPECT_EQ(finding.reason,
-            "cannot predict: it cannot erase at address 10, where no sector begins");
+  EXPECT_EQ(
+      finding.reason,
+      "cannot compute the expected bytes: it cannot erase at address 10, where no sector begins");
   EXPECT_EQ(finding.failure, "");
 }
 
@@ -486,7 +487,8 @@ TEST_F(VerifyTest, CrcOverNoWholeWordsCannotBePredicted) {
                                 Section("A", 0, DataVec(0x40, 0x33)));
   const DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::UNREADABLE);
-  EXPECT_EQ(finding.reason, "cannot predict: a CRC covers 6 bytes, which are no whole words");
+  EXPECT_EQ(finding.reason,
+            "cannot compute the expected bytes: a CRC covers 6 bytes, which are no whole words");
 }
 
 TEST_F(VerifyTest, DeviceWithoutItsFieldsIsUnreadable) {
