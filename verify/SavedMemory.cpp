@@ -7,7 +7,7 @@
 
 #include "common/Files.h"
 #include "common/Text.h"
-#include "src/BraidGeneral.h"
+#include "src/RomInterface.h"
 #include "verify/ComparedRegion.h"
 #include "verify/Expectation.h"
 

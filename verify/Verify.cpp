@@ -1,5 +1,7 @@
 #include "verify/Verify.h"
 
+#include <stdexcept>
+
 #include "common/Text.h"
 #include "device/ImageFile.h"
 #include "src/RomInterface.h"
@@ -15,7 +17,9 @@ namespace {
 /// Throws where the burner refuses the image, and collects the warnings.
 class ImageWarnings : public device::ImageListener {
  public:
-  void Refused(const device::Refusal& refusal) override { ThrowError(refusal.message); }
+  void Refused(const device::Refusal& refusal) override {
+    throw device::ImageError(refusal.message);
+  }
   void Remarked(const device::Remark& remark) override {
     if (remark.kind != device::RemarkKind::BSN_IGNORED) return;
     text += device::BsnWarning(*device::FindDeviceType(remark.word)) + "\n";
@@ -31,20 +35,20 @@ void CheckServerForm(const std::string& server) {
     Unconnected() : RemoteI2cInterface(5) {}
     BraidResult Connect() override { return BRAID_ERROR; }
   };
-  Unconnected().Open(server.c_str());
+  try {
+    Unconnected().Open(server.c_str());
+  } catch (const BraidError& error) {
+    throw std::invalid_argument(error.Des());
+  }
 }
 
 Verifier::Verifier(const std::string& image_file, const std::string& server, SlotChoice choice,
                    const std::optional<std::string>& save)
     : _server(server), _choice(choice), _save(save) {
-  try {
-    ImageWarnings warnings;
-    _image = device::ReadImageFile(image_file, warnings).image;
-    _warnings = warnings.text;
-  } catch (const device::ImageError& error) {
-    ThrowError(error.what());
-  }
-  if (_image.type == nullptr) ThrowError("The image names no device type");
+  ImageWarnings warnings;
+  _image = device::ReadImageFile(image_file, warnings).image;
+  _warnings = warnings.text;
+  if (_image.type == nullptr) throw device::ImageError("The image names no device type");
   _layout = device::LayoutOf(_image, 0);
   _has_slots = CanBeBurntIntoSlots(_image);
 }

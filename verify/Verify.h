@@ -20,14 +20,15 @@ enum class SlotChoice {
   NONE,  ///< all sections at their addresses, as a burn that is not failsafe leaves them
 };
 
-/// Throws BraidError, with the text of fwpush, when `server` is not of the form "TYPE:IP:PORT".
+/// Throws std::invalid_argument, with the text of fwpush, when `server` is not of the form
+/// "TYPE:IP:PORT".
 void CheckServerForm(const std::string& server);
 
 /// Verifies devices behind one server against one image. Only reads.
 class Verifier {
  public:
   /// Loads the image. `save` is the folder for the devices' memories, where they are to be saved.
-  /// Throws BraidError.
+  /// Throws device::ImageError.
   Verifier(const std::string& image_file, const std::string& server, SlotChoice choice,
            const std::optional<std::string>& save);
 

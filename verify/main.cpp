@@ -113,7 +113,7 @@ class Run {
   explicit Run(const Options& options) : _options(options) {}
 
   /// Returns the exit status.
-  int VerifyAll(const std::set<Guid>& devices) {
+  int VerifyAll(const std::set<device::Guid>& devices) {
     try {
       if (_options.save) std::filesystem::create_directories(*_options.save);
       verify::Verifier verifier(_options.image, _options.server, CHOICES.at(_options.slot),
@@ -122,9 +122,7 @@ class Run {
       if (!verifier.HasSlots() && (_options.slot == "0" || _options.slot == "1")) {
         return TellUsage("--slot " + _options.slot + ": the image has no slots; use --slot none");
       }
-      for (const Guid guid : devices) Take(Finding(verifier, guid));
-    } catch (const BraidError& error) {
-      Fail(error.Des());
+      for (const device::Guid guid : devices) Take(Finding(verifier, guid));
     } catch (const std::exception& error) {
       Fail(error.what());
     }
@@ -147,7 +145,7 @@ class Run {
       {"none", verify::SlotChoice::NONE}};
 
  private:
-  verify::DeviceFinding Finding(verify::Verifier& verifier, Guid guid) {
+  verify::DeviceFinding Finding(verify::Verifier& verifier, device::Guid guid) {
     verify::DeviceFinding finding;
     if (_failures_in_a_row == MOST_FAILURES) {
       finding.guid = guid;
@@ -209,14 +207,12 @@ int main(int argc, char* argv[]) {
   pointers.reserve(words.size());
   for (std::string& word : words) pointers.push_back(word.data());
   line.SetWork([&] {
-    std::set<Guid> devices;
+    std::set<device::Guid> devices;
     try {
       for (const std::string& list : options.guids) common::ParseGuids(list, devices);
       verify::CheckServerForm(options.server);
-    } catch (const std::runtime_error& error) {
+    } catch (const std::exception& error) {
       return TellUsage(error.what());
-    } catch (const BraidError& error) {
-      return TellUsage(error.Des());
     }
     if (devices.empty()) return TellUsage("No device given (-g)");
     return Run(options).VerifyAll(devices);
