@@ -106,7 +106,6 @@ constexpr std::string_view GUIDS_SWITCH = "g";
 constexpr std::string_view ALL_DEVICES = "ALL";
 constexpr std::string_view UPDATING_LABEL = "Updating invariant sector";
 constexpr std::uint32_t DONE_PERCENT = 100;
-constexpr std::size_t LONGEST_METER = 1024;  ///< bytes; a drawing of it has less than 100
 
 template <typename Number>
 std::optional<Number> WholeNumber(std::string_view digits, int base) {
@@ -163,27 +162,12 @@ std::string Joined(const std::vector<std::string>& texts) {
   return all;
 }
 
-/// Whether `frame` goes on with the phase of which `before` was shown.
-bool GoesOn(const MeterFrame& frame, const MeterFrame& before) {
-  return !before.is_done && frame.label == before.label &&
-         (frame.is_done || frame.percent >= before.percent);
-}
-
 /// What follows the spinner in a drawing of a meter.
 std::string_view WithoutSpinner(std::string_view text) {
   constexpr std::string_view SPINNER = "-\\|/";
   const bool has_spinner = !text.empty() && SPINNER.find(text[0]) != std::string_view::npos &&
                            (text.size() == 1 || text[1] == ' ');
   return has_spinner ? text.substr(std::min<std::size_t>(text.size(), 2)) : text;
-}
-
-/// Whether `text`, the beginning of a piece between carriage returns and line ends, may be that of
-/// a drawing of a meter.
-bool MayBecomeMeter(std::string_view text) {
-  text = WithoutSpinner(text);
-  return std::ranges::any_of(TEXTS, [text](const TextRow& row) {
-    return row.kind == METER && row.head.starts_with(text.substr(0, row.head.size()));
-  });
 }
 
 }  // namespace
@@ -239,6 +223,17 @@ std::optional<MeterFrame> ReadMeter(std::string_view text) {
   if (!percent) return {};
   frame.percent = *percent;
   return frame;
+}
+
+bool MeterFrame::GoesOn(const MeterFrame& before) const {
+  return !before.is_done && label == before.label && (is_done || percent >= before.percent);
+}
+
+bool MayBecomeMeter(std::string_view text) {
+  text = WithoutSpinner(text);
+  return std::ranges::any_of(TEXTS, [text](const TextRow& row) {
+    return row.kind == METER && row.head.starts_with(text.substr(0, row.head.size()));
+  });
 }
 
 void BurnLog::Feed(std::string_view piece, double when) {
@@ -327,7 +322,7 @@ void BurnLog::Take(std::string_view segment) {
 void BurnLog::TakeMeter(const MeterFrame& frame) {
   _has_succeeded = false;
   std::vector<Phase>& phases = _report.phases;
-  if (phases.empty() || !GoesOn(frame, phases.back())) StartPhase(frame.label);
+  if (phases.empty() || !frame.GoesOn(phases.back())) StartPhase(frame.label);
   Phase& phase = phases.back();
   phase.percent = frame.percent;
   phase.is_done = frame.is_done;
@@ -420,77 +415,6 @@ BurnReport BurnLog::Conclude(const std::set<Guid>& asked, const std::optional<En
     report.devices.push_back(device);
   }
   return report;
-}
-
-std::string PlainConsole::Feed(std::string_view piece) {
-  std::string out;
-  for (const char c : piece) {
-    if (c == '\r') {
-      EndSegment(out);
-      _owes_line_end = _is_inside_line;
-    } else if (c == '\n') {
-      EndSegment(out);
-      if (!_is_after_meter) out += '\n';  // a meter has its line already
-      _is_after_meter = false;
-      _is_inside_line = false;
-      _owes_line_end = false;
-    } else if (_is_passing) {
-      Show({&c, 1}, out);
-    } else {
-      _segment += c;
-    }
-  }
-  if (_segment.empty()) return out;
-  if (_segment.size() > LONGEST_METER || !MayBecomeMeter(_segment)) {
-    Show(_segment, out);
-    _segment.clear();
-    _is_passing = true;
-  } else if (const std::size_t sign = _segment.rfind('%'); sign != std::string::npos) {
-    // Shown as it comes: nothing more may come for long.
-    constexpr std::size_t WHOLE = 3;  // the sign and two digits
-    const auto frame = ReadMeter(_segment);
-    if (frame && _segment.size() - sign >= WHOLE) ShowMeter(*frame, out);
-  }
-  return out;
-}
-
-std::string PlainConsole::Finish() {
-  std::string out;
-  EndSegment(out);
-  return out;
-}
-
-void PlainConsole::EndSegment(std::string& out) {
-  _is_passing = false;
-  if (_segment.empty()) return;
-  if (const auto frame = ReadMeter(_segment)) {
-    ShowMeter(*frame, out);
-    _is_after_meter = true;
-  } else {
-    Show(_segment, out);
-  }
-  _segment.clear();
-}
-
-void PlainConsole::ShowMeter(const MeterFrame& frame, std::string& out) {
-  constexpr std::uint32_t STEP = 10;  // per cent
-  if (GoesOn(frame, _shown) && !frame.is_done && frame.percent / STEP == _shown.percent / STEP) {
-    return;
-  }
-  _shown = frame;
-  if (_is_inside_line) out += '\n';
-  out +=
-      frame.label + " - " + (frame.is_done ? "OK" : Text("%", std::setw(2), frame.percent)) + "\n";
-  _is_inside_line = false;
-  _owes_line_end = false;
-}
-
-void PlainConsole::Show(std::string_view text, std::string& out) {
-  if (_owes_line_end) out += '\n';
-  out += text;
-  _is_inside_line = true;
-  _owes_line_end = false;
-  _is_after_meter = false;
 }
 
 }  // namespace report

@@ -69,9 +69,14 @@ struct MeterFrame {
   std::string label;          ///< without the blanks that align it
   std::uint32_t percent = 0;  ///< 100 when done
   bool is_done = false;
+
+  /// Whether this is a later drawing of the phase of which `before` was drawn.
+  bool GoesOn(const MeterFrame& before) const;
 };
 /// What `text`, a piece of the console between carriage returns and line ends, draws.
 std::optional<MeterFrame> ReadMeter(std::string_view text);
+/// Whether `text`, the beginning of such a piece, may be that of a drawing.
+bool MayBecomeMeter(std::string_view text);
 
 /// A stretch of a burn that has a label: what was shown of it last, and when, in the seconds that
 /// BurnLog::Feed was given.
@@ -160,28 +165,6 @@ class BurnLog {
   std::vector<std::string> _refusals;
   std::set<Guid> _named;
   BurnReport _report;  ///< what of it can be told before the end
-};
-
-/// Makes of fwpush's console one for logs, in whole lines: of a meter there remain a line at its
-/// start, one for each further tenth, and one at its end. BurnLog reads these too.
-class PlainConsole {
- public:
-  /// What is to be printed for the next piece.
-  std::string Feed(std::string_view piece);
-  /// What is to be printed at the end.
-  std::string Finish();
-
- private:
-  void EndSegment(std::string& out);
-  void ShowMeter(const MeterFrame& frame, std::string& out);
-  void Show(std::string_view text, std::string& out);
-
-  std::string _segment;
-  bool _is_passing = false;  ///< the segment is no meter and goes out as it comes
-  bool _is_inside_line = false;
-  bool _owes_line_end = false;   ///< before the next text
-  bool _is_after_meter = false;  ///< nothing has come since
-  MeterFrame _shown{"", 0, true};
 };
 
 }  // namespace report

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <iostream>
 #include <optional>
 
 #include "common/Descriptor.h"
@@ -60,8 +59,8 @@ class Signals {
 
 }  // namespace
 
-Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
-               const std::function<void(std::string_view)>& take) {
+BurnRun RunBurn(const std::vector<std::string>& words, bool is_terminal,
+                const std::function<void(std::string_view)>& take) {
   const Signals signals;
   common::Channel console = is_terminal ? common::MakeRawTerminal() : common::MakePipe();
   common::ChildProcess burn({.words = words,
@@ -106,12 +105,7 @@ Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
       deadline = std::chrono::steady_clock::now() + MOST_PATIENCE;
     }
   }
-  if (console.out.IsOpen()) {
-    std::cerr << "fwpush-report: the burner has ended; processes that it started still run; their "
-                 "output is no longer read"
-              << std::endl;
-  }
-  return *ending;
+  return {*ending, console.out.IsOpen()};
 }
 
 }  // namespace report

@@ -10,11 +10,17 @@
 
 namespace report {
 
+/// How a burn ended.
+struct BurnRun {
+  Ending ending;
+  bool has_left_processes = false;  ///< that it started, and that still hold its console
+};
+
 /// Runs the burn `words`, program and arguments, to its end, and hands its console over to `take`
 /// as it comes; through a terminal like the one on standard output where `is_terminal`. Signals
 /// that ask this process to end are passed on to the burn meanwhile. Throws std::system_error, when
 /// the burn cannot be started above all.
-Ending RunBurn(const std::vector<std::string>& words, bool is_terminal,
-               const std::function<void(std::string_view)>& take);
+BurnRun RunBurn(const std::vector<std::string>& words, bool is_terminal,
+                const std::function<void(std::string_view)>& take);
 
 }  // namespace report

@@ -1,21 +1,17 @@
 #include "report/BurnResult.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
-#include <iostream>
+#include <iomanip>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "common/Json.h"
-#include "common/Program.h"
 #include "common/Text.h"
 
 namespace report {
 
 using common::HexGuid;
-using common::MayColour;
 using common::Text;
 
 using common::Printable;
@@ -171,9 +167,8 @@ std::string ToJUnit(const RunReport& run) {
               "\" skipped=\"0\"", time, ">\n", cases, "  </testsuite>\n</testsuites>\n");
 }
 
-void PrintSummary(const RunReport& run) {
+std::string Summary(const RunReport& run, bool has_colour) {
   const BurnReport& burn = run.burn;
-  const bool has_colour = MayColour(STDERR_FILENO);
   const auto count = [&burn](DeviceStatus status) {
     return std::ranges::count(burn.devices, status, &DeviceReport::status);
   };
@@ -203,7 +198,7 @@ void PrintSummary(const RunReport& run) {
   if (!burn.is_succeeded) out << "  the run failed: " << Printable(burn.failure) << "\n";
   out << "  " << (burn.is_all_burnt ? "every device is burnt" : "NOT EVERY DEVICE IS BURNT")
       << "\n";
-  std::cerr << out.str() << std::flush;
+  return out.str();
 }
 
 }  // namespace report

@@ -21,7 +21,7 @@ struct RunReport {
 std::string ToJson(const RunReport& run);
 /// A test suite with a test for each device, and one for the run.
 std::string ToJUnit(const RunReport& run);
-/// For people, on standard error, since standard output is the burn's.
-void PrintSummary(const RunReport& run);
+/// For people, some lines. `has_colour`: with the colours of a terminal.
+std::string Summary(const RunReport& run, bool has_colour);
 
 }  // namespace report

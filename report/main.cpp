@@ -1,7 +1,6 @@
 /// fwpush-report: runs a burn, passes its output on and reports the result of each device.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,15 +10,16 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
-#include <utility>
 
-#include "common/Files.h"
+#include "common/Descriptor.h"
 #include "common/Program.h"
 #include "common/SystemError.h"
 #include "common/Text.h"
 #include "report/BurnLog.h"
 #include "report/BurnProcess.h"
 #include "report/BurnResult.h"
+#include "report/LineConsole.h"
+#include "report/OutputFiles.h"
 
 namespace {
 
@@ -36,102 +36,6 @@ struct Options {
   std::string from;
   bool is_plain = false;
   std::vector<std::string> words;  ///< the burn: program and arguments
-};
-
-/// Whether `name` is there and no file, but a device or a pipe: it is written as it is.
-bool IsNoFile(const std::string& name) {
-  std::error_code error;
-  const auto status = std::filesystem::status(name, error);
-  return exists(status) && !is_regular_file(status);
-}
-
-Descriptor OpenForWriting(const std::string& name, int flags) {
-  Descriptor file(open(name.c_str(), O_WRONLY | O_CLOEXEC | flags, 0666));
-  if (!file.IsOpen()) ThrowSystemError("can't write " + name);
-  return file;
-}
-
-void WriteAll(const Descriptor& file, std::string_view text, const std::string& name) {
-  while (!text.empty()) {
-    const ssize_t written = write(file.Get(), text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno != EINTR) {
-      ThrowSystemError("can't write " + name);
-    }
-  }
-}
-
-/// A result of the run. Made before anything is burnt: a result that can't be kept must not cost a
-/// burn. It replaces the one of before only when it is complete.
-class ResultFile {
- public:
-  explicit ResultFile(const std::string& name) : _name(name) {
-    if (name.empty()) return;
-    if (IsNoFile(name)) {
-      _device = OpenForWriting(name, 0);
-    } else {
-      _file.emplace(name);
-    }
-  }
-
-  bool IsWanted() const { return !_name.empty(); }
-  void Keep(std::string_view text) {
-    if (_file) {
-      _file->Write(text);
-      _file->Keep();
-    } else {
-      WriteAll(_device, text, _name);
-    }
-  }
-
- private:
-  std::string _name;
-  std::optional<NewFile> _file;
-  Descriptor _device;
-};
-
-/// The console as it comes. Likewise opened before anything is burnt; what it held is lost with the
-/// first text of the burn. Where there was none and nothing is burnt, none is left.
-class LogFile {
- public:
-  explicit LogFile(const std::string& name) : _name(name) {
-    if (name.empty()) return;
-    _file = Descriptor(open(name.c_str(), O_WRONLY | O_CLOEXEC | O_CREAT | O_EXCL, 0666));
-    _is_ours = _file.IsOpen();
-    if (!_is_ours) _file = OpenForWriting(name, O_CREAT);
-  }
-  LogFile(const LogFile&) = delete;
-  LogFile& operator=(const LogFile&) = delete;
-  ~LogFile() {
-    if (_is_ours && !_is_begun) unlink(_name.c_str());
-  }
-
-  void Write(std::string_view text) {
-    if (!_file.IsOpen()) return;
-    try {
-      if (!std::exchange(_is_begun, true) && !IsNoFile(_name) && ftruncate(_file.Get(), 0) != 0) {
-        ThrowSystemError("can't write " + _name);
-      }
-      WriteAll(_file, text, _name);
-    } catch (const std::system_error& error) {
-      _trouble = error.what();
-      _file.Close();
-    }
-  }
-  /// For the end of the burn, of one that said nothing, too. Throws where something is missing in
-  /// the file.
-  void Finish() {
-    _is_begun = true;
-    if (!_trouble.empty()) throw std::runtime_error(_trouble);
-  }
-
- private:
-  std::string _name;
-  Descriptor _file;
-  bool _is_ours = false;   ///< there was none before
-  bool _is_begun = false;  ///< it is the log of a burn
-  std::string _trouble;
 };
 
 /// Whether two of the files that are given are one; devices may be.
@@ -151,33 +55,6 @@ bool IsTwice(const Options& options) {
   }
   return false;
 }
-
-/// Writes to standard output as long as anybody reads there.
-class ConsoleOutput {
- public:
-  void Write(std::string_view text) {
-    if (!text.empty()) _is_inside_line = text.back() != '\n';
-    while (!text.empty() && !_is_lost) {
-      const ssize_t sent = write(STDOUT_FILENO, text.data(), text.size());
-      if (sent >= 0) {
-        text.remove_prefix(static_cast<std::size_t>(sent));
-      } else if (errno == EAGAIN) {
-        pollfd waiting{STDOUT_FILENO, POLLOUT, 0};
-        poll(&waiting, 1, -1);
-      } else if (errno != EINTR) {
-        _is_lost = true;
-        std::cerr << NAME << ": can't write to standard output (" << std::strerror(errno)
-                  << "); the burn goes on" << std::endl;
-      }
-    }
-  }
-
-  bool IsInsideLine() const { return _is_inside_line; }
-
- private:
-  bool _is_lost = false;
-  bool _is_inside_line = false;
-};
 
 /// Hands over a saved console.
 void ReadLog(const std::string& name, const std::function<void(std::string_view)>& take) {
@@ -207,7 +84,7 @@ int Run(const Options& options) {
   LogFile saved(options.log);
 
   BurnLog log;
-  PlainConsole plain;
+  LineConsole plain;
   ConsoleOutput console;
   const auto start = std::chrono::steady_clock::now();
   const auto seconds = [start] {
@@ -227,7 +104,12 @@ int Run(const Options& options) {
   run.words = options.words;
   if (is_live) {
     const bool is_terminal = !options.is_plain && isatty(STDOUT_FILENO) != 0;
-    run.ending = RunBurn(options.words, is_terminal, take);
+    const BurnRun burn = RunBurn(options.words, is_terminal, take);
+    if (burn.has_left_processes) {
+      std::cerr << NAME << ": the burner has ended; processes that it started still run; their "
+                << "output is no longer read" << std::endl;
+    }
+    run.ending = burn.ending;
     run.seconds = seconds();
   } else {
     ReadLog(options.from, [&](std::string_view piece) {
@@ -262,7 +144,7 @@ int Run(const Options& options) {
               << ": not the output of fwpush" << std::endl;
     return CANNOT;
   }
-  PrintSummary(run);
+  std::cerr << Summary(run, MayColour(STDERR_FILENO)) << std::flush;
   if (!run.burn.is_all_burnt) return DIFFERS;
   return is_kept ? ALL_WELL : CANNOT;
 }

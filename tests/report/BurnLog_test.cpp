@@ -10,6 +10,7 @@
 #include "src/BraidConn.h"
 #include "src/main.h"
 #include "tests/support/Harness.h"
+#include "tests/support/burn_reports.h"
 #include "tests/support/consoles.h"
 
 namespace {
@@ -224,41 +225,6 @@ TEST(AskedDevicesTest, AreKnownForACommandLineThatIsRefused) {
 // ---- Consoles.
 
 constexpr char GENERIC_END[] = "\r- Burning  -  OK \n-I- BURN SUCCEEDED\n";
-
-BurnReport ReportOf(const std::string& console, const GuidSet& asked,
-                    const std::optional<Ending>& ending = {}) {
-  BurnLog log;
-  log.Feed(console);
-  BurnReport report = log.Conclude(asked, ending);
-  EXPECT_TRUE(log.IsFwpush());
-  return report;
-}
-
-std::string GoldenConsole(const std::string& name) {
-  return Golden(name + ".console",
-                {{"FILE", "fw.img"}, {"SERVER", "I2C:10.0.0.1:5000"}, {"LINE", "77"}});
-}
-
-/// A report in one line a device.
-std::vector<std::string> DevicesOf(const BurnReport& report) {
-  std::vector<std::string> lines;
-  for (const DeviceReport& device : report.devices) {
-    const char* status = device.status == DeviceStatus::BURNT    ? "burnt"
-                         : device.status == DeviceStatus::FAILED ? "failed"
-                                                                 : "never";
-    lines.push_back(Text(std::hex, device.guid, " ", status, device.may_have_changed ? "" : " same",
-                         device.text.empty() ? "" : ": ", device.text));
-  }
-  return lines;
-}
-
-std::vector<std::string> PhasesOf(const BurnReport& report) {
-  std::vector<std::string> lines;
-  for (const Phase& phase : report.phases) {
-    lines.push_back(Text(phase.label, " ", phase.percent, phase.is_done ? " done" : ""));
-  }
-  return lines;
-}
 
 TEST(BurnLogTest, GenericBurnOfTwoDevicesIsToldWhole) {
   const BurnReport report = ReportOf(GoldenConsole("rv61100"), {0x10, 0x20});
@@ -579,69 +545,6 @@ TEST(BurnLogTest, PhaseLastsFromTheTextBeforeItToItsEnd) {
   EXPECT_EQ(report.phases[1].end, 5);
 }
 
-// ---- Consoles in whole lines.
-
-std::string Plain(const std::string& console, std::size_t piece = std::string::npos) {
-  PlainConsole plain;
-  std::string out;
-  for (std::size_t at = 0; at < console.size(); at += std::min(piece, console.size())) {
-    out += plain.Feed(std::string_view(console).substr(at, piece));
-  }
-  return out + plain.Finish();
-}
-
-TEST(PlainConsoleTest, MeterBecomesALineATenth) {
-  EXPECT_EQ(Plain("-I- Generic Burning:\n"
-                  "\r\\ Burning  - % 0\r| Burning  - % 5\r/ Burning  - %12\r- Burning  - %19"
-                  "\r\\ Burning  - %50\r- Burning  -  OK \n"
-                  "\r- Validating first  image                            -  OK \n"
-                  "-I- BURN SUCCEEDED\n"),
-            "-I- Generic Burning:\n"
-            "Burning - % 0\nBurning - %12\nBurning - %50\nBurning - OK\n"
-            "Validating first image - OK\n"
-            "-I- BURN SUCCEEDED\n");
-}
-
-TEST(PlainConsoleTest, FailuresAndOpenLinesGetLinesOfTheirOwn) {
-  EXPECT_EQ(Plain("-I- Updating invariant sector (non failsafe) ... "
-                  "\r-E- BURN FAILED:0x0000000000000001:x\n Done.\n\n"
-                  "\r\\ Burning  - %07\r-E- BURN FAILED:ALL:y\n"),
-            "-I- Updating invariant sector (non failsafe) ... \n"
-            "-E- BURN FAILED:0x0000000000000001:x\n Done.\n\n"
-            "Burning - % 7\n-E- BURN FAILED:ALL:y\n");
-  EXPECT_EQ(Plain("Bad argument to -m flag"), "Bad argument to -m flag");
-  EXPECT_EQ(Plain("a\r\n\r\\ Burning  -  OK \r\nb\r\n"), "a\nBurning - OK\nb\n");
-}
-
-TEST(PlainConsoleTest, TextGoesOutAsItComes) {
-  PlainConsole plain;
-  EXPECT_EQ(plain.Feed("-I"), "-I");
-  EXPECT_EQ(plain.Feed("- Updating invariant sector"), "- Updating invariant sector");
-  EXPECT_EQ(plain.Feed("\n\r\\ Burning  - %"), "\n");
-  EXPECT_EQ(plain.Feed(" "), "");
-  EXPECT_EQ(plain.Feed("7"), "Burning - % 7\n");
-}
-
-TEST(PlainConsoleTest, ResultDoesNotDependOnHowTheConsoleIsCut) {
-  for (const std::string name : {"rv61300-failsafe", "verify-failure", "rv52100-failsafe-moved"}) {
-    const std::string console = GoldenConsole(name);
-    const std::string whole = Plain(console);
-    EXPECT_EQ(whole.find('\r'), std::string::npos);
-    for (std::size_t piece = 1; piece < 80; ++piece) EXPECT_EQ(Plain(console, piece), whole);
-  }
-}
-
-TEST(PlainConsoleTest, ReportOfItIsThatOfTheConsole) {
-  for (const std::string name : {"rv61300-failsafe", "verify-failure", "rv52100-failsafe-moved"}) {
-    const GuidSet asked = {0x10, 0x20, 0x30};
-    const BurnReport report = ReportOf(GoldenConsole(name), asked);
-    const BurnReport plain = ReportOf(Plain(GoldenConsole(name)), asked);
-    EXPECT_EQ(DevicesOf(plain), DevicesOf(report));
-    EXPECT_EQ(PhasesOf(plain), PhasesOf(report));
-    EXPECT_EQ(plain.counts, report.counts);
-  }
-}
-
 TEST(BurnLogTest, OfALineOnlyTheBeginningIsHeld) {
   const std::string piece(std::size_t{1} << 20, 'x');
   BurnLog log;
@@ -655,13 +558,6 @@ TEST(BurnLogTest, OfALineOnlyTheBeginningIsHeld) {
   ASSERT_EQ(report.devices.size(), 1u);
   EXPECT_EQ(report.devices[0].status, DeviceStatus::FAILED);
   EXPECT_EQ(report.devices[0].text.size(), (std::size_t{1} << 25) - 35);
-}
-
-TEST(PlainConsoleTest, WhatIsTooLongForAMeterGoesOutAsItComes) {
-  PlainConsole plain;
-  const std::string text = "Burning " + std::string(2000, 'x');
-  EXPECT_EQ(plain.Feed("\r" + text), text);
-  EXPECT_EQ(plain.Feed("y\n"), "y\n");
 }
 
 }  // namespace
