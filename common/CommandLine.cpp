@@ -2,9 +2,29 @@
 
 // The parser takes ten seconds to compile: only this file includes it.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <utility>
 
 namespace common {
+
+namespace {
+
+/// `words`, with "-fVALUE" instead of "-f=VALUE". Throws UsageError for "-f=".
+std::vector<std::string> WithoutEquals(std::vector<std::string> words,
+                                       const std::vector<std::string>& names) {
+  for (std::string& word : words) {
+    const auto is_before_equals = [&word](const std::string& name) {
+      return word.starts_with(name + "=");
+    };
+    const auto name = std::ranges::find_if(names, is_before_equals);
+    if (name == names.end()) continue;
+    if (word.size() == name->size() + 1) throw UsageError(*name, "no value after the equals sign");
+    word.erase(name->size(), 1);
+  }
+  return words;
+}
+
+}  // namespace
 
 Option Option::Required() {
   _option->required();
@@ -107,7 +127,14 @@ CommandLine::Parsed CommandLine::Parse(int argc, const char* const* argv,
                                        const std::string& version) {
   _app->set_version_flag("--version", version);
   try {
-    _app->parse(argc, argv);
+    const std::vector<std::string> words = WithoutEquals({argv, argv + argc}, _with_equals);
+    std::vector<const char*> pointers;
+    pointers.reserve(words.size());
+    for (const std::string& word : words) pointers.push_back(word.c_str());
+    _app->parse(static_cast<int>(pointers.size()), pointers.data());
+  } catch (const UsageError& error) {
+    Complain(error);
+    return {.work = {}, .is_wrong = true};
   } catch (const CLI::ParseError& error) {
     // The parser throws for --help and --version, too, with status 0.
     return {.work = {}, .is_wrong = _app->exit(error) != 0};

@@ -75,6 +75,10 @@ class CommandLine {
   /// Text at the end of the help.
   void SetFooter(const std::string& text);
 
+  /// Accepts "-f=VALUE" for these options, as fwpush does. The parser itself accepts "-f VALUE" and
+  /// "-fVALUE". Nothing after the equals sign makes the command line wrong.
+  void AcceptEquals(const std::vector<std::string>& names) { _with_equals = names; }
+
   /// Adds a command, such as "info" of "fwimg info". A program with commands needs one of them on
   /// its command line.
   CommandLine& AddCommand(const std::string& name, const std::string& description);
@@ -101,6 +105,7 @@ class CommandLine {
   CLI::App* _app;
   std::vector<std::unique_ptr<CommandLine>> _commands;
   std::function<int()> _work;
+  std::vector<std::string> _with_equals;  ///< such as "-f"
 };
 
 }  // namespace common

@@ -1,3 +1,5 @@
+// The order of writes and erases of a flash is computed a second time here, from the lines of an
+// image file; device/Burn.cpp computes it for the judge.
 #include "fwimg/CheckFlash.h"
 
 #include "device/Boot.h"

@@ -2,15 +2,12 @@
 
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <span>
-#include <string_view>
 
 #include "common/Json.h"
 #include "common/Program.h"
@@ -171,17 +168,6 @@ std::vector<device::Guid> ParseGuids(const std::string& list) {
   return {guids.begin(), guids.end()};
 }
 
-/// Rewrites switches in the form of fwpush, "-m=8", to the form of the parser, "-m8".
-void TakeEqualsSigns(int argc, char* argv[]) {
-  for (char* word : std::span(argv, static_cast<std::size_t>(argc))) {
-    const std::string_view text = word;
-    const bool is_switch =
-        text.starts_with("-f=") || text.starts_with("-g=") || text.starts_with("-m=");
-    // Keep "-m=": the parser refuses it. For "-m" it would take the next word as the value.
-    if (is_switch && text.size() > 3) std::memmove(word + 2, word + 3, text.size() - 2);
-  }
-}
-
 /// Converts the values of the command line to options of the rehearsal. Throws UsageError.
 void TakeWords(Options& options) {
   options.guids = ParseGuids(options.guid_words);
@@ -246,6 +232,6 @@ int main(int argc, char* argv[]) {
   line.Add("--fwpush", options.fwpush,
            "The burner to rehearse with (default: fwpush beside this program)");
   line.SetWork([&options] { return Run(options); });
-  TakeEqualsSigns(argc, argv);
+  line.AcceptEquals({"-f", "-g", "-m"});
   return common::RunProgram({.name = "fwpush-rehearse", .is_verbatim = true}, line, argc, argv);
 }

@@ -77,21 +77,6 @@ nlohmann::json Json(const verify::DeviceFinding& finding) {
           {"differences", differences}};
 }
 
-/// Splits "-g=10", which fwpush accepts, into the two words that the parser accepts.
-std::vector<std::string> Words(int argc, char* argv[]) {
-  std::vector<std::string> words;
-  for (int i = 0; i < argc; ++i) {
-    const std::string_view word = argv[i];
-    if (word.starts_with("-f=") || word.starts_with("-s=") || word.starts_with("-g=")) {
-      words.emplace_back(word.substr(0, 2));
-      words.emplace_back(word.substr(3));
-    } else {
-      words.emplace_back(word);
-    }
-  }
-  return words;
-}
-
 int TellUsage(const std::string& text) {
   std::cerr << "fwpush-verify: " << common::Printable(text)
             << "\nRun with --help for more information." << std::endl;
@@ -202,10 +187,7 @@ int main(int argc, char* argv[]) {
       .ShowDefault();
   line.Add("--save", options.save, "Folder that gets each device's memory");
   line.AddFlag("--json", options.is_json, "Print the result for machines");
-  std::vector<std::string> words = Words(argc, argv);
-  std::vector<char*> pointers;
-  pointers.reserve(words.size());
-  for (std::string& word : words) pointers.push_back(word.data());
+  line.AcceptEquals({"-f", "-s", "-g"});
   line.SetWork([&] {
     std::set<device::Guid> devices;
     try {
@@ -217,6 +199,5 @@ int main(int argc, char* argv[]) {
     if (devices.empty()) return TellUsage("No device given (-g)");
     return Run(options).VerifyAll(devices);
   });
-  return common::RunProgram({.name = "fwpush-verify"}, line, static_cast<int>(pointers.size()),
-                            pointers.data());
+  return common::RunProgram({.name = "fwpush-verify"}, line, argc, argv);
 }

@@ -82,6 +82,20 @@ TEST_F(CommandLineTest, ValuesAreReadAndTheWorksStatusReturned) {
   EXPECT_EQ(_output + _errors, "");
 }
 
+TEST_F(CommandLineTest, EqualsSignsAreTakenWhereTheyAreAccepted) {
+  std::string from;
+  std::string to;
+  _line.Add("-f", from, "From");
+  _line.Add("-t", to, "To");
+  _line.AcceptEquals({"-n", "-f"});
+  EXPECT_EQ(Run({"file", "-n=9", "-f=-a=b", "-t=c"}), 5);
+  EXPECT_EQ(_number, 9);
+  EXPECT_EQ(from, "-a=b");
+  EXPECT_EQ(to, "=c");  // as the parser does it
+  EXPECT_EQ(Run({"-f=", "file"}), USAGE);
+  EXPECT_EQ(_errors, "-f: no value after the equals sign\nRun with --help for more information.\n");
+}
+
 TEST_F(CommandLineTest, WhatIsNotGivenKeepsItsValue) {
   EXPECT_EQ(Run({"file"}), 5);
   EXPECT_EQ(_number, 3);
