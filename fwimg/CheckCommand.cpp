@@ -10,6 +10,7 @@
 #include "device/ImageFile.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageCheck.h"
+#include "fwimg/Layout.h"
 
 namespace fwimg {
 
@@ -20,7 +21,7 @@ using common::Printable;
 
 struct Options {
   std::vector<std::string> files;
-  std::string sector_size = "0x10000";
+  std::string sector_size = common::HexText(USUAL_SECTOR_SIZE);
   std::string flash_size;
   bool is_strict = false;
   bool as_json = false;

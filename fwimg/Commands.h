@@ -11,6 +11,9 @@ using common::Option;
 using common::UsageError;
 using enum common::ExitStatus;
 
+/// Prints a warning on standard error: warnings are no results.
+void PrintWarning(const std::string& text);
+
 void AddInfo(CommandLine& program);
 void AddCheck(CommandLine& program);
 void AddDiff(CommandLine& program);

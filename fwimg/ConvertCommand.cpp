@@ -88,7 +88,7 @@ std::vector<RecordRange> RangesOf(const device::Image& image) {
 
 int ToRecords(const ConvertOptions& options) {
   const RecordFormat format = FormatOf(options, options.to);
-  const std::vector<RecordRange> ranges = RangesOf(LoadImage(options.from));
+  const std::vector<RecordRange> ranges = RangesOf(LoadImage(options.from, PrintWarning));
   WriteRecords(ranges, format, options.to);
   Report(options, ranges);
   return ALL_WELL;
@@ -151,9 +151,10 @@ int FromRecords(const ConvertOptions& options) {
     layout.file = options.from;
     std::cerr << "fwimg: without --layout the image names no device type, and cannot be burnt\n";
   } else {
-    layout = ReadLayout(options.layout, fs::path(options.layout).parent_path(), LayoutKind::FRAME);
+    layout = ReadLayout(options.layout, fs::path(options.layout).parent_path(),
+                        LayoutKind::WITHOUT_SECTIONS);
   }
-  std::vector<RecordRange> ranges = ReadRecords(options.from, format, options.is_lax);
+  std::vector<RecordRange> ranges = ReadRecords(options.from, format, options.is_lax, PrintWarning);
   CutAt(ranges, layout);
   if (options.pad >= 0) Pad(ranges, static_cast<std::uint8_t>(options.pad));
   for (const RecordRange& range : ranges) {

@@ -44,13 +44,13 @@ class Listener {
  public:
   virtual ~Listener() = default;
   /// No `text`: people are told in sum later. No `json`: this is for people only.
-  virtual void Tell(const std::function<std::string()>& text,
-                    const std::function<Json()>& json) = 0;
+  virtual void Report(const std::function<std::string()>& text,
+                      const std::function<Json()>& json) = 0;
 };
 
 class Counter : public Listener {
  public:
-  void Tell(const std::function<std::string()>&, const std::function<Json()>&) override {
+  void Report(const std::function<std::string()>&, const std::function<Json()>&) override {
     is_same = false;
   }
   bool is_same = true;
@@ -58,7 +58,7 @@ class Counter : public Listener {
 
 class TextPrinter : public Listener {
  public:
-  void Tell(const std::function<std::string()>& text, const std::function<Json()>&) override {
+  void Report(const std::function<std::string()>& text, const std::function<Json()>&) override {
     if (text) std::cout << text() << "\n";
   }
 };
@@ -66,7 +66,7 @@ class TextPrinter : public Listener {
 /// Elements of an array, a line each.
 class JsonPrinter : public Listener {
  public:
-  void Tell(const std::function<std::string()>&, const std::function<Json()>& json) override {
+  void Report(const std::function<std::string()>&, const std::function<Json()>& json) override {
     if (!json) return;
     std::cout << (_is_first ? "\n    " : ",\n    ") << Dump(json());
     _is_first = false;
@@ -149,10 +149,10 @@ class Comparison {
     if (a == b) return;
     const auto shown = [](const std::string& s) { return s.empty() ? "none" : Printable(s); };
     const auto value = [](const std::string& s) { return s.empty() ? Json(nullptr) : Json(s); };
-    _listener.Tell([&] { return label + ": " + shown(a) + " / " + shown(b); },
-                   [&] {
-                     return Json{{"what", what}, {"a", value(a)}, {"b", value(b)}};
-                   });
+    _listener.Report([&] { return label + ": " + shown(a) + " / " + shown(b); },
+                     [&] {
+                       return Json{{"what", what}, {"a", value(a)}, {"b", value(b)}};
+                     });
   }
 
   void ComparePlace(const std::string& what, const std::string& label,
@@ -164,10 +164,10 @@ class Comparison {
   }
 
   void OnlyIn(const char* side, const std::string& what, const std::string& text) {
-    _listener.Tell([&] { return Text("only in ", side, ": ", text); },
-                   [&] {
-                     return Json{{"what", what}, {"only_in", side}, {"text", text}};
-                   });
+    _listener.Report([&] { return Text("only in ", side, ": ", text); },
+                     [&] {
+                       return Json{{"what", what}, {"only_in", side}, {"text", text}};
+                     });
   }
 
   void CompareLists(const std::string& what, std::vector<std::string> a,
@@ -211,16 +211,16 @@ class Comparison {
       }
     }
     if (order_a != order_b) {
-      _listener.Tell([] { return "order: the sections are burnt in another order"; },
-                     [&] {
-                       return Json{{"what", "order"}, {"a", order_a}, {"b", order_b}};
-                     });
+      _listener.Report([] { return "order: the sections are burnt in another order"; },
+                       [&] {
+                         return Json{{"what", "order"}, {"a", order_a}, {"b", order_b}};
+                       });
     }
   }
 
   void CompareBytes(const SectionLines& a, const SectionLines& b) {
     if (a.size != b.size) {
-      _listener.Tell(
+      _listener.Report(
           [&] { return Text("size of ", Describe(a), ": ", b.size, " in b"); },
           [&] {
             return Json{
@@ -245,7 +245,7 @@ class Comparison {
       at = end;
     }
     if (left_out > 0) {
-      _listener.Tell(
+      _listener.Report(
           [&] {
             return Text("  and ", left_out, " bytes in ", ranges - TOLD_RANGES,
                         " more ranges of section ", Printable(a.name));
@@ -276,9 +276,9 @@ class Comparison {
                   {"size", size},    {"a", HexBytes(bytes_a)},  {"b", HexBytes(bytes_b)}};
     };
     if (in_text) {
-      _listener.Tell(text, json);
+      _listener.Report(text, json);
     } else {
-      _listener.Tell(nullptr, json);
+      _listener.Report(nullptr, json);
     }
   }
 

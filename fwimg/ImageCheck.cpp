@@ -14,7 +14,7 @@ namespace fwimg {
 std::vector<Problem> Check(const std::string& path, std::uint32_t sector_size,
                            std::optional<std::uint32_t> flash_size) {
   RemarkFindings remarks;
-  const device::ImageFile file = ReadForAuthor(path, remarks);
+  const device::ImageFile file = ReadWithLineInfo(path, remarks);
   LineFindings findings = remarks.Findings();
   const CheckedImage image(file, sector_size);
   CheckStructure(image, findings);

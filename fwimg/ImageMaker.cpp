@@ -144,8 +144,8 @@ std::vector<Problem> ProblemsOf(const std::string& file, const Layout& layout) {
 
 /// What `fwimg check` says of an image, at the lines of its layout: throws the errors, returns the
 /// warnings.
-std::vector<std::string> Judge(const std::string& file, const ImageText& text,
-                               const Layout& layout) {
+std::vector<std::string> CheckMadeImage(const std::string& file, const ImageText& text,
+                                        const Layout& layout) {
   using Told = std::pair<std::uint32_t, std::string>;
   std::array<std::set<Told>, 2> told;  // warnings, errors
   for (const Problem& problem : ProblemsOf(file, layout)) {
@@ -169,7 +169,7 @@ std::vector<std::string> Judge(const std::string& file, const ImageText& text,
 }
 
 /// Throws where a file does not say what its layout does: that would be a mistake of ours.
-void CheckSays(const device::Image& image, const Layout& layout) {
+void CheckHoldsLayout(const device::Image& image, const Layout& layout) {
   std::vector<device::Field> fields;
   for (const Layout::Slot& slot : layout.slots) {
     if (slot.signature) fields.push_back({device::FieldType::SIGNATURE, *slot.signature});
@@ -228,8 +228,8 @@ std::vector<std::string> WriteImage(const Layout& layout, const fs::path& path) 
   const ImageText text(layout);
   common::NewFile file(path);
   file.Write(text.Get());
-  std::vector<std::string> warnings = Judge(file.Close(), text, layout);
-  CheckSays(LoadImage(file.Close()), layout);
+  std::vector<std::string> warnings = CheckMadeImage(file.Close(), text, layout);
+  CheckHoldsLayout(device::ReadImage(file.Close()), layout);
   file.Keep();
   return warnings;
 }

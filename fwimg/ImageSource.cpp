@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iostream>
 
 #include "common/Text.h"
 
@@ -13,27 +12,32 @@ namespace {
 /// Parts are compared with each other: more would take forever.
 constexpr std::size_t MOST_PARTS = 10000;
 
-class Ignorer : public device::ImageListener {
+class IgnoringListener : public device::ImageListener {
  public:
   void Refused(const device::Refusal&) override {}
   void Remarked(const device::Remark&) override {}
 };
 
 /// Ends where fwpush does, and warns as it does.
-class Warner : public device::ImageListener {
+class BsnWarner : public device::ImageListener {
  public:
+  explicit BsnWarner(const WarningSink& warn) : _warn(warn) {}
+
   void Refused(const device::Refusal& refusal) override {
     throw device::ImageError(refusal.message);
   }
   void Remarked(const device::Remark& remark) override {
     if (remark.kind != device::RemarkKind::BSN_IGNORED) return;
-    std::cerr << device::BsnWarning(*device::FindDeviceType(remark.word)) << std::endl;
+    _warn(device::BsnWarning(*device::FindDeviceType(remark.word)));
   }
+
+ private:
+  const WarningSink& _warn;
 };
 
 }  // namespace
 
-device::ImageFile ReadForAuthor(const std::string& path, device::ImageListener& listener) {
+device::ImageFile ReadWithLineInfo(const std::string& path, device::ImageListener& listener) {
   device::ImageFile file = device::ReadImageFile(path, listener);
   if (file.parts > MOST_PARTS) {
     throw device::ImageError(
@@ -44,8 +48,8 @@ device::ImageFile ReadForAuthor(const std::string& path, device::ImageListener& 
 }
 
 device::ImageFile LoadImageFile(const std::string& path) {
-  Ignorer ignorer;
-  device::ImageFile file = ReadForAuthor(path, ignorer);
+  IgnoringListener ignoring;
+  device::ImageFile file = ReadWithLineInfo(path, ignoring);
   if (!file.refusal.empty()) throw device::ImageError(file.refusal);
   const bool has_version =
       std::ranges::any_of(file.version, [](const auto& part) { return part.has_value(); });
@@ -55,8 +59,8 @@ device::ImageFile LoadImageFile(const std::string& path) {
   return file;
 }
 
-device::Image LoadImage(const std::string& path) {
-  Warner warner;
+device::Image LoadImage(const std::string& path, const WarningSink& warn) {
+  BsnWarner warner(warn);
   return device::ReadImageFile(path, warner).image;
 }
 

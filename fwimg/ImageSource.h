@@ -1,6 +1,7 @@
 /// Image files as the commands read them.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "device/ImageFile.h"
@@ -9,15 +10,18 @@ namespace fwimg {
 
 /// Reads an image file whose lines `listener` is told of. Throws device::ImageError where it cannot
 /// be read, or has more parts than could be compared with each other.
-device::ImageFile ReadForAuthor(const std::string& path, device::ImageListener& listener);
+device::ImageFile ReadWithLineInfo(const std::string& path, device::ImageListener& listener);
 
 /// Reads an image file that fwpush would load and in which something stands. Throws
 /// device::ImageError for all others.
 device::ImageFile LoadImageFile(const std::string& path);
 
-/// Reads an image file that fwpush would load, and repeats its warnings on standard error: they are
-/// no results. Throws device::ImageError.
-device::Image LoadImage(const std::string& path);
+/// Gets the warnings of a file as they come, one each time.
+using WarningSink = std::function<void(const std::string&)>;
+
+/// Reads an image file that fwpush would load, and passes on the warnings that fwpush prints.
+/// Throws device::ImageError.
+device::Image LoadImage(const std::string& path, const WarningSink& warn);
 
 /// Whether `path` is named as image files are.
 bool IsImageName(const std::string& path);

@@ -8,6 +8,7 @@
 #include "fwimg/Commands.h"
 #include "fwimg/ImageFacts.h"
 #include "fwimg/ImageSource.h"
+#include "fwimg/Layout.h"
 
 namespace fwimg {
 
@@ -27,7 +28,7 @@ using device::SlotLines;
 
 struct Options {
   std::string file;
-  std::string sector_size = "0x10000";
+  std::string sector_size = HexText(USUAL_SECTOR_SIZE);
   bool as_json = false;
 };
 

@@ -46,7 +46,7 @@ class LayoutReader {
     if (slots.size() > device::SLOTS) slots.back().Throw("an image has two slots at most");
     for (std::size_t i = 0; i < slots.size(); ++i) ReadSlot(slots[i], _layout.slots[i]);
     std::vector<TomlReader> sections = reader.Tables("section");
-    if (kind == LayoutKind::FRAME && !sections.empty()) {
+    if (kind == LayoutKind::WITHOUT_SECTIONS && !sections.empty()) {
       sections[0].Throw("no [[section]] here: the bytes come from the file that is converted");
     }
     if (kind == LayoutKind::WHOLE && sections.empty()) reader.Throw("no [[section]]");

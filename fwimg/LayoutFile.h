@@ -8,8 +8,8 @@
 namespace fwimg {
 
 enum class LayoutKind {
-  WHOLE,  ///< with at least one section
-  FRAME,  ///< without: the sections come from elsewhere
+  WHOLE,             ///< with at least one section
+  WITHOUT_SECTIONS,  ///< they come from another file
 };
 
 /// Reads a layout. The files that it names are looked for in `parts`. Throws LayoutError.

@@ -11,15 +11,15 @@ void LineFindings::Mark(OfKind& known, LineNumber line) {
   known.lines[line] = true;
 }
 
-void LineFindings::Tell(OfKind& known, LineFinding finding) {
+void LineFindings::Record(OfKind& known, LineFinding finding) {
   const auto key = std::pair(finding.line, finding.text);
-  if (known.told.contains(key)) return;
-  if (known.told.size() == MOST_OF_A_KIND) {
+  if (known.recorded.contains(key)) return;
+  if (known.recorded.size() == MOST_OF_A_KIND) {
     known.has_more = true;
     return;
   }
-  known.told.insert(key);
-  _told.push_back(std::move(finding));
+  known.recorded.insert(key);
+  _recorded.push_back(std::move(finding));
 }
 
 std::vector<LineFinding> LineFindings::InOrder() const {
@@ -31,7 +31,7 @@ std::vector<LineFinding> LineFindings::InOrder() const {
                    common::Text("more of this kind, on ", lines, lines == 1 ? " line" : " lines",
                                 " in all")});
   }
-  all.insert(all.end(), _told.begin(), _told.end());
+  all.insert(all.end(), _recorded.begin(), _recorded.end());
   std::ranges::stable_sort(all, {}, &LineFinding::line);
   return all;
 }

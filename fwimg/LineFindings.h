@@ -34,7 +34,7 @@ class LineFindings {
     OfKind& known = _kinds[static_cast<std::size_t>(kind)];
     Mark(known, line);
     if (known.has_more) return;
-    Tell(known, {line, kind, make_text()});
+    Record(known, {line, kind, make_text()});
   }
   void Add(ProblemId kind, LineNumber line, std::string text) {
     Add(kind, line, [&text] { return std::move(text); });
@@ -45,16 +45,16 @@ class LineFindings {
 
  private:
   struct OfKind {
-    std::set<std::pair<LineNumber, std::string>> told;
+    std::set<std::pair<LineNumber, std::string>> recorded;
     bool has_more = false;
     std::vector<bool> lines;  ///< by number: whether it was found there, told or not
   };
 
   static void Mark(OfKind& known, LineNumber line);
-  void Tell(OfKind& known, LineFinding finding);
+  void Record(OfKind& known, LineFinding finding);
 
   std::array<OfKind, static_cast<std::size_t>(ProblemId::COUNT)> _kinds;
-  std::vector<LineFinding> _told;  ///< in the order in which they were found
+  std::vector<LineFinding> _recorded;  ///< in the order in which they were found
 };
 
 }  // namespace fwimg

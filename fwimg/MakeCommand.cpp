@@ -102,43 +102,40 @@ std::string FileName(const device::Section& section, std::set<std::string>& take
   return name + ".bin";
 }
 
-int Extract(const ExtractOptions& options) {
-  const device::Image image = LoadImage(options.image);
+/// The sections to extract: all, or the one of the given name. Throws where that is none or
+/// several.
+std::vector<const device::Section*> SelectSections(const device::Image& image,
+                                                   const ExtractOptions& options) {
   std::vector<const device::Section*> sections;
-  for (const device::Section& section : image.sections) sections.push_back(&section);
-  if (!options.section.empty()) {
-    std::erase_if(sections, [&](const auto* section) { return section->name != options.section; });
-    if (sections.empty()) {
-      throw std::runtime_error(options.image + ": no section " + options.section);
-    }
-    if (sections.size() > 1) {
-      throw std::runtime_error(Text(options.image, ": ", sections.size(), " sections are named ",
-                                    options.section, "; --all DIR writes each"));
-    }
-    if (options.output == "-") {
-      const Bytes& data = sections[0]->data;
-      std::cout.write(reinterpret_cast<const char*>(data.data()),
-                      static_cast<std::streamsize>(data.size()));
-      return ALL_WELL;
-    }
+  for (const device::Section& section : image.sections) {
+    if (options.section.empty() || section.name == options.section) sections.push_back(&section);
   }
+  if (options.section.empty()) return sections;
+  if (sections.empty()) {
+    throw std::runtime_error(options.image + ": no section " + options.section);
+  }
+  if (sections.size() > 1) {
+    throw std::runtime_error(Text(options.image, ": ", sections.size(), " sections are named ",
+                                  options.section, "; --all DIR writes each"));
+  }
+  return sections;
+}
 
+/// The file for each of `sections`.
+std::vector<std::string> FilesFor(const std::vector<const device::Section*>& sections,
+                                  const ExtractOptions& options) {
+  if (!options.section.empty()) return {options.output};
   std::vector<std::string> files;
   std::set<std::string> taken;
   for (const device::Section* section : sections) {
-    files.push_back(options.section.empty()
-                        ? (fs::path(options.all) / FileName(*section, taken)).string()
-                        : options.output);
-    std::error_code missing;
-    if (fs::equivalent(files.back(), options.image, missing)) {
-      std::cerr << "fwimg: " << Printable(files.back())
-                << ": the image itself would be overwritten\nRun with --help for more information."
-                << std::endl;
-      return USAGE;
-    }
+    files.push_back((fs::path(options.all) / FileName(*section, taken)).string());
   }
-  if (options.section.empty()) fs::create_directories(options.all);
+  return files;
+}
 
+/// Writes the bytes of each section to its file, and prints what was written.
+void WriteSections(const device::Image& image, const std::vector<const device::Section*>& sections,
+                   const std::vector<std::string>& files, const ExtractOptions& options) {
   ordered_json written = ordered_json::array();
   for (std::size_t i = 0; i < sections.size(); ++i) {
     const device::Section* section = sections[i];
@@ -162,6 +159,28 @@ int Extract(const ExtractOptions& options) {
            {"image", options.image},
            {"written", std::move(written)}});
   }
+}
+
+int Extract(const ExtractOptions& options) {
+  const device::Image image = LoadImage(options.image, PrintWarning);
+  const std::vector<const device::Section*> sections = SelectSections(image, options);
+  if (!options.section.empty() && options.output == "-") {
+    const Bytes& data = sections[0]->data;
+    std::cout.write(reinterpret_cast<const char*>(data.data()),
+                    static_cast<std::streamsize>(data.size()));
+    return ALL_WELL;
+  }
+  const std::vector<std::string> files = FilesFor(sections, options);
+  for (const std::string& file : files) {
+    std::error_code missing;
+    if (!fs::equivalent(file, options.image, missing)) continue;
+    std::cerr << "fwimg: " << Printable(file)
+              << ": the image itself would be overwritten\nRun with --help for more information."
+              << std::endl;
+    return USAGE;
+  }
+  if (options.section.empty()) fs::create_directories(options.all);
+  WriteSections(image, sections, files, options);
   return ALL_WELL;
 }
 

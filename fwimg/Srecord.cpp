@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <span>
 #include <stdexcept>
 #include <system_error>
@@ -203,7 +202,8 @@ void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
   WriteFile(path, ReadFile(records));
 }
 
-std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, bool lax) {
+std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, bool lax,
+                                     const std::function<void(const std::string&)>& warn) {
   // An absolute name is taken for no option.
   const fs::path input = fs::absolute(path);
   ReadFile(input);
@@ -217,7 +217,7 @@ std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, 
         HARMLESS, [&](std::string_view text) { return message.find(text) != std::string::npos; });
     if (is_harmless) continue;
     if (!lax) throw std::runtime_error(message + "\nuse --lax to accept the file");
-    std::cerr << message << std::endl;
+    warn(message);
   }
 
   std::ifstream file(records);

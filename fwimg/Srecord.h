@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,8 +29,9 @@ void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
                   const std::filesystem::path& path);
 
 /// The bytes of a file of records, in ascending order, neighbours made one. What srec_cat warns of
-/// is refused, unless it costs no byte or the reading is `lax`. Throws std::runtime_error.
+/// is refused, unless it costs no byte; where the reading is `lax`, `warn` gets it instead, one
+/// message each time. Throws std::runtime_error.
 std::vector<RecordRange> ReadRecords(const std::filesystem::path& path, RecordFormat format,
-                                     bool lax);
+                                     bool lax, const std::function<void(const std::string&)>& warn);
 
 }  // namespace fwimg

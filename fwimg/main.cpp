@@ -1,5 +1,9 @@
 /// fwimg: shows, checks, compares, makes and converts firmware image files.
+#include <iostream>
+
 #include "fwimg/Commands.h"
+
+void fwimg::PrintWarning(const std::string& text) { std::cerr << text << std::endl; }
 
 int main(int argc, char* argv[]) {
   common::CommandLine line("Shows, checks, compares, makes and converts firmware image files.",
