@@ -155,7 +155,8 @@ class AddressMap {
   std::uint64_t _column = 1;
 };
 
-void PrintMap(const ImageFile& file) {
+/// Sections, slots, fields and CRCs as bars over one range of addresses.
+std::string MapText(const ImageFile& file) {
   std::vector<Bar> bars;
   Bar all{"all", {}};
   for (const SectionLines& section : file.sections) {
@@ -193,16 +194,16 @@ void PrintMap(const ImageFile& file) {
   if (!crcs.ranges.empty()) every.push_back(crcs);
 
   const AddressMap map(every);
-  if (map.IsEmpty()) return;
-  std::cout << "\nMap, " << map.Scale() << " (X: overlap)\n";
-  for (const Bar& bar : bars) std::cout << map.Draw(bar, '#') << "\n";
-  std::cout << map.Draw(all, '#') << "\n";
-  for (std::size_t i = 0; i < slots.size(); ++i) {
-    std::cout << map.Draw(slots[i], static_cast<char>('0' + i)) << "\n";
-  }
-  if (slots.size() > 1) std::cout << map.Draw(both, '=') << "\n";
-  if (!fields.ranges.empty()) std::cout << map.Draw(fields, 'f') << "\n";
-  if (!crcs.ranges.empty()) std::cout << map.Draw(crcs, 'c') << "\n";
+  if (map.IsEmpty()) return "";
+  std::string text = "\nMap, " + map.Scale() + " (X: overlap)\n";
+  const auto draw = [&](const Bar& bar, char mark) { text += map.Draw(bar, mark) + "\n"; };
+  for (const Bar& bar : bars) draw(bar, '#');
+  draw(all, '#');
+  for (std::size_t i = 0; i < slots.size(); ++i) draw(slots[i], static_cast<char>('0' + i));
+  if (slots.size() > 1) draw(both, '=');
+  if (!fields.ranges.empty()) draw(fields, 'f');
+  if (!crcs.ranges.empty()) draw(crcs, 'c');
+  return text;
 }
 
 std::vector<const SectionLines*> ByAddress(const ImageFile& file) {
@@ -233,77 +234,96 @@ std::string SectionNameAt(const ImageFile& file, std::uint64_t addr) {
   return "";
 }
 
-void Print(const ImageFile& file, std::uint32_t sector_size) {
+std::string HeadText(const ImageFile& file) {
   const Burning burning = BurningOf(file);
   const std::string version = FirmwareVersion(file);
-  std::cout << Printable(file.name) << "\n\n"
-            << "device type  "
-            << (file.device_type_line == 0 ? "none" : Printable(file.device_type_word)) << "\n"
-            << "firmware     " << (version.empty() ? "no version" : version) << "\n"
-            << "memory       " << burning.memory << "\n";
-  if (!burning.failsafe.empty()) {
-    std::cout << "burn         " << burning.failsafe << ", with -n " << burning.with_n << "\n";
-  }
-  std::cout << "slots        " << burning.slots << "\n"
-            << "bytes        " << BytesOf(file) << " in " << ByAddress(file).size()
-            << " sections\n";
+  const std::string burn = burning.failsafe.empty() ? ""
+                                                    : "burn         " + burning.failsafe +
+                                                          ", with -n " + burning.with_n + "\n";
+  return Text(Printable(file.name), "\n\n", "device type  ",
+              file.device_type_line == 0 ? "none" : Printable(file.device_type_word), "\n",
+              "firmware     ", version.empty() ? "no version" : version, "\n", "memory       ",
+              burning.memory, "\n", burn, "slots        ", burning.slots, "\n", "bytes        ",
+              BytesOf(file), " in ", ByAddress(file).size(), " sections\n");
+}
 
+// The tables: each begins with an empty line, and is empty where the image has nothing for it.
+
+std::string SlotTable(const ImageFile& file) {
   const bool has_slots = std::ranges::any_of(file.slots, [](const SlotLines& slot) {
     return slot.image || slot.pointer_sector || slot.signature;
   });
-  if (has_slots) {
-    std::cout << "\nSlot  Image     ends      Pointer sector  Signature\n";
-    for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
-      const SlotLines& slot = file.slots[idx];
-      const auto addr = [](const std::optional<AddrLine>& place) {
-        return place ? Hex8(place->addr) : std::string("-");
-      };
-      std::cout << idx << "     " << Padded(addr(slot.image), 10)
-                << Padded(slot.image ? Hex8(slot.image->addr + SlotExtent(file)) : "-", 10)
-                << Padded(addr(slot.pointer_sector), 16) << addr(slot.signature) << "\n";
-    }
+  if (!has_slots) return "";
+  const auto addr = [](const std::optional<AddrLine>& place) {
+    return place ? Hex8(place->addr) : std::string("-");
+  };
+  std::string table = "\nSlot  Image     ends      Pointer sector  Signature\n";
+  for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+    const SlotLines& slot = file.slots[idx];
+    const std::string end = slot.image ? Hex8(slot.image->addr + SlotExtent(file)) : "-";
+    table += Text(idx, "     ", Padded(addr(slot.image), 10), Padded(end, 10),
+                  Padded(addr(slot.pointer_sector), 16), addr(slot.signature), "\n");
   }
-  std::cout << "\n" << Padded("Section", 24) << "  Address   Dev:Offset   Size      Lies in\n";
+  return table;
+}
+
+std::string SectionTable(const ImageFile& file, std::uint32_t sector_size) {
+  std::string table = "\n" + Padded("Section", 24) + "  Address   Dev:Offset   Size      Lies in\n";
   for (const SectionLines* section : ByAddress(file)) {
     const auto loc = file.image.PlaceOf(section->addr);
     const std::string place = loc ? Text(std::hex, std::setfill('0'), std::setw(2),
                                          std::uint32_t{loc->chip}, ":", std::setw(8), loc->offset)
                                   : "unmapped";
-    std::cout << Padded(Printable(section->name), 24) << "  " << Hex8(section->addr) << "  "
-              << Padded(place, 11) << "  " << Hex8(section->size) << "  "
-              << PlaceName(file, section->addr, sector_size) << "\n";
+    table += Text(Padded(Printable(section->name), 24), "  ", Hex8(section->addr), "  ",
+                  Padded(place, 11), "  ", Hex8(section->size), "  ",
+                  PlaceName(file, section->addr, sector_size), "\n");
   }
-  if (!file.chips.empty()) {
-    std::cout << "\nDevice  Size      Addresses\n";
-    std::uint64_t base = 0;
-    for (const ChipLine& chip : file.chips) {
-      std::cout << Padded(HexText(chip.chip), 8) << Hex8(chip.size) << "  " << Hex8(base) << " to "
-                << Hex8(base + chip.size) << "\n";
-      base += chip.size;
+  return table;
+}
+
+std::string ChipTable(const ImageFile& file) {
+  if (file.chips.empty()) return "";
+  std::string table = "\nDevice  Size      Addresses\n";
+  std::uint64_t base = 0;
+  for (const ChipLine& chip : file.chips) {
+    table += Text(Padded(HexText(chip.chip), 8), Hex8(chip.size), "  ", Hex8(base), " to ",
+                  Hex8(base + chip.size), "\n");
+    base += chip.size;
+  }
+  return table;
+}
+
+std::string FieldTable(const ImageFile& file, std::uint32_t sector_size) {
+  if (file.fields.empty()) return "";
+  std::string table = "\nField      Address   Size  Section                   Lies in\n";
+  for (const FieldLine& field : file.fields) {
+    table += Text(Padded(std::string(device::RowOf(field.type).keyword), 11), Hex8(field.addr),
+                  "  ", Padded(std::to_string(field.Size()), 6),
+                  Padded(Shown(SectionNameAt(file, field.addr)), 24), "  ",
+                  PlaceName(file, field.addr, sector_size),
+                  IsReplaced(file.image, field) ? "" : ", not replaced", "\n");
+  }
+  return table;
+}
+
+std::string CrcTable(const ImageFile& file, std::uint32_t sector_size) {
+  if (file.crcs.empty()) return "";
+  std::string table = "\nCRC at    covers                Lies in           Fields covered\n";
+  for (const CrcLine& crc : file.crcs) {
+    table += Text(Hex8(crc.addr), "  ", Hex8(crc.from), " to ", Hex8(crc.End()), "  ",
+                  Padded(PlaceName(file, crc.from, sector_size), 16));
+    for (const FieldLine* field : FieldsUnder(file, crc)) {
+      table += Text("  ", device::RowOf(field->type).keyword);
     }
+    table += "\n";
   }
-  if (!file.fields.empty()) {
-    std::cout << "\nField      Address   Size  Section                   Lies in\n";
-    for (const FieldLine& field : file.fields) {
-      std::cout << Padded(std::string(device::RowOf(field.type).keyword), 11) << Hex8(field.addr)
-                << "  " << Padded(std::to_string(field.Size()), 6)
-                << Padded(Shown(SectionNameAt(file, field.addr)), 24) << "  "
-                << PlaceName(file, field.addr, sector_size)
-                << (IsReplaced(file.image, field) ? "" : ", not replaced") << "\n";
-    }
-  }
-  if (!file.crcs.empty()) {
-    std::cout << "\nCRC at    covers                Lies in           Fields covered\n";
-    for (const CrcLine& crc : file.crcs) {
-      std::cout << Hex8(crc.addr) << "  " << Hex8(crc.from) << " to " << Hex8(crc.End()) << "  "
-                << Padded(PlaceName(file, crc.from, sector_size), 16);
-      for (const FieldLine* field : FieldsUnder(file, crc)) {
-        std::cout << "  " << device::RowOf(field->type).keyword;
-      }
-      std::cout << "\n";
-    }
-  }
-  PrintMap(file);
+  return table;
+}
+
+/// The result as text.
+std::string Description(const ImageFile& file, std::uint32_t sector_size) {
+  return HeadText(file) + SlotTable(file) + SectionTable(file, sector_size) + ChipTable(file) +
+         FieldTable(file, sector_size) + CrcTable(file, sector_size) + MapText(file);
 }
 
 nlohmann::ordered_json Json(const ImageFile& file, std::uint32_t sector_size) {
@@ -382,7 +402,7 @@ int Run(const Options& options) {
   if (options.as_json) {
     std::cout << common::DumpJson(Json(file, sector_size)) << "\n";
   } else {
-    Print(file, sector_size);
+    std::cout << Description(file, sector_size);
   }
   return ALL_WELL;
 }
