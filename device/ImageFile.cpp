@@ -638,7 +638,7 @@ void ReadAll(const OpenFile& file, Parser& parser) {
 }
 
 /// Ends the reading at the first line that is refused, as the burner does.
-class Thrower : public ImageListener {
+class RefusalThrower : public ImageListener {
  public:
   void Refused(const Refusal& refusal) override { throw ImageError(refusal.message); }
   void Remarked(const Remark&) override {}
@@ -709,12 +709,12 @@ ImageFile ParseImageFile(std::string_view text, const std::string& name, ImageLi
 }
 
 Image ReadImage(const std::string& path) {
-  Thrower thrower;
+  RefusalThrower thrower;
   return ReadImageFile(path, thrower).image;
 }
 
 Image ParseImage(std::string_view text, const std::string& name) {
-  Thrower thrower;
+  RefusalThrower thrower;
   return ParseImageFile(text, name, thrower).image;
 }
 

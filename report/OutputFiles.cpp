@@ -27,15 +27,8 @@ Descriptor OpenForWriting(const std::string& name, int flags) {
   return file;
 }
 
-void WriteAll(const Descriptor& file, std::string_view text, const std::string& name) {
-  while (!text.empty()) {
-    const ssize_t written = write(file.Get(), text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno != EINTR) {
-      ThrowSystemError("can't write " + name);
-    }
-  }
+void WriteTo(const Descriptor& file, std::string_view text, const std::string& name) {
+  if (!common::WriteAll(file.Get(), text)) ThrowSystemError("can't write " + name);
 }
 
 }  // namespace
@@ -60,7 +53,7 @@ void ResultFile::Keep(std::string_view text) {
     _file->Write(text);
     _file->Keep();
   } else {
-    WriteAll(_device, text, _name);
+    WriteTo(_device, text, _name);
   }
 }
 
@@ -81,7 +74,7 @@ void LogFile::Write(std::string_view text) {
     if (!std::exchange(_is_begun, true) && !IsNoFile(_name) && ftruncate(_file.Get(), 0) != 0) {
       ThrowSystemError("can't write " + _name);
     }
-    WriteAll(_file, text, _name);
+    WriteTo(_file, text, _name);
   } catch (const std::system_error& error) {
     _trouble = error.what();
     _file.Close();
