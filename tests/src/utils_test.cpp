@@ -234,6 +234,20 @@ TEST_F(UtilsTest, VectorsAreAppendedInOrder) {
   EXPECT_EQ(out, Hex("010203 00000004 05060708 010203 00000004 05060708"));
 }
 
+TEST_F(UtilsTest, HexDigitsAreSmallOrCapital) {
+  int found = 0;
+  for (int c = 0; c < 256; ++c) {
+    const std::size_t at = std::string("0123456789abcdefABCDEF").find(static_cast<char>(c));
+    if (at == std::string::npos) {
+      EXPECT_GT(HexDigit(static_cast<char>(c)), 15) << c;
+      continue;
+    }
+    ++found;
+    EXPECT_EQ(HexDigit(static_cast<char>(c)), at < 16 ? at : at - 6) << c;
+  }
+  EXPECT_EQ(found, 22);
+}
+
 TEST_F(UtilsTest, KmapTellsWhichKeysExistWithoutMakingThem) {
   kmap<int, std::string> map;
   map[3] = "c";

@@ -263,31 +263,35 @@ std::vector<std::string> MatrixBurn::Words(const std::string& program) const {
   return words;
 }
 
-RunVerdict MatrixBurn::Judge(const sim::Device& device) const {
+RunVerdict MatrixBurn::Judge(const sim::Device& device, device::BurnKind kind) const {
   RunVerdict result;
   const Guid guid = device.node_guid;
   const device::Bytes memory = MemoryOf(device, _image).bytes;
   const device::Memory at_start = MemoryOf(*_start.Find(guid), _image);
   if (!IsFailsafe()) {
     const device::Burn burn(_image, device::BurnKind::PLAIN, IdentityOf(device));
-    result.is_whole = result.boots = memory == burn.After(at_start).memory.bytes;
-    result.text = result.is_whole ? "whole" : "not as burnt";
+    result.is_burnt = result.is_safe = memory == burn.After(at_start).memory.bytes;
+    result.text = result.is_burnt ? "whole" : "not as burnt";
     result.row = "RV61100, and any burn with `-n`";
     return result;
   }
   if (_untouched.contains(guid)) {
-    result.is_whole = result.boots = memory == at_start.bytes;
-    result.text = result.is_whole ? "unchanged" : "changed, which it must not be";
+    result.is_burnt = result.is_safe = memory == at_start.bytes;
+    result.text = result.is_burnt ? "unchanged" : "changed, which it must not be";
     return result;
   }
   device::Judge judge = _judges.at(guid);
   judge.SetAll(memory);
+  if (kind == device::BurnKind::PLAIN) {
+    judge.AddKnownImage(_image, IdentityOf(device), MemoryOf(device, _image), device::Whole::NEW,
+                        device::Origin::PLAIN_BURN);
+  }
   const device::Verdict verdict = judge.CurrentVerdict();
   result.text = Describe(verdict);
-  result.boots = verdict.IsSafe();
-  result.is_whole = verdict.IsBurnt(_image.Slots());
+  result.is_safe = verdict.IsSafe();
+  result.is_burnt = verdict.IsBurnt(_image.Slots());
   if (!device.chips.at(0).Violations().empty()) {
-    result.is_whole = result.boots = false;
+    result.is_burnt = result.is_safe = false;
     result.text += ", bits set without an erase";
   }
   if (_rewrites_invariant && verdict.IsSafeButForInvariantSector()) result.row = INVARIANT_ROW;

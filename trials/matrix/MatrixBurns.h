@@ -19,10 +19,10 @@
 
 namespace trials {
 
-/// The two verdicts on a device after a run, which are independent of each other.
+/// What a device is after a run. Neither of the two verdicts follows from the other.
 struct RunVerdict {
-  bool is_whole = false;  ///< every byte is as a successful burn leaves it
-  bool boots = false;     ///< from a whole old or new image, and no other slot is marked valid
+  bool is_burnt = false;  ///< every byte is as a successful burn leaves it
+  bool is_safe = false;   ///< it boots a whole image, old or new, and no slot boots a broken one
   std::string row;        ///< of docs/fail-safety.md, by which the device may not boot; or empty
   std::string text;       ///< for messages
 };
@@ -46,7 +46,9 @@ class MatrixBurn {
   /// Whether the device is not burnt, because it has no valid image to fall back on.
   bool IsLeftAlone(Guid guid) const { return _untouched.contains(guid); }
 
-  RunVerdict Judge(const sim::Device& device) const;
+  /// `kind`: how the image was burnt last.
+  RunVerdict Judge(const sim::Device& device,
+                   device::BurnKind kind = device::BurnKind::FAILSAFE) const;
   /// What is wrong with the order of the writes of a fault-free burn of a device, which was
   /// `before`; empty where it is right.
   std::string OrderError(const sim::Device& before, const std::vector<MemoryChange>& changes) const;

@@ -90,7 +90,7 @@ class CaseRunner {
 
     for (const auto& [guid, device] : fabric.Devices()) {
       const RunVerdict verdict = burn.Judge(device);
-      if (!verdict.boots) {
+      if (!verdict.is_safe) {
         result.row = verdict.row;
         if (result.row.empty()) fail(Text("device ", std::hex, guid, " ", verdict.text));
       }
@@ -98,7 +98,7 @@ class CaseRunner {
           std::ranges::any_of(reports, [&, name = guid](const FailedDevice& report) {
             return report.device == name && std::ranges::count(burn.Refused(), report) == 0;
           });
-      if (is_well && !is_lost && !verdict.is_whole) {
+      if (is_well && !is_lost && !verdict.is_burnt) {
         fail(Text("device ", std::hex, guid, " is not whole: ", verdict.text));
       }
     }
@@ -242,7 +242,7 @@ class CaseRunner {
       return "does not report the devices that cannot be burnt";
     for (const auto& [guid, device] : fabric.Devices()) {
       const RunVerdict verdict = burn.Judge(device);
-      if (!verdict.is_whole) return Text("leaves device ", std::hex, guid, ": ", verdict.text);
+      if (!verdict.is_burnt) return Text("leaves device ", std::hex, guid, ": ", verdict.text);
     }
     return "";
   }
@@ -264,8 +264,8 @@ class CaseRunner {
     const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr, {"-n"});
     if (outcome.status != 0) fail(Text("a burn with -n ends with status ", outcome.status));
     for (const auto& [guid, device] : fabric.Devices()) {
-      const RunVerdict verdict = burn.Judge(device);
-      if (!burn.IsLeftAlone(guid) && !verdict.boots) {
+      const RunVerdict verdict = burn.Judge(device, device::BurnKind::PLAIN);
+      if (!burn.IsLeftAlone(guid) && !verdict.is_safe) {
         fail(Text("a burn with -n leaves device ", std::hex, guid, ": ", verdict.text));
       }
     }
