@@ -40,8 +40,8 @@ constexpr auto FAULT_KINDS = std::to_array<FaultKindRow>({
 /// their place.
 bool IsLeftToTheMatrix(AnswerFault fault) {
   static constexpr auto LEFT =
-      std::to_array({AnswerFault::ELEMENT_TARGET_ERROR, AnswerFault::LOST, AnswerFault::TWICE,
-                     AnswerFault::TWICE_LATE, AnswerFault::SILENCE, AnswerFault::SILENCE_INSIDE});
+      std::to_array({AnswerFault::ELEMENT_TARGET_ERROR, AnswerFault::LOST, AnswerFault::TWICE_LATE,
+                     AnswerFault::SILENCE, AnswerFault::SILENCE_INSIDE});
   return std::ranges::count(LEFT, fault) > 0;
 }
 
@@ -254,6 +254,10 @@ void PlannedFaultInjector::PredictEffectsOfAnswer(OccurredFault& occurred) const
       return fails({"Failed remote read from server "});
     case AnswerFault::CLOSE_AFTER:  // harmless behind the last request
       ends = {"Failed remote read"};
+      return;
+    case AnswerFault::TWICE:  // harmless behind the last request, too
+      ends = {"Error accessing to "};
+      occurred.is_last = true;
       return;
     default:
       break;

@@ -46,6 +46,7 @@ struct OccurredFault {
   std::vector<std::string> asserts{};  ///< assertions on which it may abort
   bool must_fail = false;              ///< the run cannot succeed
   int signal = 0;                      ///< the signal that ends the run; 0 for none
+  bool is_last = false;                ///< no request may follow
   bool may_lose_all = false;           ///< any device may be reported as failed
   /// Index of the request whose answer tells that the device has failed.
   std::optional<std::size_t> loses_device_at{};

@@ -237,6 +237,11 @@ void RunChecker::CheckReports(const BurnRun& run) {
 }
 
 void RunChecker::CheckRequests(const BurnRun& run) {
+  for (const OccurredFault& occurred : run.occurred) {
+    if (occurred.is_last && occurred.planned.at + 1 < run.outcome.requests.size()) {
+      Fail(Text("goes on after request ", occurred.planned.at + 1, ", which is answered twice"));
+    }
+  }
   for (std::size_t i = 0; i < run.outcome.requests.size(); ++i) {
     const std::string& text = run.outcome.requests[i];
     const auto request = trials::ParseExchange(text, "", false);
