@@ -6,18 +6,17 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Json.h"
-#include "common/Text.h"
 #include "device/ImageFile.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageCheck.h"
 #include "fwimg/Layout.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
 namespace {
 
 using common::ParseByteCount;
-using common::Printable;
 
 struct Options {
   std::vector<std::string> files;

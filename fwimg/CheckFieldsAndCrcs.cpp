@@ -3,10 +3,9 @@
 #include "device/Boot.h"
 #include "device/Crc.h"
 #include "fwimg/ImageFacts.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
-
-using device::FieldType;
 
 namespace {
 

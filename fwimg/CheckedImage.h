@@ -7,25 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "common/Text.h"
 #include "device/ImageFile.h"
 #include "fwimg/LineFindings.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
-
-using common::HexText;
-using common::Printable;
-using common::Text;
-using device::ADDRESS_SPACE;
-using device::AddrLine;
-using device::Bytes;
-using device::ChipLine;
-using device::CrcLine;
-using device::FieldLine;
-using device::SectionLines;
-using device::SlotKind;
-using device::SlotLines;
-using device::WORD_SIZE;
 
 /// Addresses [from, end), in 64 bits so that nothing wraps.
 struct Extent {

@@ -5,11 +5,11 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Json.h"
-#include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
 #include "fwimg/ImageSource.h"
 #include "fwimg/LayoutFile.h"
+#include "fwimg/Names.h"
 #include "fwimg/Srecord.h"
 
 namespace fwimg {
@@ -17,9 +17,6 @@ namespace fwimg {
 namespace {
 
 namespace fs = std::filesystem;
-using common::Printable;
-using common::Text;
-using device::Bytes;
 using nlohmann::ordered_json;
 
 struct ConvertOptions {

@@ -5,26 +5,15 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Json.h"
-#include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageFacts.h"
 #include "fwimg/ImageSource.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
 namespace {
 
-using common::HexText;
-using common::Printable;
-using common::Text;
-using device::AddrLine;
-using device::ChipLine;
-using device::CrcLine;
-using device::FieldLine;
-using device::ImageFile;
-using device::SectionLines;
-using device::SlotLines;
-using device::View;
 using Json = nlohmann::ordered_json;
 
 constexpr std::size_t TOLD_RANGES = 16;  ///< of a section, in the text

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 
-#include "common/Text.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
-
-using device::SlotKind;
 
 bool IsFlash(const device::Image& image) { return image.IsFlash(); }
 

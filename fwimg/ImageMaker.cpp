@@ -10,21 +10,17 @@
 #include <utility>
 
 #include "common/Files.h"
-#include "common/Text.h"
 #include "device/Boot.h"
 #include "device/Crc.h"
 #include "fwimg/ImageCheck.h"
 #include "fwimg/ImageSource.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
 namespace {
 
 namespace fs = std::filesystem;
-using common::Text;
-using device::Bytes;
-using device::View;
-using device::WORD_SIZE;
 
 /// The text of an image file, and which line of it comes from where.
 class ImageText {

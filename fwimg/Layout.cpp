@@ -5,17 +5,12 @@
 #include <set>
 #include <utility>
 
-#include "common/Text.h"
 #include "device/Boot.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
 namespace {
-
-using common::Text;
-using device::ADDRESS_SPACE;
-using device::FieldType;
-using device::WORD_SIZE;
 
 constexpr std::size_t LONGEST_NAME = 64;
 

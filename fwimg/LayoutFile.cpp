@@ -5,8 +5,8 @@
 #include <limits>
 
 #include "common/Files.h"
-#include "common/Text.h"
 #include "common/TomlReader.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
@@ -14,9 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using common::HexDigit;
-using common::Text;
 using common::TomlReader;
-using device::Bytes;
 
 constexpr std::uint32_t ANY_NUMBER = std::numeric_limits<std::uint32_t>::max();
 /// Bytes of all sections: more than any memory that is burnt with these images, and no more than

@@ -8,20 +8,17 @@
 
 #include "common/Files.h"
 #include "common/Json.h"
-#include "common/Text.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
 #include "fwimg/ImageSource.h"
 #include "fwimg/LayoutFile.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
 namespace {
 
 namespace fs = std::filesystem;
-using common::Printable;
-using common::Text;
-using device::Bytes;
 using nlohmann::ordered_json;
 
 void Print(const ordered_json& json) { std::cout << common::DumpJson(json) << std::endl; }

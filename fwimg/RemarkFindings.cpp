@@ -7,14 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include "common/Text.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
 namespace {
 
-using common::HexText;
-using common::Printable;
 using device::Remark;
 using device::RemarkKind;
 

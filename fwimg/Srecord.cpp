@@ -17,7 +17,7 @@
 #include "common/Files.h"
 #include "common/ScratchFolder.h"
 #include "common/SystemError.h"
-#include "common/Text.h"
+#include "fwimg/Names.h"
 
 namespace fwimg {
 
@@ -27,9 +27,7 @@ namespace fs = std::filesystem;
 using common::Descriptor;
 using common::ReadFile;
 using common::ScratchFolder;
-using common::Text;
 using common::WriteFile;
-using device::Bytes;
 
 struct FormatRow {
   std::string_view name;  ///< or an extension
