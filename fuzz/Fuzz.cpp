@@ -1,15 +1,12 @@
 #include "fuzz/Fuzz.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <utility>
 
 #include "common/ScratchFolder.h"
+#include "tests/support/MemoryFile.h"
 
 // Linked in the place of AssertionFailed.
 extern "C" [[noreturn]] void __wrap__Z15AssertionFailedPKcS0_jS0_(const char*, const char*,
@@ -69,28 +66,15 @@ std::optional<std::string> Run(const std::function<void()>& action) {
 
 namespace {
 
-/// A file in memory, and a link to it that has a name of our own.
 class NamedMemory {
  public:
-  NamedMemory() : _fd(memfd_create("fuzz", MFD_CLOEXEC)) {
-    const std::string process = "/proc/" + std::to_string(getpid());
-    std::filesystem::create_symlink(process + "/fd/" + std::to_string(_fd), _link);
-  }
-  NamedMemory(const NamedMemory&) = delete;
-  NamedMemory& operator=(const NamedMemory&) = delete;
-  ~NamedMemory() { close(_fd); }
-
-  void Set(std::string_view content) const {
-    const bool is_set = ftruncate(_fd, 0) == 0 && pwrite(_fd, content.data(), content.size(), 0) ==
-                                                      static_cast<ssize_t>(content.size());
-    Must(is_set, "a file in memory takes its content");
-  }
-  const std::string& Name() const { return _link; }
+  void Set(std::string_view content) const { _memory.Set(content); }
+  const std::string& Name() const { return _name; }
 
  private:
-  int _fd;
   common::ScratchFolder _folder{"fwpush-fuzz"};
-  std::string _link = _folder / "memory.img";
+  std::string _name = _folder / "memory.img";
+  ::MemoryFile _memory{_name};
 };
 
 }  // namespace

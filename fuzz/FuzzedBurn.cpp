@@ -7,7 +7,7 @@
 
 #include "src/main.h"
 #include "src/utils.h"
-#include "tests/support/LocalRom.h"
+#include "tests/support/InProcessRom.h"
 
 namespace fuzz {
 
@@ -148,10 +148,10 @@ BurnOptions::BurnOptions(Input& input)
 Ending Burn(FwImage& image, const BurnOptions& options, sim::Fabric& fabric) {
   Fill(fabric, image, options);
   if (IsFlash(image.DevType())) {
-    LocalFlash rom(fabric, options.log2_chunk_align);
+    InProcessFlash rom(fabric, options.log2_chunk_align);
     return BurnThrough(rom, image, options, fabric);
   }
-  LocalI2c rom(fabric, options.log2_chunk_align);
+  InProcessI2c rom(fabric, options.log2_chunk_align);
   return BurnThrough(rom, image, options, fabric);
 }
 

@@ -1,8 +1,8 @@
 // What a hostile server sends, byte for byte, through the client's socket.
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include "common/Descriptor.h"
 #include "fuzz/Fuzz.h"
 #include "src/BraidConn.h"
 #include "tests/support/OpenedSocket.h"
@@ -16,26 +16,20 @@ class Client : public Opened<BraidConn::ClientSocket> {
     int ends[2];
     fuzz::Must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "there are sockets");
     Adopt(ends[0]);
-    _peer = ends[1];
+    _peer = common::Descriptor(ends[1]);
     fcntl(ends[0], F_SETFL, O_NONBLOCK);
     constexpr int ROOM = 1 << 20;
-    setsockopt(_peer, SOL_SOCKET, SO_SNDBUF, &ROOM, sizeof(ROOM));
-    const ssize_t sent = send(_peer, said.data(), said.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    setsockopt(_peer.Get(), SOL_SOCKET, SO_SNDBUF, &ROOM, sizeof(ROOM));
+    const ssize_t sent = send(_peer.Get(), said.data(), said.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     fuzz::Must(said.empty() || sent == static_cast<ssize_t>(said.size()), "a socket takes it all");
-    shutdown(_peer, SHUT_WR);
-    if (is_gone) {
-      close(_peer);
-      _peer = -1;
-    }
+    shutdown(_peer.Get(), SHUT_WR);
+    if (is_gone) _peer.Close();
     SetMaxBuffer(1 << 16);
     SetMaxSilence(std::chrono::milliseconds(20));  // the peer reads nothing
   }
-  ~Client() override {
-    if (_peer != -1) close(_peer);
-  }
 
  private:
-  int _peer = -1;
+  common::Descriptor _peer;
 };
 
 }  // namespace

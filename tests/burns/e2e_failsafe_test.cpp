@@ -81,7 +81,7 @@ class FailsafeRunTest : public ConsoleTest {
     EXPECT_EQ(_simulator->Trace(), Golden(name + ".wire"));
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::string _image;
   std::unique_ptr<Simulator> _simulator;
 };

@@ -105,7 +105,7 @@ class MachineTest : public ConsoleTest {
         RunProgram({FwpushProgram(), "-g", "10", "-s", "IB:127.0.0.1:1", "-f", image}));
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::string _image;
   std::unique_ptr<Simulator> _simulator;
 };

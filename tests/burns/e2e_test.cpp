@@ -72,7 +72,7 @@ class EndToEndTest : public ConsoleTest {
     return output.substr(start == std::string::npos ? 0 : start + 1);
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::unique_ptr<Simulator> _simulator;
   std::string _image;
 };

@@ -1,24 +1,15 @@
 // The burner's loader and device/'s reader of image files, over everything that can be had.
 #include "tests/support/readers_agree.h"
 
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <iterator>
 
+#include "tests/support/MemoryFile.h"
 #include "tests/support/support.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string ContentOf(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file.good()) << path;
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// The image texts among the inputs of fuzz targets. Inputs of some targets begin with bytes that
 /// are none of the image.
@@ -26,7 +17,7 @@ std::vector<std::string> KeptImages() {
   std::vector<std::string> images;
   for (const char* folder : {"image", "burn", "session"}) {
     for (const auto& entry : fs::directory_iterator(fs::path(CORPUS) / folder)) {
-      const std::string content = ContentOf(entry.path());
+      const std::string content = ReadText(entry.path());
       images.push_back(content);
       const std::size_t begin = content.find("DEVICE_TYPE");
       if (begin != std::string::npos && begin != 0) images.push_back(content.substr(begin));
@@ -151,26 +142,6 @@ class RandomImage {
   TestRng& _rng;
 };
 
-/// A file in memory: many thousands are read here.
-class MemoryFile {
- public:
-  explicit MemoryFile(const std::string& link) : _fd(memfd_create("image", MFD_CLOEXEC)) {
-    EXPECT_GE(_fd, 0);
-    fs::create_symlink("/proc/self/fd/" + std::to_string(_fd), link);
-  }
-  MemoryFile(const MemoryFile&) = delete;
-  MemoryFile& operator=(const MemoryFile&) = delete;
-  ~MemoryFile() { close(_fd); }
-
-  void Set(const std::string& content) const {
-    ASSERT_EQ(ftruncate(_fd, 0), 0);
-    ASSERT_EQ(pwrite(_fd, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
-  }
-
- private:
-  int _fd;
-};
-
 class ReadersAgreeTest : public ConsoleTest {
  protected:
   std::string Disagreement(const std::string& text) {
@@ -178,7 +149,7 @@ class ReadersAgreeTest : public ConsoleTest {
     return readers::Disagreement(_folder / "memory.img");
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   MemoryFile _memory{_folder / "memory.img"};
 };
 

@@ -170,7 +170,7 @@ std::string Unquoted(const std::string& cell) {
 class ImageFormatDocumentTest : public ConsoleTest {
  protected:
   const Document _document{"image-format.md"};
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
 
   std::string Load(const std::string& text, FwImage& image) {
     const std::string path = _folder.Write("fw.img", text);
@@ -494,7 +494,7 @@ class ProtocolDocumentTest : public ConsoleTest {
   }
 
   const Document _document{"protocol.md"};
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::string _fabric_file;
 };
 
@@ -789,9 +789,8 @@ TEST(ArchitectureDocumentTest, WhatIsToBeChangedIsWhereThePageSays) {
     for (const std::string& cell : row) {
       for (std::sregex_iterator at(cell.begin(), cell.end(), place), end; at != end; ++at) {
         ++places;
-        std::ifstream file(root / (*at)[2].str());
-        const std::string text(std::istreambuf_iterator<char>(file), {});
-        EXPECT_NE(text.find((*at)[1].str()), std::string::npos) << (*at)[0];
+        EXPECT_NE(ReadText(root / (*at)[2].str()).find((*at)[1].str()), std::string::npos)
+            << (*at)[0];
       }
     }
   }

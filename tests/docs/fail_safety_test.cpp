@@ -3,7 +3,7 @@
 #include "sim/BootReport.h"
 #include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
-#include "tests/support/LocalRom.h"
+#include "tests/support/InProcessRom.h"
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 
@@ -85,7 +85,7 @@ class FailSafetyTest : public ConsoleTest, public testing::WithParamInterface<Ro
     EXPECT_EQ(Report(), row.end);
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::string _old;
   std::string _new;
   sim::Fabric _fabric;
@@ -99,7 +99,7 @@ class FlashFailSafetyTest : public FailSafetyTest {
     _old = _folder.Write("old.img", old_image.Text());
     _new = _folder.Write("new.img", new_image.Text());
   }
-  std::string BurnFlash() { return Burn<LocalFlash, RV52100FailsafeBurn>(true, false); }
+  std::string BurnFlash() { return Burn<InProcessFlash, RV52100FailsafeBurn>(true, false); }
 };
 
 constexpr char BOTH[] = "-I- Both images valid:  1\n";
@@ -250,7 +250,7 @@ class BootRecordTest : public FailSafetyTest {
 };
 
 TEST_P(BootRecordTest, IsLeftAndRecoveredAsTheTableSays) {
-  Run(GetParam(), [this] { return Burn<LocalI2c, RV61300FailsafeBurn>(false); });
+  Run(GetParam(), [this] { return Burn<InProcessI2c, RV61300FailsafeBurn>(false); });
 }
 
 constexpr char BOTH_RECORDS[] = "-I- Both valid:      1\n";
@@ -291,7 +291,7 @@ class NotFailsafeRecord : public BootRecordTest {
     DataVec data = EepromData(0x02);
     change(data);
     _new = _folder.Write("new.img", EepromText(data) + directives);
-    Burn<LocalI2c, RV61300FailsafeBurn>(false);
+    Burn<InProcessI2c, RV61300FailsafeBurn>(false);
   }
 };
 
@@ -327,7 +327,7 @@ TEST_F(NotFailsafeRecord, TornSoThatItAddsUp) {
     fault.command = "Write";
     fault.seed = seed;
     _fabric.faults.Add(fault);
-    Burn<LocalI2c, RV61300FailsafeBurn>(false);
+    Burn<InProcessI2c, RV61300FailsafeBurn>(false);
     _fabric.Find(0x10)->has_power = true;
     const std::string report = Report();
     adds_up = report == "boots old or BROKEN: slot 0 broken, slot 1 old";

@@ -41,11 +41,8 @@ struct Statement {
 /// apart from the word before them, which initialisers do not.
 class Cutter {
  public:
-  explicit Cutter(const std::filesystem::path& path) : _name(path.filename()) {
-    std::ifstream file(path);
-    EXPECT_TRUE(file.good()) << path;
-    _text.assign(std::istreambuf_iterator<char>(file), {});
-  }
+  explicit Cutter(const std::filesystem::path& path)
+      : _name(path.filename()), _text(ReadText(path)) {}
 
   std::vector<Statement> Cut() {
     while (_at < _text.size()) Step();
@@ -554,7 +551,7 @@ std::regex OnConsole(const std::string& message) {
 }
 
 TEST(TroubleshootingStatesTest, NothingIsWrittenWhereThePageSaysSo) {
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder;
   const std::vector<Row> rows = RowsOf("message");
   for (const Ending& ending : BEFORE_WRITING) {
     SCOPED_TRACE(ending.message);

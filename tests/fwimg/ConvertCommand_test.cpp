@@ -44,11 +44,7 @@ class FwimgConvertTest : public ConsoleTest {
     return text;
   }
 
-  std::string Content(const std::string& name) const {
-    std::ifstream file(_folder / name, std::ios::binary);
-    EXPECT_TRUE(file) << name;
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string Content(const std::string& name) const { return ReadText(_folder / name); }
 
   /// The sections of an image file: address and bytes, in file order.
   std::vector<std::pair<u_int32_t, DataVec>> Sections(const std::string& name) const {
@@ -73,7 +69,7 @@ class FwimgConvertTest : public ConsoleTest {
     return text;
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
 };
 
 const std::string NO_LAYOUT =
@@ -307,7 +303,7 @@ TEST_F(FwimgConvertTest, OneSideIsAnImage) {
 
 // Without the program it needs.
 TEST(FwimgWithoutSrecordTest, TheMissingProgramIsNamed) {
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder;
   folder.Write("a.img", "START A 10 0\n1 2 3 4\nEND A\n");
   folder.Write("b.hex", ":0400000001020304F2\n:00000001FF\n");
   const std::string missing =

@@ -4,7 +4,7 @@
 #include "fwimg/ImageCheck.h"
 #include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
-#include "tests/support/LocalRom.h"
+#include "tests/support/InProcessRom.h"
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 
@@ -45,10 +45,10 @@ class FwimgBurnsTest : public ConsoleTest {
     return reason;
   }
   std::string BurnFlash(const std::string& text) {
-    return Burn<LocalFlash, RV52100FailsafeBurn>(text, false, false);
+    return Burn<InProcessFlash, RV52100FailsafeBurn>(text, false, false);
   }
   std::string BurnFlashWhole(const std::string& text) {
-    return Burn<LocalFlash, GenericBurn>(text);
+    return Burn<InProcessFlash, GenericBurn>(text);
   }
 
   sim::Device& AddEeproms(const std::vector<u_int32_t>& sizes) {
@@ -63,7 +63,7 @@ class FwimgBurnsTest : public ConsoleTest {
     return MemoryOf(_fabric, DEVICE, chip, from, size);
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   sim::Fabric _fabric;
 
  private:
@@ -130,7 +130,7 @@ TEST_F(FwimgBurnsTest, AChunkAcrossTheEndOfADeviceIsToldJustWhereTheBurnFails) {
                                   " 50\nDEVMAP 100 51\n", Section("A", 0, data, "50"));
     _fabric = {};
     AddEeproms({end, 0x100});
-    Burn<LocalI2c, GenericBurn>(text);
+    Burn<InProcessI2c, GenericBurn>(text);
     DataVec burnt = Memory(0x50, 0, std::min(end, 0x80u));
     const DataVec rest = Memory(0x51, 0, 0x80 - std::min(end, 0x80u));
     burnt.insert(burnt.end(), rest.begin(), rest.end());
@@ -165,7 +165,7 @@ TEST_F(FwimgBurnsTest, TheRestOfALongCommentIsBurnt) {
   const std::string text = "DEVICE_TYPE RV61100\nDEVMAP 100 50\nSTART A 0 50\n11 11 11 11\n#" +
                            std::string(1022, ' ') + "22 22 22 22\nEND A\n";
   AddEeproms({0x100});
-  EXPECT_EQ((Burn<LocalI2c, GenericBurn>(text)), "(no error)");
+  EXPECT_EQ((Burn<InProcessI2c, GenericBurn>(text)), "(no error)");
   EXPECT_EQ(Memory(0x50, 0, 8), Hex("11111111 22222222"));
   EXPECT_EQ(Errors(text), std::set<std::string>{"long-line-rest"});
 }
@@ -177,7 +177,7 @@ TEST_F(FwimgBurnsTest, VsdAndSignatureStayAsTheImageHasThemInAGenericBurn) {
       "REPLACE SIGNATURE d8 50\n" +
       Section("A", 0, data, "50");
   AddEeproms({0x200}).vsd = DataVec(sim::VSD_SIZE, 0x99);
-  EXPECT_EQ((Burn<LocalI2c, GenericBurn>(text)), "(no error)");
+  EXPECT_EQ((Burn<InProcessI2c, GenericBurn>(text)), "(no error)");
   EXPECT_EQ(Memory(0x50, 0, 0x100), data);
   EXPECT_TRUE(Finds(text, "field-not-replaced"));
 }
@@ -189,7 +189,7 @@ TEST_F(FwimgBurnsTest, ASignatureOfAnEepromIsLeftBlankByAFailsafeBurn) {
            Section("A", 0, EepromData(1), "50"));
   sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", old_text), {.slot = 0});
   const std::string text = old_text + "REPLACE SIGNATURE 20 50\nREPLACE SIGNATURE a0 50\n";
-  EXPECT_EQ((Burn<LocalI2c, RV61300FailsafeBurn>(text, false)), "(no error)");
+  EXPECT_EQ((Burn<InProcessI2c, RV61300FailsafeBurn>(text, false)), "(no error)");
   EXPECT_EQ(Memory(0x50, 0x1c, 12), Hex("01010101 ffffffff 01010101"));
   EXPECT_TRUE(Finds(text, "signature-elsewhere"));
 }
@@ -198,14 +198,14 @@ TEST_F(FwimgBurnsTest, WithoutSectionsAGenericBurnSucceedsAndAFailsafeOneEnds) {
   AddEeproms({0x100});
   const std::string slots = "DEVMAP 100 50\nIMAGE 0 0 50\nIMAGE 1 80 50\n";
   const DataVec blank = Memory(0x50, 0, 0x100);
-  EXPECT_EQ((Burn<LocalI2c, GenericBurn>("DEVICE_TYPE RV61100\n" + slots)), "(no error)");
+  EXPECT_EQ((Burn<InProcessI2c, GenericBurn>("DEVICE_TYPE RV61100\n" + slots)), "(no error)");
   // A slot that is valid, so that the burn goes on to the image.
   const std::string old_text =
       "DEVICE_TYPE RV61300\n" + slots + Section("A", 0, EepromData(1), "50");
   sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", old_text), {.slot = 0});
   const DataVec before = Memory(0x50, 0, 0x100);
   EXPECT_NE(before, blank);
-  EXPECT_NE((Burn<LocalI2c, RV61300FailsafeBurn>("DEVICE_TYPE RV61300\n" + slots, false)),
+  EXPECT_NE((Burn<InProcessI2c, RV61300FailsafeBurn>("DEVICE_TYPE RV61300\n" + slots, false)),
             "(no error)");
   EXPECT_EQ(Memory(0x50, 0, 0x100), before);
 }

@@ -336,7 +336,7 @@ class FwimgCheckTest : public ConsoleTest {
     return RunProgram(words);
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
 };
 
 class FwimgCheckCaseTest : public FwimgCheckTest,

@@ -40,7 +40,7 @@ class FwimgTest : public ConsoleTest {
     return outcome.output.substr(std::min(head.size(), outcome.output.size()));
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
 };
 
 class FwimgInfoTest : public FwimgTest {};

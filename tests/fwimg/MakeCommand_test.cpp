@@ -71,17 +71,13 @@ class FwimgMakeTest : public ConsoleTest {
     image.Open((_folder / name).c_str(), READ);
   }
 
-  std::string Content(const std::string& name) const {
-    std::ifstream file(_folder / name, std::ios::binary);
-    EXPECT_TRUE(file) << name;
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string Content(const std::string& name) const { return ReadText(_folder / name); }
   DataVec Bytes(const std::string& name) const {
     const std::string content = Content(name);
     return {content.begin(), content.end()};
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
 };
 
 // A section of 0x40 bytes on line 2, for layouts that are wrong behind it.
@@ -583,7 +579,7 @@ TEST_F(FwimgMakeTest, TheObjectTellsWhatStandsWhere) {
 /// A random layout, and what an image of it must hold.
 class RandomLayout {
  public:
-  explicit RandomLayout(u_int32_t seed, const TemporaryFolder& folder) : _rng(seed) {
+  explicit RandomLayout(u_int32_t seed, const common::ScratchFolder& folder) : _rng(seed) {
     const u_int32_t count = 1 + Below(5);
     u_int32_t addr = 4 * Below(64);
     for (u_int32_t i = 0; i < count; ++i) {
@@ -671,7 +667,7 @@ class RandomLayout {
     return digits;
   }
 
-  void WriteText(const TemporaryFolder& folder) {
+  void WriteText(const common::ScratchFolder& folder) {
     text = "device_type = \"RV61100\"\n";
     for (const EeLoc& dev : devmap) {
       text += Text("[[devmap]]\ndevice = ", u_int32_t{dev.dev}, "\nsize = ", dev.offset, "\n");

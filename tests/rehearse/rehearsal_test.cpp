@@ -56,7 +56,7 @@ class RehearsalTest : public ConsoleTest {
   }
   void OldImage(const FlashImage& image = {}) { _folder.Write("old.img", image.Text()); }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
 };
 
 class BootTest : public RehearsalTest {

@@ -64,7 +64,7 @@ class SourcesTest : public testing::Test {
  protected:
   SourcesTest() {
     for (const auto& entry : std::filesystem::directory_iterator(SOURCE_FOLDER)) {
-      _literals[entry.path().filename()] = LiteralsIn(ReadFile(entry.path()));
+      _literals[entry.path().filename()] = LiteralsIn(ReadText(entry.path()));
     }
   }
 
@@ -169,7 +169,7 @@ TEST_F(SourcesTest, EveryLabelOfAMeterIsKnown) {
 }
 
 TEST_F(SourcesTest, SwitchesAreThoseOfTheProgram) {
-  const std::string code = ReadFile(std::string(SOURCE_FOLDER) + "/main.cpp");
+  const std::string code = ReadText(std::string(SOURCE_FOLDER) + "/main.cpp");
   const std::regex row("\\{\"([A-Za-z]+)\", (true|false), ");
   std::vector<std::pair<std::string, bool>> theirs;
   for (auto it = std::sregex_iterator(code.begin(), code.end(), row); it != std::sregex_iterator();

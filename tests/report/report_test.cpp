@@ -57,7 +57,7 @@ class ReportTest : public ConsoleTest {
   }
 
   nlohmann::json Json() const {
-    return nlohmann::json::parse(ReadFile(_folder / "report.json"), nullptr, false);
+    return nlohmann::json::parse(ReadText(_folder / "report.json"), nullptr, false);
   }
 
   bool IsBurnt(int device) const {
@@ -66,7 +66,7 @@ class ReportTest : public ConsoleTest {
     return _simulator->Memory(Text("0x00000000000000", device, ".0.i2c")) == expected;
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::unique_ptr<Simulator> _simulator;
   std::string _image;
 };
@@ -109,7 +109,7 @@ TEST_F(ReportTest, OneDeviceOfThreeThatFailsIsToldEverywhere) {
   EXPECT_TRUE(IsBurnt(10));
   EXPECT_FALSE(IsBurnt(20));
   EXPECT_TRUE(IsBurnt(30));
-  EXPECT_EQ(ReadFile(_folder / "console"), outcome.output);
+  EXPECT_EQ(ReadText(_folder / "console"), outcome.output);
 
   nlohmann::json json = Json();
   EXPECT_GT(json["seconds"], 0);
@@ -148,7 +148,7 @@ TEST_F(ReportTest, OneDeviceOfThreeThatFailsIsToldEverywhere) {
   EXPECT_EQ(json, expected) << json.dump(2);
 
   const std::string junit =
-      std::regex_replace(ReadFile(_folder / "report.xml"), std::regex(" time=\"[0-9.e-]+\""), "");
+      std::regex_replace(ReadText(_folder / "report.xml"), std::regex(" time=\"[0-9.e-]+\""), "");
   EXPECT_EQ(junit,
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
             "<testsuites>\n"
@@ -181,7 +181,7 @@ TEST_F(ReportTest, DevicesThatAreNeverReachedAreErrorsOfTheirTests) {
              {FwpushProgram(), "-f", _image, "-s", "PPC:127.0.0.1", "-g", "10"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_NE(
-      ReadFile(_folder / "report.xml")
+      ReadText(_folder / "report.xml")
           .find("    <testcase classname=\"fwpush\" name=\"0x0000000000000010\">\n"
                 "      <error message=\"never reached: Given server must be in a TYPE:IP:PORT "
                 "format (Got PPC:127.0.0.1).\"/>\n"),
@@ -367,7 +367,7 @@ TEST_F(ReportTest, FilesOfOneNameAreRefusedBeforeAnythingIsLost) {
     EXPECT_EQ(outcome.output, "");
     EXPECT_NE(outcome.errors.find("two of the given files are the same"), std::string::npos)
         << outcome.errors;
-    EXPECT_EQ(ReadFile(log), "before");
+    EXPECT_EQ(ReadText(log), "before");
     EXPECT_FALSE(std::filesystem::exists(fresh));
   }
   EXPECT_EQ(Report({"--json", "/dev/null", "--log", "/dev/null"}, {"/bin/echo", "x"}).status, 2);
@@ -385,7 +385,7 @@ TEST_F(ReportTest, BurnThatCannotStartLeavesTheResultsOfBefore) {
   std::size_t files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(_folder.Path())) {
     if (entry.path() == _image) continue;
-    EXPECT_EQ(ReadFile(entry.path()), "before") << entry.path();
+    EXPECT_EQ(ReadText(entry.path()), "before") << entry.path();
     ++files;
   }
   EXPECT_EQ(files, 3u);  // and nothing half done beside them
@@ -403,7 +403,7 @@ TEST_F(ReportTest, BurnThatCannotStartLeavesNoNewFiles) {
 
 TEST_F(ReportTest, LogOfABurnThatSaysNothingIsEmptyAndStays) {
   EXPECT_EQ(Report({"--log", _folder / "console"}, {"/bin/false"}).status, 2);
-  EXPECT_EQ(ReadFile(_folder / "console"), "");
+  EXPECT_EQ(ReadText(_folder / "console"), "");
 }
 
 TEST_F(ReportTest, NewResultsReplaceThoseOfBeforeWhole) {
@@ -417,8 +417,8 @@ TEST_F(ReportTest, NewResultsReplaceThoseOfBeforeWhole) {
                                  Burn("10"));
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(Json()["all_burnt"], true);
-  EXPECT_TRUE(ReadFile(_folder / "report.xml").ends_with("</testsuites>\n"));
-  EXPECT_EQ(ReadFile(_folder / "console"), outcome.output);
+  EXPECT_TRUE(ReadText(_folder / "report.xml").ends_with("</testsuites>\n"));
+  EXPECT_EQ(ReadText(_folder / "console"), outcome.output);
 }
 
 TEST_F(ReportTest, BurnInheritsNoneOfTheFiles) {
@@ -437,8 +437,8 @@ TEST_F(ReportTest, WhatTheBurnStartedHoldsTheReportUpForSecondsOnly) {
              {"/bin/sh", "-c", "cat \"$0\"; sleep 20 2>/dev/null & echo $! >\"$1\"; exit 3",
               console, _folder / "pid"});
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-  kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
-  EXPECT_EQ(outcome.output, ReadFile(console));
+  kill(std::stoi(ReadText(_folder / "pid")), SIGKILL);
+  EXPECT_EQ(outcome.output, ReadText(console));
   EXPECT_EQ(Json()["exit_status"], 3);
   EXPECT_NE(outcome.errors.find("their output is no longer read"), std::string::npos);
 }
@@ -448,7 +448,7 @@ TEST_F(ReportTest, WhatChattersOnAfterTheBurnIsLeftToItself) {
   Report({"--log", _folder / "console"},
          {"/bin/sh", "-c", "timeout 20 yes & echo $! >\"$0\"; exit 0", _folder / "pid"});
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-  kill(std::stoi(ReadFile(_folder / "pid")), SIGKILL);
+  kill(std::stoi(ReadText(_folder / "pid")), SIGKILL);
 }
 
 TEST_F(ReportTest, LineWithoutEndIsNoConsole) {
@@ -482,7 +482,7 @@ TEST_F(ReportTest, WordsOfAServerThatAreNoTextAreKeptOutOfTheWay) {
   // To a terminal, 9B alone is what 1B and a bracket are.
   EXPECT_THAT(outcome.errors, testing::HasSubstr("FAILED: \\xff\\x9b\\x1b[2J\n"));
   EXPECT_EQ(Json()["devices"][0]["reason"], "\uFFFD\uFFFD\x1B[2J");
-  EXPECT_NE(ReadFile(_folder / "report.xml").find("message=\"\uFFFD\uFFFD?[2J\""),
+  EXPECT_NE(ReadText(_folder / "report.xml").find("message=\"\uFFFD\uFFFD?[2J\""),
             std::string::npos);
 }
 

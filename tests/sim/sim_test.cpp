@@ -495,7 +495,7 @@ class FabricFileTest : public ConsoleTest {
   }
   const std::string _eeprom = "chip = [{ address = 0x50, size = 16 }]\n";
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   sim::Fabric _fabric;
 };
 
@@ -571,10 +571,7 @@ TEST_F(FabricFileTest, StateIsKeptInFilesAndContentsOnlyFillNewOnes) {
   const std::string text = Device(_eeprom + "contents = [{ fill = 7 }]");
   Load(text, state);
   _fabric.Execute("vsI2cWriteMulti 1 0x10 0x50 4 0x4 0x1020304 ");
-  const auto file_bytes = [&] {
-    std::ifstream file(state / "0x0000000000000010.50.i2c", std::ios::binary);
-    return DataVec(std::istreambuf_iterator<char>(file), {});
-  };
+  const auto file_bytes = [&] { return common::ReadFile(state / "0x0000000000000010.50.i2c"); };
   EXPECT_EQ(file_bytes(), Hex("07070707010203040707070707070707"));  // while it is being used
   sim::Fabric again;
   sim::LoadFabric(_folder / "fabric.toml", state, again);

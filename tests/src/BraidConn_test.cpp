@@ -69,7 +69,7 @@ TEST_F(ConnTest, LongestLineIsAcceptedAndOneByteMoreIsNot) {
     std::thread peer([&] {
       std::string_view rest = bytes;
       while (!rest.empty()) {
-        const ssize_t sent = send(_peer, rest.data(), rest.size(), MSG_NOSIGNAL);
+        const ssize_t sent = send(_peer.Get(), rest.data(), rest.size(), MSG_NOSIGNAL);
         if (sent <= 0) break;
         rest.remove_prefix(static_cast<std::size_t>(sent));
       }
@@ -340,7 +340,7 @@ class RespondTest : public ConnTest {
         std::string frame;
         while (!frame.ends_with("\nEND_BUF\n") && !frame.ends_with("\nTO_BE_CONT\n")) {
           char c;
-          if (recv(_peer, &c, 1, 0) != 1) return all + frame;
+          if (recv(_peer.Get(), &c, 1, 0) != 1) return all + frame;
           frame += c;
         }
         all += frame;

@@ -90,7 +90,7 @@ class WritesTest : public PairTest {
     Texts writes;
     std::string block(65536, '\0');
     ssize_t size;
-    while ((size = recv(_peer, block.data(), block.size(), MSG_DONTWAIT)) > 0) {
+    while ((size = recv(_peer.Get(), block.data(), block.size(), MSG_DONTWAIT)) > 0) {
       writes.push_back(block.substr(0, static_cast<std::size_t>(size)));
     }
     return writes;
@@ -308,14 +308,14 @@ TEST_F(StreamTest, GuardCountsEachLineForItself) {
 
 TEST_F(StreamTest, ServerThatGoesInsideABufferIsDown) {
   PeerSends("NEW_BUF\nACK\n");
-  shutdown(_peer, SHUT_WR);
+  shutdown(_peer.Get(), SHUT_WR);
   std::string response;
   EXPECT_EQ(ErrorOf([&] { _client.Receive(response); }), DOWN);
 }
 
 TEST_F(StreamTest, EndOfTheStreamIsToldAtOnce) {
   _client.SetMaxSilence(milliseconds(60000));
-  shutdown(_peer, SHUT_WR);
+  shutdown(_peer.Get(), SHUT_WR);
   const auto start = steady_clock::now();
   std::string line;
   EXPECT_EQ(ErrorOf([&] { _client.Gets(line); }), DOWN);
@@ -386,7 +386,7 @@ TEST_F(StreamTest, SignalsDoNotEndAWriteThatHasToWait) {
     std::this_thread::sleep_for(milliseconds(100));  // no byte of the text finds room before
     std::string part(65536, '\0');
     while (!got.ends_with("\n")) {
-      const ssize_t size = recv(_peer, part.data(), part.size(), 0);
+      const ssize_t size = recv(_peer.Get(), part.data(), part.size(), 0);
       if (size <= 0) return;
       got.append(part, 0, static_cast<std::size_t>(size));
     }
@@ -406,8 +406,8 @@ TEST_F(StreamTest, InterruptedCallsAreMadeAgain) {
     g_next_error = error;
     EXPECT_EQ(_client.Puts("there"), BRAID_OK);
     char got[6];
-    EXPECT_EQ(recv(_peer, got, sizeof(got), 0), 6);
-    EXPECT_EQ(send(_peer, "back\n", 5, 0), 5);
+    EXPECT_EQ(recv(_peer.Get(), got, sizeof(got), 0), 6);
+    EXPECT_EQ(send(_peer.Get(), "back\n", 5, 0), 5);
     int next_error = error;
     g_read_error = [&next_error] { return std::exchange(next_error, 0); };
     std::string line;
@@ -424,7 +424,7 @@ TEST_F(StreamTest, PeerThatIsGoneKillsNobody) {
   struct sigaction before {};
   deadly.sa_handler = SIG_DFL;
   sigaction(SIGPIPE, &deadly, &before);  // whoever runs the tests may have it ignored
-  shutdown(_peer, SHUT_RDWR);
+  shutdown(_peer.Get(), SHUT_RDWR);
   EXPECT_EQ(ErrorOf([&] { _client.Puts("x"); }), "Failed remote read: Broken pipe");
   EXPECT_EQ(ErrorOf([&] { _client.Request("x"); }), "Failed remote read: Broken pipe");
   EXPECT_EQ(ErrorOf([&] { _client.Respond("x"); }), "Failed remote read: Broken pipe");

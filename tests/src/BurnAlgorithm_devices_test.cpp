@@ -362,7 +362,7 @@ class ImageBurnTest : public DevicesTest {
     return text;
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   FwImage _image;
 };
 

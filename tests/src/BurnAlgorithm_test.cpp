@@ -283,7 +283,7 @@ class GenericBurnTest : public RegionTest {
  protected:
   void Load(const std::string& text) { _image.Open(_folder.Write("fw.img", text).c_str(), READ); }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   FwImage _image;
 };
 

@@ -43,7 +43,7 @@ class FwImageLoadTest : public ConsoleTest {
     return _image.GetFieldsInRange(0, 0xFFFFFFFF);
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   FwImage _image;
 };
 

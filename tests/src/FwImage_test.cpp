@@ -311,7 +311,7 @@ TEST_F(FwImageTest, RemovingAFieldTypeKeepsTheOthersInOrder) {
 }
 
 TEST_F(FwImageTest, StatusListsSectionsByAddressAndTheDeviceMap) {
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder;
   const std::string file = folder.Write("fw.img",
                                         "DEVMAP 2000 50\nDEVMAP 1000 51\n"
                                         "START SECOND 10 51\n1 2 3 4\nEND SECOND\n"
@@ -359,7 +359,7 @@ TEST_F(FwImageTest, ClosingLeavesBorrowedSectionsAlone) {
 }
 
 TEST_F(FwImageTest, ClosingReleasesTheBytesOfLoadedSections) {
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder;
   _image.Open(folder.Write("fw.img", "START A 0 0\n1 2 3 4\nEND A\n").c_str(), READ);
   EXPECT_EQ(_image.GetTotalSize(), 4u);
   EXPECT_EQ(_image.Close(), BRAID_OK);

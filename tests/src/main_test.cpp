@@ -220,7 +220,7 @@ TEST_F(MainTest, EmptyFileNameIsABadType) {
 }
 
 TEST_F(MainTest, LocalBurnEndsBeforeAnyConnection) {
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder;
   const std::string file = folder.Write("fw.img", "DEVICE_TYPE RV61100\n");
   const std::string output =
       WithoutLineNumbers(RunToTheChecks({"-l", "-s", "x", "-g", "1", "-m", "8", "-f", file}));
@@ -231,7 +231,7 @@ TEST_F(MainTest, LocalBurnEndsBeforeAnyConnection) {
 }
 
 TEST_F(MainTest, ImageWithoutADeviceTypeHasNoInterface) {
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder;
   const std::string file = folder.Write("fw.img", "");
   const std::string output = RunToTheChecks({"-s", "x", "-g", "1", "-f", file});
   EXPECT_TRUE(
@@ -240,7 +240,7 @@ TEST_F(MainTest, ImageWithoutADeviceTypeHasNoInterface) {
 }
 
 TEST_F(MainTest, StepsOfTheRunAreTracedUpToTheConnection) {
-  const TemporaryFolder folder;
+  const common::ScratchFolder folder;
   const std::string file = folder.Write("fw.img", "DEVICE_TYPE RV61100\n");
   const std::string output =
       WithoutLineNumbers(RunToTheChecks({"-s", "nonsense", "-g", "1", "-f", file}));
@@ -325,7 +325,7 @@ class MainBurnTest : public MainTest {
     return MemoryOf(_fabric, guid, 0, slot * SLOT, 0x40);
   }
 
-  const TemporaryFolder _folder;
+  const common::ScratchFolder _folder;
   sim::Fabric _fabric;
   std::vector<std::string> _requests;  ///< of the last burn
 };

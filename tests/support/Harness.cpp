@@ -111,7 +111,7 @@ int Child::Wait() {
   return ending.signal != 0 ? -ending.signal : ending.status;
 }
 
-Simulator::Simulator(const TemporaryFolder& folder, const std::string& fabric)
+Simulator::Simulator(const common::ScratchFolder& folder, const std::string& fabric)
     : _state(folder / "state"), _trace(folder / "trace") {
   const std::string file = folder.Write("fabric.toml", fabric);
   _child = std::make_unique<Child>(
@@ -130,15 +130,11 @@ void Simulator::Stop() {
   _child.reset();
 }
 
-std::string Simulator::Trace() const {
-  std::ifstream file(_trace, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
+std::string Simulator::Trace() const { return ReadText(_trace); }
 
 DataVec Simulator::Memory(const std::string& name) const {
-  std::ifstream file(_state + "/" + name, std::ios::binary);
-  EXPECT_TRUE(file.good()) << name;
-  return DataVec(std::istreambuf_iterator<char>(file), {});
+  const common::Bytes bytes = common::ReadFile(_state + "/" + name);
+  return {bytes.begin(), bytes.end()};
 }
 
 std::string FwpushProgram() { return FWPUSH_PROGRAM; }

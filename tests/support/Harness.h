@@ -52,7 +52,7 @@ class Child {
 class Simulator {
  public:
   /// `fabric` is the text of the fabric file. State and trace live in `folder`.
-  Simulator(const TemporaryFolder& folder, const std::string& fabric);
+  Simulator(const common::ScratchFolder& folder, const std::string& fabric);
   ~Simulator();
 
   const std::string& Server() const { return _server; }

@@ -1,5 +1,5 @@
-/// The program's own memory interfaces and burn code over a fabric in the same process: every
-/// request to the byte, no socket.
+/// The burner's memory interfaces on a simulated fabric in the same process: the requests are those
+/// of a real burn, but there is no socket.
 #pragma once
 
 #include <optional>
@@ -8,15 +8,15 @@
 #include "sim/Fabric.h"
 #include "src/RomInterface.h"
 
-/// A remote interface whose requests go straight to a fabric, which is borrowed. What a server
-/// would do to the connection ends the run, as it would over a socket.
+/// A remote interface that passes its requests directly to a fabric, which is borrowed. Where a
+/// server would not answer or close the connection, the run ends with an error.
 template <typename Remote>
-class Local : public Remote {
+class InProcess : public Remote {
  public:
-  Local(sim::Fabric& fabric, u_int32_t log2_chunk_align)
+  InProcess(sim::Fabric& fabric, u_int32_t log2_chunk_align)
       : Remote(log2_chunk_align), _fabric(fabric) {}
 
-  /// The string to open it with; host and port mean nothing.
+  /// The argument for Open. Host and port are not used.
   std::string ServerString() const { return _fabric.facts.type + ":local:1"; }
 
  protected:
@@ -34,7 +34,7 @@ class Local : public Remote {
   }
 
   BraidConn::Response ExchangeText(const std::string& text) override {
-    // A server that agreed to no image takes the text for one more request.
+    // A server that does not expect an image takes the text as a request.
     return BraidConn::Response(_burn_images ? _fabric.BurnImage(*_burn_images, text)
                                             : _fabric.Execute(text).text);
   }
@@ -44,5 +44,5 @@ class Local : public Remote {
   std::optional<GuidVec> _burn_images;
 };
 
-using LocalFlash = Local<RemoteFlashInterface>;
-using LocalI2c = Local<RemoteI2cInterface>;
+using InProcessFlash = InProcess<RemoteFlashInterface>;
+using InProcessI2c = InProcess<RemoteI2cInterface>;

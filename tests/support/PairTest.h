@@ -1,12 +1,12 @@
-/// A test that is the peer of the burner's client.
+/// Set-up of tests that are the peer of the burner's client.
 #pragma once
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <string_view>
 
+#include "common/Descriptor.h"
 #include "src/BraidConn.h"
 #include "tests/support/OpenedSocket.h"
 #include "tests/support/support.h"
@@ -16,7 +16,6 @@ class PairTest : public ConsoleTest {
  protected:
   /// `type`: SOCK_STREAM, or SOCK_SEQPACKET, which keeps the bounds of writes.
   explicit PairTest(int type = SOCK_STREAM) : _type(type) { Connect(); }
-  ~PairTest() override { ClosePeer(); }
 
   /// A new pair in the place of the one before.
   void Connect() {
@@ -24,18 +23,15 @@ class PairTest : public ConsoleTest {
     ClosePeer();
     EXPECT_EQ(socketpair(AF_UNIX, _type, 0, ends), 0);
     _client.Adopt(ends[0]);
-    _peer = ends[1];
+    _peer = common::Descriptor(ends[1]);
   }
 
-  void ClosePeer() {
-    if (_peer >= 0) close(_peer);
-    _peer = -1;
-  }
+  void ClosePeer() { _peer.Close(); }
 
   /// Has the peer send `bytes`, as far as the client takes them; false where it does not take all.
   bool PeerOffers(std::string_view bytes) const {
     while (!bytes.empty()) {
-      const ssize_t sent = send(_peer, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      const ssize_t sent = send(_peer.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
       if (sent <= 0) return false;
       bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
@@ -49,7 +45,7 @@ class PairTest : public ConsoleTest {
     std::string got;
     char block[4096];
     ssize_t size;
-    while ((size = recv(_peer, block, sizeof(block), MSG_DONTWAIT)) > 0) {
+    while ((size = recv(_peer.Get(), block, sizeof(block), MSG_DONTWAIT)) > 0) {
       got.append(block, static_cast<std::size_t>(size));
     }
     return got;
@@ -59,7 +55,7 @@ class PairTest : public ConsoleTest {
   std::string PeerAwaits(const std::string& end) const {
     std::string got;
     char c;
-    while (!got.ends_with(end) && recv(_peer, &c, 1, 0) == 1) got += c;
+    while (!got.ends_with(end) && recv(_peer.Get(), &c, 1, 0) == 1) got += c;
     return got;
   }
 
@@ -77,5 +73,5 @@ class PairTest : public ConsoleTest {
 
   const int _type;
   Opened<BraidConn::ClientSocket> _client;
-  int _peer = -1;
+  common::Descriptor _peer;
 };

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr Guid TWIN = 1;  // any but 0
+constexpr Guid DEVICE = 1;  // any but 0
 constexpr u_int8_t ERASED = 0xFF;
 constexpr u_int64_t ADDRESS_SPACE = u_int64_t{1} << 32;
 
@@ -52,11 +52,14 @@ class Restorer {
 }  // namespace
 
 /// The memory of one device as far as the regions reach: writes elsewhere leave no trace.
-class Predictor::Twin : public RomInterface {
+class Predictor::RegionRom : public RomInterface {
  public:
-  Twin(std::span<ComparedRegion> regions, u_int32_t sector_size, const FieldSource& fields)
-      : RomInterface("Twin"), _regions(regions), _twin_sector_size(sector_size), _fields(fields) {
-    SetAccessDevices({TWIN});
+  RegionRom(std::span<ComparedRegion> regions, u_int32_t sector_size, const FieldSource& fields)
+      : RomInterface("RegionRom"),
+        _regions(regions),
+        _given_sector_size(sector_size),
+        _fields(fields) {
+    SetAccessDevices({DEVICE});
   }
 
   BraidResult Open(const char*) override { return BRAID_OK; }
@@ -66,25 +69,25 @@ class Predictor::Twin : public RomInterface {
   BraidResult CheckAccess() override { return BRAID_OK; }
   BraidResult Read(u_int32_t, u_int32_t) override { ThrowError("a burn that reads"); }
   BraidResult BurnImage(const std::string&) override { ThrowError("a burn by the server"); }
-  u_int32_t GetSectorSize() override { return _twin_sector_size; }
+  u_int32_t GetSectorSize() override { return _given_sector_size; }
 
   BraidResult Write(u_int32_t addr, const DataVec& data, bool erase) override {
     const u_int64_t end = addr + u_int64_t{data.size()};
     if (end > ADDRESS_SPACE) ThrowError("it would write past the last address");
-    if (erase && _twin_sector_size != 0 && !data.empty()) EraseFor(addr, end);
+    if (erase && _given_sector_size != 0 && !data.empty()) EraseFor(addr, end);
     for (ComparedRegion& region : _regions) {
       const u_int64_t last = std::min(end, region.End());
       for (u_int64_t at = std::max(addr, region.addr); at < last; ++at) {
         u_int8_t& cell = region.expected[at - region.addr];
         const u_int8_t byte = data[at - addr];
         // What is programmed into a flash only clears bits.
-        cell = _twin_sector_size != 0 ? cell & byte : byte;
+        cell = _given_sector_size != 0 ? cell & byte : byte;
       }
     }
     return BRAID_OK;
   }
   BraidResult Erase(u_int32_t addr, u_int32_t size) override {
-    if (_twin_sector_size != 0 && size != 0) EraseFor(addr, u_int64_t{addr} + size);
+    if (_given_sector_size != 0 && size != 0) EraseFor(addr, u_int64_t{addr} + size);
     return BRAID_OK;
   }
 
@@ -104,7 +107,7 @@ class Predictor::Twin : public RomInterface {
   /// Erases the sectors of [addr, end), but for the one erased last, as the interface to a flash
   /// does while it writes from front to back.
   void EraseFor(u_int64_t addr, u_int64_t end) {
-    const u_int64_t size = _twin_sector_size;
+    const u_int64_t size = _given_sector_size;
     u_int64_t sector = addr / size;
     if (_erased == sector) {
       ++sector;
@@ -122,34 +125,35 @@ class Predictor::Twin : public RomInterface {
   }
 
   std::span<ComparedRegion> _regions;
-  u_int32_t _twin_sector_size;
+  u_int32_t _given_sector_size;
   const FieldSource& _fields;
   std::optional<u_int64_t> _erased;  ///< number of the sector erased last
   bool _is_asking = false;
 };
 
-void Predictor::Run(std::span<ComparedRegion> regions, const std::function<void(Twin&)>& burn) {
+void Predictor::Run(std::span<ComparedRegion> regions,
+                    const std::function<void(RegionRom&)>& burn) {
   for (ComparedRegion& region : regions)
     region.expected.assign(region.section->data.size(), ERASED);
   const Restorer restorer(_image);
-  Twin twin(regions, _sector_size, _fields);
+  RegionRom rom(regions, _sector_size, _fields);
   try {
-    burn(twin);
+    burn(rom);
   } catch (const BraidError& error) {
-    if (twin.IsAsking()) throw;
+    if (rom.IsAsking()) throw;
     throw CannotPredict{error.Des()};
   }
 }
 
 void Predictor::GenericBurn(std::span<ComparedRegion> regions) {
-  Run(regions, [&](Twin& twin) { Checked<::GenericBurn>(twin).Go(_image); });
+  Run(regions, [&](RegionRom& rom) { Checked<::GenericBurn>(rom).Go(_image); });
 }
 
 void Predictor::PointerSectorBurn(std::span<ComparedRegion> regions, u_int32_t slot,
                                   bool keeps_invariant) {
   const auto is_invariant = [&](u_int32_t addr) { return addr < _sector_size; };
-  Run(regions, [&](Twin& twin) {
-    Checked<RV52100FailsafeBurn> burn(twin, true, false);
+  Run(regions, [&](RegionRom& rom) {
+    Checked<RV52100FailsafeBurn> burn(rom, true, false);
     std::vector<u_int32_t> addrs;
     _image.GetSectionsAddr(addrs);
     if (keeps_invariant) {
@@ -168,8 +172,8 @@ void Predictor::PointerSectorBurn(std::span<ComparedRegion> regions, u_int32_t s
 }
 
 void Predictor::BootRecordBurn(std::span<ComparedRegion> regions, u_int32_t first) {
-  Run(regions, [&](Twin& twin) {
-    Checked<RV61300FailsafeBurn> burn(twin, false);
+  Run(regions, [&](RegionRom& rom) {
+    Checked<RV61300FailsafeBurn> burn(rom, false);
     burn.BurnImage(_image, first);
     burn.BurnImage(_image, 1 - first);
   });

@@ -1,6 +1,6 @@
-/// What a burn leaves on a device, a second time: told by the burn algorithms themselves, which run
-/// against just the bytes that are asked for. verify/Expectation says the same without them;
-/// whoever of the two is wrong, they differ.
+/// A second, independent computation of what a burn leaves on a device: the burner's algorithms run
+/// on the compared bytes. verify/Expectation predicts the same without the burner's code. Where
+/// either has a mistake, the two differ.
 #pragma once
 
 #include <functional>
@@ -14,32 +14,33 @@
 using verify::CannotPredict;
 using verify::ComparedRegion;
 
-/// Predicts for one device. All that it is given is borrowed. The image is as it was after each
-/// call, but for the fields that a burn without slots forgets.
+/// Predicts for one device. The arguments are borrowed. Each call leaves the image unchanged,
+/// except that a burn without slots removes fields from it.
 class Predictor {
  public:
-  /// The device's own value of a field, as long as the field. What it throws passes through.
+  /// Returns the device's value of a field, with the size of the field. What it throws is passed
+  /// on.
   using FieldSource = std::function<DataVec(FieldType type)>;
 
   /// `sector_size` is 0 for a memory without sectors.
   Predictor(FwImage& image, u_int32_t sector_size, FieldSource fields)
       : _image(image), _sector_size(sector_size), _fields(std::move(fields)) {}
 
-  // Each sets `expected` of the regions, whatever was there. They throw CannotPredict.
+  // Each replaces `expected` of the regions. They throw CannotPredict.
 
-  /// All sections where they stand.
+  /// A burn of all sections to their addresses in the image.
   void GenericBurn(std::span<ComparedRegion> regions);
-  /// A slot with a pointer sector; the regions of the invariant sector, if any, stand first.
-  /// `keeps_invariant`: that sector was found as the image has it, and then a burn leaves it so,
-  /// fields and CRCs included.
+  /// A failsafe burn into a slot with a pointer sector. The regions of the invariant sector, if
+  /// any, are first. `keeps_invariant`: the device held them as they are in the image, and the
+  /// burn did not rewrite them.
   void PointerSectorBurn(std::span<ComparedRegion> regions, u_int32_t slot, bool keeps_invariant);
-  /// Both slots with boot records, `first` before the other. The order matters where the image
-  /// marks a field or a CRC in one slot only.
+  /// A failsafe burn into both slots with boot records, `first` before the other one. The order
+  /// matters where the image marks a field or a CRC in one slot only.
   void BootRecordBurn(std::span<ComparedRegion> regions, u_int32_t first);
 
  private:
-  class Twin;
-  void Run(std::span<ComparedRegion> regions, const std::function<void(Twin&)>& burn);
+  class RegionRom;
+  void Run(std::span<ComparedRegion> regions, const std::function<void(RegionRom&)>& burn);
 
   FwImage& _image;
   u_int32_t _sector_size;

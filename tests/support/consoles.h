@@ -1,18 +1,5 @@
-/// What the tests of fwpush's console share.
+/// Shared code of the tests that read consoles of fwpush.
 #pragma once
-
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-
-#include "tests/support/support.h"
-
-inline std::string ReadFile(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file.good()) << path;
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// How the console of a burn begins, and how that of a generic one goes on.
 inline constexpr char PREAMBLE[] =

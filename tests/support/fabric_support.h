@@ -7,7 +7,7 @@
 
 #include "sim/Fabric.h"
 #include "src/utils.h"
-#include "tests/support/LocalRom.h"
+#include "tests/support/InProcessRom.h"
 #include "tests/support/support.h"
 
 constexpr Guid LEAF1 = 0x1000;
@@ -58,21 +58,21 @@ inline DataVec MemoryOf(const sim::Fabric& fabric, Guid guid, u_int8_t chip, u_i
 }
 
 /// An interface to a fabric in this process that writes down requests and opens up its inside.
-template <typename Local>
-class Recorded : public Local {
+template <typename Remote>
+class Recorded : public Remote {
  public:
   explicit Recorded(sim::Fabric& fabric, u_int32_t log2_chunk_align = 5)
-      : Local(fabric, log2_chunk_align) {}
+      : Remote(fabric, log2_chunk_align) {}
 
-  using Local::_devs_data;
-  using Local::_error_devs;
-  using Local::_last_result;
-  using Local::_multi_max;
-  using Local::AddDeviceRecord;
-  using Local::GatherData;
-  using Local::GenBaseRequest;
-  using Local::GenRwRequest;
-  using Local::ProcessResponse;
+  using Remote::_devs_data;
+  using Remote::_error_devs;
+  using Remote::_last_result;
+  using Remote::_multi_max;
+  using Remote::AddDeviceRecord;
+  using Remote::GatherData;
+  using Remote::GenBaseRequest;
+  using Remote::GenRwRequest;
+  using Remote::ProcessResponse;
 
   /// The requests since the last call.
   std::vector<std::string> Requests() { return std::exchange(_requests, {}); }
@@ -80,7 +80,7 @@ class Recorded : public Local {
  protected:
   BraidConn::Response Exchange(const std::string& request) override {
     _requests.push_back(request);
-    return Local::Exchange(request);
+    return Remote::Exchange(request);
   }
 
  private:
@@ -131,5 +131,5 @@ class FabricTest : public ConsoleTest {
   FwImage::Conv _conv;
 };
 
-using RecordedI2c = Recorded<LocalI2c>;
-using RecordedFlash = Recorded<LocalFlash>;
+using RecordedI2c = Recorded<InProcessI2c>;
+using RecordedFlash = Recorded<InProcessFlash>;

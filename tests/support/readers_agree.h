@@ -57,13 +57,15 @@ inline std::string Difference(FwImage& burner, const device::Image& other) {
     if (other.SectionAt(section.addr) != &section) return "which section is at an address";
   }
 
-  const auto is_field = [](const FwImage::FieldReplace& field, const device::Field& twin) {
-    return field.from == twin.addr && field.size == twin.Size() &&
-           field.type == FwImage::Str2FieldType(std::string(device::RowOf(twin.type).keyword));
+  const auto is_field = [](const FwImage::FieldReplace& field, const device::Field& counterpart) {
+    return field.from == counterpart.addr && field.size == counterpart.Size() &&
+           field.type ==
+               FwImage::Str2FieldType(std::string(device::RowOf(counterpart.type).keyword));
   };
   if (!std::ranges::equal(ListOf(burner, Fields()), other.fields, is_field)) return "the fields";
-  const auto is_crc = [](const FwImage::CrcReplace& crc, const device::CrcField& twin) {
-    return crc.from == twin.from && crc.size == twin.size && crc.crc_addr == twin.addr;
+  const auto is_crc = [](const FwImage::CrcReplace& crc, const device::CrcField& counterpart) {
+    return crc.from == counterpart.from && crc.size == counterpart.size &&
+           crc.crc_addr == counterpart.addr;
   };
   if (!std::ranges::equal(ListOf(burner, Crcs()), other.crcs, is_crc)) return "the CRCs";
 

@@ -511,7 +511,7 @@ class Rv52100Test : public FabricTest {
     EXPECT_EQ(OutputOf([&] { _rom->Write(0xE00, DataVec(4, 0), true); }), "");
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::unique_ptr<RecordedFlash> _rom;
   std::unique_ptr<FwImage> _image;
 };

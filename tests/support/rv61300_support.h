@@ -154,7 +154,7 @@ class Rv61300Test : public FabricTest {
     return writes;
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::unique_ptr<RecordedI2c> _rom;
   std::unique_ptr<FwImage> _image;
 };

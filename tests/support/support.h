@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/Files.h"
 #include "common/ScratchFolder.h"
 #include "src/BraidGeneral.h"
 
@@ -84,7 +85,11 @@ class ConsoleTest : public testing::Test {
   }
 };
 
-using TemporaryFolder = common::ScratchFolder;
+/// The whole file. Throws std::runtime_error when it cannot be read.
+inline std::string ReadText(const std::filesystem::path& path) {
+  const common::Bytes bytes = common::ReadFile(path);
+  return {bytes.begin(), bytes.end()};
+}
 
 /// Bytes given in hexadecimal, blanks allowed: "cb84 cb84".
 inline DataVec Hex(const std::string& digits) {

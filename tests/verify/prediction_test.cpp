@@ -175,7 +175,7 @@ class PredictionTest : public ConsoleTest {
   }
 
   TestRng _rng{20261122};
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   std::string _text;
   device::Image _image;
   std::optional<FwImage> _burnt;

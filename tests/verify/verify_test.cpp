@@ -10,7 +10,7 @@
 #include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
 #include "tests/support/Harness.h"
-#include "tests/support/LocalRom.h"
+#include "tests/support/InProcessRom.h"
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 
@@ -66,7 +66,7 @@ class VerifyTest : public ConsoleTest {
     _fabric.Find(guid)->chips.at(0).Load(offset, bytes);
   }
 
-  TemporaryFolder _folder;
+  common::ScratchFolder _folder;
   sim::Fabric _fabric;
 };
 
@@ -84,7 +84,7 @@ class FlashVerifyTest : public VerifyTest {
 
 TEST_F(FlashVerifyTest, FailsafeBurnIsFoundInItsSlot) {
   Fill(0);
-  Burn<LocalFlash, RV52100FailsafeBurn>(_new, {0x10}, true, false);
+  Burn<InProcessFlash, RV52100FailsafeBurn>(_new, {0x10}, true, false);
   const DeviceFinding finding = Verify(_new, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
   EXPECT_EQ(finding.valid_slots, std::vector<u_int32_t>{1});
@@ -132,7 +132,7 @@ TEST_F(FlashVerifyTest, DeviceWithoutAValidSlotIsNotIdentical) {
 
 TEST_F(FlashVerifyTest, BurnThatIsNotFailsafeIsFoundWhereTheSectionsStand) {
   // The pointer sectors' CRC words are computed anew, and the signatures stay the image's.
-  Burn<LocalFlash, GenericBurn>(_new, {0x10});
+  Burn<InProcessFlash, GenericBurn>(_new, {0x10});
   const DeviceFinding finding = Verify(_new, 0x10, SlotChoice::NONE);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
   EXPECT_EQ(finding.compared, 0x40u + 2 * 264 + 0x20);
@@ -164,7 +164,7 @@ TEST_F(FlashVerifyTest, InvariantSectorOfTwoValidSlotsCountsOnce) {
 TEST_F(FlashVerifyTest, InvariantSectorThatIsAsInTheImageIsKeptWithoutItsFields) {
   const std::string file = File("REPLACE GUID 0 0\n" + FlashImage{.content = 0x22}.Text());
   sim::FillFromFile(_fabric, 0x10, File(FlashImage().Text(), "old.img"), {.slot = 0});
-  Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
+  Burn<InProcessFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
   ASSERT_EQ(MemoryOf(_fabric, 0x10, 0, 0, 8), DataVec(8, 0x77));
   EXPECT_EQ(Verify(file, 0x10).state, DeviceFinding::IDENTICAL);
 }
@@ -173,7 +173,7 @@ TEST_F(FlashVerifyTest, InvariantSectorThatIsRewrittenGetsItsFields) {
   const std::string file = File("REPLACE GUID 0 0\n" + FlashImage{.content = 0x22}.Text());
   sim::FillFromFile(_fabric, 0x10, File(FlashImage{.invariant = 0x66}.Text(), "old.img"),
                     {.slot = 0});
-  Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
+  Burn<InProcessFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
   ASSERT_EQ(MemoryOf(_fabric, 0x10, 0, 0, 8), Hex("0000000000000010"));
   EXPECT_EQ(Verify(file, 0x10).state, DeviceFinding::IDENTICAL);
   Poke(0x10, 0, DataVec(8, 0x77));  // the fields' places alone as in the image: still rewritten
@@ -200,7 +200,7 @@ TEST_F(FlashVerifyTest, PointerSectorInsideItsImageIsFoundNotToBoot) {
   _fabric.Add(FlashDevice(0x20, 0x4000, SECTOR));
   const std::string file = File(text);
   sim::FillFromFile(_fabric, 0x20, File(FlashImage().Text(), "old.img"), {.slot = 0});
-  Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x20}, true, false);
+  Burn<InProcessFlash, RV52100FailsafeBurn>(file, {0x20}, true, false);
   const DeviceFinding finding = Verify(file, 0x20, SlotChoice::SECOND);
   EXPECT_EQ(finding.different, 0u);
   EXPECT_EQ(finding.reason, "no slot is marked valid");
@@ -241,9 +241,9 @@ TEST_F(FlashVerifyTest, WhateverIsBurntIsIdentical) {
     const bool is_failsafe = below(3) > 0;
     const std::string error = ErrorOf([&] {
       if (is_failsafe) {
-        Burn<LocalFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
+        Burn<InProcessFlash, RV52100FailsafeBurn>(file, {0x10}, true, false);
       } else {
-        Burn<LocalFlash, GenericBurn>(file, {0x10});
+        Burn<InProcessFlash, GenericBurn>(file, {0x10});
       }
     });
     if (error != "(no error)") continue;
@@ -260,7 +260,7 @@ TEST_F(FlashVerifyTest, WhateverIsBurntIsIdentical) {
 TEST_F(FlashVerifyTest, ImageWithoutSlotsIsComparedWhereItStands) {
   const std::string file =
       File("DEVICE_TYPE RV52100\nREPLACE GUID 10 0\n" + Section("A", 0, DataVec(0x40, 0x22)));
-  Burn<LocalFlash, GenericBurn>(file, {0x10});
+  Burn<InProcessFlash, GenericBurn>(file, {0x10});
   for (const SlotChoice choice : {SlotChoice::NONE, SlotChoice::AUTO}) {
     const DeviceFinding finding = Verify(file, 0x10, choice);
     EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
@@ -327,9 +327,8 @@ TEST_F(FlashVerifyTest, MemoryIsSavedWhole) {
   const std::string folder = _folder / "saved";
   std::filesystem::create_directory(folder);
   Verify(_new, 0x10, SlotChoice::AUTO, folder);
-  std::ifstream file(folder + "/0x0000000000000010.flash", std::ios::binary);
-  const DataVec saved(std::istreambuf_iterator<char>(file), {});
-  EXPECT_EQ(saved, MemoryOf(_fabric, 0x10, 0, 0, FLASH_SIZE));
+  EXPECT_EQ(common::ReadFile(folder + "/0x0000000000000010.flash"),
+            MemoryOf(_fabric, 0x10, 0, 0, FLASH_SIZE));
 }
 
 TEST_F(FlashVerifyTest, FlashTooSmallForTheImageIsTold) {
@@ -347,7 +346,7 @@ TEST_F(VerifyTest, EachDevicesOwnFieldsAndCrcsAreExpected) {
       "DEVICE_TYPE RV61100\nREPLACE GUIDS 0 0\nREPLACE SYSGUID 20 0\n"
       "REPLACE CRC 0 0 38 0 3C 0\n" +
       Section("A", 0, data));
-  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x20});
+  Burn<InProcessI2c, GenericBurn>(file, {0x10, 0x20});
   for (const Guid guid : GuidSet{0x10, 0x20}) {
     EXPECT_EQ(Verify(file, guid).state, DeviceFinding::IDENTICAL) << guid;
   }
@@ -373,7 +372,7 @@ TEST_F(VerifyTest, BothSlotsOfABootRecordDeviceAreCompared) {
   EXPECT_EQ(finding.valid_slots, std::vector<u_int32_t>{0});
   EXPECT_EQ(finding.slots, (std::vector<u_int32_t>{0, 1}));
   EXPECT_EQ(Verify(file, 0x10, SlotChoice::FIRST).state, DeviceFinding::IDENTICAL);
-  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+  Burn<InProcessI2c, RV61300FailsafeBurn>(file, {0x10}, false);
   finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL);
   EXPECT_EQ(finding.compared, 0x80u);
@@ -385,7 +384,7 @@ TEST_F(VerifyTest, BootRecordWithAWrongSumIsNeverWell) {
   DataVec data = EepromData(0x03);
   ++data[15];
   const std::string file = File(EepromText(data));
-  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+  Burn<InProcessI2c, RV61300FailsafeBurn>(file, {0x10}, false);
   DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::DIFFERENT);
   EXPECT_EQ(finding.different, 0u);
@@ -402,7 +401,7 @@ TEST_F(VerifyTest, CrcOverTheSpoiltByteIsExpectedAsTheBurnLeavesIt) {
   sim::FillFromFile(_fabric, 0x10, File(EepromImage(0x02), "old.img"), {.slot = 0});
   const std::string file =
       File("REPLACE CRC 0 0 C 0 3C 0\nREPLACE CRC 80 0 8C 0 BC 0\n" + EepromText(EepromData(0x03)));
-  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+  Burn<InProcessI2c, RV61300FailsafeBurn>(file, {0x10}, false);
   DataVec covered = EepromData(0x03);
   covered.resize(16);
   covered[3] = 0x03 + 10;
@@ -422,7 +421,7 @@ TEST_F(VerifyTest, FieldInOneSlotOnlyIsExpectedInEitherOrderOfABurn) {
   _fabric.Add(Eeprom(0x20));  // its second slot gets what the first left
   sim::FillFromFile(_fabric, 0x20, old, {.slot = 1});
   for (const Guid guid : GuidSet{0x10, 0x20}) {
-    Burn<LocalI2c, RV61300FailsafeBurn>(file, {guid}, false);
+    Burn<InProcessI2c, RV61300FailsafeBurn>(file, {guid}, false);
     EXPECT_EQ(Verify(file, guid).state, DeviceFinding::IDENTICAL) << guid;
   }
   ASSERT_EQ(MemoryOf(_fabric, 0x10, 0, 0xA0, 8), DataVec(8, 0x03));
@@ -435,7 +434,7 @@ TEST_F(VerifyTest, FieldInOneSlotOnlyIsNamedAsTheReasonAfterABurnOfMany) {
     _fabric.Add(Eeprom(guid));
     sim::FillFromFile(_fabric, guid, File(EepromImage(0x02), "old.img"), {.slot = 1});
   }
-  Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10, 0x20}, false);
+  Burn<InProcessI2c, RV61300FailsafeBurn>(file, {0x10, 0x20}, false);
   const DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::DIFFERENT);
   ASSERT_EQ(finding.differences.size(), 1u);
@@ -446,7 +445,7 @@ TEST_F(VerifyTest, FieldInOneSlotOnlyIsNamedAsTheReasonAfterABurnOfMany) {
 TEST_F(VerifyTest, ImageWithoutSlotsOfADeviceWithSlotsIsComparedWhereItStands) {
   _fabric.Add(Eeprom(0x10));
   const std::string file = File("DEVICE_TYPE RV61300\n" + Section("A", 0, EepromData(0x05)));
-  Burn<LocalI2c, GenericBurn>(file, {0x10});
+  Burn<InProcessI2c, GenericBurn>(file, {0x10});
   for (const SlotChoice choice : {SlotChoice::NONE, SlotChoice::AUTO}) {
     const DeviceFinding finding = Verify(file, 0x10, choice);
     EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
@@ -461,7 +460,7 @@ TEST_F(VerifyTest, PredictionDependsOnNoChunk) {
   _fabric.Add(std::move(device));
   const std::string file = File("DEVICE_TYPE RV61100\nDEVMAP 60 50\nDEVMAP 100 51\n" +
                                 Section("A", 0, DataVec(0x80, 0x33), "50"));
-  Burn<LocalI2c, GenericBurn>(file, {0x10});
+  Burn<InProcessI2c, GenericBurn>(file, {0x10});
   const DeviceFinding finding = Verify(file, 0x10);
   EXPECT_EQ(finding.state, DeviceFinding::IDENTICAL) << finding.reason;
   EXPECT_EQ(finding.compared, 0x80u);
@@ -472,7 +471,7 @@ TEST_F(VerifyTest, DeviceMapThatClaimsToBeHugeTakesNoMemory) {
   _fabric.Add(std::move(device));
   const std::string file = File("DEVICE_TYPE RV61100\nDEVMAP fffffff0 50\n" +
                                 Section("A", 0, DataVec(0x40, 0x33), "50"));
-  Burn<LocalI2c, GenericBurn>(file, {0x10});
+  Burn<InProcessI2c, GenericBurn>(file, {0x10});
   rusage before{};
   getrusage(RUSAGE_SELF, &before);
   EXPECT_EQ(Verify(file, 0x10).state, DeviceFinding::IDENTICAL);
@@ -573,9 +572,9 @@ TEST_F(VerifyTest, WhateverIsBurntIsIdentical) {
     }
     const std::string error = ErrorOf([&] {
       if (has_slots) {
-        Burn<LocalI2c, RV61300FailsafeBurn>(file, {0x10}, false);
+        Burn<InProcessI2c, RV61300FailsafeBurn>(file, {0x10}, false);
       } else {
-        Burn<LocalI2c, GenericBurn>(file, {0x10});
+        Burn<InProcessI2c, GenericBurn>(file, {0x10});
       }
     });
     if (error != "(no error)") continue;  // a mark that reaches past the section
@@ -602,7 +601,7 @@ TEST_F(VerifyTest, SeveralChipsAreReadPieceByPiece) {
 TEST_F(VerifyTest, OneBadDeviceDoesNotHideTheOthers) {
   for (const Guid guid : GuidSet{0x10, 0x20, 0x30}) _fabric.Add(Eeprom(guid));
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
-  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x30});
+  Burn<InProcessI2c, GenericBurn>(file, {0x10, 0x30});
   _fabric.Find(0x30)->has_power = true;
   sim::Fault fault;
   fault.kind = sim::Fault::DEVICE_ERROR;
@@ -676,7 +675,7 @@ TEST_F(VerifyProgramTest, StatusAndTextTellTheTruth) {
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
   _fabric.Add(Eeprom(0x10));
   _fabric.Add(Eeprom(0x20));
-  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x20});
+  Burn<InProcessI2c, GenericBurn>(file, {0x10, 0x20});
   Poke(0x20, 5, Hex("4546"));
   protocol::ServerThread server(_fabric);
   const Outcome good = Run(file, {"-s", server.ServerString(), "-g", "10"});
@@ -724,7 +723,7 @@ TEST_F(VerifyProgramTest, WhatBootsIsToldInBothForms) {
 TEST_F(VerifyProgramTest, ServerThatFailsInBetweenHidesNoResult) {
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
   for (const Guid guid : GuidSet{0x10, 0x20, 0x30}) _fabric.Add(Eeprom(guid));
-  Burn<LocalI2c, GenericBurn>(file, {0x10, 0x20, 0x30});
+  Burn<InProcessI2c, GenericBurn>(file, {0x10, 0x20, 0x30});
   sim::Fault fault;
   fault.kind = sim::Fault::CLOSE_BEFORE;
   fault.command = "NsGetDeviceByType";
