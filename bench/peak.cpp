@@ -1,5 +1,6 @@
-// Runs a program and prints the most memory that it held, in KiB, on standard error. A process of
-// its own, and a small one: a child that starts from a large one is charged with that one's memory.
+// Runs a program and prints its peak memory in KiB on standard error. Calls fork itself, and links
+// nothing: ru_maxrss of a child includes the peak memory of the process that forked it, so that
+// process must be small; and common::ChildProcess does not report ru_maxrss.
 // Usage: bench_peak PROGRAM ARGUMENT...
 #include <sys/resource.h>
 #include <sys/wait.h>
