@@ -1,5 +1,6 @@
-/// RV52100 devices in every state, an image for them, and what its failsafe burn asks, leaves and
-/// shows, worked out by hand from the layout.
+/// RV52100 devices in every state, an image for them, and a second, independent computation of what
+/// its failsafe burn requests, writes and prints: worked out by hand from the layout, without the
+/// burn code of src/ and device/.
 #pragma once
 
 #include <regex>
@@ -255,35 +256,35 @@ inline std::string SecondAddressQuery(const GuidSet& guids) {
   return Request("Read", guids, "4 0x400");
 }
 
-inline Strings FirstSlotRequests(const GuidSet& guids) {
+/// The requests that burn the new image into a slot, and then invalidate the other one.
+inline Strings SlotRequests(const GuidSet& guids, int idx) {
+  const Slot slot = SLOTS[idx];
+  const auto write = [](u_int32_t size, u_int32_t addr, const std::string& words) {
+    return Text(size, " 0x", std::hex, addr, " ", words);
+  };
+  const auto erase = [&](u_int32_t addr) {
+    return Request("EraseSector", guids, Text("0x", std::hex, addr));
+  };
   Strings requests = {
-      Request("Write", guids, "4 0x208 0x0"),
-      Request("EraseSector", guids, "0x600"),
-      Request("Write", guids, "512 0x600" + Words(128, "0x11111111")),
-      Request("EraseSector", guids, "0x800"),
-      Request("Write", guids, "8 0x800 0x22222222 0x22222222"),
-      Request("EraseSector", guids, "0x200"),
+      Request("Write", guids, write(4, slot.ps + 8, "0x0")),
+      erase(slot.image),
+      Request("Write", guids, write(512, slot.image, "0x11111111" + Words(127, "0x11111111"))),
+      erase(slot.tail),
+      Request("Write", guids, write(8, slot.tail, "0x22222222 0x22222222")),
+      erase(slot.ps),
       Request("Write", guids,
-              "264 0x200 0x600 0x208 0xffffffff" + Words(62, "0x5a5a5a5a") + " 0xffffffff")};
-  for (const Guid guid : guids) requests.push_back(Request("Write", {guid}, "4 0x304 0xd171"));
-  return requests + Strings{Request("Write", guids, "4 0x208 0xcb84cb84"),
-                            Request("Write", guids, "4 0x408 0x0")};
+              write(264, slot.ps,
+                    Text("0x", std::hex, slot.image, " 0x208 0xffffffff") +
+                        Words(62, "0x5a5a5a5a") + " 0xffffffff"))};
+  for (const Guid guid : guids) {
+    requests.push_back(
+        Request("Write", {guid}, write(4, slot.ps + 260, Text("0x", std::hex, slot.ps_crc))));
+  }
+  return requests + Strings{Request("Write", guids, write(4, slot.ps + 8, "0xcb84cb84")),
+                            Request("Write", guids, write(4, SLOTS[1 - idx].ps + 8, "0x0"))};
 }
-
-inline Strings SecondSlotRequests(const GuidSet& guids) {
-  Strings requests = {
-      Request("Write", guids, "4 0x408 0x0"),
-      Request("EraseSector", guids, "0xa00"),
-      Request("Write", guids, "512 0xa00" + Words(128, "0x11111111")),
-      Request("EraseSector", guids, "0xc00"),
-      Request("Write", guids, "8 0xc00 0x22222222 0x22222222"),
-      Request("EraseSector", guids, "0x400"),
-      Request("Write", guids,
-              "264 0x400 0xa00 0x208 0xffffffff" + Words(62, "0x5a5a5a5a") + " 0xffffffff")};
-  for (const Guid guid : guids) requests.push_back(Request("Write", {guid}, "4 0x504 0x1995"));
-  return requests + Strings{Request("Write", guids, "4 0x408 0xcb84cb84"),
-                            Request("Write", guids, "4 0x208 0x0")};
-}
+inline Strings FirstSlotRequests(const GuidSet& guids) { return SlotRequests(guids, 0); }
+inline Strings SecondSlotRequests(const GuidSet& guids) { return SlotRequests(guids, 1); }
 
 /// The move of an image of 16 bytes at 0x800.
 inline Strings MoveRequests(Guid guid) {
