@@ -387,18 +387,25 @@ void Burn::Write(BurnTarget& target, std::uint32_t sector_size, const Plan& plan
   WriteByPlan(writer, plan);
 }
 
+/// Why the second image cannot be moved; empty where it can.
+std::string Burn::MoveRefusal(const Memory& memory) const {
+  const std::uint32_t from_record = PointerSector(1);
+  if (!memory.Holds(from_record, POINTER_RECORD_SIZE)) return OUT_OF_RANGE;
+  const std::uint32_t addr = memory.Word(from_record + RECORD_ADDR);
+  const std::uint32_t size = memory.Word(from_record + RECORD_IMAGE_SIZE);
+  if (addr == FIRST_IMAGE_SECTOR * memory.sector_size || size == 0) return "Can't move image: ";
+  return memory.Holds(addr, size) ? "" : OUT_OF_RANGE;
+}
+
 /// The second image goes to the fourth sector, with a record in the first pointer sector. Reads are
-/// answered in whole words, and all that was read is written. Returns why it does not.
-std::string Burn::Move(Writer& writer, Memory& memory) const {
+/// answered in whole words, and all that was read is written. It must be one that can be moved.
+void Burn::Move(Writer& writer, const Memory& memory) const {
   const std::uint32_t destination = FIRST_IMAGE_SECTOR * memory.sector_size;
   const std::uint32_t from_record = PointerSector(1);
   const std::uint32_t to_record = PointerSector(0);
-  if (!memory.Holds(from_record, POINTER_RECORD_SIZE)) return OUT_OF_RANGE;
   Bytes record = memory.Part(from_record, POINTER_RECORD_SIZE);
   const std::uint32_t addr = WordAt(record, RECORD_ADDR);
   const std::uint32_t size = WordAt(record, RECORD_IMAGE_SIZE);
-  if (addr == destination || size == 0) return "Can't move image: ";
-  if (!memory.Holds(addr, size)) return OUT_OF_RANGE;
   const Bytes image = memory.Read(addr, size);
 
   writer.Program(to_record + RECORD_SIGNATURE, WordBytes(0));
@@ -411,7 +418,6 @@ std::string Burn::Move(Writer& writer, Memory& memory) const {
   put(RECORD_CRC, CrcOf(View(record).first(RECORD_CRC)));
   writer.EraseAndProgram(to_record, record);
   writer.Program(from_record + RECORD_SIGNATURE, WordBytes(0));
-  return "";
 }
 
 // ---- The whole burn
@@ -473,8 +479,10 @@ Outcome Burn::After(const Memory& before, const ObservedState& observed) const {
     Writer writer(_image, target, before.sector_size);
     if (plan.rewrites_invariant) WriteInvariantSector(writer);
     outcome.refusal = plan.refusal;
-    if (outcome.refusal.empty() && plan.moves_second)
-      outcome.refusal = Move(writer, outcome.memory);
+    if (outcome.refusal.empty() && plan.moves_second) {
+      outcome.refusal = MoveRefusal(outcome.memory);
+      if (outcome.refusal.empty()) Move(writer, outcome.memory);
+    }
     if (outcome.refusal.empty()) WriteByPlan(writer, plan);
   } catch (const DeviceRefusal& refusal) {
     outcome.refusal = refusal.reason;
@@ -554,20 +562,27 @@ void Burn::BurnInvariantSector(Memory& memory) const {
 Step Burn::SectionStep(std::size_t index, std::uint32_t destination) const {
   const Section& section = _image.sections[index];
   const Range range = RangeOf(section, destination);
-  Step step{"writing section " + section.name + " at " + Hex(destination), {range}};
+  Step step{.name = "writing section " + section.name + " at " + Hex(destination),
+            .ranges = {range}};
   for (const CrcField& crc : _image.crcs) {
     if (range.Holds(crc.from, 1)) step.ranges.push_back({crc.addr, WORD_SIZE});
+  }
+  if (_slots != SlotKind::POINTER_SECTORS) return step;
+  for (std::uint32_t slot = 0; slot < SLOTS; ++slot) {
+    const Range signature{SignatureAddr(slot), WORD_SIZE};
+    if (range.Holds(signature.addr, signature.size)) step.blank.push_back(signature);
   }
   return step;
 }
 
-Step Burn::SignatureStep(const char* what, std::uint32_t slot) const {
-  return {std::string(what) + " signature " + std::to_string(slot),
-          {{SignatureAddr(slot), WORD_SIZE}}};
+Step Burn::SignatureStep(const char* what, std::uint32_t slot, std::uint32_t value) const {
+  return {.name = std::string(what) + " signature " + std::to_string(slot),
+          .ranges = {{SignatureAddr(slot), WORD_SIZE}},
+          .bytes = WordBytes(value)};
 }
 
 void Burn::AddSlotSteps(std::vector<Step>& steps, std::uint32_t slot) const {
-  if (_slots == SlotKind::POINTER_SECTORS) steps.push_back(SignatureStep("clearing", slot));
+  if (_slots == SlotKind::POINTER_SECTORS) steps.push_back(SignatureStep("clearing", slot, 0));
   for (const std::size_t index : SlotSections()) {
     steps.push_back(SectionStep(index, InSlot(index, slot)));
   }
@@ -577,21 +592,26 @@ void Burn::AddSlotSteps(std::vector<Step>& steps, std::uint32_t slot) const {
     return;
   }
   steps.push_back(SectionStep(PointerSection(slot), PointerSector(slot)));
-  steps.push_back(SignatureStep("setting", slot));
-  steps.push_back(SignatureStep("clearing", 1 - slot));
+  steps.push_back(SignatureStep("setting", slot, VALID_SIGNATURE));
+  steps.push_back(SignatureStep("clearing", 1 - slot, 0));
 }
 
 void Burn::AddMoveSteps(std::vector<Step>& steps, const Memory& before) const {
   const std::uint32_t size = before.Word(PointerSector(1) + RECORD_IMAGE_SIZE);
   const auto whole = static_cast<std::uint32_t>(WordsIn(size) * WORD_SIZE);
-  const auto signature = [this](std::uint32_t slot) {
-    return Range{PointerSector(slot) + RECORD_SIGNATURE, WORD_SIZE};
+  const auto add_signature = [&](const char* what, std::uint32_t slot, std::uint32_t value) {
+    steps.push_back({.name = std::string(what) + " signature " + std::to_string(slot),
+                     .ranges = {{PointerSector(slot) + RECORD_SIGNATURE, WORD_SIZE}},
+                     .bytes = WordBytes(value)});
   };
-  steps.push_back({"clearing signature 0", {signature(0)}});
-  steps.push_back({"copying the image", {{FIRST_IMAGE_SECTOR * before.sector_size, whole}}});
-  steps.push_back({"copying its pointer sector", {{PointerSector(0), POINTER_RECORD_SIZE}}});
-  steps.push_back({"setting signature 0", {signature(0)}});
-  steps.push_back({"clearing signature 1", {signature(1)}});
+  add_signature("clearing", 0, 0);
+  steps.push_back(
+      {.name = "copying the image", .ranges = {{FIRST_IMAGE_SECTOR * before.sector_size, whole}}});
+  steps.push_back({.name = "copying its pointer sector",
+                   .ranges = {{PointerSector(0), POINTER_RECORD_SIZE}},
+                   .blank = {{PointerSector(0) + RECORD_SIGNATURE, WORD_SIZE}}});
+  add_signature("setting", 0, VALID_SIGNATURE);
+  add_signature("clearing", 1, 0);
 }
 
 std::vector<Step> Burn::Steps(const Memory& before, const ObservedState& observed) const {
@@ -608,8 +628,12 @@ std::vector<Step> Burn::Steps(const Memory& before, const ObservedState& observe
     std::ranges::for_each(InvariantSections(before.sector_size), add_section);
   }
   if (!plan.refusal.empty()) return steps;
-  if (plan.clears_second) steps.push_back(SignatureStep("clearing", 1));
-  if (plan.moves_second) AddMoveSteps(steps, before);
+  if (plan.clears_second) steps.push_back(SignatureStep("clearing", 1, 0));
+  if (plan.moves_second) {
+    const Memory memory = WithInvariantSector(before, plan.rewrites_invariant);
+    if (!MoveRefusal(memory).empty()) return steps;
+    AddMoveSteps(steps, memory);
+  }
   for (const std::uint32_t slot : plan.slots) AddSlotSteps(steps, slot);
   return steps;
 }

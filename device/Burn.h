@@ -88,6 +88,9 @@ struct Outcome {
 struct Step {
   std::string name;  ///< for people
   std::vector<Range> ranges;
+  std::vector<Range> blank =
+      {};            ///< places that it leaves erased: what validates the image is not yet written
+  Bytes bytes = {};  ///< what it writes into its only range; empty for other steps
 };
 
 /// Which part of an image a device is filled with.
@@ -173,7 +176,8 @@ class Burn {
   void WriteInvariantSector(Writer& writer) const;
   void WriteByPlan(Writer& writer, const Plan& plan) const;
   void FillSlot(Writer& writer, const FillPart& part) const;
-  std::string Move(Writer& writer, Memory& memory) const;
+  std::string MoveRefusal(const Memory& memory) const;
+  void Move(Writer& writer, const Memory& memory) const;
   Plan RecordPlan(const Memory& before) const;
 
   std::vector<std::size_t> SlotSections() const;
@@ -185,7 +189,7 @@ class Burn {
   BootLayout Layout(std::uint32_t sector_size) const;
 
   Step SectionStep(std::size_t index, std::uint32_t destination) const;
-  Step SignatureStep(const char* what, std::uint32_t slot) const;
+  Step SignatureStep(const char* what, std::uint32_t slot, std::uint32_t value) const;
   void AddMoveSteps(std::vector<Step>& steps, const Memory& before) const;
   void AddSlotSteps(std::vector<Step>& steps, std::uint32_t slot) const;
 

@@ -80,6 +80,19 @@ std::optional<std::uint32_t> RehearsedDevices::LinearOf(std::uint8_t chip,
   return _image.AddressWithin({chip, offset}, 1);
 }
 
+std::string RehearsedDevices::OrderErrorOf(device::Guid guid,
+                                           const std::vector<LoggedOperation>& changes) const {
+  const sim::Device& device = *_start.Find(guid);
+  const device::Burn burn(_image, device::BurnKind::FAILSAFE, sim::IdentityOf(device));
+  const device::Memory before = sim::MemoryOf(device, _image);
+  std::vector<device::MemoryChange> made;
+  for (const LoggedOperation& change : changes) {
+    made.push_back(sim::ChangeOf(
+        {change.kind, guid, change.chip, change.offset, change.bytes, change.size}, _image));
+  }
+  return device::OrderError(burn.Steps(before, burn.Observe(before)), made);
+}
+
 std::string RehearsedDevices::StepAt(device::Guid guid, const LoggedOperation& operation) const {
   const auto linear = LinearOf(operation.chip, operation.offset);
   if (!linear) return "memory outside the device map";

@@ -38,6 +38,9 @@ class RehearsedDevices {
   /// an RV61300, both are.
   bool IsBurnt(const device::Verdict& verdict) const { return verdict.IsBurnt(_image.Slots()); }
 
+  /// What a failsafe burn that makes these changes writes in the wrong order; empty where nothing.
+  std::string OrderErrorOf(device::Guid guid, const std::vector<LoggedOperation>& changes) const;
+
   /// The linear address of a byte of a chip; nothing outside the device map.
   std::optional<std::uint32_t> LinearOf(std::uint8_t chip, std::uint32_t offset) const;
   /// The part of the image layout that an operation changes, for the report.

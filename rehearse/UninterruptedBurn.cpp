@@ -39,6 +39,14 @@ UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burn
   for (const device::Guid guid : devices.Guids()) {
     if (!devices.BootsAtStart(guid)) continue;
     const device::Verdict end = devices.VerdictOn(fabric, guid);
+    // A torn write may only show a wrong order when the next burn is interrupted, too.
+    const std::string disorder = IsPlain() ? "" : devices.OrderErrorOf(guid, _log.Of(guid));
+    if (!disorder.empty()) {
+      report.Add({.device = guid,
+                  .step = "the order of writes",
+                  .state = Describe(end),
+                  .reason = "it " + disorder});
+    }
     if (devices.IsBurnt(end)) continue;
     _ends_well = false;
     report.Add({.device = guid,

@@ -195,14 +195,14 @@ std::string Fabric::RunOn(const Request& request, Device& device) {
 void Fabric::Program(Device& device, std::uint8_t address, std::uint32_t offset,
                      device::Bytes bytes, const Fault* fault) {
   Chip& chip = device.chips.at(address);
+  if (observer) {
+    observer({Operation::PROGRAM, device.node_guid, address, offset, bytes,
+              static_cast<std::uint32_t>(bytes.size())});
+  }
   if (fault && fault->kind == Fault::WRITE_WRONG && !bytes.empty()) {
     Rng rng(fault->seed);
     const std::size_t at = rng() % bytes.size();
     bytes[at] = static_cast<std::uint8_t>(bytes[at] ^ (1u << rng() % 8));
-  }
-  if (observer) {
-    observer({Operation::PROGRAM, device.node_guid, address, offset, bytes,
-              static_cast<std::uint32_t>(bytes.size())});
   }
   if (fault && fault->kind == Fault::CUT) {
     Rng rng(fault->seed);

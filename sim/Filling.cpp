@@ -36,6 +36,14 @@ device::Memory MemoryOf(const Device& device, const device::Image& image) {
   return memory;
 }
 
+device::MemoryChange ChangeOf(const Operation& operation, const device::Image& image) {
+  const auto addr = image.AddressWithin({operation.chip, operation.offset}, operation.size);
+  return {.is_erase = operation.kind == Operation::ERASE,
+          .addr = addr ? std::uint64_t{*addr} : device::NOT_MAPPED,
+          .size = operation.size,
+          .bytes = device::Bytes(operation.bytes.begin(), operation.bytes.end())};
+}
+
 void LoadMemory(Device& device, const device::Image& image, const device::Memory& memory) {
   if (image.map.empty()) return device.chips.at(0).Load(0, memory.bytes);
   std::uint32_t base = 0;

@@ -6,6 +6,7 @@
 
 #include "device/Burn.h"
 #include "device/Image.h"
+#include "device/WriteOrder.h"
 #include "sim/Fabric.h"
 
 namespace sim {
@@ -24,6 +25,10 @@ std::uint32_t SectorSizeOf(const Device& device);
 /// The contents of the device's chips in the order of the image's device map. A missing chip, or
 /// the missing end of a smaller one, reads as erased.
 device::Memory MemoryOf(const Device& device, const device::Image& image);
+
+/// What the judge is told of an operation: where in the memory that `image` addresses it changes
+/// what.
+device::MemoryChange ChangeOf(const Operation& operation, const device::Image& image);
 
 /// Sets all cells of a device without the rules of its chips: starting contents. `memory` is what
 /// MemoryOf returns; each chip must be as large as the map says.

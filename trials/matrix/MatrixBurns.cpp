@@ -40,17 +40,17 @@ std::string GenericText() {
          SectionText("B", 0x80, device::Bytes(0x10, 0x33));
 }
 
-// ---- RV61300: two slots, a board serial number and a GUID in each
+// ---- RV61300: two slots, with a board serial number, a GUID and vendor data in each
 
 std::string EepromText(std::uint8_t content) {
   device::Bytes first(0x60, content);
   std::fill_n(first.begin() + 4, device::BOOT_RECORD_SIZE - 4, std::uint8_t{0});
   // The record is four bytes of the content, and one that makes the sum right.
   first[15] = static_cast<std::uint8_t>(device::BOOT_RECORD_SUM - 4 * content);
-  return "REPLACE GUID 10 0\nREPLACE BSN 18 0\nREPLACE CRC 10 0 54 0 58 0\n"
-         "REPLACE GUID 210 0\nREPLACE BSN 218 0\nREPLACE CRC 210 0 254 0 258 0\n"
+  return "REPLACE GUID 10 0\nREPLACE BSN 18 0\nREPLACE CRC 10 0 54 0 58 0\nREPLACE VSD 84 0\n"
+         "REPLACE GUID 210 0\nREPLACE BSN 218 0\nREPLACE CRC 210 0 254 0 258 0\nREPLACE VSD 284 0\n"
          "DEVICE_TYPE RV61300\nIMAGE 0 0 0\nIMAGE 1 200 0\n" +
-         SectionText("A", 0, first) + SectionText("B", 0x80, device::Bytes(0x10, content));
+         SectionText("A", 0, first) + SectionText("B", 0x80, device::Bytes(0xE0, content));
 }
 
 // ---- RV52100: a small flash; a new image of two sectors
@@ -146,6 +146,15 @@ void MatrixBurn::Fill(Guid guid, const device::Image& image, const device::FillP
   LoadMemory(device, image, memory);
 }
 
+/// A record whose sum is right and that is marked invalid all the same.
+void MatrixBurn::MarkFirstInvalid(Guid guid) {
+  sim::Device& device = *_start.Find(guid);
+  device::Memory memory = MemoryOf(device, _image);
+  memory.bytes[device::FIRST_INVALID_MARK] = 1;
+  --memory.bytes[device::BOOT_RECORD_SIZE - 1];
+  LoadMemory(device, _image, memory);
+}
+
 void MatrixBurn::PrepareJudge(Guid guid, const device::Image& old_image) {
   const sim::Device& device = *_start.Find(guid);
   const device::Memory memory = MemoryOf(device, _image);
@@ -174,7 +183,8 @@ std::unique_ptr<MatrixBurn> MatrixBurn::Generic(const common::ScratchFolder& fol
 std::unique_ptr<MatrixBurn> MatrixBurn::Rv61300(const common::ScratchFolder& folder) {
   std::unique_ptr<MatrixBurn> burn(new MatrixBurn(folder, "rv61300", EepromText(0x22)));
   const device::Image old_image = device::ParseImage(EepromText(0x11), "old");
-  burn->_switches = {"-m", "7", "-g", "100,200,300,400"};
+  constexpr Guid MARKED = 0x500;
+  burn->_switches = {"-m", "7", "-g", "100,200,300,400,500"};
   burn->_server_type = "I2C";
   const struct {
     Guid guid;
@@ -182,16 +192,19 @@ std::unique_ptr<MatrixBurn> MatrixBurn::Rv61300(const common::ScratchFolder& fol
   } devices[] = {{0x100, {true, true}},
                  {0x200, {false, true}},
                  {0x300, {true, false}},
-                 {0x400, {false, false}}};
+                 {0x400, {false, false}},
+                 {MARKED, {true, false}}};
   for (const auto& [guid, is_valid] : devices) {
     burn->AddDevice(guid, 0);
     for (const std::uint32_t slot : {0u, 1u}) {
       burn->Fill(guid, old_image, {.slot = slot, .is_valid = is_valid[slot]});
     }
+    if (guid == MARKED) burn->MarkFirstInvalid(guid);
     burn->PrepareJudge(guid, old_image);
   }
-  burn->_refused = {{0x400, "Both images are invalid - Can't perform failsafe burn."}};
-  burn->_untouched = {0x400};
+  burn->_refused = {{0x400, "Both images are invalid - Can't perform failsafe burn."},
+                    {MARKED, "Both images are invalid - Can't perform failsafe burn."}};
+  burn->_untouched = {0x400, MARKED};
   return burn;
 }
 
@@ -299,7 +312,7 @@ RunVerdict MatrixBurn::Judge(const sim::Device& device, device::BurnKind kind) c
 }
 
 std::string MatrixBurn::OrderError(const sim::Device& before,
-                                   const std::vector<MemoryChange>& changes) const {
+                                   const std::vector<device::MemoryChange>& changes) const {
   std::vector<device::Step> steps;
   if (!_untouched.contains(before.node_guid)) {
     const device::BurnKind kind =
@@ -308,7 +321,7 @@ std::string MatrixBurn::OrderError(const sim::Device& before,
     const device::Memory memory = MemoryOf(before, _image);
     steps = burn.Steps(memory, burn.Observe(memory));
   }
-  return trials::OrderError(_image, steps, before.node_guid, changes);
+  return device::OrderError(steps, changes);
 }
 
 }  // namespace trials

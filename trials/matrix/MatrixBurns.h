@@ -12,10 +12,11 @@
 #include "device/Burn.h"
 #include "device/Image.h"
 #include "device/Whole.h"
+#include "device/WriteOrder.h"
 #include "sim/Fabric.h"
+#include "sim/Filling.h"
 #include "trials/AnswerFaults.h"
 #include "trials/BurnOutput.h"
-#include "trials/WriteOrder.h"
 
 namespace trials {
 
@@ -51,7 +52,11 @@ class MatrixBurn {
                    device::BurnKind kind = device::BurnKind::FAILSAFE) const;
   /// What is wrong with the order of the writes of a fault-free burn of a device, which was
   /// `before`; empty where it is right.
-  std::string OrderError(const sim::Device& before, const std::vector<MemoryChange>& changes) const;
+  std::string OrderError(const sim::Device& before,
+                         const std::vector<device::MemoryChange>& changes) const;
+  device::MemoryChange ChangeOf(const sim::Operation& operation) const {
+    return sim::ChangeOf(operation, _image);
+  }
   bool IsFailsafe() const { return _image.Slots() != device::SlotKind::NONE; }
 
   /// Devices that cannot be burnt. Every run that gets so far reports them.
@@ -73,6 +78,7 @@ class MatrixBurn {
   /// Fills a device, for its starting state.
   void Fill(Guid guid, const device::Image& image, const device::FillPart& part);
   /// Call it when the device holds its starting state.
+  void MarkFirstInvalid(Guid guid);
   void PrepareJudge(Guid guid, const device::Image& old_image);
 
   std::string _name;

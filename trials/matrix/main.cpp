@@ -216,15 +216,15 @@ class CaseRunner {
   /// Burns devices that hold what `before` holds. Returns what is wrong with the run, or empty.
   std::string RunFaultFree(const MatrixBurn& burn, const sim::Fabric& before, RunOutcome& outcome) {
     sim::Fabric fabric = burn.Repaired(before);
-    std::vector<MemoryChange> changes;
-    fabric.observer = [&changes](const sim::Operation& operation) {
-      changes.push_back(ChangeOf(operation));
+    std::map<Guid, std::vector<device::MemoryChange>> changes;
+    fabric.observer = [&](const sim::Operation& operation) {
+      changes[operation.device].push_back(burn.ChangeOf(operation));
     };
     outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr);
     const std::string wrong = WrongAfter(burn, outcome, fabric);
     if (!wrong.empty()) return wrong;
     for (const auto& [guid, device] : before.Devices()) {
-      const std::string error = burn.OrderError(device, changes);
+      const std::string error = burn.OrderError(device, changes[guid]);
       if (!error.empty()) return Text("device ", std::hex, guid, ": ", error);
     }
     return "";

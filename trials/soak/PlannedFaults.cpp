@@ -55,6 +55,10 @@ bool IsShortWrite(const trials::ParsedExchange& request) {
   return IsWrite(request) && words.size() == request.devices.size() + 6 &&
          words[words.size() - 3] == "4";
 }
+/// A question about the server, a device or its slots. There are few of them in a run.
+bool IsQuery(const trials::ParsedExchange& request) {
+  return request.kind != RequestKind::ACKED && request.kind != RequestKind::VERIFY;
+}
 bool IsErase(const trials::ParsedExchange& request) {
   return request.text.find("EraseSectorMulti ") != std::string::npos;
 }
@@ -79,6 +83,9 @@ std::vector<PlannedFault> PlanFaults(std::uint32_t requests, Random& random) {
     if (random.Chance(25)) {
       planned.at = NEVER;
       planned.at_short = random.Between(1, 16);
+    } else if (random.Chance(20)) {
+      planned.at = NEVER;
+      planned.at_query = random.Between(1, 16);
     }
     std::uint32_t weight = random.Below(100);
     for (const FaultKindRow& row : FAULT_KINDS) {
@@ -110,12 +117,13 @@ bool PlannedFaultInjector::BeforeRequest(std::size_t index, const std::string& r
                                          pid_t client) {
   _is_stopped = false;
   const trials::ParsedExchange parsed = trials::ParseExchange(request, "", _has_written);
-  if (IsShortWrite(parsed)) {
-    ++_short_writes;
+  const auto plan_here = [&](std::uint32_t PlannedFault::*at, std::uint32_t count) {
     for (PlannedFault& planned : _planned) {
-      if (planned.at_short == _short_writes && FaultAt(index) == nullptr) planned.at = index;
+      if (planned.*at == count && FaultAt(index) == nullptr) planned.at = index;
     }
-  }
+  };
+  if (IsShortWrite(parsed)) plan_here(&PlannedFault::at_short, ++_short_writes);
+  if (IsQuery(parsed)) plan_here(&PlannedFault::at_query, ++_queries);
   const PlannedFault* planned = FaultAt(index);
   _has_written = _has_written || IsWrite(parsed);
   if (planned == nullptr) return true;

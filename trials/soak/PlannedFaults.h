@@ -31,6 +31,7 @@ enum class FaultKind {
 struct PlannedFault {
   std::size_t at = 0;          ///< index of the request, from 0
   std::uint32_t at_short = 0;  ///< instead of `at`: at the n-th write of one word, from 1
+  std::uint32_t at_query = 0;  ///< instead of `at`: at the n-th request that asks something, from 1
   FaultKind kind = FaultKind::ANSWER;
   trials::AnswerFault fault = trials::AnswerFault::BYTEWISE;  ///< of ANSWER
   std::uint64_t seed = 0;                                     ///< for the choice of device and bits
@@ -85,6 +86,7 @@ class PlannedFaultInjector : public trials::FaultInjector {
   std::vector<PlannedFault> _planned;
   std::vector<OccurredFault> _occurred;
   std::uint32_t _short_writes = 0;
+  std::uint32_t _queries = 0;
   bool _has_written = false;
   bool _is_stopped = false;
   trials::InjectedFault _injected;

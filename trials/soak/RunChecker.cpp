@@ -120,7 +120,7 @@ void RunChecker::CheckRefusal(const BurnRun& run) {
     Fail(Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"", end,
               "\" instead of \"", _scenario.refusal, "\""));
   }
-  if (!run.changes.empty()) Fail(Text(run.changes.size(), " changes of what must be refused"));
+  if (!run.changes.empty()) Fail("devices are changed that must be refused");
   for (const auto& [guid, device] : _scenario.fabric.Devices()) {
     const Chips after = ChipsOf(device);
     if (after != run.chips.at(guid)) Fail(DeviceName(guid) + " is changed");
@@ -267,10 +267,8 @@ void RunChecker::CheckChanges(const BurnRun& run) {
     given.insert(before.node);
     CheckOrder(run, name, before);
   }
-  for (const trials::MemoryChange& change : run.changes) {
-    if (!given.contains(change.node)) {
-      Fail(DeviceName(change.node) + " is no target, and is written");
-    }
+  for (const auto& [node, changes] : run.changes) {
+    if (!given.contains(node)) Fail(DeviceName(node) + " is no target, and is written");
   }
 }
 
@@ -280,7 +278,9 @@ void RunChecker::CheckOrder(const BurnRun& run, Guid name, const Before& before)
   if (!_scenario.check_only) {
     steps = BurnOf(before.node).Steps(before.memory, ObservedBy(run, name, before));
   }
-  const std::string error = trials::OrderError(_scenario.image, steps, before.node, run.changes);
+  const auto changes = run.changes.find(before.node);
+  if (changes == run.changes.end()) return;
+  const std::string error = device::OrderError(steps, changes->second);
   if (!error.empty()) Fail(Text(DeviceName(name), ": ", error));
 }
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "trials/WriteOrder.h"
+#include "device/WriteOrder.h"
 #include "trials/soak/PlannedFaults.h"
 #include "trials/soak/Scenario.h"
 #include "trials/soak/Statistics.h"
@@ -34,7 +34,7 @@ struct BurnRun {
   std::map<Guid, Chips> chips;     ///< of all devices before, by node
   trials::RunOutcome outcome;
   std::vector<OccurredFault> occurred;
-  std::vector<trials::MemoryChange> changes;  ///< in the order made
+  std::map<Guid, std::vector<device::MemoryChange>> changes;  ///< of each device, in their order
 
   // Found by the checks.
   std::vector<Guid> reported;             ///< as failed

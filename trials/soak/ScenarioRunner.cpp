@@ -64,8 +64,8 @@ class ScenarioRun {
     ++_statistics.runs;
     BurnRun run = _checker.Begin();
     sim::Fabric& fabric = _scenario.fabric;
-    fabric.observer = [&run](const sim::Operation& operation) {
-      run.changes.push_back(trials::ChangeOf(operation));
+    fabric.observer = [this, &run](const sim::Operation& operation) {
+      run.changes[operation.device].push_back(sim::ChangeOf(operation, _scenario.image));
     };
     std::vector<std::string> words = {_program, "-f", _file};
     words.insert(words.end(), _scenario.switches.begin(), _scenario.switches.end());
@@ -103,8 +103,8 @@ class ScenarioRun {
     if (_scenario.burn == BurnKind::PLAIN || _scenario.check_only || run.outcome.status != 0) {
       return;
     }
-    std::ranges::reverse(run.changes);
-    _signs = {trials::OUT_OF_ORDER};
+    for (auto& [node, changes] : run.changes) std::ranges::reverse(changes);
+    _signs = {device::OUT_OF_ORDER};
   }
 
   /// The failure must name what was changed.
