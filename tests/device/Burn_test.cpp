@@ -37,6 +37,25 @@ TEST(IdentityTest, GuidsAreNodePortsAndSystem) {
                    0,    0,    0,    0,    0,    0,    0,    0xA2, 0, 0, 0, 0, 0, 0, 0, 0x5F}));
 }
 
+TEST(IdentityTest, EachFieldHasItsOwnBytes) {
+  const Identity device = SomeDevice();
+  const Bytes node = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+  const Bytes system = {0, 0, 0, 0, 0, 0, 0, 0x5F};
+  EXPECT_EQ(device.Value(FieldType::SIGNATURE), (Bytes{0xCB, 0x84, 0xCB, 0x84}));
+  EXPECT_EQ(device.Value(FieldType::GUID), node);
+  EXPECT_EQ(device.Value(FieldType::SYS_GUID), system);
+  EXPECT_EQ(device.Value(FieldType::BSN), Bytes(64, 0xB5));
+  EXPECT_EQ(device.Value(FieldType::VSD), Bytes(208, 0xD5));
+}
+
+TEST(DeviceTypeTest, OnlyItsKeywordFindsAType) {
+  EXPECT_EQ(FindDeviceType("RV61100")->number, 61100u);
+  EXPECT_EQ(FindDeviceType("rv61100"), nullptr);
+  EXPECT_EQ(FindDeviceType(""), nullptr);
+  EXPECT_EQ(BsnWarning(*FindDeviceType("RV61100")),
+            "-W- *** REPLACES OF TYPE BSN ARE IGNORED FOR DEVICE TYPE 61100 ***");
+}
+
 TEST(IdentityTest, ASecondPortThatIsMissingFollowsTheFirst) {
   Identity identity = SomeDevice();
   identity.ports = {0xA1FF};
@@ -159,6 +178,24 @@ TEST(PlainBurnTest, ACrcThatCrossesItsSectionIsToldBeforeOneOverABrokenWord) {
             "Replace CRC (from:8, size:8) crosses image section (addr:4 , size:8).");
 }
 
+TEST(PlainBurnTest, AValueOfAnotherSizeThanItsFieldEndsTheRun) {
+  Image image = PlainImage(Bytes(80, 0x11));
+  image.fields = {{FieldType::BSN, 4}};
+  Identity device = SomeDevice();
+  device.bsn.resize(60);
+  const Outcome outcome = Burn(image, BurnKind::PLAIN, device).After({Bytes(100, 0), 0});
+  EXPECT_EQ(outcome.refusal, "the device's BSN has 60 bytes, the image needs 64");
+  EXPECT_TRUE(outcome.ends_run);
+}
+
+TEST(PlainBurnTest, NothingIsWrittenPastTheLastAddress) {
+  Image image = PlainImage(Bytes(8, 0x11));
+  image.sections[0].addr = 0xFFFFFFFC;
+  const Outcome outcome = Burn(image, BurnKind::PLAIN, SomeDevice()).After({Bytes(12, 0), 0});
+  EXPECT_EQ(outcome.refusal, "it would write past the last address");
+  EXPECT_TRUE(outcome.ends_run);
+}
+
 TEST(PlainBurnTest, ADeviceThatIsTooSmallRefuses) {
   const Outcome outcome =
       Burn(PlainImage(Bytes(8, 0x11)), BurnKind::PLAIN, SomeDevice()).After({Bytes(8, 0xEE), 0});
@@ -245,6 +282,15 @@ TEST(RecordBurnTest, AFieldOfOneSlotIsLeftInTheOther) {
   Put(before.bytes, 0x80, Bytes(16, 0));
   // Now the second slot goes first, and nobody has put anything there yet.
   EXPECT_EQ(Burnt(image, BurnKind::FAILSAFE, before).Part(0x90, 8), Bytes(8, 0x22));
+}
+
+TEST(RecordBurnTest, ASlotIsBurntAlone) {
+  const Image image = RecordImage(0x22);
+  Memory memory{Bytes(0x100, 0xEE), 0};
+  Burn(image, BurnKind::FAILSAFE, SomeDevice()).BurnSlot(memory, 1);
+  Bytes expected(0x100, 0xEE);
+  Put(expected, 0x80, RecordAndMore(0x22));
+  EXPECT_EQ(memory.bytes, expected);
 }
 
 TEST(RecordBurnTest, AnImageWithoutARecordCannotBeBurnt) {
@@ -354,6 +400,43 @@ TEST(FlashBurnTest, SlotsAreLookedAtWhenTheInvariantSectorIsRewritten) {
   EXPECT_TRUE(burn.Observe(before).invariant_changed);
   EXPECT_FALSE(burn.Observe(before).is_signed[0]);
   EXPECT_EQ(burn.After(before).refusal, "Both images are invalid. Can't perform failsafe burn");
+}
+
+TEST(FlashBurnTest, ASlotIsBurntAloneAndLeavesTheOther) {
+  const Image image = FlashImage(0x22);
+  const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
+  Memory memory = PreparedFlash();
+  PutSlot(memory, 0, 0x11);
+  Memory expected = memory;
+  Put(expected.bytes, PS[1], Bytes(SECTOR, ERASED));
+  Put(expected.bytes, PS[1], ValidRecord(SLOT[1], 0x10, 0x22));
+  Put(expected.bytes, SLOT[1], Bytes(SECTOR, ERASED));
+  Put(expected.bytes, SLOT[1], Bytes(0x10, 0x22));
+  burn.BurnSlot(memory, 1);
+  EXPECT_EQ(memory.bytes, expected.bytes);
+}
+
+TEST(FlashBurnTest, AnInvariantSectorThatCannotBeWrittenIsLookedAtAsItIs) {
+  Image image = FlashImage(0x22);
+  image.sections[0].data = Invariant(0x66);
+  image.crcs.push_back({0x10, 0x400, 0x20});  // reaches past its section
+  const Burn burn(image, BurnKind::FAILSAFE, SomeDevice());
+  Memory before = PreparedFlash();
+  PutSlot(before, 1, 0x11);
+  EXPECT_TRUE(burn.Observe(before).invariant_changed);
+  EXPECT_TRUE(burn.Observe(before).is_signed[1]);
+  EXPECT_TRUE(burn.After(before).ends_run);
+}
+
+TEST(FlashBurnTest, ASecondRecordPastTheEndRefusesTheDevice) {
+  const Image image = FlashImage(0x22);
+  Memory before = PreparedFlash();
+  before.bytes.resize(PS[1] + 4);
+  ObservedState seen;
+  seen.is_signed[1] = true;
+  const Outcome outcome = Burn(image, BurnKind::FAILSAFE, SomeDevice()).After(before, seen);
+  EXPECT_EQ(outcome.refusal, "Address out of range");
+  EXPECT_EQ(outcome.memory.bytes, before.bytes);
 }
 
 TEST(FlashBurnTest, OnlySectionsThatStandFirstAreOfTheInvariantSector) {

@@ -166,6 +166,16 @@ TEST_F(FlashJudgeTest, ACopyOfLessThanTheImageIsNotWhole) {
   EXPECT_FALSE(judge.CurrentVerdict().slots[0].BootsBroken());
 }
 
+TEST_F(FlashJudgeTest, AnImageThatDoesNotFitIsNeverWhole) {
+  Memory memory = FilledWith(_old, 0);
+  memory.bytes.resize(SLOT[1]);
+  Judge judge = JudgeOf(memory);
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 old, slot 1 invalid");
+  const Bytes record = ValidRecord(SLOT[1], 0x10, 0x22);
+  for (std::uint32_t i = 0; i < record.size(); ++i) judge.Set(PS[1] + i, record[i]);
+  EXPECT_TRUE(judge.CurrentVerdict().slots[1].BootsBroken());
+}
+
 TEST_F(FlashJudgeTest, ATornInvariantSectorStartsNothing) {
   Judge judge = JudgeOf(FilledWith(_old, 0));
   judge.Set(0x30, 0);

@@ -1,10 +1,15 @@
 /// The simulated fabric: memories, commands, faults, images, fabric files.
 
+#include <gmock/gmock.h>
+
 #include "protocol/Session.h"
+#include "sim/BootReport.h"
 #include "sim/FabricFile.h"
 #include "tests/support/fabric_support.h"
 
 namespace {
+
+using testing::HasSubstr;
 
 sim::Chip Flash(u_int32_t size = 0x200, u_int32_t sector_size = 0x100) {
   return sim::Chip(std::make_unique<sim::Cells>(size), sector_size);
@@ -232,6 +237,21 @@ TEST_F(SimFabricTest, ImpossibleDevicesAreRefused) {
   EXPECT_THROW(_fabric.Add(std::move(mixed)), std::invalid_argument);
 }
 
+TEST_F(SimFabricTest, DevicesHaveOnePortAndOneFlashChipAtLeast) {
+  sim::Device no_port = I2cDevice(0x40);
+  no_port.port_guids.clear();
+  EXPECT_THROW(_fabric.Add(std::move(no_port)), std::invalid_argument);
+  sim::Device same_ports = I2cDevice(0x40);
+  same_ports.port_guids = {0x41, 0x41};
+  EXPECT_THROW(_fabric.Add(std::move(same_ports)), std::invalid_argument);
+  sim::Device elsewhere = FlashDevice(0x40);
+  auto chip = elsewhere.chips.extract(0);
+  chip.key() = 1;
+  elsewhere.chips.insert(std::move(chip));
+  EXPECT_THROW(_fabric.Add(std::move(elsewhere)), std::invalid_argument);
+  EXPECT_EQ(_fabric.Find(0x40), nullptr);
+}
+
 TEST_F(SimFabricTest, ObserverSeesEveryChangeBeforeItIsApplied) {
   std::vector<std::string> seen;
   _fabric.observer = [&](const sim::Operation& operation) {
@@ -376,6 +396,20 @@ TEST_F(SimFaultTest, CutWriteIsAppliedInPartAsItsSeedSays) {
   std::set<DataVec> states;
   for (u_int32_t seed = 0; seed < 20; ++seed) states.insert(part(seed));
   EXPECT_GT(states.size(), 5u);
+}
+
+TEST_F(SimFaultTest, CutEraseLeavesAMixOfCells) {
+  Ask(Text("vsFlashWriteMulti 1 ", G20, "0x0 8 0x10000 0x0 0x0 "));
+  Fault(sim::Fault::CUT).seed = 3;
+  Arm();
+  EXPECT_EQ(Ask(Text("vsFlashEraseSectorMulti 1 ", G20, "0x0 0x10000 ")),
+            "{ERROR:0x0000000000000020:Device does not respond}");
+  EXPECT_FALSE(_fabric.Find(0x20)->has_power);
+  const DataVec bytes = MemoryOf(_fabric, 0x20, 0, 0x10000, 8);
+  int erased = 0;
+  for (const u_int8_t byte : bytes) erased += std::popcount(byte);
+  EXPECT_GT(erased, 0);
+  EXPECT_LT(erased, 64);
 }
 
 TEST_F(SimFaultTest, WrongWriteDiffersInOneBit) {
@@ -564,6 +598,54 @@ TEST_F(FabricFileTest, ImageContentsAreBurntWholeOrIntoASlot) {
   EXPECT_EQ(memory(valid, 0x208, 4), Hex("cb84cb84"));
   EXPECT_EQ(memory(valid, 0x100, 4), Hex("ffffffff"));
   EXPECT_EQ(memory(valid + "\nvalid = false", 0x208, 4), Hex("ffffffff"));
+}
+
+TEST_F(FabricFileTest, ImageThatDoesNotFitItsDeviceIsNamed) {
+  const auto error = [&](const std::string& image) {
+    _folder.Write("fw.img", image);
+    return ErrorOfFile(Device(_eeprom + "[[device.contents]]\nimage = \"fw.img\""));
+  };
+  EXPECT_THAT(error("DEVMAP 4 50\nSTART A 0 50\n1 1 1 1\n1 1 1 1\nEND A\n"),
+              HasSubstr("the device map ends before address"));
+  EXPECT_THAT(error("DEVMAP 10 50\nDEVMAP 10 51\nSTART A 0 51\n1 1 1 1\nEND A\n"),
+              HasSubstr("No chip at this address"));
+  EXPECT_THAT(error("DEVMAP 10 50\nREPLACE CRC 0 50 5 50 8 50\n"
+                    "START A 0 50\n1 1 1 1\n1 1 1 1\n1 1 1 1\nEND A\n"),
+              HasSubstr("The CRC at address 8 covers no whole words"));
+}
+
+/// Boot reports of a flash of eight sectors.
+class BootReportTest : public FabricFileTest {
+ protected:
+  std::string ReportOf(const std::string& image) {
+    Load(Device("[device.flash]\nsize = 0x800\nsector_size = 0x100\n"));
+    return sim::BootReport(_fabric, {_folder.Write("fw.img", image)});
+  }
+};
+
+TEST_F(BootReportTest, ADeviceWithoutAKnownImageIsNotJudged) {
+  Load(Device(_eeprom));
+  EXPECT_EQ(sim::BootReport(_fabric, {}),
+            "0x0000000000000010 not judged: no known image; name one with --image\n");
+}
+
+TEST_F(BootReportTest, AnImageThatPlacesNoSlotsJudgesNothing) {
+  EXPECT_THAT(ReportOf("DEVICE_TYPE RV61100\nSTART A 0 0\n1 1 1 1\nEND A\n"),
+              HasSubstr("fw.img is for a device without two image slots"));
+}
+
+TEST_F(BootReportTest, AMissingRecordIsNamed) {
+  EXPECT_THAT(ReportOf("DEVICE_TYPE RV52100\nSTART A 0 0\n1 1 1 1\nEND A\n"),
+              HasSubstr("Ps Addr[0]"));
+  EXPECT_THAT(sim::BootReport(_fabric, {_folder.Write("fw.img",
+                                                      "DEVICE_TYPE RV61300\nIMAGE 0 0 0\n"
+                                                      "START A 0 0\n1 1 1 1\nEND A\n")}),
+              HasSubstr("Image Addr[1]"));
+}
+
+TEST_F(BootReportTest, AnImageThatCannotBeReadJudgesNothing) {
+  Load(Device(_eeprom));
+  EXPECT_THAT(sim::BootReport(_fabric, {_folder / "missing.img"}), HasSubstr("not judged: "));
 }
 
 TEST_F(FabricFileTest, StateIsKeptInFilesAndContentsOnlyFillNewOnes) {
