@@ -123,6 +123,7 @@ std::vector<std::string> FilesFor(const std::vector<const device::Section*>& sec
                                   const ExtractOptions& options) {
   if (!options.section.empty()) return {options.output};
   std::vector<std::string> files;
+  files.reserve(sections.size());
   std::set<std::string> taken;
   for (const device::Section* section : sections) {
     files.push_back((fs::path(options.all) / FileName(*section, taken)).string());

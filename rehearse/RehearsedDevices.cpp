@@ -86,6 +86,7 @@ std::string RehearsedDevices::OrderErrorOf(device::Guid guid,
   const device::Burn burn(_image, device::BurnKind::FAILSAFE, sim::IdentityOf(device));
   const device::Memory before = sim::MemoryOf(device, _image);
   std::vector<device::MemoryChange> made;
+  made.reserve(changes.size());
   for (const LoggedOperation& change : changes) {
     made.push_back(sim::ChangeOf(
         {change.kind, guid, change.chip, change.offset, change.bytes, change.size}, _image));
