@@ -9,10 +9,10 @@ namespace {
 
 /// The bytes of `change` that lie in `range` are those of `wanted`, which starts with the range.
 bool Holds(const MemoryChange& change, const Range& range, View wanted) {
-  for (std::uint64_t at = change.addr; at < change.addr + change.bytes.size(); ++at) {
-    if (range.Holds(at, 1) && change.bytes[at - change.addr] != wanted[at - range.addr]) {
-      return false;
-    }
+  for (std::size_t i = 0; i < change.bytes.size(); ++i) {
+    const std::uint64_t at = change.addr + i;
+    if (!range.Holds(at, 1)) continue;
+    if (change.bytes[i] != wanted[static_cast<std::size_t>(at - range.addr)]) return false;
   }
   return true;
 }
