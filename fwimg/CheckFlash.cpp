@@ -24,7 +24,8 @@ void CheckRecord(const CheckedImage& image, std::uint32_t idx, const SectionLine
   }
   const std::uint32_t size = image.WordAt(std::uint64_t{ps.addr} + WORD_SIZE);
   if (image.has_slots && size != image.slot_extent) {
-    findings.Add(ProblemId::PS_SIZE, ps.line,
+    const bool is_part = size < image.slot_extent;
+    findings.Add(is_part ? ProblemId::PS_SIZE : ProblemId::PS_SIZE_LARGE, ps.line,
                  Text(Name(ps), " gives the image ", HexText(size), " bytes; it has ",
                       HexText(image.slot_extent)));
   }

@@ -116,8 +116,11 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     {ProblemId::PS_IN_IMAGE, "ps-in-image", E,
      "the image and its pointer sector are burnt over each other: the slot does not boot"},
     {ProblemId::PS_RECORD, "ps-record", E, "the boot code looks for the image elsewhere"},
-    {ProblemId::PS_SIZE, "ps-size", W,
-     "moving the image copies another number of bytes than it has"},
+    {ProblemId::PS_SIZE, "ps-size", E,
+     "moving the image copies only a part of it, and invalidates the whole one: the "
+     "device starts the part"},
+    {ProblemId::PS_SIZE_LARGE, "ps-size-large", W,
+     "moving the image copies more bytes than it has"},
     {ProblemId::PS_CRC, "ps-crc", E,
      "the record keeps a CRC for another signature: the slot does not boot"},
     {ProblemId::SIGNATURE_PLACE, "signature-place", E,
