@@ -1,0 +1,1 @@
+// Nothing: the file that the precompiled headers belong to.
