@@ -434,8 +434,8 @@ bool EndIfRunning(const std::string& pid_file) {
   const pid_t pid = std::stoi(ReadText(pid_file));
   // A process that has ended and that nobody has waited for has no program.
   std::error_code none;
-  std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", none);
-  return !none && kill(pid, SIGTERM) == 0;
+  const auto program = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", none);
+  return !program.empty() && kill(pid, SIGTERM) == 0;
 }
 
 TEST_F(ReportTest, WhatTheBurnStartedHoldsTheReportUpForSecondsOnly) {
