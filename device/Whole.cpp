@@ -1,7 +1,7 @@
 #include "device/Whole.h"
 
 #include <algorithm>
-#include <optional>
+#include <sstream>
 
 #include "device/Burn.h"
 #include "device/Crc.h"
@@ -85,6 +85,13 @@ std::string Describe(const Verdict& verdict) {
   return text + (verdict.invariant_is_whole ? "" : ", invariant sector broken");
 }
 
+std::string Describe(const ShortRecord& record) {
+  std::ostringstream text;
+  text << "the record of slot " << record.slot << " gives 0x" << std::hex << record.record_size
+       << " bytes, and its image has 0x" << record.image_size;
+  return text.str();
+}
+
 Judge::Judge(const BootLayout& layout, device::Bytes memory)
     : _layout(layout), _memory(std::move(memory)) {}
 
@@ -136,6 +143,7 @@ void Judge::AddMoved(const Known& second, View record) {
   const std::uint32_t from = WordAt(record, RECORD_ADDR);
   const std::uint32_t to = FIRST_IMAGE_SECTOR * _layout.sector_size;
   Known moved{0, second.whole, {}};
+  moved.image_size = second.image_size;
   for (const auto& [addr, bytes] : second.ranges) {
     if (addr == _layout.records[1]) continue;
     if (addr < from) return;
@@ -163,6 +171,8 @@ void Judge::AddSlot(const Image& image, const Memory& filled, std::uint32_t slot
   for (const Section* section : image.SlotSections()) {
     const std::uint32_t addr = image.AddressInSlot(*section, slot);
     if (!add(addr, section->data.size())) return;
+    const std::uint64_t end = addr + std::uint64_t{section->data.size()};
+    known.image_size = std::max(known.image_size, end - known.ranges.front().first);
   }
   if (_layout.HasPointerSectors()) {
     const std::uint32_t start = _layout.records[slot];
@@ -234,6 +244,22 @@ bool Judge::Boots(std::uint32_t slot) const {
     _is_judged[slot] = true;
   }
   return _boots[slot];
+}
+
+std::optional<ShortRecord> Judge::ShortRecordOf(std::uint32_t slot) const {
+  if (!_layout.HasPointerSectors()) return std::nullopt;
+  for (const Known& known : _known) {
+    if (known.slot != slot) continue;
+    for (const auto& [start, bytes] : known.ranges) {
+      if (start != _layout.records[slot] || bytes.size() < POINTER_RECORD_SIZE) continue;
+      const std::uint32_t size = WordAt(bytes, RECORD_IMAGE_SIZE);
+      const View held = View(_memory).subspan(start, POINTER_RECORD_SIZE);
+      if (size < known.image_size && std::ranges::equal(held, View(bytes).first(held.size()))) {
+        return ShortRecord{slot, size, known.image_size};
+      }
+    }
+  }
+  return std::nullopt;
 }
 
 Verdict Judge::CurrentVerdict() const {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,6 +68,17 @@ struct Verdict {
   bool operator==(const Verdict&) const = default;
 };
 
+/// The record of a slot gives fewer bytes than the image has that it was made for.
+struct ShortRecord {
+  std::uint32_t slot = 0;
+  std::uint32_t record_size = 0;  ///< bytes, as the record has it
+  std::uint64_t image_size = 0;   ///< bytes, from the first section's first to the last one's last
+  bool operator==(const ShortRecord&) const = default;
+};
+
+/// In words: "the record of slot 0 gives 0x800 bytes, and its image has 0x1800".
+std::string Describe(const ShortRecord& record);
+
 /// In words: "boots old: slot 0 old, slot 1 invalid". "boots old or BROKEN" where a slot boots and
 /// is not whole; "DOES NOT BOOT" where none boots.
 std::string Describe(const Verdict& verdict);
@@ -97,6 +109,9 @@ class Judge {
 
   Verdict CurrentVerdict() const;
   bool Boots(std::uint32_t slot) const;
+  /// The record in the slot is that of a known image, and gives a smaller size than that has. A
+  /// burn that moves the image goes by the record, and leaves a part of it.
+  std::optional<ShortRecord> ShortRecordOf(std::uint32_t slot) const;
   bool IsSigned(std::uint32_t slot) const { return SlotIsSigned(_layout, slot, _memory); }
 
  private:
@@ -106,6 +121,7 @@ class Judge {
     Whole whole;
     std::vector<std::pair<std::uint32_t, device::Bytes>> ranges;  ///< by start address
     std::size_t wrong = 0;                                        ///< bytes that differ now
+    std::uint64_t image_size = 0;  ///< bytes of its sections, gaps included; 0 if not known
   };
 
   static constexpr std::uint32_t INVARIANT = SLOTS;  ///< in the place of a slot

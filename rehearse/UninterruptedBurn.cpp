@@ -92,6 +92,11 @@ std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
              "the signature";
     }
   }
+  if (const auto record = before.ShortRecordOf(1);
+      _has_moved && verdict.slots[0].BootsBroken() && record) {
+    return "the second image was moved by its record, and only a part of it was copied: " +
+           device::Describe(*record);
+  }
   if (_has_moved && verdict.slots[1].BootsBroken()) {
     return "the copy of the second image overlaps the second image, the only valid one";
   }

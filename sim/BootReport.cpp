@@ -39,7 +39,7 @@ void AddKnownImageFile(device::Judge& judge, const Device& device, const std::st
 
 namespace {
 
-device::Verdict JudgeByImages(const Device& device, const std::vector<std::string>& images) {
+device::Judge JudgeByImages(const Device& device, const std::vector<std::string>& images) {
   if (device.images.empty() && images.empty()) {
     throw JudgeError("no known image; name one with --image");
   }
@@ -53,7 +53,18 @@ device::Verdict JudgeByImages(const Device& device, const std::vector<std::strin
     const bool is_new = burnt == images.back();
     AddKnownImageFile(judge, device, burnt, is_new ? device::Whole::NEW : device::Whole::OLD);
   }
-  return judge.CurrentVerdict();
+  return judge;
+}
+
+/// The verdict in words, and why a slot is broken, where the judge knows.
+std::string Describe(const device::Judge& judge) {
+  const device::Verdict verdict = judge.CurrentVerdict();
+  std::string text = device::Describe(verdict);
+  for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
+    if (!verdict.slots[slot].BootsBroken()) continue;
+    if (const auto record = judge.ShortRecordOf(slot)) text += "; " + device::Describe(*record);
+  }
+  return text;
 }
 
 }  // namespace
@@ -63,11 +74,11 @@ std::string BootReport(const Fabric& fabric, const std::vector<std::string>& ima
   for (const auto& [guid, device] : fabric.Devices()) {
     report += HexGuid(guid) + " ";
     try {
-      const device::Verdict verdict = JudgeByImages(device, images);
-      if (images.empty() && verdict.HasBroken()) {
+      const device::Judge judge = JudgeByImages(device, images);
+      if (images.empty() && judge.CurrentVerdict().HasBroken()) {
         report += "not judged: a slot holds an unknown image; name it with --image";
       } else {
-        report += Describe(verdict);
+        report += Describe(judge);
       }
     } catch (const JudgeError& error) {
       report += std::string("not judged: ") + error.what();

@@ -156,14 +156,28 @@ TEST_F(FlashJudgeTest, ACopyOfLessThanTheImageIsNotWhole) {
   _new = FlashImage(0x22, 0xA04);
   Judge judge = JudgeOf(before);
   EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 invalid, slot 1 old");
+  EXPECT_EQ(judge.ShortRecordOf(1), (ShortRecord{1, 8, 16}));
+  EXPECT_EQ(judge.ShortRecordOf(0), std::nullopt);
   Memory moved = before;
   Put(moved.bytes, 3 * SECTOR, Bytes(8, 0x11));
   Put(moved.bytes, PS[0], ValidRecord(3 * SECTOR, 8, 0x11));
   judge.SetAll(moved.bytes);
   EXPECT_TRUE(judge.CurrentVerdict().slots[0].BootsBroken());
+  ASSERT_EQ(judge.ShortRecordOf(0), (ShortRecord{0, 8, 16}));
+  EXPECT_EQ(Describe(*judge.ShortRecordOf(0)),
+            "the record of slot 0 gives 0x8 bytes, and its image has 0x10");
   Put(moved.bytes, 3 * SECTOR, Bytes(16, 0x11));
   judge.SetAll(moved.bytes);
   EXPECT_FALSE(judge.CurrentVerdict().slots[0].BootsBroken());
+}
+
+TEST_F(FlashJudgeTest, ARecordThatGivesAllOfItsImageIsNotShort) {
+  for (const std::uint32_t slot : {0u, 1u}) {
+    Judge judge = JudgeOf(FilledWith(_old, slot));
+    EXPECT_EQ(judge.ShortRecordOf(slot), std::nullopt);
+    judge.Set(SLOT[slot], 0x10);  // the image is damaged, and the record is right
+    EXPECT_EQ(judge.ShortRecordOf(slot), std::nullopt);
+  }
 }
 
 TEST_F(FlashJudgeTest, AnImageThatDoesNotFitIsNeverWhole) {

@@ -201,6 +201,16 @@ TEST_F(NotFailsafe, CopyingAnImageOverItself) {
   EXPECT_EQ(Report(), "boots BROKEN: slot 0 invalid, slot 1 broken");
 }
 
+TEST_F(NotFailsafe, MovingAnImageByAShortRecord) {
+  // The old second image has 0x100 bytes, of which its record gives half. The move is its six
+  // writes.
+  Images({.size = 0x100, .image1 = 0x1000, .missing = 0x80}, {.content = 0x22, .size = 0x500});
+  CutAt("-o", 8);
+  EXPECT_EQ(Report(),
+            "boots BROKEN: slot 0 broken, slot 1 invalid; the record of slot 0 gives 0x80 bytes, "
+            "and its image has 0x100");
+}
+
 TEST_F(NotFailsafe, FirstImageThatReachesIntoTheSecondSlot) {
   // The old first image ends at 0x1500, the new second one starts at 0x1400.
   Images({.size = 0x900, .image1 = 0x1800}, {.content = 0x22});

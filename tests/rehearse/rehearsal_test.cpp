@@ -284,6 +284,42 @@ TEST_F(RehearsalTest, SlotThatIsNotWholeBeforeIsNotTakenForWhole) {
             "a slot was marked valid before the burn, and its image was not whole");
 }
 
+TEST_F(RehearsalTest, CopyOfAPartOfTheSecondImageIsFoundOutAndExplained) {
+  // The record of the old second image gives 0x200 bytes; the image has 0x600. It is in the way of
+  // the new one, which moves it.
+  OldImage({.size = 0x600, .image1 = 0x1800, .missing = 0x400});
+  NewImage({.content = 0x22, .size = 0xE00, .image1 = 0x1C00});
+  const std::string fabric =
+      FabricFile(Text("[device.flash]\nsize = ", 2 * FLASH_SIZE, "\nsector_size = ", SECTOR),
+                 {Holds("old.img", 1)});
+  const rehearse::RehearsalReport report = rehearse::Rehearse(Options(fabric));
+  EXPECT_FALSE(report.IsWell());
+  EXPECT_GT(report.unbootable, 0u);  // from the end of the move to that of the burn
+  ASSERT_FALSE(report.exceptions.empty());
+  for (const rehearse::RehearsalException& exception : report.exceptions) {
+    EXPECT_EQ(exception.device, 0x10u);
+    EXPECT_EQ(exception.reason,
+              "the second image was moved by its record, and only a part of it was copied: the "
+              "record of slot 1 gives 0x200 bytes, and its image has 0x600");
+  }
+
+  // The same device as the move leaves it, as the simulator reports it.
+  const DataVec record = PointerSector(3 * SECTOR, 0x200, true);
+  sim::Fabric moved;
+  sim::LoadFabric(fabric, {}, moved);
+  sim::Chip& flash = moved.Find(0x10)->chips.at(0);
+  flash.Load(3 * SECTOR, DataVec(0x200, 0x11));
+  flash.Load(PS0, record);
+  flash.Load(PS1 + 8, Hex("00000000"));
+  EXPECT_EQ(sim::BootReport(moved, {_folder / "new.img"}),
+            "0x0000000000000010 boots BROKEN: slot 0 broken, slot 1 invalid; the record of slot 0 "
+            "gives 0x200 bytes, and its image has 0x600\n");
+
+  // Where the record is right, nothing is wrong.
+  OldImage({.size = 0x600, .image1 = 0x1800});
+  EXPECT_TRUE(rehearse::Rehearse(Options(fabric, 10)).IsWell());
+}
+
 TEST_F(RehearsalTest, DeviceNamedByTwoGuidsIsOneDevice) {
   OldImage();
   NewImage();

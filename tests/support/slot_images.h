@@ -37,6 +37,7 @@ struct FlashImage {
   u_int32_t image1 = IMAGE1;
   u_int8_t invariant = 0x77;
   u_int32_t image0 = IMAGE0;
+  u_int32_t missing = 0;  ///< bytes of the firmware that the records do not count
 
   std::string Text() const {
     DataVec invariant_sector(0x40, invariant);
@@ -47,8 +48,8 @@ struct FlashImage {
                   " 0\nIMAGE 1 ", image1, " 0\nREPLACE CRC ", PS0, " 0 ", PS0 + 256, " 0 ",
                   PS0 + 260, " 0\nREPLACE CRC ", PS1, " 0 ", PS1 + 256, " 0 ", PS1 + 260, " 0\n",
                   Section("INVARIANT", 0, invariant_sector),
-                  Section("PS0", PS0, PointerSector(image0, size, true)),
-                  Section("PS1", PS1, PointerSector(image1, size, false)),
+                  Section("PS0", PS0, PointerSector(image0, size - missing, true)),
+                  Section("PS1", PS1, PointerSector(image1, size - missing, false)),
                   Section("FIRMWARE", image0, DataVec(size, content)));
   }
 };
