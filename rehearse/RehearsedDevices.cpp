@@ -64,6 +64,10 @@ device::MemoryKind RehearsedDevices::MemoryKindOf(device::Guid guid) const {
   return sim::SectorSizeOf(device) == 0 ? device::MemoryKind::EEPROM : device::MemoryKind::FLASH;
 }
 
+device::BootLayout RehearsedDevices::LayoutOf(device::Guid guid) const {
+  return sim::LayoutOf(_image, _options.image_file, sim::SectorSizeOf(*_start.Find(guid)));
+}
+
 void RehearsedDevices::CopyTo(sim::Fabric& fabric) const {
   fabric.facts = _start.facts;
   for (const auto& [guid, device] : _start.Devices()) fabric.CopyDevice(device);
@@ -98,8 +102,8 @@ std::string RehearsedDevices::StepAt(device::Guid guid, const LoggedOperation& o
   const auto linear = LinearOf(operation.chip, operation.offset);
   if (!linear) return "memory outside the device map";
   const std::uint32_t addr = *linear;
-  const std::uint32_t sector = sim::SectorSizeOf(*_start.Find(guid));
-  const device::BootLayout layout = sim::LayoutOf(_image, _options.image_file, sector);
+  const device::BootLayout layout = LayoutOf(guid);
+  const std::uint32_t sector = layout.sector_size;
   for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
     const std::uint32_t record = layout.records[slot];
     if (layout.HasPointerSectors() && addr >= record && addr - record < sector) {

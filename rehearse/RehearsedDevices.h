@@ -25,6 +25,8 @@ class RehearsedDevices {
   const std::vector<device::Guid>& Guids() const { return _guids; }
   bool HasBootRecords() const { return _image.Slots() == device::SlotKind::BOOT_RECORDS; }
   device::MemoryKind MemoryKindOf(device::Guid guid) const;
+  /// Where the boot code of a device looks for its records.
+  device::BootLayout LayoutOf(device::Guid guid) const;
 
   /// The judge of a device, with the memory as it was before the burn.
   const device::Judge& JudgeOf(device::Guid guid) const { return _judges.at(guid); }

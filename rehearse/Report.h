@@ -11,6 +11,7 @@
 #include "device/Whole.h"
 #include "rehearse/InterruptionPoint.h"
 #include "rehearse/OperationLog.h"
+#include "rehearse/TornRecord.h"
 
 namespace rehearse {
 
@@ -19,6 +20,7 @@ namespace rehearse {
 struct RehearsalException {
   device::Guid device = 0;
   std::optional<InterruptionPoint> first = {};  ///< nothing before the burn, and after its end
+  std::optional<unsigned> seed = {};            ///< that shows it, where any other may not
   std::size_t points = 1;                       ///< number of successive points
   std::size_t first_request = 0;                ///< from 1; 0 where there is none
   std::size_t last_request = 0;
@@ -41,6 +43,7 @@ struct RehearsalReport {
   std::size_t unbootable = 0;
   std::size_t may_not_boot = 0;  ///< points with a whole image, and another slot that boots an
                                  ///< image that is not whole
+  TornRecords torn_records;
   std::map<Interruption, std::size_t> recoveries;
   std::size_t unrecovered = 0;
   double seconds = 0;

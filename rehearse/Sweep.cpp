@@ -1,8 +1,18 @@
 #include "rehearse/Sweep.h"
 
+#include <algorithm>
+#include <map>
+
+#include "common/Text.h"
+#include "device/Chip.h"
+#include "rehearse/TornRecord.h"
+
 namespace rehearse {
 
 namespace {
+
+/// So many seeds are tried to find one that shows a torn record that adds up.
+constexpr unsigned MOST_SEEDS = 1u << 14;
 
 /// The sweep of one device.
 class DeviceSweep {
@@ -13,6 +23,7 @@ class DeviceSweep {
         _devices(devices),
         _burn(burn),
         _guid(guid),
+        _layout(devices.LayoutOf(guid)),
         _report(report),
         _judge(devices.JudgeOf(guid)) {}
 
@@ -24,12 +35,20 @@ class DeviceSweep {
       const CellAccess cells = CellsOf(log[i].chip);
       for (std::size_t n = 0; n < log[i].Cuts(); ++n, ++point) {
         const Cut cut = NthCut(log[i], i, n);
+        // One point alone is looked at as its seed has it.
+        const bool is_torn = cut.kind == CutKind::TORN_WORD && !_options.at;
+        const bool adds_up = is_torn && CountTorn(log[i], cut, point);
         ApplyCut(log[i], memory, cut, _options.seed, cells);
-        if (IsAsked(point)) Look(log[i], cut, point);
+        if (IsAsked(point)) Look(log[i], cut, point, adds_up);
       }
       if (i % 1000 == 0) progress("sweeping", i, log.size());
     }
     progress("sweeping", log.size(), log.size());
+    for (auto& [slot, torn] : _torn) {
+      torn.exception.step = common::Text("boot record of slot ", slot, ", torn: ", torn.valid,
+                                         " of ", torn.mixes, " mixes of old and new bits add up");
+      _report.Add(torn.exception);
+    }
   }
 
  private:
@@ -48,10 +67,84 @@ class DeviceSweep {
             }};
   }
 
-  void Look(const LoggedOperation& operation, const Cut& cut, std::size_t point) {
+  /// The word of a boot record that a cut tears; nothing where it tears none.
+  std::optional<RecordWord> RecordWordAt(const LoggedOperation& operation, const Cut& cut) const {
+    if (!_devices.HasBootRecords() || _burn.IsPlain()) return std::nullopt;
+    const std::size_t start = cut.word * device::WORD_SIZE;
+    const auto addr =
+        _devices.LinearOf(operation.chip, static_cast<std::uint32_t>(operation.offset + start));
+    if (!addr) return std::nullopt;
+    const device::View wanted = device::View(operation.bytes).subspan(start);
+    const std::size_t size = std::min<std::size_t>(device::WORD_SIZE, wanted.size());
+    for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
+      const std::size_t record = _layout.records[slot];
+      const std::size_t end = record + device::BOOT_RECORD_SIZE;
+      if (*addr + size <= record || *addr >= end) continue;
+      if (std::max(end, *addr + size) > _judge.Bytes().size()) continue;
+      const auto part = [this](std::size_t from, std::size_t length) {
+        const device::View bytes = _judge.Bytes().subspan(from, length);
+        return device::Bytes(bytes.begin(), bytes.end());
+      };
+      return RecordWord{slot,
+                        part(record, device::BOOT_RECORD_SIZE),
+                        static_cast<std::ptrdiff_t>(*addr) - static_cast<std::ptrdiff_t>(record),
+                        part(*addr, size),
+                        device::Bytes(wanted.begin(), wanted.begin() + static_cast<int>(size)),
+                        _devices.MemoryKindOf(_guid)};
+    }
+    return std::nullopt;
+  }
+
+  /// Counts what a torn word of a boot record may hold. Whether some of it boots by chance.
+  bool CountTorn(const LoggedOperation& operation, const Cut& cut, std::size_t point) {
+    const auto word = RecordWordAt(operation, cut);
+    if (!word) return false;
+    const MixCount count = CountMixes(*word);
+    _report.torn_records.Add(count);
+    if (count.valid == 0) return false;
+    const auto [found, is_first] = _torn.try_emplace(word->slot);
+    Torn& torn = found->second;
+    torn.mixes += count.mixes;
+    torn.valid += count.valid;
+    if (is_first) {
+      torn.exception = {.device = _guid,
+                        .first = InterruptionPoint{Interruption::POWER, point},
+                        .first_request = operation.request,
+                        .command = "write",
+                        .state = "boots BROKEN, if it takes that slot",
+                        .reason = MIX_ADDS_UP};
+      ShowTorn(operation, cut, *word, torn.exception);
+    } else {
+      ++torn.exception.points;
+    }
+    torn.exception.last_request = operation.request;
+    return true;
+  }
+
+  /// Finds a seed that tears the word so that the record adds up, and the state which that leaves.
+  void ShowTorn(const LoggedOperation& operation, const Cut& cut, const RecordWord& word,
+                RehearsalException& exception) {
+    const CellAccess cells = CellsOf(operation.chip);
+    const auto start = static_cast<std::uint32_t>(operation.offset + cut.word * device::WORD_SIZE);
+    const auto put_back = [&] {
+      for (std::uint32_t i = 0; i < word.held.size(); ++i) cells.set(start + i, word.held[i]);
+    };
+    for (unsigned seed = 1; seed <= MOST_SEEDS && !exception.seed; ++seed) {
+      ApplyCut(operation, word.memory, cut, seed, cells);
+      const device::Verdict verdict = _judge.CurrentVerdict();
+      if (verdict.slots[word.slot].BootsBroken()) {
+        exception.seed = seed;
+        exception.state = Describe(verdict);
+      }
+      put_back();
+    }
+  }
+
+  /// `is_told`: what a torn word there may leave is an exception of its own.
+  void Look(const LoggedOperation& operation, const Cut& cut, std::size_t point, bool is_told) {
     const device::Verdict verdict = _judge.CurrentVerdict();
     _report.Count(cut.kind, verdict);
-    if (verdict.IsSafe()) {
+    if (verdict.IsSafe() || (is_told && !_goes_on)) {
       _goes_on = false;
     } else if (_goes_on && _last == verdict) {
       ++_report.exceptions.back().points;
@@ -70,14 +163,23 @@ class DeviceSweep {
     }
   }
 
+  /// The torn words of one slot's boot record.
+  struct Torn {
+    std::uint64_t mixes = 0;
+    std::uint64_t valid = 0;
+    RehearsalException exception;
+  };
+
   const RehearsalOptions& _options;
   const RehearsedDevices& _devices;
   const UninterruptedBurn& _burn;
   device::Guid _guid;
+  device::BootLayout _layout;
   RehearsalReport& _report;
   device::Judge _judge;
   device::Verdict _last;  ///< of the previous point, where that was an exception
   bool _goes_on = false;
+  std::map<std::uint32_t, Torn> _torn;  ///< by slot
 };
 
 }  // namespace

@@ -109,10 +109,7 @@ std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
 
 std::string UninterruptedBurn::ReasonWithBootRecords(const device::Verdict& verdict) const {
   if (!_ends_well) return "not every burnt slot holds a valid new image";
-  if (verdict.HasBroken()) {
-    return "a mix of an old and a new boot record happens to have a valid sum";
-  }
-  return NO_ORDER;
+  return verdict.HasBroken() ? MIX_ADDS_UP : NO_ORDER;
 }
 
 }  // namespace rehearse

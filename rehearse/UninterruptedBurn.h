@@ -14,6 +14,10 @@
 
 namespace rehearse {
 
+/// A part of an old and a part of a new boot record make a valid one.
+inline constexpr char MIX_ADDS_UP[] =
+    "a mix of an old and a new boot record happens to have a valid sum";
+
 /// One burn of all devices to its end, and what it changed on each of them.
 class UninterruptedBurn {
  public:
@@ -26,11 +30,13 @@ class UninterruptedBurn {
   /// Whether every device that booted before ends in the right state.
   bool EndsWell() const { return _ends_well; }
 
+  /// Whether it is not failsafe.
+  bool IsPlain() const { return _algorithm == "GenericBurn"; }
+
   /// Why a device that booted at the start does not boot when the burn is interrupted.
   std::string ReasonFor(device::Guid guid, const device::Verdict& verdict) const;
 
  private:
-  bool IsPlain() const { return _algorithm == "GenericBurn"; }
   std::string ReasonForEnd(device::Guid guid, const device::Verdict& end,
                            const std::string& console) const;
   std::string ReasonWithPointerSectors(device::Guid guid, const device::Verdict& verdict) const;

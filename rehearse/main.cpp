@@ -75,6 +75,13 @@ void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
         common::Text(report.may_not_boot,
                      " may not boot: another slot is marked valid, and its image is not whole"));
   }
+  if (const rehearse::TornRecords& torn = report.torn_records; torn.words > 0) {
+    row("torn boot records",
+        torn.valid == 0 ? common::Text(torn.words, " words: none of ", torn.mixes, " mixes adds up")
+                        : common::Text(torn.words, " words: ", torn.valid, " of ", torn.mixes,
+                                       " mixes of old and new bits add up by chance, about 1 in ",
+                                       torn.OneIn(), " torn words"));
+  }
   if (report.unbootable_at_start > 0) {
     row("",
         common::Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
@@ -99,6 +106,7 @@ void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
     std::cout << "  " << common::HexGuid(exception.device) << ", ";
     if (exception.first) {
       std::cout << "point " << Describe(*exception.first);
+      if (exception.seed) std::cout << " (with --seed " << *exception.seed << ")";
       if (exception.points > 1) std::cout << " and " << exception.points - 1 << " more";
       std::cout << ", request " << exception.first_request;
       if (exception.last_request != exception.first_request) {
@@ -119,7 +127,10 @@ nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
   using rehearse::Interruption;
   nlohmann::json exceptions = nlohmann::json::array();
   for (const rehearse::RehearsalException& exception : report.exceptions) {
+    const nlohmann::json seed_of =
+        exception.seed ? nlohmann::json(*exception.seed) : nlohmann::json(nullptr);
     exceptions.push_back({{"device", common::HexGuid(exception.device)},
+                          {"seed", seed_of},
                           {"at", exception.first ? Describe(*exception.first) : ""},
                           {"points", exception.points},
                           {"first_request", exception.first_request},
@@ -146,6 +157,11 @@ nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
           {"boot_new", report.boot_new},
           {"unbootable", report.unbootable},
           {"may_not_boot", report.may_not_boot},
+          {"torn_records",
+           {{"words", report.torn_records.words},
+            {"mixes", report.torn_records.mixes},
+            {"valid", report.torn_records.valid},
+            {"one_in", report.torn_records.OneIn()}}},
           {"recoveries",
            {{"power", At(report.recoveries, Interruption::POWER)},
             {"killed", At(report.recoveries, Interruption::KILLED)},

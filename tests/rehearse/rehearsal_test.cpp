@@ -51,6 +51,13 @@ class RehearsalTest : public ConsoleTest {
     return options;
   }
 
+  /// Images of this kind differ behind their boot records only: no mix of two records adds up.
+  static std::string EepromImageWithOneRecord(u_int8_t content) {
+    DataVec data = EepromData(0x01);
+    std::fill(data.begin() + 16, data.end(), content);
+    return EepromText(data);
+  }
+
   void NewImage(const FlashImage& image = {.content = 0x22}) {
     _folder.Write("new.img", image.Text());
   }
@@ -228,8 +235,8 @@ TEST_F(RehearsalTest, ExceptionIsReplayedByItsPoint) {
 }
 
 TEST_F(RehearsalTest, SeveralDevicesAreEachJudgedByTheirOwnLog) {
-  _folder.Write("old.img", EepromImage(0x01));
-  _folder.Write("new.img", EepromImage(0x02));
+  _folder.Write("old.img", EepromImageWithOneRecord(0x01));
+  _folder.Write("new.img", EepromImageWithOneRecord(0x02));
   const std::string both = Holds("old.img", 0) + Holds("old.img", 1);
   const std::string first = Holds("old.img", 0) + Holds("old.img", 1, false);
   const std::string second = Holds("old.img", 0, false) + Holds("old.img", 1);
@@ -244,17 +251,55 @@ TEST_F(RehearsalTest, SeveralDevicesAreEachJudgedByTheirOwnLog) {
 }
 
 TEST_F(RehearsalTest, DeviceThatDidNotBootBeforeIsTold) {
-  _folder.Write("old.img", EepromImage(0x01));
-  _folder.Write("new.img", EepromImage(0x02));
-  const rehearse::RehearsalReport report =
-      rehearse::Rehearse(Options(FabricFile("chip = [{ address = 0, size = 0x100 }]",
-                                            {Holds("old.img", 0), Holds("old.img", 0, false)}),
-                                 5));
+  _folder.Write("old.img", EepromImageWithOneRecord(0x01));
+  _folder.Write("new.img", EepromImageWithOneRecord(0x02));
+  const rehearse::RehearsalReport report = rehearse::Rehearse(Options(
+      FabricFile("chip = [{ address = 0, size = 0x100 }]",
+                 {Holds("old.img", 0) + Holds("old.img", 1, false), Holds("old.img", 0, false)}),
+      5));
   EXPECT_EQ(report.unbootable_at_start, 1u);
   ASSERT_EQ(report.exceptions.size(), 1u);
   EXPECT_EQ(report.exceptions.front().device, 0x20u);
   EXPECT_EQ(report.exceptions.front().step, "before the burn");
   EXPECT_EQ(report.exceptions.front().reason, "the device did not boot before the burn");
+}
+
+TEST_F(RehearsalTest, TornBootRecordThatAddsUpIsFoundOutWhateverTheSeed) {
+  // Bytes 0 to 2 go from 1 to 2, byte 3 from 1 to 12: torn, each of bytes 0 to 2 is 0 to 3, and
+  // byte 3 any part of 13. The record adds up where the sum of the four is 4, as that of the old
+  // word is. The last word of the record is torn in one bit only, and the others stay as they are.
+  _folder.Write("old.img", EepromImage(0x01));
+  _folder.Write("new.img", EepromImage(0x02));
+  std::uint64_t sums = 0;
+  for (unsigned word = 0; word < 0x1000000; ++word) {
+    const unsigned bytes[] = {word & 0xFF, word >> 8 & 0xFF, word >> 16};
+    if (bytes[0] > 3 || bytes[1] > 3 || bytes[2] > 3) continue;
+    for (const unsigned last : {0u, 1u, 4u, 5u, 8u, 9u, 12u, 13u}) {
+      if (bytes[0] + bytes[1] + bytes[2] + last == 4) ++sums;
+    }
+  }
+  const std::string fabric = FabricFile("chip = [{ address = 0, size = 0x100 }]",
+                                        {Holds("old.img", 0) + Holds("old.img", 1)});
+  for (const unsigned seed : {1u, 2u, 3u}) {
+    rehearse::RehearsalOptions options = Options(fabric);
+    options.seed = seed;
+    const rehearse::RehearsalReport report = rehearse::Rehearse(options);
+    EXPECT_FALSE(report.IsWell());
+    EXPECT_EQ(report.torn_records.valid, 2 * (sums - 1));
+    ASSERT_EQ(report.exceptions.size(), 2u);  // one for each slot
+    const rehearse::RehearsalException& first = report.exceptions.front();
+    EXPECT_EQ(first.step, Text("boot record of slot 0, torn: ", sums - 1, " of ", 64 * 8 - 2,
+                               " mixes of old and new bits add up"));
+    EXPECT_EQ(first.state, "boots old or BROKEN: slot 0 broken, slot 1 old");
+    EXPECT_EQ(first.reason, "a mix of an old and a new boot record happens to have a valid sum");
+    // The point and the seed that it names show it.
+    ASSERT_TRUE(first.seed.has_value());
+    options.seed = *first.seed;
+    options.at = first.first;
+    const rehearse::RehearsalReport replayed = rehearse::Rehearse(options);
+    ASSERT_EQ(replayed.exceptions.size(), 1u);
+    EXPECT_EQ(replayed.exceptions.front().state, first.state);
+  }
 }
 
 TEST_F(RehearsalTest, BurnThatFailsByItselfIsNoRehearsal) {
