@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <vector>
 
 #include "device/Bytes.h"
@@ -15,10 +14,8 @@ struct ComparedRegion {
   const device::Section* section = nullptr;  ///< borrowed from the image
   std::uint32_t addr = 0;                    ///< linear, where the burn writes it
   device::Bytes expected{};                  ///< what the burn leaves there; as long as the section
-  device::Bytes found{};                     ///< what the device holds there
 
   std::uint64_t End() const { return addr + section->data.size(); }
-  std::size_t CountDifferences() const;
 };
 
 /// Adds a section that is burnt to `destination`, unless there is one with the same destination:
@@ -27,7 +24,5 @@ void AddSection(std::vector<ComparedRegion>& regions, const device::Section& sec
                 std::uint32_t destination);
 /// Adds all sections that a failsafe burn writes to a slot of the image.
 void AddSlot(std::vector<ComparedRegion>& regions, const device::Image& image, std::uint32_t slot);
-
-std::size_t CountDifferences(std::span<const ComparedRegion> regions);
 
 }  // namespace verify

@@ -10,9 +10,6 @@ namespace verify {
 
 namespace {
 
-/// Maximum size of one read in bytes. A longer answer may exceed the maximum length of a line, or
-/// the time limit.
-constexpr std::uint32_t READ_SIZE = 64 * 1024;
 constexpr std::uint32_t LOG2_CHUNK = 5;  // not used: only writes are cut into chunks
 
 /// The only requests that this program may send.
@@ -73,7 +70,11 @@ class DeviceReader::Interface {
   virtual RemoteRomInterface& Rom() = 0;
   virtual bool IsListed(device::Guid guid) const = 0;
   virtual device::Guid NodeGuid(device::Guid guid) const = 0;
+  virtual std::uint32_t MostAtOnce() const = 0;
+  /// Why one device failed; "" where it has not.
   virtual std::string FailureReason(device::Guid guid) const = 0;
+  /// Why the last request failed for all of its devices, and forgets it; nothing where none did.
+  virtual std::optional<std::string> TakeCommonFailure() = 0;
   virtual std::uint32_t FlashSize() const = 0;   ///< 0 for a memory that is not a flash
   virtual std::uint32_t SectorSize() const = 0;  ///< likewise
 };
@@ -88,13 +89,18 @@ class DeviceReader::InterfaceTo : public Interface, private Remote {
   device::Guid NodeGuid(device::Guid guid) const override {
     return this->_devs_data.at(guid)->node_guid;
   }
+  std::uint32_t MostAtOnce() const override { return std::max(1u, this->_multi_max); }
   std::string FailureReason(device::Guid guid) const override {
-    constexpr device::Guid ALL = 0;  // all devices that a request named
-    for (const device::Guid failed : {guid, ALL}) {
-      const auto found = this->_error_des.find(failed);
-      if (found != this->_error_des.end()) return found->second;
-    }
-    return "";
+    const auto found = this->_error_des.find(guid);
+    return found == this->_error_des.end() ? "" : Reason(found->second);
+  }
+  std::optional<std::string> TakeCommonFailure() override {
+    constexpr device::Guid ALL = 0;
+    const auto found = this->_error_des.find(ALL);
+    if (found == this->_error_des.end()) return {};
+    std::string reason = Reason(found->second);
+    this->_error_des.erase(found);
+    return reason;
   }
   std::uint32_t FlashSize() const override {
     if constexpr (std::is_same_v<Remote, RemoteFlashInterface>) return this->_flash_size;
@@ -103,6 +109,12 @@ class DeviceReader::InterfaceTo : public Interface, private Remote {
   std::uint32_t SectorSize() const override {
     if constexpr (std::is_same_v<Remote, RemoteFlashInterface>) return this->_sector_size;
     return 0;
+  }
+
+ private:
+  /// Never "", which would mean that nothing has failed.
+  static std::string Reason(const std::string& text) {
+    return text.empty() ? "the server gave no reason" : text;
   }
 
  protected:
@@ -115,8 +127,15 @@ class DeviceReader::InterfaceTo : public Interface, private Remote {
   }
 };
 
-DeviceReader::DeviceReader(const device::Image& image, device::Guid guid)
-    : _image(image), _guid(guid), _convertor(std::make_unique<MapConvertor>(image)) {
+std::uint32_t DeviceReader::PieceSize(std::size_t devices) {
+  constexpr std::size_t LEAST = 16;  // however many devices a server takes at once
+  const std::size_t size = MOST_FROM_ALL / std::max<std::size_t>(1, devices);
+  return static_cast<std::uint32_t>(
+      std::clamp<std::size_t>(size / device::WORD_SIZE * device::WORD_SIZE, LEAST, MOST_FROM_ONE));
+}
+
+DeviceReader::DeviceReader(const device::Image& image, const std::set<device::Guid>& guids)
+    : _image(image), _guids(guids), _convertor(std::make_unique<MapConvertor>(image)) {
   if (IsFlash()) {
     _interface = std::make_unique<InterfaceTo<RemoteFlashInterface>>();
   } else {
@@ -128,11 +147,19 @@ DeviceReader::DeviceReader(const device::Image& image, device::Guid guid)
 DeviceReader::~DeviceReader() = default;
 
 void DeviceReader::Open(const std::string& server) {
-  _interface->Rom().SetAccessDevices({_guid});
-  _interface->Rom().Open(server.c_str());
+  try {
+    _interface->Rom().SetAccessDevices(_guids);
+    _interface->Rom().Open(server.c_str());
+  } catch (const BraidError& error) {
+    if (const auto reason = _interface->TakeCommonFailure()) {
+      for (const device::Guid guid : _guids) Drop(guid, *reason);
+    }
+    const auto is_dropped = [this](device::Guid guid) { return IsDropped(guid); };
+    if (!std::ranges::all_of(_guids, is_dropped)) throw ServerFailure{error.Des()};
+  }
 }
 
-device::Guid DeviceReader::NodeGuid() const { return _interface->NodeGuid(_guid); }
+std::uint32_t DeviceReader::MostAtOnce() const { return _interface->MostAtOnce(); }
 
 std::uint32_t DeviceReader::SectorSize() const { return _interface->SectorSize(); }
 
@@ -145,64 +172,101 @@ std::optional<std::uint64_t> DeviceReader::KnownEnd() const {
 }
 
 bool DeviceReader::Holds(std::uint32_t start, std::uint64_t size) const {
-  return start + size <= KnownEnd().value_or(std::uint64_t{1} << 32);
+  return start + size <= KnownEnd().value_or(device::ADDRESS_SPACE);
 }
 
-device::Bytes DeviceReader::Read(std::uint32_t start, std::uint32_t size) {
-  device::Bytes bytes;
-  bytes.reserve(size);
-  ReadPieces(start, size, [&](std::span<const std::uint8_t> piece) {
-    bytes.insert(bytes.end(), piece.begin(), piece.end());
-  });
-  return bytes;
+bool DeviceReader::IsListed(device::Guid guid) const { return _interface->IsListed(guid); }
+
+std::string DeviceReader::FailureReason(device::Guid guid) const {
+  const auto found = _dropped.find(guid);
+  return found == _dropped.end() ? _interface->FailureReason(guid) : found->second;
 }
 
-void DeviceReader::ReadPieces(std::uint32_t start, std::uint32_t size,
-                              const std::function<void(std::span<const std::uint8_t>)>& take) {
-  if (!Holds(start, size)) throw Unreadable{"the image reaches past the device's memory"};
-  RemoteRomInterface& rom = _interface->Rom();
+void DeviceReader::Drop(device::Guid guid, const std::string& reason) {
+  if (!IsDropped(guid)) _dropped[guid] = reason;
+}
+
+device::Guid DeviceReader::NodeGuid(device::Guid guid) const { return _interface->NodeGuid(guid); }
+
+void DeviceReader::Read(const std::vector<device::Guid>& guids, std::uint32_t start,
+                        std::uint32_t size, const Take& take) {
+  if (!Holds(start, size)) {
+    for (const device::Guid guid : guids) Drop(guid, "the image reaches past the device's memory");
+    return;
+  }
+  const std::uint32_t most = PieceSize(guids.size());
   for (std::uint32_t done = 0; done < size;) {
     const std::uint32_t at = start + done;
-    const std::uint32_t piece = std::min({size - done, READ_SIZE, LeftInChip(at)});
-    rom.Read(at, piece);
-    const RomInterface::Result* result = rom.LastActionResult(_guid);
-    if (result == nullptr || result->_data.size() < piece) {
-      throw Unreadable{common::Text("read ", result == nullptr ? 0 : result->_data.size(),
-                                    " bytes of ", piece, " at address ", std::hex, at)};
-    }
-    take(std::span(result->_data).first(piece));  // the answer may have more: it is in whole words
+    const std::uint64_t in_chip = _image.LeftInChip(at);  // 0: without a device map
+    const auto piece = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>({size - done, most, in_chip == 0 ? most : in_chip}));
+    ReadPiece(guids, at, piece, take);
     done += piece;
   }
 }
 
-const device::Bytes& DeviceReader::Field(device::FieldType type) {
-  const auto [known, is_new] = _fields.try_emplace(type);
-  device::Bytes& bytes = known->second;
-  if (!is_new) return bytes;
+void DeviceReader::ReadPiece(const std::vector<device::Guid>& guids, std::uint32_t at,
+                             std::uint32_t size, const Take& take) {
+  RemoteRomInterface& rom = _interface->Rom();
+  GuidSet asked;
+  for (const device::Guid guid : guids) {
+    if (!IsDropped(guid)) asked.insert(guid);
+  }
+  if (asked.empty()) return;
   try {
-    DataVec value;
-    _interface->Rom().GetField(_guid, InterfaceType(type), value);
-    bytes.assign(value.begin(), value.end());
+    // Unchanged devices are not formatted again.
+    if (rom.GetActiveDevices() != asked) rom.SetActiveDevices(asked);
+    rom.Read(at, size);
   } catch (const BraidError& error) {
-    // These two are requested now; the others were in the device's record.
-    if (type == device::FieldType::BSN || type == device::FieldType::VSD) throw;
-    throw Unreadable{error.Des()};
+    if (const auto reason = _interface->TakeCommonFailure()) {
+      if (asked.size() == 1) {
+        Drop(*asked.begin(), *reason);
+        return;
+      }
+      // The server does not tell which of them is at fault: ask each alone.
+      for (const device::Guid guid : asked) ReadPiece({guid}, at, size, take);
+      return;
+    }
+    const auto is_dropped = [this](device::Guid guid) { return IsDropped(guid); };
+    if (!std::ranges::all_of(asked, is_dropped)) throw ServerFailure{error.Des()};
   }
-  const device::FieldRow& row = device::RowOf(type);
-  if (bytes.size() != row.size) {
-    throw Unreadable{common::Text("the device's ", row.keyword, " has ", bytes.size(),
-                                  " bytes, the image needs ", row.size)};
+  for (const device::Guid guid : asked) {
+    if (IsDropped(guid)) continue;
+    const RomInterface::Result* result = rom.LastActionResult(guid);
+    const std::size_t got = result == nullptr ? 0 : result->_data.size();
+    if (got < size) {
+      Drop(guid, common::Text("read ", got, " bytes of ", size, " at address ", std::hex, at));
+      continue;
+    }
+    // The answer may have more: it is in whole words.
+    take(guid, at, std::span(result->_data).first(size));
   }
-  return bytes;
 }
 
-std::string DeviceReader::FailureReason() const { return _interface->FailureReason(_guid); }
-
-bool DeviceReader::IsListed() const { return _interface->IsListed(_guid); }
-
-std::uint32_t DeviceReader::LeftInChip(std::uint32_t at) const {
-  const std::uint64_t left = std::min<std::uint64_t>(_image.LeftInChip(at), READ_SIZE);
-  return left == 0 ? READ_SIZE : static_cast<std::uint32_t>(left);
+device::Bytes DeviceReader::Field(device::Guid guid, device::FieldType type) {
+  DataVec value;
+  const auto fail = [&](const std::string& reason) {
+    Drop(guid, reason);
+    throw Unreadable{FailureReason(guid)};
+  };
+  try {
+    _interface->Rom().GetField(guid, InterfaceType(type), value);
+  } catch (const BraidError& error) {
+    if (const auto reason = _interface->TakeCommonFailure()) fail(*reason);
+    if (IsDropped(guid)) fail("");
+    // These two are requested now; the others were in the device's record.
+    if (type == device::FieldType::BSN || type == device::FieldType::VSD) {
+      throw ServerFailure{error.Des()};
+    }
+    fail(error.Des());
+  }
+  if (IsDropped(guid)) fail("");
+  const device::FieldRow& row = device::RowOf(type);
+  if (value.size() != row.size) {
+    fail(common::Text("the device's ", row.keyword, " has ", value.size(),
+                      " bytes, the image needs ", row.size));
+  }
+  return {value.begin(), value.end()};
 }
 
 }  // namespace verify

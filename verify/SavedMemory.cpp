@@ -7,7 +7,6 @@
 
 #include "common/Files.h"
 #include "common/Text.h"
-#include "src/RomInterface.h"
 #include "verify/ComparedRegion.h"
 #include "verify/Expectation.h"
 
@@ -26,8 +25,8 @@ std::uint64_t MemorySize(const device::Image& image, const DeviceReader& reader)
   return size;
 }
 
-void SaveChip(DeviceReader& reader, const std::filesystem::path& path, std::uint64_t start,
-              std::uint64_t size) {
+void SaveChip(DeviceReader& reader, device::Guid guid, const std::filesystem::path& path,
+              std::uint64_t start, std::uint64_t size) {
   const auto keep = [](const auto& action) {
     try {
       action();
@@ -37,49 +36,38 @@ void SaveChip(DeviceReader& reader, const std::filesystem::path& path, std::uint
   };
   std::optional<common::NewFile> file;
   keep([&] { file.emplace(path); });
-  reader.ReadPieces(
-      static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(size),
-      [&](std::span<const std::uint8_t> piece) {
+  reader.Read(
+      {guid}, static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(size),
+      [&](device::Guid, std::uint32_t, std::span<const std::uint8_t> piece) {
         keep([&] { file->Write({reinterpret_cast<const char*>(piece.data()), piece.size()}); });
       });
+  if (reader.IsDropped(guid)) throw CannotSave(guid, reader.FailureReason(guid));
   keep([&] { file->Keep(); });
-}
-
-void SaveChips(const device::Image& image, DeviceReader& reader,
-               const std::filesystem::path& folder) {
-  const std::uint64_t size = MemorySize(image, reader);
-  if (size > MOST_SAVED) {
-    throw SaveFailure{common::Text("the memory of ", common::HexGuid(reader.AskedGuid()), " has ",
-                                   size, " bytes, and no more than ", MOST_SAVED, " are saved")};
-  }
-  const std::string head = common::HexGuid(reader.NodeGuid());
-  if (reader.IsFlash() || image.map.empty()) {
-    SaveChip(reader, folder / (head + (reader.IsFlash() ? ".flash" : ".0.i2c")), 0, size);
-    return;
-  }
-  std::uint64_t start = 0;
-  for (const device::MappedChip& mapped : image.map) {
-    SaveChip(reader, folder / common::Text(head, ".", std::hex, std::uint32_t{mapped.chip}, ".i2c"),
-             start, mapped.size);
-    start += mapped.size;
-  }
 }
 
 }  // namespace
 
-void SaveMemory(const device::Image& image, DeviceReader& reader,
+SaveFailure CannotSave(device::Guid guid, const std::string& reason) {
+  return {"can't save the memory of " + common::HexGuid(guid) + ": " + reason};
+}
+
+void SaveMemory(const device::Image& image, DeviceReader& reader, device::Guid guid,
                 const std::filesystem::path& folder) {
-  const auto fail = [&](const std::string& reason) {
-    throw SaveFailure{"can't save the memory of " + common::HexGuid(reader.AskedGuid()) + ": " +
-                      reason};
-  };
-  try {
-    SaveChips(image, reader, folder);
-  } catch (const Unreadable& failure) {
-    fail(failure.reason);
-  } catch (const BraidError& error) {
-    const std::string reason = reader.FailureReason();
-    fail(reason.empty() ? error.Des() : reason);
+  const std::uint64_t size = MemorySize(image, reader);
+  if (size > MOST_SAVED) {
+    throw SaveFailure{common::Text("the memory of ", common::HexGuid(guid), " has ", size,
+                                   " bytes, and no more than ", MOST_SAVED, " are saved")};
+  }
+  const std::string head = common::HexGuid(reader.NodeGuid(guid));
+  if (reader.IsFlash() || image.map.empty()) {
+    SaveChip(reader, guid, folder / (head + (reader.IsFlash() ? ".flash" : ".0.i2c")), 0, size);
+    return;
+  }
+  std::uint64_t start = 0;
+  for (const device::MappedChip& mapped : image.map) {
+    const auto name = common::Text(head, ".", std::hex, std::uint32_t{mapped.chip}, ".i2c");
+    SaveChip(reader, guid, folder / name, start, mapped.size);
+    start += mapped.size;
   }
 }
 

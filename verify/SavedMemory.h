@@ -19,9 +19,12 @@ struct SaveFailure {
   std::string reason;
 };
 
-/// Writes the whole memory to `folder`, one file for each chip. Throws only SaveFailure, whatever
-/// fails: the bytes that are not compared do not change the verdict.
-void SaveMemory(const device::Image& image, DeviceReader& reader,
+/// "can't save the memory of GUID: REASON"
+SaveFailure CannotSave(device::Guid guid, const std::string& reason);
+
+/// Writes the whole memory of one device to `folder`, one file for each chip. Throws SaveFailure
+/// and ServerFailure.
+void SaveMemory(const device::Image& image, DeviceReader& reader, device::Guid guid,
                 const std::filesystem::path& folder);
 
 }  // namespace verify

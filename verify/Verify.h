@@ -1,24 +1,18 @@
 /// Verifies devices: compares what they hold with what a burn of an image must have left.
 #pragma once
 
+#include <deque>
+#include <functional>
 #include <optional>
+#include <set>
 #include <string>
 
-#include "device/Boot.h"
 #include "device/Image.h"
-#include "verify/DeviceReader.h"
+#include "verify/Comparison.h"
 #include "verify/Finding.h"
+#include "verify/Workers.h"
 
 namespace verify {
-
-/// Which slots are compared.
-enum class SlotChoice {
-  FIRST,
-  SECOND,
-  AUTO,  ///< with pointer sectors, the valid or signed slots; with boot records, both; all sections
-         ///< where the image cannot be burnt into slots
-  NONE,  ///< all sections at their addresses, as a burn that is not failsafe leaves them
-};
 
 /// Throws std::invalid_argument, with the text of fwpush, when `server` is not of the form
 /// "TYPE:IP:PORT".
@@ -27,29 +21,41 @@ void CheckServerForm(const std::string& server);
 /// Verifies devices behind one server against one image. Only reads.
 class Verifier {
  public:
+  using Take = std::function<void(const DeviceFinding&)>;
+
   /// Loads the image. `save` is the folder for the devices' memories, where they are to be saved.
-  /// Throws device::ImageError.
+  /// Throws device::ImageError,
+  /// for an image without a byte to compare, too.
   Verifier(const std::string& image_file, const std::string& server, SlotChoice choice,
            const std::optional<std::string>& save);
 
-  /// Verifies one device over a new connection. Errors of the server are part of the finding.
+  /// Verifies devices, and calls `take` with their findings in ascending order of the GUIDs. Errors
+  /// of the server are part of the findings. EEPROM devices share one connection and its requests;
+  /// a new one is made only after a failure. Each flash needs a connection of its own: up to `jobs`
+  /// of them are read at the same time. Throws std::system_error where no process can be started.
+  void Verify(const std::set<device::Guid>& guids, unsigned jobs, const Take& take,
+              const PartDone& progress = {}) const;
+  /// The same for one device.
   DeviceFinding Verify(device::Guid guid) const;
 
   /// Whether the image can be burnt into slots.
-  bool HasSlots() const { return _has_slots; }
+  bool HasSlots() const { return _task.has_slots; }
 
   /// The warnings about the image file, one on each line.
   const std::string& Warnings() const { return _warnings; }
 
  private:
-  void Compare(DeviceReader& reader, DeviceFinding& finding) const;
+  class Connection;
 
-  std::string _server;
-  SlotChoice _choice;
-  std::optional<std::string> _save;
+  /// Verifies EEPROM devices, or one flash, over one connection.
+  void VerifyTogether(const std::set<device::Guid>& guids, FailureCount& failures, const Take& take,
+                      const PartDone& progress) const;
+  std::string Save(Connection& connection, const std::deque<device::Guid>& left) const;
+
+  const std::string _server;
+  const std::optional<std::string> _save;
   device::Image _image;
-  std::optional<device::BootLayout> _layout;  ///< where the image places the records of its slots
-  bool _has_slots = false;
+  Task _task;
   std::string _warnings;
 };
 

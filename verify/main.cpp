@@ -1,9 +1,13 @@
 /// fwpush-verify: compares the memory of devices with what a burn of an image leaves.
 
+#include <unistd.h>
+
 #include <filesystem>
+#include <iomanip>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 
 #include "common/Json.h"
@@ -13,8 +17,29 @@
 
 namespace {
 
-/// After failures of the server with so many devices in a row, the others are not tried.
-constexpr int MOST_FAILURES = 3;
+constexpr int MOST_JOBS = 64;
+
+/// Draws how much is done on a terminal on standard error, and nothing elsewhere.
+class ProgressBar {
+ public:
+  void Show(double part) {
+    const auto tenths = static_cast<std::size_t>(part * 10);
+    if (!_is_terminal || tenths == _shown) return;
+    _shown = tenths;
+    std::cerr << "\r" << std::left << std::setw(12) << "verifying"
+              << "[" << std::string(2 * tenths, '#') << std::string(2 * (10 - tenths), '.') << "] "
+              << tenths * 10 << "%  " << std::flush;
+  }
+  /// Before other output, and at the end.
+  void Remove() {
+    if (_shown) std::cerr << "\r\x1b[K" << std::flush;
+    _shown.reset();
+  }
+
+ private:
+  const bool _is_terminal = isatty(STDERR_FILENO) != 0;
+  std::optional<std::size_t> _shown;
+};
 
 std::string Slots(const std::vector<std::uint32_t>& slots) {
   if (slots.empty()) return "none";
@@ -30,6 +55,11 @@ std::string SlotText(const verify::DeviceFinding& finding) {
   }
   text += "marked valid " + Slots(finding.valid_slots) + ", ";
   const auto boots = finding.Boots();
+  if (!finding.valid_slots.empty() && !boots) {
+    const bool is_different = finding.invariant_sector == verify::InvariantSector::DIFFERENT;
+    return text + "invariant sector " + (is_different ? "differs" : "not compared") +
+           ": not known whether anything boots";
+  }
   return text + (boots ? "boots slot " + std::to_string(*boots) : "nothing boots");
 }
 
@@ -56,6 +86,19 @@ void Print(const verify::DeviceFinding& finding) {
   std::cout.flush();
 }
 
+nlohmann::json InvariantSectorJson(verify::InvariantSector sector) {
+  switch (sector) {
+    case verify::InvariantSector::IDENTICAL:
+      return "identical";
+    case verify::InvariantSector::DIFFERENT:
+      return "different";
+    case verify::InvariantSector::NONE:
+    case verify::InvariantSector::NOT_COMPARED:
+      break;
+  }
+  return nullptr;
+}
+
 nlohmann::json Json(const verify::DeviceFinding& finding) {
   nlohmann::json differences = nlohmann::json::array();
   for (const verify::Difference& difference : finding.differences) {
@@ -71,6 +114,7 @@ nlohmann::json Json(const verify::DeviceFinding& finding) {
           {"reason", finding.reason},
           {"boots", boots ? nlohmann::json(*boots) : nlohmann::json()},
           {"valid_slots", finding.valid_slots},
+          {"invariant_sector", InvariantSectorJson(finding.invariant_sector)},
           {"compared_slots", finding.slots},
           {"compared_bytes", finding.compared},
           {"different_bytes", finding.different},
@@ -89,6 +133,7 @@ struct Options {
   std::vector<std::string> guids;
   std::optional<std::string> save;
   std::string slot = "auto";
+  unsigned jobs = 8;
   bool is_json = false;
 };
 
@@ -107,10 +152,13 @@ class Run {
       if (!verifier.HasSlots() && (_options.slot == "0" || _options.slot == "1")) {
         return TellUsage("--slot " + _options.slot + ": the image has no slots; use --slot none");
       }
-      for (const device::Guid guid : devices) Take(Finding(verifier, guid));
+      verifier.Verify(
+          devices, _options.jobs, [this](const verify::DeviceFinding& finding) { Take(finding); },
+          [this](double part) { _bar.Show(part); });
     } catch (const std::exception& error) {
       Fail(error.what());
     }
+    _bar.Remove();
     if (_options.is_json) {
       const nlohmann::json result = {{"version", 1},
                                      {"image", _options.image},
@@ -130,22 +178,8 @@ class Run {
       {"none", verify::SlotChoice::NONE}};
 
  private:
-  verify::DeviceFinding Finding(verify::Verifier& verifier, device::Guid guid) {
-    verify::DeviceFinding finding;
-    if (_failures_in_a_row == MOST_FAILURES) {
-      finding.guid = guid;
-      finding.state = verify::DeviceFinding::UNREACHABLE;
-      finding.reason = "not tried: " + _last_failure;
-      return finding;
-    }
-    finding = verifier.Verify(guid);
-    const bool was_read = finding.state == verify::DeviceFinding::IDENTICAL ||
-                          finding.state == verify::DeviceFinding::DIFFERENT;
-    _failures_in_a_row = !finding.failure.empty() && !was_read ? _failures_in_a_row + 1 : 0;
-    return finding;
-  }
-
   void Take(const verify::DeviceFinding& finding) {
+    _bar.Remove();
     _is_well &= finding.state == verify::DeviceFinding::IDENTICAL;
     if (_options.is_json) {
       _findings.push_back(Json(finding));
@@ -158,6 +192,7 @@ class Run {
   /// Records a failure, and prints it unless it repeats the previous one.
   void Fail(const std::string& text) {
     if (_failure.empty()) _failure = text;
+    _bar.Remove();
     if (text != _last_failure) {
       std::cerr << "fwpush-verify: " << common::Printable(text) << std::endl;
     }
@@ -168,7 +203,7 @@ class Run {
   nlohmann::json _findings = nlohmann::json::array();
   std::string _failure;  ///< the first
   std::string _last_failure;
-  int _failures_in_a_row = 0;  ///< of the server
+  ProgressBar _bar;
   bool _is_well = true;
 };
 
@@ -184,6 +219,9 @@ int main(int argc, char* argv[]) {
   line.Add("-g", options.guids, "The devices, separated by commas; may be given again").Required();
   line.Add("--slot", options.slot, "The slot to compare: 0, 1, auto (those marked valid) or none")
       .OneOf({"0", "1", "auto", "none"})
+      .ShowDefault();
+  line.Add("--jobs", options.jobs, "How many flashes are read at the same time")
+      .InRange(1, MOST_JOBS)
       .ShowDefault();
   line.Add("--save", options.save, "Folder that gets each device's memory");
   line.AddFlag("--json", options.is_json, "Print the result for machines");

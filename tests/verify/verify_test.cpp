@@ -720,14 +720,65 @@ TEST_F(VerifyProgramTest, WhatBootsIsToldInBothForms) {
   EXPECT_EQ(result["failure"], "");
 }
 
+TEST_F(VerifyProgramTest, FlashWhoseInvariantSectorDiffersIsNotSaidToBoot) {
+  _fabric.Add(FlashDevice(0x10, FLASH_SIZE, SECTOR));
+  const std::string file = File(FlashImage{}.Text());
+  sim::FillFromFile(_fabric, 0x10, file, {.slot = 0});
+  protocol::ServerThread server(_fabric);
+  std::vector<std::string> words = {"-s", server.ServerString(), "-g", "10"};
+  EXPECT_EQ(Run(file, words).output,
+            "0x0000000000000010 identical: 360 bytes; compared slot 0, marked valid 0, boots slot "
+            "0\n");
+  server.BetweenRequests([this] { Poke(0x10, 0x30, {0x76}); });
+  EXPECT_EQ(Run(file, words).output,
+            "0x0000000000000010 different: 1 of 360 bytes; compared slot 0, marked valid 0, "
+            "invariant sector differs: not known whether anything boots\n"
+            "  INVARIANT+0x30 at 0x30: expected 77, found 76\n");
+  words.emplace_back("--json");
+  const nlohmann::json result = nlohmann::json::parse(Run(file, words).output)["devices"][0];
+  EXPECT_TRUE(result["boots"].is_null());
+  EXPECT_EQ(result["invariant_sector"], "different");
+  EXPECT_EQ(result["valid_slots"], nlohmann::json({0}));
+}
+
+TEST_F(VerifyProgramTest, ImageWithoutAByteIsAnError) {
+  const std::string file = File("DEVICE_TYPE RV61100\n");
+  const Outcome run = Run(file, {"-s", "IB:127.0.0.1:1", "-g", "10"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.output, "");
+  EXPECT_EQ(run.errors, "fwpush-verify: The image has no byte to compare\n");
+}
+
+TEST_F(VerifyProgramTest, ProgressIsShownOnATerminalOnly) {
+  const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(64, 0x44)));
+  for (const Guid guid : GuidSet{0x10, 0x20, 0x30}) _fabric.Add(Eeprom(guid));
+  Burn<InProcessI2c, GenericBurn>(file, {0x10, 0x20, 0x30});
+  _fabric.facts.multi_max = "1";
+  protocol::ServerThread server(_fabric);
+  const std::vector<std::string> words = {VERIFY_PROGRAM,        "-f", file,      "-s",
+                                          server.ServerString(), "-g", "10,20,30"};
+  const std::string results =
+      "0x0000000000000010 identical: 64 bytes\n0x0000000000000020 identical: 64 bytes\n"
+      "0x0000000000000030 identical: 64 bytes\n";
+  const Outcome pipe = RunProgram(words);
+  EXPECT_EQ(pipe.output, results);
+  EXPECT_EQ(pipe.errors, "");
+  std::string shown = RunProgram(words, Through::TERMINAL).output;
+  EXPECT_THAT(shown, testing::HasSubstr("\rverifying   [######..............] 30%  \r\x1b[K"));
+  shown = std::regex_replace(shown, std::regex("\rverifying   \\[#*\\.*\\] [0-9]*%  "), "");
+  shown = std::regex_replace(shown, std::regex("\r(\x1b\\[K)?"), "");
+  EXPECT_EQ(shown, results);
+}
+
 TEST_F(VerifyProgramTest, ServerThatFailsInBetweenHidesNoResult) {
   const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
   for (const Guid guid : GuidSet{0x10, 0x20, 0x30}) _fabric.Add(Eeprom(guid));
   Burn<InProcessI2c, GenericBurn>(file, {0x10, 0x20, 0x30});
   sim::Fault fault;
   fault.kind = sim::Fault::CLOSE_BEFORE;
-  fault.command = "NsGetDeviceByType";
-  fault.nth = 2;
+  fault.command = "Read";
+  fault.device = 0x20;
+  fault.from_then_on = true;
   _fabric.faults.Add(fault);
   protocol::ServerThread server(_fabric);
   const Outcome run = Run(file, {"-s", server.ServerString(), "-g", "10,20,30", "--json"});
@@ -735,7 +786,7 @@ TEST_F(VerifyProgramTest, ServerThatFailsInBetweenHidesNoResult) {
   const nlohmann::json result = nlohmann::json::parse(run.output);
   ASSERT_EQ(result["devices"].size(), 3u);
   EXPECT_EQ(result["devices"][0]["state"], "identical");
-  EXPECT_EQ(result["devices"][1]["state"], "unreachable");
+  EXPECT_EQ(result["devices"][1]["state"], "unreadable");
   EXPECT_EQ(result["devices"][2]["state"], "identical");
   EXPECT_THAT(result["failure"], testing::StartsWith("Failed remote read"));
   EXPECT_EQ(run.errors, "fwpush-verify: " + result["failure"].get<std::string>() + "\n");
