@@ -28,8 +28,15 @@ bool TakeAll(std::span<const char> bytes, const Write& write) {
 }  // namespace
 
 bool WriteAll(int fd, std::span<const char> bytes) {
-  return TakeAll(bytes,
-                 [fd](std::span<const char> rest) { return write(fd, rest.data(), rest.size()); });
+  return TakeAll(bytes, [fd](std::span<const char> rest) {
+    const ssize_t written = write(fd, rest.data(), rest.size());
+    if (written < 0 && errno == EAGAIN) {
+      pollfd waiting{fd, POLLOUT, 0};
+      poll(&waiting, 1, -1);
+      errno = EINTR;  // to be tried again
+    }
+    return written;
+  });
 }
 
 bool SendAll(int socket, std::span<const char> bytes) {

@@ -1,10 +1,13 @@
 #include "common/Program.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 
 #include "common/Text.h"
 
@@ -21,14 +24,25 @@ void Complain(const Program& program, const std::string& text) {
   std::cerr << program.name << ": " << (program.is_verbatim ? text : lines) << std::endl;
 }
 
+/// Opens those of descriptors 0 to 2 that are closed. Else files and connections of the program
+/// would get these numbers, and be written to as if they were the console.
+void HoldStandardDescriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+    // The wrong way round: using it stays the error that using a closed one is.
+    const int direction = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    if (open("/dev/null", direction) != fd) throw std::runtime_error("can't open /dev/null");
+  }
+}
+
 }  // namespace
 
 int RunProgram(const Program& program, CommandLine& line, int argc, char* argv[]) {
-  const CommandLine::Parsed parsed = line.Parse(argc, argv, program.name + " " + Version());
-  if (parsed.is_wrong) return USAGE;
-  if (!parsed.work) return ALL_WELL;
   try {
-    const int status = parsed.work();
+    HoldStandardDescriptors();
+    const CommandLine::Parsed parsed = line.Parse(argc, argv, program.name + " " + Version());
+    if (parsed.is_wrong) return USAGE;
+    const int status = parsed.work ? parsed.work() : ALL_WELL;
     std::cout.flush();
     if (std::cout) return status;
     Complain(program, "can't write the result");

@@ -16,9 +16,10 @@ struct Program {
   bool is_verbatim = false;
 };
 
-/// Parses the command line and does its work. Returns the exit status of the work; USAGE for a
-/// wrong command line; or the program's `failure`, when the work threw or standard output could not
-/// be written. Errors go to standard error.
+/// Parses the command line and does its work. Opens /dev/null as those of standard input, output
+/// and error that are closed, the wrong way round: using them stays an error. Returns the exit
+/// status of the work; USAGE for a wrong command line; or the program's `failure`, when the work
+/// threw or standard output could not be written. Errors go to standard error.
 int RunProgram(const Program& program, CommandLine& line, int argc, char* argv[]);
 
 /// Whether output to `fd` may be coloured: it is a terminal, and NO_COLOR is not set.

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Json.h"
+#include "common/OutputFile.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
 #include "fwimg/ImageSource.h"
@@ -197,6 +198,8 @@ void AddConvert(CommandLine& program) {
     if (IsImageName(options->from) && has_image_options) {
       throw UsageError("convert", "--layout, --pad and --lax are for making images");
     }
+    common::RefuseSameFiles({{"FROM", options->from}, {"--layout", options->layout}},
+                            {{"TO", options->to}});
     return IsImageName(options->from) ? ToRecords(*options) : FromRecords(*options);
   });
 }

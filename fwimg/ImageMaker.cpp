@@ -9,7 +9,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "common/Files.h"
+#include "common/OutputFile.h"
+#include "common/ScratchFolder.h"
 #include "device/Boot.h"
 #include "device/Crc.h"
 #include "fwimg/ImageCheck.h"
@@ -222,10 +223,13 @@ std::vector<std::string> WriteImage(const Layout& layout, const fs::path& path) 
     throw std::runtime_error("the name of an image file ends in .img or .IMG: " + path.string());
   }
   const ImageText text(layout);
-  common::NewFile file(path);
+  common::OutputFile file(path);
+  // Read it before it can replace anything.
+  const common::ScratchFolder scratch("fwimg");
+  const std::string made = scratch.Write("made.img", text.Get());
+  std::vector<std::string> warnings = CheckMadeImage(made, text, layout);
+  CheckHoldsLayout(device::ReadImage(made), layout);
   file.Write(text.Get());
-  std::vector<std::string> warnings = CheckMadeImage(file.Close(), text, layout);
-  CheckHoldsLayout(device::ReadImage(file.Close()), layout);
   file.Keep();
   return warnings;
 }

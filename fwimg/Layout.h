@@ -44,7 +44,8 @@ struct Layout {
     std::uint32_t line = 0;
   };
 
-  std::filesystem::path file;  ///< the layout's own, for messages
+  std::filesystem::path file;                ///< the layout's own, for messages
+  std::vector<std::filesystem::path> parts;  ///< the that bytes of sections come from
   std::string title;
   std::string device_type;  ///< as image files have it; empty for none
   std::uint32_t device_type_line = 0;

@@ -161,6 +161,7 @@ class LayoutReader {
   void AppendFile(TomlReader& reader, const fs::path& path, Bytes& data) {
     const std::size_t from = reader.Number("from", 0, ANY_NUMBER).value_or(0);
     const std::optional<std::uint32_t> size = reader.Number("size", 1, MAX_SIZE);
+    _layout.parts.push_back(path);
     Bytes bytes;
     std::error_code unreadable;  // which ReadFile tells
     if (const auto all = fs::file_size(path, unreadable); !unreadable && all > MAX_SIZE) {

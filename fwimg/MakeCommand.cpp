@@ -8,6 +8,7 @@
 
 #include "common/Files.h"
 #include "common/Json.h"
+#include "common/OutputFile.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageMaker.h"
 #include "fwimg/ImageSource.h"
@@ -19,6 +20,8 @@ namespace fwimg {
 namespace {
 
 namespace fs = std::filesystem;
+using common::NamedFile;
+using common::RefuseSameFiles;
 using nlohmann::ordered_json;
 
 void Print(const ordered_json& json) { std::cout << common::DumpJson(json) << std::endl; }
@@ -34,6 +37,9 @@ int Make(const MakeOptions& options) {
   const fs::path parts =
       options.parts.empty() ? fs::path(options.layout).parent_path() : fs::path(options.parts);
   Layout layout = ReadLayout(options.layout, parts, LayoutKind::WHOLE);
+  std::vector<NamedFile> inputs{{"LAYOUT", options.layout}};
+  for (const fs::path& part : layout.parts) inputs.push_back({"the layout's", part});
+  RefuseSameFiles(inputs, {{"--output", options.output}});
   CheckLayout(layout);
   FillIn(layout);
   for (const std::string& warning : WriteImage(layout, options.output)) {
@@ -169,14 +175,11 @@ int Extract(const ExtractOptions& options) {
     return ALL_WELL;
   }
   const std::vector<std::string> files = FilesFor(sections, options);
+  std::vector<NamedFile> outputs;
   for (const std::string& file : files) {
-    std::error_code missing;
-    if (!fs::equivalent(file, options.image, missing)) continue;
-    std::cerr << "fwimg: " << Printable(file)
-              << ": the image itself would be overwritten\nRun with --help for more information."
-              << std::endl;
-    return USAGE;
+    outputs.push_back({options.section.empty() ? "--all" : "--output", file});
   }
+  RefuseSameFiles({{"FILE", options.image}}, outputs);
   if (options.section.empty()) fs::create_directories(options.all);
   WriteSections(image, sections, files, options);
   return ALL_WELL;

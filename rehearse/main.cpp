@@ -3,16 +3,18 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 
 #include "common/Json.h"
+#include "common/OutputFile.h"
 #include "common/Program.h"
 #include "common/Text.h"
 #include "rehearse/Rehearsal.h"
+#include "sim/FabricFile.h"
 
 namespace {
 
@@ -202,21 +204,30 @@ void TakeWords(Options& options) {
   if (options.is_not_failsafe) options.extra_args.emplace_back("-n");
 }
 
+/// Throws UsageError where the report would replace another file of this run.
+void CheckFiles(const Options& options) {
+  if (options.json_file.empty()) return;
+  std::vector<common::NamedFile> inputs{{"FABRIC", options.fabric_file},
+                                        {"--image", options.image_file},
+                                        {"--fwpush", options.fwpush}};
+  for (const auto& file : sim::FilesOf(options.fabric_file).read) {
+    inputs.push_back({"the fabric's", file});
+  }
+  common::RefuseSameFiles(inputs, {{"--json", options.json_file}});
+}
+
 int Run(Options& options) {
   TakeWords(options);
+  CheckFiles(options);
   // Open the file first: the rehearsal takes long, and this may fail.
-  std::ofstream json;
-  if (!options.json_file.empty()) {
-    json.open(options.json_file);
-    if (!json) throw std::runtime_error("can't write " + options.json_file);
-  }
+  std::optional<common::OutputFile> json;
+  if (!options.json_file.empty()) json.emplace(options.json_file);
   Progress progress;
   const rehearse::RehearsalReport report = rehearse::Rehearse(options, std::ref(progress));
   PrintTable(report, options.at.has_value());
-  if (json.is_open()) {
-    json << common::DumpJson(Json(report, options.seed)) << "\n";
-    json.close();
-    if (!json) throw std::runtime_error("can't write " + options.json_file);
+  if (json) {
+    json->Write(common::DumpJson(Json(report, options.seed)) + "\n");
+    json->Keep();
   }
   if (!std::cout) throw std::runtime_error("can't write the report");
   return report.IsWell() ? common::ALL_WELL : common::DIFFERS;

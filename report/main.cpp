@@ -3,23 +3,24 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <optional>
 
 #include "common/Descriptor.h"
+#include "common/OutputFile.h"
 #include "common/Program.h"
 #include "common/SystemError.h"
 #include "common/Text.h"
 #include "report/BurnLog.h"
 #include "report/BurnProcess.h"
 #include "report/BurnResult.h"
+#include "report/ConsoleOutput.h"
 #include "report/LineConsole.h"
-#include "report/OutputFiles.h"
 
 namespace {
 
@@ -38,22 +39,29 @@ struct Options {
   std::vector<std::string> words;  ///< the burn: program and arguments
 };
 
-/// Whether two of the files that are given are one; devices may be.
-bool IsTwice(const Options& options) {
-  namespace fs = std::filesystem;
-  std::vector<fs::path> files;
-  for (const std::string* name : {&options.json, &options.junit, &options.log, &options.from}) {
-    if (name->empty() || IsNoFile(*name)) continue;
-    std::error_code error;
-    const fs::path file = fs::weakly_canonical(fs::absolute(*name), error);
-    const bool is_known = std::ranges::any_of(files, [&](const fs::path& other) {
-      std::error_code missing;
-      return file == other || fs::equivalent(file, other, missing);
-    });
-    if (is_known) return true;
-    files.push_back(file);
+/// The files that the words of a burn name. A word may be a name, or an option before it: -f=NAME,
+/// -fNAME.
+std::vector<NamedFile> FilesOfBurn(const std::vector<std::string>& words) {
+  std::vector<NamedFile> files;
+  for (const std::string& word : words) {
+    files.push_back({"the burn's", word});
+    if (!word.starts_with("-") || word.size() < 3) continue;
+    files.push_back({"the burn's", word.substr(word[2] == '=' ? 3 : 2)});
   }
-  return false;
+  // A word that is no file of this moment is no input.
+  std::erase_if(files, [](const NamedFile& file) {
+    std::error_code error;
+    return !std::filesystem::exists(file.path, error);
+  });
+  return files;
+}
+
+/// Throws UsageError where an output would replace another file of this run.
+void CheckFiles(const Options& options) {
+  std::vector<NamedFile> inputs = FilesOfBurn(options.words);
+  inputs.push_back({"--from", options.from});
+  RefuseSameFiles(inputs,
+                  {{"--json", options.json}, {"--junit", options.junit}, {"--log", options.log}});
 }
 
 /// Hands over a saved console.
@@ -75,12 +83,11 @@ int Run(const Options& options) {
     std::cerr << NAME << ": give the burn, \"-- fwpush ARGS...\", or --from LOG" << std::endl;
     return USAGE;
   }
-  if (IsTwice(options)) {
-    std::cerr << NAME << ": two of the given files are the same; use different names" << std::endl;
-    return USAGE;
-  }
-  ResultFile json(options.json);
-  ResultFile junit(options.junit);
+  CheckFiles(options);
+  std::optional<OutputFile> json;
+  std::optional<OutputFile> junit;
+  if (!options.json.empty()) json.emplace(options.json);
+  if (!options.junit.empty()) junit.emplace(options.junit);
   LogFile saved(options.log);
 
   BurnLog log;
@@ -136,8 +143,15 @@ int Run(const Options& options) {
       is_kept = false;
     }
   };
-  if (json.IsWanted()) keep([&] { json.Keep(ToJson(run)); });
-  if (junit.IsWanted()) keep([&] { junit.Keep(ToJUnit(run)); });
+  const auto write = [&keep](std::optional<OutputFile>& file, auto text) {
+    if (!file) return;
+    keep([&] {
+      file->Write(text());
+      file->Keep();
+    });
+  };
+  write(json, [&run] { return ToJson(run); });
+  write(junit, [&run] { return ToJUnit(run); });
   keep([&] { saved.Finish(); });
   if (!log.IsFwpush() && !(run.ending && run.ending->signal != 0)) {
     std::cerr << NAME << ": " << (is_live ? options.words[0] : options.from)

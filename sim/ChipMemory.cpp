@@ -37,7 +37,9 @@ Cells::Cells(std::uint32_t size, const std::filesystem::path& path)
   // If this run ends before the initial contents are complete, the next run must not take the file
   // for kept contents.
   const std::filesystem::path name = _kept ? path : _new = path.string() + ".new";
-  const int create = _kept ? 0 : O_CREAT | O_TRUNC;
+  // That of a run which was killed is replaced, not written to: the name may be a link.
+  if (!_kept) unlink(name.c_str());
+  const int create = _kept ? 0 : O_CREAT | O_EXCL;
   const common::Descriptor file(open(name.c_str(), O_RDWR | O_CLOEXEC | create, 0666));
   struct stat status {};
   if (!file.IsOpen() || fstat(file.Get(), &status) < 0) ThrowFileError(name, strerror(errno));

@@ -74,6 +74,12 @@ void ReadServer(TomlReader reader, ServerFacts& facts) {
   reader.Finish();
 }
 
+/// The name in the state folder; `sector_size` is 0 for an EEPROM.
+std::string MemoryName(Guid guid, std::uint32_t address, std::uint32_t sector_size) {
+  return HexGuid(guid) +
+         (sector_size != 0 ? ".flash" : common::Text(".", std::hex, address, ".i2c"));
+}
+
 /// Creates the chips; in files, if there is a state folder.
 class ChipMaker {
  public:
@@ -82,9 +88,7 @@ class ChipMaker {
 
   void Make(Device& device, std::uint8_t address, std::uint32_t size,
             std::uint32_t sector_size) const {
-    const std::string name =
-        HexGuid(_guid) +
-        (sector_size != 0 ? ".flash" : common::Text(".", std::hex, std::uint32_t{address}, ".i2c"));
+    const std::string name = MemoryName(_guid, address, sector_size);
     std::unique_ptr<Cells> cells;
     try {
       cells =
@@ -234,7 +238,35 @@ void Load(const fs::path& path, const std::optional<fs::path>& state, Fabric& fa
   if (fabric.Devices().empty()) throw TomlError(path.string() + ": no [[device]]");
 }
 
+FabricFiles Names(const fs::path& path) {
+  FabricFiles files;
+  TomlReader reader(path);
+  for (TomlReader& device : reader.Tables("device")) {
+    for (TomlReader& contents : device.Tables("contents")) {
+      for (const char* key : {"raw", "image"}) {
+        if (const auto name = contents.String(key)) files.read.push_back(contents.Path(*name));
+      }
+    }
+    const auto guid = OneGuid(device, "node_guid");
+    if (!guid) continue;
+    if (device.IsTable("flash")) files.memories.push_back(MemoryName(*guid, 0, 1));
+    for (TomlReader& chip : device.Tables("chip")) {
+      const auto address = chip.Number("address", 0, 0xFF);
+      if (address) files.memories.push_back(MemoryName(*guid, *address, 0));
+    }
+  }
+  return files;
+}
+
 }  // namespace
+
+FabricFiles FilesOf(const fs::path& path) {
+  try {
+    return Names(path);
+  } catch (const TomlError& error) {
+    throw FabricFileError(error.what());
+  }
+}
 
 void LoadFabric(const fs::path& path, const std::optional<fs::path>& state, Fabric& fabric) {
   try {

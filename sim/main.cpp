@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <optional>
 
+#include "common/OutputFile.h"
 #include "common/Program.h"
 #include "protocol/Server.h"
 #include "sim/BootReport.h"
@@ -74,8 +74,27 @@ void ReportViolations(const sim::Fabric& fabric) {
   }
 }
 
+/// Throws UsageError where a memory or the trace would be written over another file of this run.
+void CheckFiles(const Options& options) {
+  using common::NamedFile;
+  if (options.state.empty() && options.trace.empty()) return;
+  const sim::FabricFiles files = sim::FilesOf(options.fabric);
+  std::vector<NamedFile> inputs{{"FABRIC", options.fabric}};
+  for (const auto& file : files.read) inputs.push_back({"the fabric's", file});
+  for (const std::string& file : options.images) inputs.push_back({"--image", file});
+  std::vector<NamedFile> outputs;
+  if (!options.state.empty()) {
+    for (const std::string& name : files.memories) {
+      outputs.push_back({"--state", std::filesystem::path(options.state) / name});
+    }
+  }
+  outputs.push_back({"--trace", options.trace});
+  common::RefuseSameFiles(inputs, outputs);
+}
+
 int Run(const Options& options) {
   const auto [host, port] = ParseAddress(options.listen);
+  CheckFiles(options);
   sim::Fabric fabric;
   fabric.faults.log = [](const std::string& line) { std::cerr << line << std::endl; };
   std::optional<std::filesystem::path> state;
@@ -89,25 +108,20 @@ int Run(const Options& options) {
     std::cout << sim::BootReport(fabric, options.images) << std::flush;
     return common::ALL_WELL;
   }
-  std::ofstream trace;
-  if (!options.trace.empty()) {
-    trace.open(options.trace);
-    if (!trace) throw std::runtime_error("can't write " + options.trace);
-  }
+  common::LogFile trace(options.trace);
   protocol::Server server(fabric, host, port,
                           [&trace](const std::string& request, const std::string& answer) {
-                            // std::endl flushes: the trace must be complete after kill -9.
-                            if (trace.is_open()) {
-                              trace << "> " << request << "\n< " << answer << std::endl;
-                            }
+                            trace.Write("> " + request + "\n< " + answer + "\n");
                           });
   // Handle signals before the address is printed: its reader may signal at once.
   server.StopOnSignals();
+  trace.Write("");  // what an earlier run wrote must not be taken for this one's
   std::cout << server.ServerString() << std::endl;
+  if (!std::cout) throw std::runtime_error("can't write the address");
   server.Run();
   std::cout << sim::BootReport(fabric, options.images) << std::flush;
   ReportViolations(fabric);
-  if (trace.is_open() && !trace) throw std::runtime_error("can't write " + options.trace);
+  trace.Finish();
   return common::ALL_WELL;
 }
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "common/Files.h"
+#include "common/OutputFile.h"
 #include "common/Text.h"
 #include "verify/ComparedRegion.h"
 #include "verify/Expectation.h"
@@ -34,7 +34,7 @@ void SaveChip(DeviceReader& reader, device::Guid guid, const std::filesystem::pa
       throw SaveFailure{error.what()};
     }
   };
-  std::optional<common::NewFile> file;
+  std::optional<common::OutputFile> file;
   keep([&] { file.emplace(path); });
   reader.Read(
       {guid}, static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(size),

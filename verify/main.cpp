@@ -11,6 +11,7 @@
 #include <set>
 
 #include "common/Json.h"
+#include "common/OutputFile.h"
 #include "common/Program.h"
 #include "common/Text.h"
 #include "verify/Verify.h"
@@ -145,7 +146,10 @@ class Run {
   /// Returns the exit status.
   int VerifyAll(const std::set<device::Guid>& devices) {
     try {
-      if (_options.save) std::filesystem::create_directories(*_options.save);
+      if (_options.save) {
+        RefuseImageAmongMemories();
+        std::filesystem::create_directories(*_options.save);
+      }
       verify::Verifier verifier(_options.image, _options.server, CHOICES.at(_options.slot),
                                 _options.save);
       std::cerr << verifier.Warnings();
@@ -155,6 +159,8 @@ class Run {
       verifier.Verify(
           devices, _options.jobs, [this](const verify::DeviceFinding& finding) { Take(finding); },
           [this](double part) { _bar.Show(part); });
+    } catch (const common::UsageError&) {
+      throw;
     } catch (const std::exception& error) {
       Fail(error.what());
     }
@@ -178,6 +184,18 @@ class Run {
       {"none", verify::SlotChoice::NONE}};
 
  private:
+  /// Throws UsageError where the image is a memory of the folder that memories are saved in.
+  void RefuseImageAmongMemories() const {
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(*_options.save, missing)) {
+      const std::filesystem::path name = entry.path().filename();
+      const bool is_memory = name.string().starts_with("0x") &&
+                             (name.extension() == ".flash" || name.extension() == ".i2c");
+      if (!is_memory) continue;
+      common::RefuseSameFiles({{"-f", _options.image}}, {{"--save", entry.path()}});
+    }
+  }
+
   void Take(const verify::DeviceFinding& finding) {
     _bar.Remove();
     _is_well &= finding.state == verify::DeviceFinding::IDENTICAL;

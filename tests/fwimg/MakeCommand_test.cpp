@@ -988,9 +988,9 @@ TEST_F(FwimgExtractTest, TheImageIsNotOverwrittenByItsOwnSections) {
     const Outcome outcome = Fwimg(words);
     EXPECT_EQ(outcome.status, 64);
     EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.errors, "fwimg: " + refused +
-                                  ": the image itself would be overwritten\n"
-                                  "Run with --help for more information.\n");
+    const std::string option = words[2] == "--all" ? "--all" : "--output";
+    EXPECT_EQ(outcome.errors, option + ": " + refused + " is the same file as FILE " + words[1] +
+                                  "; give another one\nRun with --help for more information.\n");
     EXPECT_EQ(Bytes("two.img"), before);
     EXPECT_FALSE(fs::exists(_folder / "parts/A.bin"));  // none is written where one must not be
   }
