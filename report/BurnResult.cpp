@@ -52,10 +52,17 @@ nlohmann::json OrNull(const std::string& text) {
   return text.empty() ? nlohmann::json() : nlohmann::json(text);
 }
 
+/// `text` as an attribute of XML 1.0, which forbids control characters, surrogates, U+FFFE and
+/// U+FFFF; the text of a server may be any bytes.
 std::string XmlText(const std::string& text) {
-  const std::string valid =
+  std::string valid =
       nlohmann::json::parse(common::DumpJson(nlohmann::json(WithoutControls(text)), -1))
-          .get<std::string>();  // as UTF-8
+          .get<std::string>();  // as UTF-8, without surrogates
+  for (const std::string_view forbidden : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
+    for (std::size_t at = 0; (at = valid.find(forbidden, at)) != std::string::npos;) {
+      valid.replace(at, forbidden.size(), "\xEF\xBF\xBD");
+    }
+  }
   std::string xml;
   for (const char c : valid) {
     switch (c) {
@@ -77,9 +84,6 @@ std::string XmlText(const std::string& text) {
   }
   return xml;
 }
-
-/// One test case a device. A device that was never reached is an error, not skipped: a skipped test
-/// passes.
 
 }  // namespace
 
@@ -142,6 +146,8 @@ std::string ToJUnit(const RunReport& run) {
       cases += Text(">\n      <", trouble, " message=\"", XmlText(text), "\"/>\n    </testcase>\n");
     }
   };
+  // One test case a device. A device that was never reached is an error, not skipped: a skipped
+  // test passes.
   for (const DeviceReport& device : burn.devices) {
     const bool is_failed = device.status == DeviceStatus::FAILED;
     const bool is_missed = device.status == DeviceStatus::NEVER_REACHED;
