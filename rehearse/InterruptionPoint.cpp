@@ -7,6 +7,17 @@ namespace rehearse {
 
 namespace {
 
+constexpr std::string_view NEXT = "next:";
+
+/// Takes a number from the front of `text`. False if there is none.
+bool TakeNumber(std::string_view& text, std::size_t& number) {
+  const char* const end = text.data() + text.size();
+  const auto parsed = std::from_chars(text.data(), end, number);
+  if (text.empty() || parsed.ec != std::errc()) return false;
+  text.remove_prefix(static_cast<std::size_t>(parsed.ptr - text.data()));
+  return true;
+}
+
 /// The text before the number.
 std::string_view HeadOf(Interruption kind) {
   switch (kind) {
@@ -23,7 +34,8 @@ std::string_view HeadOf(Interruption kind) {
 }  // namespace
 
 std::string Describe(const InterruptionPoint& at) {
-  return std::string(HeadOf(at.kind)) + std::to_string(at.place);
+  return std::string(at.is_of_next_burn ? NEXT : HeadOf(at.kind)) + std::to_string(at.place) +
+         (at.second ? "+" + std::to_string(*at.second) : "");
 }
 
 std::optional<InterruptionPoint> ParseInterruptionPoint(const std::string& text) {
@@ -34,9 +46,16 @@ std::optional<InterruptionPoint> ParseInterruptionPoint(const std::string& text)
     at.kind = kind;
     number.remove_prefix(HeadOf(kind).size());
   }
-  const char* const end = number.data() + number.size();
-  const auto parsed = std::from_chars(number.data(), end, at.place);
-  if (number.empty() || parsed.ec != std::errc() || parsed.ptr != end) return {};
+  if (number.starts_with(NEXT) && at.kind == Interruption::POWER) {
+    at.is_of_next_burn = true;
+    number.remove_prefix(NEXT.size());
+  }
+  if (!TakeNumber(number, at.place)) return {};
+  if (number.starts_with('+') && at.kind == Interruption::POWER && !at.is_of_next_burn) {
+    number.remove_prefix(1);
+    if (!TakeNumber(number, at.second.emplace())) return {};
+  }
+  if (!number.empty()) return {};
   return at;
 }
 

@@ -22,6 +22,7 @@ struct RehearsalOptions {
   unsigned jobs = 1;                    ///< recoveries at the same time
   unsigned seed = 1;  ///< for torn words, torn erases and the choice of recoveries
   std::optional<InterruptionPoint> at;  ///< rehearse only this one
+  bool has_next = true;                 ///< rehearse the next burn and second interruptions, too
 };
 
 /// Called with the progress of a rehearsal: the current phase, and how much of it is done.

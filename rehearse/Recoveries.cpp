@@ -14,6 +14,7 @@ namespace rehearse {
 /// Divides the burn into equal parts and chooses a random moment in each, so that every phase is
 /// tested.
 std::vector<InterruptionPoint> Recoveries::InterruptionPoints() const {
+  if (_options.at && !_options.at->IsOfThisBurn()) return {};
   if (_options.at) return {*_options.at};
   // Where an uninterrupted burn ends wrongly, the second one does, too.
   const std::size_t points = _burn.Log().Points();
@@ -65,12 +66,7 @@ void Recoveries::RecoverFrom(const InterruptionPoint& at) {
 /// Brings the devices from their state before the burn to that at the at.
 void Recoveries::Interrupt(sim::Fabric& fabric, const InterruptionPoint& at) const {
   if (at.kind == Interruption::POWER) {
-    const OperationLog::Place place = _burn.Log().Locate(at.place);
-    // One device loses power; the burn of the others goes on.
-    for (const auto& [guid, log] : _burn.Log().All()) {
-      const std::size_t cuts = guid == place.guid ? place.cuts + 1 : SIZE_MAX;
-      _burn.Log().Replay(*fabric.Find(guid), cuts, _options.seed);
-    }
+    _burn.Replay(fabric, at.place, _options.seed);
     return;
   }
   if (at.place < 1 || at.place > _burn.Requests()) {

@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "rehearse/Burner.h"
+#include "rehearse/FurtherRehearsal.h"
 #include "rehearse/Recoveries.h"
 #include "rehearse/RehearsedDevices.h"
 #include "rehearse/Sweep.h"
@@ -30,8 +31,15 @@ RehearsalReport Rehearse(const RehearsalOptions& options, const RehearsalProgres
   const Burner burner(options, devices.Guids());
   const UninterruptedBurn burn(devices, burner, report);
   say("burning", 1, 1);
-  Sweep(options, devices, burn, say, report);
+  Situations situations(options.seed);
+  Sweep(options, devices, burn, say, report, situations);
   Recoveries(options, devices, burner, burn, report).Run(say);
+  report.not_tried = WhyNoFurtherBurns(options, burn);
+  if (report.not_tried.empty()) {
+    const FurtherRehearsal further(options, devices, burner, burn);
+    further.NextBurn(say, report);
+    further.SecondInterruptions(situations, say, report);
+  }
   report.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return report;
 }

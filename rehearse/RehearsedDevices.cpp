@@ -19,6 +19,20 @@ RehearsedDevices::RehearsedDevices(const RehearsalOptions& options) : _options(o
   for (const device::Guid guid : _guids) _judges.emplace(guid, MakeJudge(*_start.Find(guid)));
 }
 
+RehearsedDevices::RehearsedDevices(const RehearsedDevices& before, const sim::Fabric& now,
+                                   bool is_finished)
+    : _options(before._options), _image(before._image), _guids(before._guids) {
+  _start.facts = now.facts;
+  for (const auto& [guid, device] : now.Devices()) _start.CopyDevice(device);
+  for (const device::Guid guid : _guids) {
+    const sim::Device& device = *_start.Find(guid);
+    device::Judge judge = before.JudgeOf(guid);
+    judge.SetAll(sim::MemoryOf(device, _image).bytes);
+    if (is_finished) AddNewImage(judge, device);  // bytes between its sections may have changed
+    _judges.emplace(guid, std::move(judge));
+  }
+}
+
 void RehearsedDevices::ChooseDevices() {
   std::set<device::Guid> guids;  // options may name a device by any of its GUIDs
   for (const device::Guid guid : _options.guids) {
@@ -53,10 +67,14 @@ device::Judge RehearsedDevices::MakeJudge(const sim::Device& device) const {
   }
   if (device.images.empty()) judge.AddPresentImages();
   judge.AddPresentInvariantSector();
+  AddNewImage(judge, device);
+  return judge;
+}
+
+void RehearsedDevices::AddNewImage(device::Judge& judge, const sim::Device& device) const {
   const bool is_plain = std::ranges::count(_options.extra_args, "-n") > 0;
   sim::AddKnownImageFile(judge, device, _options.image_file, device::Whole::NEW,
                          is_plain ? device::Origin::PLAIN_BURN : device::Origin::FAILSAFE_BURN);
-  return judge;
 }
 
 device::MemoryKind RehearsedDevices::MemoryKindOf(device::Guid guid) const {

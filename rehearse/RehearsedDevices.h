@@ -20,6 +20,8 @@ class RehearsedDevices {
  public:
   /// Loads the fabric and the image. `options` is borrowed. Throws std::runtime_error.
   explicit RehearsedDevices(const RehearsalOptions& options);
+  /// The same devices as a burn left them in `now`, finished or not.
+  RehearsedDevices(const RehearsedDevices& before, const sim::Fabric& now, bool is_finished);
 
   /// The node GUIDs of the devices to burn, ascending.
   const std::vector<device::Guid>& Guids() const { return _guids; }
@@ -51,6 +53,7 @@ class RehearsedDevices {
  private:
   void ChooseDevices();
   device::Judge MakeJudge(const sim::Device& device) const;
+  void AddNewImage(device::Judge& judge, const sim::Device& device) const;
 
   const RehearsalOptions& _options;
   sim::Fabric _start;

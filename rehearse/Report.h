@@ -15,10 +15,18 @@
 
 namespace rehearse {
 
+/// Which burn was interrupted.
+enum class Burning {
+  FIRST,     ///< the one that is rehearsed
+  NEXT,      ///< the one after it
+  RECOVERY,  ///< the one that recovers from an interruption
+};
+
 /// A device may not boot, or was not recovered. Successive points with the same state of a device
 /// are one exception.
 struct RehearsalException {
   device::Guid device = 0;
+  Burning during = Burning::FIRST;
   std::optional<InterruptionPoint> first = {};  ///< nothing before the burn, and after its end
   std::optional<unsigned> seed = {};            ///< that shows it, where any other may not
   std::size_t points = 1;                       ///< number of successive points
@@ -28,6 +36,16 @@ struct RehearsalException {
   std::string step = {};     ///< the part of the memory that was being changed
   std::string state = {};
   std::string reason = {};
+};
+
+/// What was found when other burns than the one that is rehearsed lost power.
+struct FurtherBurns {
+  std::size_t burns = 0;
+  std::size_t points = 0;  ///< of all of them
+  std::size_t unsafe = 0;  ///< points at which a device does not boot, or may not
+  TornRecords torn_records;
+  std::size_t recoveries = 0;
+  std::size_t unrecovered = 0;
 };
 
 struct RehearsalReport {
@@ -46,6 +64,9 @@ struct RehearsalReport {
   TornRecords torn_records;
   std::map<Interruption, std::size_t> recoveries;
   std::size_t unrecovered = 0;
+  FurtherBurns next;         ///< the burn after this one: none or one
+  FurtherBurns interrupted;  ///< burns that recover, interrupted again
+  std::string not_tried;     ///< why there are neither; empty where there are
   double seconds = 0;
   std::vector<RehearsalException> exceptions;
   std::size_t exceptions_left_out = 0;  ///< not kept, because there are too many
@@ -55,6 +76,9 @@ struct RehearsalReport {
 
   /// Counts a point by the verdict on the device there.
   void Count(CutKind kind, const device::Verdict& verdict);
+  /// Takes over what was found in a further burn, which `during` tells; in `sums`, too. `first` is
+  /// the cut from which a burn recovers.
+  void AddFurther(RehearsalReport further, Burning during, std::size_t first, FurtherBurns& sums);
   /// Keeps an exception. False where too many are kept already.
   bool Add(RehearsalException exception);
 };

@@ -1,6 +1,7 @@
 #include "rehearse/Sweep.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 
 #include "common/Text.h"
@@ -18,13 +19,15 @@ constexpr unsigned MOST_SEEDS = 1u << 14;
 class DeviceSweep {
  public:
   DeviceSweep(const RehearsalOptions& options, const RehearsedDevices& devices,
-              const UninterruptedBurn& burn, device::Guid guid, RehearsalReport& report)
+              const UninterruptedBurn& burn, device::Guid guid, RehearsalReport& report,
+              Situations& situations)
       : _options(options),
         _devices(devices),
         _burn(burn),
         _guid(guid),
         _layout(devices.LayoutOf(guid)),
         _report(report),
+        _situations(situations),
         _judge(devices.JudgeOf(guid)) {}
 
   /// `point` is the number of the device's first cut.
@@ -33,6 +36,8 @@ class DeviceSweep {
     const device::MemoryKind memory = _devices.MemoryKindOf(_guid);
     for (std::size_t i = 0; i < log.size(); ++i) {
       const CellAccess cells = CellsOf(log[i].chip);
+      const std::string step = _devices.StepAt(_guid, log[i]);
+      _part = step.substr(0, step.find(" at 0x"));
       for (std::size_t n = 0; n < log[i].Cuts(); ++n, ++point) {
         const Cut cut = NthCut(log[i], i, n);
         // One point alone is looked at as its seed has it.
@@ -53,8 +58,8 @@ class DeviceSweep {
 
  private:
   bool IsAsked(std::size_t point) const {
-    return !_options.at ||
-           (_options.at->kind == Interruption::POWER && _options.at->place == point);
+    return !_options.at || (_options.at->IsOfThisBurn() && _options.at->place == point &&
+                            _options.at->kind == Interruption::POWER);
   }
 
   CellAccess CellsOf(std::uint8_t chip) {
@@ -144,6 +149,7 @@ class DeviceSweep {
   void Look(const LoggedOperation& operation, const Cut& cut, std::size_t point, bool is_told) {
     const device::Verdict verdict = _judge.CurrentVerdict();
     _report.Count(cut.kind, verdict);
+    if (verdict.IsSafe()) NoteSafe(operation, cut, verdict, point);
     if (verdict.IsSafe() || (is_told && !_goes_on)) {
       _goes_on = false;
     } else if (_goes_on && _last == verdict) {
@@ -163,6 +169,36 @@ class DeviceSweep {
     }
   }
 
+  void NoteSafe(const LoggedOperation& operation, const Cut& cut, const device::Verdict& verdict,
+                std::size_t point) {
+    const std::array is_signed = {_judge.IsSigned(0), _judge.IsSigned(1)};
+    const bool is_boot_record =
+        _devices.HasBootRecords() && RecordWordAt(operation, cut).has_value();
+    Noted& last = _noted.at(static_cast<std::size_t>(cut.kind));
+    if (last.operation != &operation || last.verdict != verdict || last.is_signed != is_signed ||
+        last.is_boot_record != is_boot_record) {
+      Situations::Kind kind{.part = _part,
+                            .operation = operation.kind,
+                            .cut = cut.kind,
+                            .is_boot_record = is_boot_record,
+                            .is_signed = is_signed};
+      for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
+        kind.slots[slot] = {verdict.slots[slot].boots, verdict.slots[slot].whole};
+      }
+      last = {&operation, verdict, is_signed, is_boot_record, _situations.NumberOf(kind)};
+    }
+    _situations.Add(last.number, point);
+  }
+
+  /// The kind of the last safe state after a cut of one kind. Mostly the next one is of the same.
+  struct Noted {
+    const LoggedOperation* operation = nullptr;
+    device::Verdict verdict;
+    std::array<bool, device::SLOTS> is_signed{};
+    bool is_boot_record = false;
+    std::size_t number = 0;
+  };
+
   /// The torn words of one slot's boot record.
   struct Torn {
     std::uint64_t mixes = 0;
@@ -176,21 +212,44 @@ class DeviceSweep {
   device::Guid _guid;
   device::BootLayout _layout;
   RehearsalReport& _report;
+  Situations& _situations;
   device::Judge _judge;
   device::Verdict _last;  ///< of the previous point, where that was an exception
   bool _goes_on = false;
   std::map<std::uint32_t, Torn> _torn;  ///< by slot
+  std::array<Noted, 4> _noted;          ///< by CutKind
+  std::string _part;                    ///< that the current operation changes
 };
 
 }  // namespace
 
+std::size_t Situations::NumberOf(const Kind& kind) {
+  const auto [found, is_first] = _groups_by_kind.try_emplace(kind, _groups.size());
+  if (is_first) _groups.emplace_back();
+  return found->second;
+}
+
+void Situations::Add(std::size_t number, std::size_t point) {
+  Group& group = _groups.at(number);
+  ++group.seen;  // each of those seen so far is the one with the same probability
+  if (Chance(_seed, number, group.seen) % group.seen == 0) group.point = point;
+}
+
+std::vector<std::size_t> Situations::Choose(std::size_t count) const {
+  count = std::min(count, _groups.size());
+  std::vector<std::size_t> points;
+  for (std::size_t i = 0; i < count; ++i)
+    points.push_back(_groups[_groups.size() * i / count].point);
+  return points;
+}
+
 void Sweep(const RehearsalOptions& options, const RehearsedDevices& devices,
            const UninterruptedBurn& burn, const RehearsalProgress& progress,
-           RehearsalReport& report) {
+           RehearsalReport& report, Situations& situations) {
   std::size_t point = 0;
   for (const device::Guid guid : devices.Guids()) {
     if (devices.BootsAtStart(guid)) {
-      DeviceSweep(options, devices, burn, guid, report).Run(point, progress);
+      DeviceSweep(options, devices, burn, guid, report, situations).Run(point, progress);
     }
     point += burn.Log().PointsOf(guid);
   }

@@ -1,6 +1,7 @@
 #include "rehearse/UninterruptedBurn.h"
 
 #include <atomic>
+#include <cstdint>
 #include <stdexcept>
 #include <string_view>
 
@@ -32,9 +33,7 @@ UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burn
   report.requests = _requests;
   report.writes = _log.Count(sim::Operation::PROGRAM);
   report.erases = _log.Count(sim::Operation::ERASE);
-  if (!run.is_well) {
-    throw std::runtime_error("the burn fails without any interruption:\n" + run.console);
-  }
+  if (!run.is_well) throw BurnFails(run);
   _has_moved = run.console.find("Moving image position") != std::string::npos;
   for (const device::Guid guid : devices.Guids()) {
     if (!devices.BootsAtStart(guid)) continue;
@@ -53,6 +52,16 @@ UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burn
                 .step = "the end of the burn",
                 .state = Describe(end),
                 .reason = ReasonForEnd(guid, end, run.console)});
+  }
+}
+
+void UninterruptedBurn::Replay(sim::Fabric& fabric, std::optional<std::size_t> point,
+                               unsigned seed) const {
+  std::optional<OperationLog::Place> place;
+  if (point) place.emplace(_log.Locate(*point));
+  for (const auto& [guid, log] : _log.All()) {
+    const bool loses_power = place && guid == place->guid;
+    _log.Replay(*fabric.Find(guid), loses_power ? place->cuts + 1 : SIZE_MAX, seed);
   }
 }
 

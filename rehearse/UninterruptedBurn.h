@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "device/Bytes.h"
@@ -18,10 +20,19 @@ namespace rehearse {
 inline constexpr char MIX_ADDS_UP[] =
     "a mix of an old and a new boot record happens to have a valid sum";
 
+/// The burn fails although nothing interrupts it.
+class BurnFails : public std::runtime_error {
+ public:
+  explicit BurnFails(const Run& run)
+      : std::runtime_error("the burn fails without any interruption:\n" + run.console),
+        last_line(run.LastLine()) {}
+  const std::string last_line;  ///< of the console
+};
+
 /// One burn of all devices to its end, and what it changed on each of them.
 class UninterruptedBurn {
  public:
-  /// Burns. Throws std::runtime_error when the burn fails. Adds an exception to the report for each
+  /// Burns. Throws BurnFails. Adds an exception to the report for each
   /// device that does not end in the right state. `devices` is borrowed.
   UninterruptedBurn(const RehearsedDevices& devices, const Burner& burner, RehearsalReport& report);
 
@@ -32,6 +43,11 @@ class UninterruptedBurn {
 
   /// Whether it is not failsafe.
   bool IsPlain() const { return _algorithm == "GenericBurn"; }
+
+  /// Brings all devices from their state before the burn to that at a cut: one device loses power
+  /// there, and the burn of the others goes on. To the end of the burn without a cut. Throws
+  /// std::runtime_error where there is no such cut.
+  void Replay(sim::Fabric& fabric, std::optional<std::size_t> point, unsigned seed) const;
 
   /// Why a device that booted at the start does not boot when the burn is interrupted.
   std::string ReasonFor(device::Guid guid, const device::Verdict& verdict) const;

@@ -25,6 +25,7 @@ struct Options : rehearse::RehearsalOptions {
   std::string json_file;
   unsigned chunk_align = 5;
   bool is_not_failsafe = false;
+  bool has_no_next = false;
 };
 
 /// Prints a progress bar on a terminal, and else a line now and then.
@@ -55,7 +56,37 @@ std::size_t At(const auto& counts, auto key) {
   return found == counts.end() ? 0 : found->second;
 }
 
-void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
+std::string TextOf(const rehearse::TornRecords& torn) {
+  if (torn.valid == 0) {
+    return common::Text(torn.words, " words: none of ", torn.mixes, " mixes adds up");
+  }
+  return common::Text(torn.words, " words: ", torn.valid, " of ", torn.mixes,
+                      " mixes of old and new bits add up by chance, about 1 in ", torn.OneIn(),
+                      " torn words");
+}
+
+/// The good end, and exactly what it is about.
+void PrintSafe(const rehearse::RehearsalReport& report, const Options& options) {
+  using rehearse::Interruption;
+  if (options.at) {
+    std::cout << "  every device boots after this interruption (torn words and erases by --seed "
+              << options.seed << ")" << std::endl;
+    return;
+  }
+  std::cout << "  tried: power lost at " << report.Points() << " points of this burn";
+  if (report.next.burns > 0) {
+    std::cout << ", " << report.next.points << " of the next one and " << report.interrupted.points
+              << " of " << report.interrupted.burns << " recoveries";
+  }
+  std::cout << ";\n    the burner killed " << At(report.recoveries, Interruption::KILLED)
+            << " times, the connection dropped " << At(report.recoveries, Interruption::DROPPED)
+            << " times;\n    torn words and erases in one way each, by --seed " << options.seed;
+  if (report.torn_records.words > 0) std::cout << ", torn boot records in every way";
+  std::cout << "\n  no interruption that was tried leaves a device that does not boot a whole image"
+            << std::endl;
+}
+
+void PrintTable(const rehearse::RehearsalReport& report, const Options& options) {
   using rehearse::CutKind;
   using rehearse::Interruption;
   const auto row = [](const std::string& name, const std::string& text) {
@@ -77,13 +108,7 @@ void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
         common::Text(report.may_not_boot,
                      " may not boot: another slot is marked valid, and its image is not whole"));
   }
-  if (const rehearse::TornRecords& torn = report.torn_records; torn.words > 0) {
-    row("torn boot records",
-        torn.valid == 0 ? common::Text(torn.words, " words: none of ", torn.mixes, " mixes adds up")
-                        : common::Text(torn.words, " words: ", torn.valid, " of ", torn.mixes,
-                                       " mixes of old and new bits add up by chance, about 1 in ",
-                                       torn.OneIn(), " torn words"));
-  }
+  if (report.torn_records.words > 0) row("torn boot records", TextOf(report.torn_records));
   if (report.unbootable_at_start > 0) {
     row("",
         common::Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
@@ -96,11 +121,27 @@ void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
                    " from lost power, ", At(report.recoveries, Interruption::KILLED),
                    " from a killed burner, ", At(report.recoveries, Interruption::DROPPED),
                    " from a dropped connection; ", report.unrecovered, " failed"));
+  if (report.not_tried.empty()) {
+    const auto states = [](const rehearse::FurtherBurns& further) {
+      return common::Text(further.points - further.unsafe, " boot, ", further.unsafe,
+                          " do not boot or may not");
+    };
+    if (report.next.burns > 0) {
+      row("next burn", common::Text("of the same image, ", report.next.points,
+                                    " points: ", states(report.next)));
+    }
+    if (report.interrupted.burns > 0) {
+      row("interrupted again",
+          common::Text(report.interrupted.burns, " recoveries, ", report.interrupted.points,
+                       " points: ", states(report.interrupted), "; ", report.interrupted.recoveries,
+                       " third burns, ", report.interrupted.unrecovered, " failed"));
+    }
+  } else {
+    row("not tried", "the next burn, and a second interruption: " + report.not_tried);
+  }
   row("wall time", common::Text(std::fixed, std::setprecision(1), report.seconds, " s"));
   if (report.IsWell()) {
-    std::cout << (is_one_only ? "  every device boots after this interruption"
-                              : "  no interruption leaves a device that does not boot")
-              << std::endl;
+    PrintSafe(report, options);
     return;
   }
   std::cout << "exceptions:\n";
@@ -124,6 +165,32 @@ void PrintTable(const rehearse::RehearsalReport& report, bool is_one_only) {
   std::cout << "  NOT FAILSAFE: replay one with --at POINT --seed SEED" << std::endl;
 }
 
+nlohmann::json Json(const rehearse::TornRecords& torn) {
+  return {{"words", torn.words},
+          {"mixes", torn.mixes},
+          {"valid", torn.valid},
+          {"one_in", torn.OneIn()}};
+}
+
+nlohmann::json Json(const rehearse::FurtherBurns& further) {
+  return {{"burns", further.burns},           {"points", further.points},
+          {"unsafe", further.unsafe},         {"torn_records", Json(further.torn_records)},
+          {"recoveries", further.recoveries}, {"failed", further.unrecovered}};
+}
+
+/// As the report for machines has it.
+const char* Word(rehearse::Burning burning) {
+  switch (burning) {
+    case rehearse::Burning::FIRST:
+      return "burn";
+    case rehearse::Burning::NEXT:
+      return "next-burn";
+    case rehearse::Burning::RECOVERY:
+      return "recovery";
+  }
+  return "?";
+}
+
 nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
   using rehearse::CutKind;
   using rehearse::Interruption;
@@ -132,6 +199,7 @@ nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
     const nlohmann::json seed_of =
         exception.seed ? nlohmann::json(*exception.seed) : nlohmann::json(nullptr);
     exceptions.push_back({{"device", common::HexGuid(exception.device)},
+                          {"during", Word(exception.during)},
                           {"seed", seed_of},
                           {"at", exception.first ? Describe(*exception.first) : ""},
                           {"points", exception.points},
@@ -159,16 +227,15 @@ nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
           {"boot_new", report.boot_new},
           {"unbootable", report.unbootable},
           {"may_not_boot", report.may_not_boot},
-          {"torn_records",
-           {{"words", report.torn_records.words},
-            {"mixes", report.torn_records.mixes},
-            {"valid", report.torn_records.valid},
-            {"one_in", report.torn_records.OneIn()}}},
+          {"torn_records", Json(report.torn_records)},
           {"recoveries",
            {{"power", At(report.recoveries, Interruption::POWER)},
             {"killed", At(report.recoveries, Interruption::KILLED)},
             {"dropped", At(report.recoveries, Interruption::DROPPED)},
             {"failed", report.unrecovered}}},
+          {"next_burn", Json(report.next)},
+          {"interrupted_again", Json(report.interrupted)},
+          {"not_tried", report.not_tried},
           {"seconds", report.seconds},
           {"exceptions_left_out", report.exceptions_left_out},
           {"exceptions", exceptions}};
@@ -192,13 +259,19 @@ void TakeWords(Options& options) {
   if (options.recover == "all") {
     options.recoveries = SIZE_MAX;
   } else if (const auto number = rehearse::ParseInterruptionPoint(options.recover);
-             number && number->kind == rehearse::Interruption::POWER) {
+             number && number->IsOfThisBurn() && number->kind == rehearse::Interruption::POWER) {
     options.recoveries = number->place;
   } else {
     throw common::UsageError("--recover", "must be a number or all");
   }
   if (!options.point.empty() && !(options.at = rehearse::ParseInterruptionPoint(options.point))) {
-    throw common::UsageError("--at", "must be a point such as 1234, killed:28 or dropped:28");
+    throw common::UsageError("--at",
+                             "must be a point such as 1234, killed:28, dropped:28, next:1234 "
+                             "or 1234+567");
+  }
+  options.has_next = !options.has_no_next;
+  if (options.has_no_next && options.at && !options.at->IsOfThisBurn()) {
+    throw common::UsageError("--at", "names a point that --no-next leaves out");
   }
   options.extra_args = {"-m", std::to_string(options.chunk_align)};
   if (options.is_not_failsafe) options.extra_args.emplace_back("-n");
@@ -224,7 +297,7 @@ int Run(Options& options) {
   if (!options.json_file.empty()) json.emplace(options.json_file);
   Progress progress;
   const rehearse::RehearsalReport report = rehearse::Rehearse(options, std::ref(progress));
-  PrintTable(report, options.at.has_value());
+  PrintTable(report, options);
   if (json) {
     json->Write(common::DumpJson(Json(report, options.seed)) + "\n");
     json->Keep();
@@ -254,7 +327,10 @@ int main(int argc, char* argv[]) {
   line.Add("--seed", options.seed, "Seed of torn words, torn erases and the choice of recoveries")
       .ShowDefault();
   line.Add("--at", options.point,
-           "Only this point, as an exception names it: 1234, killed:28, dropped:28");
+           "Only this point, as an exception names it: 1234, killed:28, dropped:28, next:1234, "
+           "1234+567");
+  line.AddFlag("--no-next", options.has_no_next,
+               "Leave out the next burn, and second interruptions while a burn recovers");
   line.Add("--json", options.json_file, "File for the report, for machines");
   line.Add("--fwpush", options.fwpush,
            "The burner to rehearse with (default: fwpush beside this program)");

@@ -3,7 +3,9 @@
 
 #include <nlohmann/json.hpp>
 #include <numeric>
+#include <random>
 
+#include "rehearse/Burner.h"
 #include "sim/BootReport.h"
 #include "sim/FabricFile.h"
 #include "sim/Filling.h"
@@ -56,6 +58,16 @@ class RehearsalTest : public ConsoleTest {
     DataVec data = EepromData(0x01);
     std::fill(data.begin() + 16, data.end(), content);
     return EepromText(data);
+  }
+
+  /// A burner that runs `command` before burns of which the number is as `test` asks.
+  std::string BurnerThat(const std::string& test, const std::string& command) {
+    const std::string count = _folder / "count";
+    const std::string burner = _folder.Write(
+        "burner", Text("#!/bin/sh\necho >>", count, "\nif [ \"$(wc -l <", count, ")\" ", test,
+                       " ]; then ", command, "; fi\nexec ", FwpushProgram(), " \"$@\"\n"));
+    std::filesystem::permissions(burner, std::filesystem::perms::owner_all);
+    return burner;
   }
 
   void NewImage(const FlashImage& image = {.content = 0x22}) {
@@ -283,6 +295,7 @@ TEST_F(RehearsalTest, TornBootRecordThatAddsUpIsFoundOutWhateverTheSeed) {
   for (const unsigned seed : {1u, 2u, 3u}) {
     rehearse::RehearsalOptions options = Options(fabric);
     options.seed = seed;
+    options.has_next = false;
     const rehearse::RehearsalReport report = rehearse::Rehearse(options);
     EXPECT_FALSE(report.IsWell());
     EXPECT_EQ(report.torn_records.valid, 2 * (sums - 1));
@@ -365,6 +378,160 @@ TEST_F(RehearsalTest, CopyOfAPartOfTheSecondImageIsFoundOutAndExplained) {
   EXPECT_TRUE(rehearse::Rehearse(Options(fabric, 10)).IsWell());
 }
 
+TEST_F(RehearsalTest, NextBurnThatBricksIsFoundOut) {
+  // The first slot of the new image is 0x1000 to 0x1600, which is behind 3 sectors, and its second
+  // slot begins at 0x1400. This burn writes the second slot, and is safe. The next one writes the
+  // first, into the only image that boots.
+  OldImage();
+  NewImage({.content = 0x22, .size = 0x600, .image1 = 0x1400, .image0 = 0x1000});
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  const rehearse::RehearsalReport report = rehearse::Rehearse(options);
+  EXPECT_EQ(report.unbootable + report.may_not_boot, 0u);
+  EXPECT_FALSE(report.IsWell());
+  EXPECT_EQ(report.next.burns, 1u);
+  EXPECT_GT(report.next.unsafe, 0u);
+  const auto in_next = std::ranges::find_if(report.exceptions, [](const auto& exception) {
+    return exception.during == rehearse::Burning::NEXT && exception.first;
+  });
+  ASSERT_NE(in_next, report.exceptions.end());
+  EXPECT_THAT(Describe(*in_next->first), testing::StartsWith("next:"));
+  EXPECT_EQ(in_next->step, "next burn, image slot 1 at 0x1400");
+  EXPECT_EQ(in_next->state, "boots BROKEN: slot 0 invalid, slot 1 broken");
+  EXPECT_EQ(in_next->reason, "the new first image reaches into the second slot");
+
+  options.at = in_next->first;
+  const rehearse::RehearsalReport replayed = rehearse::Rehearse(options);
+  EXPECT_EQ(replayed.next.points, 1u);
+  EXPECT_EQ(replayed.next.unsafe, 1u);
+  EXPECT_EQ(replayed.interrupted.burns, 0u);
+
+  options.at.reset();
+  options.has_next = false;
+  const rehearse::RehearsalReport without = rehearse::Rehearse(options);
+  EXPECT_TRUE(without.IsWell());
+  EXPECT_EQ(without.next.burns, 0u);
+  EXPECT_EQ(without.not_tried, "--no-next");
+}
+
+TEST_F(RehearsalTest, SecondInterruptionThatBricksIsFoundOut) {
+  OldImage();
+  NewImage();
+  // A wrong burner: when it recovers, it first burns without regard to what boots. That ends well,
+  // unless it is interrupted, too. The first two burns are this one and the next one.
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  options.fwpush = BurnerThat("-gt 2", FwpushProgram() + " \"$@\" -n || exit");
+  const rehearse::RehearsalReport report = rehearse::Rehearse(options);
+  EXPECT_EQ(report.unbootable + report.may_not_boot, 0u);
+  EXPECT_EQ(report.next.unsafe, 0u);
+  EXPECT_GT(report.interrupted.unsafe, 0u);
+  EXPECT_EQ(report.interrupted.unrecovered, 0u);
+  EXPECT_FALSE(report.IsWell());
+  ASSERT_FALSE(report.exceptions.empty());
+  const rehearse::RehearsalException& first = report.exceptions.front();
+  EXPECT_EQ(first.during, rehearse::Burning::RECOVERY);
+  ASSERT_TRUE(first.first.has_value());
+  ASSERT_TRUE(first.first->second.has_value());
+  EXPECT_EQ(first.reason, "the burn is not failsafe: it overwrites the image that boots");
+
+  // Alone, at its point. This burn and the recovery are the only two.
+  _folder.Write("count", "\n");
+  options.at = first.first;
+  const rehearse::RehearsalReport replayed = rehearse::Rehearse(options);
+  EXPECT_EQ(replayed.Points(), 0u);
+  EXPECT_EQ(replayed.interrupted.points, 1u);
+  EXPECT_EQ(replayed.interrupted.unsafe, 1u);
+
+  _folder.Write("count", "");
+  options.at.reset();
+  options.has_next = false;
+  EXPECT_TRUE(rehearse::Rehearse(options).IsWell());
+}
+
+TEST_F(RehearsalTest, NextBurnThatFailsIsAnException) {
+  OldImage();
+  NewImage();
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  options.fwpush = BurnerThat("-eq 2", "echo no more; exit 1");
+  const rehearse::RehearsalReport report = rehearse::Rehearse(options);
+  ASSERT_EQ(report.exceptions.size(), 1u);
+  EXPECT_EQ(report.exceptions.front().during, rehearse::Burning::NEXT);
+  EXPECT_EQ(report.exceptions.front().reason, "the burn fails: no more");
+}
+
+TEST_F(RehearsalTest, FurtherBurnsAreLeftOutWhereThisOneIsNotSafeInItself) {
+  OldImage();
+  NewImage();
+  rehearse::RehearsalOptions options = Options(FlashFabric(Holds("old.img", 0)));
+  options.extra_args = {"-n"};
+  EXPECT_EQ(rehearse::Rehearse(options).not_tried, "the burn is not failsafe");
+}
+
+/// What a rehearsal finds safe is burnt with the simulator's own power cuts, three times in a row
+/// and at random, and must boot a whole image each time.
+TEST_F(RehearsalTest, WhatIsSaidToBeSafeSurvivesRandomCuts) {
+  const unsigned seed = 5;
+  SCOPED_TRACE(seed);
+  std::mt19937 rng(seed);
+  const auto any_of = [&](std::initializer_list<u_int32_t> values) {
+    return values.begin()[rng() % values.size()];
+  };
+  unsigned safe = 0;
+  unsigned unsafe = 0;
+  unsigned cuts = 0;
+  for (int i = 0; i < 24; ++i) {
+    SCOPED_TRACE(i);
+    const std::string slots[] = {Holds("old.img", 0), Holds("old.img", 1),
+                                 Holds("old.img", 0) + Holds("old.img", 1)};
+    const std::string& start = slots[rng() % std::size(slots)];
+    std::string fabric;
+    if (rng() % 3 == 0) {
+      const bool is_same = rng() % 2 == 0;
+      _folder.Write("old.img", is_same ? EepromImageWithOneRecord(1) : EepromImage(1));
+      _folder.Write("new.img", is_same ? EepromImageWithOneRecord(2) : EepromImage(2));
+      fabric = FabricFile("chip = [{ address = 0, size = 0x100 }]", {start});
+    } else {
+      const u_int32_t old_size = any_of({0x20, 0x300, 0x700});
+      OldImage({.size = old_size, .image1 = any_of({0x1000, 0x1400, 0x1800})});
+      NewImage({.content = 0x22,
+                .size = any_of({0x20, 0x300, 0x700}),
+                .image1 = any_of({0x1400, 0x1800}),
+                .image0 = any_of({IMAGE0, IMAGE0, 0x1000})});
+      fabric = FlashFabric(start);
+    }
+    const rehearse::RehearsalOptions options = Options(fabric);
+    const rehearse::RehearsalReport report = rehearse::Rehearse(options);
+    ++(report.IsWell() ? safe : unsafe);
+    if (!report.IsWell()) continue;
+    const rehearse::Burner burner(options, {0x10});
+    for (int chain = 0; chain < 6; ++chain) {
+      sim::Fabric devices;
+      sim::LoadFabric(fabric, {}, devices);
+      std::string history;
+      for (int burn = 0; burn < 3; ++burn) {
+        sim::Fault cut;
+        cut.kind = sim::Fault::CUT;
+        cut.command = rng() % 4 == 0 ? "Erase" : "Write";
+        cut.nth = 1 + static_cast<u_int32_t>(rng() % (report.writes + 1));
+        cut.seed = static_cast<u_int32_t>(rng());
+        history += Text(cut.command, " ", cut.nth, " seed ", cut.seed, ", ");
+        devices.faults.Add(cut);
+        std::atomic<std::size_t> requests{0};
+        burner.Burn(devices, requests);
+        devices.faults = {};
+        sim::Device& device = *devices.Find(0x10);
+        cuts += device.has_power ? 0 : 1;
+        device.has_power = true;
+        ASSERT_THAT(sim::BootReport(devices, {_folder / "new.img"}),
+                    testing::MatchesRegex("0x0000000000000010 boots (old|new|old or new): .*\n"))
+            << history;
+      }
+    }
+  }
+  EXPECT_GE(safe, 6u);
+  EXPECT_GE(unsafe, 3u);
+  EXPECT_GE(cuts, 50u);
+}
+
 TEST_F(RehearsalTest, DeviceNamedByTwoGuidsIsOneDevice) {
   OldImage();
   NewImage();
@@ -374,11 +541,13 @@ TEST_F(RehearsalTest, DeviceNamedByTwoGuidsIsOneDevice) {
 }
 
 TEST_F(RehearsalTest, InterruptionPointsAreNamedAndFoundAgain) {
-  for (const std::string text : {"0", "1234", "killed:28", "dropped:1"}) {
+  for (const std::string text : {"0", "1234", "killed:28", "dropped:1", "next:7", "12+34"}) {
     ASSERT_TRUE(rehearse::ParseInterruptionPoint(text).has_value()) << text;
     EXPECT_EQ(Describe(*rehearse::ParseInterruptionPoint(text)), text);
   }
-  for (const std::string text : {"", "-1", "killed:", "lost:1", "1x", "99999999999999999999"}) {
+  for (const std::string text :
+       {"", "-1", "killed:", "lost:1", "1x", "99999999999999999999", "next:", "next:killed:1",
+        "killed:next:1", "1+", "+1", "1+2+3", "next:1+2", "killed:1+2"}) {
     EXPECT_FALSE(rehearse::ParseInterruptionPoint(text).has_value()) << text;
   }
 }
@@ -448,8 +617,14 @@ TEST_F(RehearseProgramTest, StatusTellsWhetherAllInterruptionsAreSurvived) {
   const Outcome good = Run({"--recover", "10", "--jobs", "2", "--json", _folder / "report.json"});
   EXPECT_EQ(good.status, 0) << good.errors;
   EXPECT_THAT(good.output, testing::HasSubstr("rehearsal: RV52100FailsafeBurn, 1 device(s)\n"));
-  EXPECT_THAT(good.output,
-              testing::EndsWith("no interruption leaves a device that does not boot\n"));
+  EXPECT_THAT(
+      good.output,
+      testing::EndsWith(
+          "  tried: power lost at 160 points of this burn, 160 of the next one and 1762 of 11 "
+          "recoveries;\n    the burner killed 2 times, the connection dropped 2 times;\n"
+          "    torn words and erases in one way each, by --seed 1\n"
+          "  no interruption that was tried leaves a device that does not boot a whole "
+          "image\n"));
   std::ifstream file(_folder / "report.json");
   const nlohmann::json report = nlohmann::json::parse(file);
   EXPECT_EQ(report["version"], 1);
@@ -457,6 +632,17 @@ TEST_F(RehearseProgramTest, StatusTellsWhetherAllInterruptionsAreSurvived) {
   EXPECT_EQ(report["unbootable"], 0);
   EXPECT_EQ(report["recoveries"]["power"], 6);
   EXPECT_TRUE(report["exceptions"].empty());
+  EXPECT_EQ(report["not_tried"], "");
+  EXPECT_EQ(report["next_burn"]["points"], 160);
+  EXPECT_EQ(report["interrupted_again"]["recoveries"], report["interrupted_again"]["burns"]);
+
+  const Outcome no_next = Run({"--recover", "0", "--no-next"});
+  EXPECT_EQ(no_next.status, 0) << no_next.errors;
+  EXPECT_THAT(no_next.output,
+              testing::HasSubstr(
+                  "  not tried         the next burn, and a second interruption: --no-next\n"));
+  EXPECT_THAT(no_next.output,
+              testing::HasSubstr("  tried: power lost at 160 points of this burn;\n"));
 
   OldImage({.invariant = 0x78});
   const Outcome bad = Run({"--recover", "0"});
@@ -486,6 +672,10 @@ TEST_F(RehearseProgramTest, WrongCommandLineIsRefused) {
   for (const std::vector<std::string>& words : {std::vector<std::string>{"--recover", "some"},
                                                 {"--recover=-1"},
                                                 {"--at", "x"},
+                                                {"--at", "next:1", "--no-next"},
+                                                {"--at", "1+1", "--no-next"},
+                                                {"--recover", "next:1"},
+                                                {"--recover", "1+1"},
                                                 {"-m", "3"},
                                                 {"-m=3"},
                                                 {"-m="},
