@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <regex>
 #include <set>
@@ -851,6 +852,145 @@ TEST(ReliabilityDocumentTest, FiguresStandInBlocksThatTheirScriptsWrite) {
   }
   EXPECT_EQ(open, "");
   EXPECT_GE(blocks.size(), 7u);
+}
+
+/// The schemas of docs/json, by the names of their results.
+std::map<std::string, nlohmann::json> Schemas() {
+  std::map<std::string, nlohmann::json> schemas;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::filesystem::path(DOCUMENTS) / "json")) {
+    const std::string name = entry.path().stem().stem();
+    schemas[name] = nlohmann::json::parse(ReadText(entry.path()));
+  }
+  return schemas;
+}
+
+/// Calls `visit` with a schema and all schemas in it.
+void VisitAll(const nlohmann::json& schema,
+              const std::function<void(const nlohmann::json&)>& visit) {
+  if (schema.is_object()) visit(schema);
+  if (!schema.is_structured()) return;
+  for (const auto& part : schema) VisitAll(part, visit);
+}
+
+/// The text below the first heading that has `words`, up to the next heading.
+std::string SectionBelow(const std::string& document, const std::string& words) {
+  std::ifstream file(std::filesystem::path(DOCUMENTS) / document);
+  std::string text;
+  bool is_inside = false;
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with("#")) {
+      if (is_inside) return text;
+      is_inside = line.find(words) != std::string::npos;
+    } else if (is_inside) {
+      text += line + "\n";
+    }
+  }
+  return text;
+}
+
+std::set<std::string> Matches(const std::string& text, const std::string& pattern) {
+  std::set<std::string> found;
+  const std::regex regex(pattern);
+  for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at) {
+    found.insert((*at)[1]);
+  }
+  return found;
+}
+
+TEST(JsonDocumentTest, SchemasAreStrict) {
+  const std::set<std::string> optional{"cannot"};
+  const auto schemas = Schemas();
+  EXPECT_EQ(schemas.size(), 9u);
+  for (const auto& [name, schema] : schemas) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(schema.at("$schema"), "https://json-schema.org/draft/2020-12/schema");
+    EXPECT_EQ(schema.at("properties").at("version").at("const"), 1);
+    std::size_t objects = 0;
+    VisitAll(schema, [&](const nlohmann::json& part) {
+      const auto is_a = [&part](const char* type) {
+        return part.contains("type") && part["type"] == type;
+      };
+      EXPECT_EQ(is_a("array"), part.contains("items")) << part;
+      EXPECT_TRUE(!is_a("integer") || part.contains("minimum")) << part;
+      if (!is_a("object")) return;
+      ++objects;
+      EXPECT_EQ(part.at("additionalProperties"), false);
+      std::set<std::string> names;
+      for (const auto& [key, value] : part.at("properties").items()) {
+        if (!optional.contains(key)) names.insert(key);
+      }
+      // Counts are those that the algorithm printed.
+      if (names.contains("both_valid")) return;
+      EXPECT_EQ(part.at("required").get<std::set<std::string>>(), names);
+    });
+    EXPECT_GT(objects, 0u);
+  }
+}
+
+TEST(JsonDocumentTest, ThePageAndTheSchemasHaveTheSameMembers) {
+  for (const auto& [name, schema] : Schemas()) {
+    SCOPED_TRACE(name);
+    std::set<std::string> members;
+    std::set<std::string> words;  // members and values
+    VisitAll(schema, [&](const nlohmann::json& part) {
+      if (part.contains("properties") && part["properties"].is_object()) {
+        for (const auto& [key, value] : part["properties"].items()) members.insert(key);
+      }
+      if (part.contains("const") && part["const"].is_string()) words.insert(part["const"]);
+      if (!part.contains("enum") || !part["enum"].is_array()) return;
+      for (const auto& value : part["enum"]) {
+        if (value.is_string()) words.insert(value);
+      }
+    });
+    words.insert(members.begin(), members.end());
+    std::string heading = name;
+    if (name.starts_with("fwimg-")) heading[5] = ' ';
+    const std::string section = SectionBelow("json.md", heading + " --json");
+    EXPECT_NE(section.find("(json/" + name + ".schema.json)"), std::string::npos);
+    // Of the tables, and of the example.
+    std::set<std::string> told = Matches(section, "`([a-z][a-z0-9_-]*)`");
+    told.merge(Matches(section, "\"([a-z][a-z0-9_]*)\": "));
+    for (const std::string& member : members) {
+      EXPECT_TRUE(told.contains(member)) << member << " stands in the schema only";
+    }
+    std::istringstream lines(section);
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.starts_with("| `")) continue;
+      const std::string cell = line.substr(0, line.find(" |", 1));
+      for (const std::string& word : Matches(cell, "`([a-z][a-z0-9_-]*)`")) {
+        EXPECT_TRUE(words.contains(word)) << word << " stands on the page only";
+      }
+    }
+  }
+}
+
+TEST(JsonDocumentTest, TheExampleIsAsItsSchemaSaysAndAChangedOneIsNot) {
+  const common::ScratchFolder folder;
+  const auto is_valid = [&](const nlohmann::json& document) {
+    return RunProgram({"/usr/bin/python3", VALIDATE_JSON, std::string(DOCUMENTS) + "/json",
+                       "fwpush-report", folder.Write("result.json", document.dump())})
+               .status == 0;
+  };
+  const auto blocks = FencedBlocks(std::string(DOCUMENTS) + "/json.md", "json");
+  ASSERT_EQ(blocks.size(), 1u);
+  const nlohmann::json example = nlohmann::json::parse(blocks[0]);
+  EXPECT_TRUE(is_valid(example));
+  for (const auto& [path, value] : {std::pair<std::string, nlohmann::json>{"/more", 1},
+                                    {"/version", 2},
+                                    {"/failure", ""},
+                                    {"/devices/0/guid", "0x10"},
+                                    {"/devices/0/more", 1},
+                                    {"/devices/1/outcome", "unknown"},
+                                    {"/phases/0/percent", -1},
+                                    {"/counts/more", 1}}) {
+    nlohmann::json changed = example;
+    changed[nlohmann::json::json_pointer(path)] = value;
+    EXPECT_FALSE(is_valid(changed)) << path;
+  }
+  nlohmann::json shorter = example;
+  shorter["devices"][0].erase("reason");
+  EXPECT_FALSE(is_valid(shorter));
 }
 
 }  // namespace

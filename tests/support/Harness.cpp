@@ -5,9 +5,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <regex>
 #include <set>
+#include <utility>
 
 namespace {
 
@@ -49,6 +51,81 @@ void Finish(common::ChildProcess& child, bool in_time, Outcome& outcome) {
   outcome.signal = ending.signal;
 }
 
+/// The JSON that the programs of a test wrote, to be validated at its end.
+class WrittenJson : public testing::EmptyTestEventListener {
+ public:
+  /// Of this process; listens from the first call on.
+  static WrittenJson& Get() {
+    static WrittenJson* const written = [] {
+      auto* listener = new WrittenJson;  // owned by GoogleTest
+      testing::UnitTest::GetInstance()->listeners().Append(listener);
+      return listener;
+    }();
+    return *written;
+  }
+
+  void Add(const std::string& schema, const std::string& text) {
+    if (!_seen.insert({schema, text}).second) return;
+    _words.push_back(schema);
+    _words.push_back(_folder.Write(std::to_string(_words.size()), text));
+  }
+
+  void OnTestEnd(const testing::TestInfo& test) override {
+    if (_words.empty()) return;
+    std::vector<std::string> words{"/usr/bin/python3", VALIDATE_JSON,
+                                   std::string(DOCUMENTS) + "/json"};
+    words.insert(words.end(), _words.begin(), _words.end());
+    _words.clear();
+    _seen.clear();
+    const Outcome outcome = RunProgram(words);
+    EXPECT_EQ(outcome.status, 0) << test.name() << " wrote JSON that is not as its schema says:\n"
+                                 << outcome.output << outcome.errors;
+  }
+
+ private:
+  common::ScratchFolder _folder;
+  std::vector<std::string> _words;  ///< schema and file, in turn
+  std::set<std::pair<std::string, std::string>> _seen;
+};
+
+/// The JSON that a program is asked for.
+struct AskedJson {
+  std::string schema;  ///< its name; empty where none is asked for
+  std::string file;    ///< empty for standard output
+  std::string before;  ///< what the file held
+};
+
+std::string ContentOf(const std::string& file) {
+  std::error_code error;
+  return std::filesystem::is_regular_file(file, error) ? ReadText(file) : "";
+}
+
+AskedJson AskedBy(const std::vector<std::string>& words) {
+  const auto end = std::find(words.begin(), words.end(), "--");
+  const auto option = std::find(words.begin(), end, "--json");
+  if (option == end) return {};
+  AskedJson asked;
+  if (words[0] == FWIMG_PROGRAM) {
+    asked.schema = "fwimg-" + words[1];
+  } else if (words[0] == VERIFY_PROGRAM) {
+    asked.schema = "fwpush-verify";
+  } else if (words[0] == REPORT_PROGRAM || words[0] == REHEARSE_PROGRAM) {
+    if (option + 1 == end) return {};
+    asked.schema = words[0] == REPORT_PROGRAM ? "fwpush-report" : "fwpush-rehearse";
+    asked.file = option[1];
+    asked.before = ContentOf(asked.file);
+  }
+  return asked;
+}
+
+void Collect(const AskedJson& asked, const Outcome& outcome) {
+  if (asked.schema.empty()) return;
+  const std::string text = asked.file.empty() ? outcome.output : ContentOf(asked.file);
+  // A run that cannot begin prints nothing, and leaves the file as it was.
+  if (text.empty() || text == asked.before) return;
+  WrittenJson::Get().Add(asked.schema, text);
+}
+
 void ReplaceAll(std::string& text, const std::string& what, const std::string& with) {
   for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size()) {
     text.replace(at, what.size(), with);
@@ -58,6 +135,7 @@ void ReplaceAll(std::string& text, const std::string& what, const std::string& w
 }  // namespace
 
 Outcome RunProgram(const std::vector<std::string>& words, Through through) {
+  const AskedJson asked = AskedBy(words);
   Outcome outcome;
   if (through == Through::TERMINAL) {
     common::Channel terminal = common::MakeTerminal();
@@ -78,6 +156,7 @@ Outcome RunProgram(const std::vector<std::string>& words, Through through) {
   errors.in.Close();
   Finish(child, ReadAll({{output.out.Get(), &outcome.output}, {errors.out.Get(), &outcome.errors}}),
          outcome);
+  Collect(asked, outcome);
   return outcome;
 }
 

@@ -23,7 +23,9 @@ struct Outcome {
 
 enum class Through { PIPE, TERMINAL };
 
-/// Runs `words[0]` with the other words to its end, 60 seconds at most.
+/// Runs `words[0]` with the other words to its end, 60 seconds at most. JSON that one of our
+/// programs printed or wrote, because its words ask for that, is validated by its schema in
+/// docs/json/ when the test ends.
 Outcome RunProgram(const std::vector<std::string>& words, Through through = Through::PIPE);
 
 /// A child process, ended by the destructor where it still runs.
