@@ -16,6 +16,7 @@ const RehearsalProgress SILENT = [](const std::string&, std::size_t, std::size_t
 /// The options with which a further burn is swept: `at`, if given, is a cut of that burn.
 RehearsalOptions OptionsAt(const RehearsalOptions& options, std::optional<std::size_t> at) {
   RehearsalOptions further = options;
+  if (options.at && options.at->second_seed) further.seed = *options.at->second_seed;
   further.at.reset();
   if (at) further.at = InterruptionPoint{Interruption::POWER, *at};
   return further;

@@ -10,7 +10,8 @@ namespace {
 constexpr std::string_view NEXT = "next:";
 
 /// Takes a number from the front of `text`. False if there is none.
-bool TakeNumber(std::string_view& text, std::size_t& number) {
+template <typename Number>
+bool TakeNumber(std::string_view& text, Number& number) {
   const char* const end = text.data() + text.size();
   const auto parsed = std::from_chars(text.data(), end, number);
   if (text.empty() || parsed.ec != std::errc()) return false;
@@ -35,7 +36,8 @@ std::string_view HeadOf(Interruption kind) {
 
 std::string Describe(const InterruptionPoint& at) {
   return std::string(at.is_of_next_burn ? NEXT : HeadOf(at.kind)) + std::to_string(at.place) +
-         (at.second ? "+" + std::to_string(*at.second) : "");
+         (at.second ? "+" + std::to_string(*at.second) : "") +
+         (at.second_seed ? "@" + std::to_string(*at.second_seed) : "");
 }
 
 std::optional<InterruptionPoint> ParseInterruptionPoint(const std::string& text) {
@@ -54,6 +56,10 @@ std::optional<InterruptionPoint> ParseInterruptionPoint(const std::string& text)
   if (number.starts_with('+') && at.kind == Interruption::POWER && !at.is_of_next_burn) {
     number.remove_prefix(1);
     if (!TakeNumber(number, at.second.emplace())) return {};
+    if (number.starts_with('@')) {
+      number.remove_prefix(1);
+      if (!TakeNumber(number, at.second_seed.emplace())) return {};
+    }
   }
   if (!number.empty()) return {};
   return at;

@@ -43,7 +43,9 @@ void RehearsalReport::AddFurther(RehearsalReport further, Burning during, std::s
       exception.step = "next burn, " + exception.step;
     } else {
       const auto second = exception.first ? std::optional(exception.first->place) : std::nullopt;
-      exception.first = InterruptionPoint{.place = first, .second = second};
+      // The seed of the rehearsal has torn the first interruption.
+      exception.first = InterruptionPoint{
+          .place = first, .second = second, .second_seed = std::exchange(exception.seed, {})};
       exception.step = "recovery, " + exception.step;
     }
     // Recoveries from several states may meet the same.

@@ -262,6 +262,27 @@ TEST_F(RehearsalTest, SeveralDevicesAreEachJudgedByTheirOwnLog) {
   EXPECT_TRUE(report.IsWell());
 }
 
+TEST_F(RehearsalTest, TornBootRecordOfARecoveryIsReplayedByItsPointAndSeed) {
+  _folder.Write("old.img", EepromImage(0x01));
+  _folder.Write("new.img", EepromImage(0x02));
+  rehearse::RehearsalOptions options = Options(FabricFile(
+      "chip = [{ address = 0, size = 0x100 }]", {Holds("old.img", 0) + Holds("old.img", 1)}));
+  const rehearse::RehearsalReport report = rehearse::Rehearse(options);
+  unsigned replayed = 0;
+  for (const rehearse::RehearsalException& exception : report.exceptions) {
+    if (exception.during != rehearse::Burning::RECOVERY) continue;
+    ASSERT_TRUE(exception.first && exception.first->second_seed);
+    EXPECT_EQ(exception.seed, std::nullopt);
+    options.at = rehearse::ParseInterruptionPoint(Describe(*exception.first));
+    ASSERT_TRUE(options.at.has_value());
+    const rehearse::RehearsalReport again = rehearse::Rehearse(options);
+    ASSERT_EQ(again.exceptions.size(), 1u);
+    EXPECT_EQ(again.exceptions.front().state, exception.state);
+    ++replayed;
+  }
+  EXPECT_GE(replayed, 1u);
+}
+
 TEST_F(RehearsalTest, DeviceThatDidNotBootBeforeIsTold) {
   _folder.Write("old.img", EepromImageWithOneRecord(0x01));
   _folder.Write("new.img", EepromImageWithOneRecord(0x02));
@@ -541,13 +562,14 @@ TEST_F(RehearsalTest, DeviceNamedByTwoGuidsIsOneDevice) {
 }
 
 TEST_F(RehearsalTest, InterruptionPointsAreNamedAndFoundAgain) {
-  for (const std::string text : {"0", "1234", "killed:28", "dropped:1", "next:7", "12+34"}) {
+  for (const std::string text :
+       {"0", "1234", "killed:28", "dropped:1", "next:7", "12+34", "12+34@5"}) {
     ASSERT_TRUE(rehearse::ParseInterruptionPoint(text).has_value()) << text;
     EXPECT_EQ(Describe(*rehearse::ParseInterruptionPoint(text)), text);
   }
   for (const std::string text :
        {"", "-1", "killed:", "lost:1", "1x", "99999999999999999999", "next:", "next:killed:1",
-        "killed:next:1", "1+", "+1", "1+2+3", "next:1+2", "killed:1+2"}) {
+        "killed:next:1", "1+", "+1", "1+2+3", "1@2", "1+2@", "1+2@x", "next:1+2", "killed:1+2"}) {
     EXPECT_FALSE(rehearse::ParseInterruptionPoint(text).has_value()) << text;
   }
 }
