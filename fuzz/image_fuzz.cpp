@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u_int8_t* bytes, std::size_t size) {
   // fwimg tells what the loader refuses, and nothing else is refused.
   try {
     const bool is_refused =
-        std::ranges::any_of(fwimg::Check(file, 0x10000),
+        std::ranges::any_of(fwimg::Check(file, {.sector_size = 0x10000}),
                             [](const auto& problem) { return problem.kind->word == "refused"; });
     Must(is_refused == error.has_value(), "fwimg check refuses what the loader refuses");
   } catch (const device::ImageError& odd) {

@@ -89,7 +89,7 @@ int Run(const Options& options) {
   for (const std::string& file : options.files) {
     Report report{file, {}, ""};
     try {
-      report.problems = Check(file, sector_size, flash_size);
+      report.problems = Check(file, {.sector_size = sector_size, .flash_size = flash_size});
     } catch (const device::ImageError& error) {
       report.trouble = error.what();
       std::cerr << "fwimg: " << Printable(report.trouble) << std::endl;

@@ -109,6 +109,35 @@ void CheckStoredCrc(const CheckedImage& image, const CrcLine& crc, LineFindings&
                    "; that of its bytes is " + HexText(shipped));
 }
 
+/// A CRC is computed as if all signatures were set. A failsafe burn sets a slot's own, and only
+/// with that slot.
+void CheckCrcOverSignatures(const CheckedImage& image, const CrcLine& crc, LineFindings& findings) {
+  const auto is_set_by = [&](const Sequence* sequence, const FieldLine& field) {
+    for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+      const auto& signature = image.file.slots[idx].signature;
+      if (sequence == &image.burnt[idx] && signature && signature->addr == field.addr) return true;
+    }
+    return false;
+  };
+  for (const Sequence* sequence : image.Failsafe()) {
+    for (const Region& region : *sequence) {
+      if (crc.from < region.from || crc.from >= region.end) continue;
+      for (const FieldLine& field : image.file.fields) {
+        if (field.type != FieldType::SIGNATURE || field.addr < region.from ||
+            field.addr >= region.end || !ExtentOf(field).Overlaps(CoveredBy(crc))) {
+          continue;
+        }
+        if (image.kind == SlotKind::POINTER_SECTORS && is_set_by(sequence, field)) continue;
+        findings.Add(ProblemId::CRC_OVER_SIGNATURE, crc.line, [&] {
+          return "the CRC over " + HexText(crc.from) + " to " + HexText(crc.End()) +
+                 " covers the SIGNATURE " + At(field.addr) + " of " + Line(field.line) +
+                 ", which is not set with " + Name(*region.section);
+        });
+      }
+    }
+  }
+}
+
 void CheckCrc(const CheckedImage& image, const CrcLine& crc, bool is_whole,
               LineFindings& findings) {
   const std::string what = "the CRC over " + HexText(crc.from);
@@ -127,6 +156,7 @@ void CheckCrc(const CheckedImage& image, const CrcLine& crc, bool is_whole,
   }
   for (const Region* region : regions) CheckCrcRegion(crc, *region, findings);
   CheckStoredCrc(image, crc, findings);
+  CheckCrcOverSignatures(image, crc, findings);
 }
 
 /// What a burn writes by itself: a field, or a CRC word.

@@ -3,6 +3,7 @@
 #include "fwimg/CheckFlash.h"
 
 #include "device/Boot.h"
+#include "device/Burn.h"
 #include "device/Crc.h"
 
 namespace fwimg {
@@ -93,15 +94,148 @@ void CheckInvariantOrder(const CheckedImage& image, LineFindings& findings) {
   }
 }
 
+/// A section in the first sector erases the marker there, wherever it ends itself.
 void CheckMarker(const CheckedImage& image, LineFindings& findings) {
-  const auto covers = [](const SectionLines* section) {
-    return ExtentOf(*section).Contains(MARKER);
+  const SectionLines* first = nullptr;
+  for (const SectionLines* section : image.kept) {
+    if (section->addr >= image.sector || section->size == 0) continue;
+    if (!section->is_whole) return;
+    if (first == nullptr || section->addr < first->addr) first = section;
+  }
+  if (first == nullptr) return;
+  const auto marker = image.file.BytesAt(MARKER.from, WORD_SIZE);
+  if (marker == Signature()) return;
+  const SectionLines* over = image.SectionOver(MARKER.from);
+  if (marker) {
+    findings.Add(ProblemId::MARKER_MISSING, over->line,
+                 Name(*over) + " has no failsafe marker CB 84 CB 84 at 0x24");
+  } else {
+    findings.Add(ProblemId::MARKER_MISSING, (over == nullptr ? first : over)->line,
+                 Name(*first) + " " + At(first->addr) +
+                     " lies in the invariant sector, but no section has all bytes of the failsafe "
+                     "marker at 0x24 to 0x28");
+  }
+}
+
+/// What a burn leaves in some parts of an empty flash.
+class FlashParts : public device::BurnTarget {
+ public:
+  void Add(std::uint32_t addr, std::size_t size) {
+    _parts.push_back({addr, Bytes(size, device::ERASED)});
+  }
+  const Bytes& Part(std::size_t index) const { return _parts.at(index).bytes; }
+
+  void Erase(std::uint32_t addr, std::uint64_t size) override {
+    for (Piece& part : _parts) {
+      const Extent common = Common(part, addr, size);
+      if (common.from >= common.end) continue;
+      std::fill(At(part, common.from), At(part, common.end), device::ERASED);
+    }
+  }
+  void Program(std::uint32_t addr, View bytes) override {
+    for (Piece& part : _parts) {
+      const Extent common = Common(part, addr, bytes.size());
+      for (std::uint64_t at = common.from; at < common.end; ++at) {
+        *At(part, at) &= bytes[static_cast<std::size_t>(at - addr)];
+      }
+    }
+  }
+
+ private:
+  struct Piece {
+    std::uint32_t addr;
+    Bytes bytes;
   };
-  const auto over = std::ranges::find_if(image.kept, covers);
-  if (over == image.kept.end() || !image.file.BytesAt(MARKER.from, WORD_SIZE)) return;
-  if (image.WordAt(MARKER.from) == device::VALID_SIGNATURE) return;
-  findings.Add(ProblemId::MARKER_MISSING, (*over)->line,
-               Name(**over) + " has no failsafe marker CB 84 CB 84 at 0x24");
+
+  static Extent Common(const Piece& part, std::uint32_t addr, std::uint64_t size) {
+    return {std::max(part.addr, addr),
+            std::min(part.addr + std::uint64_t{part.bytes.size()}, addr + size)};
+  }
+  static Bytes::iterator At(Piece& part, std::uint64_t addr) {
+    return part.bytes.begin() + static_cast<std::ptrdiff_t>(addr - part.addr);
+  }
+
+  std::vector<Piece> _parts;
+};
+
+/// Burns into `flash` by `plan`. Returns false where the burn does not come to its end, which is a
+/// problem of its own.
+bool BurnsInto(FlashParts& flash, const CheckedImage& image, device::BurnKind kind,
+               const device::Plan& plan) {
+  const device::Burn burn(image.file.image, kind, [](FieldType type) {
+    return Bytes(device::RowOf(type).size, 0);  // any value will do
+  });
+  try {
+    burn.Write(flash, image.sector, plan);
+  } catch (const device::BurnError&) {
+    return false;
+  }
+  return true;
+}
+
+/// Whether a burn puts bytes there that depend on the device, or a kind of its own tells of them.
+bool MayDiffer(const CheckedImage& image, std::uint64_t addr) {
+  const Extent byte{addr, addr + 1};
+  const auto is_own = [](const device::Field& field) { return field.type != FieldType::SIGNATURE; };
+  const auto depends = [&](const CrcLine& crc) {
+    return PlaceOf(crc).Overlaps(byte) &&
+           std::ranges::any_of(image.file.fields, [&](const FieldLine& field) {
+             return is_own(field) && ExtentOf(field).Overlaps(CoveredBy(crc));
+           });
+  };
+  return MARKER.Overlaps(byte) || std::ranges::any_of(image.file.crcs, depends) ||
+         std::ranges::any_of(image.file.fields, [&](const FieldLine& field) {
+           return is_own(field) && ExtentOf(field).Overlaps(byte);
+         });
+}
+
+/// A burn compares the invariant sector with the file, byte for byte, and rewrites it where they
+/// differ: what it leaves there must be what the file has.
+void CheckInvariantContents(const CheckedImage& image, LineFindings& findings) {
+  std::vector<const SectionLines*> sections;
+  for (const Region& region : image.invariant) {
+    if (!region.section->is_whole) return;
+    sections.push_back(region.section);
+  }
+  FlashParts flash;
+  for (const SectionLines* section : sections) {
+    flash.Add(section->addr, static_cast<std::size_t>(section->size));
+  }
+  const device::Plan plan{.rewrites_invariant = true};
+  if (!BurnsInto(flash, image, device::BurnKind::FAILSAFE, plan)) return;
+  for (std::size_t i = 0; i < sections.size(); ++i) {
+    const View shipped = image.file.DataOf(*sections[i]);
+    const View burnt = flash.Part(i);
+    for (std::size_t at = 0; at < shipped.size(); ++at) {
+      const std::uint64_t addr = sections[i]->addr + std::uint64_t{at};
+      if (shipped[at] == burnt[at] || MayDiffer(image, addr)) continue;
+      const auto crc = std::ranges::find_if(image.file.crcs, [&](const CrcLine& line) {
+        return PlaceOf(line).Overlaps({addr, addr + 1});
+      });
+      findings.Add(ProblemId::INVARIANT_CHANGES,
+                   crc == image.file.crcs.end() ? sections[i]->line : crc->line,
+                   Name(*sections[i]) + " has " + HexText(shipped[at]) + " " + At(addr) +
+                       ", where a burn leaves " + HexText(burnt[at]));
+      break;
+    }
+  }
+}
+
+/// A burn with -n writes the signatures as they are shipped.
+void CheckPlainBurnBoots(const CheckedImage& image, LineFindings& findings) {
+  if (!image.has_slots) return;
+  FlashParts flash;
+  for (const SlotLines& slot : image.file.slots) {
+    const SectionLines* ps = image.file.SectionAt(slot.pointer_sector->addr);
+    if (ps == nullptr || !ps->is_whole) return;  // is told already
+    flash.Add(ps->addr, device::POINTER_RECORD_SIZE);
+  }
+  if (!BurnsInto(flash, image, device::BurnKind::PLAIN, {})) return;
+  for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+    if (device::RecordBoots(image.kind, idx, flash.Part(idx))) return;
+  }
+  findings.Add(ProblemId::NONE_SHIPPED_SIGNED, image.file.slots[0].pointer_sector->line,
+               "neither pointer sector is shipped with a valid signature and a CRC that fits");
 }
 
 /// What a burn writes into the invariant sector for each device.
@@ -137,30 +271,52 @@ void CheckFirstSlot(const CheckedImage& image, LineFindings& findings) {
                "IMAGE 0 is " + At(first->addr) + ", not at 3 sectors, " + HexText(moved_to));
 }
 
+/// The sectors that are erased for one region, chunk by chunk. `last`: where the erase before it
+/// began, of which the burner remembers no more than that. Returns where it cannot erase.
+std::optional<std::uint64_t> FollowErases(const Region& region, std::uint32_t sector,
+                                          std::uint32_t chunk, std::optional<std::uint64_t>& last,
+                                          std::vector<Extent>& erased) {
+  const std::uint64_t step =
+      sector % chunk == 0 ? sector : chunk;  // no chunk needs a look of its own
+  for (std::uint64_t at = region.from; at < region.end;) {
+    const std::uint64_t end = std::min(region.end, (at / step + 1) * step);
+    const std::uint64_t first = at / sector;
+    const std::uint64_t behind = (end - 1) / sector + 1;
+    if (last != first || behind != first + 1) {
+      if (at % sector != 0) return at;
+      erased.push_back({at, behind * sector});
+      last = first;
+    }
+    at = end;
+  }
+  return std::nullopt;
+}
+
 /// Follows the erases of one burn, sector by sector. `needed`: what they must spare besides what
 /// the burn itself has written.
 void CheckErasesOf(const Sequence& sequence, const std::vector<const Sequence*>& needed,
-                   std::uint32_t sector, LineFindings& findings) {
-  std::optional<std::uint64_t> last;  // the sector that was erased last
+                   const CheckedImage& image, LineFindings& findings) {
+  std::optional<std::uint64_t> last;
   for (std::size_t i = 0; i < sequence.size(); ++i) {
     const Region& region = sequence[i];
     if (region.from == region.end) continue;
-    const std::uint64_t first_sector = region.from / sector;
-    const std::uint64_t last_sector = (region.end - 1) / sector;
-    const bool goes_on = last == first_sector;
-    last = last_sector;
-    if (!goes_on && region.from % sector != 0) {
+    std::vector<Extent> erased;
+    const auto stuck = FollowErases(region, image.sector, image.target.ChunkSize(), last, erased);
+    if (stuck) {
+      last = (region.end - 1) / image.sector;  // so that what follows it is told of by itself
       findings.Add(ProblemId::ERASE_UNALIGNED, region.section->line, [&] {
-        return Name(*region.section) + ", burnt " + At(region.from) + ", starts no sector of " +
-               HexText(sector) + " bytes";
+        return Name(*region.section) + ", burnt " + At(region.from) + ", " +
+               (*stuck == region.from ? "starts"
+                                      : "goes on " + At(*stuck) + " in a new chunk, and starts") +
+               " no sector of " + HexText(image.sector) + " bytes";
       });
       continue;
     }
-    const Extent erased{(goes_on ? first_sector + 1 : first_sector) * sector,
-                        (last_sector + 1) * sector};
     const auto spoils = [&](const Region& other) {
       if (other.section == region.section && other.from == region.from) return;
-      if (!other.Overlaps(erased) || other.Overlaps(region)) return;  // that is told as overlap
+      const bool is_erased =
+          std::ranges::any_of(erased, [&](const Extent& extent) { return other.Overlaps(extent); });
+      if (!is_erased || other.Overlaps(region)) return;  // that is told as overlap
       findings.Add(ProblemId::ERASE_SPOILS, region.section->line, [&] {
         return Name(*region.section) + ", burnt " + At(region.from) + ", shares a sector with " +
                Name(*other.section) + " " + At(other.from);
@@ -176,9 +332,9 @@ void CheckErases(const CheckedImage& image, LineFindings& findings) {
   for (const Sequence* sequence : failsafe) {
     auto needed = failsafe;
     std::erase(needed, sequence);
-    CheckErasesOf(*sequence, needed, image.sector, findings);
+    CheckErasesOf(*sequence, needed, image, findings);
   }
-  CheckErasesOf(image.all, {}, image.sector, findings);
+  CheckErasesOf(image.all, {}, image, findings);
 }
 
 void CheckFlashEnd(const CheckedImage& image, std::uint32_t flash_size, LineFindings& findings) {
@@ -192,18 +348,19 @@ void CheckFlashEnd(const CheckedImage& image, std::uint32_t flash_size, LineFind
 
 }  // namespace
 
-void CheckFlash(const CheckedImage& image, std::optional<std::uint32_t> flash_size,
-                LineFindings& findings) {
+void CheckFlash(const CheckedImage& image, LineFindings& findings) {
   if (image.kind == SlotKind::POINTER_SECTORS) {
     for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx)
       CheckPointerSector(image, idx, findings);
     CheckInvariantOrder(image, findings);
     CheckMarker(image, findings);
     CheckInvariantPlaces(image, findings);
+    CheckInvariantContents(image, findings);
+    CheckPlainBurnBoots(image, findings);
     CheckFirstSlot(image, findings);
   }
   CheckErases(image, findings);
-  if (flash_size) CheckFlashEnd(image, *flash_size, findings);
+  if (image.target.flash_size) CheckFlashEnd(image, *image.target.flash_size, findings);
 }
 
 }  // namespace fwimg

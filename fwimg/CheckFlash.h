@@ -1,15 +1,10 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
-
 #include "fwimg/CheckedImage.h"
 
 namespace fwimg {
 
-/// Pointer sectors, the invariant sector, and what erases destroy. `flash_size`: in bytes, where it
-/// is known.
-void CheckFlash(const CheckedImage& image, std::optional<std::uint32_t> flash_size,
-                LineFindings& findings);
+/// Pointer sectors, the invariant sector, what erases destroy, and the end of the flash.
+void CheckFlash(const CheckedImage& image, LineFindings& findings);
 
 }  // namespace fwimg

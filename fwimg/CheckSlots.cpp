@@ -8,9 +8,14 @@ void CheckDirectives(const CheckedImage& image, LineFindings& findings) {
   for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
     const SlotLines& slot = image.file.slots[idx];
     const auto need = [&](const std::optional<AddrLine>& addr, const char* directive) {
-      if (addr) return;
-      findings.Add(ProblemId::SLOT_UNSET, image.file.device_type_line,
-                   Text("no ", directive, " ", idx, ", which this device type needs"));
+      if (!addr) {
+        findings.Add(ProblemId::SLOT_UNSET, image.file.device_type_line,
+                     Text("no ", directive, " ", idx, ", which this device type needs"));
+      } else if (addr->addr == device::UNSET_ADDR) {
+        findings.Add(ProblemId::SLOT_UNSET, addr->line,
+                     Text(directive, " ", idx, " is ", HexText(addr->addr),
+                          ", which means that it is unset; this device type needs it"));
+      }
     };
     need(slot.image, "IMAGE");
     if (image.kind == SlotKind::BOOT_RECORDS) continue;
@@ -86,6 +91,42 @@ Extent Touched(const CheckedImage& image, const Region& region) {
           ((region.end - 1) / image.sector + 1) * image.sector};
 }
 
+/// Whether a burn fills these bytes itself.
+bool IsMarked(const CheckedImage& image, std::uint64_t addr) {
+  const Extent byte{addr, addr + 1};
+  return std::ranges::any_of(
+             image.file.fields,
+             [&](const FieldLine& field) { return ExtentOf(field).Overlaps(byte); }) ||
+         std::ranges::any_of(image.file.crcs,
+                             [&](const CrcLine& crc) { return PlaceOf(crc).Overlaps(byte); });
+}
+
+/// Whether the burn of slot `idx` leaves every byte of a section as the section has it.
+bool IsLeftAsItIs(const CheckedImage& image, std::uint32_t idx, const SectionLines& section) {
+  const View data = image.file.DataOf(section);
+  std::vector<bool> is_written(data.size());
+  for (const Region& region : image.burnt[idx]) {
+    const View burnt = image.file.DataOf(*region.section);
+    const std::uint64_t end = std::min(region.end, section.End());
+    for (std::uint64_t at = std::max<std::uint64_t>(region.from, section.addr); at < end; ++at) {
+      const auto in_section = static_cast<std::size_t>(at - section.addr);
+      const bool is_same = data[in_section] == burnt[static_cast<std::size_t>(at - region.from)];
+      if (!is_same && !IsMarked(image, at)) return false;
+      is_written[in_section] = true;
+    }
+  }
+  // What is erased along with it.
+  for (const Region& region : image.burnt[idx]) {
+    const Extent touched = Touched(image, region);
+    const std::uint64_t end = std::min(touched.end, section.End());
+    for (std::uint64_t at = std::max<std::uint64_t>(touched.from, section.addr); at < end; ++at) {
+      const auto in_section = static_cast<std::size_t>(at - section.addr);
+      if (!is_written[in_section] && data[in_section] != device::ERASED) return false;
+    }
+  }
+  return true;
+}
+
 /// Sections that no failsafe burn writes.
 void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
   for (const SectionLines* section : image.kept) {
@@ -96,11 +137,12 @@ void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
     const auto destroys = [&](const Region& region) {
       return Touched(image, region).Overlaps(ExtentOf(*section));
     };
-    bool is_destroyed = false;
+    bool is_touched = false;
     for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
       const auto found = std::ranges::find_if(image.burnt[idx], destroys);
       if (found == image.burnt[idx].end()) continue;
-      is_destroyed = true;
+      is_touched = true;
+      if (IsLeftAsItIs(image, idx, *section)) continue;
       findings.Add(
           ProblemId::SECTION_IN_SLOT, section->line,
           Text(Name(*section), " ", At(section->addr), " to ", HexText(section->End()),
@@ -108,7 +150,7 @@ void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
     }
     const bool is_misplaced =  // a kind of its own
         image.kind == SlotKind::POINTER_SECTORS && section->addr < image.sector;
-    if (!is_destroyed && !is_misplaced) {
+    if (!is_touched && !is_misplaced) {
       findings.Add(ProblemId::SECTION_NOT_BURNT, section->line,
                    Name(*section) + " belongs to no slot");
     }
@@ -129,8 +171,8 @@ void CheckEnds(const CheckedImage& image, LineFindings& findings) {
 void CheckSlots(const CheckedImage& image, LineFindings& findings) {
   if (image.kind != SlotKind::POINTER_SECTORS && image.kind != SlotKind::BOOT_RECORDS) return;
   CheckDirectives(image, findings);
+  if (!image.file.image.slots[0].image || !image.file.image.slots[1].image) return;
   const auto& slots = image.file.slots;
-  if (!slots[0].image || !slots[1].image) return;
   const std::uint32_t img0 = slots[0].image->addr;
   const std::uint32_t img1 = slots[1].image->addr;
   if (img1 <= img0) {

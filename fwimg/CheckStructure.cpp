@@ -6,9 +6,6 @@ namespace fwimg {
 
 namespace {
 
-/// The greatest chunk of a burn, unless its -m says otherwise. Chunks begin at its multiples.
-constexpr std::uint32_t CHUNK_SIZE = 32;
-
 void CheckDeviceType(const CheckedImage& image, LineFindings& findings) {
   const LineNumber line = image.file.device_type_line;
   if (line == 0) {
@@ -68,16 +65,17 @@ void CheckRegionsOnMap(const CheckedImage& image, std::uint64_t total, LineFindi
                        " bytes of the device map");
     }
   }
+  const std::uint32_t chunk = image.target.ChunkSize();
   std::uint64_t end = 0;
   for (const ChipLine& chip : image.file.chips) {
     end += chip.size;
-    if (end % CHUNK_SIZE == 0 || end == total) continue;
+    if (end % chunk == 0 || end == total) continue;
     for (const Region& region : image.regions) {
       if (region.from >= end || end >= region.end) continue;
       findings.Add(ProblemId::CHUNK_CROSSES_DEVICE, region.section->line, [&] {
         return Name(*region.section) + ", burnt " + At(region.from) + " to " + HexText(region.end) +
                ", goes on past device " + HexText(chip.chip) + ", which ends " + At(end) +
-               ", no multiple of a chunk of " + HexText(CHUNK_SIZE) + " bytes";
+               ", no multiple of a chunk of " + HexText(chunk) + " bytes";
       });
     }
   }

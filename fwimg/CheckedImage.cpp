@@ -6,9 +6,10 @@
 
 namespace fwimg {
 
-CheckedImage::CheckedImage(const device::ImageFile& checked, std::uint32_t sector_size)
+CheckedImage::CheckedImage(const device::ImageFile& checked, const CheckTarget& checked_for)
     : file(checked),
-      sector(sector_size),
+      target(checked_for),
+      sector(checked_for.sector_size),
       kind(file.image.Slots()),
       is_flash(IsFlash(file.image)),
       has_slots(HasSlots(file)),

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "device/ImageFile.h"
+#include "fwimg/CheckTarget.h"
 #include "fwimg/LineFindings.h"
 #include "fwimg/Names.h"
 
@@ -40,11 +41,12 @@ struct Region : Extent {
 /// Regions that one burn writes one after the other.
 using Sequence = std::vector<Region>;
 
-/// An image and what burns of it write, and in which order. The file is borrowed.
+/// An image and what burns of it write, and in which order. The file and the target are borrowed.
 struct CheckedImage {
-  CheckedImage(const device::ImageFile& checked, std::uint32_t sector_size);
+  CheckedImage(const device::ImageFile& checked, const CheckTarget& checked_for);
 
   const device::ImageFile& file;
+  const CheckTarget& target;
   std::uint32_t sector;  ///< bytes of a sector of the flash
   SlotKind kind;         ///< NONE where the device type is unknown
   bool is_flash;

@@ -1,6 +1,7 @@
 #include "fwimg/ImageCheck.h"
 
 #include "fwimg/CheckBootRecord.h"
+#include "fwimg/CheckChips.h"
 #include "fwimg/CheckFieldsAndCrcs.h"
 #include "fwimg/CheckFlash.h"
 #include "fwimg/CheckSlots.h"
@@ -11,16 +12,16 @@
 
 namespace fwimg {
 
-std::vector<Problem> Check(const std::string& path, std::uint32_t sector_size,
-                           std::optional<std::uint32_t> flash_size) {
+std::vector<Problem> Check(const std::string& path, const CheckTarget& target) {
   RemarkFindings remarks;
   const device::ImageFile file = ReadWithLineInfo(path, remarks);
   LineFindings findings = remarks.Findings();
-  const CheckedImage image(file, sector_size);
+  const CheckedImage image(file, target);
   CheckStructure(image, findings);
+  CheckChips(image, findings);
   CheckSlots(image, findings);
   CheckFieldsAndCrcs(image, findings);
-  if (image.is_flash) CheckFlash(image, flash_size, findings);
+  if (image.is_flash) CheckFlash(image, findings);
   if (image.kind == SlotKind::BOOT_RECORDS) CheckBootRecord(image, findings);
 
   const device::DeviceType* type = file.image.type;

@@ -1,12 +1,11 @@
 /// Finds everything that is wrong, or likely wrong, with an image file.
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fwimg/CheckTarget.h"
 #include "fwimg/LineFindings.h"
 
 namespace fwimg {
@@ -18,11 +17,9 @@ struct Problem {
   std::string_view burn;  ///< what would happen at a burn of this image
 };
 
-/// The problems of an image file in order of lines, at most some hundred of each kind.
-/// `sector_size` and `flash_size`: of the flash that it is for, in bytes, more than 0; no matter to
-/// an EEPROM. Throws device::ImageError where the file cannot be read, or has more parts than could
-/// be told apart; a bad file has problems instead.
-std::vector<Problem> Check(const std::string& path, std::uint32_t sector_size,
-                           std::optional<std::uint32_t> flash_size = std::nullopt);
+/// The problems of an image file in order of lines, at most some hundred of each kind. Throws
+/// device::ImageError where the file cannot be read, or has more parts than could be told apart; a
+/// bad file has problems instead.
+std::vector<Problem> Check(const std::string& path, const CheckTarget& target);
 
 }  // namespace fwimg

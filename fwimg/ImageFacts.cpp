@@ -16,7 +16,7 @@ bool IsReplaced(const device::Image& image, const device::Field& field) {
 bool HasSlots(const device::ImageFile& file) {
   const SlotKind kind = file.image.Slots();
   if (kind == SlotKind::NONE) return false;
-  for (const device::SlotLines& slot : file.slots) {
+  for (const device::Slot& slot : file.image.slots) {
     if (!slot.image) return false;
     const bool has_record = slot.pointer_sector && slot.signature;
     if (kind == SlotKind::POINTER_SECTORS && !has_record) return false;

@@ -61,6 +61,12 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     {ProblemId::SLOT_WRAPS, "slot-wraps", E, "the burn ends half-way, or goes on from address 0"},
     {ProblemId::PAST_FLASH, "past-flash", E,
      "the burn ends half-way: the flash has no such address"},
+    {ProblemId::PAST_EEPROM, "past-eeprom", E,
+     "the burn ends half-way: the device has no such EEPROM, or it ends before"},
+    {ProblemId::CHUNK_TOO_LARGE, "chunk-too-large", W,
+     "one write may be more than the memory takes at once, or erase several sectors"},
+    {ProblemId::FLASH_DEVICE, "flash-device", E,
+     "the flash is asked for another device or place than it has: the burn ends"},
     // Fields and CRCs.
     {ProblemId::FIELD_OUTSIDE, "field-outside", E, "the device's own value is never written there"},
     {ProblemId::FIELD_CROSSES, "field-crosses", E,
@@ -85,6 +91,9 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
      "stand, and does not fit what is burnt"},
     {ProblemId::CRC_OVER_ITSELF, "crc-over-itself", W,
      "the CRC is computed with FF in its own place"},
+    {ProblemId::CRC_OVER_SIGNATURE, "crc-over-signature", E,
+     "the CRC is computed with the signature set, which a failsafe burn leaves blank: it does not "
+     "fit what is burnt"},
     {ProblemId::CRC_STORED, "crc-stored", W,
      "the burn computes it anew, over bytes that may be damaged"},
     {ProblemId::NOT_WORD_ALIGNED, "not-word-aligned", W,
@@ -109,6 +118,8 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     {ProblemId::IMAGE_GAPS, "image-gaps", W,
      "a second image may lie in a gap and be overwritten while it is the only "
      "valid one"},
+    {ProblemId::SLOT_CROSSES_DEVICE, "slot-crosses-device", W,
+     "the slot boots only where the boot code reads on in the next EEPROM"},
     // Pointer sectors and the invariant sector.
     {ProblemId::PS_WITHOUT_SECTION, "ps-without-section", E,
      "the failsafe burn ends before it writes"},
@@ -130,6 +141,8 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
      "written"},
     {ProblemId::SIGNATURE_SHIPPED, "signature-shipped", W,
      "after a burn with -n the slot counts as valid, and has no image"},
+    {ProblemId::NONE_SHIPPED_SIGNED, "none-shipped-signed", W,
+     "after a burn with -n no slot boots"},
     {ProblemId::INVARIANT_NOT_FIRST, "invariant-not-first", E,
      "it is neither compared nor burnt by a failsafe burn"},
     {ProblemId::MARKER_MISSING, "marker-missing", E,
@@ -139,6 +152,9 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     {ProblemId::FIELD_IN_INVARIANT, "field-in-invariant", W,
      "the invariant sector always differs from the image: each burn "
      "rewrites it, which is not failsafe"},
+    {ProblemId::INVARIANT_CHANGES, "invariant-changes", E,
+     "the invariant sector always differs from the image: each burn rewrites it, which is not "
+     "failsafe"},
     {ProblemId::FIRST_SLOT_PLACE, "first-slot-place", W,
      "a second image in the way is moved to 3 sectors, not to where the "
      "first slot is"},
@@ -150,6 +166,10 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     // Boot records.
     {ProblemId::RECORD_SHORT, "record-short", E,
      "the image does not begin with a whole boot record"},
+    {ProblemId::RECORD_CROSSES_DEVICE, "record-crosses-device", E,
+     "the record is read at once, and no read reaches into the next device: the burn ends before "
+     "it "
+     "writes"},
     {ProblemId::RECORD_SUM, "record-sum", E, "no slot becomes valid, and both are overwritten"},
     {ProblemId::RECORD_MARKED, "record-marked", E,
      "the first slot never becomes valid: while the second is written the "

@@ -186,7 +186,7 @@ class ImageFormatDocumentTest : public ConsoleTest {
   std::set<std::string> Findings(const std::string& text) {
     const std::string path = _folder.Write("fw.img", text);
     std::set<std::string> kinds;
-    for (const fwimg::Problem& problem : fwimg::Check(path, SECTOR_SIZE)) {
+    for (const fwimg::Problem& problem : fwimg::Check(path, {.sector_size = SECTOR_SIZE})) {
       kinds.emplace(problem.kind->word);
     }
     return kinds;

@@ -1,6 +1,8 @@
 // What fwimg check foretells, against what burns of the same images do.
 #include <algorithm>
 
+#include "common/Text.h"
+#include "device/Boot.h"
 #include "fwimg/ImageCheck.h"
 #include "sim/Filling.h"
 #include "src/BurnAlgorithm.h"
@@ -31,11 +33,11 @@ class FwimgBurnsTest : public ConsoleTest {
   template <typename Rom, typename Algorithm>
   std::string Burn(const std::string& text, const auto&... flags) {
     std::string reason = "(no error)";
-    OutputOf([&] {
+    _console = OutputOf([&] {
       reason = ErrorOf([&] {
         FwImage image;
         image.Open(_folder.Write("fw.img", text).c_str(), READ);
-        Rom rom(_fabric, 5);
+        Rom rom(_fabric, _log2_chunk);
         rom.SetAddressConvertor(image.GetAddressConvertor());
         rom.SetAccessDevices({DEVICE});
         rom.Open(rom.ServerString().c_str());
@@ -44,8 +46,8 @@ class FwimgBurnsTest : public ConsoleTest {
     });
     return reason;
   }
-  std::string BurnFlash(const std::string& text) {
-    return Burn<InProcessFlash, RV52100FailsafeBurn>(text, false, false);
+  std::string BurnFlash(const std::string& text, bool may_change_invariant_sector = false) {
+    return Burn<InProcessFlash, RV52100FailsafeBurn>(text, may_change_invariant_sector, false);
   }
   std::string BurnFlashWhole(const std::string& text) {
     return Burn<InProcessFlash, GenericBurn>(text);
@@ -63,12 +65,26 @@ class FwimgBurnsTest : public ConsoleTest {
     return MemoryOf(_fabric, DEVICE, chip, from, size);
   }
 
+  /// A flash whose first slot holds this image.
+  void AddFlash(const std::string& old_text = FlashImage{}.Text(), u_int32_t size = FLASH_SIZE) {
+    _fabric = {};
+    _fabric.Add(FlashDevice(DEVICE, size, SECTOR));
+    sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", old_text), {.slot = 0});
+  }
+  bool SlotOfTheFlashBoots(u_int32_t slot) const {
+    const device::BootLayout layout{.records = {PS0, PS1}, .sector_size = SECTOR};
+    return device::SlotBoots(layout, slot, Memory(0, 0, FLASH_SIZE));
+  }
+
   common::ScratchFolder _folder;
   sim::Fabric _fabric;
+  unsigned _log2_chunk = 5;
+  std::string _console;  ///< of the last burn
 
  private:
   std::vector<fwimg::Problem> Problems(const std::string& text) {
-    return fwimg::Check(_folder.Write("fw.img", text), SECTOR);
+    return fwimg::Check(_folder.Write("fw.img", text),
+                        {.sector_size = SECTOR, .log2_chunk = _log2_chunk});
   }
 };
 
@@ -208,6 +224,319 @@ TEST_F(FwimgBurnsTest, WithoutSectionsAGenericBurnSucceedsAndAFailsafeOneEnds) {
   EXPECT_NE((Burn<InProcessI2c, RV61300FailsafeBurn>("DEVICE_TYPE RV61300\n" + slots, false)),
             "(no error)");
   EXPECT_EQ(Memory(0x50, 0, 0x100), before);
+}
+
+TEST_F(FwimgBurnsTest, WithOtherChunksTheEndOfADeviceIsToldJustWhereTheBurnFails) {
+  unsigned failed = 0;
+  for (_log2_chunk = 4; _log2_chunk <= 8; ++_log2_chunk) {
+    for (u_int32_t end = 8; end <= 0x208; end += 0x18) {
+      SCOPED_TRACE(Text("-m ", _log2_chunk, ", end ", end));
+      const DataVec data(0x200, 0x11);
+      const std::string text = Text("DEVICE_TYPE RV61100\n", std::hex, "DEVMAP ", end,
+                                    " 50\nDEVMAP 400 51\n", Section("A", 0, data, "50"));
+      _fabric = {};
+      AddEeproms({end, 0x400});
+      Burn<InProcessI2c, GenericBurn>(text);
+      DataVec burnt = Memory(0x50, 0, std::min(end, 0x200u));
+      burnt << Memory(0x51, 0, 0x200 - std::min(end, 0x200u));
+      EXPECT_EQ(!Errors(text).empty(), burnt != data);
+      failed += burnt != data ? 1 : 0;
+    }
+  }
+  EXPECT_GT(failed, 50u);
+  EXPECT_LT(failed, 100u);
+}
+
+TEST_F(FwimgBurnsTest, ABootRecordIsAcceptedJustWhereTheBurnCanReadIt) {
+  unsigned accepted = 0;
+  _log2_chunk = 4;
+  for (u_int32_t end = 4; end <= 0xD0; end += 4) {
+    SCOPED_TRACE(end);
+    const auto place = [end](u_int32_t addr) {
+      return addr < end ? Text(std::hex, addr, " 50") : Text(std::hex, addr - end, " 51");
+    };
+    const std::string text =
+        Text("DEVICE_TYPE RV61300\n", std::hex, "DEVMAP ", end, " 50\nDEVMAP 200 51\nIMAGE 0 ",
+             place(0x48), "\nIMAGE 1 ", place(0x88), "\n");
+    const auto section = [&](u_int8_t content) {
+      return Section("A", end > 0x48 ? 0x48 : 0x48 - end, EepromData(content),
+                     end > 0x48 ? "50" : "51");
+    };
+    _fabric = {};
+    AddEeproms({end, 0x200});
+    sim::FillFromFile(_fabric, DEVICE, _folder.Write("old.img", text + section(1)), {.slot = 0});
+    const std::string reason = Burn<InProcessI2c, RV61300FailsafeBurn>(text + section(2), false);
+    DataVec burnt = Memory(0x50, 0, end);
+    burnt << Memory(0x51, 0, 0x100);
+    DataVec slots = EepromData(2);
+    slots << EepromData(2);
+    const bool is_good =
+        reason == "(no error)" && std::equal(slots.begin(), slots.end(), burnt.begin() + 0x48);
+    const auto errors = Errors(text + section(2));
+    EXPECT_EQ(errors.empty(), is_good) << testing::PrintToString(errors) << reason;
+    if (is_good) ++accepted;
+    if (end == 0x90) {
+      EXPECT_EQ(errors, std::set<std::string>{"record-crosses-device"});
+    }
+  }
+  EXPECT_GT(accepted, 20u);
+}
+
+TEST_F(FwimgBurnsTest, AnInvariantSectorIsAcceptedJustWhereASecondBurnFindsItAsItIs) {
+  unsigned accepted = 0;
+  const unsigned tries = 300;
+  for (unsigned seed = 1; seed <= tries; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    // The first 0x40 bytes, cut into pieces some of which are left out.
+    DataVec bytes = RandomBytes(rng, 0x40);
+    std::ranges::copy(Hex("cb84cb84"), bytes.begin() + 0x24);
+    std::vector<u_int32_t> cuts{0};
+    while (cuts.back() < 0x40) {
+      const u_int32_t next = cuts.back() + 4 * static_cast<u_int32_t>(1 + rng() % 24);
+      cuts.push_back(std::min(next, 0x40u));
+    }
+    std::string marks;
+    const std::size_t piece = rng() % (cuts.size() - 1);
+    const u_int32_t from = cuts[piece];
+    const u_int32_t words = (cuts[piece + 1] - from) / 4;
+    if (rng() % 4 == 0) {
+      const auto at = from + 4 * static_cast<u_int32_t>(rng() % words);
+      marks = Text("REPLACE SIGNATURE ", std::hex, at, " 0\n");
+      if (rng() % 2 == 0) std::fill_n(bytes.begin() + at, 4, u_int8_t{0xFF});
+    } else if (words > 1 && rng() % 4 != 0) {
+      const auto size = 4 * static_cast<u_int32_t>(1 + rng() % (words - 1));
+      marks =
+          Text("REPLACE CRC ", std::hex, from, " 0 ", from + size - 4, " 0 ", from + size, " 0\n");
+      const DataVec covered(bytes.begin() + from, bytes.begin() + from + size);
+      const auto kind = rng() % 3;  // right, blank, and what it is
+      if (kind == 0) std::ranges::copy(Number(ReferenceCrc(covered)), bytes.begin() + from + size);
+      if (kind == 1) std::fill_n(bytes.begin() + from + size, 4, u_int8_t{0xFF});
+    }
+    std::string sections;
+    for (std::size_t i = 0; i + 1 < cuts.size(); ++i) {
+      if (i != piece && rng() % 8 == 0) continue;
+      sections += Section("PART" + std::to_string(i), cuts[i],
+                          DataVec(bytes.begin() + cuts[i], bytes.begin() + cuts[i + 1]));
+    }
+    std::string text = FlashImage{}.Text();
+    const std::size_t start = text.find("START INVARIANT");
+    text.replace(start, text.find("START PS0") - start, marks + sections);
+    AddFlash();
+    const std::string reason = BurnFlash(text, true);
+    const std::string second = BurnFlash(text, true);
+    const bool is_good = reason == "(no error)" && second == "(no error)" &&
+                         _console.find("Changes in invariant sector") == std::string::npos;
+    const auto errors = Errors(text);
+    EXPECT_EQ(errors.empty(), is_good) << testing::PrintToString(errors) << reason << "\n"
+                                       << second << "\n"
+                                       << text;
+    if (is_good) ++accepted;
+  }
+  EXPECT_GT(accepted, tries / 10);
+  EXPECT_LT(accepted, tries - tries / 10);
+}
+
+TEST_F(FwimgBurnsTest, WithAnyChunksAFlashIsAcceptedJustWhereItIsBurntWhole) {
+  unsigned accepted = 0;
+  const unsigned tries = 400;
+  for (unsigned seed = 1; seed <= tries; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    _log2_chunk = 4 + static_cast<unsigned>(rng() % 10);
+    std::string text = "DEVICE_TYPE RV52100\n";
+    std::vector<std::pair<u_int32_t, DataVec>> sections;
+    auto at = static_cast<u_int32_t>(rng() % 3 * SECTOR);
+    for (unsigned i = 0; i < 2 + rng() % 3; ++i) {
+      const DataVec data = RandomBytes(rng, 4 * (1 + rng() % 0x240));
+      sections.emplace_back(at, data);
+      text += Section("S" + std::to_string(i), at, data);
+      at += static_cast<u_int32_t>(data.size());
+      // The next one right behind, a little later, or where a sector begins.
+      const auto kind = rng() % 4;
+      if (kind == 1) at += 4 * static_cast<u_int32_t>(rng() % 0x180);
+      if (kind >= 2) at = (at + SECTOR - 1) / SECTOR * SECTOR;
+    }
+    if (rng() % 4 == 0) std::swap(sections[0], sections[1]);
+    text = "DEVICE_TYPE RV52100\n";
+    for (std::size_t i = 0; i < sections.size(); ++i) {
+      text += Section("S" + std::to_string(i), sections[i].first, sections[i].second);
+    }
+    _fabric = {};
+    _fabric.Add(FlashDevice(DEVICE, 0x8000, SECTOR));
+    _fabric.Find(DEVICE)->chips.at(0).Load(0, DataVec(0x8000, 0));
+    bool is_good = BurnFlashWhole(text) == "(no error)";
+    for (const auto& [addr, data] : sections) {
+      is_good = is_good && Memory(0, addr, static_cast<u_int32_t>(data.size())) == data;
+    }
+    const bool is_accepted = !Finds(text, "erase-unaligned") && !Finds(text, "erase-spoils");
+    EXPECT_EQ(is_accepted, is_good) << "-m " << _log2_chunk;
+    if (is_good) ++accepted;
+  }
+  EXPECT_GT(accepted, tries / 10);
+  EXPECT_LT(accepted, tries - tries / 10);
+}
+
+TEST_F(FwimgBurnsTest, SignaturesUnderCrcsAreAcceptedJustWhereTheCrcsFitWhatIsBurnt) {
+  unsigned accepted = 0;
+  const unsigned tries = 200;
+  for (unsigned seed = 1; seed <= tries; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    const auto word = [&](u_int32_t first, u_int32_t count) {
+      return first + 4 * static_cast<u_int32_t>(rng() % count);
+    };
+    std::string text = FlashImage{}.Text();
+    // In the record, behind it, or in the firmware; at the same place in both slots.
+    const bool in_record = rng() % 2 == 0;
+    const u_int32_t signature = in_record ? word(12, 63) : word(0, 6);
+    const std::array<u_int32_t, 2> bases =
+        in_record ? std::array{PS0, PS1} : std::array{IMAGE0, IMAGE1};
+    const u_int32_t size = word(4, 5);  // of the firmware, that a CRC covers
+    const bool has_crc = rng() % 2 == 0;
+    if (!in_record && signature == size) continue;  // the CRC's own place
+    for (const u_int32_t base : bases)
+      text += Text("REPLACE SIGNATURE ", std::hex, base + signature, " 0\n");
+    for (const u_int32_t base : {IMAGE0, IMAGE1}) {
+      if (has_crc)
+        text += Text("REPLACE CRC ", std::hex, base, " 0 ", base + size - 4, " 0 ", base + size,
+                     " 0\n");
+    }
+    AddFlash();
+    bool is_good = BurnFlash(text) == "(no error)" && SlotOfTheFlashBoots(1);
+    if (has_crc) {
+      is_good =
+          is_good && Memory(0, IMAGE1 + size, 4) == Number(ReferenceCrc(Memory(0, IMAGE1, size)));
+    }
+    const auto errors = Errors(text);
+    EXPECT_EQ(errors.empty(), is_good) << testing::PrintToString(errors) << text;
+    if (is_good) ++accepted;
+  }
+  EXPECT_GT(accepted, tries / 10);
+  EXPECT_LT(accepted, tries - tries / 10);
+}
+
+TEST_F(FwimgBurnsTest, ADeviceMapOfAFlashIsAcceptedJustWhereItsBurnGoesWell) {
+  constexpr auto SIZES = std::to_array<u_int32_t>({0, 0x20, 0x400, 0x1400, 0x1420, 0x2000});
+  unsigned accepted = 0;
+  unsigned seen = 0;
+  for (unsigned seed = 1; seed <= 300; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    std::vector<std::pair<u_int32_t, u_int32_t>> map;  // chip and size
+    for (unsigned i = 0; i < 1 + rng() % 3; ++i) {
+      map.emplace_back(rng() % 4 == 0 ? 0x50 : 0, SIZES.at(rng() % SIZES.size()));
+    }
+    // A location by chip and offset, if the map has one that means the address.
+    const auto place = [&](u_int32_t addr) -> std::string {
+      u_int32_t from = 0;
+      std::set<u_int32_t> chips;
+      for (const auto& [chip, size] : map) {
+        if (chips.insert(chip).second && addr >= from && addr - from < size) {
+          return Text(std::hex, addr - from, " ", chip);
+        }
+        from += size;
+      }
+      return "";
+    };
+    std::string text;
+    for (const auto& [chip, size] : map) text += Text("DEVMAP ", std::hex, size, " ", chip, "\n");
+    bool can_be_said = true;
+    for (const std::string_view line : common::Lines(FlashImage{}.Text())) {
+      auto words = common::Words(line);
+      const bool has_locations = words[0] == "PS" || words[0] == "IMAGE" || words[0] == "START" ||
+                                 words[0] == "SIGNATURE" || words[0] == "REPLACE";
+      std::string changed(words[0]);
+      for (std::size_t i = 1; i < words.size(); ++i) {
+        if (has_locations && i >= 2 && i % 2 == 0) {
+          const std::string where =
+              place(static_cast<u_int32_t>(std::stoul(std::string(words[i]), nullptr, 16)));
+          can_be_said = can_be_said && !where.empty();
+          changed += " " + where;
+        } else if (!has_locations || i < 2) {
+          changed += " " + std::string(words[i]);
+        }
+      }
+      text += changed + "\n";
+    }
+    if (!can_be_said) continue;
+    ++seen;
+    AddFlash();
+    const std::string reason = BurnFlash(text);
+    const bool is_good = reason == "(no error)" && SlotOfTheFlashBoots(1) &&
+                         Memory(0, IMAGE1, 0x20) == DataVec(0x20, 0x11);
+    const auto errors = Errors(text);
+    EXPECT_EQ(errors.empty(), is_good) << testing::PrintToString(errors) << reason << "\n" << text;
+    if (is_good) ++accepted;
+  }
+  EXPECT_GT(accepted, 5u);
+  EXPECT_GT(seen, accepted + 5);
+}
+
+TEST_F(FwimgBurnsTest, WhetherAPlainBurnLeavesAFlashThatBootsIsTold) {
+  unsigned booted = 0;
+  for (unsigned signatures = 0; signatures < 4; ++signatures) {
+    for (const bool has_crcs : {false, true}) {
+      SCOPED_TRACE(Text(signatures, has_crcs));
+      std::string text = FlashImage{}.Text();
+      const auto record = [&](const char* name, u_int32_t addr, u_int32_t image, bool is_signed) {
+        const std::size_t start = text.find(Text("START ", name));
+        const std::size_t end = text.find(Text("END ", name));
+        text.replace(start, text.find('\n', end) + 1 - start,
+                     Section(name, addr, PointerSector(image, 0x20, is_signed)));
+      };
+      record("PS0", PS0, IMAGE0, signatures % 2 != 0);
+      record("PS1", PS1, IMAGE1, signatures / 2 != 0);
+      if (!has_crcs) {
+        text.erase(text.find("REPLACE CRC"),
+                   text.find("START INVARIANT") - text.find("REPLACE CRC"));
+      }
+      _fabric = {};
+      _fabric.Add(FlashDevice(DEVICE, FLASH_SIZE, SECTOR));
+      EXPECT_EQ(BurnFlashWhole(text), "(no error)");
+      const bool boots = SlotOfTheFlashBoots(0) || SlotOfTheFlashBoots(1);
+      EXPECT_EQ(Finds(text, "none-shipped-signed"), !boots);
+      if (boots) ++booted;
+    }
+  }
+  EXPECT_EQ(booted, 6u);
+}
+
+TEST_F(FwimgBurnsTest, ACopyInTheSecondSlotIsAcceptedJustWhereABurnOfTheSlotLeavesItAsItIs) {
+  unsigned accepted = 0;
+  const unsigned tries = 100;
+  for (unsigned seed = 1; seed <= tries; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    DataVec copy(0x20, 0x11);
+    copy.resize(4 * (1 + rng() % 10), 0xFF);  // some end before the image, some behind it
+    if (rng() % 3 == 0) copy[rng() % copy.size()] ^= 0x40;
+    const std::string text = FlashImage{}.Text() + Section("COPY", IMAGE1, copy);
+    _fabric = {};
+    _fabric.Add(FlashDevice(DEVICE, FLASH_SIZE, SECTOR));
+    ASSERT_EQ(BurnFlashWhole(text), "(no error)");
+    const auto size = static_cast<u_int32_t>(copy.size());
+    ASSERT_EQ(Memory(0, IMAGE1, size), copy);
+    ASSERT_EQ(BurnFlash(text), "(no error)");
+    const bool is_spared = Memory(0, IMAGE1, size) == copy;
+    EXPECT_EQ(Finds(text, "section-in-slot"), !is_spared) << text;
+    if (is_spared) ++accepted;
+  }
+  EXPECT_GT(accepted, tries / 10);
+  EXPECT_LT(accepted, tries - tries / 10);
+}
+
+TEST_F(FwimgBurnsTest, AnAddressThatMeansUnsetIsToldForEachDirectiveThatABurnNeeds) {
+  for (const char* directive :
+       {"IMAGE 0", "IMAGE 1", "PS 0", "PS 1", "SIGNATURE 0", "SIGNATURE 1"}) {
+    SCOPED_TRACE(directive);
+    std::string text = FlashImage{}.Text();
+    const std::size_t start = text.find(directive);
+    text.replace(start, text.find('\n', start) - start, Text(directive, " ffffffff 0"));
+    AddFlash();
+    EXPECT_NE(BurnFlash(text), "(no error)");
+    EXPECT_TRUE(Errors(text).contains("slot-unset"));
+  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "common/Text.h"
 #include "src/FwImage.h"
 #include "tests/support/Harness.h"
 #include "tests/support/slot_images.h"
@@ -37,6 +38,9 @@ struct Flash {
   std::size_t ps1_size = 264;  ///< bytes of it that are there; 0: no section at all
   bool is_invariant_late = false;
   u_int32_t ps1 = PS1;
+  bool is_first_valid = true;
+  std::string word20 = "77777777";  ///< of the invariant sector, at 0x20
+  std::size_t invariant_size = 0x40;
 
   /// Line 1: DEVICE_TYPE; 2, 3: PS; 4, 5: SIGNATURE; 6, 7: IMAGE; 8, 9: CRCs, or else all below
   /// two lines up; 10 to 15: INVARIANT; 16 to 34: PS0; 35 to 53: PS1; 54 to 57: FIRMWARE.
@@ -44,9 +48,12 @@ struct Flash {
     DataVec invariant(0x40, 0x77);
     const DataVec marks = Hex(marker);
     std::copy(marks.begin(), marks.end(), invariant.begin() + 0x24);
+    std::ranges::copy(Hex(word20), invariant.begin() + 0x20);
+    invariant.resize(invariant_size);
     DataVec ps1_data = PointerSector(record_image1, record_size, is_second_valid);
     ps1_data.resize(ps1_size);
-    const std::string ps0_text = Section("PS0", PS0, PointerSector(image0, record_size, true));
+    const std::string ps0_text =
+        Section("PS0", PS0, PointerSector(image0, record_size, is_first_valid));
     const std::string invariant_text = Section("INVARIANT", 0, invariant);
     return ::Text("DEVICE_TYPE RV52100\nPS 0 400 0\n", std::hex, "PS 1 ", ps1,
                   " 0\nSIGNATURE 0 408 0\n", signature1, "IMAGE 0 ", image0, " 0\nIMAGE 1 ", image1,
@@ -58,11 +65,39 @@ struct Flash {
   }
 };
 
+/// The same text for a device of the map that is not 0.
+std::string OnDevice50(const std::string& text) {
+  std::string result;
+  for (const std::string_view line : common::Lines(text)) {
+    const auto words = common::Words(line);
+    const bool has_locations = line.starts_with("PS ") || line.starts_with("IMAGE ") ||
+                               line.starts_with("SIGNATURE ") || line.starts_with("REPLACE ") ||
+                               line.starts_with("START ");
+    for (std::size_t i = 0; i < words.size(); ++i) {
+      const bool is_device = has_locations && i % 2 == 1 && i >= 3;
+      result += (i == 0 ? "" : " ") + (is_device ? "50" : std::string(words[i]));
+    }
+    result += "\n";
+  }
+  return result;
+}
+
+std::string BeforePs0(std::string text, const std::string& section) {
+  return text.insert(text.find("START PS0"), section);
+}
+
+std::string Word(u_int32_t value) { return Text(std::hex, std::setw(8), std::setfill('0'), value); }
+
+DataVec Joined(const DataVec& a, const DataVec& b, const DataVec& c = {}) {
+  DataVec all = a;
+  return all << b << c;
+}
+
 struct Case {
   const char* name;
   std::string text;
   Found found;
-  std::optional<u_int32_t> flash_size = std::nullopt;
+  fwimg::CheckTarget target = {.sector_size = SECTOR};
 };
 
 const std::vector<Case>& Cases() {
@@ -127,7 +162,7 @@ const std::vector<Case>& Cases() {
        {{3, "devmap-twice"}, {11, "refused"}}},
       {"MapTwice", "DEVMAP 100 0\nDEVMAP 100 0\n" + Generic(), {{2, "devmap-twice"}}},
       {"MapEmpty", "DEVMAP 100 0\nDEVMAP 0 1\n" + Generic(), {{2, "devmap-empty"}}},
-      {"MapWraps", "DEVMAP ffffffff 0\nDEVMAP 2 1\n" + Generic(), {{2, "devmap-wraps"}}},
+      {"MapWraps", "DEVMAP ffffffff 0\nDEVMAP 20 1\n" + Generic(), {{2, "devmap-wraps"}}},
       {"PastDevice",
        "DEVMAP 100 0\nDEVMAP 100 1\n" + Generic() + Section("B", 0x100, DataVec(8)),
        {{10, "past-device"}}},
@@ -135,10 +170,53 @@ const std::vector<Case>& Cases() {
       {"SecondSlotPastMap", "DEVMAP 80 0\n" + Eeprom(), {{4, "past-map"}, {4, "past-device"}}},
       {"ChunkCrossesDevice",
        "DEVMAP 10 0\nDEVMAP 100 1\n" + Generic(),
-       {{4, "chunk-crosses-device"}}},
+       {{1, "chunk-too-large"}, {4, "chunk-crosses-device"}}},
       {"ChunkOfTheSecondSlotCrossesDevice",
        "DEVMAP 90 0\nDEVMAP 100 1\n" + Eeprom(),
-       {{6, "chunk-crosses-device"}}},
+       {{5, "slot-crosses-device"}, {6, "chunk-crosses-device"}}},
+      {"SmallerChunksDoNotCrossDevices",
+       "DEVMAP 10 0\nDEVMAP 100 1\n" + Generic(),
+       {},
+       {.sector_size = SECTOR, .log2_chunk = 4}},
+      {"GreaterChunksCrossDevices",
+       "DEVMAP 20 0\nDEVMAP 100 1\n" + Generic(),
+       {{1, "chunk-too-large"}, {4, "chunk-crosses-device"}},
+       {.sector_size = SECTOR, .log2_chunk = 6}},
+      {"ChunkLargerThanASector",
+       Flash{}.Text(),
+       {{1, "chunk-too-large"}},
+       {.sector_size = SECTOR, .log2_chunk = 11}},
+      {"ChunkThatErasesTwoSectorsAndForgetsTheSecond",
+       Flash{.size = 0x600, .record_size = 0x604}.Text() + Section("MORE", 0x1200, DataVec(4)),
+       {{1, "chunk-too-large"}, {152, "erase-unaligned"}},
+       {.sector_size = SECTOR, .log2_chunk = 12}},
+      {"SlotGoesOnInTheNextDevice",
+       "DEVMAP a0 0\nDEVMAP 100 1\n" + Eeprom(),
+       {{5, "slot-crosses-device"}}},
+      {"RecordGoesOnInTheNextDevice",
+       "DEVMAP 88 0\nDEVMAP 100 1\n" + Eeprom(),
+       {{5, "record-crosses-device"}, {5, "slot-crosses-device"}, {6, "chunk-crosses-device"}}},
+      {"FlashOfADeviceThatIsNot0",
+       "DEVMAP 2000 50\n" + OnDevice50(Flash{}.Text()),
+       {{1, "flash-device"}}},
+      {"FlashOfTwoDevices",
+       "DEVMAP 1400 0\nDEVMAP 2000 50\n" + Flash{.image1 = 0x1000, .record_image1 = 0x1000}.Text(),
+       {}},
+      {"SecondSlotInTheSecondDeviceOfAFlash",
+       "DEVMAP 1010 0\nDEVMAP 2000 50\n" + Flash{.image1 = 0x1000, .record_image1 = 0x1000}.Text(),
+       {{2, "flash-device"}, {56, "chunk-crosses-device"}}},
+      {"NoSuchEeprom",
+       Generic(),
+       {{2, "past-eeprom"}},
+       {.sector_size = SECTOR, .eeproms = {{{0x50, 0x1000}}}}},
+      {"EepromEndsEarlier",
+       "DEVMAP 100 0\n" + Generic(),
+       {{3, "past-eeprom"}},
+       {.sector_size = SECTOR, .eeproms = {{{0, 0x3c}}}}},
+      {"EepromIsLongEnough",
+       "DEVMAP 100 0\n" + Generic(),
+       {},
+       {.sector_size = SECTOR, .eeproms = {{{0, 0x40}}}}},
       {"DeviceEndsWithAChunk", "DEVMAP 20 0\nDEVMAP 100 1\n" + Generic(), {}},
       {"SecondSlotPast4GiB",
        Flash{.image1 = 0xfffffc00, .size = 0x800, .record_image1 = 0xfffffc00, .record_size = 0x800}
@@ -148,9 +226,15 @@ const std::vector<Case>& Cases() {
        Flash{.image1 = 0xfffffc00, .size = 0x400, .record_image1 = 0xfffffc00, .record_size = 0x400}
            .Text(),
        {}},
-      {"SecondSlotPastTheFlash", Flash{}.Text(), {{54, "past-flash"}}, IMAGE1 + 0x1f},
-      {"SecondSlotUpToTheEndOfTheFlash", Flash{}.Text(), {}, IMAGE1 + 0x20},
-      {"NoFlash", Eeprom(), {}, 0x20},
+      {"SecondSlotPastTheFlash",
+       Flash{}.Text(),
+       {{54, "past-flash"}},
+       {.sector_size = SECTOR, .flash_size = IMAGE1 + 0x1f}},
+      {"SecondSlotUpToTheEndOfTheFlash",
+       Flash{}.Text(),
+       {},
+       {.sector_size = SECTOR, .flash_size = IMAGE1 + 0x20}},
+      {"NoFlash", Eeprom(), {}, {.sector_size = SECTOR, .flash_size = 0x20}},
       {"SecondSlotOfAnEepromPast4GiB",
        "DEVICE_TYPE RV61300\nIMAGE 0 0 0\nIMAGE 1 ffffffe0 0\n" + Section("A", 0, EepromData(0)),
        {{3, "slot-wraps"}}},
@@ -179,6 +263,16 @@ const std::vector<Case>& Cases() {
        Generic() + Section("B", 0x100, DataVec(0x40)) + "REPLACE CRC 100 0 104 0 30 0\n",
        {{14, "crc-place"}}},
       {"CrcNotWords", Generic() + "REPLACE CRC 0 0 1 0 20 0\n", {{8, "crc-not-words"}}},
+      {"CrcOverASignatureThatIsNoSlots",
+       Flash{}.Text() + "REPLACE SIGNATURE 410 0\n",
+       {{8, "crc-over-signature"}, {58, "signature-elsewhere"}}},
+      {"CrcOverASignatureOfAnEeprom",
+       Eeprom() + "REPLACE SIGNATURE 20 0\nREPLACE SIGNATURE a0 0\nREPLACE CRC 1c 0 20 0 24 0\n"
+                  "REPLACE CRC 9c 0 a0 0 a4 0\n",
+       {{10, "signature-elsewhere"},
+        {11, "signature-elsewhere"},
+        {12, "crc-over-signature"},
+        {13, "crc-over-signature"}}},
       {"CrcEmpty", Generic() + "REPLACE CRC 4 0 0 0 20 0\n", {{8, "crc-empty"}}},
       {"CrcOverACrcBefore",
        Generic() + "REPLACE CRC 0 0 8 0 c 0\nREPLACE CRC 0 0 10 0 14 0\n",
@@ -198,6 +292,16 @@ const std::vector<Case>& Cases() {
       {"SlotUnset",
        "DEVICE_TYPE RV61300\nIMAGE 0 0 0\n" + Section("A", 0, EepromData(0)),
        {{1, "slot-unset"}}},
+      {"SlotUnsetByItsAddress",
+       "DEVICE_TYPE RV61300\nIMAGE 0 0 0\nIMAGE 1 ffffffff 0\n" + Section("A", 0, EepromData(0)),
+       {{3, "slot-unset"}}},
+      {"PointerSectorUnsetByItsAddress",
+       Flash{.ps1_size = 0, .ps1 = 0xffffffff}.Text(),
+       {{3, "slot-unset"},
+        {3, "ps-without-section"},
+        {5, "signature-place"},
+        {5, "field-outside"},
+        {9, "crc-outside"}}},
       {"SlotOrder",
        "DEVICE_TYPE RV61300\nIMAGE 0 80 0\nIMAGE 1 0 0\n" + Section("A", 0x80, EepromData(0)),
        {{3, "slot-order"}, {4, "image-section-outside"}}},
@@ -212,13 +316,28 @@ const std::vector<Case>& Cases() {
        {{10, "image-section-outside"}}},
       {"SectionNotBurnt", Section("B", 0x100, DataVec(8)) + Eeprom(), {{1, "section-not-burnt"}}},
       {"SectionInTheSecondSlot",
-       Section("B", 0x90, DataVec(8)) + Eeprom(),
+       Section("B", 0x90, DataVec(8, 1)) + Eeprom(),
        {{1, "section-in-slot"}}},
       {"SectionInTheLastSectorOfTheSecondSlot",
        Section("B", 0x17f8, DataVec(8)) + Flash{}.Text(),
        {{1, "section-in-slot"},  // before the invariant sector, which is then not first
         {1, "erase-unaligned"},
         {13, "invariant-not-first"}}},
+      {"CopyInTheSecondSlot", Flash{}.Text() + Section("COPY", IMAGE1, DataVec(0x20, 0x11)), {}},
+      {"PartOfACopyInTheSecondSlot",
+       Flash{}.Text() + Section("COPY", IMAGE1, DataVec(0x10, 0x11)),
+       {}},
+      {"CopyInTheSecondSlotWithMoreBehind",
+       Flash{}.Text() + Section("COPY", IMAGE1, DataVec(0x24, 0x11)),
+       {{58, "section-in-slot"}}},
+      {"CopyInTheSecondSlotWithItsOwnFields",
+       Flash{.record_size = 0x20}.Text() + "REPLACE GUID c08 0\nREPLACE GUID 1408 0\n" +
+           Section("COPY", IMAGE1, Joined(DataVec(8, 0x11), DataVec(8, 0x22), DataVec(0x10, 0x11))),
+       {}},
+      {"NoCopyInTheSecondSlot",
+       Flash{}.Text() + Section("COPY", IMAGE1, Joined(DataVec(0x1f, 0x11), DataVec(1, 0x12))),
+       {{58, "section-in-slot"}}},
+      {"CopyInTheSecondSlotOfAnEeprom", Eeprom() + Section("COPY", 0x80, EepromData(0)), {}},
       {"Gaps",
        Flash{.record_size = 0xa0}.Text() + Section("MORE", 0xC80, DataVec(0x20)),
        {{54, "image-gaps"}}},
@@ -274,6 +393,33 @@ const std::vector<Case>& Cases() {
        {{58, "signature-elsewhere"}}},
       {"SignatureOfAnEeprom", Eeprom() + "REPLACE SIGNATURE 20 0\n", {{10, "signature-elsewhere"}}},
       {"SignatureShipped", Flash{.is_second_valid = true}.Text(), {{35, "signature-shipped"}}},
+      {"NoneShippedSigned", Flash{.is_first_valid = false}.Text(), {{2, "none-shipped-signed"}}},
+      {"SecondShippedSignedWithItsImage",
+       Flash{.is_second_valid = true, .is_first_valid = false}.Text() +
+           Section("COPY", IMAGE1, DataVec(0x20, 0x11)),
+       {}},
+      {"CrcOfTheInvariantSectorLeftBlank",
+       Flash{.word20 = "ffffffff"}.Text() + "REPLACE CRC 0 0 1c 0 20 0\n",
+       {{58, "invariant-changes"}}},
+      {"CrcOfTheInvariantSectorWrong",
+       Flash{.word20 = "00001234"}.Text() + "REPLACE CRC 0 0 1c 0 20 0\n",
+       {{58, "invariant-changes"}, {58, "crc-stored"}}},
+      {"CrcOfTheInvariantSectorRight",
+       Flash{.word20 = Word(ReferenceCrc(DataVec(0x20, 0x77)))}.Text() +
+           "REPLACE CRC 0 0 1c 0 20 0\n",
+       {}},
+      {"SignatureInTheInvariantSector",
+       Flash{}.Text() + "REPLACE SIGNATURE 30 0\n",
+       {{10, "invariant-changes"}, {58, "field-in-invariant"}, {58, "signature-elsewhere"}}},
+      {"InvariantSectorEndsBeforeTheMarker",
+       Flash{.invariant_size = 0x20}.Text(),
+       {{10, "marker-missing"}}},
+      {"HoleAtTheMarker",
+       BeforePs0(Flash{.invariant_size = 0x24}.Text(), Section("REST", 0x28, DataVec(8, 0x77))),
+       {{10, "marker-missing"}}},
+      {"MarkerInASectionOfItsOwn",
+       BeforePs0(Flash{.invariant_size = 0x24}.Text(), Section("MARKER", 0x24, Hex("cb84cb84"))),
+       {}},
       {"InvariantNotFirst", Flash{.is_invariant_late = true}.Text(), {{29, "invariant-not-first"}}},
       {"MarkerMissing", Flash{.marker = "cb84cb85"}.Text(), {{10, "marker-missing"}}},
       {"MarkerBlanked",
@@ -331,8 +477,8 @@ std::string Describe(const std::vector<fwimg::Problem>& problems) {
 class FwimgCheckTest : public ConsoleTest {
  protected:
   std::vector<fwimg::Problem> Check(const std::string& text,
-                                    std::optional<u_int32_t> flash_size = std::nullopt) {
-    return fwimg::Check(_folder.Write("fw.img", text), SECTOR, flash_size);
+                                    const fwimg::CheckTarget& target = {.sector_size = SECTOR}) {
+    return fwimg::Check(_folder.Write("fw.img", text), target);
   }
   Outcome Run(std::vector<std::string> words) {
     words.insert(words.begin(), {FWIMG_PROGRAM, "check"});
@@ -347,7 +493,7 @@ class FwimgCheckCaseTest : public FwimgCheckTest,
 
 TEST_P(FwimgCheckCaseTest, JustThisIsFound) {
   const Case& example = Cases()[GetParam()];
-  const auto problems = Check(example.text, example.flash_size);
+  const auto problems = Check(example.text, example.target);
   Found found;
   for (const auto& problem : problems) found.emplace(problem.line, problem.kind->word);
   EXPECT_EQ(found, example.found) << Describe(problems);
@@ -522,7 +668,7 @@ TEST_F(FwimgCheckTest, MorePartsThanAnyImageHasAreRefused) {
 
 TEST_F(FwimgCheckTest, AWrongNameIsAProblemOfTheWholeFile) {
   const std::string path = _folder.Write("fw.txt", Generic());
-  const auto problems = fwimg::Check(path, SECTOR);
+  const auto problems = fwimg::Check(path, {.sector_size = SECTOR});
   ASSERT_EQ(problems.size(), 1u) << Describe(problems);
   EXPECT_EQ(problems[0].line, 0u);
   EXPECT_EQ(problems[0].text, "Bad FW file type (" + path + "). Supported types: img, bin");
@@ -530,7 +676,7 @@ TEST_F(FwimgCheckTest, AWrongNameIsAProblemOfTheWholeFile) {
 
 TEST_F(FwimgCheckTest, AWrongNameIsToldBesideARefusedLine) {
   const std::string path = _folder.Write("fw.txt", Generic() + "PS 2 0 0\n");
-  const auto problems = fwimg::Check(path, SECTOR);
+  const auto problems = fwimg::Check(path, {.sector_size = SECTOR});
   ASSERT_EQ(problems.size(), 2u) << Describe(problems);
   EXPECT_EQ(problems[0].text, "Bad FW file type (" + path + "). Supported types: img, bin");
   EXPECT_EQ(problems[1].line, 8u);

@@ -94,7 +94,8 @@ std::string Flash(const std::string& sector_size, const std::string& rest = "") 
   for (const int idx : {0, 1}) {
     layout += Text("[[section]]\nname = \"PS", idx, "\"\nat = ", idx == 0 ? "0x400" : "0x800",
                    "\ncontent = [{ hex = \"", idx == 0 ? "00000c00" : "00001400",
-                   " 00000040 ffffffff\" }, { fill = 0, size = 252 }]\n");
+                   " 00000040 ", idx == 0 ? "cb84cb84" : "ffffffff",
+                   "\" }, { fill = 0, size = 252 }]\n");
   }
   return layout +
          "[[section]]\nname = \"FIRMWARE\"\nat = 0xC00\nfill = 3\nsize = 0x40\n"
