@@ -12,7 +12,7 @@ namespace common {
 struct Program {
   std::string name;
   int failure = CANNOT;  ///< exit status where an exception ends its work
-  /// Prints messages as they are; else all bytes but printable ASCII and line feeds are escaped.
+  /// Prints messages as they are; else all that Printable escapes, but for line feeds, is escaped.
   bool is_verbatim = false;
 };
 

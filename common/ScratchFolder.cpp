@@ -11,7 +11,10 @@ namespace common {
 namespace fs = std::filesystem;
 
 ScratchFolder::ScratchFolder(const std::string& prefix) {
-  std::string name = fs::temp_directory_path() / (prefix + "-XXXXXX");
+  std::error_code error;
+  const fs::path parent = fs::temp_directory_path(error);
+  if (error) throw std::runtime_error("can't make files in TMPDIR: " + error.message());
+  std::string name = parent / (prefix + "-XXXXXX");
   if (mkdtemp(name.data()) == nullptr) {
     throw std::runtime_error("can't make " + name + ": " + strerror(errno));
   }

@@ -7,18 +7,43 @@
 
 namespace common {
 
+namespace {
+
+/// Bytes of the character that `text` begins with, if it is one of UTF-8 and no control character;
+/// else 0. `text` must not be empty.
+std::size_t PrintableSize(std::string_view text) {
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned first = byte(0);
+  if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
+  const std::size_t size = first < 0xC0 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+  if (size == 0 || first > 0xF4 || text.size() < size) return 0;
+  std::uint32_t code = first & (0x7Fu >> size);
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return 0;
+    code = code << 6 | (byte(i) & 0x3Fu);
+  }
+  // Of several ways to write a code, the shortest counts; surrogates are no characters.
+  constexpr std::uint32_t LEAST[] = {0, 0, 0xA0, 0x800, 0x10000};  // below 0xA0: C1
+  const bool is_surrogate = code >= 0xD800 && code < 0xE000;
+  return code >= LEAST[size] && code <= 0x10FFFF && !is_surrogate ? size : 0;
+}
+
+}  // namespace
+
 std::string Printable(std::string_view text) {
   constexpr std::string_view DIGITS = "0123456789abcdef";
   std::string result;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte < 0x7F) {
-      result += c;
+  while (!text.empty()) {
+    const std::size_t size = PrintableSize(text);
+    if (size > 0) {
+      result += text.substr(0, size);
     } else {
+      const auto byte = static_cast<unsigned char>(text[0]);
       result += "\\x";
       result += DIGITS[byte >> 4];
       result += DIGITS[byte & 15];
     }
+    text.remove_prefix(std::max<std::size_t>(size, 1));
   }
   return result;
 }

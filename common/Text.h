@@ -20,7 +20,7 @@ std::string Text(const Parts&... parts) {
   return out.str();
 }
 
-/// `text` with all bytes but printable ASCII written as \xNN.
+/// `text` with control characters, C1's too, and bytes that are no UTF-8 written as \xNN.
 std::string Printable(std::string_view text);
 
 /// The value of a hexadecimal digit, 0 to 15; nothing for any other character.

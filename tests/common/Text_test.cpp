@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <random>
 #include <stdexcept>
 
 namespace common {
@@ -17,7 +18,56 @@ TEST(TextTest, PartsFollowEachOtherAsAStreamWritesThem) {
 
 TEST(TextTest, WhatATerminalWouldActOnIsShownInDigits) {
   EXPECT_EQ(Printable("plain ~ text"), "plain ~ text");
-  EXPECT_EQ(Printable("\x1b[2J\x7f\n\xc3\xa4"), "\\x1b[2J\\x7f\\x0a\\xc3\\xa4");
+  EXPECT_EQ(Printable("\x1b[2J\x7f\n"), "\\x1b[2J\\x7f\\x0a");
+  EXPECT_EQ(Printable("\xc2\x9b"), "\\xc2\\x9b");  // begins a command, as ESC [ does
+}
+
+TEST(TextTest, Utf8IsShownAsItIs) {
+  const std::string text = "\xc3\xa4 \xe2\x82\xac \xf0\x9f\x94\xa5 \xc2\xa0 \xf4\x8f\xbf\xbf";
+  EXPECT_EQ(Printable(text), text);
+}
+
+TEST(TextTest, WhatIsNoUtf8IsShownInDigits) {
+  EXPECT_EQ(Printable("\xe4 \xc3"), "\\xe4 \\xc3");  // Latin-1, and cut short
+  EXPECT_EQ(Printable("\xc1\x81\xe0\x81\x81"), "\\xc1\\x81\\xe0\\x81\\x81");  // longer than needed
+  EXPECT_EQ(Printable("\xed\xa0\x80"), "\\xed\\xa0\\x80");                    // a surrogate
+  EXPECT_EQ(Printable("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");           // past the last one
+  EXPECT_EQ(Printable("\xff\xc3\xa4\xc3"), "\\xff\xc3\xa4\\xc3");             // beside a good one
+}
+
+/// The text with every byte that is escaped put back.
+std::string Unescaped(const std::string& text) {
+  std::string result;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool is_escaped = text.compare(i, 2, "\\x") == 0;
+    result +=
+        is_escaped ? static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16)) : text[i];
+    i += is_escaped ? 3 : 0;
+  }
+  return result;
+}
+
+TEST(TextTest, OfAnyBytesNoControlCharacterIsLeftAndNoByteLost) {
+  std::mt19937 random(1);
+  std::size_t shown = 0;
+  for (int i = 0; i < 3000; ++i) {
+    std::string text;
+    while (text.size() < 1 + static_cast<std::size_t>(i) % 8) {
+      const auto byte = static_cast<char>(random());
+      if (byte != '\\') text += byte;
+    }
+    const std::string printed = Printable(text);
+    EXPECT_EQ(Unescaped(printed), text);
+    EXPECT_EQ(Printable(printed), printed);
+    for (std::size_t at = 0; at < printed.size(); ++at) {
+      const auto byte = static_cast<unsigned char>(printed[at]);
+      EXPECT_TRUE(byte >= 0x20 && byte != 0x7F) << printed;
+      const bool is_c1 = byte == 0xC2 && static_cast<unsigned char>(printed.at(at + 1)) < 0xA0;
+      EXPECT_FALSE(is_c1) << printed;
+      shown += byte >= 0xC2 ? 1 : 0;
+    }
+  }
+  EXPECT_GT(shown, 100u);
 }
 
 TEST(TextTest, NumbersAndGuidsAreHexadecimal) {
