@@ -54,7 +54,10 @@ class Checker {
                          " bytes, not whole words of 4; 'pad' fills the last one up"));
     }
     if (section.End() > ADDRESS_SPACE) {
-      _layout.Throw(section.line, "the section " + name + " reaches past the last address");
+      _layout.Throw(
+          section.line,
+          "the section " + name +
+              " reaches past 4 GiB, the last address: place it lower, or make it shorter");
     }
     if (section.has_boot_record && section.data.size() < device::BOOT_RECORD_SIZE) {
       _layout.Throw(section.line,

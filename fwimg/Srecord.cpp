@@ -116,9 +116,46 @@ class Run {
   std::string _errors;
 };
 
-/// Refuses a file with data after its end record: srec_cat stops there without a warning, and would
-/// drop the second of two files in one.
-void CheckEnd(const fs::path& path, RecordFormat format) {
+/// Finds the end of the data of each record of a file.
+class RecordEnds {
+ public:
+  explicit RecordEnds(RecordFormat format) : _format(format) {}
+
+  /// Where the data of a record ends, counted past the last address; 0 of any other line. What is
+  /// wrong with a line, srec_cat tells.
+  std::uint64_t EndOf(std::string_view line) {
+    if (_format == RecordFormat::MOTOROLA) {
+      constexpr std::uint64_t AROUND = 5;  // bytes that are counted: address and sum
+      const bool is_far = line.starts_with("S3") || line.starts_with("s3");
+      const std::uint64_t count = Number(line, 2, 2);
+      return is_far && count > AROUND ? Number(line, 4, 8) + count - AROUND : 0;
+    }
+    if (!line.starts_with(':')) return 0;
+    const std::uint64_t type = Number(line, 7, 2);
+    if (type == 2) _base = Number(line, 9, 4) << 4;
+    if (type == 4) _base = Number(line, 9, 4) << 16;
+    const std::uint64_t count = Number(line, 1, 2);
+    return type == 0 && count > 0 ? _base + Number(line, 3, 4) + count : 0;
+  }
+
+ private:
+  /// The hexadecimal number of `size` digits at `at`; 0 where there is none.
+  static std::uint64_t Number(std::string_view line, std::size_t at, std::size_t size) {
+    if (line.size() < at + size) return 0;
+    std::uint64_t number = 0;
+    for (const char c : line.substr(at, size))
+      number = number << 4 | common::HexDigit(c).value_or(0);
+    return number;
+  }
+
+  RecordFormat _format;
+  std::uint64_t _base = 0;  ///< of the addresses in the records of Intel HEX that follow
+};
+
+/// Refuses what srec_cat takes without a warning: data after the end record, where it stops, so
+/// that the second of two files in one is dropped; and records that go on past the last address,
+/// which it puts at the first.
+void CheckRecords(const fs::path& path, RecordFormat format) {
   const auto is_end = [format](std::string_view line) {
     return format == RecordFormat::INTEL
                ? line.size() > 8 && line[0] == ':' && line.substr(7, 2) == "01"
@@ -126,6 +163,7 @@ void CheckEnd(const fs::path& path, RecordFormat format) {
                      line[1] <= '9';
   };
   std::ifstream file(path);
+  RecordEnds ends(format);
   bool has_ended = false;
   std::uint32_t number = 0;
   for (std::string line; std::getline(file, line);) {
@@ -135,7 +173,13 @@ void CheckEnd(const fs::path& path, RecordFormat format) {
     if (has_ended) {
       throw std::runtime_error(Text(path.string(), ":", number, ": data after the end record"));
     }
-    has_ended = is_end(std::string_view(line).substr(text));
+    const std::string_view record = std::string_view(line).substr(text);
+    has_ended = is_end(record);
+    if (ends.EndOf(record) <= ADDRESS_SPACE) continue;
+    throw std::runtime_error(
+        Text(path.string(), ":", number,
+             ": the record goes on past 4 GiB, the last address of an image; cut or move it, for "
+             "example by srec_cat -crop or -offset"));
   }
 }
 
@@ -202,10 +246,10 @@ void WriteRecords(const std::vector<RecordRange>& ranges, RecordFormat format,
 
 std::vector<RecordRange> ReadRecords(const fs::path& path, RecordFormat format, bool lax,
                                      const std::function<void(const std::string&)>& warn) {
-  // An absolute name is taken for no option.
-  const fs::path input = fs::absolute(path);
-  ReadFile(input);
-  CheckEnd(input, format);
+  ReadFile(path);
+  // A name with a folder is taken for no option.
+  const fs::path input = path.is_absolute() ? path : "." / path;
+  CheckRecords(input, format);
   const ScratchFolder scratch("fwimg");
   const std::string records = scratch / "records";
   const Run run(scratch, {"srec_cat", input, Option(format), "-o", records, "-motorola",

@@ -320,4 +320,55 @@ TEST(FwimgWithoutSrecordTest, TheMissingProgramIsNamed) {
   EXPECT_FALSE(fs::exists(folder / "b.img"));
 }
 
+/// A record of `data`, whose bytes are counted, with its sum.
+std::string HexRecord(u_int8_t type, u_int32_t offset, const DataVec& data) {
+  DataVec record{static_cast<u_int8_t>(data.size()), static_cast<u_int8_t>(offset >> 8),
+                 static_cast<u_int8_t>(offset), type};
+  record << data;
+  u_int8_t sum = 0;
+  for (const u_int8_t byte : record) sum = static_cast<u_int8_t>(sum - byte);
+  record << sum;
+  std::string text = ":";
+  for (const u_int8_t byte : record) {
+    text += Text(std::hex, std::uppercase, std::setw(2), std::setfill('0'), u_int32_t{byte});
+  }
+  return text + "\n";
+}
+
+std::string SRecord(u_int32_t addr, const DataVec& data) {
+  DataVec record{static_cast<u_int8_t>(data.size() + 5)};
+  record << addr << data;
+  u_int8_t sum = 0xFF;
+  for (const u_int8_t byte : record) sum = static_cast<u_int8_t>(sum - byte);
+  record << sum;
+  std::string text = "S3";
+  for (const u_int8_t byte : record) {
+    text += Text(std::hex, std::uppercase, std::setw(2), std::setfill('0'), u_int32_t{byte});
+  }
+  return text + "\n";
+}
+
+TEST_F(FwimgConvertTest, RecordsPast4GiBAreRefusedWithTheirLine) {
+  for (const u_int32_t size : {4, 8, 16, 20, 32, 64}) {
+    SCOPED_TRACE(size);
+    const DataVec data(size, 0x5A);
+    _folder.Write("a.hex",
+                  HexRecord(4, 0, {0xFF, 0xFF}) + HexRecord(0, 0xFFF0, data) + HexRecord(1, 0, {}));
+    _folder.Write("a.srec", SRecord(0xFFFFFFF0, data) + "S70500000000FA\n");
+    for (const auto& [name, line] : {std::pair("a.hex", 2), std::pair("a.srec", 1)}) {
+      if (size <= 16) {
+        EXPECT_EQ(Convert(name, "b.img").status, 0);
+        EXPECT_EQ(Sections("b.img"),
+                  (std::vector<std::pair<u_int32_t, DataVec>>{{0xFFFFFFF0, data}}));
+        fs::remove(_folder / "b.img");
+      } else {
+        EXPECT_EQ(Refusal(name, "b.img"),
+                  Text(NO_LAYOUT, "fwimg: ", name, ":", line,
+                       ": the record goes on past 4 GiB, the last address of an image; cut or move "
+                       "it, for example by srec_cat -crop or -offset\n"));
+      }
+    }
+  }
+}
+
 }  // namespace
