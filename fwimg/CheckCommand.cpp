@@ -8,6 +8,7 @@
 #include "common/Json.h"
 #include "device/ImageFile.h"
 #include "fwimg/Commands.h"
+#include "fwimg/FabricTargets.h"
 #include "fwimg/ImageCheck.h"
 #include "fwimg/Layout.h"
 #include "fwimg/Names.h"
@@ -22,6 +23,8 @@ struct Options {
   std::vector<std::string> files;
   std::string sector_size = common::HexText(USUAL_SECTOR_SIZE);
   std::string flash_size;
+  std::string fabric;
+  int log2_chunk = USUAL_LOG2_CHUNK;
   bool is_strict = false;
   bool as_json = false;
 };
@@ -81,17 +84,34 @@ nlohmann::ordered_json Json(const std::vector<Report>& reports) {
   return {{"version", 1}, {"command", "check"}, {"files", std::move(files)}};
 }
 
+/// What the options say that images are checked against.
+TargetsFor TargetsOf(const Options& options) {
+  const CheckTarget usual{.sector_size = ParseByteCount(options.sector_size).value(),
+                          .flash_size = ParseByteCount(options.flash_size),
+                          .log2_chunk = static_cast<unsigned>(options.log2_chunk)};
+  if (options.fabric.empty()) {
+    return [usual](const device::DeviceType*) { return std::vector{usual}; };
+  }
+  const FabricTargets fabric(options.fabric, usual.log2_chunk);
+  return [usual, fabric](const device::DeviceType* type) {
+    return type == nullptr ? std::vector{usual} : fabric.For(*type);
+  };
+}
+
 int Run(const Options& options) {
-  const std::uint32_t sector_size = ParseByteCount(options.sector_size).value();
-  const auto flash_size = ParseByteCount(options.flash_size);
+  const TargetsFor targets_for = TargetsOf(options);
   std::vector<Report> reports;
   int status = ALL_WELL;
   for (const std::string& file : options.files) {
     Report report{file, {}, ""};
     try {
-      report.problems = Check(file, {.sector_size = sector_size, .flash_size = flash_size});
+      report.problems = Check(file, targets_for);
     } catch (const device::ImageError& error) {
       report.trouble = error.what();
+    } catch (const NoTargetError& error) {
+      report.trouble = file + ": " + error.what();
+    }
+    if (!report.trouble.empty()) {
       std::cerr << "fwimg: " << Printable(report.trouble) << std::endl;
     }
     const bool is_bad = report.Count(Severity::ERROR) > 0 ||
@@ -118,15 +138,24 @@ void AddCheck(CommandLine& program) {
       "check", "Lists all problems of image files, with line and effect on a burn");
   command.Add("FILE", options->files, "Image files").Required();
   command.AddFlag("--strict", options->is_strict, "Warnings fail the check, too");
+  const Option sector_size = command
+                                 .Add("--sector-size", options->sector_size,
+                                      "Bytes of a sector of the flash that the image is for")
+                                 .ShowDefault()
+                                 .Check(common::ByteCountCheck);
+  const Option flash_size =
+      command
+          .Add("--flash-size", options->flash_size,
+               "Bytes of the flash that the image is for; its end is not checked without")
+          .Check(common::ByteCountCheck);
   command
-      .Add("--sector-size", options->sector_size,
-           "Bytes of a sector of the flash that the image is for")
+      .Add("--fabric", options->fabric,
+           "Check against the devices of this fabric file that have the image's kind of memory")
+      .Excludes(sector_size)
+      .Excludes(flash_size);
+  command.Add("-m", options->log2_chunk, "Chunks of the burn have 2 to the power of this bytes")
       .ShowDefault()
-      .Check(common::ByteCountCheck);
-  command
-      .Add("--flash-size", options->flash_size,
-           "Bytes of the flash that the image is for; its end is not checked without")
-      .Check(common::ByteCountCheck);
+      .InRange(MIN_LOG2_CHUNK, MAX_LOG2_CHUNK);
   command.AddFlag("--json", options->as_json, "Prints one JSON object");
   command.SetWork([options] { return Run(*options); });
 }

@@ -4,13 +4,14 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <string>
 
 namespace fwimg {
 
 /// The least, the usual and the greatest value of `fwpush -m`.
-inline constexpr unsigned MIN_LOG2_CHUNK = 4;
-inline constexpr unsigned USUAL_LOG2_CHUNK = 5;
-inline constexpr unsigned MAX_LOG2_CHUNK = 15;
+inline constexpr int MIN_LOG2_CHUNK = 4;
+inline constexpr int USUAL_LOG2_CHUNK = 5;
+inline constexpr int MAX_LOG2_CHUNK = 15;
 
 /// The burn and the memory that an image is for. Of flash and EEPROM, what does not belong to the
 /// image's device type does not matter.
@@ -20,6 +21,8 @@ struct CheckTarget {
   unsigned log2_chunk = USUAL_LOG2_CHUNK;        ///< the value of `fwpush -m`
   /// Bytes of each EEPROM by its address, where they are known.
   std::optional<std::map<std::uint8_t, std::uint32_t>> eeproms = {};
+
+  std::string name = {};  ///< of the memory, where there are several
 
   /// Bytes of the greatest chunk that is written at once. Chunks begin at its multiples.
   std::uint32_t ChunkSize() const { return std::uint32_t{1} << log2_chunk; }

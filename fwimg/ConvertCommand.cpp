@@ -55,7 +55,7 @@ void Report(const ConvertOptions& options, const std::vector<RecordRange>& range
                                                {"ranges", std::move(json)}})
               << std::endl;
   } else {
-    std::cout << options.to << ": " << total << " bytes in " << ranges.size()
+    std::cout << Printable(options.to) << ": " << total << " bytes in " << ranges.size()
               << (ranges.size() == 1 ? " piece\n" : " pieces\n");
   }
 }
@@ -167,7 +167,7 @@ int FromRecords(const ConvertOptions& options) {
   CheckLayout(layout);
   FillIn(layout);
   for (const std::string& warning : WriteImage(layout, options.to)) {
-    std::cerr << "fwimg: " << warning << "\n";
+    std::cerr << "fwimg: " << Printable(warning) << "\n";
   }
   Report(options, ranges);
   return ALL_WELL;

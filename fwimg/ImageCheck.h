@@ -1,6 +1,7 @@
 /// Finds everything that is wrong, or likely wrong, with an image file.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,5 +22,13 @@ struct Problem {
 /// device::ImageError where the file cannot be read, or has more parts than could be told apart; a
 /// bad file has problems instead.
 std::vector<Problem> Check(const std::string& path, const CheckTarget& target);
+
+/// What an image is checked against, by its device type, which is null where it is unknown; never
+/// nothing. What it throws passes through Check.
+using TargetsFor = std::function<std::vector<CheckTarget>(const device::DeviceType* type)>;
+
+/// The same against several targets: each problem once, with the names of the targets that have it
+/// unless all do.
+std::vector<Problem> Check(const std::string& path, const TargetsFor& targets_for);
 
 }  // namespace fwimg

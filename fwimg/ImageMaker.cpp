@@ -131,7 +131,7 @@ std::string InLayoutLines(std::string_view text, const ImageText& image) {
 /// The problems of an image that was made of `layout`, for now under another name.
 std::vector<Problem> ProblemsOf(const std::string& file, const Layout& layout) {
   try {
-    return Check(file, {.sector_size = layout.sector_size});
+    return Check(file, {.sector_size = layout.sector_size, .log2_chunk = layout.log2_chunk});
   } catch (const device::ImageError& error) {
     const std::string name = file + ": ";
     const std::string text = error.what();

@@ -35,15 +35,24 @@ class BsnWarner : public device::ImageListener {
   const WarningSink& _warn;
 };
 
+void CheckPartCount(const device::ImageFile& file) {
+  if (file.parts <= MOST_PARTS) return;
+  throw device::ImageError(common::Text(file.name, ": more than ", MOST_PARTS,
+                                        " sections, fields, CRCs and devices: too many to check"));
+}
+
 }  // namespace
 
 device::ImageFile ReadWithLineInfo(const std::string& path, device::ImageListener& listener) {
   device::ImageFile file = device::ReadImageFile(path, listener);
-  if (file.parts > MOST_PARTS) {
-    throw device::ImageError(
-        common::Text(path, ": more than ", MOST_PARTS,
-                     " sections, fields, CRCs and devices: too many to check"));
-  }
+  CheckPartCount(file);
+  return file;
+}
+
+device::ImageFile ParseWithLineInfo(std::string_view text, const std::string& path,
+                                    device::ImageListener& listener) {
+  device::ImageFile file = device::ParseImageFile(text, path, listener);
+  CheckPartCount(file);
   return file;
 }
 

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "device/ImageFile.h"
 
@@ -11,6 +12,10 @@ namespace fwimg {
 /// Reads an image file whose lines `listener` is told of. Throws device::ImageError where it cannot
 /// be read, or has more parts than could be compared with each other.
 device::ImageFile ReadWithLineInfo(const std::string& path, device::ImageListener& listener);
+
+/// The same of its text. Throws where it has more parts.
+device::ImageFile ParseWithLineInfo(std::string_view text, const std::string& path,
+                                    device::ImageListener& listener);
 
 /// Reads an image file that fwpush would load and in which something stands. Throws
 /// device::ImageError for all others.

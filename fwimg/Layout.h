@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "device/Image.h"
+#include "fwimg/CheckTarget.h"
 
 namespace fwimg {
 
@@ -50,6 +51,7 @@ struct Layout {
   std::string device_type;  ///< as image files have it; empty for none
   std::uint32_t device_type_line = 0;
   std::uint32_t sector_size = USUAL_SECTOR_SIZE;  ///< of the flash that it is for, in bytes
+  unsigned log2_chunk = USUAL_LOG2_CHUNK;         ///< of the burns that it is for: fwpush -m
   std::optional<Version> version;
   std::vector<device::MappedChip> map;
   std::array<Slot, device::SLOTS> slots;

@@ -30,6 +30,7 @@ struct MakeOptions {
   std::string layout;
   std::string output;
   std::string parts;
+  int log2_chunk = USUAL_LOG2_CHUNK;
   bool as_json = false;
 };
 
@@ -40,10 +41,11 @@ int Make(const MakeOptions& options) {
   std::vector<NamedFile> inputs{{"LAYOUT", options.layout}};
   for (const fs::path& part : layout.parts) inputs.push_back({"the layout's", part});
   RefuseSameFiles(inputs, {{"--output", options.output}});
+  layout.log2_chunk = static_cast<unsigned>(options.log2_chunk);
   CheckLayout(layout);
   FillIn(layout);
   for (const std::string& warning : WriteImage(layout, options.output)) {
-    std::cerr << "fwimg: " << warning << "\n";
+    std::cerr << "fwimg: " << Printable(warning) << "\n";
   }
 
   ordered_json json{{"version", 1},
@@ -64,7 +66,8 @@ int Make(const MakeOptions& options) {
   if (options.as_json) {
     Print(json);
   } else {
-    std::cout << options.output << ": " << layout.device_type << ", " << layout.sections.size()
+    std::cout << Printable(options.output) << ": " << layout.device_type << ", "
+              << layout.sections.size()
               << (layout.sections.size() == 1 ? " section, " : " sections, ") << total
               << " bytes\n";
   }
@@ -165,6 +168,13 @@ void WriteSections(const device::Image& image, const std::vector<const device::S
   }
 }
 
+void MakeFolder(const std::string& path) {
+  std::error_code error;
+  fs::create_directories(path, error);
+  if (!error) return;
+  throw std::runtime_error("can't make the folder \"" + path + "\": " + error.message());
+}
+
 int Extract(const ExtractOptions& options) {
   const device::Image image = LoadImage(options.image, PrintWarning);
   const std::vector<const device::Section*> sections = SelectSections(image, options);
@@ -180,7 +190,7 @@ int Extract(const ExtractOptions& options) {
     outputs.push_back({options.section.empty() ? "--all" : "--output", file});
   }
   RefuseSameFiles({{"FILE", options.image}}, outputs);
-  if (options.section.empty()) fs::create_directories(options.all);
+  if (options.section.empty()) MakeFolder(options.all);
   WriteSections(image, sections, files, options);
   return ALL_WELL;
 }
@@ -193,6 +203,10 @@ void AddMake(CommandLine& program) {
   make.Add("LAYOUT", options->layout, "The layout file (TOML)").Required();
   make.Add("-o,--output", options->output, "The image file to write").Required();
   make.Add("--parts", options->parts, "Where the layout's files lie (default: beside the layout)");
+  make.Add("-m", options->log2_chunk,
+           "The check is for burns whose chunks have 2 to the power of this bytes")
+      .ShowDefault()
+      .InRange(MIN_LOG2_CHUNK, MAX_LOG2_CHUNK);
   make.AddFlag("--json", options->as_json, "Print a JSON object");
   make.SetWork([options] { return Make(*options); });
 }

@@ -11,6 +11,9 @@ constexpr auto W = Severity::WARNING;
 constexpr auto KINDS = std::to_array<ProblemKind>({
     // What the loader refuses, and what it takes without a word.
     {ProblemId::REFUSED, "refused", E, "fwpush refuses the file before it connects"},
+    {ProblemId::LINE_ENDS, "line-ends", E,
+     "fwpush takes the carriage return for a part of the last word: it refuses the file, or does "
+     "not know the device type"},
     {ProblemId::UNKNOWN_DIRECTIVE, "unknown-directive", W, "the line is ignored"},
     {ProblemId::MISSPELT_DIRECTIVE, "misspelt-directive", E,
      "the line is ignored, and what it asks for is not done"},

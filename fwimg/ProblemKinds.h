@@ -13,6 +13,7 @@ enum class Severity { WARNING, ERROR };
 /// In the order of the table of kinds.
 enum class ProblemId {
   REFUSED,
+  LINE_ENDS,
   UNKNOWN_DIRECTIVE,
   MISSPELT_DIRECTIVE,
   VERSION_WORDS,

@@ -1,7 +1,9 @@
 // fwimg info and diff, run as their users do.
 #include <nlohmann/json.hpp>
 
+#include "device/Burn.h"
 #include "device/DeviceType.h"
+#include "device/ImageFile.h"
 #include "src/BurnAlgorithm.h"
 #include "src/main.h"
 #include "tests/support/Harness.h"
@@ -348,6 +350,221 @@ TEST_F(FwimgDiffTest, AByteThatIsChangedAnywhereIsFoundWhereItIs) {
     EXPECT_EQ(Hex(json["differences"][0].at("a").get<std::string>()), DataVec{a[at]});
     EXPECT_EQ(Hex(json["differences"][0].at("b").get<std::string>()), DataVec{b[at]});
   }
+}
+
+TEST_F(FwimgDiffTest, ASecondSectionAtOneAddressIsToldWithWhatItsBurnLeaves) {
+  // The first slot's section stands again behind the second's: it is burnt into both slots twice,
+  // and the section between them is moved along.
+  const std::string a = EepromImage(1) + Section("END", 0x100, DataVec(4, 9));
+  const std::string b =
+      a + Section("AGAIN", 0, DataVec(4, 5)) + Section("AGAIN", 0x100, DataVec(4));
+  EXPECT_EQ(Differences(a, b),
+            "only in b: section AGAIN at 0x0, 4 bytes: another one there, whose bytes are dropped; "
+            "those of A are burnt again\n"
+            "only in b: section AGAIN at 0x100, 4 bytes: another one there, whose bytes are "
+            "dropped; those of END are burnt again\n"
+            "order: the sections are burnt in another order\n");
+  EXPECT_EQ(Diff(a, b + "# none\n").status, 1);
+  EXPECT_EQ(Diff(b, b).status, 0);
+}
+
+TEST_F(FwimgDiffTest, WhereARepeatedSectionIsBurntIsToldForEachBurn) {
+  // A pointer sector that stands again behind the firmware is burnt as a part of the image.
+  const std::string a = FlashImage{}.Text();
+  const std::string b = a + Section("PS0", PS0, DataVec(4, 5));
+  const Outcome outcome = Run({"diff", "--json", "--sector-size", "0x400",
+                               _folder.Write("a.img", a), _folder.Write("b.img", b)});
+  EXPECT_EQ(outcome.status, 1) << outcome.errors;
+  const auto json = nlohmann::json::parse(outcome.output);
+  std::map<std::string, std::set<u_int32_t>> burnt;
+  for (const auto& difference : json.at("differences")) {
+    if (difference.at("what") != "burnt") continue;
+    burnt[difference.at("burn")].insert(difference.at("address").get<u_int32_t>());
+  }
+  // Where the first slot gets it is where it stands: only its signature is no more.
+  EXPECT_FALSE(burnt.contains("a burn of slot 0"));
+  // In the second slot it lands where the second pointer sector's neighbour is.
+  EXPECT_FALSE(burnt["a burn of slot 1"].empty());
+  for (const u_int32_t addr : burnt["a burn of slot 1"]) {
+    EXPECT_GE(addr, PS0 + IMAGE1 - IMAGE0);
+    EXPECT_LT(addr, PS0 + IMAGE1 - IMAGE0 + SECTOR);
+  }
+}
+
+TEST_F(FwimgDiffTest, FieldsOnEachOtherMustStandInTheSameOrder) {
+  const std::string image = "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(0x40));
+  const std::string guid = "REPLACE GUID 4 0\n";
+  const std::string system = "REPLACE SYSGUID 8 0\n";
+  const std::string apart = "REPLACE GUID 20 0\n";
+  EXPECT_EQ(Diff(image + guid + system + apart, image + apart + guid + system).status, 0);
+  EXPECT_EQ(Differences(image + guid + system + apart, image + system + guid + apart),
+            "order: fields that lie on each other are written in another order\n"
+            "bytes 0x8 to 0xc after a burn: 7c838a91 / 7980878e\n");
+}
+
+/// A device before a burn: random bytes, and where the image has slots one of them valid.
+device::Memory SomeMemory(TestRng& rng, const device::Image& image,
+                          const device::Identity& identity, u_int32_t slot) {
+  device::Memory memory{RandomBytes(rng, 0x3000), image.IsFlash() ? SECTOR : 0};
+  const device::Burn burn(image, device::BurnKind::FAILSAFE, identity);
+  if (burn.Slots() == device::SlotKind::NONE) return memory;
+  try {
+    burn.Fill(memory, {.slot = slot});
+  } catch (const device::BurnError&) {
+    // Such a memory is as good as any other.
+  }
+  return memory;
+}
+
+TEST_F(FwimgDiffTest, WhatIsCalledTheSameLeavesTheSameAfterEveryBurn) {
+  unsigned same = 0;
+  unsigned other = 0;
+  for (unsigned seed = 1; seed <= 300; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    const std::string base = rng() % 3 == 0 ? FlashImage{}.Text()
+                             : rng() % 2 == 0
+                                 ? EepromImage(3) + Section("REST", 0x40, DataVec(0x20, 7))
+                                 : "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(0x40, 3));
+    const u_int32_t from = base.find("RV52100") != std::string::npos ? IMAGE0 : 0x10;
+    const u_int32_t range = from == IMAGE0 ? 0x18 : 0x28;
+    std::vector<std::string> marks;
+    for (unsigned i = 0; i < rng() % 5; ++i) {
+      const auto at = from + 4 * static_cast<u_int32_t>(rng() % (range / 4));
+      constexpr auto KINDS = std::to_array<const char*>({"GUID", "SYSGUID", "SIGNATURE"});
+      marks.push_back(rng() % 3 == 0
+                          ? Text("REPLACE CRC ", std::hex, from, " 0 ", from + 4, " 0 ", at, " 0\n")
+                          : Text("REPLACE ", KINDS.at(rng() % 3), " ", std::hex, at, " 0\n"));
+    }
+    const auto text_of = [&base, &marks](const std::string& more) {
+      std::string text = base;
+      for (const std::string& mark : marks) text += mark;
+      return text + more;
+    };
+    const std::string a = text_of("");
+    std::ranges::shuffle(marks, rng);
+    std::string more;
+    if (rng() % 3 == 0) {
+      const device::Image image = device::ParseImage(a, "a");
+      const auto& section = image.sections.at(rng() % image.sections.size());
+      more = Section("AGAIN", section.addr, RandomBytes(rng, 4));
+    }
+    std::string b = text_of(more);
+    if (rng() % 4 == 0)
+      b[b.find(" 3 ") == std::string::npos ? b.find(" 11 ") + 1 : b.find(" 3 ") + 1] = '2';
+    const Outcome outcome = Diff(a, b);
+    if (outcome.status == 1) {
+      ++other;
+      continue;
+    }
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+    ++same;
+    const device::Image image_a = device::ParseImage(a, "a");
+    const device::Image image_b = device::ParseImage(b, "b");
+    const device::Identity identity{.node = rng(),
+                                    .ports = {rng(), rng()},
+                                    .system = rng(),
+                                    .declared_ports = 2,
+                                    .vsd = RandomBytes(rng, 208),
+                                    .bsn = RandomBytes(rng, 64)};
+    for (const auto kind : {device::BurnKind::PLAIN, device::BurnKind::FAILSAFE}) {
+      for (const u_int32_t slot : {0, 1}) {
+        const device::Memory before = SomeMemory(rng, image_a, identity, slot);
+        const auto after_a = device::Burn(image_a, kind, identity).After(before);
+        const auto after_b = device::Burn(image_b, kind, identity).After(before);
+        EXPECT_EQ(after_a.refusal.empty(), after_b.refusal.empty()) << after_a.refusal;
+        EXPECT_EQ(after_a.memory.bytes, after_b.memory.bytes) << a << "\n---\n" << b;
+      }
+    }
+  }
+  EXPECT_GT(same, 50u);
+  EXPECT_GT(other, 50u);
+}
+
+class FwimgNamesTest : public FwimgTest {
+ protected:
+  /// What a shell in the folder says of a command of fwimg.
+  Outcome InFolder(const std::string& words, const std::string& before = "") {
+    return RunProgram(
+        {"/bin/sh", "-c",
+         "cd '" + _folder.Path().string() + "' && " + before + " '" FWIMG_PROGRAM "' " + words});
+  }
+};
+
+TEST_F(FwimgNamesTest, NamesMayBeginWithADash) {
+  const std::string image = "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(0x40));
+  _folder.Write("-x.img", image);
+  _folder.Write(
+      "-l.toml",
+      "device_type = \"RV61100\"\n[[section]]\nname = \"A\"\nat = 0\nfill = 0\nsize = 64\n");
+  _folder.Write("-n.toml", "device_type = \"RV61100\"\n");
+  _folder.Write("-f.toml",
+                "[[device]]\nnode_guid = \"0x10\"\nport_guids = [\"0x11\"]\n"
+                "chip = [{ address = 0, size = 0x100 }]\n");
+  for (const char* words :
+       {"info -- -x.img", "info ./-x.img", "check -- -x.img", "check ./-x.img",
+        "check --fabric -f.toml -- -x.img", "check --fabric=-f.toml ./-x.img",
+        "diff -- -x.img -x.img", "diff ./-x.img ./-x.img", "make -o -y.img -- -l.toml",
+        "make --output=-y.img ./-l.toml", "make --output -y.img --parts -d -- -l.toml",
+        "extract --section A -o -a.bin -- -x.img", "extract --section A --output=-a.bin ./-x.img",
+        "extract --all -d -- -x.img", "extract --all=-d ./-x.img"}) {
+    const Outcome outcome = InFolder(words);
+    EXPECT_EQ(outcome.status, 0) << words << "\n" << outcome.errors;
+  }
+  EXPECT_EQ(ReadText(_folder / "-a.bin"), std::string(0x40, '\0'));
+  EXPECT_EQ(ReadText(_folder / "-d/A.bin"), std::string(0x40, '\0'));
+  EXPECT_EQ(InFolder("diff -- -x.img -y.img").status, 0);
+  if (RunProgram({"/usr/bin/env", "srec_cat", "-version"}).status != 0) return;
+  for (const char* words :
+       {"convert -- -x.img -x.hex", "convert --layout -n.toml -- -x.hex -z.img",
+        "convert ./-x.img ./-x.srec", "convert --layout=-n.toml ./-x.srec ./-z.img"}) {
+    const Outcome outcome = InFolder(words);
+    EXPECT_EQ(outcome.status, 0) << words << "\n" << outcome.errors;
+  }
+  EXPECT_EQ(InFolder("diff -- -x.img -z.img").status, 1);  // by the section's name only
+}
+
+TEST_F(FwimgNamesTest, NamesThatCannotBeUsedAreToldWithTheReason) {
+  const std::string image = "DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(0x40));
+  _folder.Write("x.img", image);
+  _folder.Write("n.toml", "device_type = \"RV61100\"\n");
+  const std::string longest(300, 'n');
+  for (const std::string& name :
+       {std::string("''"), longest, std::string("x.img/child"), std::string("none/child"),
+        std::string("."), std::string("x.img/")}) {
+    for (const std::string& words :
+         {"info " + name, "check " + name, "check --fabric " + name + " x.img",
+          "diff x.img " + name, "make " + name + " -o y.img", "make n.toml -o " + name,
+          "extract x.img --section A -o " + name, "extract x.img --all " + name,
+          "convert x.img " + name + " --format intel", "convert " + name + " y.img --format intel",
+          "convert --layout " + name + " n.hex y.img"}) {
+      const Outcome outcome = InFolder(words);
+      EXPECT_EQ(outcome.errors.find("filesystem error"), std::string::npos) << outcome.errors;
+      if (outcome.status != 0) {
+        EXPECT_NE(outcome.errors, "") << words;
+      }
+    }
+  }
+  const Outcome folder = InFolder("extract x.img --all x.img/child");
+  EXPECT_EQ(folder.status, 2);
+  EXPECT_EQ(folder.errors, "fwimg: can't make the folder \"x.img/child\": Not a directory\n");
+  const Outcome temporary = InFolder("convert x.img y.hex", "TMPDIR=/nowhere");
+  EXPECT_EQ(temporary.status, 2);
+  EXPECT_EQ(temporary.errors, "fwimg: can't make files in TMPDIR: No such file or directory\n");
+}
+
+TEST_F(FwimgNamesTest, NamesInUtf8AreShownAsTheyAre) {
+  _folder.Write(
+      "gr\xc3\xb6\xc3\x9f"
+      "e.img",
+      "DEVICE_TYPE RV61100\n" + Section("T\xc3\xbcr\xff", 0, DataVec(2)));
+  EXPECT_THAT(InFolder("check gr\xc3\xb6\xc3\x9f"
+                       "e.img")
+                  .output,
+              testing::HasSubstr("gr\xc3\xb6\xc3\x9f"
+                                 "e.img: "));
+  _folder.Write("a.img", "DEVICE_TYPE RV61100\n" + Section("T\xc3\xbcr\xff", 0, DataVec(4)));
+  EXPECT_THAT(InFolder("info a.img").output, testing::HasSubstr("T\xc3\xbcr\\xff"));
 }
 
 }  // namespace

@@ -93,9 +93,8 @@ std::string Flash(const std::string& sector_size, const std::string& rest = "") 
                        "[[slot]]\nps = 0x800\nsignature = 0x808\nimage = 0x1400\n";
   for (const int idx : {0, 1}) {
     layout += Text("[[section]]\nname = \"PS", idx, "\"\nat = ", idx == 0 ? "0x400" : "0x800",
-                   "\ncontent = [{ hex = \"", idx == 0 ? "00000c00" : "00001400",
-                   " 00000040 ", idx == 0 ? "cb84cb84" : "ffffffff",
-                   "\" }, { fill = 0, size = 252 }]\n");
+                   "\ncontent = [{ hex = \"", idx == 0 ? "00000c00" : "00001400", " 00000040 ",
+                   idx == 0 ? "cb84cb84" : "ffffffff", "\" }, { fill = 0, size = 252 }]\n");
   }
   return layout +
          "[[section]]\nname = \"FIRMWARE\"\nat = 0xC00\nfill = 3\nsize = 0x40\n"
@@ -362,10 +361,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0, file = "
                 "\"five.bin\", from = 5 }]\n",
                 "layout.toml:2: the section A has no bytes"},
-        Refused{"PastTheLastAddress",
-                "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0xFFFFFFFC, fill = 0, "
-                "size = 8 }]\n",
-                "layout.toml:2: the section A reaches past the last address"},
+        Refused{
+            "PastTheLastAddress",
+            "device_type = \"RV52100\"\nsection = [{ name = \"A\", at = 0xFFFFFFFC, fill = 0, "
+            "size = 8 }]\n",
+            "layout.toml:2: the section A reaches past 4 GiB, the last address: place it lower, or "
+            "make it shorter"},
         Refused{"UnknownField", ONE + "[[field]]\ntype = \"guid\"\nat = 0\n",
                 "layout.toml:4: 'type' is no known field: guid"},
         Refused{"SignatureAsField", ONE + "[[field]]\ntype = \"SIGNATURE\"\nat = 0\n",
