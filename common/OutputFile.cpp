@@ -40,8 +40,10 @@ bool HoldsDescriptors(const fs::path& folder) {
 /// descriptor of this process.
 fs::path TargetOf(fs::path path) {
   constexpr int MOST_LINKS = 40;  // as many as the kernel follows
-  path = fs::absolute(path);
   std::error_code error;
+  const fs::path absolute = fs::absolute(path, error);
+  if (error) return path;  // there can be no such file
+  path = absolute;
   for (int links = 0; links < MOST_LINKS; ++links) {
     const fs::path folder = fs::canonical(path.parent_path(), error);
     if (error) break;
