@@ -15,6 +15,7 @@
 #include "fwimg/ImageCheck.h"
 #include "protocol/Server.h"
 #include "protocol/Session.h"
+#include "rehearse/InterruptionPoint.h"
 #include "sim/FabricFile.h"
 #include "src/main.h"
 #include "src/utils.h"
@@ -962,6 +963,19 @@ TEST(JsonDocumentTest, ThePageAndTheSchemasHaveTheSameMembers) {
         EXPECT_TRUE(words.contains(word)) << word << " stands on the page only";
       }
     }
+  }
+}
+
+TEST(JsonDocumentTest, PointsOfExceptionsAreThoseThatTheRehearsalReads) {
+  const nlohmann::json schema = Schemas().at("fwpush-rehearse");
+  const std::string pattern =
+      schema.at(nlohmann::json::json_pointer("/properties/exceptions/items/properties/at/pattern"));
+  for (const std::string point :
+       {"0", "1234", "killed:28", "dropped:1", "next:7", "12+34", "12+34@5", "x", "12+", "+1",
+        "1@2", "1+2@", "next:1+2", "killed:1+2", "killed:next:1"}) {
+    EXPECT_EQ(std::regex_match(point, std::regex(pattern)),
+              rehearse::ParseInterruptionPoint(point).has_value())
+        << point;
   }
 }
 
