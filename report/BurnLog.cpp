@@ -176,8 +176,8 @@ std::span<const TextRow> Texts() { return TEXTS; }
 
 std::span<const SwitchText> SwitchTexts() { return SWITCHES; }
 
-std::set<Guid> AskedDevices(std::span<const std::string> words) {
-  std::set<Guid> asked;
+std::vector<GuidSwitch> FindGuidSwitches(std::span<const std::string> words) {
+  std::vector<GuidSwitch> found;
   for (std::size_t i = 0; i < words.size(); ++i) {
     if (!words[i].starts_with('-')) continue;
     std::string_view word = words[i];
@@ -186,15 +186,23 @@ std::set<Guid> AskedDevices(std::span<const std::string> words) {
       return candidate.name.starts_with(word.substr(0, word.find('=')));
     });
     if (row == SWITCHES.end() || !row->takes_value) continue;
-    std::string value;
+    GuidSwitch guids{.first = i, .end = i + 1, .value = {}};
     if (const std::size_t equals = word.find('='); equals != std::string_view::npos) {
-      value = word.substr(equals + 1);
+      guids.value = word.substr(equals + 1);
     } else if (++i < words.size()) {
-      value = words[i];
+      guids.value = words[i];
+      guids.end = i + 1;
     }
-    if (row->name != GUIDS_SWITCH) continue;
+    if (row->name == GUIDS_SWITCH) found.push_back(std::move(guids));
+  }
+  return found;
+}
+
+std::set<Guid> AskedDevices(std::span<const std::string> words) {
+  std::set<Guid> asked;
+  for (const GuidSwitch& guids : FindGuidSwitches(words)) {
     try {
-      common::ParseGuids(value, asked);
+      common::ParseGuids(guids.value, asked);
     } catch (const std::runtime_error&) {
       // fwpush stops there and burns nothing; those before the wrong one were asked for all the
       // same.

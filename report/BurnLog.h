@@ -59,6 +59,15 @@ struct SwitchText {
 };
 std::span<const SwitchText> SwitchTexts();
 
+/// A -g on the command line of fwpush, which takes [first, end) of its words.
+struct GuidSwitch {
+  std::size_t first;
+  std::size_t end;
+  std::string value;  ///< empty where it is missing
+};
+/// All of them, by fwpush's own rules. `words` do not hold the program's name.
+std::vector<GuidSwitch> FindGuidSwitches(std::span<const std::string> words);
+
 /// The devices that a command line asks fwpush for: those of every -g, by fwpush's own rules.
 /// `words` do not hold the program's name. Words that fwpush would refuse are passed over, so that
 /// the devices of a wrong command line are known too, and those behind a wrapper such as sudo.

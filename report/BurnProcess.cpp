@@ -61,7 +61,8 @@ class Signals {
 
 BurnRun RunBurn(const std::vector<std::string>& words, bool is_terminal,
                 const std::function<void(std::string_view)>& take) {
-  const Signals signals;
+  // Made once: a signal that comes between two burns ends the second.
+  static const Signals signals;
   common::Channel console = is_terminal ? common::MakeRawTerminal() : common::MakePipe();
   common::ChildProcess burn({.words = words,
                              .is_searched = true,

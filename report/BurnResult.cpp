@@ -110,6 +110,7 @@ std::string ToJson(const RunReport& run) {
                          {"succeeded", burn.is_succeeded},
                          {"failure", OrNull(burn.failure)},
                          {"command", run.words},
+                         {"burns", run.burns},
                          {"exit_status", nullptr},
                          {"signal", nullptr},
                          {"seconds", nullptr},
@@ -183,6 +184,7 @@ std::string Summary(const RunReport& run, bool has_colour) {
       << ", " << count(DeviceStatus::BURNT) << " burnt, " << count(DeviceStatus::FAILED)
       << " failed, " << count(DeviceStatus::NEVER_REACHED) << " never reached";
   if (run.seconds) out << ", " << std::fixed << std::setprecision(3) << *run.seconds << " s";
+  if (run.burns > 1) out << ", in " << run.burns << " burns";
   out << "\n";
   for (const DeviceReport& device : burn.devices) {
     const StatusText text = TextOf(device.status);

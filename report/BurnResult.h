@@ -15,6 +15,7 @@ struct RunReport {
   std::optional<Ending> ending;   ///< of a live run
   std::optional<double> seconds;  ///< likewise
   std::vector<std::string> words;
+  std::size_t burns = 1;  ///< that the devices were divided among
 };
 
 /// docs/json.md describes the object.

@@ -10,8 +10,10 @@
 #include <functional>
 #include <iostream>
 #include <optional>
+#include <set>
 
 #include "common/Descriptor.h"
+#include "common/GuidList.h"
 #include "common/OutputFile.h"
 #include "common/Program.h"
 #include "common/SystemError.h"
@@ -19,6 +21,7 @@
 #include "report/BurnLog.h"
 #include "report/BurnProcess.h"
 #include "report/BurnResult.h"
+#include "report/BurnSeries.h"
 #include "report/ConsoleOutput.h"
 #include "report/LineConsole.h"
 
@@ -47,6 +50,11 @@ std::vector<NamedFile> FilesOfBurn(const std::vector<std::string>& words) {
     files.push_back({"the burn's", word});
     if (!word.starts_with("-") || word.size() < 3) continue;
     files.push_back({"the burn's", word.substr(word[2] == '=' ? 3 : 2)});
+  }
+  if (!words.empty()) {
+    for (const GuidSwitch& guids : FindGuidSwitches(std::span(words).subspan(1))) {
+      if (IsGuidFile(guids.value)) files.push_back({"-g", guids.value.substr(1)});
+    }
   }
   // A word that is no file of this moment is no input.
   std::erase_if(files, [](const NamedFile& file) {
@@ -84,56 +92,82 @@ int Run(const Options& options) {
     return USAGE;
   }
   CheckFiles(options);
+  std::vector<PlannedBurn> burns;
+  try {
+    burns = PlanBurns(options.words);
+  } catch (const std::runtime_error& error) {
+    throw UsageError("-g", error.what());
+  }
   std::optional<OutputFile> json;
   std::optional<OutputFile> junit;
   if (!options.json.empty()) json.emplace(options.json);
   if (!options.junit.empty()) junit.emplace(options.junit);
   LogFile saved(options.log);
 
-  BurnLog log;
-  LineConsole plain;
   ConsoleOutput console;
   const auto start = std::chrono::steady_clock::now();
   const auto seconds = [start] {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   };
-  const auto take = [&](std::string_view piece) {
-    saved.Write(piece);
-    if (options.is_plain) {
-      console.Write(plain.Feed(piece));
-    } else if (is_live) {
-      console.Write(piece);
-    }
-    log.Feed(piece, seconds());
-  };
 
   RunReport run;
   run.words = options.words;
-  if (is_live) {
-    const bool is_terminal = !options.is_plain && isatty(STDOUT_FILENO) != 0;
-    const BurnRun burn = RunBurn(options.words, is_terminal, take);
-    if (burn.has_left_processes) {
-      std::cerr << NAME << ": the burner has ended; processes that it started still run; their "
-                << "output is no longer read" << std::endl;
-    }
-    run.ending = burn.ending;
-    run.seconds = seconds();
-  } else {
-    ReadLog(options.from, [&](std::string_view piece) {
-      take(piece);
-      // Nothing to go on with: it may never end.
-      if (log.IsOverlong()) {
-        throw std::runtime_error(Text(options.from, ": a line of more than ", BurnLog::LONGEST_LINE,
-                                      " bytes: not the output of fwpush"));
-      }
-    });
+  run.burns = burns.size();
+  if (!is_live) {
+    // One file has the console of all burns.
+    for (const PlannedBurn& burn : burns)
+      burns.front().asked.insert(burn.asked.begin(), burn.asked.end());
+    burns.resize(1);
   }
-  if (options.is_plain) console.Write(plain.Finish());
+  if (is_live && burns.size() > 1) {
+    std::cerr << NAME << ": the devices are too many for one command line: " << burns.size()
+              << " burns, one after the other" << std::endl;
+  }
+  std::vector<BurnReport> reports;
+  std::set<Guid> not_started;
+  bool is_fwpush = true;
+  for (const PlannedBurn& planned : burns) {
+    if (!reports.empty() && !reports.back().is_succeeded) {
+      not_started.insert(planned.asked.begin(), planned.asked.end());
+      continue;
+    }
+    BurnLog log;
+    LineConsole plain;
+    const auto take = [&](std::string_view piece) {
+      saved.Write(piece);
+      if (options.is_plain) {
+        console.Write(plain.Feed(piece));
+      } else if (is_live) {
+        console.Write(piece);
+      }
+      log.Feed(piece, seconds());
+    };
+    if (is_live) {
+      const bool is_terminal = !options.is_plain && isatty(STDOUT_FILENO) != 0;
+      const BurnRun burn = RunBurn(planned.words, is_terminal, take);
+      if (burn.has_left_processes) {
+        std::cerr << NAME << ": the burner has ended; processes that it started still run; their "
+                  << "output is no longer read" << std::endl;
+      }
+      run.ending = burn.ending;
+      run.seconds = seconds();
+    } else {
+      ReadLog(options.from, [&](std::string_view piece) {
+        take(piece);
+        // Nothing to go on with: it may never end.
+        if (log.IsOverlong()) {
+          throw std::runtime_error(Text(options.from, ": a line of more than ",
+                                        BurnLog::LONGEST_LINE, " bytes: not the output of fwpush"));
+        }
+      });
+    }
+    if (options.is_plain) console.Write(plain.Finish());
+    reports.push_back(log.Conclude(planned.asked, run.ending));
+    is_fwpush &= log.IsFwpush();
+  }
   if (console.IsInsideLine() && isatty(STDERR_FILENO) != 0) std::cerr << std::endl;
 
-  const std::set<Guid> asked =
-      options.words.empty() ? std::set<Guid>() : AskedDevices(std::span(options.words).subspan(1));
-  run.burn = log.Conclude(asked, run.ending);
+  run.burn = Join(std::move(reports), not_started);
   bool is_kept = true;
   const auto keep = [&is_kept](const std::function<void()>& file) {
     try {
@@ -153,7 +187,7 @@ int Run(const Options& options) {
   write(json, [&run] { return ToJson(run); });
   write(junit, [&run] { return ToJUnit(run); });
   keep([&] { saved.Finish(); });
-  if (!log.IsFwpush() && !(run.ending && run.ending->signal != 0)) {
+  if (!is_fwpush && !(run.ending && run.ending->signal != 0)) {
     std::cerr << NAME << ": " << (is_live ? options.words[0] : options.from)
               << ": not the output of fwpush" << std::endl;
     return CANNOT;
@@ -178,6 +212,9 @@ int main(int argc, char* argv[]) {
       "  fwpush-report [OPTIONS] --from LOG [-- fwpush ARGS...]",
       NAME);
   line.SetFooter(
+      "The burn's -g may be @FILE, with a device on each line; there are several burns if the "
+      "list\n"
+      "is too long for one.\n"
       "Ends with 0 when every device asked for was burnt, with 1 when one was not, with 2 when\n"
       "fwpush could not be run or this is not its output, with 64 on a wrong command line.");
   line.Add("--json", options.json, "Write the result into this file, as JSON");

@@ -34,6 +34,14 @@ class ImageWarnings : public device::ImageListener {
 }  // namespace
 
 void CheckServerForm(const std::string& server) {
+  constexpr std::string_view TYPES[] = {"I2C", "PCI", "PPC", "IB"};
+  // As the burner's interface divides it.
+  const std::vector<std::string_view> fields = common::Words(server, ":");
+  if (fields.size() == 3 && std::ranges::find(TYPES, fields[0]) == std::end(TYPES)) {
+    throw std::invalid_argument(common::Text("-s ", server, ": there is no TYPE '", fields[0],
+                                             "': give I2C, PCI, PPC or IB; the devices of every "
+                                             "image can be read through each of them"));
+  }
   // The burner's interface checks the form before it connects. This one does not connect.
   struct Unconnected : RemoteI2cInterface {
     Unconnected() : RemoteI2cInterface(5) {}

@@ -14,8 +14,8 @@
 
 namespace verify {
 
-/// Throws std::invalid_argument, with the text of fwpush, when `server` is not of the form
-/// "TYPE:IP:PORT".
+/// Throws std::invalid_argument when `server` is not of the form "TYPE:IP:PORT"; with the text of
+/// fwpush, unless it is TYPE that is wrong.
 void CheckServerForm(const std::string& server);
 
 /// Verifies devices behind one server against one image. Only reads.

@@ -10,6 +10,7 @@
 #include <optional>
 #include <set>
 
+#include "common/GuidList.h"
 #include "common/Json.h"
 #include "common/OutputFile.h"
 #include "common/Program.h"
@@ -122,6 +123,16 @@ nlohmann::json Json(const verify::DeviceFinding& finding) {
           {"differences", differences}};
 }
 
+/// Throws std::runtime_error.
+void MakeFolder(const std::string& name) {
+  std::error_code error;
+  std::filesystem::create_directories(name, error);
+  if (!error && !std::filesystem::is_directory(name, error) && !error) {
+    error = std::make_error_code(std::errc::not_a_directory);
+  }
+  if (error) throw std::runtime_error("can't make the folder " + name + ": " + error.message());
+}
+
 int TellUsage(const std::string& text) {
   std::cerr << "fwpush-verify: " << common::Printable(text)
             << "\nRun with --help for more information." << std::endl;
@@ -148,7 +159,7 @@ class Run {
     try {
       if (_options.save) {
         RefuseImageAmongMemories();
-        std::filesystem::create_directories(*_options.save);
+        MakeFolder(*_options.save);
       }
       verify::Verifier verifier(_options.image, _options.server, CHOICES.at(_options.slot),
                                 _options.save);
@@ -234,7 +245,10 @@ int main(int argc, char* argv[]) {
   Options options;
   line.Add("-f", options.image, "The image file").Required();
   line.Add("-s", options.server, "The bus server: TYPE:IP:PORT").Required();
-  line.Add("-g", options.guids, "The devices, separated by commas; may be given again").Required();
+  line.Add("-g", options.guids,
+           "The devices, separated by commas, or @FILE with one on each line;\n"
+           "may be given again")
+      .Required();
   line.Add("--slot", options.slot, "The slot to compare: 0, 1, auto (those marked valid) or none")
       .OneOf({"0", "1", "auto", "none"})
       .ShowDefault();
@@ -247,7 +261,7 @@ int main(int argc, char* argv[]) {
   line.SetWork([&] {
     std::set<device::Guid> devices;
     try {
-      for (const std::string& list : options.guids) common::ParseGuids(list, devices);
+      for (const std::string& list : options.guids) common::AddGuids(list, devices);
       verify::CheckServerForm(options.server);
     } catch (const std::exception& error) {
       return TellUsage(error.what());

@@ -100,6 +100,59 @@ TEST_F(ReportTest, BurnRunsOnATerminalJustWhereItWouldWithoutAReport) {
   EXPECT_EQ(Report({}, ask).output, "pipe\n");
 }
 
+TEST_F(ReportTest, DevicesOfAFileAreBurnt) {
+  Serve(3);
+  const std::string list = _folder.Write("guids", "# two of three\r\n0x30\r\n\r\n10\r\n");
+  const Outcome outcome = Report({"--json", _folder / "report.json"}, Burn("@" + list));
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_TRUE(IsBurnt(10));
+  EXPECT_FALSE(IsBurnt(20));
+  EXPECT_TRUE(IsBurnt(30));
+  EXPECT_EQ(Json()["command"].back(), "@" + list);
+  EXPECT_EQ(Json()["devices"].size(), 2u);
+  const Outcome wrong = Report({}, Burn("@" + _folder.Write("wrong", "10\nzz\n")));
+  EXPECT_EQ(wrong.status, 64);
+  EXPECT_THAT(wrong.errors, testing::HasSubstr("wrong:2: not a GUID: zz"));
+  EXPECT_EQ(Report({}, Burn("@" + (_folder / "none"))).status, 64);
+}
+
+/// Stands in for the burner: no simulated fabric has so many devices.
+TEST_F(ReportTest, DevicesThatDoNotFitIntoACommandLineAreBurntInSeveralBurns) {
+  const std::string burner = _folder.Write("burner",
+                                           "echo run >>$1\n"
+                                           "echo '-I- Generic Burning:'\n"
+                                           "if [ $(wc -l <$1) = $2 ]; then\n"
+                                           "  echo '-E- BURN FAILED:ALL:gone'; exit 1\n"
+                                           "fi\n"
+                                           "echo 'Burning - OK'\n"
+                                           "echo '-I- BURN SUCCEEDED'\n");
+  std::string guids;
+  for (u_int64_t i = 0; i < 20000; ++i) guids += Text(std::hex, 0xAA550000000000 + i, "\n");
+  const std::string list = _folder.Write("guids", guids);
+  for (const int fails_at : {0, 2}) {
+    const std::string runs = _folder / Text("runs", fails_at);
+    const Outcome outcome =
+        Report({"--json", _folder / "report.json"},
+               {"/bin/sh", burner, runs, std::to_string(fails_at), "-g", "@" + list});
+    EXPECT_THAT(outcome.errors, testing::StartsWith("fwpush-report: the devices are too many for "
+                                                    "one command line: 3 burns, one after the "
+                                                    "other\n"));
+    const nlohmann::json json = Json();
+    EXPECT_EQ(json["burns"], 3);
+    ASSERT_EQ(json["devices"].size(), 20000u);
+    EXPECT_EQ(json["all_burnt"], fails_at == 0);
+    EXPECT_EQ(outcome.status, fails_at == 0 ? 0 : 1);
+    EXPECT_EQ(ReadText(runs), fails_at == 0 ? "run\nrun\nrun\n" : "run\nrun\n");
+    const nlohmann::json& last = json["devices"].back();
+    EXPECT_EQ(last["outcome"], fails_at == 0 ? "burnt" : "never-reached");
+    if (fails_at != 0) {
+      EXPECT_EQ(json["failure"], "gone");
+      EXPECT_EQ(json["devices"][0]["outcome"], "burnt");
+      EXPECT_EQ(last["reason"], "not started: the burn before it failed");
+    }
+  }
+}
+
 TEST_F(ReportTest, OneDeviceOfThreeThatFailsIsToldEverywhere) {
   Serve(3, Fault("device-error", "device = \"0x20\"\nnth = 2\ntext = \"<bro&ken>\""));
   const Outcome outcome = Report({"--json", _folder / "report.json", "--junit",
@@ -117,6 +170,8 @@ TEST_F(ReportTest, OneDeviceOfThreeThatFailsIsToldEverywhere) {
   EXPECT_LE(json["phases"][0]["seconds"], json["seconds"]);
   json.erase("seconds");
   json["phases"][0].erase("seconds");
+  EXPECT_EQ(json["burns"], 1);
+  json.erase("burns");
   const nlohmann::json expected = {
       {"version", 1},
       {"all_burnt", false},

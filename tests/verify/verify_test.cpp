@@ -698,6 +698,35 @@ TEST_F(VerifyProgramTest, StatusAndTextTellTheTruth) {
   EXPECT_EQ(result["devices"][0]["differences"][1]["found"], 0x46);
 }
 
+TEST_F(VerifyProgramTest, DevicesAreTakenFromAFile) {
+  const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
+  for (const Guid guid : GuidSet{0x10, 0x20, 0x30}) _fabric.Add(Eeprom(guid));
+  Burn<InProcessI2c, GenericBurn>(file, {0x10, 0x20, 0x30});
+  const std::string list = _folder.Write("guids.txt", "# rack\r\n0x30\r\n\r\n20 # spare\r\n");
+  protocol::ServerThread server(_fabric);
+  EXPECT_EQ(Run(file, {"-s", server.ServerString(), "-g", "@" + list, "-g", "10"}).output,
+            "0x0000000000000010 identical: 16 bytes\n0x0000000000000020 identical: 16 bytes\n"
+            "0x0000000000000030 identical: 16 bytes\n");
+  const std::string wrong = _folder.Write("wrong.txt", "10\n20,30\n");
+  const Outcome run = Run(file, {"-s", server.ServerString(), "-g", "@" + wrong});
+  EXPECT_EQ(run.status, 64);
+  EXPECT_EQ(run.errors, "fwpush-verify: " + wrong +
+                            ":2: not a GUID: 20,30\nRun with --help for "
+                            "more information.\n");
+}
+
+TEST_F(VerifyProgramTest, FoldersOfAnyNameGetTheMemories) {
+  const std::string file = File("DEVICE_TYPE RV61100\n" + Section("A", 0, DataVec(16, 0x44)));
+  _fabric.Add(Eeprom(0x10));
+  protocol::ServerThread server(_fabric);
+  for (const std::string name : {"m\u00e9moire \u4e16", "-n", "--json"}) {
+    std::filesystem::create_directory(_folder / "work");
+    const std::string folder = _folder / ("work/" + name);
+    EXPECT_EQ(Run(file, {"-s", server.ServerString(), "-g", "10", "--save=" + folder}).status, 1);
+    EXPECT_EQ(std::filesystem::file_size(folder + "/0x0000000000000010.0.i2c"), 16u);
+  }
+}
+
 TEST_F(VerifyProgramTest, WhatBootsIsToldInBothForms) {
   _fabric.Add(Eeprom(0x10));
   _fabric.Add(Eeprom(0x20));
@@ -872,6 +901,12 @@ TEST_F(VerifyProgramTest, WhatCannotBeDoneAndWhatIsWrongHaveTheirStatus) {
   for (const char* server : {"127.0.0.1:1", "XX:127.0.0.1:1", "IB:127.0.0.1:one"}) {
     EXPECT_EQ(Run(file, {"-s", server, "-g", "10"}).status, 64) << server;
   }
+  EXPECT_EQ(Run(file, {"-s", "X2C:host:1", "-g", "10"}).errors,
+            "fwpush-verify: -s X2C:host:1: there is no TYPE 'X2C': give I2C, PCI, PPC or IB; the "
+            "devices of every image can be read through each of them\n"
+            "Run with --help for more information.\n");
+  EXPECT_EQ(Run(file, {"-s", "IB:127.0.0.1:1", "-g", "10", "--save", file + "/x"}).errors,
+            "fwpush-verify: can't make the folder " + file + "/x: Not a directory\n");
   EXPECT_EQ(Run(file, {"-s=IB:127.0.0.1:1", "-g=10"}).errors,
             "fwpush-verify: Failed connecting to 127.0.0.1:1 .\n");
   EXPECT_EQ(Run(file, {"-s", "IB:127.0.0.1:1", "-g", "10", "--slot", "0"}).status, 64);

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Brings the devices behind one bus server to an image: verify, burn what lacks it, verify again."""
 
+import contextlib
 import json
 import os
 import subprocess
@@ -31,6 +32,7 @@ reason: {type: str, description: What failed.}
 devices: {type: list, description: "Of each device: guid, before, burn, reason, after."}
 """
 
+LONGEST_LIST = 100000  # bytes in one argument; a longer list is handed over in a file
 SECONDS_TO_END = 30  # for a program that was asked to
 
 
@@ -73,16 +75,25 @@ class Fabric:
     def program(self, name):
         return os.path.join(self.params["bin_dir"], name)
 
+    @contextlib.contextmanager
     def target(self, guids):
-        return ["-f", self.params["image"], "-s", self.params["server"], "-g", ",".join(guids)]
+        """The switches for the image, the server and these devices, as long as they are used."""
+        with tempfile.TemporaryDirectory(prefix="fwpush-") as folder:
+            devices = ",".join(guids)
+            if len(devices) > LONGEST_LIST:
+                devices = "@" + os.path.join(folder, "guids")
+                with open(devices[1:], "w", encoding="ascii") as file:
+                    file.write("\n".join(guids) + "\n")
+            yield ["-f", self.params["image"], "-s", self.params["server"], "-g", devices]
 
     def verify(self):
         """What is on the devices, by GUID; and fwpush-verify's own result."""
         # A burn with -n leaves every section where it stands, and no slot to choose.
         slot = "none" if "-n" in self.params["switches"] else "auto"
-        status, output, diagnostics = run(
-            [self.program("fwpush-verify"), "--json", "--slot", slot] + self.target(self.params["guids"]),
-            self.params["time_limit"])
+        with self.target(self.params["guids"]) as target:
+            status, output, diagnostics = run(
+                [self.program("fwpush-verify"), "--json", "--slot", slot] + target,
+                self.params["time_limit"])
         try:
             result = json.loads(output)
             failure = result["failure"]
@@ -95,11 +106,11 @@ class Fabric:
 
     def burn(self, guids):
         """Burns these devices in one run. Returns whether all of them are burnt."""
-        with tempfile.TemporaryDirectory(prefix="fwpush-") as folder:
+        with self.target(guids) as target, tempfile.TemporaryDirectory(prefix="fwpush-") as folder:
             result_file = os.path.join(folder, "burn.json")
             status, output, diagnostics = run(
                 [self.program("fwpush-report"), "--plain", "--json", result_file, "--",
-                 self.program("fwpush")] + self.params["switches"] + self.target(guids),
+                 self.program("fwpush")] + self.params["switches"] + target,
                 self.params["time_limit"])
             self.console += output + diagnostics
             try:
