@@ -16,7 +16,7 @@ namespace rehearse {
 
 /// So many recoveries are interrupted, at most. Each is of another kind of state, and costs two
 /// burns.
-inline constexpr std::size_t MOST_SECOND_INTERRUPTIONS = 12;
+inline constexpr std::size_t MOST_SECOND_INTERRUPTIONS = 8;
 
 /// Why no further burn is rehearsed; empty where some are.
 std::string WhyNoFurtherBurns(const RehearsalOptions& options, const UninterruptedBurn& burn);
