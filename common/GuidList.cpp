@@ -12,12 +12,16 @@ namespace common {
 namespace {
 
 constexpr std::string_view BLANKS = " \t\r";
+constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
 void AddGuidsOfFile(const std::string& file, std::set<std::uint64_t>& guids) {
   const Bytes bytes = ReadFile(file);
   std::size_t number = 0;
   std::size_t found = 0;
-  for (std::string_view line : Lines({reinterpret_cast<const char*>(bytes.data()), bytes.size()})) {
+  std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  // Editors that write carriage returns may begin a file with it.
+  if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
+  for (const std::string_view line : Lines(text)) {
     ++number;
     const std::vector<std::string_view> words = Words(line.substr(0, line.find('#')), BLANKS);
     if (words.empty()) continue;

@@ -20,7 +20,7 @@ class GuidListTest : public testing::Test {
 TEST_F(GuidListTest, FileHasOneGuidOnEachLine) {
   std::set<std::uint64_t> guids = {1};
   const std::string file = _folder.Write("guids",
-                                         "# rack 1\r\n0x00AA550000000010\r\n\r\n"
+                                         "\xEF\xBB\xBF# rack 1\r\n0x00AA550000000010\r\n\r\n"
                                          "  aa550000000020 \t# spare\n\n0X10\n"
                                          "ffffffffffffffff");
   AddGuids("@" + file, guids);
