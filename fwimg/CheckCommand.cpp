@@ -105,7 +105,7 @@ int Run(const Options& options) {
   for (const std::string& file : options.files) {
     Report report{file, {}, ""};
     try {
-      report.problems = Check(file, targets_for);
+      report.problems = CheckEach(file, targets_for);
     } catch (const device::ImageError& error) {
       report.trouble = error.what();
     } catch (const NoTargetError& error) {

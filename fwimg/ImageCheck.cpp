@@ -122,7 +122,7 @@ std::vector<Problem> Check(const std::string& path, const CheckTarget& target) {
   return ProblemsOf(ReadForCheck(path), target);
 }
 
-std::vector<Problem> Check(const std::string& path, const TargetsFor& targets_for) {
+std::vector<Problem> CheckEach(const std::string& path, const TargetsFor& targets_for) {
   const ReadFile read = ReadForCheck(path);
   const std::vector<CheckTarget> targets = targets_for(read.file.image.type);
   std::vector<Problem> all;

@@ -24,11 +24,11 @@ struct Problem {
 std::vector<Problem> Check(const std::string& path, const CheckTarget& target);
 
 /// What an image is checked against, by its device type, which is null where it is unknown; never
-/// nothing. What it throws passes through Check.
+/// nothing. What it throws passes through CheckEach.
 using TargetsFor = std::function<std::vector<CheckTarget>(const device::DeviceType* type)>;
 
 /// The same against several targets: each problem once, with the names of the targets that have it
 /// unless all do.
-std::vector<Problem> Check(const std::string& path, const TargetsFor& targets_for);
+std::vector<Problem> CheckEach(const std::string& path, const TargetsFor& targets_for);
 
 }  // namespace fwimg

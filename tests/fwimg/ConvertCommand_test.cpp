@@ -349,7 +349,7 @@ std::string SRecord(u_int32_t addr, const DataVec& data) {
 }
 
 TEST_F(FwimgConvertTest, RecordsPast4GiBAreRefusedWithTheirLine) {
-  for (const u_int32_t size : {4, 8, 16, 20, 32, 64}) {
+  for (const u_int32_t size : {4u, 8u, 16u, 20u, 32u, 64u}) {
     SCOPED_TRACE(size);
     const DataVec data(size, 0x5A);
     _folder.Write("a.hex",

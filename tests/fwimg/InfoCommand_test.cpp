@@ -468,7 +468,7 @@ TEST_F(FwimgDiffTest, WhatIsCalledTheSameLeavesTheSameAfterEveryBurn) {
                                     .vsd = RandomBytes(rng, 208),
                                     .bsn = RandomBytes(rng, 64)};
     for (const auto kind : {device::BurnKind::PLAIN, device::BurnKind::FAILSAFE}) {
-      for (const u_int32_t slot : {0, 1}) {
+      for (const u_int32_t slot : {0u, 1u}) {
         const device::Memory before = SomeMemory(rng, image_a, identity, slot);
         const auto after_a = device::Burn(image_a, kind, identity).After(before);
         const auto after_b = device::Burn(image_b, kind, identity).After(before);
