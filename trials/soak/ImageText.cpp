@@ -71,10 +71,8 @@ std::string TextOf(const RandomImage& of, Random& random) {
   std::vector<std::string> slots;
   for (const std::uint32_t i : {0u, 1u}) {
     const device::Slot& slot = image.slots[i];
-    if (slot.pointer_sector) {
-      slots.push_back(Text("PS ", i, location(*slot.pointer_sector)));
-      slots.push_back(Text("SIGNATURE ", i, location(*slot.signature)));
-    }
+    if (slot.pointer_sector) slots.push_back(Text("PS ", i, location(*slot.pointer_sector)));
+    if (slot.signature) slots.push_back(Text("SIGNATURE ", i, location(*slot.signature)));
     if (slot.image) slots.push_back(Text("IMAGE ", i, location(*slot.image)));
   }
   random.Shuffle(slots);
