@@ -30,6 +30,13 @@ void CheckRecord(const CheckedImage& image, std::uint32_t idx, const SectionLine
                  Text(Name(ps), " gives the image ", HexText(size), " bytes; it has ",
                       HexText(image.slot_extent)));
   }
+  const auto flash_size = image.target.flash_size;
+  if (flash_size && std::uint64_t{image_addr} + size > *flash_size) {
+    findings.Add(
+        ProblemId::PS_PAST_FLASH, ps.line,
+        Text(Name(ps), " gives an image of ", HexText(size), " bytes at ", HexText(image_addr),
+             ", past the ", HexText(*flash_size), " bytes of the flash"));
+  }
   const std::uint32_t crc_addr = ps.addr + device::RECORD_CRC;
   const bool is_recomputed = std::ranges::any_of(image.file.crcs, [&](const CrcLine& crc) {
     return crc.from == ps.addr && crc.size == device::RECORD_CRC && crc.addr == crc_addr;

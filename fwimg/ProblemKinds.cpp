@@ -135,6 +135,8 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
      "device starts the part"},
     {ProblemId::PS_SIZE_LARGE, "ps-size-large", W,
      "moving the image copies more bytes than it has"},
+    {ProblemId::PS_PAST_FLASH, "ps-past-flash", E,
+     "the image that the boot code starts is not whole, and moving it fails"},
     {ProblemId::PS_CRC, "ps-crc", E,
      "the record keeps a CRC for another signature: the slot does not boot"},
     {ProblemId::SIGNATURE_PLACE, "signature-place", E,
