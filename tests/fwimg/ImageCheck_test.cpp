@@ -771,10 +771,16 @@ TEST_F(FwimgCheckTest, DevicesThatDifferAreToldApart) {
   EXPECT_EQ(
       outcome.output,
       image +
+          ":35: error: section PS1 gives an image of 0x20 bytes at 0x1400, past the 0x1000 bytes "
+          "of "
+          "the flash (for a flash of 0x1000 bytes in sectors of 0x400) [ps-past-flash]\n"
+          "    at the burn: the image that the boot code starts is not whole, and moving it "
+          "fails\n" +
+          image +
           ":54: error: section FIRMWARE, burnt at 0x1400, ends at 0x1420, past the 0x1000 "
           "bytes of the flash (for a flash of 0x1000 bytes in sectors of 0x400) [past-flash]\n"
           "    at the burn: the burn ends half-way: the flash has no such address\n" +
-          image + ": 1 error, 0 warnings\n");
+          image + ": 2 errors, 0 warnings\n");
 }
 
 TEST_F(FwimgCheckTest, AFabricWithoutADeviceThatFitsIsSaid) {
