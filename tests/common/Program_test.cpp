@@ -252,12 +252,13 @@ TEST_F(ProgramTest, NamesOfOpenDescriptorsAreWrittenThroughThem) {
   for (const Case& test : Cases()) {
     if (test.is_server) continue;
     SCOPED_TRACE(Name(test));
-    const auto [status, expected] = Reference(test);
+    const auto reference = Reference(test);
+    const std::string& expected = reference.second;
     const auto run = [&](const std::string& redirection, const std::string& output) {
       _folder.Write("file", "before\n");
       const Outcome outcome =
           Redirected(redirection + "'" + file + "'", Filled(test.words, output));
-      EXPECT_EQ(outcome.status, status) << output << ": " << outcome.errors;
+      EXPECT_EQ(outcome.status, reference.first) << output << ": " << outcome.errors;
       return Stable(ReadText(file));
     };
     const std::string link = _folder / ("link" + test.extension);

@@ -442,7 +442,8 @@ TEST_F(FwimgBurnsTest, ADeviceMapOfAFlashIsAcceptedJustWhereItsBurnGoesWell) {
     std::string text;
     for (const auto& [chip, size] : map) text += Text("DEVMAP ", std::hex, size, " ", chip, "\n");
     bool can_be_said = true;
-    for (const std::string_view line : common::Lines(FlashImage{}.Text())) {
+    const std::string plain = FlashImage{}.Text();
+    for (const std::string_view line : common::Lines(plain)) {
       auto words = common::Words(line);
       const bool has_locations = words[0] == "PS" || words[0] == "IMAGE" || words[0] == "START" ||
                                  words[0] == "SIGNATURE" || words[0] == "REPLACE";
