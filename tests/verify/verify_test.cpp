@@ -767,7 +767,7 @@ TEST_F(VerifyProgramTest, FlashWhoseInvariantSectorDiffersIsNotSaidToBoot) {
   const nlohmann::json result = nlohmann::json::parse(Run(file, words).output)["devices"][0];
   EXPECT_TRUE(result["boots"].is_null());
   EXPECT_EQ(result["invariant_sector"], "different");
-  EXPECT_EQ(result["valid_slots"], nlohmann::json({0}));
+  EXPECT_EQ(result["valid_slots"], nlohmann::json::array({0}));
 }
 
 TEST_F(VerifyProgramTest, ImageWithoutAByteIsAnError) {
