@@ -109,7 +109,8 @@ bool Recoveries::BootsEverywhere(const sim::Fabric& fabric, const InterruptionPo
     const device::Verdict verdict = _devices.VerdictOn(fabric, guid);
     if (verdict.BootsWhole()) continue;
     if (at.kind != Interruption::POWER) {
-      Add(at, request, guid, verdict, Name(at.kind), _burn.ReasonFor(guid, verdict));
+      Add(at, request, guid, verdict, Name(at.kind),
+          _burn.ReasonFor(guid, verdict, at.kind == Interruption::POWER));
     }
     return false;
   }

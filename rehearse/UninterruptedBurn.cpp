@@ -80,7 +80,8 @@ std::string UninterruptedBurn::ReasonForEnd(device::Guid guid, const device::Ver
              : "a CRC covers the first word of the boot record, which is held back";
 }
 
-std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict) const {
+std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict,
+                                         bool is_torn_word) const {
   if (IsPlain()) return "the burn is not failsafe: it overwrites the image that boots";
   if (!verdict.invariant_is_whole) {
     return "the invariant sector was being rewritten; the device has only one";
@@ -88,7 +89,7 @@ std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdic
   if (_devices.JudgeOf(guid).CurrentVerdict().HasBroken()) {
     return "a slot was marked valid before the burn, and its image was not whole";
   }
-  return _devices.HasBootRecords() ? ReasonWithBootRecords(verdict)
+  return _devices.HasBootRecords() ? ReasonWithBootRecords(verdict, is_torn_word)
                                    : ReasonWithPointerSectors(guid, verdict);
 }
 
@@ -116,9 +117,11 @@ std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
   return NO_ORDER;
 }
 
-std::string UninterruptedBurn::ReasonWithBootRecords(const device::Verdict& verdict) const {
+std::string UninterruptedBurn::ReasonWithBootRecords(const device::Verdict& verdict,
+                                                     bool is_torn_word) const {
   if (!_ends_well) return "not every burnt slot holds a valid new image";
-  return verdict.HasBroken() ? MIX_ADDS_UP : NO_ORDER;
+  // A record of whole words adds up because the burn made it so.
+  return verdict.HasBroken() && is_torn_word ? MIX_ADDS_UP : NO_ORDER;
 }
 
 }  // namespace rehearse
