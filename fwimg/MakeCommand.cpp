@@ -186,6 +186,7 @@ int Extract(const ExtractOptions& options) {
   }
   const std::vector<std::string> files = FilesFor(sections, options);
   std::vector<NamedFile> outputs;
+  outputs.reserve(files.size());
   for (const std::string& file : files) {
     outputs.push_back({options.section.empty() ? "--all" : "--output", file});
   }
