@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -29,7 +30,11 @@ class Situations {
     bool is_boot_record = false;
     std::array<std::pair<bool, device::Whole>, device::SLOTS> slots{};
     std::array<bool, device::SLOTS> is_signed{};
-    auto operator<=>(const Kind&) const = default;
+    bool operator<(const Kind& other) const {
+      return std::tie(part, operation, cut, is_boot_record, slots, is_signed) <
+             std::tie(other.part, other.operation, other.cut, other.is_boot_record, other.slots,
+                      other.is_signed);
+    }
   };
 
   explicit Situations(unsigned seed) : _seed(seed) {}
