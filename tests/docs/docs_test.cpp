@@ -244,7 +244,7 @@ TEST_F(ImageFormatDocumentTest, EveryKindOfFindingInTheTableExists) {
 TEST(ImageCheckDocumentTest, TheTablesHaveEveryKindOfProblemInOrderWithItsSeverity) {
   std::vector<std::pair<std::string, std::string>> told;
   for (const Row& row : Document("image-check.md").Table("kind")) {
-    if (row.size() == 2) continue;  // of the errors in images that burn: those kinds stand above, too
+    if (row.size() == 2) continue;  // of the errors in images that burn
     ASSERT_EQ(row.size(), 4u) << row[0];
     EXPECT_FALSE(row[2].empty() || row[3].empty()) << row[0];
     told.emplace_back(Unquoted(row[0]), row[1]);
