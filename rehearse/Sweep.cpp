@@ -157,15 +157,16 @@ class DeviceSweep {
       _report.exceptions.back().last_request = operation.request;
     } else {
       const bool is_erase = operation.kind == sim::Operation::ERASE;
-      _goes_on =
-          _report.Add({.device = _guid,
-                       .first = InterruptionPoint{Interruption::POWER, point},
-                       .first_request = operation.request,
-                       .last_request = operation.request,
-                       .command = is_erase ? "erase" : "write",
-                       .step = _devices.StepAt(_guid, operation),
-                       .state = Describe(verdict),
-                       .reason = _burn.ReasonFor(_guid, verdict, cut.kind == CutKind::TORN_WORD)});
+      const bool is_torn_record =
+          cut.kind == CutKind::TORN_WORD && RecordWordAt(operation, cut).has_value();
+      _goes_on = _report.Add({.device = _guid,
+                              .first = InterruptionPoint{Interruption::POWER, point},
+                              .first_request = operation.request,
+                              .last_request = operation.request,
+                              .command = is_erase ? "erase" : "write",
+                              .step = _devices.StepAt(_guid, operation),
+                              .state = Describe(verdict),
+                              .reason = _burn.ReasonFor(_guid, verdict, is_torn_record)});
       _last = verdict;
     }
   }

@@ -81,7 +81,7 @@ std::string UninterruptedBurn::ReasonForEnd(device::Guid guid, const device::Ver
 }
 
 std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict,
-                                         bool is_torn_word) const {
+                                         bool is_torn_record) const {
   if (IsPlain()) return "the burn is not failsafe: it overwrites the image that boots";
   if (!verdict.invariant_is_whole) {
     return "the invariant sector was being rewritten; the device has only one";
@@ -89,7 +89,7 @@ std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdic
   if (_devices.JudgeOf(guid).CurrentVerdict().HasBroken()) {
     return "a slot was marked valid before the burn, and its image was not whole";
   }
-  return _devices.HasBootRecords() ? ReasonWithBootRecords(verdict, is_torn_word)
+  return _devices.HasBootRecords() ? ReasonWithBootRecords(verdict, is_torn_record)
                                    : ReasonWithPointerSectors(guid, verdict);
 }
 
@@ -118,10 +118,10 @@ std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
 }
 
 std::string UninterruptedBurn::ReasonWithBootRecords(const device::Verdict& verdict,
-                                                     bool is_torn_word) const {
+                                                     bool is_torn_record) const {
   if (!_ends_well) return "not every burnt slot holds a valid new image";
   // A record of whole words adds up because the burn made it so.
-  return verdict.HasBroken() && is_torn_word ? MIX_ADDS_UP : NO_ORDER;
+  return verdict.HasBroken() && is_torn_record ? MIX_ADDS_UP : NO_ORDER;
 }
 
 }  // namespace rehearse

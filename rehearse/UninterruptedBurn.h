@@ -50,14 +50,15 @@ class UninterruptedBurn {
   void Replay(sim::Fabric& fabric, std::optional<std::size_t> point, unsigned seed) const;
 
   /// Why a device that booted at the start does not boot when the burn is interrupted.
-  /// `is_torn_word`: a word may be neither old nor new.
-  std::string ReasonFor(device::Guid guid, const device::Verdict& verdict, bool is_torn_word) const;
+  /// `is_torn_record`: a word of a boot record may be neither old nor new.
+  std::string ReasonFor(device::Guid guid, const device::Verdict& verdict,
+                        bool is_torn_record) const;
 
  private:
   std::string ReasonForEnd(device::Guid guid, const device::Verdict& end,
                            const std::string& console) const;
   std::string ReasonWithPointerSectors(device::Guid guid, const device::Verdict& verdict) const;
-  std::string ReasonWithBootRecords(const device::Verdict& verdict, bool is_torn_word) const;
+  std::string ReasonWithBootRecords(const device::Verdict& verdict, bool is_torn_record) const;
 
   const RehearsedDevices& _devices;
   OperationLog _log;
