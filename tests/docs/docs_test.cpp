@@ -903,7 +903,7 @@ std::set<std::string> Matches(const std::string& text, const std::string& patter
 TEST(JsonDocumentTest, SchemasAreStrict) {
   const std::set<std::string> optional{"cannot"};
   const auto schemas = Schemas();
-  EXPECT_EQ(schemas.size(), 9u);
+  EXPECT_EQ(schemas.size(), 11u);
   for (const auto& [name, schema] : schemas) {
     SCOPED_TRACE(name);
     EXPECT_EQ(schema.at("$schema"), "https://json-schema.org/draft/2020-12/schema");
@@ -930,6 +930,14 @@ TEST(JsonDocumentTest, SchemasAreStrict) {
   }
 }
 
+/// Words of the heading below which json.md describes a result.
+std::string HeadingOf(std::string schema) {
+  if (schema == "rollout-summary") return "The summary of a roll-out";
+  if (schema == "rollout-host") return "The file of a host";
+  if (schema.starts_with("fwimg-")) schema[5] = ' ';
+  return schema + " --json";
+}
+
 TEST(JsonDocumentTest, ThePageAndTheSchemasHaveTheSameMembers) {
   for (const auto& [name, schema] : Schemas()) {
     SCOPED_TRACE(name);
@@ -946,9 +954,7 @@ TEST(JsonDocumentTest, ThePageAndTheSchemasHaveTheSameMembers) {
       }
     });
     words.insert(members.begin(), members.end());
-    std::string heading = name;
-    if (name.starts_with("fwimg-")) heading[5] = ' ';
-    const std::string section = SectionBelow("json.md", heading + " --json");
+    const std::string section = SectionBelow("json.md", HeadingOf(name));
     EXPECT_NE(section.find("(json/" + name + ".schema.json)"), std::string::npos);
     // Of the tables, and of the example.
     std::set<std::string> told = Matches(section, "`([a-z][a-z0-9_-]*)`");
@@ -964,6 +970,20 @@ TEST(JsonDocumentTest, ThePageAndTheSchemasHaveTheSameMembers) {
         EXPECT_TRUE(words.contains(word)) << word << " stands on the page only";
       }
     }
+  }
+}
+
+TEST(JsonDocumentTest, TheFileOfAHostHasWhatTheSummaryHasOfIt) {
+  const auto schemas = Schemas();
+  const std::string path = "/properties/hosts/items/properties";
+  const nlohmann::json in_summary =
+      schemas.at("rollout-summary").at(nlohmann::json::json_pointer(path));
+  nlohmann::json own = schemas.at("rollout-host").at("properties");
+  for (const char* member : {"version", "console"}) EXPECT_EQ(own.erase(member), 1u);
+  EXPECT_EQ(own.size(), in_summary.size());
+  for (const auto& [member, schema] : own.items()) {
+    EXPECT_TRUE(in_summary.contains(member)) << member;
+    EXPECT_EQ(schema.at("$ref"), "rollout-summary.schema.json#" + path + "/" + member);
   }
 }
 

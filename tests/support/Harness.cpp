@@ -144,6 +144,8 @@ Outcome RunProgram(const std::vector<std::string>& words, Through through) {
                                 .default_signals = ENDING_SIGNALS});
     terminal.in.Close();
     Finish(child, ReadAll({{terminal.out.Get(), &outcome.output}}), outcome);
+    // What the terminal got may be more than the JSON, and has line ends of its own.
+    if (!asked.file.empty()) Collect(asked, outcome);
     return outcome;
   }
   common::Channel output = common::MakePipe();

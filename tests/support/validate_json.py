@@ -16,13 +16,16 @@ def refuse_constant(name):
 
 def main():
     folder = pathlib.Path(sys.argv[1])
+    # Some schemas refer to others, by the names of their files.
+    schemas = {file.name: json.loads(file.read_text(encoding="utf-8")) for file in folder.glob("*.schema.json")}
     validators = {}
     wrong = False
     for name, file in zip(sys.argv[2::2], sys.argv[3::2], strict=True):
         if name not in validators:
-            schema = json.loads((folder / f"{name}.schema.json").read_text(encoding="utf-8"))
+            schema = schemas[f"{name}.schema.json"]
             jsonschema.Draft202012Validator.check_schema(schema)
-            validators[name] = jsonschema.Draft202012Validator(schema)
+            resolver = jsonschema.RefResolver(schema["$id"], schema, store=schemas)
+            validators[name] = jsonschema.Draft202012Validator(schema, resolver=resolver)
         try:
             text = pathlib.Path(file).read_bytes().decode("utf-8")
             document = json.loads(text, parse_constant=refuse_constant)

@@ -58,6 +58,11 @@ def timestamp(moment):
     return moment.strftime("%Y-%m-%dT%H:%M:%SZ")
 
 
+def text_or_none(value):
+    """What an inventory gives where a text should be may be anything."""
+    return value if isinstance(value, str) else None
+
+
 def write(name, value):
     """Whole or not at all: whoever reads it meanwhile gets the one before."""
     with open(name + ".new", "w", encoding="utf-8") as file:
@@ -165,7 +170,7 @@ class Rollout:
             "check_mode": self.params["is_check"], "all_well": False,
             "stopped": False, "stop_reason": None, "counts": {}, "image_check": None,
             "rehearsals": [], "waves": [],
-            "hosts": [{"host": host, "wave": None, "server": settings["server"],
+            "hosts": [{"host": host, "wave": None, "server": text_or_none(settings["server"]),
                        "outcome": "not-started", "reason": None, "devices": [],
                        "verify_before": None, "burns": [], "verify_after": None}
                       for host, settings in sorted(self.params["hosts"].items())]}
@@ -265,7 +270,8 @@ class Rollout:
             host["reason"] = " ".join(str(told[0]).split()) if told else "ended without a result"
         kept = {key: record[key] for key in RECORD if key in record}
         host.update((key, value) for key, value in kept.items() if key not in NOT_IN_SUMMARY)
-        write(os.path.join(self.folder, "hosts", name + ".json"), {"version": 1, **host, **kept})
+        write(os.path.join(self.folder, "hosts", name + ".json"),
+              {"version": 1, **host, "console": "", **kept})
 
     def finish(self):
         self.summary["finished"] = timestamp(now())
