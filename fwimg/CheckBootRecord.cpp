@@ -1,14 +1,18 @@
 #include "fwimg/CheckBootRecord.h"
 
+#include <optional>
+
 #include "device/Boot.h"
 #include "device/Burn.h"
+#include "fwimg/BurntParts.h"
 
 namespace fwimg {
 
 namespace {
 
 /// The record as the file has it; the record of the second slot is the same.
-void CheckContent(const SectionLines& first, const Bytes& record, LineFindings& findings) {
+/// Returns whether it is right.
+bool CheckContent(const SectionLines& first, const Bytes& record, LineFindings& findings) {
   const std::uint32_t sum = device::BootRecordSum(record);
   if (sum != device::BOOT_RECORD_SUM) {
     findings.Add(ProblemId::RECORD_SUM, first.line,
@@ -19,6 +23,48 @@ void CheckContent(const SectionLines& first, const Bytes& record, LineFindings& 
     findings.Add(ProblemId::RECORD_MARKED, first.line,
                  Text("the boot record of ", Name(first), " has 1 in byte ",
                       device::FIRST_INVALID_MARK, ", which marks it invalid"));
+  }
+  return sum == device::BOOT_RECORD_SUM && record[device::FIRST_INVALID_MARK] != 1;
+}
+
+/// The record that a slot gets: from the sections that its burn writes, whatever else the file has
+/// at these addresses. Nothing where it lacks a byte.
+std::optional<Bytes> RecordOf(const CheckedImage& image) {
+  const Sequence& slot = image.images[0];
+  Bytes record;
+  for (std::uint64_t at = slot.front().from; record.size() < device::BOOT_RECORD_SIZE; ++at) {
+    const auto region = std::ranges::find_if(
+        slot, [&](const Region& each) { return each.from <= at && at < each.end; });
+    if (region == slot.end() || !region->section->is_whole) return std::nullopt;
+    record.push_back(
+        image.file.DataOf(*region->section)[static_cast<std::size_t>(at - region->from)]);
+  }
+  return record;
+}
+
+/// Whether a burn fills a byte of the record itself, which is a kind of its own.
+bool IsMarked(const CheckedImage& image, const Extent& record) {
+  return std::ranges::any_of(
+             image.file.fields,
+             [&](const FieldLine& field) { return ExtentOf(field).Overlaps(record); }) ||
+         std::ranges::any_of(image.file.crcs,
+                             [&](const CrcLine& crc) { return PlaceOf(crc).Overlaps(record); });
+}
+
+/// Boot code looks at the records that are burnt.
+void CheckBurntRecords(const CheckedImage& image, LineFindings& findings) {
+  for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
+    const std::uint64_t base = image.images[idx].front().from;
+    if (IsMarked(image, {base, base + device::BOOT_RECORD_SIZE})) continue;
+    BurntParts memory(image);
+    memory.Add(static_cast<std::uint32_t>(base), device::BOOT_RECORD_SIZE);
+    if (!memory.Burn(device::BurnKind::FAILSAFE, {.slots = {0, 1}})) return;
+    const Bytes& record = memory.Part(0);
+    if (device::RecordBoots(image.kind, idx, record)) continue;
+    findings.Add(
+        ProblemId::RECORD_SUM, image.images[idx].front().section->line,
+        Text("a burn leaves a boot record in slot ", idx, " that adds up to ",
+             HexText(device::BootRecordSum(record)), ", not ", HexText(device::BOOT_RECORD_SUM)));
   }
 }
 
@@ -54,15 +100,18 @@ void CheckBootRecord(const CheckedImage& image, LineFindings& findings) {
   if (!image.has_slots) return;
   const SectionLines& first = *image.images[0].front().section;
   if (!first.is_whole) return;
-  const auto record = image.file.BytesAt(first.addr, device::BOOT_RECORD_SIZE);
+  const auto record = RecordOf(image);
   if (first.size < device::DEFERRED_BYTES || !record) {
     findings.Add(
         ProblemId::RECORD_SHORT, first.line,
-        Text(Name(first), " has ", first.size, " bytes, a boot record ", device::BOOT_RECORD_SIZE));
+        Text(Name(first), " has ", first.size, " bytes, a boot record ", device::BOOT_RECORD_SIZE,
+             record ? "; its first 4 bytes are written last, all at once"
+                    : ", and no other section of the slot has the rest"));
     return;
   }
-  CheckContent(first, *record, findings);
+  const bool is_right = CheckContent(first, *record, findings);
   for (const Sequence& slot : image.images) CheckRecordPlaces(image, slot.front().from, findings);
+  if (is_right) CheckBurntRecords(image, findings);
 }
 
 }  // namespace fwimg

@@ -5,6 +5,7 @@
 #include "device/Boot.h"
 #include "device/Burn.h"
 #include "device/Crc.h"
+#include "fwimg/BurntParts.h"
 
 namespace fwimg {
 
@@ -14,43 +15,71 @@ constexpr Extent MARKER{device::FAILSAFE_MARKER, device::FAILSAFE_MARKER + WORD_
 
 Bytes Signature() { return device::WordBytes(device::VALID_SIGNATURE); }
 
-void CheckRecord(const CheckedImage& image, std::uint32_t idx, const SectionLines& ps,
-                 LineFindings& findings) {
-  const SlotLines& slot = image.file.slots[idx];
-  const std::uint32_t image_addr = image.WordAt(ps.addr);
-  if (slot.image && image_addr != slot.image->addr) {
-    findings.Add(ProblemId::PS_RECORD, ps.line,
-                 Text(Name(ps), " points to ", HexText(image_addr), "; IMAGE ", idx, " is ",
-                      At(slot.image->addr)));
+bool IsCrcMarked(const CheckedImage& image, const SectionLines& ps) {
+  return std::ranges::any_of(image.file.crcs, [&](const CrcLine& crc) {
+    return crc.from == ps.addr && crc.size == device::RECORD_CRC &&
+           crc.addr == ps.addr + device::RECORD_CRC;
+  });
+}
+
+/// The record of a slot as its burn leaves it on a device of whose own values each byte is `own`.
+/// As the file has it, with the signature set and the CRC computed, where no burn comes to its end,
+/// or the slot's image is burnt over it, which is a kind of its own.
+std::optional<Bytes> RecordOf(const CheckedImage& image, std::uint32_t idx, const SectionLines& ps,
+                              std::uint8_t own) {
+  const auto is_over = [&](const Region& region) { return region.Overlaps(ExtentOf(ps)); };
+  if (image.has_slots && std::ranges::none_of(image.images[idx], is_over)) {
+    BurntParts flash(image);
+    flash.Add(ps.addr, device::POINTER_RECORD_SIZE);
+    if (flash.Burn(device::BurnKind::FAILSAFE, {.slots = {idx}}, own)) return flash.Part(0);
   }
-  const std::uint32_t size = image.WordAt(std::uint64_t{ps.addr} + WORD_SIZE);
+  auto record = image.file.BytesAt(ps.addr, device::POINTER_RECORD_SIZE);
+  if (!record) return std::nullopt;
+  std::ranges::copy(Signature(), record->begin() + device::RECORD_SIGNATURE);
+  if (IsCrcMarked(image, ps)) {
+    const View covered = View(*record).first(device::RECORD_CRC);
+    std::ranges::copy(device::WordBytes(device::CrcOf(covered)),
+                      record->begin() + device::RECORD_CRC);
+  }
+  return record;
+}
+
+/// Boot code looks at the record that is burnt, whatever the file has there. Returns whether it is
+/// right.
+bool CheckRecord(const CheckedImage& image, std::uint32_t idx, const SectionLines& ps,
+                 const Bytes& record, LineFindings& findings) {
+  const SlotLines& slot = image.file.slots[idx];
+  const std::uint32_t image_addr = device::WordAt(record, device::RECORD_ADDR);
+  bool is_right = true;
+  const auto add = [&](ProblemId id, const std::string& text) {
+    findings.Add(id, ps.line, text);
+    is_right = false;
+  };
+  if (slot.image && image_addr != slot.image->addr) {
+    add(ProblemId::PS_RECORD, Text(Name(ps), " points to ", HexText(image_addr), "; IMAGE ", idx,
+                                   " is ", At(slot.image->addr)));
+  }
+  const std::uint32_t size = device::WordAt(record, device::RECORD_IMAGE_SIZE);
   if (image.has_slots && size != image.slot_extent) {
-    const bool is_part = size < image.slot_extent;
-    findings.Add(is_part ? ProblemId::PS_SIZE : ProblemId::PS_SIZE_LARGE, ps.line,
-                 Text(Name(ps), " gives the image ", HexText(size), " bytes; it has ",
-                      HexText(image.slot_extent)));
+    add(size < image.slot_extent ? ProblemId::PS_SIZE : ProblemId::PS_SIZE_LARGE,
+        Text(Name(ps), " gives the image ", HexText(size), " bytes; it has ",
+             HexText(image.slot_extent)));
   }
   const auto flash_size = image.target.flash_size;
   if (flash_size && std::uint64_t{image_addr} + size > *flash_size) {
-    findings.Add(
-        ProblemId::PS_PAST_FLASH, ps.line,
+    add(ProblemId::PS_PAST_FLASH,
         Text(Name(ps), " gives an image of ", HexText(size), " bytes at ", HexText(image_addr),
              ", past the ", HexText(*flash_size), " bytes of the flash"));
   }
-  const std::uint32_t crc_addr = ps.addr + device::RECORD_CRC;
-  const bool is_recomputed = std::ranges::any_of(image.file.crcs, [&](const CrcLine& crc) {
-    return crc.from == ps.addr && crc.size == device::RECORD_CRC && crc.addr == crc_addr;
-  });
-  if (is_recomputed) return;
-  // Not computed at the burn: it must fit the signature that the burn sets.
-  auto record = image.file.BytesAt(ps.addr, device::RECORD_CRC);
-  if (!record) return;
-  std::ranges::copy(Signature(), record->begin() + device::RECORD_SIGNATURE);
-  if (image.WordAt(crc_addr) != device::CrcOf(*record)) {
-    findings.Add(ProblemId::PS_CRC, ps.line,
-                 "no CRC is marked over the record of " + Name(ps) +
-                     ", and the one it has does not fit the record once it is signed");
+  const std::uint32_t crc = device::CrcOf(View(record).first(device::RECORD_CRC));
+  if (device::WordAt(record, device::RECORD_CRC) != crc) {
+    add(ProblemId::PS_CRC,
+        IsCrcMarked(image, ps)
+            ? "the CRC over the record of " + Name(ps) + " does not fit the record once it is burnt"
+            : "no CRC is marked over the record of " + Name(ps) +
+                  ", and the one it has does not fit the record once it is signed");
   }
+  return is_right;
 }
 
 void CheckPointerSector(const CheckedImage& image, std::uint32_t idx, LineFindings& findings) {
@@ -76,7 +105,11 @@ void CheckPointerSector(const CheckedImage& image, std::uint32_t idx, LineFindin
                       device::POINTER_RECORD_SIZE));
     return;
   }
-  CheckRecord(image, idx, *ps, findings);
+  // Zeros, and others: a device's own value may happen to be right.
+  for (const std::uint8_t own : {std::uint8_t{0}, std::uint8_t{0x5A}}) {
+    const auto record = RecordOf(image, idx, *ps, own);
+    if (record && !CheckRecord(image, idx, *ps, *record, findings)) break;
+  }
   const std::uint32_t shipped = image.WordAt(std::uint64_t{ps->addr} + device::RECORD_SIGNATURE);
   if (shipped == device::VALID_SIGNATURE && slot.image &&
       !image.file.BytesAt(slot.image->addr, WORD_SIZE)) {
@@ -124,62 +157,6 @@ void CheckMarker(const CheckedImage& image, LineFindings& findings) {
   }
 }
 
-/// What a burn leaves in some parts of an empty flash.
-class FlashParts : public device::BurnTarget {
- public:
-  void Add(std::uint32_t addr, std::size_t size) {
-    _parts.push_back({addr, Bytes(size, device::ERASED)});
-  }
-  const Bytes& Part(std::size_t index) const { return _parts.at(index).bytes; }
-
-  void Erase(std::uint32_t addr, std::uint64_t size) override {
-    for (Piece& part : _parts) {
-      const Extent common = Common(part, addr, size);
-      if (common.from >= common.end) continue;
-      std::fill(At(part, common.from), At(part, common.end), device::ERASED);
-    }
-  }
-  void Program(std::uint32_t addr, View bytes) override {
-    for (Piece& part : _parts) {
-      const Extent common = Common(part, addr, bytes.size());
-      for (std::uint64_t at = common.from; at < common.end; ++at) {
-        *At(part, at) &= bytes[static_cast<std::size_t>(at - addr)];
-      }
-    }
-  }
-
- private:
-  struct Piece {
-    std::uint32_t addr;
-    Bytes bytes;
-  };
-
-  static Extent Common(const Piece& part, std::uint32_t addr, std::uint64_t size) {
-    return {std::max(part.addr, addr),
-            std::min(part.addr + std::uint64_t{part.bytes.size()}, addr + size)};
-  }
-  static Bytes::iterator At(Piece& part, std::uint64_t addr) {
-    return part.bytes.begin() + static_cast<std::ptrdiff_t>(addr - part.addr);
-  }
-
-  std::vector<Piece> _parts;
-};
-
-/// Burns into `flash` by `plan`. Returns false where the burn does not come to its end, which is a
-/// problem of its own.
-bool BurnsInto(FlashParts& flash, const CheckedImage& image, device::BurnKind kind,
-               const device::Plan& plan) {
-  const device::Burn burn(image.file.image, kind, [](FieldType type) {
-    return Bytes(device::RowOf(type).size, 0);  // any value will do
-  });
-  try {
-    burn.Write(flash, image.sector, plan);
-  } catch (const device::BurnError&) {
-    return false;
-  }
-  return true;
-}
-
 /// Whether a burn puts bytes there that depend on the device, or a kind of its own tells of them.
 bool MayDiffer(const CheckedImage& image, std::uint64_t addr) {
   const Extent byte{addr, addr + 1};
@@ -204,12 +181,11 @@ void CheckInvariantContents(const CheckedImage& image, LineFindings& findings) {
     if (!region.section->is_whole) return;
     sections.push_back(region.section);
   }
-  FlashParts flash;
+  BurntParts flash(image);
   for (const SectionLines* section : sections) {
     flash.Add(section->addr, static_cast<std::size_t>(section->size));
   }
-  const device::Plan plan{.rewrites_invariant = true};
-  if (!BurnsInto(flash, image, device::BurnKind::FAILSAFE, plan)) return;
+  if (!flash.Burn(device::BurnKind::FAILSAFE, {.rewrites_invariant = true})) return;
   for (std::size_t i = 0; i < sections.size(); ++i) {
     const View shipped = image.file.DataOf(*sections[i]);
     const View burnt = flash.Part(i);
@@ -231,13 +207,13 @@ void CheckInvariantContents(const CheckedImage& image, LineFindings& findings) {
 /// A burn with -n writes the signatures as they are shipped.
 void CheckPlainBurnBoots(const CheckedImage& image, LineFindings& findings) {
   if (!image.has_slots) return;
-  FlashParts flash;
+  BurntParts flash(image);
   for (const SlotLines& slot : image.file.slots) {
     const SectionLines* ps = image.file.SectionAt(slot.pointer_sector->addr);
     if (ps == nullptr || !ps->is_whole) return;  // is told already
     flash.Add(ps->addr, device::POINTER_RECORD_SIZE);
   }
-  if (!BurnsInto(flash, image, device::BurnKind::PLAIN, {})) return;
+  if (!flash.Burn(device::BurnKind::PLAIN, {})) return;
   for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
     if (device::RecordBoots(image.kind, idx, flash.Part(idx))) return;
   }

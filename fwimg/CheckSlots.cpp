@@ -150,7 +150,19 @@ void CheckLeftOut(const CheckedImage& image, LineFindings& findings) {
     }
     const bool is_misplaced =  // a kind of its own
         image.kind == SlotKind::POINTER_SECTORS && section->addr < image.sector;
-    if (!is_touched && !is_misplaced) {
+    if (is_touched || is_misplaced) continue;
+    const bool is_pointer_sector =
+        std::ranges::any_of(image.file.slots, [&](const SlotLines& slot) {
+          return slot.pointer_sector && slot.pointer_sector->addr == section->addr;
+        });
+    if (!is_pointer_sector && image.file.slots[0].image->addr <= section->addr &&
+        section->addr < image.file.slots[1].image->addr) {
+      findings.Add(ProblemId::IMAGE_SECTION_LEFT_OUT, section->line,
+                   Name(*section) + " " + At(section->addr) +
+                       " lies between the slots, but stands before the first image section, or "
+                       "after one " +
+                       At(image.file.slots[1].image->addr));
+    } else {
       findings.Add(ProblemId::SECTION_NOT_BURNT, section->line,
                    Name(*section) + " belongs to no slot");
     }

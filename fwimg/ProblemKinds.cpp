@@ -114,6 +114,8 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     {ProblemId::IMAGE_SECTION_OUTSIDE, "image-section-outside", E,
      "it is burnt as a part of the image, moved along with it for the "
      "second slot"},
+    {ProblemId::IMAGE_SECTION_LEFT_OUT, "image-section-left-out", E,
+     "no slot gets its bytes: a failsafe burn leaves them out"},
     {ProblemId::SECTION_NOT_BURNT, "section-not-burnt", W,
      "a failsafe burn leaves it out; a burn with -n writes it"},
     {ProblemId::SECTION_IN_SLOT, "section-in-slot", E,
@@ -137,8 +139,7 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
      "moving the image copies more bytes than it has"},
     {ProblemId::PS_PAST_FLASH, "ps-past-flash", E,
      "the image that the boot code starts is not whole, and moving it fails"},
-    {ProblemId::PS_CRC, "ps-crc", E,
-     "the record keeps a CRC for another signature: the slot does not boot"},
+    {ProblemId::PS_CRC, "ps-crc", E, "the record does not match its CRC: the slot does not boot"},
     {ProblemId::SIGNATURE_PLACE, "signature-place", E,
      "the boot code looks for the signature 8 bytes into the pointer sector"},
     {ProblemId::SIGNATURE_ELSEWHERE, "signature-elsewhere", W,
@@ -161,8 +162,8 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
      "the invariant sector always differs from the image: each burn rewrites it, which is not "
      "failsafe"},
     {ProblemId::FIRST_SLOT_PLACE, "first-slot-place", W,
-     "a second image in the way is moved to 3 sectors, not to where the "
-     "first slot is"},
+     "a burn looks whether a second image is in the way of a first one at 3 sectors, and moves it "
+     "there: one in the way of this slot may be overwritten while it is the only valid one"},
     {ProblemId::ERASE_UNALIGNED, "erase-unaligned", E,
      "the burn ends when it comes to the section, whose start is no sector's"},
     {ProblemId::ERASE_SPOILS, "erase-spoils", E,
@@ -170,7 +171,7 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
      "valid image needs"},
     // Boot records.
     {ProblemId::RECORD_SHORT, "record-short", E,
-     "the image does not begin with a whole boot record"},
+     "the slot does not begin with a whole boot record, or is marked valid before it is written"},
     {ProblemId::RECORD_CROSSES_DEVICE, "record-crosses-device", E,
      "the record is read at once, and no read reaches into the next device: the burn ends before "
      "it "

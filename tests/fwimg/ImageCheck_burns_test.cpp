@@ -416,6 +416,93 @@ TEST_F(FwimgBurnsTest, SignaturesUnderCrcsAreAcceptedJustWhereTheCrcsFitWhatIsBu
   EXPECT_LT(accepted, tries - tries / 10);
 }
 
+TEST_F(FwimgBurnsTest, ARecordIsToldJustWhereItsBurnLeavesOneThatDoesNotBootTheImage) {
+  unsigned good = 0;
+  const unsigned tries = 400;
+  for (unsigned seed = 1; seed <= tries; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    // The CRC in the file is right for the signature that the record gets.
+    std::string text = Text("DEVICE_TYPE RV52100\nPS 0 400 0\nPS 1 800 0\nSIGNATURE 0 408 0\n",
+                            "SIGNATURE 1 808 0\nIMAGE 0 c00 0\nIMAGE 1 1400 0\n");
+    const bool has_crc = rng() % 2 == 0;
+    if (has_crc) text += "REPLACE CRC 400 0 500 0 504 0\nREPLACE CRC 800 0 900 0 904 0\n";
+    // One more mark, at the same place of both records.
+    const u_int32_t at = 4 * static_cast<u_int32_t>(rng() % 66);
+    const u_int32_t size = 4 * static_cast<u_int32_t>(1 + rng() % 65);
+    const char* const fields[] = {"GUID", "SYSGUID", "GUIDS", "VSD", "SIGNATURE"};
+    const auto kind = rng() % 7;
+    for (const u_int32_t base : {PS0, PS1}) {
+      if (kind < 5) {
+        text += Text("REPLACE ", fields[kind], " ", std::hex, base + at, " 0\n");
+      } else if (kind == 5) {
+        text +=
+            Text("REPLACE CRC ", std::hex, base, " 0 ", base + size - 4, " 0 ", base + at, " 0\n");
+      }
+    }
+    text += Section("PS0", PS0, PointerSector(IMAGE0, 0x20, true)) +
+            Section("PS1", PS1, PointerSector(IMAGE1, 0x20, true)) +
+            Section("FIRMWARE", IMAGE0, DataVec(0x20, 0x11));
+    AddFlash();
+    bool is_good = true;
+    bool is_over = true;
+    for (const u_int32_t slot : {1u, 0u}) {
+      is_over = is_over && BurnFlash(text) == "(no error)";
+      const DataVec record = Memory(0, slot == 0 ? PS0 : PS1, 264);
+      is_good =
+          is_good && is_over && SlotOfTheFlashBoots(slot) &&
+          DataVec(record.begin(), record.begin() + 4) == Number(slot == 0 ? IMAGE0 : IMAGE1) &&
+          DataVec(record.begin() + 4, record.begin() + 8) == Number(0x20);
+    }
+    const auto errors = Errors(text);
+    EXPECT_TRUE(is_good || !errors.empty()) << text;
+    const bool is_told = errors.contains("ps-crc") || errors.contains("ps-record") ||
+                         errors.contains("ps-size") || Finds(text, "ps-size-large");
+    if (is_over && !errors.contains("field-overlap")) {
+      EXPECT_EQ(is_told, !is_good) << testing::PrintToString(errors) << text;
+    }
+    if (is_good) ++good;
+  }
+  EXPECT_GT(good, tries / 10);
+  EXPECT_LT(good, tries - tries / 10);
+}
+
+TEST_F(FwimgBurnsTest, AnImageInPiecesIsAcceptedJustWhereBothSlotsGetAllOfThem) {
+  unsigned accepted = 0;
+  const unsigned tries = 400;
+  for (unsigned seed = 1; seed <= tries; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    TestRng rng(seed);
+    const DataVec bytes = EepromData(static_cast<u_int8_t>(rng()));
+    std::vector<std::string> pieces;
+    for (u_int32_t at = 0; at < bytes.size();) {
+      const auto size = std::min<u_int32_t>(4 * static_cast<u_int32_t>(1 + rng() % 8),
+                                            static_cast<u_int32_t>(bytes.size()) - at);
+      pieces.push_back(Section("PART" + std::to_string(at), at,
+                               DataVec(bytes.begin() + at, bytes.begin() + at + size), "50"));
+      at += size;
+    }
+    if (rng() % 2 == 0) std::swap(pieces.front(), pieces[rng() % pieces.size()]);
+    const std::string slots = "DEVICE_TYPE RV61300\nDEVMAP 100 50\nIMAGE 0 0 50\nIMAGE 1 80 50\n";
+    std::string text = slots;
+    for (const std::string& piece : pieces) text += piece;
+    _fabric = {};
+    AddEeproms({0x100});
+    sim::FillFromFile(_fabric, DEVICE,
+                      _folder.Write("old.img", slots + Section("A", 0, EepromData(1), "50")),
+                      {.slot = 0});
+    bool is_good = Burn<InProcessI2c, RV61300FailsafeBurn>(text, false) == "(no error)";
+    for (const u_int32_t slot : {0u, 0x80u}) {
+      is_good = is_good && Memory(0x50, slot, static_cast<u_int32_t>(bytes.size())) == bytes;
+    }
+    const auto errors = Errors(text);
+    EXPECT_EQ(errors.empty(), is_good) << testing::PrintToString(errors) << text;
+    if (is_good) ++accepted;
+  }
+  EXPECT_GT(accepted, tries / 10);
+  EXPECT_LT(accepted, tries - tries / 10);
+}
+
 TEST_F(FwimgBurnsTest, ADeviceMapOfAFlashIsAcceptedJustWhereItsBurnGoesWell) {
   constexpr auto SIZES = std::to_array<u_int32_t>({0, 0x20, 0x400, 0x1400, 0x1420, 0x2000});
   unsigned accepted = 0;
