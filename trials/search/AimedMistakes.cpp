@@ -206,6 +206,22 @@ const std::vector<ImageMistake>& AimedImageMistakes() {
          byte = static_cast<std::uint8_t>(byte + random.OneOf<int>({1, 10, 128}));
          return true;
        }},
+      {"image-section-left-out",
+       [](Image& image, Random& random) {
+         if (image.Slots() == SlotKind::NONE) return false;
+         Section* section = SectionAt(image, image.slots[0].image);
+         if (section == nullptr || section->data.size() < 2 * WORD) return false;
+         // Some without the rest of the boot record.
+         const std::uint32_t size = HasBootRecords(image) && random.Chance(50)
+                                        ? WORD * (1 + random.Below(3))
+                                        : WORD * (1 + random.Below(SizeOf(*section) / WORD - 1));
+         if (size >= section->data.size()) return false;
+         Section rest{"REST", section->addr + size,
+                      Bytes(section->data.begin() + size, section->data.end())};
+         section->data.resize(size);
+         image.sections.insert(image.sections.begin(), std::move(rest));
+         return true;
+       }},
       {"record-marked",
        [](Image& image, Random&) {
          if (!HasBootRecords(image)) return false;

@@ -6,10 +6,10 @@
 #include <optional>
 #include <set>
 
+#include "common/ExitStatus.h"
 #include "common/Text.h"
 #include "device/Boot.h"
 #include "device/Burn.h"
-#include "device/Crc.h"
 #include "device/ImageFile.h"
 #include "device/Whole.h"
 #include "sim/Filling.h"
@@ -330,29 +330,48 @@ class Case {
     return words;
   }
 
-  /// Whether the device has every byte of the file, but for what burns fill themselves.
-  bool HoldsAllSections(const sim::Device& device) const {
-    const Memory memory = sim::MemoryOf(device, _image);
-    const auto is_filled = [&](std::uint64_t addr) {
-      const auto has = [&](std::uint64_t from, std::uint64_t end) {
-        return from <= addr && addr < end;
-      };
-      return std::ranges::any_of(
-                 _image.fields,
-                 [&](const device::Field& field) { return has(field.addr, field.End()); }) ||
-             std::ranges::any_of(_image.crcs, [&](const device::CrcField& crc) {
-               return has(crc.addr, crc.addr + std::uint64_t{device::WORD_SIZE});
-             });
+  /// Whether a burn fills the byte itself.
+  bool IsFilled(std::uint64_t addr) const {
+    const auto has = [&](std::uint64_t from, std::uint64_t end) {
+      return from <= addr && addr < end;
     };
-    for (const device::Section& section : _image.sections) {
-      for (std::size_t i = 0; i < section.data.size(); ++i) {
-        const std::uint64_t addr = section.addr + std::uint64_t{i};
-        if (addr >= memory.bytes.size()) return false;
-        const std::uint8_t held = memory.bytes[static_cast<std::size_t>(addr)];
-        if (held != section.data[i] && !is_filled(addr)) return false;
-      }
+    const auto is_field = [&](const device::Field& field) { return has(field.addr, field.End()); };
+    const auto is_crc = [&](const device::CrcField& crc) {
+      return has(crc.addr, crc.addr + std::uint64_t{device::WORD_SIZE});
+    };
+    return std::ranges::any_of(_image.fields, is_field) || std::ranges::any_of(_image.crcs, is_crc);
+  }
+
+  /// Whether the memory has the section's bytes from `to` on, but for those that burns fill.
+  bool Holds(const Memory& memory, const device::Section& section, std::uint64_t to) const {
+    for (std::size_t i = 0; i < section.data.size(); ++i) {
+      const std::uint64_t addr = to + i;
+      if (addr >= memory.bytes.size()) return false;
+      const bool is_same = memory.bytes[static_cast<std::size_t>(addr)] == section.data[i];
+      if (!is_same && !IsFilled(addr) && !IsFilled(section.addr + std::uint64_t{i})) return false;
     }
     return true;
+  }
+
+  bool HoldsAllSections(const sim::Device& device) const {
+    const Memory memory = sim::MemoryOf(device, _image);
+    return std::ranges::all_of(_image.sections, [&](const device::Section& section) {
+      return Holds(memory, section, section.addr);
+    });
+  }
+
+  /// Whether the slot has every section of the file that lies between the slots, whichever of them
+  /// the burner takes for the image.
+  bool HoldsImage(const Memory& memory, std::uint32_t slot) const {
+    return std::ranges::all_of(_image.sections, [&](const device::Section& section) {
+      const bool is_record = std::ranges::any_of(_image.slots, [&](const device::Slot& each) {
+        return each.pointer_sector == section.addr;
+      });
+      if (is_record || section.addr < *_image.slots[0].image ||
+          section.addr >= *_image.slots[1].image)
+        return true;
+      return Holds(memory, section, _image.AddressInSlot(section, slot));
+    });
   }
 
   /// Returns what is wrong with the device afterwards; empty where nothing is.
@@ -389,6 +408,11 @@ class Case {
       }
       const device::Verdict verdict = judge.CurrentVerdict();
       if (!verdict.IsBurnt(_image.Slots())) return Describe(verdict);
+      for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
+        if (verdict.slots[slot].boots && !HoldsImage(after, slot)) {
+          return Text("slot ", slot, " lacks bytes that the image has between its slots");
+        }
+      }
     } catch (const std::exception& error) {
       return Text("the burn should end: ", error.what());
     }
@@ -404,10 +428,7 @@ class Case {
       if (section == nullptr || section->data.size() < device::POINTER_RECORD_SIZE) continue;
       SetWord(section, device::RECORD_IMAGE_SIZE,
               device::WORD_SIZE * _random.Below(image.SlotBytes() / 2));
-      device::Bytes record(section->data.begin(), section->data.begin() + device::RECORD_CRC);
-      std::ranges::copy(device::WordBytes(device::VALID_SIGNATURE),
-                        record.begin() + device::RECORD_SIGNATURE);
-      SetWord(section, device::RECORD_CRC, device::CrcOf(record));
+      SignRecord(*section);
     }
     return image;
   }
@@ -432,8 +453,19 @@ class Case {
         RunProgram({_programs.rehearse, WriteFabric(device, contents), "-f", _file, "-m",
                     std::to_string(_scenario.log2_chunk), "--recover", "2"});
     Tell(Text("rehearsed: ", state.name, "\n", rehearsal.output, rehearsal.errors));
-    if (rehearsal.status != 0) return;
-    ++_statistics.rehearsed_safe;
+    switch (rehearsal.status) {
+      case 0:
+        ++_statistics.rehearsed_safe;
+        break;
+      case common::DIFFERS:
+        return;
+      case common::CANNOT:
+        ++_statistics.not_rehearsed;
+        return;
+      default:
+        return FalseClaim(
+            Text("the rehearsal ends with ", rehearsal.status, ": ", rehearsal.errors));
+    }
 
     // What the device holds before: known where it is filled from an image, else by its records.
     const Memory memory = sim::MemoryOf(device, _image);
@@ -460,17 +492,19 @@ class Case {
   /// not safe.
   bool CutsAreSafe(const sim::Fabric& start, device::Guid guid, device::Judge& judge) {
     for (int i = 0; i < CUTS; ++i) {
-      ++_statistics.cuts;
       sim::Fabric fabric;
       fabric.facts = start.facts;
       fabric.CopyDevice(*start.Find(guid));
       fabric.faults.Add({.kind = sim::Fault::CUT,
-                         .command = _random.Chance(20) ? "Erase" : "Write",
+                         .command = _image.IsFlash() && _random.Chance(20) ? "Erase" : "Write",
                          .device = guid,
                          .nth = 1 + _random.Below(_random.OneOf<std::uint32_t>({4, 20, 100})),
                          .text = {},
                          .seed = static_cast<std::uint32_t>(_random.Seed())});
-      _server.Run(BurnWords(guid, BurnKind::FAILSAFE, _file), fabric, nullptr, LIMIT);
+      const trials::RunOutcome run =
+          _server.Run(BurnWords(guid, BurnKind::FAILSAFE, _file), fabric, nullptr, LIMIT);
+      if (run.status == 0) continue;  // the burn was over before
+      ++_statistics.cuts;
       judge.SetAll(sim::MemoryOf(*fabric.Find(guid), _image).bytes);
       if (!judge.CurrentVerdict().IsSafe()) return false;
     }
@@ -629,8 +663,10 @@ class Case {
     changed.bytes.at(addr) ^= static_cast<std::uint8_t>(1u << _random.Below(8));
     sim::LoadMemory(device, _image, changed);
     ++_statistics.flipped;
-    if (VerifyOnce(fabric, guid, kind).status == 0) {
-      FalseClaim(Text("verified as identical, and the byte at 0x", std::hex, addr, " differs"));
+    if (const Ended again = VerifyOnce(fabric, guid, kind); again.status != common::DIFFERS) {
+      FalseClaim(Text("the byte at 0x", std::hex, addr, std::dec,
+                      " differs, and the verification ends with ", again.status, ": ", again.output,
+                      again.errors));
     }
     sim::LoadMemory(device, _image, memory);
   }
@@ -681,6 +717,7 @@ Statistics& Statistics::operator+=(const Statistics& other) {
   rehearsals += other.rehearsals;
   rehearsed_safe += other.rehearsed_safe;
   cuts += other.cuts;
+  not_rehearsed += other.not_rehearsed;
   verified += other.verified;
   flipped += other.flipped;
   mixes += other.mixes;
@@ -690,6 +727,7 @@ Statistics& Statistics::operator+=(const Statistics& other) {
   AddCounts(burnt_with_error, other.burnt_with_error);
   AddCounts(mistakes, other.mistakes);
   case_of.insert(other.case_of.begin(), other.case_of.end());
+  not_run.insert(not_run.end(), other.not_run.begin(), other.not_run.end());
   false_claims.insert(false_claims.end(), other.false_claims.begin(), other.false_claims.end());
   return *this;
 }
@@ -700,7 +738,7 @@ Statistics CaseRunner::Run(std::uint64_t seed) {
   } catch (const std::exception& error) {
     Statistics statistics;
     statistics.images = 1;
-    statistics.false_claims.push_back(Text("--case ", seed, ": ", error.what()));
+    statistics.not_run.push_back(Text("--case ", seed, ": ", error.what()));
     return statistics;
   }
 }

@@ -27,18 +27,20 @@ struct Statistics {
   std::uint64_t burns = 0;
   std::uint64_t rehearsals = 0;
   std::uint64_t rehearsed_safe = 0;
-  std::uint64_t cuts = 0;       ///< power losses tried against rehearsals that said "safe"
-  std::uint64_t mixes = 0;      ///< of words of boot records, likewise
-  std::uint64_t verified = 0;   ///< devices
-  std::uint64_t flipped = 0;    ///< bytes that a verification had to notice
-  std::uint64_t compared = 0;   ///< pairs of images
-  std::uint64_t said_same = 0;  ///< pairs that leave the same, as the comparison says
+  std::uint64_t not_rehearsed = 0;  ///< the rehearsal says that it cannot
+  std::uint64_t cuts = 0;           ///< power losses tried against rehearsals that said "safe"
+  std::uint64_t mixes = 0;          ///< of words of boot records, likewise
+  std::uint64_t verified = 0;       ///< devices
+  std::uint64_t flipped = 0;        ///< bytes that a verification had to notice
+  std::uint64_t compared = 0;       ///< pairs of images
+  std::uint64_t said_same = 0;      ///< pairs that leave the same, as the comparison says
   std::map<std::string, std::uint64_t> kinds;  ///< images by kind of problem
   /// Images with errors of one kind only that every burn burnt and that boot, by that kind.
   std::map<std::string, std::uint64_t> burnt_with_error;
   std::map<std::string, std::string> case_of;  ///< an example of each
   std::map<std::string, std::uint64_t> mistakes;
   std::vector<std::string> false_claims;
+  std::vector<std::string> not_run;  ///< cases that could not be run, each with the reason
 
   Statistics& operator+=(const Statistics& other);
 };

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "device/Boot.h"
+#include "device/Crc.h"
+
 namespace search {
 
 using device::Bytes;
@@ -49,6 +52,13 @@ bool SetWord(Section* section, std::uint32_t offset, std::uint32_t value) {
   device::AppendWord(word, value);
   std::ranges::copy(word, section->data.begin() + offset);
   return true;
+}
+
+void SignRecord(Section& section) {
+  Bytes record(section.data.begin(), section.data.begin() + device::RECORD_CRC);
+  std::ranges::copy(device::WordBytes(device::VALID_SIGNATURE),
+                    record.begin() + device::RECORD_SIGNATURE);
+  SetWord(&section, device::RECORD_CRC, device::CrcOf(record));
 }
 
 }  // namespace search

@@ -29,4 +29,8 @@ std::uint32_t Mirrored(const device::Image& image, std::uint32_t addr);
 /// Stores a big-endian word. False where the section does not have it, or is null.
 bool SetWord(device::Section* section, std::uint32_t offset, std::uint32_t value);
 
+/// Stores the CRC that the record of a pointer sector has when its signature is set. The section
+/// must hold the record.
+void SignRecord(device::Section& section);
+
 }  // namespace search

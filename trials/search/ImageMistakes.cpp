@@ -198,6 +198,46 @@ const std::vector<ImageMistake>& ImageMistakes() {
          image.fields.push_back({device::FieldType::GUID, Mirrored(image, addr)});
          return true;
        }},
+      {"a field or a CRC in the records",
+       [](Image& image, Random& random) {
+         const bool is_marked = random.Chance(50);
+         const std::uint32_t at = 4 * random.Below(device::POINTER_RECORD_SIZE / 4);
+         const auto rows = device::FieldRows();
+         const device::FieldType type = rows[random.Below(rows.size())].type;
+         const bool is_crc = random.Chance(30);
+         const std::uint32_t size = 4 * (1 + random.Below(device::RECORD_CRC / 4));
+         for (const device::Slot& slot : image.slots) {
+           Section* section = SectionAt(image, slot.pointer_sector);
+           if (section == nullptr || section->data.size() < device::POINTER_RECORD_SIZE)
+             return false;
+           const std::uint32_t base = section->addr;
+           if (!is_marked) {
+             std::erase_if(image.crcs,
+                           [&](const device::CrcField& crc) { return crc.from == base; });
+             SignRecord(*section);
+           }
+           if (is_crc) {
+             image.crcs.push_back({base, size, base + at});
+           } else {
+             image.fields.push_back({type, base + at});
+           }
+         }
+         return true;
+       }},
+      {"a section in two, in any order",
+       [](Image& image, Random& random) {
+         const std::size_t index = random.Below(image.sections.size());
+         Section& section = image.sections[index];
+         if (section.data.size() < 8) return false;
+         const std::uint32_t size = 4 * (1 + random.Below(section.data.size() / 4 - 1));
+         Section rest{section.name + "2", section.addr + size,
+                      Bytes(section.data.begin() + size, section.data.end())};
+         section.data.resize(size);
+         const std::size_t place = random.Chance(50) ? index + 1 : random.Below(index + 1);
+         image.sections.insert(image.sections.begin() + static_cast<std::ptrdiff_t>(place),
+                               std::move(rest));
+         return true;
+       }},
       {"a field or a CRC in the invariant sector",
        [](Image& image, Random& random) {
          const Section* section = SectionAt(image, 0);
