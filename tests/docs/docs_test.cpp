@@ -244,7 +244,7 @@ TEST_F(ImageFormatDocumentTest, EveryKindOfFindingInTheTableExists) {
 TEST(ImageCheckDocumentTest, TheTablesHaveEveryKindOfProblemInOrderWithItsSeverity) {
   std::vector<std::pair<std::string, std::string>> told;
   for (const Row& row : Document("image-check.md").Table("kind")) {
-    if (row.size() == 2) continue;  // of the errors in images that burn
+    if (row.size() == 2) continue;  // of errors in images that burn, below
     ASSERT_EQ(row.size(), 4u) << row[0];
     EXPECT_FALSE(row[2].empty() || row[3].empty()) << row[0];
     told.emplace_back(Unquoted(row[0]), row[1]);
@@ -255,6 +255,24 @@ TEST(ImageCheckDocumentTest, TheTablesHaveEveryKindOfProblemInOrderWithItsSeveri
     known.emplace_back(kind.word, is_error ? "error" : "warning");
   }
   EXPECT_EQ(told, known);
+}
+
+TEST(ImageCheckDocumentTest, TheKindsInImagesThatBurnAreErrorsWithAReason) {
+  std::map<std::string_view, fwimg::Severity> known;
+  for (const fwimg::ProblemKind& kind : fwimg::ProblemKinds()) known[kind.word] = kind.severity;
+  std::set<std::string> told;
+  for (const Row& row : Document("image-check.md").Table("kind")) {
+    const std::vector<std::string> kinds = Quoted(row.at(0));
+    EXPECT_FALSE(kinds.empty()) << row[0];
+    for (const std::string& kind : kinds) {
+      ASSERT_TRUE(known.contains(kind)) << kind;
+      if (row.size() != 2) continue;
+      EXPECT_EQ(known[kind], fwimg::Severity::ERROR) << kind;
+      EXPECT_FALSE(row[1].empty()) << kind;
+      EXPECT_TRUE(told.insert(kind).second) << kind << " has two reasons";
+    }
+  }
+  EXPECT_FALSE(told.empty());
 }
 
 TEST_F(ImageFormatDocumentTest, ExamplesShowEveryDirective) {
