@@ -6,8 +6,10 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 
 #include "common/Text.h"
 
@@ -74,7 +76,11 @@ void CheckStrange(std::string_view text, const std::string& file) {
 toml::table ParseToml(const fs::path& path) {
   try {
     std::ifstream file(path);
-    if (!file || fs::is_directory(path)) throw TomlError("can't open " + path.string());
+    const int reason = !file ? errno : fs::is_directory(path) ? EISDIR : 0;
+    if (reason != 0) {
+      throw TomlError("can't open " + path.string() + ": " +
+                      std::generic_category().message(reason));
+    }
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     CheckStrange(text, path.string());
     return toml::parse(text, path.string());

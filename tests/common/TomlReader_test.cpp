@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
+#include <map>
 
 #include "common/ScratchFolder.h"
 
@@ -115,12 +117,17 @@ TEST_F(TomlReaderTest, FileThatIsNoTomlIsRefused) {
 }
 
 TEST_F(TomlReaderTest, FileThatCannotBeReadIsRefused) {
-  for (const std::string& file : {_folder / "missing", _folder.Path().string()}) {
+  const std::string name = _folder / "name";
+  std::filesystem::create_symlink(name, name);
+  for (const auto& [file, reason] :
+       std::map<std::string, std::string>{{_folder / "missing", "No such file or directory"},
+                                          {_folder.Path().string(), "Is a directory"},
+                                          {name, "Too many levels of symbolic links"}}) {
     try {
       const TomlReader reader(file);
       ADD_FAILURE() << file;
     } catch (const TomlError& error) {
-      EXPECT_EQ(std::string(error.what()), "can't open " + file);
+      EXPECT_EQ(std::string(error.what()), "can't open " + file + ": " + reason);
     }
   }
 }

@@ -750,7 +750,8 @@ TEST_F(FabricFileTest, MissingFileIsNamed) {
     sim::LoadFabric(_folder / "none.toml", {}, _fabric);
     FAIL();
   } catch (const sim::FabricFileError& error) {
-    EXPECT_EQ(std::string(error.what()), "can't open " + (_folder / "none.toml"));
+    EXPECT_EQ(std::string(error.what()),
+              "can't open " + (_folder / "none.toml") + ": No such file or directory");
   }
 }
 
@@ -759,7 +760,7 @@ TEST_F(FabricFileTest, FolderIsNoFabricFile) {
     sim::LoadFabric(_folder.Path(), {}, _fabric);
     FAIL();
   } catch (const sim::FabricFileError& error) {
-    EXPECT_EQ(error.what(), "can't open " + _folder.Path().string());
+    EXPECT_EQ(error.what(), "can't open " + _folder.Path().string() + ": Is a directory");
   }
 }
 
