@@ -96,6 +96,13 @@ RehearsalReport FurtherRehearsal::Interrupt(std::size_t first, std::size_t numbe
     if (options.at) burn.Log().Locate(options.at->place);
     Situations situations(_options.seed);
     Sweep(options, devices, burn, SILENT, report, situations);
+    if (_options.at && _options.at->second_seed) {
+      // The words of a replayed recovery are torn by a seed of their own: who repeats the point as
+      // it is printed gets the same state.
+      for (RehearsalException& exception : report.exceptions) {
+        if (exception.first && !exception.seed) exception.seed = options.seed;
+      }
+    }
     const std::vector<std::size_t> safe = situations.Choose(SIZE_MAX);
     if (burn.EndsWell() && !safe.empty()) {
       const RehearsalOptions third = OptionsAt(_options, safe[number % safe.size()]);

@@ -56,13 +56,20 @@ std::size_t At(const auto& counts, auto key) {
   return found == counts.end() ? 0 : found->second;
 }
 
+/// "1 point", "2 points"; `many` where that is not `one` and an s.
+std::string Counted(std::uint64_t count, const std::string& one, const std::string& many = "") {
+  return common::Text(count, " ", count == 1 ? one : many.empty() ? one + "s" : many);
+}
+
 std::string TextOf(const rehearse::TornRecords& torn) {
   if (torn.valid == 0) {
-    return common::Text(torn.words, " words: none of ", torn.mixes, " mixes adds up");
+    return common::Text(Counted(torn.words, "word"), ": none of ",
+                        Counted(torn.mixes, "mix", "mixes"), " adds up");
   }
-  return common::Text(torn.words, " words: ", torn.valid, " of ", torn.mixes,
-                      " mixes of old and new bits add up by chance, about 1 in ", torn.OneIn(),
-                      " torn words");
+  return common::Text(Counted(torn.words, "word"), ": ", torn.valid, " of ",
+                      Counted(torn.mixes, "mix", "mixes"), " of old and new bits ",
+                      torn.valid == 1 ? "adds" : "add", " up by chance, about 1 in ",
+                      Counted(torn.OneIn(), "torn word"));
 }
 
 /// The good end, and exactly what it is about.
@@ -70,17 +77,23 @@ void PrintSafe(const rehearse::RehearsalReport& report, const Options& options) 
   using rehearse::Interruption;
   if (options.at) {
     std::cout << "  every device boots after this interruption (torn words and erases by --seed "
-              << options.seed << ")" << std::endl;
+              << options.seed;
+    if (options.at->second_seed) {
+      std::cout << ", those of the recovery by " << *options.at->second_seed;
+    }
+    std::cout << ")" << std::endl;
     return;
   }
-  std::cout << "  tried: power lost at " << report.Points() << " points of this burn";
+  std::cout << "  tried: power lost at " << Counted(report.Points(), "point") << " of this burn";
   if (report.next.burns > 0) {
     std::cout << ", " << report.next.points << " of the next one and " << report.interrupted.points
-              << " of " << report.interrupted.burns << " recoveries";
+              << " of " << Counted(report.interrupted.burns, "recovery", "recoveries");
   }
-  std::cout << ";\n    the burner killed " << At(report.recoveries, Interruption::KILLED)
-            << " times, the connection dropped " << At(report.recoveries, Interruption::DROPPED)
-            << " times;\n    torn words and erases in one way each, by --seed " << options.seed;
+  std::cout << ";\n    the burner killed "
+            << Counted(At(report.recoveries, Interruption::KILLED), "time")
+            << ", the connection dropped "
+            << Counted(At(report.recoveries, Interruption::DROPPED), "time")
+            << ";\n    torn words and erases in one way each, by --seed " << options.seed;
   if (report.torn_records.words > 0) std::cout << ", torn boot records in every way";
   std::cout << "\n  no interruption that was tried leaves a device that does not boot a whole image"
             << std::endl;
@@ -94,8 +107,9 @@ void PrintTable(const rehearse::RehearsalReport& report, const Options& options)
   };
   std::cout << std::dec << std::setfill(' ') << "rehearsal: " << report.algorithm << ", "
             << report.devices << " device(s)\n";
-  row("operations", common::Text(report.writes, " writes, ", report.erases, " erases, in ",
-                                 report.requests, " requests"));
+  row("operations",
+      common::Text(Counted(report.writes, "write"), ", ", Counted(report.erases, "erase"), ", in ",
+                   Counted(report.requests, "request")));
   row("points",
       common::Text(report.Points(), ": ", At(report.points, CutKind::AFTER_WORD), " after a word, ",
                    At(report.points, CutKind::TORN_WORD), " in a torn word, ",
@@ -127,14 +141,16 @@ void PrintTable(const rehearse::RehearsalReport& report, const Options& options)
                           " do not boot or may not");
     };
     if (report.next.burns > 0) {
-      row("next burn", common::Text("of the same image, ", report.next.points,
-                                    " points: ", states(report.next)));
+      row("next burn", common::Text("of the same image, ", Counted(report.next.points, "point"),
+                                    ": ", states(report.next)));
     }
     if (report.interrupted.burns > 0) {
       row("interrupted again",
-          common::Text(report.interrupted.burns, " recoveries, ", report.interrupted.points,
-                       " points: ", states(report.interrupted), "; ", report.interrupted.recoveries,
-                       " third burns, ", report.interrupted.unrecovered, " failed"));
+          common::Text(Counted(report.interrupted.burns, "recovery", "recoveries"), ", ",
+                       Counted(report.interrupted.points, "point"), ": ",
+                       states(report.interrupted), "; ",
+                       Counted(report.interrupted.recoveries, "third burn"), ", ",
+                       report.interrupted.unrecovered, " failed"));
     }
   } else {
     row("not tried", "the next burn, and a second interruption: " + report.not_tried);
