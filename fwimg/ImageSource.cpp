@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "common/Files.h"
 #include "common/Text.h"
 
 namespace fwimg {
@@ -35,6 +36,26 @@ class BsnWarner : public device::ImageListener {
   const WarningSink& _warn;
 };
 
+/// Throws where the carriage returns at the ends of its lines are why a file that `with` was read
+/// from is refused, or means nothing: its author sees none of them, and no word of the loader names
+/// them.
+void CheckLineEnds(const std::string& path, const device::ImageFile& with) {
+  if (with.refusal.empty() && with.image.type != nullptr) return;
+  const common::Bytes bytes = common::ReadFile(path);
+  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  std::string changed;
+  for (std::string_view line : common::Lines(text)) {
+    while (line.ends_with('\r')) line.remove_suffix(1);
+    changed.append(line) += '\n';
+  }
+  IgnoringListener ignoring;
+  const device::ImageFile without = device::ParseImageFile(changed, path, ignoring);
+  if (without.refusal == with.refusal && without.device_type_word == with.device_type_word) return;
+  throw device::ImageError(path +
+                           ": lines end with a carriage return and a line feed (CRLF), not with a "
+                           "line feed alone; convert the file with dos2unix or sed -i 's/\\r$//'");
+}
+
 void CheckPartCount(const device::ImageFile& file) {
   if (file.parts <= MOST_PARTS) return;
   throw device::ImageError(common::Text(file.name, ": more than ", MOST_PARTS,
@@ -59,6 +80,7 @@ device::ImageFile ParseWithLineInfo(std::string_view text, const std::string& pa
 device::ImageFile LoadImageFile(const std::string& path) {
   IgnoringListener ignoring;
   device::ImageFile file = ReadWithLineInfo(path, ignoring);
+  CheckLineEnds(path, file);
   if (!file.refusal.empty()) throw device::ImageError(file.refusal);
   const bool has_version =
       std::ranges::any_of(file.version, [](const auto& part) { return part.has_value(); });
@@ -69,6 +91,10 @@ device::ImageFile LoadImageFile(const std::string& path) {
 }
 
 device::Image LoadImage(const std::string& path, const WarningSink& warn) {
+  {
+    IgnoringListener ignoring;
+    CheckLineEnds(path, device::ReadImageFile(path, ignoring));
+  }
   BsnWarner warner(warn);
   return device::ReadImageFile(path, warner).image;
 }

@@ -18,7 +18,8 @@ device::ImageFile ParseWithLineInfo(std::string_view text, const std::string& pa
                                     device::ImageListener& listener);
 
 /// Reads an image file that fwpush would load and in which something stands. Throws
-/// device::ImageError for all others.
+/// device::ImageError for all others; where only its line ends keep it from being one, the text
+/// names them.
 device::ImageFile LoadImageFile(const std::string& path);
 
 /// Gets the warnings of a file as they come, one each time.
