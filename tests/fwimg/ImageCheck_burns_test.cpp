@@ -88,6 +88,12 @@ class FwimgBurnsTest : public ConsoleTest {
   }
 };
 
+/// Random images show something only where a tenth at least is accepted, and a tenth is not.
+void ExpectBothKinds(unsigned accepted, unsigned tries) {
+  EXPECT_GT(accepted, tries / 10);
+  EXPECT_LT(accepted, tries - tries / 10);
+}
+
 /// A flash image whose second pointer sector may lie anywhere.
 struct Movable {
   static constexpr u_int32_t SECOND = 0x1800;
@@ -333,8 +339,7 @@ TEST_F(FwimgBurnsTest, AnInvariantSectorIsAcceptedJustWhereASecondBurnFindsItAsI
                                        << text;
     if (is_good) ++accepted;
   }
-  EXPECT_GT(accepted, tries / 10);
-  EXPECT_LT(accepted, tries - tries / 10);
+  ExpectBothKinds(accepted, tries);
 }
 
 TEST_F(FwimgBurnsTest, WithAnyChunksAFlashIsAcceptedJustWhereItIsBurntWhole) {
@@ -373,8 +378,7 @@ TEST_F(FwimgBurnsTest, WithAnyChunksAFlashIsAcceptedJustWhereItIsBurntWhole) {
     EXPECT_EQ(is_accepted, is_good) << "-m " << _log2_chunk;
     if (is_good) ++accepted;
   }
-  EXPECT_GT(accepted, tries / 10);
-  EXPECT_LT(accepted, tries - tries / 10);
+  ExpectBothKinds(accepted, tries);
 }
 
 TEST_F(FwimgBurnsTest, SignaturesUnderCrcsAreAcceptedJustWhereTheCrcsFitWhatIsBurnt) {
@@ -412,8 +416,7 @@ TEST_F(FwimgBurnsTest, SignaturesUnderCrcsAreAcceptedJustWhereTheCrcsFitWhatIsBu
     EXPECT_EQ(errors.empty(), is_good) << testing::PrintToString(errors) << text;
     if (is_good) ++accepted;
   }
-  EXPECT_GT(accepted, tries / 10);
-  EXPECT_LT(accepted, tries - tries / 10);
+  ExpectBothKinds(accepted, tries);
 }
 
 TEST_F(FwimgBurnsTest, ARecordIsToldJustWhereItsBurnLeavesOneThatDoesNotBootTheImage) {
@@ -499,8 +502,7 @@ TEST_F(FwimgBurnsTest, AnImageInPiecesIsAcceptedJustWhereBothSlotsGetAllOfThem) 
     EXPECT_EQ(errors.empty(), is_good) << testing::PrintToString(errors) << text;
     if (is_good) ++accepted;
   }
-  EXPECT_GT(accepted, tries / 10);
-  EXPECT_LT(accepted, tries - tries / 10);
+  ExpectBothKinds(accepted, tries);
 }
 
 TEST_F(FwimgBurnsTest, ADeviceMapOfAFlashIsAcceptedJustWhereItsBurnGoesWell) {
@@ -610,8 +612,7 @@ TEST_F(FwimgBurnsTest, ACopyInTheSecondSlotIsAcceptedJustWhereABurnOfTheSlotLeav
     EXPECT_EQ(Finds(text, "section-in-slot"), !is_spared) << text;
     if (is_spared) ++accepted;
   }
-  EXPECT_GT(accepted, tries / 10);
-  EXPECT_LT(accepted, tries - tries / 10);
+  ExpectBothKinds(accepted, tries);
 }
 
 TEST_F(FwimgBurnsTest, AnAddressThatMeansUnsetIsToldForEachDirectiveThatABurnNeeds) {
