@@ -481,10 +481,17 @@ class Case {
     }
     judge.AddKnownImage(_image, identity, memory, device::Whole::NEW,
                         device::Origin::FAILSAFE_BURN);
-    const bool is_safe = CutsAreSafe(start, guid, judge) && TornRecordsAreSafe(start, guid, judge);
-    if (!is_safe) {
-      FalseClaim(Text("rehearsed as safe, ", state.name,
-                      ", and a power loss leaves: ", Describe(judge.CurrentVerdict())));
+    for (const std::string_view which : {FIRST_BURN, NEXT_BURN}) {
+      if (!CutsAreSafe(start, guid, judge) || !TornRecordsAreSafe(start, guid, judge)) {
+        return FalseClaim(Text("rehearsed as safe, ", state.name, ", and a power loss in ", which,
+                               " leaves: ", Describe(judge.CurrentVerdict())));
+      }
+      const trials::RunOutcome run =
+          _server.Run(BurnWords(guid, BurnKind::FAILSAFE, _file), start, nullptr, LIMIT);
+      if (run.status != 0) return;
+      // What lies between the sections may have changed.
+      judge.AddKnownImage(_image, identity, sim::MemoryOf(device, _image), device::Whole::NEW,
+                          device::Origin::FAILSAFE_BURN);
     }
   }
 

@@ -12,7 +12,7 @@ using soak::Random;
 namespace {
 
 /// How many mistakes are aimed at a kind of problem.
-constexpr std::uint32_t AIMED_PERCENT = 50;
+constexpr std::uint32_t AIMED_PERCENT = 55;
 /// How many are made in the lines of the file.
 constexpr std::uint32_t TEXT_PERCENT = 40;
 
