@@ -7,6 +7,7 @@
 
 #include "common/Json.h"
 #include "device/ImageFile.h"
+#include "fwimg/CheckTarget.h"
 #include "fwimg/Commands.h"
 #include "fwimg/FabricTargets.h"
 #include "fwimg/ImageCheck.h"
@@ -142,7 +143,7 @@ void AddCheck(CommandLine& program) {
                                  .Add("--sector-size", options->sector_size,
                                       "Bytes of a sector of the flash that the image is for")
                                  .ShowDefault()
-                                 .Check(common::ByteCountCheck);
+                                 .Check(SectorSizeCheck);
   const Option flash_size =
       command
           .Add("--flash-size", options->flash_size,

@@ -13,6 +13,11 @@ inline constexpr int MIN_LOG2_CHUNK = 4;
 inline constexpr int USUAL_LOG2_CHUNK = 5;
 inline constexpr int MAX_LOG2_CHUNK = 15;
 
+/// The most bytes that a sector of a flash may have here; no flash has larger ones.
+inline constexpr std::uint32_t MAX_SECTOR_SIZE = 0x1000000;
+/// What is wrong with a sector size on the command line; empty where nothing is.
+std::string SectorSizeCheck(const std::string& text);
+
 /// The burn and the memory that an image is for. Of flash and EEPROM, what does not belong to the
 /// image's device type does not matter.
 struct CheckTarget {

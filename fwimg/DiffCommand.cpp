@@ -8,6 +8,7 @@
 
 #include "common/Json.h"
 #include "fwimg/BurnComparison.h"
+#include "fwimg/CheckTarget.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageFacts.h"
 #include "fwimg/ImageSource.h"
@@ -446,7 +447,7 @@ void AddDiff(CommandLine& program) {
       .Add("--sector-size", options->sector_size,
            "Bytes of a sector of the flash that the images are for")
       .ShowDefault()
-      .Check(common::ByteCountCheck);
+      .Check(SectorSizeCheck);
   command.AddFlag("--json", options->as_json, "Prints one JSON object");
   command.SetWork([options] { return Run(*options); });
 }

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Json.h"
+#include "fwimg/CheckTarget.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageFacts.h"
 #include "fwimg/ImageSource.h"
@@ -406,7 +407,7 @@ void AddInfo(CommandLine& program) {
       .Add("--sector-size", options->sector_size,
            "Bytes of a sector of the flash that the image is for")
       .ShowDefault()
-      .Check(common::ByteCountCheck);
+      .Check(SectorSizeCheck);
   command.AddFlag("--json", options->as_json, "Prints one JSON object");
   command.SetWork([options] { return Run(*options); });
 }

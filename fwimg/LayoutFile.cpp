@@ -36,7 +36,8 @@ class LayoutReader {
   void Read(TomlReader reader, LayoutKind kind) {
     _layout.title = ReadTitle(reader);
     ReadDeviceType(reader);
-    _layout.sector_size = reader.Number("sector_size", 4, ANY_NUMBER).value_or(USUAL_SECTOR_SIZE);
+    _layout.sector_size =
+        reader.Number("sector_size", 4, MAX_SECTOR_SIZE).value_or(USUAL_SECTOR_SIZE);
     ReadVersion(reader);
     for (TomlReader& device : reader.Tables("devmap")) ReadDevice(device);
     // The slots before the fields, which may be placed by them, wherever they stand.

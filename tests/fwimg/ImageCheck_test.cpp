@@ -866,7 +866,7 @@ TEST_F(FwimgCheckTest, TheSectorSizeDecidesWhatAnEraseSpoils) {
   EXPECT_EQ(Run({"--sector-size", "1024", path}).status, 0);
   EXPECT_EQ(Run({"--sector-size", "0x400", path}).status, 0);
   EXPECT_EQ(Run({"--sector-size", "0x800", path}).status, 1);
-  for (const char* wrong : {"0", "-1", "x", "", "0x100000000"}) {
+  for (const char* wrong : {"0", "-1", "x", "", "0x1000001", "0x100000000"}) {
     EXPECT_EQ(Run({"--sector-size", wrong, path}).status, 64) << wrong;
   }
 }

@@ -414,7 +414,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "section = [{ name = \"A\", at = 0, file = \"large.bin\", size = 4 }]\n",
                 "layout.toml:2: large.bin has more than 1 GiB"},
         Refused{"SectorsOfNoBytes", ONE + "sector_size = 0\n",
-                "layout.toml:3: 'sector_size' must be a number from 4 to 4294967295"}),
+                "layout.toml:3: 'sector_size' must be a number from 4 to 16777216"}),
     [](const auto& refused) { return refused.param.name; });
 
 /// `text`: a line and a kind of problem that the check finds.
