@@ -111,6 +111,7 @@ std::string ToJson(const RunReport& run) {
                          {"failure", OrNull(burn.failure)},
                          {"command", run.words},
                          {"burns", run.burns},
+                         {"burns_run", run.burns_run},
                          {"exit_status", nullptr},
                          {"signal", nullptr},
                          {"seconds", nullptr},
@@ -184,7 +185,11 @@ std::string Summary(const RunReport& run, bool has_colour) {
       << ", " << count(DeviceStatus::BURNT) << " burnt, " << count(DeviceStatus::FAILED)
       << " failed, " << count(DeviceStatus::NEVER_REACHED) << " never reached";
   if (run.seconds) out << ", " << std::fixed << std::setprecision(3) << *run.seconds << " s";
-  if (run.burns > 1) out << ", in " << run.burns << " burns";
+  if (run.burns > 1) {
+    out << ", in ";
+    if (run.burns_run < run.burns) out << run.burns_run << " of ";
+    out << run.burns << " burns";
+  }
   out << "\n";
   for (const DeviceReport& device : burn.devices) {
     const StatusText text = TextOf(device.status);

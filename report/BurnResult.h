@@ -6,16 +6,15 @@
 #include <vector>
 
 #include "report/BurnLog.h"
+#include "report/BurnSeries.h"
 
 namespace report {
 
 /// What is known of a whole run.
-struct RunReport {
-  BurnReport burn;
+struct RunReport : SeriesReport {
   std::optional<Ending> ending;   ///< of a live run
   std::optional<double> seconds;  ///< likewise
   std::vector<std::string> words;
-  std::size_t burns = 1;  ///< that the devices were divided among
 };
 
 /// docs/json.md describes the object.

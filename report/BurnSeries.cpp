@@ -59,7 +59,7 @@ std::vector<PlannedBurn> PlanBurns(const std::vector<std::string>& words, std::s
   return burns;
 }
 
-BurnReport Join(std::vector<BurnReport> burns, const std::set<Guid>& not_started) {
+BurnReport Join(std::vector<BurnReport> burns, const NotStarted& not_started) {
   BurnReport all = std::move(burns.front());
   for (BurnReport& burn : std::span(burns).subspan(1)) {
     all.is_all_burnt &= burn.is_all_burnt;
@@ -79,11 +79,15 @@ BurnReport Join(std::vector<BurnReport> burns, const std::set<Guid>& not_started
       }
     }
   }
-  for (const Guid guid : not_started) {
+  for (const Guid guid : not_started.devices) {
     all.devices.push_back({.guid = guid,
                            .status = DeviceStatus::NEVER_REACHED,
-                           .text = "not started: the burn before it failed"});
+                           .text = "not started: " + not_started.reason});
+  }
+  if (!not_started.reason.empty()) {
     all.is_all_burnt = false;
+    if (all.is_succeeded) all.failure = "not all burns were started: " + not_started.reason;
+    all.is_succeeded = false;
   }
   return all;
 }

@@ -27,8 +27,24 @@ struct PlannedBurn {
 std::vector<PlannedBurn> PlanBurns(const std::vector<std::string>& words,
                                    std::size_t longest = LONGEST_ARGUMENT);
 
-/// The report of a series from those of its burns, in their order; at least one. Devices of
-/// `not_started` belong to burns that were not run because a burn before them failed.
-BurnReport Join(std::vector<BurnReport> burns, const std::set<Guid>& not_started);
+/// Why most burns are not started.
+inline constexpr char BURN_BEFORE_FAILED[] = "the burn before it failed";
+
+/// The burns of a series that were not run.
+struct NotStarted {
+  std::set<Guid> devices;  ///< may be empty where the command names none
+  std::string reason;      ///< empty where all burns were run
+};
+
+/// The report of a series from those of its burns, in their order; at least one.
+BurnReport Join(std::vector<BurnReport> burns, const NotStarted& not_started = {});
+
+/// What came of a series, or of a single burn.
+struct SeriesReport {
+  BurnReport burn = {};
+  std::size_t burns = 1;      ///< that the devices were divided among
+  std::size_t burns_run = 1;  ///< of these, with the one that failed
+  bool is_fwpush = true;      ///< each of them printed what fwpush prints
+};
 
 }  // namespace report

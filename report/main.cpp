@@ -11,6 +11,7 @@
 #include <iostream>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "common/Descriptor.h"
 #include "common/GuidList.h"
@@ -24,6 +25,7 @@
 #include "report/BurnSeries.h"
 #include "report/ConsoleOutput.h"
 #include "report/LineConsole.h"
+#include "report/SeriesLog.h"
 
 namespace {
 
@@ -85,6 +87,116 @@ void ReadLog(const std::string& name, const std::function<void(std::string_view)
   }
 }
 
+/// What the run hands on of its burns' output, and where: standard output and --log.
+class Outputs {
+ public:
+  Outputs(const Options& options, LogFile& log) : _options(options), _log(log) {}
+
+  void Write(std::string_view piece) {
+    if (piece.empty()) return;
+    WriteMark();
+    _log.Write(piece);
+    _is_line_open = piece.back() != '\n';
+    if (_options.is_plain) {
+      _console.Write(_plain.Feed(piece));
+    } else if (_options.from.empty()) {
+      _console.Write(piece);
+    }
+  }
+  /// Stands in the log before the output of a burn of a series, on a line of its own.
+  void Mark(const BurnMark& mark) { _mark = ToLine(mark) + "\n"; }
+  /// To be called at the end of each burn.
+  void Finish() {
+    WriteMark();
+    if (_options.is_plain) _console.Write(std::exchange(_plain, LineConsole()).Finish());
+  }
+  /// Whether the console is left inside of a line.
+  bool IsInsideLine() const { return _console.IsInsideLine(); }
+
+ private:
+  // Not before the burn has started: if it cannot be, the log stays as it was.
+  void WriteMark() {
+    if (_mark.empty()) return;
+    _log.Write((_is_line_open ? "\n" : "") + std::exchange(_mark, ""));
+    _is_line_open = false;
+  }
+
+  const Options& _options;
+  LogFile& _log;
+  ConsoleOutput _console;
+  LineConsole _plain;
+  std::string _mark;           ///< to be written to the log
+  bool _is_line_open = false;  ///< in the log
+};
+
+/// Judges the log of --from. Throws std::runtime_error where it cannot be judged.
+SeriesReport JudgeLog(const Options& options, const std::vector<PlannedBurn>& burns,
+                      Outputs& outputs) {
+  std::vector<SavedBurn> saved(1);
+  MarkFinder finder(
+      [&](std::string_view text) {
+        outputs.Write(text);
+        BurnLog& log = saved.back().log;
+        log.Feed(text);
+        // Nothing to go on with: it may never end.
+        if (log.IsOverlong()) {
+          throw std::runtime_error(Text(options.from, ": a line of more than ",
+                                        BurnLog::LONGEST_LINE, " bytes: not the output of fwpush"));
+        }
+      },
+      [&](const BurnMark& mark) {
+        outputs.Finish();
+        saved.push_back({.mark = mark, .log = {}});
+      });
+  ReadLog(options.from, [&finder](std::string_view piece) { finder.Feed(piece); });
+  finder.Finish();
+  outputs.Finish();
+  std::set<Guid> asked;
+  for (const PlannedBurn& burn : burns) asked.insert(burn.asked.begin(), burn.asked.end());
+  try {
+    return JudgeSavedBurns(saved, asked, burns.size());
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(options.from + ": " + error.what());
+  }
+}
+
+/// Runs the burns, one after the other, up to the first that fails. `seconds` is the time since the
+/// start of the run; `ending` becomes that of the last burn.
+SeriesReport RunSeries(const Options& options, const std::vector<PlannedBurn>& burns,
+                       Outputs& outputs, const std::function<double()>& seconds,
+                       std::optional<Ending>& ending) {
+  SeriesReport series{.burns = burns.size(), .burns_run = 0};
+  std::vector<BurnReport> reports;
+  NotStarted not_started;
+  for (const PlannedBurn& planned : burns) {
+    if (not_started.reason.empty() && !reports.empty() && !reports.back().is_succeeded) {
+      not_started.reason = BURN_BEFORE_FAILED;
+    }
+    if (!not_started.reason.empty()) {
+      not_started.devices.insert(planned.asked.begin(), planned.asked.end());
+      continue;
+    }
+    if (burns.size() > 1) outputs.Mark(MarkOf(burns, reports.size()));
+    BurnLog log;
+    const bool is_terminal = !options.is_plain && isatty(STDOUT_FILENO) != 0;
+    const BurnRun burn = RunBurn(planned.words, is_terminal, [&](std::string_view piece) {
+      outputs.Write(piece);
+      log.Feed(piece, seconds());
+    });
+    if (burn.has_left_processes) {
+      std::cerr << NAME << ": the burner has ended; processes that it started still run; their "
+                << "output is no longer read" << std::endl;
+    }
+    ending = burn.ending;
+    outputs.Finish();
+    reports.push_back(log.Conclude(planned.asked, ending));
+    series.is_fwpush &= log.IsFwpush();
+  }
+  series.burns_run = reports.size();
+  series.burn = Join(std::move(reports), not_started);
+  return series;
+}
+
 int Run(const Options& options) {
   const bool is_live = options.from.empty();
   if (is_live && options.words.empty()) {
@@ -103,71 +215,27 @@ int Run(const Options& options) {
   if (!options.json.empty()) json.emplace(options.json);
   if (!options.junit.empty()) junit.emplace(options.junit);
   LogFile saved(options.log);
-
-  ConsoleOutput console;
-  const auto start = std::chrono::steady_clock::now();
-  const auto seconds = [start] {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  };
+  Outputs outputs(options, saved);
 
   RunReport run;
   run.words = options.words;
-  run.burns = burns.size();
-  if (!is_live) {
-    // One file has the console of all burns.
-    for (const PlannedBurn& burn : burns)
-      burns.front().asked.insert(burn.asked.begin(), burn.asked.end());
-    burns.resize(1);
-  }
-  if (is_live && burns.size() > 1) {
-    std::cerr << NAME << ": the devices are too many for one command line: " << burns.size()
-              << " burns, one after the other" << std::endl;
-  }
-  std::vector<BurnReport> reports;
-  std::set<Guid> not_started;
-  bool is_fwpush = true;
-  for (const PlannedBurn& planned : burns) {
-    if (!reports.empty() && !reports.back().is_succeeded) {
-      not_started.insert(planned.asked.begin(), planned.asked.end());
-      continue;
+  SeriesReport& series = run;
+  if (is_live) {
+    if (burns.size() > 1) {
+      std::cerr << NAME << ": the devices are too many for one command line: " << burns.size()
+                << " burns, one after the other" << std::endl;
     }
-    BurnLog log;
-    LineConsole plain;
-    const auto take = [&](std::string_view piece) {
-      saved.Write(piece);
-      if (options.is_plain) {
-        console.Write(plain.Feed(piece));
-      } else if (is_live) {
-        console.Write(piece);
-      }
-      log.Feed(piece, seconds());
+    const auto start = std::chrono::steady_clock::now();
+    const auto seconds = [start] {
+      return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     };
-    if (is_live) {
-      const bool is_terminal = !options.is_plain && isatty(STDOUT_FILENO) != 0;
-      const BurnRun burn = RunBurn(planned.words, is_terminal, take);
-      if (burn.has_left_processes) {
-        std::cerr << NAME << ": the burner has ended; processes that it started still run; their "
-                  << "output is no longer read" << std::endl;
-      }
-      run.ending = burn.ending;
-      run.seconds = seconds();
-    } else {
-      ReadLog(options.from, [&](std::string_view piece) {
-        take(piece);
-        // Nothing to go on with: it may never end.
-        if (log.IsOverlong()) {
-          throw std::runtime_error(Text(options.from, ": a line of more than ",
-                                        BurnLog::LONGEST_LINE, " bytes: not the output of fwpush"));
-        }
-      });
-    }
-    if (options.is_plain) console.Write(plain.Finish());
-    reports.push_back(log.Conclude(planned.asked, run.ending));
-    is_fwpush &= log.IsFwpush();
+    series = RunSeries(options, burns, outputs, seconds, run.ending);
+    run.seconds = seconds();
+  } else {
+    series = JudgeLog(options, burns, outputs);
   }
-  if (console.IsInsideLine() && isatty(STDERR_FILENO) != 0) std::cerr << std::endl;
+  if (outputs.IsInsideLine() && isatty(STDERR_FILENO) != 0) std::cerr << std::endl;
 
-  run.burn = Join(std::move(reports), not_started);
   bool is_kept = true;
   const auto keep = [&is_kept](const std::function<void()>& file) {
     try {
@@ -187,7 +255,7 @@ int Run(const Options& options) {
   write(json, [&run] { return ToJson(run); });
   write(junit, [&run] { return ToJUnit(run); });
   keep([&] { saved.Finish(); });
-  if (!is_fwpush && !(run.ending && run.ending->signal != 0)) {
+  if (!run.is_fwpush && !(run.ending && run.ending->signal != 0)) {
     std::cerr << NAME << ": " << (is_live ? options.words[0] : options.from)
               << ": not the output of fwpush" << std::endl;
     return CANNOT;

@@ -84,8 +84,8 @@ TEST_F(BurnSeriesTest, SeriesIsReportedAsOneBurn) {
   bad.is_all_burnt = bad.is_succeeded = false;
   bad.failure = "gone";
   bad.devices = {{.guid = 2, .status = DeviceStatus::FAILED, .text = "gone"}};
-  EXPECT_TRUE(Join({good, good}, {}).is_all_burnt);
-  const BurnReport all = Join({good, bad}, {3, 4});
+  EXPECT_TRUE(Join({good, good}).is_all_burnt);
+  const BurnReport all = Join({good, bad}, {{3, 4}, BURN_BEFORE_FAILED});
   EXPECT_FALSE(all.is_all_burnt);
   EXPECT_FALSE(all.is_succeeded);
   EXPECT_EQ(all.failure, "gone");
@@ -94,6 +94,14 @@ TEST_F(BurnSeriesTest, SeriesIsReportedAsOneBurn) {
   ASSERT_EQ(all.devices.size(), 4u);
   EXPECT_EQ(all.devices[3].status, DeviceStatus::NEVER_REACHED);
   EXPECT_EQ(all.devices[3].text, "not started: the burn before it failed");
+
+  // Without a device that is known not to be burnt, too.
+  for (const std::set<Guid>& devices : {std::set<Guid>{3}, std::set<Guid>{}}) {
+    const BurnReport ended = Join({good}, {devices, "asked to end"});
+    EXPECT_FALSE(ended.is_all_burnt);
+    EXPECT_FALSE(ended.is_succeeded);
+    EXPECT_EQ(ended.failure, "not all burns were started: asked to end");
+  }
 }
 
 }  // namespace

@@ -116,41 +116,99 @@ TEST_F(ReportTest, DevicesOfAFileAreBurnt) {
   EXPECT_EQ(Report({}, Burn("@" + (_folder / "none"))).status, 64);
 }
 
-/// Stands in for the burner: no simulated fabric has so many devices.
-TEST_F(ReportTest, DevicesThatDoNotFitIntoACommandLineAreBurntInSeveralBurns) {
-  const std::string burner = _folder.Write("burner",
-                                           "echo run >>$1\n"
-                                           "echo '-I- Generic Burning:'\n"
-                                           "if [ $(wc -l <$1) = $2 ]; then\n"
-                                           "  echo '-E- BURN FAILED:ALL:gone'; exit 1\n"
-                                           "fi\n"
-                                           "echo 'Burning - OK'\n"
-                                           "echo '-I- BURN SUCCEEDED'\n");
-  std::string guids;
-  for (u_int64_t i = 0; i < 20000; ++i) guids += Text(std::hex, 0xAA550000000000 + i, "\n");
-  const std::string list = _folder.Write("guids", guids);
-  for (const int fails_at : {0, 2}) {
+/// Stands in for the burner: no simulated fabric has so many devices for one command line.
+class SeriesTest : public ReportTest {
+ protected:
+  SeriesTest() {
+    std::string guids;
+    for (u_int64_t i = 0; i < 20000; ++i) guids += Text(std::hex, 0xAA550000000000 + i, "\n");
+    _list = "@" + _folder.Write("guids", guids);
+  }
+
+  /// A burn that adds a line to the file `runs`, and whose run number `fails_at` fails.
+  std::vector<std::string> Burner(const std::string& runs, int fails_at) {
+    const std::string burner = _folder.Write("burner",
+                                             "echo run >>$1\n"
+                                             "echo '-I- Generic Burning:'\n"
+                                             "if [ $(wc -l <$1) = $2 ]; then\n"
+                                             "  echo '-E- BURN FAILED:ALL:gone'; exit 1\n"
+                                             "fi\n"
+                                             "echo 'Burning - OK'\n"
+                                             "printf %s '-I- BURN SUCCEEDED'\n");
+    return {"/bin/sh", burner, runs, std::to_string(fails_at), "-g", _list};
+  }
+
+  std::string _list;
+};
+
+TEST_F(SeriesTest, DevicesThatDoNotFitIntoACommandLineAreBurntInSeveralBurns) {
+  const std::string log = _folder / "console";
+  for (const int fails_at : {0, 1, 2}) {
+    SCOPED_TRACE(fails_at);
     const std::string runs = _folder / Text("runs", fails_at);
+    const int run = fails_at == 0 ? 3 : fails_at;
     const Outcome outcome =
-        Report({"--json", _folder / "report.json"},
-               {"/bin/sh", burner, runs, std::to_string(fails_at), "-g", "@" + list});
+        Report({"--json", _folder / "report.json", "--log", log}, Burner(runs, fails_at));
     EXPECT_THAT(outcome.errors, testing::StartsWith("fwpush-report: the devices are too many for "
                                                     "one command line: 3 burns, one after the "
                                                     "other\n"));
-    const nlohmann::json json = Json();
+    EXPECT_THAT(outcome.errors, testing::HasSubstr(fails_at == 0   ? " s, in 3 burns\n"
+                                                   : fails_at == 1 ? " s, in 1 of 3 burns\n"
+                                                                   : " s, in 2 of 3 burns\n"));
+    EXPECT_EQ(outcome.output.find("fwpush-report"), std::string::npos);
+    nlohmann::json json = Json();
     EXPECT_EQ(json["burns"], 3);
+    EXPECT_EQ(json["burns_run"], run);
     ASSERT_EQ(json["devices"].size(), 20000u);
     EXPECT_EQ(json["all_burnt"], fails_at == 0);
     EXPECT_EQ(outcome.status, fails_at == 0 ? 0 : 1);
-    EXPECT_EQ(ReadText(runs), fails_at == 0 ? "run\nrun\nrun\n" : "run\nrun\n");
+    std::string expected_runs;
+    for (int i = 0; i < run; ++i) expected_runs += "run\n";
+    EXPECT_EQ(ReadText(runs), expected_runs);
     const nlohmann::json& last = json["devices"].back();
     EXPECT_EQ(last["outcome"], fails_at == 0 ? "burnt" : "never-reached");
     if (fails_at != 0) {
       EXPECT_EQ(json["failure"], "gone");
-      EXPECT_EQ(json["devices"][0]["outcome"], "burnt");
+      EXPECT_EQ(json["devices"][0]["outcome"], fails_at == 1 ? "failed" : "burnt");
       EXPECT_EQ(last["reason"], "not started: the burn before it failed");
     }
+
+    // The log tells the same.
+    const Outcome again =
+        Report({"--json", _folder / "report.json", "--from", log}, {"/bin/sh", "-g", _list});
+    EXPECT_EQ(again.status, outcome.status) << again.errors.substr(0, 200);
+    const nlohmann::json read = Json();
+    for (const char* key : {"burns", "burns_run", "all_burnt", "failure", "devices"}) {
+      EXPECT_EQ(read[key], json[key]) << key;
+    }
   }
+}
+
+TEST_F(SeriesTest, SeriesThatCannotStartLeavesTheLogOfBefore) {
+  const std::string log = _folder.Write("console", "before");
+  EXPECT_EQ(Report({"--log", log}, {_folder / "no-such-program", "-g", _list}).status, 2);
+  EXPECT_EQ(ReadText(log), "before");
+}
+
+TEST_F(SeriesTest, LogThatEndsBeforeTheSeriesDoesIsNoSuccess) {
+  const std::string log = _folder / "console";
+  EXPECT_EQ(Report({"--log", log}, Burner(_folder / "runs", 0)).status, 0);
+  const std::string console = ReadText(log);
+  const std::string cut =
+      _folder.Write("cut", console.substr(0, console.find("fwpush-report: burn 2 of 3: ")));
+  const std::vector<std::string> options = {"--json", _folder / "report.json", "--from", cut};
+  const Outcome outcome = Report(options, {"fwpush", "-g", _list});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(Json()["burns_run"], 1);
+  EXPECT_EQ(Json()["devices"][0]["outcome"], "burnt");
+  EXPECT_EQ(Json()["devices"].back()["reason"], "not started: the log ends before it");
+  EXPECT_EQ(Report(options, {}).status, 1);  // it does not depend on the devices' being known
+
+  // Without its marks, it does not tell which devices its burn had.
+  _folder.Write("cut", "-I- Generic Burning:\nBurning - OK\n-I- BURN SUCCEEDED\n");
+  const Outcome undivided = Report(options, {"fwpush", "-g", _list});
+  EXPECT_EQ(undivided.status, 2);
+  EXPECT_THAT(undivided.errors, testing::HasSubstr("cut: the devices need 3 burns"));
 }
 
 TEST_F(ReportTest, OneDeviceOfThreeThatFailsIsToldEverywhere) {
@@ -170,8 +228,10 @@ TEST_F(ReportTest, OneDeviceOfThreeThatFailsIsToldEverywhere) {
   EXPECT_LE(json["phases"][0]["seconds"], json["seconds"]);
   json.erase("seconds");
   json["phases"][0].erase("seconds");
-  EXPECT_EQ(json["burns"], 1);
-  json.erase("burns");
+  for (const char* burns : {"burns", "burns_run"}) {
+    EXPECT_EQ(json[burns], 1);
+    json.erase(burns);
+  }
   const nlohmann::json expected = {
       {"version", 1},
       {"all_burnt", false},
