@@ -35,7 +35,13 @@ class Signals {
     signal(SIGCHLD, SIG_DFL);
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&set, number);
+    sigaddset(&set, SIGCHLD);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+      // One that is ignored, as nohup does, asks for nothing; the burn ignores it, too.
+      struct sigaction action {};
+      sigaction(number, nullptr, &action);
+      if (action.sa_handler != SIG_IGN) sigaddset(&set, number);
+    }
     sigprocmask(SIG_BLOCK, &set, &_before);
     _fd = Descriptor(signalfd(-1, &set, SFD_CLOEXEC));
     if (!_fd.IsOpen()) ThrowSystemError("can't receive signals");
@@ -57,12 +63,24 @@ class Signals {
   Descriptor _fd;
 };
 
+/// Made before the first burn: a signal that comes between two burns is kept for the second.
+const Signals& OurSignals() {
+  static const Signals signals;
+  return signals;
+}
+
 }  // namespace
+
+bool IsAskedToEnd() {
+  bool is_asked = false;
+  pollfd waiting{OurSignals().Fd(), POLLIN, 0};
+  while (poll(&waiting, 1, 0) > 0) is_asked |= OurSignals().Next() != SIGCHLD;
+  return is_asked;
+}
 
 BurnRun RunBurn(const std::vector<std::string>& words, bool is_terminal,
                 const std::function<void(std::string_view)>& take) {
-  // Made once: a signal that comes between two burns ends the second.
-  static const Signals signals;
+  const Signals& signals = OurSignals();
   common::Channel console = is_terminal ? common::MakeRawTerminal() : common::MakePipe();
   common::ChildProcess burn({.words = words,
                              .is_searched = true,
@@ -72,6 +90,7 @@ BurnRun RunBurn(const std::vector<std::string>& words, bool is_terminal,
   console.in.Close();
 
   std::optional<Ending> ending;
+  bool is_asked_to_end = false;
   std::chrono::steady_clock::time_point deadline;
   std::size_t since_end = 0;  // bytes
   std::vector<char> block(BLOCK_SIZE);
@@ -100,13 +119,14 @@ BurnRun RunBurn(const std::vector<std::string>& words, bool is_terminal,
     if (waiting[0].revents == 0) continue;
     const int number = signals.Next();
     if (number != SIGCHLD) {
+      is_asked_to_end = true;
       if (ending) break;  // nobody is left to be asked
       burn.Signal(number);
     } else if (!ending && (ending = burn.TryWait())) {
       deadline = std::chrono::steady_clock::now() + MOST_PATIENCE;
     }
   }
-  return {*ending, console.out.IsOpen()};
+  return {*ending, console.out.IsOpen(), is_asked_to_end};
 }
 
 }  // namespace report

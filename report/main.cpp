@@ -160,7 +160,8 @@ SeriesReport JudgeLog(const Options& options, const std::vector<PlannedBurn>& bu
   }
 }
 
-/// Runs the burns, one after the other, up to the first that fails. `seconds` is the time since the
+/// Runs the burns, one after the other, up to the first that fails, or
+/// during which this process is asked to end. `seconds` is the time since the
 /// start of the run; `ending` becomes that of the last burn.
 SeriesReport RunSeries(const Options& options, const std::vector<PlannedBurn>& burns,
                        Outputs& outputs, const std::function<double()>& seconds,
@@ -168,9 +169,15 @@ SeriesReport RunSeries(const Options& options, const std::vector<PlannedBurn>& b
   SeriesReport series{.burns = burns.size(), .burns_run = 0};
   std::vector<BurnReport> reports;
   NotStarted not_started;
+  bool is_asked_to_end = false;
   for (const PlannedBurn& planned : burns) {
-    if (not_started.reason.empty() && !reports.empty() && !reports.back().is_succeeded) {
-      not_started.reason = BURN_BEFORE_FAILED;
+    if (not_started.reason.empty() && !reports.empty()) {
+      is_asked_to_end |= IsAskedToEnd();
+      if (!reports.back().is_succeeded) {
+        not_started.reason = BURN_BEFORE_FAILED;
+      } else if (is_asked_to_end) {
+        not_started.reason = "asked to end";
+      }
     }
     if (!not_started.reason.empty()) {
       not_started.devices.insert(planned.asked.begin(), planned.asked.end());
@@ -188,6 +195,7 @@ SeriesReport RunSeries(const Options& options, const std::vector<PlannedBurn>& b
                 << "output is no longer read" << std::endl;
     }
     ending = burn.ending;
+    is_asked_to_end |= burn.is_asked_to_end;
     outputs.Finish();
     reports.push_back(log.Conclude(planned.asked, ending));
     series.is_fwpush &= log.IsFwpush();

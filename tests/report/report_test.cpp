@@ -190,6 +190,54 @@ TEST_F(SeriesTest, SeriesThatCannotStartLeavesTheLogOfBefore) {
   EXPECT_EQ(ReadText(log), "before");
 }
 
+/// A signal ends a series even if the burn succeeds in spite of it, or has ended and something that
+/// it started holds its console.
+TEST_F(SeriesTest, RequestToEndEndsTheSeries) {
+  const std::string late = "sleep 60 2>/dev/null & echo $! >\"$0.pid\"; ";
+  for (const std::string& rest :
+       {std::string("for i in 1 2 3 4 5 6 7 8 9; do sleep 0.1; done"), late + "exit 0"}) {
+    for (const int number : {SIGINT, SIGTERM}) {
+      if (rest.starts_with(late) && number == SIGINT) continue;
+      SCOPED_TRACE(rest + std::to_string(number));
+      const std::string runs = _folder / "runs";
+      _folder.Write("runs", "");
+      const std::string log = _folder / "console";
+      const std::vector<std::string> burn = {
+          "/bin/sh",
+          "-c",
+          "trap '' INT TERM; echo run >>\"$0\"; echo '-I- Generic Burning:'; "
+          "echo 'Burning - OK'; echo '-I- BURN SUCCEEDED'; " +
+              rest,
+          runs,
+          "-g",
+          _list};
+      Child report(Words({"--json", _folder / "report.json", "--log", log}, burn),
+                   _folder / "errors");
+      while (true) {
+        const std::string line = report.ReadLine();
+        if (line == "-I- BURN SUCCEEDED" || line.empty()) break;
+      }
+      // Until the burner has ended, where it does: a zombie of the report, or gone.
+      if (rest.starts_with(late)) {
+        for (int i = 0; i < 100 && !std::filesystem::exists(runs + ".pid"); ++i) usleep(10000);
+        usleep(200000);
+      }
+      report.Signal(number);
+      EXPECT_EQ(report.Wait(), 1);
+      EXPECT_EQ(ReadText(runs), "run\n");
+      EXPECT_EQ(Json()["burns_run"], 1);
+      EXPECT_EQ(Json()["failure"], "not all burns were started: asked to end");
+      EXPECT_EQ(Json()["devices"][0]["outcome"], "burnt");
+      EXPECT_EQ(Json()["devices"].back()["reason"], "not started: asked to end");
+      EXPECT_EQ(Report({"--from", log}, {"fwpush", "-g", _list}).status, 1);
+      if (rest.starts_with(late)) {
+        kill(std::stoi(ReadText(runs + ".pid")), SIGKILL);
+        std::filesystem::remove(runs + ".pid");
+      }
+    }
+  }
+}
+
 TEST_F(SeriesTest, LogThatEndsBeforeTheSeriesDoesIsNoSuccess) {
   const std::string log = _folder / "console";
   EXPECT_EQ(Report({"--log", log}, Burner(_folder / "runs", 0)).status, 0);
