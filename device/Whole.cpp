@@ -107,25 +107,37 @@ void Judge::Add(Known known) {
   _known.push_back(std::move(known));
 }
 
-void Judge::AddPresentImages() {
-  for (std::uint32_t slot = 0; slot < SLOTS; ++slot) {
-    if (!Boots(slot)) continue;
-    const std::uint32_t start = _layout.records[slot];
-    if (!_layout.HasPointerSectors()) {
-      // A slot reaches as far as the other one begins, or to the end.
-      const std::uint64_t other = _layout.records[1 - slot];
-      const std::uint64_t end = other > start ? other : _memory.size();
-      Add({slot, Whole::OLD, {{start, *PartOf(_memory, start, end - start)}}});
-      continue;
-    }
-    const device::Bytes record = *PartOf(_memory, start, POINTER_RECORD_SIZE);
-    const std::uint32_t addr = WordAt(record, RECORD_ADDR);
-    const auto image = PartOf(_memory, addr, WordAt(record, RECORD_IMAGE_SIZE));
-    if (!image) continue;
-    const Known known{slot, Whole::OLD, {{addr, *image}, {start, record}}};
-    Add(known);
-    if (slot == 1) AddMoved(known, record);
+std::vector<PresentImage> Judge::AddPresentImages() {
+  std::vector<PresentImage> added;
+  for (const std::uint32_t slot : UnexplainedSlots()) {
+    // The record of another image may be the same as that of the new one.
+    const bool is_old = std::ranges::any_of(_known, [&](const Known& known) {
+      return known.slot == slot && known.whole == Whole::OLD && HasRecordOf(known);
+    });
+    if (!is_old) AddPresentImage(slot, added);
   }
+  return added;
+}
+
+void Judge::AddPresentImage(std::uint32_t slot, std::vector<PresentImage>& added) {
+  const std::uint32_t start = _layout.records[slot];
+  if (!_layout.HasPointerSectors()) {
+    // A slot reaches as far as the other one begins, or to the end.
+    const std::uint64_t other = _layout.records[1 - slot];
+    const std::uint64_t end = other > start ? other : _memory.size();
+    Add({slot, Whole::OLD, {{start, *PartOf(_memory, start, end - start)}}});
+    added.push_back({.slot = slot});
+    return;
+  }
+  const device::Bytes record = *PartOf(_memory, start, POINTER_RECORD_SIZE);
+  const std::uint32_t addr = WordAt(record, RECORD_ADDR);
+  const std::uint32_t size = WordAt(record, RECORD_IMAGE_SIZE);
+  const auto image = PartOf(_memory, addr, size);
+  if (!image) return;
+  const Known known{slot, Whole::OLD, {{addr, *image}, {start, record}}};
+  Add(known);
+  if (slot == 1) AddMoved(known, record);
+  added.push_back({.slot = slot, .record_size = size});
 }
 
 void Judge::AddPresentInvariantSector() { AddInvariantSector(Whole::OLD, _memory); }
@@ -192,9 +204,11 @@ void Judge::AddSlot(const Image& image, const Memory& filled, std::uint32_t slot
 
 bool Judge::AddKnownImage(const Image& image, const Identity& identity, const Memory& before,
                           Whole whole, Origin origin) {
-  if (LayoutOf(image, _layout.sector_size) != _layout) return false;
+  const auto layout = LayoutOf(image, _layout.sector_size);
+  if (!layout || layout->kind != _layout.kind) return false;
   const Burn burn(image, BurnKind::FAILSAFE, identity);
   const auto know = [&](const FillPart& part, std::uint32_t slot) {
+    if (layout->records[slot] != _layout.records[slot]) return;
     Memory filled = before;
     try {
       burn.Fill(filled, part);
@@ -212,7 +226,7 @@ bool Judge::AddKnownImage(const Image& image, const Identity& identity, const Me
     }
   }
   if (origin != Origin::FAILSAFE_BURN) know({}, 0);
-  return true;
+  return layout == _layout;
 }
 
 // ---- What is there
@@ -246,18 +260,33 @@ bool Judge::Boots(std::uint32_t slot) const {
   return _boots[slot];
 }
 
+std::vector<std::uint32_t> Judge::UnexplainedSlots() const {
+  const Verdict verdict = CurrentVerdict();
+  std::vector<std::uint32_t> slots;
+  for (std::uint32_t slot = 0; slot < SLOTS; ++slot) {
+    if (verdict.slots[slot].BootsBroken()) slots.push_back(slot);
+  }
+  return slots;
+}
+
+/// Whether the record that its image was made with stands in its slot.
+bool Judge::HasRecordOf(const Known& known) const {
+  const std::uint32_t record = _layout.records[known.slot];
+  const std::uint32_t size = _layout.RecordSize();
+  return std::ranges::any_of(known.ranges, [&](const auto& range) {
+    const auto& [start, bytes] = range;
+    return start == record && bytes.size() >= size &&
+           std::ranges::equal(View(_memory).subspan(start, size), View(bytes).first(size));
+  });
+}
+
 std::optional<ShortRecord> Judge::ShortRecordOf(std::uint32_t slot) const {
   if (!_layout.HasPointerSectors()) return std::nullopt;
   for (const Known& known : _known) {
-    if (known.slot != slot) continue;
-    for (const auto& [start, bytes] : known.ranges) {
-      if (start != _layout.records[slot] || bytes.size() < POINTER_RECORD_SIZE) continue;
-      const std::uint32_t size = WordAt(bytes, RECORD_IMAGE_SIZE);
-      const View held = View(_memory).subspan(start, POINTER_RECORD_SIZE);
-      if (size < known.image_size && std::ranges::equal(held, View(bytes).first(held.size()))) {
-        return ShortRecord{slot, size, known.image_size};
-      }
-    }
+    if (known.slot != slot || !HasRecordOf(known)) continue;
+    const View record = View(_memory).subspan(_layout.records[slot], POINTER_RECORD_SIZE);
+    const std::uint32_t size = WordAt(record, RECORD_IMAGE_SIZE);
+    if (size < known.image_size) return ShortRecord{slot, size, known.image_size};
   }
   return std::nullopt;
 }

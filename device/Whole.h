@@ -76,6 +76,15 @@ struct ShortRecord {
   bool operator==(const ShortRecord&) const = default;
 };
 
+/// An image of which only the device's own bytes tell.
+struct PresentImage {
+  std::uint32_t slot = 0;
+  /// Bytes, as the record has it; the image may be longer. Nothing of a boot record, which has
+  /// none.
+  std::optional<std::uint32_t> record_size = {};
+  bool operator==(const PresentImage&) const = default;
+};
+
 /// In words: "the record of slot 0 gives 0x800 bytes, and its image has 0x1800".
 std::string Describe(const ShortRecord& record);
 
@@ -89,15 +98,18 @@ class Judge {
  public:
   Judge(const BootLayout& layout, Bytes memory);
 
-  /// Adds the image of every slot that boots now, as an old one. A second image that was moved into
-  /// the first slot is as whole as it was, here and below.
-  void AddPresentImages();
+  /// Adds the image of every slot that boots now and that no known image explains, as an old one.
+  /// It is taken for as long as its record says, or, of a boot record, as its slot is: more cannot
+  /// be known, and a verdict on it is worth no more than that. Returns these slots. Leaves out a
+  /// slot with the record of a known old image, which it does not hold wholly. A second image that
+  /// was moved into the first slot is as whole as it was, here and below.
+  std::vector<PresentImage> AddPresentImages();
   /// Adds the invariant sector as it is now.
   void AddPresentInvariantSector();
   /// Takes what the image is on the device for whole, in either slot; of `origin` as that leaves
   /// it. `before` is the device's memory as this image addresses it. What does not fit is never
-  /// whole. Returns false, and adds nothing, where the image keeps its slots elsewhere
-  /// than this judge looks.
+  /// whole. Returns false where the image keeps a slot elsewhere than this judge looks; that slot
+  /// is not added.
   bool AddKnownImage(const Image& image, const Identity& identity, const Memory& before,
                      Whole whole, Origin origin = Origin::ANY);
 
@@ -109,6 +121,8 @@ class Judge {
 
   Verdict CurrentVerdict() const;
   bool Boots(std::uint32_t slot) const;
+  /// The slots that boot now and hold no known image wholly.
+  std::vector<std::uint32_t> UnexplainedSlots() const;
   /// The record in the slot is that of a known image, and gives a smaller size than that has. A
   /// burn that moves the image goes by the record, and leaves a part of it.
   std::optional<ShortRecord> ShortRecordOf(std::uint32_t slot) const;
@@ -127,6 +141,8 @@ class Judge {
   static constexpr std::uint32_t INVARIANT = SLOTS;  ///< in the place of a slot
 
   void Add(Known known);
+  bool HasRecordOf(const Known& known) const;
+  void AddPresentImage(std::uint32_t slot, std::vector<PresentImage>& added);
   void AddSlot(const Image& image, const Memory& filled, std::uint32_t slot, Whole whole);
   void AddMoved(const Known& second, View record);
   void AddInvariantSector(Whole whole, View memory);

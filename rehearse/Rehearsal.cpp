@@ -20,6 +20,9 @@ RehearsalReport Rehearse(const RehearsalOptions& options, const RehearsalProgres
   RehearsalReport report;
   report.devices = devices.Guids().size();
   for (const device::Guid guid : devices.Guids()) {
+    if (const auto& images = devices.KnownByRecord(guid); !images.empty()) {
+      report.known_by_record.push_back({guid, images});
+    }
     if (devices.BootsAtStart(guid)) continue;
     ++report.unbootable_at_start;
     report.Add({.device = guid,

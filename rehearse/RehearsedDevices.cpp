@@ -16,12 +16,15 @@ RehearsedDevices::RehearsedDevices(const RehearsalOptions& options) : _options(o
   _start.faults = {};  // only the rehearsal injects faults
   _image = sim::LoadImage(options.image_file);
   ChooseDevices();
-  for (const device::Guid guid : _guids) _judges.emplace(guid, MakeJudge(*_start.Find(guid)));
+  for (const device::Guid guid : _guids) AddJudge(*_start.Find(guid));
 }
 
 RehearsedDevices::RehearsedDevices(const RehearsedDevices& before, const sim::Fabric& now,
                                    bool is_finished)
-    : _options(before._options), _image(before._image), _guids(before._guids) {
+    : _options(before._options),
+      _image(before._image),
+      _guids(before._guids),
+      _known_by_record(before._known_by_record) {
   _start.facts = now.facts;
   for (const auto& [guid, device] : now.Devices()) _start.CopyDevice(device);
   for (const device::Guid guid : _guids) {
@@ -49,26 +52,29 @@ void RehearsedDevices::ChooseDevices() {
 }
 
 /// The judge takes the old images from their files, where the fabric file names them; the result of
-/// a burn under test must not define what is whole.
-device::Judge RehearsedDevices::MakeJudge(const sim::Device& device) const {
+/// a burn under test must not define what is whole. Only a slot that no file can explain is taken
+/// as it is.
+void RehearsedDevices::AddJudge(const sim::Device& device) {
   const device::Memory memory = sim::MemoryOf(device, _image);
   if (!memory.Holds(0, memory.sector_size)) {
     throw sim::JudgeError(common::Text("The image's slots lie past the ", memory.bytes.size(),
                                        " bytes of its device map"));
   }
   device::Judge judge(sim::LayoutOf(_image, _options.image_file, memory.sector_size), memory.bytes);
-  try {
-    for (const std::string& file : device.images) {
+  bool has_all_images = !device.images.empty();
+  for (const std::string& file : device.images) {
+    try {
       sim::AddKnownImageFile(judge, device, file, device::Whole::OLD);
+    } catch (const sim::JudgeError&) {
+      has_all_images = false;  // one with another layout: a slot may hold it, or a part of it
     }
-  } catch (const sim::JudgeError&) {
-    judge.AddPresentImages();  // an image with another layout: the images that boot now are the
-                               // known ones
   }
-  if (device.images.empty()) judge.AddPresentImages();
   judge.AddPresentInvariantSector();
   AddNewImage(judge, device);
-  return judge;
+  std::vector<device::PresentImage> by_record;
+  if (!has_all_images) by_record = judge.AddPresentImages();
+  _known_by_record.emplace(device.node_guid, std::move(by_record));
+  _judges.emplace(device.node_guid, std::move(judge));
 }
 
 void RehearsedDevices::AddNewImage(device::Judge& judge, const sim::Device& device) const {
@@ -91,10 +97,10 @@ void RehearsedDevices::CopyTo(sim::Fabric& fabric) const {
   for (const auto& [guid, device] : _start.Devices()) fabric.CopyDevice(device);
 }
 
-device::Verdict RehearsedDevices::VerdictOn(const sim::Fabric& fabric, device::Guid guid) const {
+device::Judge RehearsedDevices::JudgeOn(const sim::Fabric& fabric, device::Guid guid) const {
   device::Judge judge = JudgeOf(guid);
   judge.SetAll(sim::MemoryOf(*fabric.Find(guid), _image).bytes);
-  return judge.CurrentVerdict();
+  return judge;
 }
 
 std::optional<std::uint32_t> RehearsedDevices::LinearOf(std::uint8_t chip,

@@ -32,12 +32,21 @@ class RehearsedDevices {
 
   /// The judge of a device, with the memory as it was before the burn.
   const device::Judge& JudgeOf(device::Guid guid) const { return _judges.at(guid); }
+  /// The images that a device held before the burn and that no named file explains: how long they
+  /// are, only the device's own records tell.
+  const std::vector<device::PresentImage>& KnownByRecord(device::Guid guid) const {
+    return _known_by_record.at(guid);
+  }
   bool BootsAtStart(device::Guid guid) const { return JudgeOf(guid).CurrentVerdict().BootsWhole(); }
   /// Copies all devices, as they were before the burn, to an empty fabric.
   void CopyTo(sim::Fabric& fabric) const;
 
-  /// The verdict on a device of another fabric that was burnt from the same starting state.
-  device::Verdict VerdictOn(const sim::Fabric& fabric, device::Guid guid) const;
+  /// The judge of a device, with its memory in another fabric that was burnt from the same starting
+  /// state; and its verdict.
+  device::Judge JudgeOn(const sim::Fabric& fabric, device::Guid guid) const;
+  device::Verdict VerdictOn(const sim::Fabric& fabric, device::Guid guid) const {
+    return JudgeOn(fabric, guid).CurrentVerdict();
+  }
   /// Whether a burn may end with this verdict: of a flash, exactly one slot boots and it is new; of
   /// an RV61300, both are.
   bool IsBurnt(const device::Verdict& verdict) const { return verdict.IsBurnt(_image.Slots()); }
@@ -52,7 +61,7 @@ class RehearsedDevices {
 
  private:
   void ChooseDevices();
-  device::Judge MakeJudge(const sim::Device& device) const;
+  void AddJudge(const sim::Device& device);
   void AddNewImage(device::Judge& judge, const sim::Device& device) const;
 
   const RehearsalOptions& _options;
@@ -60,6 +69,7 @@ class RehearsedDevices {
   device::Image _image;
   std::vector<device::Guid> _guids;
   std::map<device::Guid, device::Judge> _judges;
+  std::map<device::Guid, std::vector<device::PresentImage>> _known_by_record;
 };
 
 }  // namespace rehearse

@@ -48,10 +48,18 @@ struct FurtherBurns {
   std::size_t unrecovered = 0;
 };
 
+/// A device's images of which only its own records tell how long they are.
+struct KnownByRecord {
+  device::Guid device = 0;
+  std::vector<device::PresentImage> images;
+};
+
 struct RehearsalReport {
   std::string algorithm;
   std::size_t devices = 0;
   std::size_t unbootable_at_start = 0;  ///< devices that did not boot before the burn
+  /// What is said of these images holds as far as their records tell.
+  std::vector<KnownByRecord> known_by_record;
   std::size_t requests = 0;
   std::size_t writes = 0;
   std::size_t erases = 0;

@@ -72,6 +72,35 @@ std::string TextOf(const rehearse::TornRecords& torn) {
                       Counted(torn.OneIn(), "torn word"));
 }
 
+/// What is known of an image that no file explains.
+std::string TextOf(const device::PresentImage& image) {
+  const std::string size = image.record_size ? common::Text("its record gives 0x", std::hex,
+                                                            *image.record_size, " bytes")
+                                             : "its boot record gives no size";
+  return common::Text("slot ", image.slot, ", which no image file explains: ", size);
+}
+
+/// That every device boots a whole image; as far as records tell where nothing else is known.
+std::string SafeEnd(const rehearse::RehearsalReport& report) {
+  const std::string begin = "no interruption that was tried leaves a device that does not boot";
+  if (report.known_by_record.empty()) return begin + " a whole image";
+  std::set<std::uint32_t> slots;
+  bool has_sizes = true;
+  for (const rehearse::KnownByRecord& known : report.known_by_record) {
+    for (const device::PresentImage& image : known.images) {
+      slots.insert(image.slot);
+      has_sizes = has_sizes && image.record_size.has_value();
+    }
+  }
+  const std::string end = begin + ";\n    an old image that it may boot is whole as far as ";
+  const std::string first = std::to_string(*slots.begin());
+  if (slots.size() > 1) {
+    return end + (has_sizes ? "the records of slots 0 and 1 give its size" : "its slot reaches");
+  }
+  return end + (has_sizes ? "the record of slot " + first + " gives its size"
+                          : "slot " + first + " reaches");
+}
+
 /// The good end, and exactly what it is about.
 void PrintSafe(const rehearse::RehearsalReport& report, const Options& options) {
   using rehearse::Interruption;
@@ -95,8 +124,7 @@ void PrintSafe(const rehearse::RehearsalReport& report, const Options& options) 
             << Counted(At(report.recoveries, Interruption::DROPPED), "time")
             << ";\n    torn words and erases in one way each, by --seed " << options.seed;
   if (report.torn_records.words > 0) std::cout << ", torn boot records in every way";
-  std::cout << "\n  no interruption that was tried leaves a device that does not boot a whole image"
-            << std::endl;
+  std::cout << "\n  " << SafeEnd(report) << std::endl;
 }
 
 void PrintTable(const rehearse::RehearsalReport& report, const Options& options) {
@@ -126,6 +154,11 @@ void PrintTable(const rehearse::RehearsalReport& report, const Options& options)
   if (report.unbootable_at_start > 0) {
     row("",
         common::Text(report.unbootable_at_start, " device(s) did not boot before the burn either"));
+  }
+  for (const rehearse::KnownByRecord& known : report.known_by_record) {
+    for (const device::PresentImage& image : known.images) {
+      row("known by record", common::HexGuid(known.device) + ", " + TextOf(image));
+    }
   }
   const std::size_t recoveries = At(report.recoveries, Interruption::POWER) +
                                  At(report.recoveries, Interruption::KILLED) +
@@ -226,10 +259,21 @@ nlohmann::json Json(const rehearse::RehearsalReport& report, unsigned seed) {
                           {"state", exception.state},
                           {"reason", exception.reason}});
   }
+  nlohmann::json known_by_record = nlohmann::json::array();
+  for (const rehearse::KnownByRecord& known : report.known_by_record) {
+    nlohmann::json slots = nlohmann::json::array();
+    for (const device::PresentImage& image : known.images) {
+      slots.push_back({{"slot", image.slot},
+                       {"record_size", image.record_size ? nlohmann::json(*image.record_size)
+                                                         : nlohmann::json(nullptr)}});
+    }
+    known_by_record.push_back({{"device", common::HexGuid(known.device)}, {"slots", slots}});
+  }
   return {{"version", 1},
           {"algorithm", report.algorithm},
           {"devices", report.devices},
           {"unbootable_at_start", report.unbootable_at_start},
+          {"known_by_record", known_by_record},
           {"seed", seed},
           {"requests", report.requests},
           {"writes", report.writes},

@@ -75,7 +75,7 @@ std::string BootReport(const Fabric& fabric, const std::vector<std::string>& ima
     report += HexGuid(guid) + " ";
     try {
       const device::Judge judge = JudgeByImages(device, images);
-      if (images.empty() && judge.CurrentVerdict().HasBroken()) {
+      if (images.empty() && !judge.UnexplainedSlots().empty()) {
         report += "not judged: a slot holds an unknown image; name it with --image";
       } else {
         report += Describe(judge);

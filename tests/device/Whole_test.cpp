@@ -207,11 +207,52 @@ TEST_F(FlashJudgeTest, WithoutImagesWhatBootsNowIsWhole) {
   EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots BROKEN: slot 0 invalid, slot 1 broken");
 }
 
-TEST_F(FlashJudgeTest, AnImageThatKeepsItsRecordsElsewhereIsNotKnown) {
-  const Memory memory = FilledWith(_old, 0);
+TEST_F(FlashJudgeTest, OnlyWhatNoKnownImageExplainsIsTakenAsItIs) {
+  const Memory first = FilledWith(_old, 0);
+  Memory both = first;
+  Burn(_new, BurnKind::FAILSAFE, SomeDevice()).Fill(both, {.slot = 1});
+  const std::vector<PresentImage> second = {{.slot = 1, .record_size = 0x10}};
+
+  Judge judge(FlashLayout(), both.bytes);
+  judge.AddKnownImage(_old, SomeDevice(), first, Whole::OLD);
+  EXPECT_EQ(judge.UnexplainedSlots(), std::vector<std::uint32_t>{1});
+  EXPECT_EQ(judge.AddPresentImages(), second);
+  EXPECT_EQ(judge.UnexplainedSlots(), std::vector<std::uint32_t>{});
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old: slot 0 old, slot 1 old");
+
+  // The record of a known old image, and not the image: that is no image of its own.
+  judge = Judge(FlashLayout(), both.bytes);
+  judge.AddKnownImage(_old, SomeDevice(), first, Whole::OLD);
+  judge.Set(SLOT[0] + 3, 0x10);
+  EXPECT_EQ(judge.UnexplainedSlots(), (std::vector<std::uint32_t>{0, 1}));
+  EXPECT_EQ(judge.AddPresentImages(), second);
+  EXPECT_TRUE(judge.CurrentVerdict().slots[0].BootsBroken());
+
+  // An unknown image may have the record of the new one, which is not there yet.
+  judge = Judge(FlashLayout(), both.bytes);
+  judge.AddKnownImage(_new, SomeDevice(), first, Whole::NEW);
+  judge.Set(SLOT[1] + 3, 0x10);
+  EXPECT_EQ(judge.AddPresentImages(),
+            (std::vector<PresentImage>{{.slot = 0, .record_size = 0x10}, second.front()}));
+}
+
+TEST(RecordJudgeTest, ABootRecordGivesNoSizeOfAPresentImage) {
+  const Image image = RecordImage(0x11);
+  Memory memory{Bytes(0x100, 0xEE), 0};
+  Burn(image, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
+  Judge judge(*LayoutOf(image, 0), memory.bytes);
+  EXPECT_EQ(judge.AddPresentImages(), (std::vector<PresentImage>{{.slot = 1}}));
+}
+
+TEST_F(FlashJudgeTest, AnImageIsKnownInTheSlotsThatAreWhereTheJudgeLooks) {
+  Memory memory = FilledWith(_old, 0);
+  Burn(_old, BurnKind::FAILSAFE, SomeDevice()).Fill(memory, {.slot = 1});
   Judge judge(FlashLayout(), memory.bytes);
-  _new.slots[1].pointer_sector = 0x1C00;
-  EXPECT_FALSE(judge.AddKnownImage(_new, SomeDevice(), memory, Whole::NEW));
+  Image elsewhere = _old;
+  elsewhere.slots[1].pointer_sector = 0x1C00;
+  elsewhere.sections[2].addr = 0x1C00;
+  EXPECT_FALSE(judge.AddKnownImage(elsewhere, SomeDevice(), memory, Whole::OLD));
+  EXPECT_EQ(Describe(judge.CurrentVerdict()), "boots old or BROKEN: slot 0 old, slot 1 broken");
 }
 
 TEST_F(FlashJudgeTest, OneThatFollowsAgreesWithOneThatLooksAfresh) {

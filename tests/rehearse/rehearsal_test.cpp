@@ -400,6 +400,158 @@ TEST_F(RehearsalTest, CopyOfAPartOfTheSecondImageIsFoundOutAndExplained) {
   EXPECT_TRUE(rehearse::Rehearse(Options(fabric, 10)).IsWell());
 }
 
+/// A device of which a fabric file gives the bytes only, or images of which some lie elsewhere.
+class PresentImageTest : public RehearsalTest {
+ protected:
+  std::string LargeFlash(const std::string& contents) {
+    return FabricFile(Text("[device.flash]\nsize = ", 2 * FLASH_SIZE, "\nsector_size = ", SECTOR),
+                      {contents});
+  }
+  /// Contents that hold what the device of `contents` does, without the names of its images.
+  std::string RawOf(const std::string& contents) {
+    sim::Fabric fabric;
+    sim::LoadFabric(LargeFlash(contents), {}, fabric);
+    const auto bytes = fabric.Find(0x10)->chips.at(0).Bytes();
+    _folder.Write("dump.bin", std::string(bytes.begin(), bytes.end()));
+    return "[[device.contents]]\nraw = \"dump.bin\"\n";
+  }
+  /// An image that keeps all its parts where no other one does.
+  static std::string ElsewhereImage() {
+    const FlashImage image{.content = 0x33, .size = 0x20, .image1 = 0x3C00, .image0 = 0x3800};
+    std::string text = image.Text();
+    const auto move = [&text](const std::string& from, const std::string& to) {
+      for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+      }
+    };
+    move(" 400 ", " 3000 ");
+    move(" 408 ", " 3008 ");
+    move(" 500 ", " 3100 ");
+    move(" 504 ", " 3104 ");
+    move(" 800 ", " 3400 ");
+    move(" 808 ", " 3408 ");
+    move(" 900 ", " 3500 ");
+    move(" 904 ", " 3504 ");
+    return text;
+  }
+  rehearse::RehearsalReport RehearsalOf(const std::string& contents) {
+    rehearse::RehearsalOptions options = Options(LargeFlash(contents));
+    options.has_next = false;  // what is known of the old images is the same there
+    return rehearse::Rehearse(options);
+  }
+  /// The slots of the only device of which the report says that only records tell of them.
+  static std::vector<device::PresentImage> KnownByRecord(const rehearse::RehearsalReport& report) {
+    if (report.known_by_record.empty()) return {};
+    EXPECT_EQ(report.known_by_record.size(), 1u);
+    EXPECT_EQ(report.known_by_record.front().device, 0x10u);
+    return report.known_by_record.front().images;
+  }
+  /// What a report finds: where, in which state, why.
+  static std::vector<std::string> Findings(const rehearse::RehearsalReport& report) {
+    std::vector<std::string> findings;
+    for (const rehearse::RehearsalException& exception : report.exceptions) {
+      findings.push_back(Text(exception.first ? Describe(*exception.first) : "", " ",
+                              exception.points, " ", exception.step, " ", exception.state, " ",
+                              exception.reason));
+    }
+    return findings;
+  }
+};
+
+TEST_F(PresentImageTest, LengthThatOnlyARecordTellsIsNotTakenForCertain) {
+  // As above: what is moved is less than the image.
+  OldImage({.size = 0x600, .image1 = 0x1800, .missing = 0x400});
+  NewImage({.content = 0x22, .size = 0xE00, .image1 = 0x1C00});
+  _folder.Write("elsewhere.img", ElsewhereImage());
+  const std::string old_image = Holds("old.img", 1);
+  const std::string elsewhere = Holds("elsewhere.img", 1);
+  const rehearse::RehearsalReport truth = RehearsalOf(old_image);
+  EXPECT_FALSE(truth.IsWell());
+  EXPECT_TRUE(truth.known_by_record.empty());
+
+  const rehearse::RehearsalReport raw = RehearsalOf(RawOf(old_image));
+  EXPECT_TRUE(raw.IsWell());
+  EXPECT_EQ(KnownByRecord(raw),
+            (std::vector<device::PresentImage>{{.slot = 1, .record_size = 0x200}}));
+
+  for (const std::string& contents : {old_image + elsewhere, elsewhere + old_image}) {
+    const rehearse::RehearsalReport report = RehearsalOf(contents);
+    EXPECT_EQ(Findings(report), Findings(truth));
+    EXPECT_TRUE(report.known_by_record.empty());
+  }
+}
+
+TEST_F(PresentImageTest, DamagedImageOfANamedFileIsNotTakenAsItIs) {
+  OldImage();
+  NewImage();
+  _folder.Write("elsewhere.img", ElsewhereImage());
+  _folder.Write("spot.bin", "spot");
+  const std::string spot = Text("[[device.contents]]\nraw = \"spot.bin\"\nat = ", IMAGE0 + 8, "\n");
+  const rehearse::RehearsalReport report =
+      RehearsalOf(Holds("old.img", 0) + Holds("old.img", 1) + spot + Holds("elsewhere.img", 1));
+  EXPECT_FALSE(report.IsWell());
+  EXPECT_TRUE(report.known_by_record.empty());
+}
+
+TEST_F(PresentImageTest, NewImageInADumpIsKnownByItsFile) {
+  NewImage();
+  const rehearse::RehearsalReport report = RehearsalOf(RawOf(Holds("new.img", 1)));
+  EXPECT_TRUE(report.IsWell());
+  EXPECT_TRUE(report.known_by_record.empty());
+}
+
+/// The truth is the image that was filled in: what is said to be certain must hold for it.
+TEST_F(PresentImageTest, NothingIsCertainThatTheImageOnTheDeviceDoesNotBear) {
+  const unsigned seed = 11;
+  SCOPED_TRACE(seed);
+  std::mt19937 rng(seed);
+  const auto any_of = [&](std::initializer_list<u_int32_t> values) {
+    return values.begin()[rng() % values.size()];
+  };
+  _folder.Write("elsewhere.img", ElsewhereImage());
+  const std::string elsewhere = Holds("elsewhere.img", 1);
+  unsigned safe = 0;
+  unsigned unsafe = 0;
+  unsigned not_certain = 0;  // said to be safe as far as a record tells, and is not
+  for (int i = 0; i < 40; ++i) {
+    SCOPED_TRACE(i);
+    const u_int32_t size = any_of({0x200, 0x600});
+    OldImage({.size = size,
+              .image1 = any_of({0x1400, 0x1800}),
+              .missing = size * any_of({0, 1, 1, 2}) / 4});
+    NewImage({.content = 0x22,
+              .size = any_of({0x20, 0xE00, 0xE00}),
+              .image1 = any_of({0x1C00, 0x2400})});
+    const std::string slots[] = {Holds("old.img", 1), Holds("old.img", 1), Holds("old.img", 0),
+                                 Holds("old.img", 0) + Holds("old.img", 1)};
+    const std::string& contents = slots[rng() % std::size(slots)];
+    const rehearse::RehearsalReport truth = RehearsalOf(contents);
+    ++(truth.IsWell() ? safe : unsafe);
+
+    const bool is_first = rng() % 2 == 0;
+    const rehearse::RehearsalReport two =
+        RehearsalOf(is_first ? elsewhere + contents : contents + elsewhere);
+    ASSERT_EQ(Findings(two), Findings(truth));
+    ASSERT_TRUE(two.known_by_record.empty());
+
+    const std::string dump = RawOf(contents);
+    const rehearse::RehearsalReport raw = RehearsalOf(rng() % 2 == 0 ? dump : dump + elsewhere);
+    std::size_t valid = 0;
+    for (std::size_t at = 0; (at = contents.find("old.img", at)) != std::string::npos; ++at) {
+      ++valid;
+    }
+    ASSERT_EQ(KnownByRecord(raw).size(), valid);
+    if (raw.IsWell() && !truth.IsWell()) ++not_certain;
+    // What the bytes show is true.
+    if (!raw.IsWell()) {
+      ASSERT_FALSE(truth.IsWell());
+    }
+  }
+  EXPECT_GE(safe, 6u);
+  EXPECT_GE(unsafe, 3u);
+  EXPECT_GE(not_certain, 2u);
+}
+
 TEST_F(RehearsalTest, NextBurnThatBricksIsFoundOut) {
   // The first slot of the new image is 0x1000 to 0x1600, which is behind 3 sectors, and its second
   // slot begins at 0x1400. This burn writes the second slot, and is safe. The next one writes the
@@ -679,6 +831,37 @@ TEST_F(RehearseProgramTest, StatusTellsWhetherAllInterruptionsAreSurvived) {
   EXPECT_THAT(bad.output, testing::HasSubstr("point 0 and "));
   EXPECT_THAT(bad.output, testing::HasSubstr("the device has only one"));
   EXPECT_THAT(bad.output, testing::HasSubstr("NOT FAILSAFE"));
+}
+
+TEST_F(RehearseProgramTest, WhatOnlyRecordsTellIsSaidSo) {
+  OldImage();
+  NewImage();
+  const std::string fabric = FlashFabric(Holds("old.img", 0) + Holds("old.img", 1));
+  sim::Fabric device;
+  sim::LoadFabric(fabric, {}, device);
+  const auto bytes = device.Find(0x10)->chips.at(0).Bytes();
+  _folder.Write("dump.bin", std::string(bytes.begin(), bytes.end()));
+  FlashFabric("[[device.contents]]\nraw = \"dump.bin\"\n");
+  const Outcome outcome = Run({"--recover", "5", "--json", _folder / "report.json"});
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  for (const int slot : {0, 1}) {
+    EXPECT_THAT(
+        outcome.output,
+        testing::HasSubstr(Text("\n  known by record   0x0000000000000010, slot ", slot,
+                                ", which no image file explains: its record gives 0x20 bytes\n")));
+  }
+  EXPECT_THAT(outcome.output, testing::Not(testing::HasSubstr("boot a whole image")));
+  EXPECT_THAT(
+      outcome.output,
+      testing::EndsWith(
+          "\n  no interruption that was tried leaves a device that does not boot;\n"
+          "    an old image that it may boot is whole as far as the records of slots 0 and 1 "
+          "give its size\n"));
+  std::ifstream file(_folder / "report.json");
+  const nlohmann::json known = {
+      {{"device", "0x0000000000000010"},
+       {"slots", {{{"slot", 0}, {"record_size", 0x20}}, {{"slot", 1}, {"record_size", 0x20}}}}}};
+  EXPECT_EQ(nlohmann::json::parse(file)["known_by_record"], known);
 }
 
 TEST_F(RehearseProgramTest, TornRecordsAreReportedWithPointsAndSeeds) {
