@@ -106,11 +106,12 @@ bool Recoveries::BootsEverywhere(const sim::Fabric& fabric, const InterruptionPo
   const std::lock_guard lock(_mutex);
   for (const device::Guid guid : _devices.Guids()) {
     if (!_devices.BootsAtStart(guid)) continue;
-    const device::Verdict verdict = _devices.VerdictOn(fabric, guid);
+    const device::Judge now = _devices.JudgeOn(fabric, guid);
+    const device::Verdict verdict = now.CurrentVerdict();
     if (verdict.BootsWhole()) continue;
     if (at.kind != Interruption::POWER) {
       Add(at, request, guid, verdict, Name(at.kind),
-          _burn.ReasonFor(guid, verdict, at.kind == Interruption::POWER));
+          _burn.ReasonFor(guid, now, at.kind == Interruption::POWER));
     }
     return false;
   }

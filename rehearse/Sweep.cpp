@@ -166,7 +166,7 @@ class DeviceSweep {
                               .command = is_erase ? "erase" : "write",
                               .step = _devices.StepAt(_guid, operation),
                               .state = Describe(verdict),
-                              .reason = _burn.ReasonFor(_guid, verdict, is_torn_record)});
+                              .reason = _burn.ReasonFor(_guid, _judge, is_torn_record)});
       _last = verdict;
     }
   }

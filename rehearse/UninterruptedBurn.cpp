@@ -1,5 +1,6 @@
 #include "rehearse/UninterruptedBurn.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <stdexcept>
@@ -11,6 +12,8 @@ namespace rehearse {
 
 namespace {
 
+constexpr char BAD_IMAGE[] = "the burnt slot does not hold a valid new image";
+constexpr char LONG_FIRST[] = "the old first image reaches into the second slot";
 constexpr char NO_ORDER[] = "the order of writes leaves no image that boots";
 
 }  // namespace
@@ -37,7 +40,8 @@ UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burn
   _has_moved = run.console.find("Moving image position") != std::string::npos;
   for (const device::Guid guid : devices.Guids()) {
     if (!devices.BootsAtStart(guid)) continue;
-    const device::Verdict end = devices.VerdictOn(fabric, guid);
+    const device::Judge judge = devices.JudgeOn(fabric, guid);
+    const device::Verdict end = judge.CurrentVerdict();
     // A torn write may only show a wrong order when the next burn is interrupted, too.
     const std::string disorder = IsPlain() ? "" : devices.OrderErrorOf(guid, _log.Of(guid));
     if (!disorder.empty()) {
@@ -47,7 +51,7 @@ UninterruptedBurn::UninterruptedBurn(const RehearsedDevices& devices, const Burn
                   .reason = "it " + disorder});
     }
     if (devices.IsBurnt(end)) continue;
-    _ends_well = false;
+    _wrong_ends.emplace(guid, judge);
     report.Add({.device = guid,
                 .step = "the end of the burn",
                 .state = Describe(end),
@@ -73,15 +77,16 @@ std::string UninterruptedBurn::ReasonForEnd(device::Guid guid, const device::Ver
     return "the burn failed on it: " + console.substr(text, console.find('\n', text) - text);
   }
   if (!_devices.HasBootRecords() || IsPlain()) {
-    return "the burnt slot does not hold a valid new image";
+    return BAD_IMAGE;
   }
   return end.CountInvalid() > 0
              ? "the image's own boot record is not valid in each slot"
              : "a CRC covers the first word of the boot record, which is held back";
 }
 
-std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdict& verdict,
+std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Judge& now,
                                          bool is_torn_record) const {
+  const device::Verdict verdict = now.CurrentVerdict();
   if (IsPlain()) return "the burn is not failsafe: it overwrites the image that boots";
   if (!verdict.invariant_is_whole) {
     return "the invariant sector was being rewritten; the device has only one";
@@ -89,18 +94,41 @@ std::string UninterruptedBurn::ReasonFor(device::Guid guid, const device::Verdic
   if (_devices.JudgeOf(guid).CurrentVerdict().HasBroken()) {
     return "a slot was marked valid before the burn, and its image was not whole";
   }
-  return _devices.HasBootRecords() ? ReasonWithBootRecords(verdict, is_torn_record)
-                                   : ReasonWithPointerSectors(guid, verdict);
+  return _devices.HasBootRecords() ? ReasonWithBootRecords(guid, now, is_torn_record)
+                                   : ReasonWithPointerSectors(guid, now);
+}
+
+device::View UninterruptedBurn::RecordIn(const device::Judge& judge, device::Guid guid,
+                                         std::uint32_t slot) const {
+  const device::BootLayout layout = _devices.LayoutOf(guid);
+  return judge.Bytes().subspan(layout.records[slot], layout.RecordSize());
+}
+
+/// Whether the burn is done with a slot: it has written the record with which it ends.
+bool UninterruptedBurn::HasBurntSlot(device::Guid guid, const device::Judge& now,
+                                     std::uint32_t slot) const {
+  const device::View record = RecordIn(now, guid, slot);
+  return std::ranges::equal(record, RecordIn(_wrong_ends.at(guid), guid, slot)) &&
+         !std::ranges::equal(record, RecordIn(_devices.JudgeOf(guid), guid, slot));
 }
 
 std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
-                                                        const device::Verdict& verdict) const {
+                                                        const device::Judge& now) const {
   const device::Judge& before = _devices.JudgeOf(guid);
+  const device::Verdict verdict = now.CurrentVerdict();
+  const bool ends_well = !_wrong_ends.contains(guid);
+  for (std::uint32_t slot = 0; !ends_well && slot < device::SLOTS; ++slot) {
+    if (verdict.slots[slot].BootsBroken() && HasBurntSlot(guid, now, slot)) return BAD_IMAGE;
+  }
   for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
     if (before.IsSigned(slot) && !before.Boots(slot)) {
       return "a record had a signature and a wrong CRC before the burn: the burn checks only "
              "the signature";
     }
+  }
+  // With no slot left, the last thing that was done was to give up the old image for the new one.
+  if (!ends_well && !verdict.Boots() && verdict == _wrong_ends.at(guid).CurrentVerdict()) {
+    return BAD_IMAGE;
   }
   if (const auto record = before.ShortRecordOf(1);
       _has_moved && verdict.slots[0].BootsBroken() && record) {
@@ -111,15 +139,20 @@ std::string UninterruptedBurn::ReasonWithPointerSectors(device::Guid guid,
     return "the copy of the second image overlaps the second image, the only valid one";
   }
   if (verdict.slots[0].BootsBroken() && before.Boots(0)) {
-    return "the old first image reaches into the second slot";
+    return LONG_FIRST;
   }
   if (verdict.slots[1].BootsBroken()) return "the new first image reaches into the second slot";
   return NO_ORDER;
 }
 
-std::string UninterruptedBurn::ReasonWithBootRecords(const device::Verdict& verdict,
+std::string UninterruptedBurn::ReasonWithBootRecords(device::Guid guid, const device::Judge& now,
                                                      bool is_torn_record) const {
-  if (!_ends_well) return "not every burnt slot holds a valid new image";
+  if (!EndsWell()) return "not every burnt slot holds a valid new image";
+  const device::Verdict verdict = now.CurrentVerdict();
+  if (verdict.slots[0].BootsBroken() &&
+      std::ranges::equal(RecordIn(now, guid, 0), RecordIn(_devices.JudgeOf(guid), guid, 0))) {
+    return LONG_FIRST;
+  }
   // A record of whole words adds up because the burn made it so.
   return verdict.HasBroken() && is_torn_record ? MIX_ADDS_UP : NO_ORDER;
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -39,7 +41,7 @@ class UninterruptedBurn {
   const OperationLog& Log() const { return _log; }
   std::size_t Requests() const { return _requests; }
   /// Whether every device that booted before ends in the right state.
-  bool EndsWell() const { return _ends_well; }
+  bool EndsWell() const { return _wrong_ends.empty(); }
 
   /// Whether it is not failsafe.
   bool IsPlain() const { return _algorithm == "GenericBurn"; }
@@ -49,22 +51,25 @@ class UninterruptedBurn {
   /// std::runtime_error where there is no such cut.
   void Replay(sim::Fabric& fabric, std::optional<std::size_t> point, unsigned seed) const;
 
-  /// Why a device that booted at the start does not boot when the burn is interrupted.
-  /// `is_torn_record`: a word of a boot record may be neither old nor new.
-  std::string ReasonFor(device::Guid guid, const device::Verdict& verdict,
-                        bool is_torn_record) const;
+  /// Why a device that booted at the start does not boot when the burn is interrupted: `now` has
+  /// its memory. `is_torn_record`: a word of a boot record may be neither old nor new.
+  std::string ReasonFor(device::Guid guid, const device::Judge& now, bool is_torn_record) const;
 
  private:
   std::string ReasonForEnd(device::Guid guid, const device::Verdict& end,
                            const std::string& console) const;
-  std::string ReasonWithPointerSectors(device::Guid guid, const device::Verdict& verdict) const;
-  std::string ReasonWithBootRecords(const device::Verdict& verdict, bool is_torn_record) const;
+  std::string ReasonWithPointerSectors(device::Guid guid, const device::Judge& now) const;
+  device::View RecordIn(const device::Judge& judge, device::Guid guid, std::uint32_t slot) const;
+  bool HasBurntSlot(device::Guid guid, const device::Judge& now, std::uint32_t slot) const;
+  std::string ReasonWithBootRecords(device::Guid guid, const device::Judge& now,
+                                    bool is_torn_record) const;
 
   const RehearsedDevices& _devices;
   OperationLog _log;
   std::size_t _requests = 0;
   std::string _algorithm;  ///< name in the burner's output
-  bool _ends_well = true;
+  /// Of the devices that booted before and do not end in the right state, that state.
+  std::map<device::Guid, device::Judge> _wrong_ends;
   bool _has_moved = false;  ///< it moved an image
 };
 

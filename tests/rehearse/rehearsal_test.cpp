@@ -552,6 +552,56 @@ TEST_F(PresentImageTest, NothingIsCertainThatTheImageOnTheDeviceDoesNotBear) {
   EXPECT_GE(not_certain, 2u);
 }
 
+TEST_F(RehearsalTest, FirstEepromImageThatReachesIntoTheSecondSlotIsFoundOutAndExplained) {
+  // The second slot of the old image begins behind that of the new one.
+  DataVec data = EepromData(0x01);
+  data.resize(0x90, 0x01);
+  _folder.Write("old.img",
+                "DEVICE_TYPE RV61300\nIMAGE 0 0 0\nIMAGE 1 a0 0\n" + Section("A", 0, data));
+  _folder.Write("new.img", EepromImageWithOneRecord(0x02));
+  const auto rehearse = [&](const std::string& contents) {
+    return rehearse::Rehearse(
+        Options(FabricFile("chip = [{ address = 0, size = 0x100 }]", {contents})));
+  };
+  const rehearse::RehearsalReport report = rehearse(Holds("old.img", 0));
+  EXPECT_FALSE(report.IsWell());
+  ASSERT_FALSE(report.exceptions.empty());
+  EXPECT_EQ(report.exceptions.front().reason, "the old first image reaches into the second slot");
+
+  // From its bytes alone nobody can know.
+  sim::Fabric fabric;
+  sim::LoadFabric(_folder / "fabric.toml", {}, fabric);
+  const auto bytes = fabric.Find(0x10)->chips.at(0).Bytes();
+  _folder.Write("dump.bin", std::string(bytes.begin(), bytes.end()));
+  const rehearse::RehearsalReport raw =
+      rehearse("[[device.contents]]\nraw = \"dump.bin\"\nchip = 0\n");
+  EXPECT_TRUE(raw.IsWell());
+  ASSERT_EQ(raw.known_by_record.size(), 1u);
+  EXPECT_EQ(raw.known_by_record.front().images, (std::vector<device::PresentImage>{{.slot = 0}}));
+}
+
+TEST_F(RehearsalTest, BurntSlotThatIsNotValidIsToldAsThat) {
+  // The device's GUID stands where the record has the address of the image.
+  OldImage();
+  std::string text = FlashImage{.content = 0x22}.Text();
+  text.insert(text.find("REPLACE CRC"),
+              Text(std::hex, "REPLACE GUID ", PS0, " 0\nREPLACE GUID ", PS1, " 0\n"));
+  _folder.Write("new.img", text);
+  for (const int slot : {0, 1}) {
+    const std::string fabric = _folder.Write(
+        "fabric.toml", Text("[[device]]\nnode_guid = \"0xaa55000000000010\"\nport_guids = "
+                            "[\"0x11\"]\n[device.flash]\nsize = ",
+                            FLASH_SIZE, "\nsector_size = ", SECTOR, "\n", Holds("old.img", slot)));
+    const rehearse::RehearsalReport report = rehearse::Rehearse(Options(fabric));
+    EXPECT_EQ(report.unbootable, 2u);
+    EXPECT_EQ(report.may_not_boot, 1u);
+    ASSERT_EQ(report.exceptions.size(), 3u);
+    for (const rehearse::RehearsalException& exception : report.exceptions) {
+      EXPECT_EQ(exception.reason, "the burnt slot does not hold a valid new image");
+    }
+  }
+}
+
 TEST_F(RehearsalTest, NextBurnThatBricksIsFoundOut) {
   // The first slot of the new image is 0x1000 to 0x1600, which is behind 3 sectors, and its second
   // slot begins at 0x1400. This burn writes the second slot, and is safe. The next one writes the
