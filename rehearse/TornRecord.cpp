@@ -34,25 +34,23 @@ MixCount CountMixes(const RecordWord& word) {
   device::Bytes finished = word.record;
   for (std::size_t i = 0; i < word.wanted.size(); ++i) {
     const std::ptrdiff_t place = word.at + static_cast<std::ptrdiff_t>(i);
-    const bool is_in_record = place >= 0 && place < static_cast<std::ptrdiff_t>(word.record.size());
+    // What lies beside the record leaves it as it is.
+    if (place < 0 || place >= static_cast<std::ptrdiff_t>(word.record.size())) continue;
     const bool may_mark = word.slot == 0 && place == device::FIRST_INVALID_MARK;
     Ways next{};
     std::uint64_t values = 0;
     ForEachMix(word.memory, word.held[i], word.wanted[i], [&](std::uint8_t byte) {
       ++values;
-      if (is_in_record && may_mark && byte == 1) return;  // never valid
-      const std::size_t added = is_in_record ? byte : 0;
-      for (std::size_t sum = 0; sum < SUMS; ++sum) next[(sum + added) % SUMS] += ways[sum];
+      if (may_mark && byte == 1) return;  // never valid
+      for (std::size_t sum = 0; sum < SUMS; ++sum) next[(sum + byte) % SUMS] += ways[sum];
     });
     ways = next;
     mixes *= values;
-    if (is_in_record) {
-      const auto in_record = static_cast<std::size_t>(place);
-      rest[in_record] = 0;
-      finished[in_record] = device::Programmed(word.memory, word.held[i], word.wanted[i]);
-    }
+    const auto in_record = static_cast<std::size_t>(place);
+    rest[in_record] = 0;
+    finished[in_record] = device::Programmed(word.memory, word.held[i], word.wanted[i]);
   }
-  if (mixes < 2) return {};  // the word stays as it is
+  if (mixes < 2) return {};  // the record stays as it is
   const bool is_marked = word.slot == 0 && rest[device::FIRST_INVALID_MARK] == 1;
   const std::size_t missing = (device::BOOT_RECORD_SUM + SUMS - device::BootRecordSum(rest)) % SUMS;
   std::uint64_t valid = is_marked ? 0 : ways[missing];

@@ -11,8 +11,8 @@
 
 namespace rehearse {
 
-/// How many mixes of old and new bits a torn word can hold, neither all old nor all new, and how
-/// many of those make the record valid.
+/// How many mixes of old and new bits a torn word can leave in the record, neither all old nor all
+/// new, and how many of those make the record valid.
 struct MixCount {
   std::uint64_t mixes = 0;
   std::uint64_t valid = 0;

@@ -15,6 +15,8 @@ namespace {
 MixCount CountOneByOne(const RecordWord& word) {
   std::uint32_t changed = 0;
   for (std::size_t i = 0; i < word.held.size(); ++i) {
+    const std::ptrdiff_t place = word.at + static_cast<std::ptrdiff_t>(i);
+    if (place < 0 || place >= static_cast<std::ptrdiff_t>(word.record.size())) continue;
     const auto target = device::Programmed(word.memory, word.held[i], word.wanted[i]);
     changed |= static_cast<std::uint32_t>(word.held[i] ^ target) << 8 * i;
   }
@@ -77,6 +79,26 @@ TEST(TornRecordTest, WordThatStaysAsItIsHasNoMix) {
   const MixCount count = CountMixes({.record = device::Bytes(16, 1), .held = word, .wanted = word});
   EXPECT_EQ(count.mixes, 0u);
   EXPECT_EQ(count.valid, 0u);
+}
+
+TEST(TornRecordTest, BytesBesideTheRecordMakeNoMix) {
+  // The record adds up before and after the word: all old and all new are no mixes.
+  device::Bytes record(16, 0);
+  record[0] = static_cast<std::uint8_t>(device::BOOT_RECORD_SUM);
+  RecordWord word{.record = record, .at = -2, .held = {0, 0, record[0], 0}, .wanted = {}};
+  word.wanted = {0xFF, 0x0F, record[0], 0};
+  EXPECT_EQ(CountMixes(word).mixes, 0u);
+  EXPECT_EQ(CountMixes(word).valid, 0u);
+  // Two bits within the record, twelve before it: two mixes, of which none adds up.
+  word.wanted[3] = 3;
+  EXPECT_EQ(CountMixes(word).mixes, 2u);
+  EXPECT_EQ(CountMixes(word).valid, 0u);
+  // The same behind it.
+  record = device::Bytes(16, 0);
+  record[0] = static_cast<std::uint8_t>(device::BOOT_RECORD_SUM);
+  word = {.record = record, .at = 14, .held = {0, 0, 0, 0}, .wanted = {0, 3, 0xFF, 0xFF}};
+  EXPECT_EQ(CountMixes(word).mixes, 2u);
+  EXPECT_EQ(CountMixes(word).valid, 0u);
 }
 
 TEST(TornRecordTest, MarkOfTheFirstSlotKeepsAMixFromBeingValid) {
