@@ -1,6 +1,7 @@
 #include "rehearse/FurtherRehearsal.h"
 
 #include <mutex>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -35,8 +36,13 @@ RehearsalException FailureOf(const RehearsedDevices& devices, const BurnFails& f
 std::string WhyNoFurtherBurns(const RehearsalOptions& options, const UninterruptedBurn& burn) {
   if (!options.has_next) return "--no-next";
   if (options.at && options.at->IsOfThisBurn()) return "--at";
-  if (burn.IsPlain()) return "the burn is not failsafe";
-  return burn.EndsWell() ? "" : "the burn does not end as it should";
+  const std::string why = burn.IsPlain()    ? "the burn is not failsafe"
+                          : burn.EndsWell() ? ""
+                                            : "the burn does not end as it should";
+  if (options.at && !why.empty()) {
+    throw std::runtime_error("--at " + Describe(*options.at) + ": there is no such burn: " + why);
+  }
+  return why;
 }
 
 void FurtherRehearsal::NextBurn(const RehearsalProgress& progress, RehearsalReport& report) const {
@@ -51,7 +57,7 @@ void FurtherRehearsal::NextBurn(const RehearsalProgress& progress, RehearsalRepo
   RehearsalReport further;
   try {
     const UninterruptedBurn burn(devices, _burner, further);
-    if (options.at) burn.Log().Locate(options.at->place);
+    RefusePointWithoutVerdict(options, devices, burn);
     Situations situations(_options.seed);
     Sweep(options, devices, burn, SILENT, further, situations);
   } catch (const BurnFails& failure) {
@@ -93,7 +99,7 @@ RehearsalReport FurtherRehearsal::Interrupt(std::size_t first, std::size_t numbe
     const UninterruptedBurn burn(devices, _burner, report);
     const RehearsalOptions options =
         OptionsAt(_options, _options.at ? _options.at->second : std::nullopt);
-    if (options.at) burn.Log().Locate(options.at->place);
+    RefusePointWithoutVerdict(options, devices, burn);
     Situations situations(_options.seed);
     Sweep(options, devices, burn, SILENT, report, situations);
     if (_options.at && _options.at->second_seed) {

@@ -18,7 +18,8 @@ namespace rehearse {
 /// burns.
 inline constexpr std::size_t MOST_SECOND_INTERRUPTIONS = 8;
 
-/// Why no further burn is rehearsed; empty where some are.
+/// Why no further burn is rehearsed; empty where some are. Throws std::runtime_error where --at
+/// asks for a point of one that is not.
 std::string WhyNoFurtherBurns(const RehearsalOptions& options, const UninterruptedBurn& burn);
 
 /// Rehearses burns from the states in which the burn leaves the devices, finished or interrupted.

@@ -34,6 +34,7 @@ RehearsalReport Rehearse(const RehearsalOptions& options, const RehearsalProgres
   const Burner burner(options, devices.Guids());
   const UninterruptedBurn burn(devices, burner, report);
   say("burning", 1, 1);
+  if (options.at && !options.at->is_of_next_burn) RefusePointWithoutVerdict(options, devices, burn);
   Situations situations(options.seed);
   Sweep(options, devices, burn, say, report, situations);
   Recoveries(options, devices, burner, burn, report).Run(say);

@@ -36,6 +36,8 @@ struct RehearsalException {
   std::string step = {};     ///< the part of the memory that was being changed
   std::string state = {};
   std::string reason = {};
+  /// Only some ways of tearing the word show it, and no seed that was tried tears it like that.
+  bool is_without_seed = false;
 };
 
 /// What was found when other burns than the one that is rehearsed lost power.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <stdexcept>
 
 #include "common/Text.h"
 #include "device/Chip.h"
@@ -119,6 +120,7 @@ class DeviceSweep {
                         .state = "boots BROKEN, if it takes that slot",
                         .reason = MIX_ADDS_UP};
       ShowTorn(operation, cut, *word, torn.exception);
+      torn.exception.is_without_seed = !torn.exception.seed;
     } else {
       ++torn.exception.points;
     }
@@ -243,6 +245,23 @@ std::vector<std::size_t> Situations::Choose(std::size_t count) const {
   for (std::size_t i = 0; i < count; ++i)
     points.push_back(_groups[_groups.size() * i / count].point);
   return points;
+}
+
+void RefusePointWithoutVerdict(const RehearsalOptions& options, const RehearsedDevices& devices,
+                               const UninterruptedBurn& burn) {
+  if (!options.at) return;
+  const auto refuse = [&options](const std::string& why) {
+    throw std::runtime_error("--at " + Describe(*options.at) + ": nothing to look at: " + why +
+                             " did not boot before this burn");
+  };
+  if (options.at->kind == Interruption::POWER) {
+    const device::Guid guid = burn.Log().Locate(options.at->place).guid;
+    if (!devices.BootsAtStart(guid)) refuse("the device " + common::HexGuid(guid));
+  } else if (std::ranges::none_of(devices.Guids(), [&devices](device::Guid guid) {
+               return devices.BootsAtStart(guid);
+             })) {
+    refuse("the devices");
+  }
 }
 
 void Sweep(const RehearsalOptions& options, const RehearsedDevices& devices,

@@ -63,4 +63,9 @@ void Sweep(const RehearsalOptions& options, const RehearsedDevices& devices,
            const UninterruptedBurn& burn, const RehearsalProgress& progress,
            RehearsalReport& report, Situations& situations);
 
+/// Throws std::runtime_error where --at names a point that the burn does not have, or one at which
+/// no device is looked at, because it did not boot before the burn.
+void RefusePointWithoutVerdict(const RehearsalOptions& options, const RehearsedDevices& devices,
+                               const UninterruptedBurn& burn);
+
 }  // namespace rehearse

@@ -206,7 +206,9 @@ void PrintTable(const rehearse::RehearsalReport& report, const Options& options)
       }
       std::cout << (exception.command.empty() ? "" : " (" + exception.command + ")") << ", ";
     }
-    std::cout << exception.step << ": " << exception.state << "; " << exception.reason << "\n";
+    std::cout << exception.step << ": " << exception.state << "; " << exception.reason;
+    if (exception.is_without_seed) std::cout << "; no seed that was tried shows it with --at";
+    std::cout << "\n";
   }
   if (report.exceptions_left_out > 0) {
     std::cout << "  and " << report.exceptions_left_out << " more\n";

@@ -955,6 +955,28 @@ TEST_F(RehearseProgramTest, WhatItCannotRehearseEndsItWithTwo) {
   EXPECT_EQ(Run({}).status, 2);
 }
 
+TEST_F(RehearseProgramTest, PointThatNobodyLooksAtIsAnError) {
+  OldImage();
+  NewImage();
+  const auto refuses = [this](const std::vector<std::string>& words, const std::string& why) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 2) << words.back();
+    EXPECT_THAT(outcome.errors, testing::HasSubstr(why)) << words.back();
+    EXPECT_THAT(outcome.output, testing::Not(testing::HasSubstr("boots"))) << words.back();
+  };
+  FlashFabric(Holds("old.img", 0));
+  for (const std::string point : {"next:5", "next:99999999", "5+6"}) {
+    refuses({"-n", "--at", point}, point + ": there is no such burn: the burn is not failsafe");
+  }
+  refuses({"--at", "next:99999999"}, "the burn has no such point");
+  refuses({"--at", "5+99999999"}, "the burn has no such point");
+  // A device that boots nothing at the start.
+  FlashFabric(Holds("old.img", 0, false));
+  for (const std::string point : {"5", "killed:5", "5+6"}) {
+    refuses({"-n", "--at", point}, point + ": nothing to look at: the device");
+  }
+}
+
 TEST_F(RehearseProgramTest, WrongCommandLineIsRefused) {
   for (const std::vector<std::string>& words : {std::vector<std::string>{"--recover", "some"},
                                                 {"--recover=-1"},
