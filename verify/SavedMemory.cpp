@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
 #include "common/OutputFile.h"
@@ -13,6 +14,9 @@
 namespace verify {
 
 namespace {
+
+constexpr std::string_view FLASH = ".flash";
+constexpr std::string_view EEPROM = ".i2c";
 
 /// In bytes; where the end of the memory is not known, as far as the image reaches.
 std::uint64_t MemorySize(const device::Image& image, const DeviceReader& reader) {
@@ -47,6 +51,11 @@ void SaveChip(DeviceReader& reader, device::Guid guid, const std::filesystem::pa
 
 }  // namespace
 
+bool IsMemoryName(const std::filesystem::path& name) {
+  return name.string().starts_with("0x") &&
+         (name.extension() == FLASH || name.extension() == EEPROM);
+}
+
 SaveFailure CannotSave(device::Guid guid, const std::string& reason) {
   return {"can't save the memory of " + common::HexGuid(guid) + ": " + reason};
 }
@@ -60,12 +69,15 @@ void SaveMemory(const device::Image& image, DeviceReader& reader, device::Guid g
   }
   const std::string head = common::HexGuid(reader.NodeGuid(guid));
   if (reader.IsFlash() || image.map.empty()) {
-    SaveChip(reader, guid, folder / (head + (reader.IsFlash() ? ".flash" : ".0.i2c")), 0, size);
+    SaveChip(reader, guid,
+             folder / (head + std::string(reader.IsFlash() ? "" : ".0") +
+                       std::string(reader.IsFlash() ? FLASH : EEPROM)),
+             0, size);
     return;
   }
   std::uint64_t start = 0;
   for (const device::MappedChip& mapped : image.map) {
-    const auto name = common::Text(head, ".", std::hex, std::uint32_t{mapped.chip}, ".i2c");
+    const auto name = common::Text(head, ".", std::hex, std::uint32_t{mapped.chip}, EEPROM);
     SaveChip(reader, guid, folder / name, start, mapped.size);
     start += mapped.size;
   }

@@ -27,4 +27,7 @@ SaveFailure CannotSave(device::Guid guid, const std::string& reason);
 void SaveMemory(const device::Image& image, DeviceReader& reader, device::Guid guid,
                 const std::filesystem::path& folder);
 
+/// Whether SaveMemory may give a file this name.
+bool IsMemoryName(const std::filesystem::path& name);
+
 }  // namespace verify

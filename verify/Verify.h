@@ -24,10 +24,11 @@ class Verifier {
   using Take = std::function<void(const DeviceFinding&)>;
 
   /// Loads the image. `save` is the folder for the devices' memories, where they are to be saved.
-  /// Throws device::ImageError,
-  /// for an image without a byte to compare, too.
+  /// Throws device::ImageError, for an image without a byte to compare, too.
   Verifier(const std::string& image_file, const std::string& server, SlotChoice choice,
            const std::optional<std::string>& save);
+  Verifier(const Verifier&) = delete;  // parts of it refer to its image
+  Verifier& operator=(const Verifier&) = delete;
 
   /// Verifies devices, and calls `take` with their findings in ascending order of the GUIDs. Errors
   /// of the server are part of the findings. EEPROM devices share one connection and its requests;

@@ -12,6 +12,7 @@
 #include <numeric>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "common/ChildProcess.h"
 #include "common/SystemError.h"
@@ -139,9 +140,17 @@ void VerifyInProcesses(const std::vector<device::Guid>& guids, unsigned jobs,
   std::size_t taken = 0;
   std::size_t done = 0;
   std::list<Worker> workers;
+  bool is_full = false;  // no other process can be started until one of these ends
   while (taken < guids.size()) {
-    for (; started < guids.size() && workers.size() < jobs && !failures.IsGivenUp(); ++started) {
-      workers.emplace_back(started, guids[started], work);
+    for (; started < guids.size() && workers.size() < jobs && !is_full && !failures.IsGivenUp();
+         ++started) {
+      try {
+        workers.emplace_back(started, guids[started], work);
+      } catch (const std::system_error&) {
+        if (workers.empty()) throw;
+        is_full = true;
+        break;
+      }
     }
     if (workers.empty()) {
       for (; started < guids.size(); ++started, ++done) {
@@ -160,6 +169,7 @@ void VerifyInProcesses(const std::vector<device::Guid>& guids, unsigned jobs,
         findings[current->Index()] = current->Finding();
         failures.Add(*findings[current->Index()]);
         workers.erase(current);
+        is_full = false;
         ++done;
       }
     }

@@ -32,7 +32,8 @@ using PartDone = std::function<void(double part)>;
 
 /// Calls `work` for each of `guids` in a process of its own, up to `jobs` at a time, and `take`
 /// with the findings in the order of `guids`. A process that ends without a finding is a failure.
-/// Throws std::system_error where no process can be started.
+/// Where the system allows fewer processes, fewer run at a time; throws std::system_error where not
+/// even one can be started.
 void VerifyInProcesses(
     const std::vector<device::Guid>& guids, unsigned jobs,
     const std::function<DeviceFinding(device::Guid guid, const PartDone& progress)>& work,

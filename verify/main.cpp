@@ -15,6 +15,7 @@
 #include "common/OutputFile.h"
 #include "common/Program.h"
 #include "common/Text.h"
+#include "verify/SavedMemory.h"
 #include "verify/Verify.h"
 
 namespace {
@@ -199,10 +200,7 @@ class Run {
   void RefuseImageAmongMemories() const {
     std::error_code missing;
     for (const auto& entry : std::filesystem::directory_iterator(*_options.save, missing)) {
-      const std::filesystem::path name = entry.path().filename();
-      const bool is_memory = name.string().starts_with("0x") &&
-                             (name.extension() == ".flash" || name.extension() == ".i2c");
-      if (!is_memory) continue;
+      if (!verify::IsMemoryName(entry.path().filename())) continue;
       common::RefuseSameFiles({{"-f", _options.image}}, {{"--save", entry.path()}});
     }
   }

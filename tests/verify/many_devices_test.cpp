@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <regex>
+#include <system_error>
+#include <system_error>
 
 #include "common/ChildProcess.h"
 #include "common/SystemError.h"
@@ -19,6 +21,7 @@
 #include "tests/support/fabric_support.h"
 #include "tests/support/slot_images.h"
 #include "verify/Verify.h"
+#include "verify/Workers.h"
 
 namespace {
 
@@ -465,6 +468,42 @@ TEST_F(ManyDevicesTest, FindingIsTheSameInAnotherProcess) {
     EXPECT_EQ(verify::Unpack(bytes.substr(0, size)), std::nullopt) << size;
   }
   EXPECT_EQ(verify::Unpack(bytes + "x"), std::nullopt);
+}
+
+/// What the system allows is used: findings that have come are not thrown away.
+TEST(WorkersTest, FewerProcessesRunWhereNoMoreCanBeStarted) {
+  std::vector<device::Guid> guids;
+  for (device::Guid guid = 1; guid <= 20; ++guid) guids.push_back(guid);
+  const auto verify = [&guids](rlim_t more_files) {
+    const int next = dup(STDERR_FILENO);
+    close(next);
+    rlimit before{};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit few{static_cast<rlim_t>(next) + more_files, before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    std::vector<device::Guid> found;
+    try {
+      verify::VerifyInProcesses(
+          guids, 8,
+          [](device::Guid guid, const verify::PartDone&) {
+            usleep(20000);
+            verify::DeviceFinding finding;
+            finding.guid = guid;
+            finding.state = verify::DeviceFinding::IDENTICAL;
+            return finding;
+          },
+          [&found](const verify::DeviceFinding& finding) {
+            if (finding.state == verify::DeviceFinding::IDENTICAL) found.push_back(finding.guid);
+          },
+          {});
+    } catch (const std::system_error&) {
+      found.push_back(0);
+    }
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    return found;
+  };
+  EXPECT_EQ(verify(4), guids);  // enough for three
+  EXPECT_EQ(verify(1), std::vector<device::Guid>{0});
 }
 
 }  // namespace
