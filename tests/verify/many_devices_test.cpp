@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <regex>
 #include <system_error>
-#include <system_error>
 
 #include "common/ChildProcess.h"
 #include "common/SystemError.h"
