@@ -92,6 +92,8 @@ Descriptor OpenInPlace(const fs::path& name) {
   return file;
 }
 
+constexpr char STANDARD_OUTPUT[] = "/proc/self/fd/1";
+
 /// Whether the two are one regular file: the same one, or the same name of a new one.
 bool IsSame(const fs::path& one, const fs::path& other) {
   struct stat first {};
@@ -120,10 +122,16 @@ void RefuseSameFiles(const std::vector<NamedFile>& inputs, const std::vector<Nam
     };
     std::for_each(inputs.begin(), inputs.end(), compare);
     std::for_each(outputs.begin(), output, compare);
+    if (IsSame(output->path, "/proc/self/exe")) refuse("this program");
     if (DescriptorNamedBy(output->path)) continue;
     // Replacing the file would lose what is printed.
-    if (IsSame(output->path, "/proc/self/fd/1")) refuse("standard output");
+    if (IsSame(output->path, STANDARD_OUTPUT)) refuse("standard output");
     if (IsSame(output->path, "/proc/self/fd/2")) refuse("standard error");
+  }
+  for (const NamedFile& input : inputs) {
+    if (input.path.empty() || !IsSame(input.path, STANDARD_OUTPUT)) continue;
+    throw UsageError("standard output", "is the same file as " + input.what + " " +
+                                            Printable(input.path.string()) + "; give another one");
   }
 }
 

@@ -18,8 +18,9 @@ struct NamedFile {
 };
 
 /// Throws UsageError where an output is the same file as an input or another output, whatever the
-/// two are called, or is the file that standard output or standard error goes to. To be called
-/// before anything is written. Devices and pipes may be given twice.
+/// two are called, the program that runs, or the file that standard output or standard error goes
+/// to; and where standard output goes to an input. To be called before anything is written.
+/// Devices and pipes may be given twice.
 void RefuseSameFiles(const std::vector<NamedFile>& inputs, const std::vector<NamedFile>& outputs);
 
 /// A result, written where its name leads. All operations throw std::runtime_error.

@@ -167,6 +167,14 @@ TEST_F(OutputFileTest, SameFilesAreRefusedByAnyName) {
   EXPECT_TRUE(IsTaken({}, {{"--json", "/dev/null"}, {"--junit", "/dev/null"}}));
 }
 
+TEST_F(OutputFileTest, ProgramThatRunsIsNoOutput) {
+  const fs::path link = _folder / "program";
+  fs::create_symlink(fs::read_symlink("/proc/self/exe"), link);
+  for (const fs::path& name : {fs::path("/proc/self/exe"), fs::read_symlink(link), link}) {
+    EXPECT_FALSE(IsTaken({}, {{"--json", name}})) << name;
+  }
+}
+
 TEST_F(OutputFileTest, RefusalNamesBothFiles) {
   const std::string a = _folder.Write("a", "a");
   fs::create_hard_link(a, _folder / "b\x1b");
