@@ -46,10 +46,12 @@ constexpr std::uint64_t MOST_BASES = 100;
 struct StartState {
   std::string name;
   std::vector<device::FillPart> parts;  ///< in this order; none: as the scenario has it
+  bool has_other_invariant = false;     ///< so that a burn rewrites the invariant sector
 
   /// Whether a fabric file can say the same.
   bool IsOfImageFile() const {
-    return !parts.empty() && std::ranges::none_of(parts, &device::FillPart::is_second);
+    return !parts.empty() && !has_other_invariant &&
+           std::ranges::none_of(parts, &device::FillPart::is_second);
   }
 };
 
@@ -267,7 +269,26 @@ class Case {
     return {as_it_is,
             {"the first slot valid", {{.slot = 0}, {.slot = 1, .is_valid = false}}},
             {"the second slot valid", {{.slot = 1}, {.slot = 0, .is_valid = false}}},
-            {"both slots valid", {{.slot = 0}, {.slot = 1, .is_second = true}}}};
+            {"both slots valid", {{.slot = 0}, {.slot = 1, .is_second = true}}},
+            {"another invariant sector", {{.slot = 0}, {.slot = 1, .is_valid = false}}, true}};
+  }
+
+  /// Changes the sections of the invariant sector, but for the failsafe marker. False where the
+  /// image has none.
+  static bool ChangeInvariant(sim::Device& device, const Image& image) {
+    Memory memory = sim::MemoryOf(device, image);
+    if (!image.IsFlash()) return false;
+    bool is_changed = false;
+    for (const device::Section& section : image.sections) {
+      if (section.addr >= memory.sector_size) continue;
+      for (std::uint64_t addr = section.addr; addr < section.End(); ++addr) {
+        if (addr / device::WORD_SIZE == device::FAILSAFE_MARKER / device::WORD_SIZE) continue;
+        memory.bytes.at(static_cast<std::size_t>(addr)) ^= 0x11;
+        is_changed = true;
+      }
+    }
+    sim::LoadMemory(device, image, memory);
+    return is_changed;
   }
 
   /// Sets up a fabric with the first target in that state, filled with `old`. False where it does
@@ -286,7 +307,8 @@ class Case {
     } catch (const std::exception&) {
       return false;
     }
-    const sim::Device& device = *fabric.Find(target.node_guid);
+    sim::Device& device = *fabric.Find(target.node_guid);
+    if (state.has_other_invariant && !ChangeInvariant(device, old)) return false;
     const Memory memory = sim::MemoryOf(device, old);
     const auto layout = device::LayoutOf(old, memory.sector_size);
     return layout && device::SlotThatBoots(*layout, memory.bytes).has_value();
