@@ -15,6 +15,7 @@
 #include "sim/Filling.h"
 #include "trials/search/ImageEdits.h"
 #include "trials/search/MutatedImage.h"
+#include "trials/search/StartState.h"
 #include "trials/soak/ImageText.h"
 #include "trials/soak/Scenario.h"
 
@@ -41,19 +42,6 @@ constexpr int CUTS = 8;
 constexpr int MOST_BITS = 12;
 /// Scenarios that a case may look at for its image.
 constexpr std::uint64_t MOST_BASES = 100;
-
-/// How a device is filled before a burn.
-struct StartState {
-  std::string name;
-  std::vector<device::FillPart> parts;  ///< in this order; none: as the scenario has it
-  bool has_other_invariant = false;     ///< so that a burn rewrites the invariant sector
-
-  /// Whether a fabric file can say the same.
-  bool IsOfImageFile() const {
-    return !parts.empty() && !has_other_invariant &&
-           std::ranges::none_of(parts, &device::FillPart::is_second);
-  }
-};
 
 /// How a program ended, and what it printed.
 struct Ended {
@@ -115,64 +103,14 @@ class Case {
 
   // ---- The check
 
-  /// A fabric file with one device like those of the scenario, and what it holds.
   std::string WriteFabric(const sim::Device& device, const std::string& contents) {
-    std::string text =
-        Text("[server]\ntype = \"", _scenario.fabric.facts.type, "\"\n[[device]]\nnode_guid = \"",
-             common::HexGuid(device.node_guid), "\"\nport_guids = [");
-    for (const device::Guid port : device.port_guids) text += "\"" + common::HexGuid(port) + "\", ";
-    text += Text("]\nsystem_guid = \"", common::HexGuid(device.sys_guid), "\"\nbsn = \"",
-                 Hex(device.bsn), "\"\nvsd = \"", Hex(device.vsd), "\"\n");
-    const bool is_flash = device.kind == device::MemoryKind::FLASH;
-    if (!is_flash) {
-      text += "chip = [";
-      for (const auto& [address, chip] : device.chips) {
-        text += Text("{ address = ", std::uint32_t{address}, ", size = ", chip.Size(), " }, ");
-      }
-      text += "]\n";
-    } else {
-      const sim::Chip& chip = device.chips.begin()->second;
-      text +=
-          Text("[device.flash]\nsize = ", chip.Size(), "\nsector_size = ", chip.SectorSize(), "\n");
-    }
-    return _folder.Write(Text("fabric-", _seed, ".toml"), text + contents);
-  }
-
-  std::string RawContents(const sim::Device& device) {
-    std::string text;
-    for (const auto& [address, chip] : device.chips) {
-      const std::string raw = _folder.Write(
-          Text("memory-", _seed, "-", std::uint32_t{address}),
-          std::string_view(reinterpret_cast<const char*>(chip.Bytes().data()), chip.Size()));
-      text += Text("[[device.contents]]\nraw = \"", raw, "\"\n");
-      if (device.kind != device::MemoryKind::FLASH) {
-        text += Text("chip = ", std::uint32_t{address}, "\n");
-      }
-    }
-    return text;
-  }
-
-  static std::string ImageContents(const std::string& file, const StartState& state) {
-    std::string text;
-    for (const device::FillPart& part : state.parts) {
-      text += Text("[[device.contents]]\nimage = \"", file, "\"\nslot = ", part.slot.value(),
-                   "\nvalid = ", part.is_valid ? "true" : "false", "\n");
-    }
-    return text;
-  }
-
-  static std::string Hex(device::View bytes) {
-    std::string text = "0x";
-    for (const std::uint8_t byte : bytes) {
-      text += "0123456789abcdef"[byte >> 4];
-      text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
+    return _folder.Write(Text("fabric-", _seed, ".toml"),
+                         FabricText(_scenario.fabric.facts.type, device, contents));
   }
 
   /// Checks for the device and the chunks of the scenario.
   Ended CheckFile(const std::string& file) {
-    const std::string fabric = WriteFabric(FirstTarget(), "");
+    const std::string fabric = WriteFabric(FirstTarget(_scenario), "");
     return RunProgram({_programs.fwimg, "check", "--json", "-m",
                        std::to_string(_scenario.log2_chunk), "--fabric", fabric, file});
   }
@@ -214,15 +152,6 @@ class Case {
     return _image.type != nullptr || !_errors.empty();
   }
 
-  const sim::Device& FirstTarget() const {
-    const sim::Device* device = nullptr;
-    for (const device::Guid name : _scenario.targets) {
-      if (device == nullptr) device = _scenario.fabric.Find(name);
-    }
-    if (device == nullptr) throw std::logic_error("a scenario has a device");
-    return *device;
-  }
-
   bool HasSlots() const { return _image.Slots() != SlotKind::NONE; }
   bool FitsDevice() const {
     return _image.type != nullptr && _image.IsFlash() == _scenario.image.IsFlash() &&
@@ -262,56 +191,9 @@ class Case {
     }
   }
 
-  std::vector<StartState> StatesFor(BurnKind kind) const {
-    const StartState as_it_is{"as the scenario has it", {}};
-    if (kind == BurnKind::PLAIN) return {as_it_is};
-    if (!HasPlacesOfBase()) return {};
-    return {as_it_is,
-            {"the first slot valid", {{.slot = 0}, {.slot = 1, .is_valid = false}}},
-            {"the second slot valid", {{.slot = 1}, {.slot = 0, .is_valid = false}}},
-            {"both slots valid", {{.slot = 0}, {.slot = 1, .is_second = true}}},
-            {"another invariant sector", {{.slot = 0}, {.slot = 1, .is_valid = false}}, true}};
-  }
-
-  /// Changes the sections of the invariant sector, but for the failsafe marker. False where the
-  /// image has none.
-  static bool ChangeInvariant(sim::Device& device, const Image& image) {
-    Memory memory = sim::MemoryOf(device, image);
-    if (!image.IsFlash()) return false;
-    bool is_changed = false;
-    for (const device::Section& section : image.sections) {
-      if (section.addr >= memory.sector_size) continue;
-      for (std::uint64_t addr = section.addr; addr < section.End(); ++addr) {
-        if (addr / device::WORD_SIZE == device::FAILSAFE_MARKER / device::WORD_SIZE) continue;
-        memory.bytes.at(static_cast<std::size_t>(addr)) ^= 0x11;
-        is_changed = true;
-      }
-    }
-    sim::LoadMemory(device, image, memory);
-    return is_changed;
-  }
-
-  /// Sets up a fabric with the first target in that state, filled with `old`. False where it does
-  /// not apply.
-  bool SetUp(const StartState& state, BurnKind kind, const Image& old, sim::Fabric& fabric) const {
-    fabric.facts = _scenario.fabric.facts;
-    const sim::Device& target = FirstTarget();
-    fabric.CopyDevice(target);
-    if (state.parts.empty()) {
-      return kind == BurnKind::PLAIN || _scenario.judges.contains(target.node_guid);
-    }
-    try {
-      for (const device::FillPart& part : state.parts) {
-        sim::Fill(fabric, target.node_guid, old, part);
-      }
-    } catch (const std::exception&) {
-      return false;
-    }
-    sim::Device& device = *fabric.Find(target.node_guid);
-    if (state.has_other_invariant && !ChangeInvariant(device, old)) return false;
-    const Memory memory = sim::MemoryOf(device, old);
-    const auto layout = device::LayoutOf(old, memory.sector_size);
-    return layout && device::SlotThatBoots(*layout, memory.bytes).has_value();
+  const std::vector<StartState>& StatesFor(BurnKind kind) const {
+    static const std::vector<StartState> none;
+    return kind == BurnKind::PLAIN || HasPlacesOfBase() ? StartStates(kind) : none;
   }
 
   bool BurnFrom(const StartState& state, BurnKind kind) {
@@ -320,7 +202,7 @@ class Case {
       Rehearse(state, _random.Chance(50) ? _scenario.image : WithOtherSizes(_scenario.image));
     }
     sim::Fabric fabric;
-    if (!SetUp(state, kind, _scenario.image, fabric)) return true;
+    if (!SetUp(_scenario, state, kind, _scenario.image, fabric)) return true;
     const device::Guid guid = fabric.Devices().begin()->first;
     // The second burn starts from what the first one has left.
     for (const std::string_view which : {FIRST_BURN, NEXT_BURN}) {
@@ -457,7 +339,7 @@ class Case {
 
   void Rehearse(const StartState& state, const Image& old) {
     sim::Fabric start;
-    if (!SetUp(state, BurnKind::FAILSAFE, old, start)) return;
+    if (!SetUp(_scenario, state, BurnKind::FAILSAFE, old, start)) return;
     const device::Guid guid = start.Devices().begin()->first;
     const sim::Device& device = *start.Find(guid);
     std::string contents;
@@ -468,7 +350,7 @@ class Case {
       const std::string file = _folder.Write(Text("old-", _seed, ".img"), TextOf(image, _random));
       contents = ImageContents(file, state);
     } else {
-      contents = RawContents(device);
+      contents = RawContents(device, _folder, Text("memory-", _seed));
     }
     ++_statistics.rehearsals;
     const Ended rehearsal =
@@ -604,7 +486,7 @@ class Case {
     std::vector<std::string> words = {_programs.fwimg, "diff"};
     if (_image.IsFlash()) {
       words.insert(words.end(),
-                   {"--sector-size", std::to_string(sim::SectorSizeOf(FirstTarget()))});
+                   {"--sector-size", std::to_string(sim::SectorSizeOf(FirstTarget(_scenario)))});
     }
     words.insert(words.end(), {other, _file});
     const Ended diff = RunProgram(words);
@@ -628,7 +510,7 @@ class Case {
   std::pair<int, device::Bytes> BurntWith(const std::string& file, const StartState& state,
                                           BurnKind kind) {
     sim::Fabric fabric;
-    if (!SetUp(state, kind, _scenario.image, fabric)) return {};
+    if (!SetUp(_scenario, state, kind, _scenario.image, fabric)) return {};
     const device::Guid guid = fabric.Devices().begin()->first;
     const trials::RunOutcome run = _server.Run(BurnWords(guid, kind, file), fabric, nullptr, LIMIT);
     return {run.status, sim::MemoryOf(*fabric.Find(guid), _image).bytes};
