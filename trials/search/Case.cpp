@@ -157,14 +157,17 @@ class Case {
     return _image.type != nullptr && _image.IsFlash() == _scenario.image.IsFlash() &&
            _image.Slots() == _scenario.image.Slots() && _image.map == _scenario.image.map;
   }
-  /// Only where the records stand where those of the old image stood, it can boot the old one.
+  /// Only where the records stand where those of the old image stood, it can boot the old one. An
+  /// address that is missing ends the burn on any device.
   bool HasPlacesOfBase() const {
+    using Place = std::optional<std::uint32_t>;
+    const auto moved = [](const Place& now, const Place& base) { return now && now != base; };
     for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
       const device::Slot& now = _image.slots[slot];
       const device::Slot& base = _scenario.image.slots[slot];
-      if (now.pointer_sector != base.pointer_sector || now.signature != base.signature)
+      if (moved(now.pointer_sector, base.pointer_sector) || moved(now.signature, base.signature))
         return false;
-      if (_image.Slots() == SlotKind::BOOT_RECORDS && now.image != base.image) return false;
+      if (_image.Slots() == SlotKind::BOOT_RECORDS && moved(now.image, base.image)) return false;
     }
     return true;
   }
