@@ -222,6 +222,16 @@ const std::vector<ImageMistake>& AimedImageMistakes() {
          image.sections.insert(image.sections.begin(), std::move(rest));
          return true;
        }},
+      {"duplicate-section",
+       [](Image& image, Random& random) {
+         // At the end of the file, where it counts among the image's sections.
+         Section copy =
+             image.sections[random.Below(std::min<std::size_t>(image.sections.size(), 3))];
+         copy.name += "2";
+         copy.data = random.Bytes(copy.data.size());
+         image.sections.push_back(std::move(copy));
+         return true;
+       }},
       {"record-marked",
        [](Image& image, Random&) {
          if (!HasBootRecords(image)) return false;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
@@ -40,6 +42,8 @@ constexpr std::string_view NEXT_BURN = "the next burn";
 constexpr int CUTS = 8;
 /// Torn words of boot records: with up to so many bits that change, all mixes are tried.
 constexpr int MOST_BITS = 12;
+/// Bytes of a device that is made for an image.
+constexpr std::uint64_t MOST_MAPPED = 0x40000;
 /// Scenarios that a case may look at for its image.
 constexpr std::uint64_t MOST_BASES = 100;
 
@@ -72,6 +76,7 @@ class Case {
     if (mutated.mistakes.empty()) ++_statistics.mistakes["none"];
     _file = _folder.Write(Text("image-", _seed, ".img"), mutated.text);
     Tell(mutated.text);
+    if (_random.Chance(70)) FitDevice(mutated.text);
     Check();
     if (_is_for_device && Load(mutated.text)) {
       Burn();
@@ -99,6 +104,32 @@ class Case {
       if (passes) return;
     }
     throw std::runtime_error("no scenario fits");
+  }
+
+  /// Gives the device the EEPROMs of the image's map, where a mistake was made in it: so the image
+  /// can be burnt.
+  void FitDevice(const std::string& text) {
+    Image image;
+    try {
+      image = device::ParseImage(text, _file);
+    } catch (const device::ImageError&) {
+      return;
+    }
+    const auto size = image.MappedSize();
+    if (image.type == nullptr || image.IsFlash() || image.Slots() != _scenario.image.Slots() ||
+        image.map == _scenario.image.map || !size || *size > MOST_MAPPED)
+      return;
+    sim::Device& device = *_scenario.fabric.Find(FirstTarget(_scenario).node_guid);
+    std::map<std::uint8_t, std::uint32_t> sizes;
+    for (const device::MappedChip& chip : image.map) {
+      if (chip.size == 0 || !sizes.emplace(chip.chip, chip.size).second) return;
+    }
+    device.chips.clear();
+    for (const auto& [chip, bytes] : sizes) {
+      device.chips.try_emplace(chip, sim::Chip(std::make_unique<sim::Cells>(bytes), 0));
+    }
+    _scenario.image.map = image.map;
+    _scenario.judges.erase(device.node_guid);  // it is blank
   }
 
   // ---- The check
