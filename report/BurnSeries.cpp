@@ -1,6 +1,9 @@
 #include "report/BurnSeries.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <span>
 #include <utility>
@@ -31,6 +34,18 @@ std::vector<PlannedBurn> Lists(const std::set<Guid>& guids, std::size_t longest,
 }
 
 }  // namespace
+
+std::size_t LongestArgument() {
+  const long all = sysconf(_SC_ARG_MAX);
+  if (all < 0) return LONGEST_ARGUMENT;
+  std::size_t taken = 0;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    taken += strlen(*entry) + 1 + sizeof(*entry);
+  }
+  const std::size_t left =
+      static_cast<std::size_t>(all) - std::min(taken, static_cast<std::size_t>(all));
+  return std::min(LONGEST_ARGUMENT, left / 2);
+}
 
 std::vector<PlannedBurn> PlanBurns(const std::vector<std::string>& words, std::size_t longest) {
   if (words.empty()) return {{}};

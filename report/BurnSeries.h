@@ -14,6 +14,10 @@ namespace report {
 /// The most bytes that the system passes on in one argument: 128 KiB with the zero at the end.
 inline constexpr std::size_t LONGEST_ARGUMENT = 128 * 1024 - 1;
 
+/// The same under the limits of this process: half of what they leave for arguments, where that is
+/// less. A small stack or a large environment leaves little.
+std::size_t LongestArgument();
+
 /// One run of the burner.
 struct PlannedBurn {
   std::vector<std::string> words;  ///< the program and its arguments

@@ -214,7 +214,7 @@ int Run(const Options& options) {
   CheckFiles(options);
   std::vector<PlannedBurn> burns;
   try {
-    burns = PlanBurns(options.words);
+    burns = PlanBurns(options.words, is_live ? LongestArgument() : LONGEST_ARGUMENT);
   } catch (const std::runtime_error& error) {
     throw UsageError("-g", error.what());
   }

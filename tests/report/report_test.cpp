@@ -238,6 +238,16 @@ TEST_F(SeriesTest, RequestToEndEndsTheSeries) {
   }
 }
 
+TEST_F(SeriesTest, SmallStackTakesMoreBurns) {
+  const std::string runs = _folder / "runs";
+  std::vector<std::string> words = {"/bin/sh", "-c", "ulimit -S -s 256 && exec \"$0\" \"$@\""};
+  const std::vector<std::string> report = Words({}, Burner(runs, 0));
+  words.insert(words.end(), report.begin(), report.end());
+  const Outcome outcome = RunProgram(words);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors.substr(0, 300);
+  EXPECT_GT(ReadText(runs).size(), std::string("run\n").size() * 3);
+}
+
 TEST_F(SeriesTest, LogThatEndsBeforeTheSeriesDoesIsNoSuccess) {
   const std::string log = _folder / "console";
   EXPECT_EQ(Report({"--log", log}, Burner(_folder / "runs", 0)).status, 0);
