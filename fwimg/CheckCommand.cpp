@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Json.h"
+#include "common/OutputFile.h"
 #include "device/ImageFile.h"
 #include "fwimg/CheckTarget.h"
 #include "fwimg/Commands.h"
@@ -100,6 +101,9 @@ TargetsFor TargetsOf(const Options& options) {
 }
 
 int Run(const Options& options) {
+  std::vector<common::NamedFile> inputs{{"--fabric", options.fabric}};
+  for (const std::string& file : options.files) inputs.push_back({"FILE", file});
+  common::RefuseSameFiles(inputs, {});
   const TargetsFor targets_for = TargetsOf(options);
   std::vector<Report> reports;
   int status = ALL_WELL;

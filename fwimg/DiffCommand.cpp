@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "common/Json.h"
+#include "common/OutputFile.h"
 #include "fwimg/BurnComparison.h"
 #include "fwimg/CheckTarget.h"
 #include "fwimg/Commands.h"
@@ -408,6 +409,7 @@ class Comparison : private BurnListener {
 };
 
 int Run(const Options& options) {
+  common::RefuseSameFiles({{"A", options.a}, {"B", options.b}}, {});
   const ImageFile a = LoadImageFile(options.a);
   const ImageFile b = LoadImageFile(options.b);
   const std::uint32_t sector_size = common::ParseByteCount(options.sector_size).value();

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/Json.h"
+#include "common/OutputFile.h"
 #include "fwimg/CheckTarget.h"
 #include "fwimg/Commands.h"
 #include "fwimg/ImageFacts.h"
@@ -386,6 +387,7 @@ nlohmann::ordered_json Json(const ImageFile& file, std::uint32_t sector_size) {
 }
 
 int Run(const Options& options) {
+  common::RefuseSameFiles({{"FILE", options.file}}, {});
   const ImageFile file = LoadImageFile(options.file);
   const std::uint32_t sector_size = common::ParseByteCount(options.sector_size).value();
   if (options.as_json) {

@@ -176,6 +176,7 @@ void MakeFolder(const std::string& path) {
 }
 
 int Extract(const ExtractOptions& options) {
+  RefuseSameFiles({{"FILE", options.image}}, {});
   const device::Image image = LoadImage(options.image, PrintWarning);
   const std::vector<const device::Section*> sections = SelectSections(image, options);
   if (!options.section.empty() && options.output == "-") {

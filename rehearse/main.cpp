@@ -339,9 +339,8 @@ void TakeWords(Options& options) {
   if (options.is_not_failsafe) options.extra_args.emplace_back("-n");
 }
 
-/// Throws UsageError where the report would replace another file of this run.
+/// Throws UsageError where the report would be written over another file of this run.
 void CheckFiles(const Options& options) {
-  if (options.json_file.empty()) return;
   std::vector<common::NamedFile> inputs{{"FABRIC", options.fabric_file},
                                         {"--image", options.image_file},
                                         {"--fwpush", options.fwpush}};

@@ -265,6 +265,11 @@ int main(int argc, char* argv[]) {
       return TellUsage(error.what());
     }
     if (devices.empty()) return TellUsage("No device given (-g)");
+    std::vector<common::NamedFile> inputs{{"-f", options.image}};
+    for (const std::string& list : options.guids) {
+      if (common::IsGuidFile(list)) inputs.push_back({"-g", list.substr(1)});
+    }
+    common::RefuseSameFiles(inputs, {});
     return Run(options).VerifyAll(devices);
   });
   return common::RunProgram({.name = "fwpush-verify"}, line, argc, argv);

@@ -998,6 +998,23 @@ TEST_F(FwimgExtractTest, TheImageIsNotOverwrittenByItsOwnSections) {
   }
 }
 
+TEST_F(FwimgExtractTest, NothingIsPrintedIntoAnInput) {
+  const std::string image = _folder / "two.img";
+  const DataVec before = Bytes("two.img");
+  for (const std::string& words :
+       {Text("extract ", image, " --section A -o -"), Text("extract ", image, " --section A -o x"),
+        Text("info ", image), Text("info --json ", image), Text("check --json ", image),
+        Text("diff --json ", image, " none.img")}) {
+    const Outcome outcome =
+        RunProgram({"/bin/sh", "-c", Text("exec '" FWIMG_PROGRAM "' ", words, " >>", image)});
+    EXPECT_EQ(outcome.status, 64) << words;
+    EXPECT_THAT(outcome.errors,
+                testing::MatchesRegex(Text("standard output: is the same file as (FILE|A) ", image,
+                                           "; give another one\nRun with .*\n")));
+    EXPECT_EQ(Bytes("two.img"), before) << words;
+  }
+}
+
 TEST_F(FwimgExtractTest, NothingOfANameReachesTheTerminalAsItIs) {
   _folder.Write("esc.img", "START \x1b[2J 0 0\n1 1 1 1\nEND \x1b[2J\n");
   Outcome outcome = Fwimg({"extract", _folder / "esc.img", "--all", _folder / "esc"});
