@@ -9,6 +9,7 @@
 #include <set>
 
 #include "common/ExitStatus.h"
+#include "common/Files.h"
 #include "common/Text.h"
 #include "device/Boot.h"
 #include "device/Burn.h"
@@ -122,7 +123,7 @@ class Case {
     sim::Device& device = *_scenario.fabric.Find(FirstTarget(_scenario).node_guid);
     std::map<std::uint8_t, std::uint32_t> sizes;
     for (const device::MappedChip& chip : image.map) {
-      if (chip.size == 0 || !sizes.emplace(chip.chip, chip.size).second) return;
+      if (chip.size < device::WORD_SIZE || !sizes.emplace(chip.chip, chip.size).second) return;
     }
     device.chips.clear();
     for (const auto& [chip, bytes] : sizes) {
@@ -387,9 +388,10 @@ class Case {
       contents = RawContents(device, _folder, Text("memory-", _seed));
     }
     ++_statistics.rehearsals;
+    const std::string json = _folder / Text("rehearsal-", _seed, ".json");
     const Ended rehearsal =
         RunProgram({_programs.rehearse, WriteFabric(device, contents), "-f", _file, "-m",
-                    std::to_string(_scenario.log2_chunk), "--recover", "2"});
+                    std::to_string(_scenario.log2_chunk), "--recover", "2", "--json", json});
     Tell(Text("rehearsed: ", state.name, "\n", rehearsal.output, rehearsal.errors));
     switch (rehearsal.status) {
       case 0:
@@ -403,6 +405,12 @@ class Case {
       default:
         return FalseClaim(
             Text("the rehearsal ends with ", rehearsal.status, ": ", rehearsal.errors));
+    }
+
+    // "Safe" is said of this burn and of the next one.
+    const auto result = nlohmann::json::parse(common::ReadFile(json));
+    if (result.at("points") == 0 || result.at("next_burn").at("points") == 0) {
+      return FalseClaim("rehearsed as safe without a look at both burns");
     }
 
     // What the device holds before: known where it is filled from an image, else by its records.
