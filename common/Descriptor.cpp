@@ -29,13 +29,12 @@ bool TakeAll(std::span<const char> bytes, const Write& write) {
 
 bool WriteAll(int fd, std::span<const char> bytes) {
   return TakeAll(bytes, [fd](std::span<const char> rest) {
-    const ssize_t written = write(fd, rest.data(), rest.size());
-    if (written < 0 && errno == EAGAIN) {
+    for (;;) {
+      const ssize_t written = write(fd, rest.data(), rest.size());
+      if (written >= 0 || errno != EAGAIN) return written;
       pollfd waiting{fd, POLLOUT, 0};
       poll(&waiting, 1, -1);
-      errno = EINTR;  // to be tried again
     }
-    return written;
   });
 }
 

@@ -32,8 +32,8 @@ class Descriptor {
   int _fd;
 };
 
-/// Writes all of `bytes`, and waits where the descriptor does not block; false, with errno set,
-/// where that fails.
+/// Writes all of `bytes`, also to a non-blocking descriptor, for which it waits; false, with errno
+/// set, where that fails.
 bool WriteAll(int fd, std::span<const char> bytes);
 /// The same to a socket. A connection that the other end has closed raises no signal.
 bool SendAll(int socket, std::span<const char> bytes);

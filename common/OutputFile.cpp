@@ -209,17 +209,23 @@ LogFile::~LogFile() {
   if (_is_ours && !_is_begun) unlink(_name.c_str());
 }
 
+void LogFile::Begin() {
+  if (!_file.IsOpen() || std::exchange(_is_begun, true)) return;
+  if (_is_regular && ftruncate(_file.Get(), 0) != 0) GiveUp();
+}
+
 void LogFile::Write(std::string_view text) {
-  if (!_file.IsOpen()) return;
-  const bool is_first = !std::exchange(_is_begun, true);
-  if ((is_first && _is_regular && ftruncate(_file.Get(), 0) != 0) || !WriteAll(_file.Get(), text)) {
-    _trouble = "can't write " + _name + ": " + strerror(errno);
-    _file.Close();
-  }
+  Begin();
+  if (_file.IsOpen() && !WriteAll(_file.Get(), text)) GiveUp();
+}
+
+void LogFile::GiveUp() {
+  _trouble = "can't write " + _name + ": " + strerror(errno);
+  _file.Close();
 }
 
 void LogFile::Finish() {
-  Write("");
+  Begin();
   if (!_trouble.empty()) throw std::runtime_error(_trouble);
 }
 

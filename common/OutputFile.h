@@ -64,13 +64,18 @@ class LogFile {
   LogFile& operator=(const LogFile&) = delete;
   ~LogFile();
 
-  /// Empties the file, where that has not been done, and adds `text`. Keeps an error for Finish.
+  /// Empties the file, where that has not been done: what an earlier run wrote is not this run's.
+  /// Keeps an error for Finish.
+  void Begin();
+  /// Begins, where that has not been done, and adds `text`. Keeps an error for Finish.
   void Write(std::string_view text);
   /// To be called at the end of the run, even if nothing was written. Throws std::runtime_error
   /// where text is missing in the file.
   void Finish();
 
  private:
+  void GiveUp();
+
   std::string _name;
   Descriptor _file;
   bool _is_regular = false;

@@ -20,8 +20,8 @@ struct InterruptionPoint {
   std::size_t place = 0;         ///< POWER: a cut (OperationLog.h), from 0; else a request, from 1
   bool is_of_next_burn = false;  ///< a cut of the burn after this one; only POWER
   std::optional<std::size_t> second = {};  ///< a cut of the burn that recovers; only POWER
-  std::optional<unsigned> second_seed =
-      {};  ///< how that tears, if not as the rehearsal's seed has it
+  /// How that tears, if not as the rehearsal's seed has it.
+  std::optional<unsigned> second_seed = {};
 
   /// Of the burn that is rehearsed itself.
   bool IsOfThisBurn() const { return !is_of_next_burn && !second; }

@@ -110,8 +110,7 @@ bool Recoveries::BootsEverywhere(const sim::Fabric& fabric, const InterruptionPo
     const device::Verdict verdict = now.CurrentVerdict();
     if (verdict.BootsWhole()) continue;
     if (at.kind != Interruption::POWER) {
-      Add(at, request, guid, verdict, Name(at.kind),
-          _burn.ReasonFor(guid, now, at.kind == Interruption::POWER));
+      Add(at, request, guid, verdict, Name(at.kind), _burn.ReasonFor(guid, now, false));
     }
     return false;
   }

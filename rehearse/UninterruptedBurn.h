@@ -34,8 +34,8 @@ class BurnFails : public std::runtime_error {
 /// One burn of all devices to its end, and what it changed on each of them.
 class UninterruptedBurn {
  public:
-  /// Burns. Throws BurnFails. Adds an exception to the report for each
-  /// device that does not end in the right state. `devices` is borrowed.
+  /// Burns. Throws BurnFails. Adds an exception to the report for each device that does not end in
+  /// the right state. `devices` is borrowed.
   UninterruptedBurn(const RehearsedDevices& devices, const Burner& burner, RehearsalReport& report);
 
   const OperationLog& Log() const { return _log; }

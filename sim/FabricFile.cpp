@@ -74,10 +74,10 @@ void ReadServer(TomlReader reader, ServerFacts& facts) {
   reader.Finish();
 }
 
-/// The name in the state folder; `sector_size` is 0 for an EEPROM.
-std::string MemoryName(Guid guid, std::uint32_t address, std::uint32_t sector_size) {
-  return HexGuid(guid) +
-         (sector_size != 0 ? ".flash" : common::Text(".", std::hex, address, ".i2c"));
+// Names in the state folder.
+std::string FlashName(Guid guid) { return HexGuid(guid) + ".flash"; }
+std::string EepromName(Guid guid, std::uint32_t address) {
+  return HexGuid(guid) + common::Text(".", std::hex, address, ".i2c");
 }
 
 /// Creates the chips; in files, if there is a state folder.
@@ -88,7 +88,7 @@ class ChipMaker {
 
   void Make(Device& device, std::uint8_t address, std::uint32_t size,
             std::uint32_t sector_size) const {
-    const std::string name = MemoryName(_guid, address, sector_size);
+    const std::string name = sector_size != 0 ? FlashName(_guid) : EepromName(_guid, address);
     std::unique_ptr<Cells> cells;
     try {
       cells =
@@ -238,7 +238,7 @@ void Load(const fs::path& path, const std::optional<fs::path>& state, Fabric& fa
   if (fabric.Devices().empty()) throw TomlError(path.string() + ": no [[device]]");
 }
 
-FabricFiles Names(const fs::path& path) {
+FabricFiles ReadNames(const fs::path& path) {
   FabricFiles files;
   TomlReader reader(path);
   for (TomlReader& device : reader.Tables("device")) {
@@ -249,10 +249,10 @@ FabricFiles Names(const fs::path& path) {
     }
     const auto guid = OneGuid(device, "node_guid");
     if (!guid) continue;
-    if (device.IsTable("flash")) files.memories.push_back(MemoryName(*guid, 0, 1));
+    if (device.IsTable("flash")) files.memories.push_back(FlashName(*guid));
     for (TomlReader& chip : device.Tables("chip")) {
       const auto address = chip.Number("address", 0, 0xFF);
-      if (address) files.memories.push_back(MemoryName(*guid, *address, 0));
+      if (address) files.memories.push_back(EepromName(*guid, *address));
     }
   }
   return files;
@@ -262,7 +262,7 @@ FabricFiles Names(const fs::path& path) {
 
 FabricFiles FilesOf(const fs::path& path) {
   try {
-    return Names(path);
+    return ReadNames(path);
   } catch (const TomlError& error) {
     throw FabricFileError(error.what());
   }

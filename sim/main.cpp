@@ -115,7 +115,7 @@ int Run(const Options& options) {
                           });
   // Handle signals before the address is printed: its reader may signal at once.
   server.StopOnSignals();
-  trace.Write("");  // what an earlier run wrote must not be taken for this one's
+  trace.Begin();
   std::cout << server.ServerString() << std::endl;
   if (!std::cout) throw std::runtime_error("can't write the address");
   server.Run();
