@@ -122,7 +122,13 @@ void CheckOverlaps(const CheckedImage& image, LineFindings& findings) {
 }
 
 void CheckSections(const CheckedImage& image, LineFindings& findings) {
-  if (image.file.sections.empty()) findings.Add(ProblemId::NO_SECTIONS, 0, "no section");
+  if (image.file.sections.empty()) {
+    findings.Add(ProblemId::NO_SECTIONS, 0, "no section");
+  } else if (std::ranges::all_of(image.file.sections, [](const SectionLines& section) {
+               return section.size == 0 && section.is_whole;
+             })) {
+    findings.Add(ProblemId::NO_SECTIONS, 0, "no section has bytes");
+  }
   for (const SectionLines& section : image.file.sections) {
     if (!section.kept) {
       const SectionLines* first = image.file.SectionAt(section.addr);
