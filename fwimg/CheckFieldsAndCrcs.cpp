@@ -51,6 +51,11 @@ void CheckField(const CheckedImage& image, const FieldLine& field, bool is_whole
     return;  // what the burn does with fields, it does not do with this one
   }
   const auto regions = RegionsOf(image, field.addr);
+  if (field.type == FieldType::GUIDS && !regions.empty() && !HasUsualPorts(image.target)) {
+    findings.Add(ProblemId::GUIDS_PORTS, field.line,
+                 what + " has room for the GUIDs of 1 or 2 ports; the device has " +
+                     std::to_string(*image.target.ports));
+  }
   if (regions.empty() && is_whole) {
     findings.Add(ProblemId::FIELD_OUTSIDE, field.line,
                  what + " starts in no section that is burnt");
@@ -209,8 +214,9 @@ void CheckCrcsOverCrcs(const CheckedImage& image, LineFindings& findings) {
 }
 
 /// What is marked in the `extent` bytes from `base` on must be marked from `other_base` on, too.
-void CompareSlots(const device::ImageFile& file, std::uint32_t base, std::uint32_t other_base,
+void CompareSlots(const CheckedImage& image, std::uint32_t base, std::uint32_t other_base,
                   std::uint64_t extent, std::uint32_t idx, LineFindings& findings) {
+  const device::ImageFile& file = image.file;
   const Extent slot{base, base + extent};
   const std::uint32_t delta = other_base - base;
   const auto tell = [&](LineNumber line, const std::string& what, std::uint32_t from) {
@@ -219,8 +225,8 @@ void CompareSlots(const device::ImageFile& file, std::uint32_t base, std::uint32
                       At(std::uint32_t{from + delta}), " in slot ", 1 - idx));
   };
   for (const FieldLine& field : file.fields) {
-    if (field.type == FieldType::SIGNATURE || field.addr < slot.from || field.addr >= slot.end)
-      continue;
+    const bool is_of_slot = field.type == FieldType::SIGNATURE && !IsLeftBlank(image, field);
+    if (is_of_slot || field.addr < slot.from || field.addr >= slot.end) continue;
     const bool has_counterpart = std::ranges::any_of(file.fields, [&](const FieldLine& other) {
       return other.type == field.type && other.addr == field.addr + delta;
     });
@@ -249,10 +255,10 @@ void CheckFieldsAndCrcs(const CheckedImage& image, LineFindings& findings) {
   for (std::uint32_t idx = 0; idx < device::SLOTS; ++idx) {
     const SlotLines& slot = slots[idx];
     const SlotLines& other = slots[1 - idx];
-    CompareSlots(image.file, slot.image->addr, other.image->addr, image.slot_extent, idx, findings);
+    CompareSlots(image, slot.image->addr, other.image->addr, image.slot_extent, idx, findings);
     if (image.kind != SlotKind::POINTER_SECTORS) continue;
     const SectionLines* ps = image.file.SectionAt(slot.pointer_sector->addr);
-    CompareSlots(image.file, slot.pointer_sector->addr, other.pointer_sector->addr,
+    CompareSlots(image, slot.pointer_sector->addr, other.pointer_sector->addr,
                  ps == nullptr ? device::POINTER_RECORD_SIZE : ps->size, idx, findings);
   }
 }

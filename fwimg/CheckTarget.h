@@ -26,6 +26,7 @@ struct CheckTarget {
   unsigned log2_chunk = USUAL_LOG2_CHUNK;        ///< the value of `fwpush -m`
   /// Bytes of each EEPROM by its address, where they are known.
   std::optional<std::map<std::uint8_t, std::uint32_t>> eeproms = {};
+  std::optional<std::size_t> ports = {};  ///< port GUIDs of the device, where they are known
 
   std::string name = {};  ///< of the memory, where there are several
 
@@ -33,5 +34,11 @@ struct CheckTarget {
   std::uint32_t ChunkSize() const { return std::uint32_t{1} << log2_chunk; }
   bool operator==(const CheckTarget&) const = default;
 };
+
+/// A GUIDS field has room for the GUIDs of a device with so many ports. True where they are not
+/// known.
+inline bool HasUsualPorts(const CheckTarget& target) {
+  return !target.ports || *target.ports == 1 || *target.ports == 2;
+}
 
 }  // namespace fwimg

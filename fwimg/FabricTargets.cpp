@@ -10,8 +10,8 @@ namespace fwimg {
 
 namespace {
 
-CheckTarget TargetOf(const sim::Device& device, unsigned log2_chunk) {
-  CheckTarget target{.sector_size = USUAL_SECTOR_SIZE, .log2_chunk = log2_chunk};
+CheckTarget MemoryTargetOf(const sim::Device& device) {
+  CheckTarget target{.sector_size = USUAL_SECTOR_SIZE};
   if (device.kind == device::MemoryKind::FLASH) {
     const sim::Chip& flash = device.chips.begin()->second;
     target.sector_size = flash.SectorSize();
@@ -26,6 +26,18 @@ CheckTarget TargetOf(const sim::Device& device, unsigned log2_chunk) {
     target.eeproms->emplace(address, chip.Size());
     target.name += Text(target.eeproms->size() == 1 ? " " : ", ", HexText(address), " of ",
                         HexText(chip.Size()), " bytes");
+  }
+  return target;
+}
+
+CheckTarget TargetOf(const sim::Device& device, unsigned log2_chunk) {
+  CheckTarget target = MemoryTargetOf(device);
+  target.log2_chunk = log2_chunk;
+  target.ports = device.port_guids.size();
+  if (HasUsualPorts(target)) {
+    target.ports.reset();
+  } else {
+    target.name += Text(" on a device of ", *target.ports, " ports");
   }
   return target;
 }

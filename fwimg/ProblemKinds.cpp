@@ -79,6 +79,8 @@ constexpr auto KINDS = std::to_array<ProblemKind>({
     {ProblemId::FIELD_TWICE, "field-twice", W, "the value is written twice"},
     {ProblemId::FIELD_NOT_REPLACED, "field-not-replaced", W,
      "the bytes are burnt as the image has them"},
+    {ProblemId::GUIDS_PORTS, "guids-ports", E,
+     "the burn ends when it comes to the field: fwpush fills GUIDS for 1 or 2 ports only"},
     {ProblemId::CRC_OUTSIDE, "crc-outside", E, "the CRC is never computed"},
     {ProblemId::CRC_CROSSES, "crc-crosses", E,
      "the burn ends when it comes to the section; devices are left half burnt",

@@ -36,9 +36,9 @@ RehearsalException FailureOf(const RehearsedDevices& devices, const BurnFails& f
 std::string WhyNoFurtherBurns(const RehearsalOptions& options, const UninterruptedBurn& burn) {
   if (!options.has_next) return "--no-next";
   if (options.at && options.at->IsOfThisBurn()) return "--at";
-  const std::string why = burn.IsPlain()    ? "the burn is not failsafe"
-                          : burn.EndsWell() ? ""
-                                            : "the burn does not end as it should";
+  std::string why = burn.IsPlain()    ? "the burn is not failsafe"
+                    : burn.EndsWell() ? ""
+                                      : "the burn does not end as it should";
   if (options.at && !why.empty()) {
     throw std::runtime_error("--at " + Describe(*options.at) + ": there is no such burn: " + why);
   }

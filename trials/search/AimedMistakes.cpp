@@ -173,6 +173,16 @@ const std::vector<ImageMistake>& AimedImageMistakes() {
          image.crcs.push_back({section.addr, 3 * WORD, section.addr + 3 * WORD});
          return true;
        }},
+      {"guids-ports",
+       [](Image& image, Random& random) {
+         const Section& section = PickSection(image, random);
+         if (section.data.size() < 64) return false;
+         const std::uint32_t addr = section.addr + WORD * random.Below(section.data.size() / WORD);
+         image.fields.push_back({device::FieldType::GUIDS, addr});
+         const std::uint32_t other = Mirrored(image, addr);
+         if (other != addr) image.fields.push_back({device::FieldType::GUIDS, other});
+         return true;
+       }},
       {"field-in-held-back",
        [](Image& image, Random& random) {
          if (!HasBootRecords(image)) return false;
