@@ -176,8 +176,9 @@ const std::vector<ImageMistake>& AimedImageMistakes() {
       {"guids-ports",
        [](Image& image, Random& random) {
          const Section& section = PickSection(image, random);
-         if (section.data.size() < 64) return false;
-         const std::uint32_t addr = section.addr + WORD * random.Below(section.data.size() / WORD);
+         if (section.data.size() < 32) return false;
+         const std::uint32_t addr =
+             section.addr + WORD * random.Below((section.data.size() - 32) / WORD + 1);
          image.fields.push_back({device::FieldType::GUIDS, addr});
          const std::uint32_t other = Mirrored(image, addr);
          if (other != addr) image.fields.push_back({device::FieldType::GUIDS, other});

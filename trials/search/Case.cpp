@@ -78,6 +78,7 @@ class Case {
     _file = _folder.Write(Text("image-", _seed, ".img"), mutated.text);
     Tell(mutated.text);
     if (_random.Chance(70)) FitDevice(mutated.text);
+    if (_random.Chance(4)) AddPorts();
     Check();
     if (_is_for_device && Load(mutated.text)) {
       Burn();
@@ -131,6 +132,14 @@ class Case {
     }
     _scenario.image.map = image.map;
     _scenario.judges.erase(device.node_guid);  // it is blank
+  }
+
+  /// A device with more ports than a GUIDS field has room for.
+  void AddPorts() {
+    sim::Device& device = *_scenario.fabric.Find(FirstTarget(_scenario).node_guid);
+    while (device.port_guids.size() < 3) {
+      device.port_guids.push_back(device.node_guid + 0xA0000 + device.port_guids.size());
+    }
   }
 
   // ---- The check
