@@ -95,7 +95,9 @@ const std::vector<ImageMistake>& AimedImageMistakes() {
       {"chunk-crosses-device",
        [](Image& image, Random& random) {
          const Section& section = PickSection(image, random);
-         return EndChipAt(image, section.addr + 1 + random.Below(section.data.size()));
+         const std::uint32_t end = section.addr + 1 + random.Below(section.data.size());
+         // Some chunks end there, larger ones do not.
+         return EndChipAt(image, random.Chance(60) ? end / 32 * 32 : end);
        }},
       {"devmap-wraps",
        [](Image& image, Random& random) {
@@ -364,6 +366,13 @@ const std::vector<ImageMistake>& AimedImageMistakes() {
          if (!image.IsFlash() || section == nullptr || section->data.size() < 2 * WORD)
            return false;
          section->data.resize(section->data.size() - WORD);
+         return true;
+       }},
+      {"slot-unset",
+       [](Image& image, Random& random) {
+         device::Slot& slot = image.slots[random.Below(device::SLOTS)];
+         if (!image.map.empty() || !slot.image) return false;
+         slot.image = device::UNSET_ADDR;
          return true;
        }},
       {"slot-order",

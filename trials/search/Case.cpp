@@ -202,7 +202,9 @@ class Case {
   /// address that is missing ends the burn on any device.
   bool HasPlacesOfBase() const {
     using Place = std::optional<std::uint32_t>;
-    const auto moved = [](const Place& now, const Place& base) { return now && now != base; };
+    const auto moved = [](const Place& now, const Place& base) {
+      return now && now != device::UNSET_ADDR && now != base;
+    };
     for (std::uint32_t slot = 0; slot < device::SLOTS; ++slot) {
       const device::Slot& now = _image.slots[slot];
       const device::Slot& base = _scenario.image.slots[slot];
