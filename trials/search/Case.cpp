@@ -16,8 +16,8 @@
 #include "device/ImageFile.h"
 #include "device/Whole.h"
 #include "sim/Filling.h"
-#include "trials/search/ImageEdits.h"
 #include "trials/search/MutatedImage.h"
+#include "trials/search/OldImages.h"
 #include "trials/search/StartState.h"
 #include "trials/soak/ImageText.h"
 #include "trials/soak/Scenario.h"
@@ -36,6 +36,8 @@ namespace {
 /// Time limit of a program, which takes milliseconds on an idle machine.
 constexpr std::chrono::seconds LIMIT{60};
 constexpr std::uint32_t REHEARSED_PERCENT = 12;
+/// Of a second image that the burn has to move.
+constexpr std::uint32_t MOVED_PERCENT = 25;
 constexpr std::uint32_t VERIFIED_PERCENT = 30;
 constexpr std::uint32_t COMPARED_PERCENT = 40;
 constexpr std::string_view FIRST_BURN = "the burn";
@@ -243,10 +245,7 @@ class Case {
   }
 
   bool BurnFrom(const StartState& state, BurnKind kind) {
-    if (kind == BurnKind::FAILSAFE && _random.Chance(REHEARSED_PERCENT)) {
-      // Half of the images that a device has may have been made with a record of another size.
-      Rehearse(state, _random.Chance(50) ? _scenario.image : WithOtherSizes(_scenario.image));
-    }
+    if (kind == BurnKind::FAILSAFE) RehearseSome(state);
     sim::Fabric fabric;
     if (!SetUp(_scenario, state, kind, _scenario.image, fabric)) return true;
     const device::Guid guid = fabric.Devices().begin()->first;
@@ -371,16 +370,16 @@ class Case {
 
   // ---- The rehearsal
 
-  /// The image with another size in its pointer sectors' records, which boot all the same.
-  Image WithOtherSizes(Image image) {
-    for (const device::Slot& slot : image.slots) {
-      device::Section* section = SectionAt(image, slot.pointer_sector);
-      if (section == nullptr || section->data.size() < device::POINTER_RECORD_SIZE) continue;
-      SetWord(section, device::RECORD_IMAGE_SIZE,
-              device::WORD_SIZE * _random.Below(image.SlotBytes() / 2));
-      SignRecord(*section);
+  /// Rehearses some of the burns, many of them with a device that had another image before.
+  void RehearseSome(const StartState& state) {
+    if (state.begins_blank && _random.Chance(MOVED_PERCENT)) {
+      const auto old =
+          ImageToMove(_scenario.image, sim::SectorSizeOf(FirstTarget(_scenario)), _random);
+      if (old) return Rehearse(state, *old);
     }
-    return image;
+    if (!_random.Chance(REHEARSED_PERCENT)) return;
+    Rehearse(state,
+             _random.Chance(50) ? _scenario.image : WithOtherSizes(_scenario.image, _random));
   }
 
   void Rehearse(const StartState& state, const Image& old) {

@@ -51,6 +51,8 @@ const std::vector<StartState>& StartStates(BurnKind kind) {
       plain.front(),
       {"the first slot valid", {{.slot = 0}, {.slot = 1, .is_valid = false}}},
       {"the second slot valid", {{.slot = 1}, {.slot = 0, .is_valid = false}}},
+      // What a move leaves out is not there by chance.
+      {"the second slot valid, the first one blank", {{.slot = 1}}, false, true},
       {"both slots valid", {{.slot = 0}, {.slot = 1, .is_second = true}}},
       {"another invariant sector", {{.slot = 0}, {.slot = 1, .is_valid = false}}, true}};
   return kind == BurnKind::PLAIN ? plain : failsafe;
@@ -70,6 +72,11 @@ bool SetUp(const soak::Scenario& scenario, const StartState& state, BurnKind kin
   fabric.CopyDevice(target);
   if (state.parts.empty()) {
     return kind == BurnKind::PLAIN || scenario.judges.contains(target.node_guid);
+  }
+  if (state.begins_blank) {
+    for (auto& [address, chip] : fabric.Find(target.node_guid)->chips) {
+      chip.Load(0, device::Bytes(chip.Size(), device::ERASED));
+    }
   }
   try {
     for (const device::FillPart& part : state.parts) {

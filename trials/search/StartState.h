@@ -17,6 +17,7 @@ struct StartState {
   std::string name;
   std::vector<device::FillPart> parts;  ///< in this order; none: as the scenario has it
   bool has_other_invariant = false;     ///< so that a burn rewrites the invariant sector
+  bool begins_blank = false;            ///< before it is filled; else as the scenario has it
 
   /// Whether a fabric file can say the same by an image file.
   bool IsOfImageFile() const {

@@ -142,6 +142,10 @@ int Run(const Options& options) {
       std::cout << "FAILED: less than 30 % of the images pass the check\n";
       is_well = false;
     }
+    if (sum.rehearsed_safe * 100 < sum.rehearsals * 30) {
+      std::cout << "FAILED: less than 30 % of the rehearsals say safe\n";
+      is_well = false;
+    }
     const std::set<std::string> listed = ListedKinds();
     if (listed.empty()) throw std::runtime_error("docs/image-check.md lists no kind");
     for (const std::string& kind : listed) sum.kinds.try_emplace(kind, 0);
@@ -169,8 +173,10 @@ int main(int argc, char* argv[]) {
   const common::Option one =
       line.Add("--case", repeated, "Run only the case of this seed, and show all of it");
   line.Add("--jobs", options.jobs, "Cases side by side").InRange(1, 64).ShowDefault();
-  line.Add("--least", options.least_of_kind,
-           "Fail where fewer images have a kind of problem, or less than 30 % pass");
+  line.Add(
+      "--least", options.least_of_kind,
+      "Fail where fewer images have a kind of problem, less than 30 % pass, or less than 30 % of "
+      "the rehearsals say safe");
   line.Add("--fwimg", options.programs.fwimg, "The fwimg to test");
   line.Add("--fwpush", options.programs.fwpush, "The fwpush to burn with");
   line.Add("--rehearse", options.programs.rehearse, "The fwpush-rehearse to test");
