@@ -51,6 +51,8 @@ class System {
 
   /// Monotonic.
   virtual Time Now() const = 0;
+  /// Seconds since 1970.
+  virtual std::int64_t WallSeconds() const = 0;
 
   /// Returns a descriptor, which a child process does not inherit.
   virtual int Open(const std::string& path, Access access) = 0;
@@ -83,6 +85,10 @@ class System {
   virtual std::vector<std::string> List(const std::string& folder) = 0;
   /// The path without links; empty where it does not exist.
   virtual std::string Resolve(const std::string& path) = 0;
+
+  /// Replaces a small file, whose folder must exist. 0 where it is on the disk.
+  virtual int WriteText(const std::string& path, const std::string& text) = 0;
+  virtual int Remove(const std::string& path) = 0;
 
   /// Runs a program without a shell, its output to the log, and kills it after `limit`. Returns its
   /// exit status, 128 and the signal where one ended it, or -ETIME.
