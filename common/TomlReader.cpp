@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "common/Text.h"
 
@@ -91,6 +92,17 @@ toml::table ParseToml(const fs::path& path) {
 
 std::uint32_t LineOf(const toml::node& node) { return node.source().begin.line; }
 
+/// The number that `node` is; nothing where it is none, or not from `min` to `max`.
+std::optional<std::uint64_t> NumberIn(const toml::node& node, std::uint64_t min,
+                                      std::uint64_t max) {
+  const auto* number = node.as_integer();
+  if (number == nullptr || std::cmp_less(number->get(), min) ||
+      std::cmp_greater(number->get(), max)) {
+    return {};
+  }
+  return static_cast<std::uint64_t>(number->get());
+}
+
 }  // namespace
 
 /// A table, and the root of the file, which owns it.
@@ -149,15 +161,57 @@ std::optional<bool> TomlReader::Bool(std::string_view key) {
   return node->as_boolean()->get();
 }
 
-std::optional<std::uint32_t> TomlReader::Number(std::string_view key, std::uint32_t min,
-                                                std::uint32_t max) {
+std::optional<std::uint64_t> TomlReader::LongNumber(std::string_view key, std::uint64_t min,
+                                                    std::uint64_t max) {
   const toml::node* node = Find(key).node;
   if (node == nullptr) return {};
-  const auto* number = node->as_integer();
-  if (number == nullptr || number->get() < min || number->get() > max) {
-    ThrowAt(key, Text("'", key, "' must be a number from ", min, " to ", max));
+  const auto number = NumberIn(*node, min, max);
+  if (!number) ThrowAt(key, Text("'", key, "' must be a number from ", min, " to ", max));
+  return number;
+}
+
+std::optional<std::uint32_t> TomlReader::Number(std::string_view key, std::uint32_t min,
+                                                std::uint32_t max) {
+  const auto number = LongNumber(key, min, max);
+  if (!number) return {};
+  return static_cast<std::uint32_t>(*number);
+}
+
+std::optional<std::vector<std::string>> TomlReader::Strings(std::string_view key) {
+  const toml::node* node = Find(key).node;
+  if (node == nullptr) return {};
+  if (!node->is_array()) ThrowAt(key, Text("'", key, "' must be an array of strings"));
+  std::vector<std::string> strings;
+  for (const toml::node& element : *node->as_array()) {
+    if (!element.is_string()) {
+      ThrowAt(common::LineOf(element), Text("'", key, "' must be an array of strings"));
+    }
+    strings.push_back(element.as_string()->get());
   }
-  return static_cast<std::uint32_t>(number->get());
+  return strings;
+}
+
+std::optional<std::vector<TomlReader::Row>> TomlReader::Rows(std::string_view key,
+                                                             std::size_t columns,
+                                                             std::uint64_t max) {
+  const toml::node* node = Find(key).node;
+  if (node == nullptr) return {};
+  const auto refuse = [&](const toml::node& wrong) {
+    ThrowAt(common::LineOf(wrong), Text("'", key, "' must be an array of arrays of ", columns,
+                                        " numbers from 0 to ", max));
+  };
+  if (!node->is_array()) refuse(*node);
+  std::vector<Row> rows;
+  for (const toml::node& element : *node->as_array()) {
+    if (!element.is_array() || element.as_array()->size() != columns) refuse(element);
+    Row& row = rows.emplace_back(Row{.numbers = {}, .line = common::LineOf(element)});
+    for (const toml::node& number : *element.as_array()) {
+      const auto value = NumberIn(number, 0, max);
+      if (!value) refuse(number);
+      row.numbers.push_back(*value);
+    }
+  }
+  return rows;
 }
 
 std::vector<TomlReader::Element> TomlReader::Array(std::string_view key) {

@@ -29,6 +29,11 @@ class TomlReader {
     std::string text;    ///< "" where the value is not a string
     std::uint32_t line;  ///< from 1
   };
+  /// An array of numbers within an array.
+  struct Row {
+    std::vector<std::uint64_t> numbers;
+    std::uint32_t line;  ///< from 1
+  };
 
   /// Parses a file, and reads its root table. Throws TomlError.
   explicit TomlReader(const std::filesystem::path& file);
@@ -53,6 +58,13 @@ class TomlReader {
   std::optional<std::string> String(std::string_view key);
   std::optional<bool> Bool(std::string_view key);
   std::optional<std::uint32_t> Number(std::string_view key, std::uint32_t min, std::uint32_t max);
+  /// Files have numbers below 2^63 only.
+  std::optional<std::uint64_t> LongNumber(std::string_view key, std::uint64_t min,
+                                          std::uint64_t max);
+  std::optional<std::vector<std::string>> Strings(std::string_view key);
+  /// Arrays of `columns` numbers each, from 0 to `max`.
+  std::optional<std::vector<Row>> Rows(std::string_view key, std::size_t columns,
+                                       std::uint64_t max);
   // The elements of an array; none where the key is missing.
   std::vector<Element> Array(std::string_view key);
   std::vector<TomlReader> Tables(std::string_view key);

@@ -1,11 +1,11 @@
 #include "sim/FabricFile.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 
 #include "common/Files.h"
 #include "common/TomlReader.h"
+#include "protocol/FactsFile.h"
 #include "sim/Filling.h"
 
 namespace sim {
@@ -16,61 +16,10 @@ namespace fs = std::filesystem;
 using common::TomlError;
 using common::TomlReader;
 
-Guid ParseGuid(const TomlReader& reader, std::string_view key, const TomlReader::Element& value) {
-  const std::string_view text = value.text;
-  Guid guid = 0;
-  const std::string_view digits = text.substr(std::min<std::size_t>(2, text.size()));
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), guid, 16);
-  if (!text.starts_with("0x") || error != std::errc() || end != digits.data() + digits.size()) {
-    reader.ThrowAt(value.line,
-                   common::Text("'", key, "' must be a GUID such as \"0x00aa550000000010\""));
-  }
-  return guid;
-}
-
-std::optional<Guid> OneGuid(TomlReader& reader, std::string_view key) {
-  const auto value = reader.Any(key);
-  if (!value) return {};
-  return ParseGuid(reader, key, *value);
-}
-
-std::vector<Guid> Guids(TomlReader& reader, std::string_view key) {
-  std::vector<Guid> guids;
-  for (const auto& value : reader.Array(key)) guids.push_back(ParseGuid(reader, key, value));
-  return guids;
-}
-
-/// The bytes of `text`, or of the hexadecimal digits after "0x", padded with zeros.
-device::Bytes Bytes(const TomlReader& reader, std::string_view key, const std::string& text,
-                    std::size_t size) {
-  device::Bytes bytes;
-  if (text.starts_with("0x")) {
-    for (std::size_t i = 2; i < text.size(); i += 2) {
-      const std::string digits = text.substr(i, 2);
-      std::uint8_t byte = 0;
-      const char* end = digits.data() + digits.size();
-      if (digits.size() != 2 || std::from_chars(digits.data(), end, byte, 16).ptr != end) {
-        reader.Throw(common::Text("'", key, "' must have two hexadecimal digits for each byte"));
-      }
-      bytes.push_back(byte);
-    }
-  } else {
-    bytes.assign(text.begin(), text.end());
-  }
-  if (bytes.size() > size) reader.Throw(common::Text("'", key, "' has more than ", size, " bytes"));
-  bytes.resize(size);
-  return bytes;
-}
-
 void ReadServer(TomlReader reader, ServerFacts& facts) {
-  facts.type = reader.String("type").value_or(facts.type);
-  constexpr std::string_view TYPES[] = {"I2C", "PCI", "PPC", "IB"};
-  if (std::ranges::find(TYPES, facts.type) == std::end(TYPES)) {
-    reader.Throw("'type' must be I2C, PCI, PPC or IB");
-  }
+  facts.type = protocol::ReadServerType(reader).value_or(facts.type);
   facts.ifc_version = reader.String("interface_version").value_or(facts.ifc_version);
-  if (const auto max = reader.Number("multi_max", 1, 1000000))
-    facts.multi_max = std::to_string(*max);
+  if (const auto max = protocol::ReadMultiMax(reader)) facts.multi_max = std::to_string(*max);
   reader.Finish();
 }
 
@@ -180,15 +129,15 @@ void FillContents(TomlReader& reader, Fabric& fabric, Device& device) {
 
 void ReadDevice(TomlReader& reader, const std::optional<fs::path>& state, Fabric& fabric) {
   Device device;
-  device.node_guid = reader.Needed("node_guid", OneGuid(reader, "node_guid"));
-  device.port_guids = Guids(reader, "port_guids");
-  device.sys_guid = OneGuid(reader, "system_guid").value_or(device.node_guid);
-  device.declared_ports = reader.Number("declared_ports", 0, 255)
-                              .value_or(static_cast<std::uint32_t>(device.port_guids.size()));
-  device.name = reader.String("name").value_or(device.name);
-  device.attr = reader.String("attribute").value_or(device.attr);
-  device.vsd = Bytes(reader, "vsd", reader.String("vsd").value_or(""), VSD_SIZE);
-  device.bsn = Bytes(reader, "bsn", reader.String("bsn").value_or(""), BSN_SIZE);
+  protocol::DeviceFacts facts = protocol::ReadDeviceFacts(reader);
+  device.node_guid = facts.node_guid;
+  device.port_guids = std::move(facts.port_guids);
+  device.sys_guid = facts.sys_guid;
+  device.declared_ports = reader.Number("declared_ports", 0, 255).value_or(facts.declared_ports);
+  device.name = std::move(facts.name);
+  device.attr = std::move(facts.attr);
+  device.vsd = std::move(facts.vsd);
+  device.bsn = std::move(facts.bsn);
   device.has_power = reader.Bool("power").value_or(true);
   ReadMemory(reader, state, device);
   Device* added = nullptr;
@@ -214,7 +163,7 @@ Fault ReadFault(TomlReader& reader) {
   if (named == FaultNames().end()) reader.Throw("'kind' is no kind of fault: " + kind);
   fault.kind = named->kind;
   fault.command = reader.String("command").value_or("");
-  fault.device = OneGuid(reader, "device");
+  fault.device = protocol::ReadGuid(reader, "device");
   fault.nth = reader.Number("nth", 1, ANY).value_or(1);
   fault.from_then_on = reader.Bool("from_then_on").value_or(false);
   fault.text = reader.String("text").value_or(fault.kind == Fault::DEVICE_ERROR ? "Fault" : "");
@@ -247,7 +196,7 @@ FabricFiles ReadNames(const fs::path& path) {
         if (const auto name = contents.String(key)) files.read.push_back(contents.Path(*name));
       }
     }
-    const auto guid = OneGuid(device, "node_guid");
+    const auto guid = protocol::ReadGuid(device, "node_guid");
     if (!guid) continue;
     if (device.IsTable("flash")) files.memories.push_back(FlashName(*guid));
     for (TomlReader& chip : device.Tables("chip")) {

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <map>
 
 #include "common/ScratchFolder.h"
@@ -95,6 +96,61 @@ TEST_F(TomlReaderTest, WrongValueIsToldWithItsLine) {
                       table.Needed("key", table.String("key"));
                     }),
             ":2: 'key' is missing");
+}
+
+TEST_F(TomlReaderTest, LongNumbersAreHandedOut) {
+  constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
+  TomlReader reader = Reader("long = 0x123456789abcdef0\nnegative = -1\n");
+  EXPECT_EQ(reader.LongNumber("long", 0, MOST), 0x123456789abcdef0u);
+  EXPECT_EQ(reader.LongNumber("missing", 0, 1), std::nullopt);
+  const auto refusal = [this](std::uint64_t min, std::uint64_t max) {
+    return Refusal("a = 0x100000000\nnegative = -1\n", [&](TomlReader& other) {
+      other.LongNumber("a", min, max);
+      other.LongNumber("negative", 0, MOST);
+    });
+  };
+  EXPECT_EQ(refusal(0, 0xFFFFFFFF), ":1: 'a' must be a number from 0 to 4294967295");
+  EXPECT_EQ(refusal(0x100000001, 0x100000002),
+            ":1: 'a' must be a number from 4294967297 to 4294967298");
+  EXPECT_EQ(refusal(0, 0x100000000),
+            ":2: 'negative' must be a number from 0 to 18446744073709551615");
+}
+
+TEST_F(TomlReaderTest, NumberThatOnlyItsLowBitsPutInRangeIsRefused) {
+  EXPECT_EQ(Refusal("a = 0x100000001", [](TomlReader& reader) { reader.Number("a", 0, 7); }),
+            ":1: 'a' must be a number from 0 to 7");
+}
+
+TEST_F(TomlReaderTest, StringsAreHandedOut) {
+  TomlReader reader = Reader("words = ['/bin/true', '']\nnone = []\n");
+  EXPECT_EQ(reader.Strings("words"), (std::vector<std::string>{"/bin/true", ""}));
+  EXPECT_EQ(reader.Strings("none"), std::vector<std::string>());
+  EXPECT_EQ(reader.Strings("missing"), std::nullopt);
+  for (const char* text : {"\nwords = 'x'", "words = ['x',\n5]"}) {
+    EXPECT_EQ(Refusal(text, [](TomlReader& other) { other.Strings("words"); }),
+              ":2: 'words' must be an array of strings");
+  }
+}
+
+TEST_F(TomlReaderTest, RowsAreHandedOut) {
+  TomlReader reader = Reader("rows = [[0x70, 0],\n[1, 0x100000000]]\nnone = []\n");
+  const auto rows = reader.Rows("rows", 2, 0x100000000);
+  ASSERT_TRUE(rows);
+  ASSERT_EQ(rows->size(), 2u);
+  EXPECT_EQ(rows->at(0).numbers, (std::vector<std::uint64_t>{0x70, 0}));
+  EXPECT_EQ(rows->at(1).numbers, (std::vector<std::uint64_t>{1, 0x100000000}));
+  EXPECT_EQ(rows->at(1).line, 2u);
+  const auto none = reader.Rows("none", 2, 1);
+  ASSERT_TRUE(none);
+  EXPECT_TRUE(none->empty());
+  EXPECT_FALSE(reader.Rows("missing", 2, 1).has_value());
+  for (const char* text :
+       {"\nrows = 5", "\nrows = [5]", "rows = [[1, 2],\n[1]]", "rows = [[1, 2],\n[1, 2, 3]]",
+        "rows = [[1,\n 8]]", "rows = [[1,\n -1]]", "rows = [[1,\n 'x']]", "rows = [\n'x']"}) {
+    EXPECT_EQ(Refusal(text, [](TomlReader& other) { other.Rows("rows", 2, 7); }),
+              ":2: 'rows' must be an array of arrays of 2 numbers from 0 to 7")
+        << text;
+  }
 }
 
 TEST_F(TomlReaderTest, KeyThatNobodyAskedForIsRefused) {
