@@ -49,8 +49,10 @@ std::string BsnElement(std::span<const std::uint8_t> bytes) {
   return ACK + KeyWords("bsn", bytes, bytes.size(), 1);
 }
 
-std::string AttributesElement(std::uint32_t sector_size, std::size_t size) {
-  return common::Text("{sector_size=", std::hex, sector_size, " size=", size, "}");
+std::string AttributesElement(std::uint32_t sector_size, std::uint64_t size,
+                              std::uint32_t page_size) {
+  const std::string page = page_size == 0 ? "" : common::Text(" page_size=", std::hex, page_size);
+  return common::Text("{sector_size=", std::hex, sector_size, " size=", size, page, "}");
 }
 
 std::string RecordElement(const DeviceRecord& record) {

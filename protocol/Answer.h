@@ -40,8 +40,9 @@ std::string DeviceError(Guid guid, const std::string& reason);
 std::string DataElement(std::span<const std::uint8_t> bytes, std::size_t size);
 /// The element of a board serial number.
 std::string BsnElement(std::span<const std::uint8_t> bytes);
-/// The element of a flash; sizes in bytes.
-std::string AttributesElement(std::uint32_t sector_size, std::size_t size);
+/// The element of a flash; sizes in bytes. A page size of 0 is left out.
+std::string AttributesElement(std::uint32_t sector_size, std::uint64_t size,
+                              std::uint32_t page_size = 0);
 
 /// One port of a device. Its texts must not be empty, nor contain blanks or braces.
 struct DeviceRecord {

@@ -45,9 +45,16 @@ std::string WhyNotAdded(const DeviceFacts& device, std::map<Guid, Guid>& taken);
 /// The records of one device, the `number`th of its server, from 1.
 std::string RecordElements(const DeviceFacts& device, std::size_t number);
 
+/// The element of a device that is not there.
+std::string NoSuchDevice(Guid guid);
+
 /// The element of a device for a request that needs no memory; nothing where its memory must be
-/// asked. Throws Refusal where the device cannot take the request.
+/// read, written, erased or burnt. Throws Refusal where the device cannot take the request.
 std::optional<std::string> ElementWithoutMemory(const Request& request, const DeviceFacts& device,
                                                 const ChipFactsByAddress& chips);
+/// Likewise, for a caller that has no such map: `chip` is the chip that the request addresses, null
+/// where there is none.
+std::optional<std::string> ElementWithoutMemory(const Request& request, const DeviceFacts& device,
+                                                bool has_flash, const ChipFacts* chip);
 
 }  // namespace protocol

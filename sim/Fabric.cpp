@@ -1,7 +1,6 @@
 #include "sim/Fabric.h"
 
 #include <algorithm>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -12,51 +11,39 @@ namespace sim {
 
 using protocol::Action;
 using protocol::Answer;
-using protocol::Memory;
 using protocol::Refusal;
 using protocol::Request;
 
-Device& Fabric::Add(Device device) {
-  const auto is_word = [](const std::string& text) {
-    return !text.empty() && text.find_first_of(" \t\r\n{}") == std::string::npos;
-  };
-  if (!is_word(device.name) || !is_word(device.attr)) {
-    throw std::invalid_argument("a device's name and attribute must each be one word");
-  }
-  if (device.port_guids.empty()) throw std::invalid_argument("a device must have a port");
-  std::set<Guid> guids(device.port_guids.begin(), device.port_guids.end());
-  if (guids.size() != device.port_guids.size()) {
-    throw std::invalid_argument("two ports with one GUID");
-  }
-  guids.insert(device.node_guid);
-  for (const Guid guid : guids) {
-    if (_node_of.contains(guid)) {
-      throw std::invalid_argument("GUID " + HexGuid(guid) + " stands for two devices");
-    }
-  }
+namespace {
+
+/// Why a device cannot have its chips; empty where it can.
+std::string WrongChips(const Device& device) {
+  const bool is_flash = device.kind == device::MemoryKind::FLASH;
   for (const auto& [address, chip] : device.chips) {
-    if (chip.IsFlash() != (device.kind == device::MemoryKind::FLASH)) {
-      throw std::invalid_argument("a chip of the other kind of memory");
-    }
+    if (chip.IsFlash() != is_flash) return "a chip of the other kind of memory";
   }
-  if (device.kind == device::MemoryKind::FLASH &&
-      (device.chips.size() != 1 || !device.chips.contains(0))) {
-    throw std::invalid_argument("a flash is one chip, at address 0");
+  if (is_flash && (device.chips.size() != 1 || !device.chips.contains(0))) {
+    return "a flash is one chip, at address 0";
   }
-  for (const Guid guid : guids) _node_of[guid] = device.node_guid;
+  return {};
+}
+
+}  // namespace
+
+Device& Fabric::Add(Device device) {
+  std::string reason = protocol::WhyNotAdded(device, _node_of);
+  if (!reason.empty()) throw std::invalid_argument(reason);
+  reason = WrongChips(device);
+  if (!reason.empty()) {
+    std::erase_if(_node_of, [&](const auto& entry) { return entry.second == device.node_guid; });
+    throw std::invalid_argument(reason);
+  }
   return _devices.try_emplace(device.node_guid, std::move(device)).first->second;
 }
 
 void Fabric::CopyDevice(const Device& device) {
   Device copy;
-  copy.node_guid = device.node_guid;
-  copy.port_guids = device.port_guids;
-  copy.sys_guid = device.sys_guid;
-  copy.declared_ports = device.declared_ports;
-  copy.name = device.name;
-  copy.attr = device.attr;
-  copy.vsd = device.vsd;
-  copy.bsn = device.bsn;
+  static_cast<protocol::DeviceFacts&>(copy) = device;
   copy.kind = device.kind;
   copy.has_power = device.has_power;
   copy.images = device.images;
@@ -81,17 +68,8 @@ std::string Fabric::ListDevices() const {
   for (const auto& [node_guid, device] : _devices) {
     ++number;
     if (!device.has_power) continue;
-    for (std::size_t port = 0; port < device.port_guids.size(); ++port) {
-      if (!list.empty()) list += " ";
-      list += protocol::RecordElement({.device = number,
-                                       .port = port + 1,
-                                       .system_guid = device.sys_guid,
-                                       .node_guid = node_guid,
-                                       .port_guid = device.port_guids[port],
-                                       .ports = device.declared_ports,
-                                       .name = device.name,
-                                       .attribute = device.attr});
-    }
+    if (!list.empty()) list += " ";
+    list += protocol::RecordElements(device, number);
   }
   return list;
 }
@@ -134,7 +112,7 @@ Answer Fabric::Run(const Request& request) {
     const bool is_hit = _fault && (_fault->device ? *_fault->device == guid : elements.empty());
     Device* device = Find(guid);
     if (device == nullptr) {
-      elements.push_back(protocol::DeviceError(guid, "No such device"));
+      elements.push_back(protocol::NoSuchDevice(guid));
     } else if (!device->has_power) {
       elements.push_back(protocol::DeviceError(guid, "Device does not respond"));
     } else if (is_hit && _fault->kind == Fault::DEVICE_ERROR) {
@@ -159,37 +137,27 @@ Answer Fabric::Run(const Request& request) {
 }
 
 std::string Fabric::RunOn(const Request& request, Device& device) {
-  const Action action = request.command->action;
-  const bool is_flash = device.kind == device::MemoryKind::FLASH;
-  const auto& memory = request.command->memory;
-  if (memory && (*memory == Memory::FLASH) != is_flash) {
-    throw Refusal(is_flash ? "Device has a flash" : "Device has no flash");
-  }
-  if (action == Action::VSD) return protocol::DataElement(device.vsd, device.vsd.size());
-  if (action == Action::BSN) return protocol::BsnElement(device.bsn);
-  if (action == Action::ATTRIBUTES) {
-    const Chip& flash = device.chips.at(0);
-    return protocol::AttributesElement(flash.SectorSize(), flash.Size());
-  }
-  if (action == Action::START || action == Action::STOP || action == Action::BURN) {
-    return protocol::ACK;
-  }
-
   const auto found = device.chips.find(request.chip);
-  if (found == device.chips.end()) throw Refusal("No chip at this address");
-  Chip& chip = found->second;
-  if (action == Action::ERASE) {
-    if (!chip.Holds(request.offset, 1)) throw Refusal("Address out of range");
-    if (request.offset % chip.SectorSize() != 0) throw Refusal("Not the start of a sector");
-    Erase(device, request.chip, request.offset, _fault);
-    return protocol::ACK;
+  Chip* const chip = found == device.chips.end() ? nullptr : &found->second;
+  protocol::ChipFacts chip_facts;
+  if (chip) chip_facts = {.size = chip->Size(), .sector_size = chip->SectorSize()};
+  if (auto element =
+          protocol::ElementWithoutMemory(request, device, device.kind == device::MemoryKind::FLASH,
+                                         chip ? &chip_facts : nullptr)) {
+    return *std::move(element);
   }
-  if (!chip.Holds(request.offset, request.size)) throw Refusal("Address out of range");
-  if (action == Action::READ) {
-    return protocol::DataElement(chip.Bytes().subspan(request.offset), request.size);
+  switch (request.command->action) {
+    case Action::ERASE:
+      Erase(device, request.chip, request.offset, _fault);
+      return protocol::ACK;
+    case Action::READ:
+      return protocol::DataElement(chip->Bytes().subspan(request.offset), request.size);
+    case Action::WRITE:
+      Program(device, request.chip, request.offset, request.data, _fault);
+      return protocol::ACK;
+    default:
+      return protocol::ACK;  // the image comes with the next message
   }
-  Program(device, request.chip, request.offset, request.data, _fault);
-  return protocol::ACK;
 }
 
 void Fabric::Program(Device& device, std::uint8_t address, std::uint32_t offset,

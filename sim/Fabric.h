@@ -13,28 +13,19 @@
 #include <vector>
 
 #include "common/Text.h"
+#include "protocol/DeviceFacts.h"
 #include "protocol/Handler.h"
 #include "sim/ChipMemory.h"
 #include "sim/Faults.h"
 
 namespace sim {
 
-constexpr std::size_t VSD_SIZE = 208;
-constexpr std::size_t BSN_SIZE = 64;
-
 using common::HexGuid;
+using protocol::BSN_SIZE;
+using protocol::VSD_SIZE;
 
 /// One device.
-struct Device {
-  Guid node_guid = 0;
-  std::vector<Guid> port_guids;  ///< in port order
-  Guid sys_guid = 0;
-  std::uint32_t declared_ports =
-      0;                        ///< as its records say; a healthy device has as many port GUIDs
-  std::string name = "device";  ///< one word
-  std::string attr = "none";    ///< one word
-  device::Bytes vsd = device::Bytes(VSD_SIZE, 0);
-  device::Bytes bsn = device::Bytes(BSN_SIZE, 0);
+struct Device : protocol::DeviceFacts {
   device::MemoryKind kind = device::MemoryKind::EEPROM;
   std::map<std::uint8_t, Chip> chips;  ///< by I2C address; a flash is chip 0
   bool has_power = true;               ///< without power, it ignores requests and does not answer

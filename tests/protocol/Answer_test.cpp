@@ -29,6 +29,8 @@ TEST(AnswerTest, SerialNumberIsBytes) {
 
 TEST(AnswerTest, AttributesAreHexadecimalWithoutAPrefix) {
   EXPECT_EQ(AttributesElement(0x10000, 0x100000), "{sector_size=10000 size=100000}");
+  EXPECT_EQ(AttributesElement(0x1000, 0x1000000, 256),
+            "{sector_size=1000 size=1000000 page_size=100}");
 }
 
 TEST(AnswerTest, RecordHasTheFieldsOfAPortInOrder) {
