@@ -1,0 +1,47 @@
+/// A memory behind a descriptor: a flash that the kernel serves as an MTD device, or a plain file.
+#pragma once
+
+#include <vector>
+
+#include "serve/Configuration.h"
+#include "serve/Memory.h"
+
+namespace serve {
+
+struct FoundMtd;
+
+class FlatMemory : public Memory {
+ public:
+  /// A flash of `config`.
+  explicit FlatMemory(const FlashConfig& config);
+  /// An EEPROM in a plain file.
+  FlatMemory(const FileConfig& file, std::uint32_t size);
+
+  std::string Open(System& system, Access access) override;
+  bool IsOpen(Access access) const override;
+  void Close(System& system) override;
+  std::unique_ptr<JobSteps> Begin(Job& job) override;
+
+  /// Bytes of one erase of the memory itself. Valid while it is open.
+  std::uint32_t EraseSize() const { return _erase_size; }
+
+ private:
+  friend class FlatSteps;
+
+  std::string OpenFile(System& system, Access access);
+  std::string OpenMtd(System& system, Access access);
+  std::string CheckMtd(const FoundMtd& found, const MtdFacts& facts) const;
+
+  /// Marks what an erase has left, or a write has changed.
+  void SetErased(std::uint32_t offset, std::uint32_t size, bool is_erased);
+  /// Whether all of it reads FF, as an erase that was read back has shown.
+  bool IsErased(std::uint32_t offset, std::size_t size) const;
+
+  FlashConfig _config;  ///< of an EEPROM in a file, sector_size is 0
+  int _descriptor = -1;
+  Access _access = Access::READ;
+  std::uint32_t _erase_size = 0;
+  std::vector<bool> _erased;  ///< by granule, since the memory was opened for writing
+};
+
+}  // namespace serve

@@ -1,0 +1,272 @@
+#include "serve/Gateway.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "common/Text.h"
+
+namespace serve {
+
+using protocol::Action;
+using protocol::Answer;
+using protocol::ClientId;
+using protocol::Refusal;
+using protocol::Request;
+
+/// One request under way.
+struct Gateway::Exchange {
+  ClientId client = 0;
+  std::shared_ptr<protocol::Reply> reply;
+  Request request;
+  std::vector<ServedDevicePointer> devices;  ///< of each element; null where there is none
+  std::vector<std::string> elements;
+  std::vector<bool> needs_memory;  ///< of each element
+  std::size_t unplanned = 0;       ///< elements
+  std::size_t works = 0;           ///< that wires have not done yet
+  Loop::TimerId timer = 0;
+};
+
+Gateway::Gateway(System& system, Loop& loop, const Configuration& configuration,
+                 ServedDevices::Options options, Outputs outputs)
+    : _system(system),
+      _loop(loop),
+      _configuration(configuration),
+      _devices(system, options),
+      _leases(system, loop, std::move(outputs.audit), std::move(outputs.log), options.is_dry_run) {
+  _leases.SetFolder(configuration.state);
+  _leases.freed = [this](const ServedDevicePointer& device) {
+    _devices.Settle(device);
+    CheckIdle();
+  };
+  _devices.Set(configuration);
+}
+
+void Gateway::Reload(const Configuration& configuration) {
+  // The folder of leases stays: open ones are in it.
+  const auto state = _configuration.state;
+  _configuration = configuration;
+  _configuration.state = state;
+  _devices.Set(_configuration);
+}
+
+void Gateway::Connected(ClientId client, const std::string& peer) { _clients[client] = {peer}; }
+
+void Gateway::Disconnected(ClientId client) {
+  const auto found = _clients.find(client);
+  if (found == _clients.end()) return;
+  found->second.is_gone = true;
+  if (found->second.is_asking) return;
+  _clients.erase(found);
+  _leases.Release(client, "the client disconnected");
+}
+
+void Gateway::Start(ClientId client, std::string_view text,
+                    std::shared_ptr<protocol::Reply> reply) {
+  const auto exchange = std::make_shared<Exchange>();
+  exchange->client = client;
+  exchange->reply = std::move(reply);
+  try {
+    exchange->request = protocol::ParseRequest(text);
+    protocol::CheckCount(exchange->request, std::to_string(_configuration.multi_max));
+    if (auto answer = AnswerAlone(exchange->request)) {
+      return exchange->reply->Send(*std::move(answer));
+    }
+  } catch (const Refusal& refusal) {
+    return exchange->reply->Send({.text = protocol::RequestError(refusal.what())});
+  }
+  ++_under_way;
+  _clients[client].is_asking = true;
+  exchange->timer = _loop.CallAt(_loop.Now() + HEARTBEAT, [this, exchange] { Beat(exchange); });
+  const std::size_t count = exchange->request.devices.size();
+  exchange->devices.resize(count);
+  exchange->elements.resize(count);
+  exchange->needs_memory.resize(count);
+  // One more, so that the last device is not the last before all were looked at.
+  exchange->unplanned = count + 1;
+  for (std::size_t i = 0; i < count; ++i) Plan(exchange, i);
+  Planned(exchange);
+}
+
+std::optional<Answer> Gateway::AnswerAlone(const Request& request) const {
+  switch (request.command->action) {
+    case Action::MULTI_MAX:
+      return Answer{.text = std::to_string(_configuration.multi_max)};
+    case Action::VERSION:
+      return Answer{.text = "2.2"};
+    case Action::BURN:
+      throw Refusal("image burns are not supported");
+    case Action::LIST: {
+      std::string list;
+      std::size_t number = 0;
+      for (const auto& [guid, device] : _devices.All()) {
+        if (!list.empty()) list += " ";
+        list += protocol::RecordElements(device->config.facts, ++number);
+      }
+      return Answer{.text = list};
+    }
+    default:
+      return {};
+  }
+}
+
+void Gateway::Plan(const ExchangePointer& exchange, std::size_t i) {
+  const Request& request = exchange->request;
+  const Action action = request.command->action;
+  const auto fail = [exchange, i](const std::string& why) {
+    exchange->elements[i] = protocol::DeviceError(exchange->request.devices[i], why);
+  };
+  const ServedDevicePointer device = exchange->devices[i] = _devices.Find(request.devices[i]);
+  bool needs_lease = false;
+  try {
+    if (!device) throw Refusal("No such device");
+    const bool changes = action == Action::WRITE || action == Action::ERASE;
+    if (changes || action == Action::READ || action == Action::ATTRIBUTES) {
+      _devices.LearnSize(*device);
+    }
+    auto element = protocol::ElementWithoutMemory(request, device->config.facts, device->facts);
+    exchange->needs_memory[i] = !element;
+    if (element) exchange->elements[i] = *std::move(element);
+    if (changes || action == Action::START) CheckWritable(request, *device);
+    // Until it is prepared, such a device may not even be there to be read.
+    const bool is_read = action == Action::READ && !device->config.prepare.empty() &&
+                         (!device->lease || device->lease->state == Lease::RELEASING);
+    needs_lease = changes || action == Action::START || is_read;
+  } catch (const Refusal& refusal) {
+    exchange->needs_memory[i] = false;
+    fail(refusal.what());
+  }
+  if (!needs_lease) return Planned(exchange);
+  _leases.Take(device, exchange->client, _clients[exchange->client].peer,
+               [this, exchange, i, fail](const std::string& error) {
+                 if (!error.empty()) {
+                   exchange->needs_memory[i] = false;
+                   fail(error);
+                 }
+                 Planned(exchange);
+               });
+}
+
+void Gateway::CheckWritable(const Request& request, const ServedDevice& device) const {
+  if (_configuration.is_read_only || device.config.is_read_only) throw Refusal("Read-only");
+  const Action action = request.command->action;
+  if (!device.config.write || action == Action::START) return;
+  const std::uint64_t size =
+      action == Action::ERASE ? device.facts.at(request.chip).sector_size : request.size;
+  std::uint64_t at = request.offset;
+  const std::uint64_t end = at + size;
+  // Ranges may touch each other: what is left after one must be in another.
+  for (bool is_found = true; is_found && at < end;) {
+    is_found = false;
+    for (const Range& range : *device.config.write) {
+      if (range.first > at || at > range.last) continue;
+      at = std::uint64_t{range.last} + 1;
+      is_found = true;
+    }
+  }
+  if (at < end) throw Refusal("Read-only");
+}
+
+void Gateway::Planned(const ExchangePointer& exchange) {
+  if (--exchange->unplanned == 0) Execute(exchange);
+}
+
+void Gateway::Execute(const ExchangePointer& exchange) {
+  const Request& request = exchange->request;
+  const Action action = request.command->action;
+  // A request may name a device twice: then its chip has two works, one after the other.
+  std::map<std::pair<WireId, std::size_t>, std::vector<ChipWork::Item>> works;
+  std::map<const Memory*, std::size_t> named;
+  for (std::size_t i = 0; i < exchange->elements.size(); ++i) {
+    if (!exchange->needs_memory[i]) continue;
+    if (action != Action::ERASE && request.size == 0) {
+      exchange->elements[i] = protocol::ACK;
+      continue;
+    }
+    const ServedChip& chip = exchange->devices[i]->chips.at(request.chip);
+    ChipWork::Item item{.memory = chip.memory, .job = {}, .element = i};
+    item.job.kind = action == Action::READ    ? Job::READ
+                    : action == Action::WRITE ? Job::WRITE
+                                              : Job::ERASE;
+    item.job.offset = request.offset;
+    item.job.size = action == Action::ERASE
+                        ? exchange->devices[i]->facts.at(request.chip).sector_size
+                        : request.size;
+    item.job.data = request.data;
+    works[{chip.wire, named[chip.memory.get()]++}].push_back(std::move(item));
+  }
+  exchange->works = works.size();
+  if (works.empty()) return Finish(exchange);
+  for (auto& [wire, items] : works) {
+    _loop.Run(wire.first, std::make_unique<ChipWork>(std::move(items)),
+              [this, exchange](const std::unique_ptr<WireWork>& work) {
+                TakeResults(exchange, static_cast<ChipWork&>(*work));
+                if (--exchange->works == 0) Finish(exchange);
+              });
+  }
+}
+
+void Gateway::TakeResults(const ExchangePointer& exchange, ChipWork& work) {
+  for (ChipWork::Item& item : work.Items()) {
+    const Job& job = item.job;
+    std::string& element = exchange->elements[item.element];
+    if (!job.error.empty()) {
+      element = protocol::DeviceError(exchange->request.devices[item.element], job.error);
+    } else if (job.kind == Job::READ) {
+      element = protocol::DataElement(job.data, job.size);
+    } else {
+      element = protocol::ACK;
+    }
+    Lease* lease = Leases::Of(*exchange->devices[item.element], exchange->client);
+    if (lease == nullptr) continue;
+    ++lease->record.requests;
+    if (!job.error.empty()) {
+      ++lease->record.failed;
+      lease->record.last_error = job.error;
+    } else if (job.kind == Job::WRITE) {
+      lease->record.bytes += job.size;
+      lease->digest.Add(job.data);
+    } else if (job.kind == Job::ERASE) {
+      ++lease->record.erases;
+    }
+  }
+}
+
+void Gateway::Finish(const ExchangePointer& exchange) {
+  _loop.Cancel(exchange->timer);
+  const bool is_alone =
+      exchange->request.command->action == Action::BSN && exchange->elements.size() == 1;
+  exchange->reply->Send(
+      {.text = is_alone ? exchange->elements.front()
+                        : protocol::JoinElements(exchange->request, exchange->elements)});
+  EndRequest(exchange->client);
+}
+
+void Gateway::Beat(const ExchangePointer& exchange) {
+  exchange->reply->KeepWaiting();
+  exchange->timer = _loop.CallAt(_loop.Now() + HEARTBEAT, [this, exchange] { Beat(exchange); });
+}
+
+void Gateway::EndRequest(ClientId client) {
+  --_under_way;
+  const auto found = _clients.find(client);
+  if (found != _clients.end()) {
+    found->second.is_asking = false;
+    if (found->second.is_gone) {
+      _clients.erase(found);
+      _leases.Release(client, "the client disconnected");
+    }
+  }
+  CheckIdle();
+}
+
+void Gateway::WhenIdle(std::function<void()> call) {
+  _when_idle.push_back(std::move(call));
+  CheckIdle();
+}
+
+void Gateway::CheckIdle() {
+  if (_under_way > 0 || !_leases.IsEmpty()) return;
+  for (const auto& call : std::exchange(_when_idle, {})) call();
+}
+
+}  // namespace serve

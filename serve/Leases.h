@@ -1,0 +1,99 @@
+/// A device belongs to the client that first wrote to it, until that disconnects.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "protocol/AsyncHandler.h"
+#include "serve/Digest.h"
+#include "serve/Loop.h"
+#include "serve/ServedDevices.h"
+
+namespace serve {
+
+/// What the audit log says of a lease.
+struct LeaseRecord {
+  std::string peer;  ///< "ADDRESS:PORT"
+  protocol::Guid device = 0;
+  std::string name;
+  std::int64_t since = 0;  ///< seconds since 1970
+  std::int64_t until = 0;
+  std::uint64_t requests = 0;  ///< of the holder that named the device
+  std::uint64_t failed = 0;    ///< of them
+  std::uint64_t bytes = 0;     ///< programmed
+  std::uint64_t erases = 0;    ///< sectors
+  std::string sha256;          ///< of the bytes that were programmed, in this order
+  std::string last_error;
+  std::string end;  ///< why it ended
+};
+
+/// Takes the record of a lease when it has ended.
+using Audit = std::function<void(const LeaseRecord&)>;
+
+/// Of one device.
+struct Lease {
+  enum State { PREPARING, HELD, RELEASING };
+
+  State state = PREPARING;
+  protocol::ClientId client = 0;
+  LeaseRecord record;
+  Digest digest;
+  std::vector<std::function<void()>> waiting;  ///< called at the next change of the state
+};
+
+class Leases {
+ public:
+  /// All are borrowed; `audit` and `log` may be empty. With `is_dry_run` no hook is run.
+  Leases(System& system, Loop& loop, Audit audit, std::function<void(const std::string&)> log,
+         bool is_dry_run)
+      : _system(system),
+        _loop(loop),
+        _audit(std::move(audit)),
+        _log(std::move(log)),
+        _is_dry_run(is_dry_run) {}
+
+  /// The folder of the files that say which leases are open. Throws std::runtime_error where it
+  /// cannot be written to.
+  void SetFolder(const std::filesystem::path& folder) { _folder = folder; }
+
+  /// Lends the device to the client, after its `prepare` hook, and calls `then` with an empty text;
+  /// or calls it with why it cannot. At once, or later.
+  void Take(const ServedDevicePointer& device, protocol::ClientId client, const std::string& peer,
+            std::function<void(const std::string& error)> then);
+  /// The client's lease of the device; null where it has none.
+  static Lease* Of(const ServedDevice& device, protocol::ClientId client);
+
+  /// Closes the memories of all devices of a client and runs their `release` hooks; `why` is for
+  /// the audit log. None of its requests may be under way.
+  void Release(protocol::ClientId client, const std::string& why);
+  /// Releases devices whose leases a crash of this server has left in the folder.
+  void ReleaseLeftOvers(const ServedDevices& devices);
+
+  bool IsEmpty() const { return _held.empty(); }
+  /// Called when a device is free again; may be empty.
+  std::function<void(const ServedDevicePointer&)> freed;
+
+ private:
+  std::string FileOf(protocol::Guid device) const;
+  void Begin(const ServedDevicePointer& device, std::function<void(const std::string&)> then);
+  void Release(const ServedDevicePointer& device, const std::string& why);
+  void RunHook(const ServedDevice& device, const char* name, const std::vector<std::string>& words,
+               std::function<void(const std::string& error)> then);
+  void End(const ServedDevicePointer& device, const std::string& error);
+  static void CallWaiting(Lease& lease);
+  void Log(const std::string& text) const;
+
+  System& _system;
+  Loop& _loop;
+  Audit _audit;
+  std::function<void(const std::string&)> _log;
+  bool _is_dry_run;
+  std::filesystem::path _folder;
+  std::map<protocol::Guid, ServedDevicePointer> _held;  ///< by node GUID
+};
+
+}  // namespace serve

@@ -1,0 +1,130 @@
+#include "serve/ServedDevices.h"
+
+#include <utility>
+
+#include "common/Text.h"
+#include "serve/DryMemory.h"
+#include "serve/FlatMemory.h"
+#include "serve/Leases.h"
+#include "serve/Wires.h"
+
+namespace serve {
+
+namespace {
+
+/// The name of a lock file may have no slash.
+std::string FileName(std::string text) {
+  for (char& c : text) {
+    if (c == '/') c = '-';
+  }
+  return text;
+}
+
+std::string ChannelKey(const AdapterConfig& adapter) {
+  std::string key = adapter.adapter;
+  for (const auto& [address, channel] : adapter.muxes) {
+    key += common::Text(" ", address, ".", channel);
+  }
+  return key;
+}
+
+}  // namespace
+
+ServedDevice::ServedDevice() = default;
+ServedDevice::~ServedDevice() = default;
+
+void ServedDevices::Set(const Configuration& configuration) {
+  _state = configuration.state;
+  _next.clear();
+  for (const DeviceConfig& device : configuration.devices) {
+    _next.emplace(device.facts.node_guid, device);
+  }
+  std::erase_if(_devices, [](const auto& entry) { return !entry.second->lease; });
+  for (const auto& [guid, config] : _next) {
+    const auto [device, is_new] = _devices.try_emplace(guid);
+    if (!is_new) continue;
+    device->second = std::make_shared<ServedDevice>();
+    Make(config, *device->second);
+  }
+  Index();
+}
+
+void ServedDevices::Settle(const ServedDevicePointer& device) {
+  const protocol::Guid guid = device->config.facts.node_guid;
+  const auto next = _next.find(guid);
+  if (next == _next.end()) {
+    _devices.erase(guid);
+  } else {
+    Make(next->second, *device);
+  }
+  Index();
+}
+
+void ServedDevices::Index() {
+  _node_of.clear();
+  for (const auto& [node, device] : _devices) {
+    _node_of[node] = node;
+    for (const protocol::Guid port : device->config.facts.port_guids) _node_of[port] = node;
+  }
+}
+
+ServedDevicePointer ServedDevices::Find(protocol::Guid guid) const {
+  const auto node = _node_of.find(guid);
+  return node == _node_of.end() ? nullptr : _devices.at(node->second);
+}
+
+WireId ServedDevices::WireOf(const std::string& key) {
+  return _wires.try_emplace(key, _wires.size()).first->second;
+}
+
+void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
+  device.config = config;
+  device.facts.clear();
+  device.chips.clear();
+  device.hook_wire = WireOf("hooks of " + common::HexGuid(config.facts.node_guid));
+  if (config.flash) {
+    const FlashConfig& flash = *config.flash;
+    const bool only_clears = !flash.file || flash.file->only_clears_bits;
+    device.facts[0] = {flash.size, flash.sector_size, flash.page_size};
+    device.chips[0] = {Wrap(std::make_shared<FlatMemory>(flash), only_clears),
+                       WireOf(FlashKey(flash))};
+  }
+  for (const auto& [address, eeprom] : config.eeproms) {
+    device.facts[address] = {eeprom.size, 0, 0};
+    device.chips[address] = MakeEeprom(eeprom);
+  }
+}
+
+ServedChip ServedDevices::MakeEeprom(const EepromConfig& config) {
+  if (config.file) {
+    return {Wrap(std::make_shared<FlatMemory>(*config.file, config.size), false),
+            WireOf("file " + config.file->path.string())};
+  }
+  const I2cConfig& i2c = *config.i2c;
+  const std::string root = RootKey(_system, i2c.adapter);
+  auto& wire = _i2c_wires[root];
+  if (!wire) wire = std::make_unique<I2cWire>();
+  wire->lock_file = _state / ("i2c-" + FileName(root) + ".lock");
+  const std::size_t channel =
+      _channels.try_emplace(ChannelKey(i2c.adapter), _channels.size()).first->second;
+  return {
+      Wrap(std::make_shared<Eeprom>(i2c, config.size, channel, *wire, _options.reads_back), false),
+      WireOf("i2c " + root)};
+}
+
+std::shared_ptr<Memory> ServedDevices::Wrap(std::shared_ptr<Memory> memory,
+                                            bool only_clears_bits) const {
+  if (!_options.is_dry_run) return memory;
+  return std::make_shared<DryMemory>(std::move(memory), only_clears_bits);
+}
+
+void ServedDevices::LearnSize(ServedDevice& device) const {
+  if (!device.config.flash || device.facts[0].size != 0) return;
+  const FoundMtd found = FindMtd(_system, *device.config.flash->mtd);
+  if (!found.error.empty()) throw protocol::Refusal(found.error);
+  const std::uint64_t first = device.config.flash->first;
+  const std::uint64_t size = found.size > first ? found.size - first : 0;
+  device.facts[0].size = size - size % device.facts[0].sector_size;
+}
+
+}  // namespace serve

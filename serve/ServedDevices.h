@@ -1,0 +1,80 @@
+/// The devices of a configuration, their memories, and the wires that these are on.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "protocol/DeviceFacts.h"
+#include "serve/Configuration.h"
+#include "serve/Eeprom.h"
+#include "serve/Loop.h"
+#include "serve/Memory.h"
+
+namespace serve {
+
+struct Lease;
+
+/// One chip of a device.
+struct ServedChip {
+  std::shared_ptr<Memory> memory;
+  WireId wire = 0;
+};
+
+struct ServedDevice {
+  DeviceConfig config;
+  protocol::ChipFactsByAddress facts;  ///< the size of a flash is 0 until it is known
+  std::map<std::uint8_t, ServedChip> chips;
+  WireId hook_wire = 0;          ///< of the programs that prepare and release it
+  std::unique_ptr<Lease> lease;  ///< null where nobody holds it
+
+  ServedDevice();
+  ~ServedDevice();
+};
+using ServedDevicePointer = std::shared_ptr<ServedDevice>;
+
+/// Wires keep their numbers, and what is known of them, from one configuration to the next.
+class ServedDevices {
+ public:
+  struct Options {
+    bool is_dry_run = false;  ///< writes stay in the server's memory
+    bool reads_back = true;   ///< false: only for measuring what it costs
+  };
+
+  ServedDevices(System& system, Options options) : _system(system), _options(options) {}
+
+  /// Serves what `configuration` has from now on, but for devices that are held: they stay as they
+  /// are until Settle is called for them.
+  void Set(const Configuration& configuration);
+  /// The device is free: it gets what the last configuration says.
+  void Settle(const ServedDevicePointer& device);
+
+  /// By node or port GUID; null where there is none.
+  ServedDevicePointer Find(protocol::Guid guid) const;
+  /// By node GUID, ascending.
+  const std::map<protocol::Guid, ServedDevicePointer>& All() const { return _devices; }
+  /// Looks for the size of an MTD device that the configuration does not give. Throws
+  /// protocol::Refusal where it is not there.
+  void LearnSize(ServedDevice& device) const;
+
+ private:
+  void Make(const DeviceConfig& config, ServedDevice& device);
+  ServedChip MakeEeprom(const EepromConfig& config);
+  std::shared_ptr<Memory> Wrap(std::shared_ptr<Memory> memory, bool only_clears_bits) const;
+  WireId WireOf(const std::string& key);
+  void Index();
+
+  System& _system;
+  Options _options;
+  std::filesystem::path _state;  ///< folder of lock files
+  std::map<protocol::Guid, ServedDevicePointer> _devices;
+  std::map<protocol::Guid, protocol::Guid> _node_of;
+  std::map<protocol::Guid, DeviceConfig> _next;  ///< of the last configuration
+  std::map<std::string, WireId> _wires;
+  std::map<std::string, std::unique_ptr<I2cWire>> _i2c_wires;
+  std::map<std::string, std::size_t> _channels;
+};
+
+}  // namespace serve
