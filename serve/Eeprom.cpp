@@ -255,7 +255,10 @@ std::string Eeprom::TryOpen(System& system, Access access) {
   if (_config.allow_bound) return "";
   for (std::uint32_t at = 0; at < _size; at += 1u << _config.offset_bits) {
     const int result = system.CheckI2cAddress(_descriptor, AddressOf(at));
-    if (result == -EBUSY) return "Address in use by a driver";
+    if (result == -EBUSY) {
+      const std::string owner = OwnerOf(system, found, AddressOf(at));
+      return owner.empty() ? "Address in use by a driver" : "Address in use by driver " + owner;
+    }
     if (result < 0) return CallError("Open", at, result);
   }
   return "";

@@ -192,7 +192,7 @@ std::string FlatMemory::OpenFile(System& system, Access access) {
 std::string FlatMemory::OpenMtd(System& system, Access access) {
   const FoundMtd found = FindMtd(system, *_config.mtd);
   if (!found.error.empty()) return found.error;
-  if (access == Access::WRITE && !found.user.empty()) return "In use: " + found.user;
+  if (access == Access::WRITE && !found.in_use.empty()) return "In use: " + found.in_use;
   _descriptor = system.Open(found.node, access);
   if (_descriptor < 0) return CallError("Open", 0, _descriptor);
   MtdFacts facts;
@@ -205,14 +205,7 @@ std::string FlatMemory::OpenMtd(System& system, Access access) {
 }
 
 std::string FlatMemory::CheckMtd(const FoundMtd& found, const MtdFacts& facts) const {
-  const MtdConfig& config = *_config.mtd;
-  if (config.jedec && *config.jedec != found.jedec) {
-    return "Another chip: its JEDEC id is " + (found.jedec.empty() ? "not known" : found.jedec) +
-           ", not " + *config.jedec;
-  }
-  if (config.expected_size && *config.expected_size != facts.size) {
-    return common::Text("Another chip: it has ", facts.size, " bytes, not ", *config.expected_size);
-  }
+  if (std::string error = WhyNotExpected(*_config.mtd, found); !error.empty()) return error;
   if (!facts.is_nor || !facts.is_bit_writable || facts.write_size != 1) return "Not a NOR flash";
   if (facts.has_no_erase || facts.erase_size == 0) return "Not a memory that is erased";
   if (facts.erase_regions > 0) return "The flash has sectors of several sizes";

@@ -87,7 +87,7 @@ void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
     const bool only_clears = !flash.file || flash.file->only_clears_bits;
     device.facts[0] = {flash.size, flash.sector_size, flash.page_size};
     device.chips[0] = {Wrap(std::make_shared<FlatMemory>(flash), only_clears),
-                       WireOf(FlashKey(flash))};
+                       WireOf(FlashKey(_system, flash))};
   }
   for (const auto& [address, eeprom] : config.eeproms) {
     device.facts[address] = {eeprom.size, 0, 0};
