@@ -35,6 +35,7 @@ ServedDevice::~ServedDevice() = default;
 
 void ServedDevices::Set(const Configuration& configuration) {
   _state = configuration.state;
+  ++_configurations;
   _next.clear();
   for (const DeviceConfig& device : configuration.devices) {
     _next.emplace(device.facts.node_guid, device);
@@ -50,6 +51,7 @@ void ServedDevices::Set(const Configuration& configuration) {
 }
 
 void ServedDevices::Settle(const ServedDevicePointer& device) {
+  if (device->configuration == _configurations) return;
   const protocol::Guid guid = device->config.facts.node_guid;
   const auto next = _next.find(guid);
   if (next == _next.end()) {
@@ -79,6 +81,7 @@ WireId ServedDevices::WireOf(const std::string& key) {
 
 void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
   device.config = config;
+  device.configuration = _configurations;
   device.facts.clear();
   device.chips.clear();
   device.hook_wire = WireOf("hooks of " + common::HexGuid(config.facts.node_guid));

@@ -27,8 +27,9 @@ struct ServedDevice {
   DeviceConfig config;
   protocol::ChipFactsByAddress facts;  ///< the size of a flash is 0 until it is known
   std::map<std::uint8_t, ServedChip> chips;
-  WireId hook_wire = 0;          ///< of the programs that prepare and release it
-  std::unique_ptr<Lease> lease;  ///< null where nobody holds it
+  std::uint64_t configuration = 0;  ///< which one it is of, counted from 1
+  WireId hook_wire = 0;             ///< of the programs that prepare and release it
+  std::unique_ptr<Lease> lease;     ///< null where nobody holds it
 
   ServedDevice();
   ~ServedDevice();
@@ -72,6 +73,7 @@ class ServedDevices {
   std::map<protocol::Guid, ServedDevicePointer> _devices;
   std::map<protocol::Guid, protocol::Guid> _node_of;
   std::map<protocol::Guid, DeviceConfig> _next;  ///< of the last configuration
+  std::uint64_t _configurations = 0;
   std::map<std::string, WireId> _wires;
   std::map<std::string, std::unique_ptr<I2cWire>> _i2c_wires;
   std::map<std::string, std::size_t> _channels;
