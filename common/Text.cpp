@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <stdexcept>
+#include <system_error>
 
 namespace common {
 
@@ -86,6 +88,17 @@ std::optional<std::uint32_t> ParseByteCount(const std::string& text) {
 
 std::string ByteCountCheck(const std::string& text) {
   return ParseByteCount(text) ? "" : "must be a number of bytes, such as 0x10000";
+}
+
+std::optional<std::pair<std::string, std::uint16_t>> ParseHostPort(const std::string& text) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0) return std::nullopt;
+  std::uint16_t port = 0;
+  const char* const digits = text.data() + colon + 1;
+  const char* const end = text.data() + text.size();
+  const auto parsed = std::from_chars(digits, end, port);
+  if (parsed.ec != std::errc() || parsed.ptr != end) return std::nullopt;
+  return std::pair(text.substr(0, colon), port);
 }
 
 std::vector<std::string_view> Words(std::string_view text, std::string_view delimiters) {

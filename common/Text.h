@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace common {
@@ -40,6 +41,9 @@ void ParseGuids(const std::string& list, std::set<std::uint64_t>& guids);
 std::optional<std::uint32_t> ParseByteCount(const std::string& text);
 /// The same as a check of an option: what is wrong with the text, "" where nothing is.
 std::string ByteCountCheck(const std::string& text);
+
+/// Splits "HOST:PORT". Nothing for any other text, and for a port above 65535.
+std::optional<std::pair<std::string, std::uint16_t>> ParseHostPort(const std::string& text);
 
 /// The non-empty pieces of `text` between characters of `delimiters`. They are views of `text`.
 std::vector<std::string_view> Words(std::string_view text, std::string_view delimiters = " \t");

@@ -44,9 +44,15 @@ struct I2cConfig {
   std::uint32_t bank_bit = 0;     ///< of the address, for the first of these bits
   Time write_limit = std::chrono::milliseconds(50);  ///< of one write cycle
   bool allow_bound = false;                          ///< even where a driver owns the address
-  std::uint32_t max_write = 8192;                    ///< bytes of a transfer that the adapter takes
+  /// The muxes on the way connect no channel between transfers. Else a chip behind one may not have
+  /// the address of a chip before it: both would answer.
+  bool idle_disconnect = false;
+  std::uint32_t max_write = 8192;  ///< bytes of a transfer that the adapter takes
   std::uint32_t max_read = 8192;
 };
+
+/// The addresses on the wire of a chip of `size` bytes, ascending.
+std::vector<std::uint16_t> AddressesOf(const I2cConfig& config, std::uint32_t size);
 
 /// One EEPROM of a device.
 struct EepromConfig {
@@ -56,9 +62,9 @@ struct EepromConfig {
 };
 
 struct MtdConfig {
-  std::string name;                  ///< of the MTD device; exactly one of these
-  std::string by_path;               ///< of the device that it is on, such as "1e630000.spi/spi1.0"
-  std::optional<std::string> jedec;  ///< that it must have, such as "c2253a"
+  std::string name;                  ///< of the MTD device; this or the next, or both, are there
+  std::string by_path;               ///< of the device that it is on, such as "spi1/spi1.0"
+  std::optional<std::string> jedec;  ///< that it must have, such as "c2253a", in lower case
   std::optional<std::uint64_t> expected_size;  ///< that it must have
 };
 
@@ -81,7 +87,8 @@ struct DeviceConfig {
   protocol::DeviceFacts facts;
   std::map<std::uint8_t, EepromConfig> eeproms;  ///< by the address of requests; exactly one
   std::optional<FlashConfig> flash;
-  std::optional<std::vector<Range>> write;  ///< where writes are allowed; nothing: everywhere
+  /// Where writes are allowed, in each chip of the device; nothing: everywhere.
+  std::optional<std::vector<Range>> write;
   bool is_read_only = false;
   std::vector<std::string> prepare;  ///< program and arguments; empty: none
   std::vector<std::string> release;

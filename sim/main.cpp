@@ -1,7 +1,6 @@
 /// fwpush-sim: a bus server over simulated devices.
 
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
@@ -45,19 +44,6 @@ void Show(const sim::Fabric& fabric) {
   std::cout.flush();
 }
 
-/// "HOST:PORT".
-std::pair<std::string, std::uint16_t> ParseAddress(const std::string& text) {
-  const std::size_t colon = text.rfind(':');
-  std::uint16_t port = 0;
-  const char* const end = text.data() + text.size();
-  const char* const digits = colon == std::string::npos ? end : text.data() + colon + 1;
-  const auto parsed = std::from_chars(digits, end, port);
-  if (colon == 0 || digits == end || parsed.ec != std::errc() || parsed.ptr != end) {
-    throw common::UsageError("--listen", "must be HOST:PORT");
-  }
-  return {text.substr(0, colon), port};
-}
-
 /// Reports writes that a real chip could not have done.
 void ReportViolations(const sim::Fabric& fabric) {
   for (const auto& [guid, device] : fabric.Devices()) {
@@ -93,7 +79,8 @@ void CheckFiles(const Options& options) {
 }
 
 int Run(const Options& options) {
-  const auto [host, port] = ParseAddress(options.listen);
+  const auto address = common::ParseHostPort(options.listen);
+  if (!address) throw common::UsageError("--listen", "must be HOST:PORT");
   CheckFiles(options);
   sim::Fabric fabric;
   fabric.faults.log = [](const std::string& line) { std::cerr << line << std::endl; };
@@ -109,7 +96,7 @@ int Run(const Options& options) {
     return common::ALL_WELL;
   }
   common::LogFile trace(options.trace);
-  protocol::Server server(fabric, host, port,
+  protocol::Server server(fabric, address->first, address->second,
                           [&trace](const std::string& request, const std::string& answer) {
                             trace.Write("> " + request + "\n< " + answer + "\n");
                           });

@@ -114,6 +114,16 @@ TEST(TextTest, WhatIsNoByteCountIsRefused) {
   }
 }
 
+TEST(TextTest, AddressIsSplitAtItsLastColon) {
+  using Address = std::pair<std::string, std::uint16_t>;
+  EXPECT_EQ(ParseHostPort("127.0.0.1:26519"), Address("127.0.0.1", 26519));
+  EXPECT_EQ(ParseHostPort("localhost:0"), Address("localhost", 0));
+  EXPECT_EQ(ParseHostPort("a:b:65535"), Address("a:b", 65535));
+  for (const char* text : {"", "a", ":1", "a:", "a:-1", "a:+1", "a:65536", "a:1x", "a: 1"}) {
+    EXPECT_EQ(ParseHostPort(text), std::nullopt) << text;
+  }
+}
+
 TEST(TextTest, WordsAreNeverEmpty) {
   EXPECT_THAT(Words("  a \t b"), ElementsAre("a", "b"));
   EXPECT_THAT(Words("a,b,", ","), ElementsAre("a", "b"));

@@ -3,34 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <limits>
 #include <map>
 
-#include "common/ScratchFolder.h"
+#include "tests/support/TomlTest.h"
 
 namespace common {
 namespace {
 
-class TomlReaderTest : public testing::Test {
- protected:
-  TomlReader Reader(const std::string& text) { return TomlReader(_folder.Write("a.toml", text)); }
-
-  /// What is wrong with a file, without its path; "" where nothing is.
-  std::string Refusal(const std::string& text, const std::function<void(TomlReader&)>& read) {
-    try {
-      TomlReader reader = Reader(text);
-      read(reader);
-    } catch (const TomlError& error) {
-      const std::string what = error.what();
-      const std::string file = _folder / "a.toml";
-      return what.starts_with(file) ? what.substr(file.size()) : what;
-    }
-    return "";
-  }
-
-  ScratchFolder _folder;
-};
+using TomlReaderTest = TomlTest;
 
 TEST_F(TomlReaderTest, ValuesAreHandedOut) {
   TomlReader reader = Reader(

@@ -2,33 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-
-#include "common/ScratchFolder.h"
+#include "tests/support/TomlTest.h"
 
 namespace protocol {
 namespace {
 
-using common::TomlError;
 using common::TomlReader;
 
-class FactsFileTest : public testing::Test {
- protected:
-  TomlReader Reader(const std::string& text) { return TomlReader(_folder.Write("a.toml", text)); }
-
-  /// What is wrong with a file, without its path; "" where nothing is.
-  std::string Refusal(const std::string& text, const std::function<void(TomlReader&)>& read) {
-    try {
-      TomlReader reader = Reader(text);
-      read(reader);
-    } catch (const TomlError& error) {
-      return std::string(error.what()).substr((_folder / "a.toml").size());
-    }
-    return "";
-  }
-
-  common::ScratchFolder _folder;
-};
+using FactsFileTest = TomlTest;
 
 TEST_F(FactsFileTest, DeviceMayTellNoMoreThanItsGuid) {
   TomlReader reader = Reader("node_guid = '0x00aa550000000010'");
