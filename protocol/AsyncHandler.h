@@ -41,8 +41,16 @@ class AsyncHandler {
   /// Its connection has ended. What it asked may still be under way.
   virtual void Disconnected(ClientId client) = 0;
   /// Executes one request, given as text, and answers now or later. A client has one request under
-  /// way at a time.
+  /// way at a time. `text` is valid until this returns. What it throws before it has answered is
+  /// the answer: an error of the whole request.
   virtual void Start(ClientId client, std::string_view text, std::shared_ptr<Reply> reply) = 0;
+  /// Burns an image, which is the message after a request whose answer has `burn_images`: these are
+  /// its devices. Only a handler that gives such answers gets images.
+  virtual void StartBurn(ClientId client, const Guids& devices, const std::string& image,
+                         std::shared_ptr<Reply> reply) {
+    static_cast<void>(client), static_cast<void>(devices), static_cast<void>(image);
+    reply->Send({.text = RequestError("images are not burnt")});
+  }
   /// The server's type in the address that clients use: I2C, PCI, PPC or IB.
   virtual std::string Type() const = 0;
 };

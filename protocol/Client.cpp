@@ -4,7 +4,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
+#include <stdexcept>
 
 #include "common/SystemError.h"
 
@@ -21,22 +23,25 @@ Client::Client(std::uint16_t port) : _socket(socket(AF_INET, SOCK_STREAM | SOCK_
   }
 }
 
-std::optional<std::string> Client::Ask(std::string_view request,
-                                       std::chrono::milliseconds patience) {
-  if (!common::SendAll(_socket.Get(), Frame(request))) return {};
+std::string Client::ReceiveBytes(std::chrono::milliseconds patience) {
+  if (!common::WaitUntilReadable(_socket.Get(), -1, std::chrono::steady_clock::now() + patience)) {
+    throw std::runtime_error("the server sends nothing");
+  }
   std::array<char, 65536> block;
-  while (
-      common::WaitUntilReadable(_socket.Get(), -1, std::chrono::steady_clock::now() + patience)) {
-    const ssize_t got = recv(_socket.Get(), block.data(), block.size(), 0);
-    if (got <= 0) return {};
-    for (MessageReader::Event& event :
-         _answers.Feed({block.data(), static_cast<std::size_t>(got)})) {
+  const ssize_t got = recv(_socket.Get(), block.data(), block.size(), 0);
+  return {block.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
+}
+
+std::optional<std::string> Client::Receive(std::chrono::milliseconds patience) try {
+  while (true) {
+    const std::string bytes = ReceiveBytes(patience);
+    if (bytes.empty()) return {};
+    for (MessageReader::Event& event : _answers.Feed(bytes)) {
       if (event.kind == MessageReader::Event::MESSAGE) return std::move(event.text);
-      if (event.kind == MessageReader::Event::TOO_LONG ||
-          !common::SendAll(_socket.Get(), Frame(CONTINUE)))
-        return {};
+      if (event.kind == MessageReader::Event::TOO_LONG || !Send(Frame(CONTINUE))) return {};
     }
   }
+} catch (const std::runtime_error&) {
   return {};
 }
 

@@ -8,8 +8,6 @@ namespace {
 
 /// Size of a piece in bytes; only the last one is smaller.
 constexpr std::size_t PIECE_SIZE = 4000;
-/// Maximum size of a message in bytes. An image text is the longest message.
-constexpr std::size_t MAX_MESSAGE = std::size_t{256} << 20;
 
 }  // namespace
 
@@ -41,12 +39,16 @@ std::vector<MessageReader::Event> MessageReader::Feed(std::string_view bytes) {
   if (_is_over) return events;
   _lines.Feed(bytes);
   const auto is_too_long = [this](std::size_t size) {
-    return size + _piece.size() + _message.size() > MAX_MESSAGE;
+    return size + _piece.size() + _message.size() > _max_message;
   };
   while (auto line = _lines.Next()) {
     _is_over = is_too_long(line->size());
     if (_is_over) break;
-    if (line->ends_with('\r')) line->pop_back();
+    if (_lines_of_piece == Lines::JOINED) {
+      std::erase(*line, '\r');
+    } else if (line->ends_with('\r')) {
+      line->pop_back();
+    }
     TakeLine(*line, events);
   }
   if (_is_over || is_too_long(_lines.Rest())) {

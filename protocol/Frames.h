@@ -18,6 +18,10 @@ inline constexpr std::string_view END_BUF = "END_BUF";        ///< ends a messag
 /// The message with which the receiver of a piece asks for the next one.
 inline constexpr std::string_view CONTINUE = "NsContinue";
 
+/// Maximum size of a message in bytes, unless its receiver says otherwise. An image text is the
+/// longest message.
+inline constexpr std::size_t MAX_MESSAGE = std::size_t{256} << 20;
+
 /// Frames a message as one piece.
 std::string Frame(std::string_view message);
 /// Frames a piece of a message.
@@ -43,7 +47,8 @@ class LineReader {
 class MessageReader {
  public:
   /// Whether the lines of a piece keep their line feeds: a server keeps those of an image, a client
-  /// joins the lines of an answer without them.
+  /// joins the lines of an answer without them, and drops the carriage returns by which a server
+  /// keeps it waiting.
   enum class Lines { KEPT, JOINED };
 
   struct Event {
@@ -57,7 +62,8 @@ class MessageReader {
     std::string text = {};
   };
 
-  explicit MessageReader(Lines lines) : _lines_of_piece(lines) {}
+  explicit MessageReader(Lines lines, std::size_t max_message = MAX_MESSAGE)
+      : _lines_of_piece(lines), _max_message(max_message) {}
 
   /// Takes received bytes, split anywhere, and returns what they complete, in order.
   std::vector<Event> Feed(std::string_view bytes);
@@ -67,6 +73,7 @@ class MessageReader {
   void EndPiece();
 
   Lines _lines_of_piece;
+  std::size_t _max_message;  ///< bytes
   LineReader _lines;
   std::string _message;  ///< pieces gathered so far
   std::string _piece;    ///< lines of the current piece, each with its line end

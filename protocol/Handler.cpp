@@ -10,4 +10,13 @@ Answer Handler::Execute(std::string_view text) {
   }
 }
 
+void Handler::Start(ClientId, std::string_view text, std::shared_ptr<Reply> reply) {
+  reply->Send(Execute(text));
+}
+
+void Handler::StartBurn(ClientId, const Guids& devices, const std::string& image,
+                        std::shared_ptr<Reply> reply) {
+  reply->Send({.text = BurnImage(devices, image)});
+}
+
 }  // namespace protocol

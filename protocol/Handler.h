@@ -1,22 +1,20 @@
 /// The interface between a bus server and its devices.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <string_view>
 
 #include "protocol/Answer.h"
+#include "protocol/AsyncHandler.h"
 #include "protocol/Request.h"
 
 namespace protocol {
 
-/// The devices behind a server, real or simulated. Called by one thread at a time; the requests of
-/// all clients are executed one after the other.
-class Handler {
+/// Devices that answer at once. Called by one thread at a time; the requests of all clients are
+/// executed one after the other.
+class Handler : public AsyncHandler {
  public:
-  Handler() = default;
-  Handler(const Handler&) = default;
-  Handler& operator=(const Handler&) = default;
-  virtual ~Handler() = default;
-
   /// Executes one request, given as text, and returns its answer.
   Answer Execute(std::string_view text);
 
@@ -24,8 +22,11 @@ class Handler {
   /// the answer.
   virtual std::string BurnImage(const Guids& devices, const std::string& image) = 0;
 
-  /// The server's type in the address that clients use: I2C, PCI, PPC or IB.
-  virtual std::string Type() const = 0;
+  void Connected(ClientId, const std::string&) override {}
+  void Disconnected(ClientId) override {}
+  void Start(ClientId client, std::string_view text, std::shared_ptr<Reply> reply) override;
+  void StartBurn(ClientId client, const Guids& devices, const std::string& image,
+                 std::shared_ptr<Reply> reply) override;
 
  private:
   /// May throw Refusal: the whole request is refused.

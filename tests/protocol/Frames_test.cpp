@@ -61,6 +61,16 @@ TEST(FramesTest, ServerKeepsLineFeedsInsideAPieceAndClientsJoinLines) {
   EXPECT_THAT(Events(client, bytes, 7), ElementsAre("+", "+", "abcd"));
 }
 
+TEST(FramesTest, ClientDropsWhatKeepsItWaitingWhereverItComes) {
+  const std::string bytes = "NEW_BUF\nab c\nd\nEND_BUF\n";
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    MessageReader reader(MessageReader::Lines::JOINED);
+    std::string kept_waiting = bytes;
+    kept_waiting.insert(at, "\r\r");
+    EXPECT_THAT(Events(reader, kept_waiting, 5), ElementsAre("ab cd")) << at;
+  }
+}
+
 TEST(FramesTest, MessageWithoutEndIsGivenUp) {
   MessageReader reader(MessageReader::Lines::KEPT);
   const std::string block(std::size_t{1} << 20, 'x');
