@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
+#include <iomanip>
+
+#include "common/Text.h"
 
 namespace hardware {
+
+using common::Text;
 
 namespace {
 
@@ -15,9 +19,7 @@ constexpr std::uint64_t BITS_OF_LOST_START = 11;  ///< a start, the address, and
 
 /// As the kernel names a chip: "5-0070".
 std::string ChipName(std::uint32_t adapter, std::uint16_t address) {
-  char name[24];
-  std::snprintf(name, sizeof name, "%u-%04x", adapter, unsigned{address});
-  return name;
+  return Text(adapter, "-", std::hex, std::setw(4), std::setfill('0'), address);
 }
 
 }  // namespace
@@ -102,6 +104,18 @@ int I2cAdapter::Transfer(std::span<const serve::I2cMessage> messages) {
   return result;
 }
 
+/// Makes the node and its entries in sysfs.
+void I2cAdapter::Register(const std::string& name) {
+  VirtualSystem& system = _bus.System();
+  const std::string adapter = "i2c-" + std::to_string(_number);
+  system.AddText(Folder() + "/name", name);
+  system.AddLink(Text("/sys/bus/i2c/devices/", adapter), Folder());
+  system.AddLink(Text("/sys/class/i2c-dev/", adapter), Text(Folder(), "/i2c-dev/", adapter));
+  system.AddLink(Text(Folder(), "/i2c-dev/", adapter, "/device"), "../../../" + adapter);
+  // The bus owns the adapter, the system borrows it.
+  system.AddNode(Path(), std::shared_ptr<Node>(std::shared_ptr<Node>(), this));
+}
+
 /// Of the adapter, in sysfs.
 std::string I2cAdapter::Folder() const {
   const std::string parent =
@@ -122,18 +136,10 @@ I2cMux::I2cMux(I2cAdapter& parent, std::uint16_t address, std::uint32_t first_nu
   for (std::uint32_t channel = 0; channel < CHANNELS; ++channel) {
     const std::uint32_t number = first_number + channel;
     _channels.push_back(std::make_unique<I2cAdapter>(parent.Bus(), this, channel, number));
-    const std::string adapter = "i2c-" + std::to_string(number);
-    const std::string below = parent.Folder() + "/" + adapter;
-    system.AddText(below + "/name", "i2c-" + std::to_string(parent.Number()) + "-mux (chan_id " +
-                                        std::to_string(channel) + ")");
-    system.AddLink(below + "/mux_device", "../" + chip);
-    system.AddLink(folder + "/channel-" + std::to_string(channel), "../" + adapter);
-    system.AddLink("/sys/bus/i2c/devices/" + adapter, below);
-    system.AddLink("/sys/class/i2c-dev/" + adapter, below + "/i2c-dev/" + adapter);
-    system.AddLink(below + "/i2c-dev/" + adapter + "/device", "../../../" + adapter);
-    // The bus owns the adapter.
-    system.AddNode("/dev/" + adapter,
-                   std::shared_ptr<Node>(std::shared_ptr<Node>(), _channels.back().get()));
+    I2cAdapter& adapter = *_channels.back();
+    adapter.Register(Text("i2c-", parent.Number(), "-mux (chan_id ", channel, ")"));
+    system.AddLink(adapter.Folder() + "/mux_device", "../" + chip);
+    system.AddLink(Text(folder, "/channel-", channel), Text("../i2c-", number));
   }
 }
 
@@ -178,14 +184,8 @@ int I2cMux::WriteRegister(std::uint8_t value) {
 I2cBus::I2cBus(VirtualSystem& system, BusSettings settings)
     : _system(system),
       _settings(std::move(settings)),
-      _root(std::make_shared<I2cAdapter>(*this, nullptr, 0, _settings.number)) {
-  const std::string adapter = "i2c-" + std::to_string(_settings.number);
-  const std::string folder = _root->Folder();
-  system.AddText(folder + "/name", _settings.name);
-  system.AddLink("/sys/bus/i2c/devices/" + adapter, folder);
-  system.AddLink("/sys/class/i2c-dev/" + adapter, folder + "/i2c-dev/" + adapter);
-  system.AddLink(folder + "/i2c-dev/" + adapter + "/device", "../../../" + adapter);
-  system.AddNode("/dev/" + adapter, _root);
+      _root(std::make_unique<I2cAdapter>(*this, nullptr, 0, _settings.number)) {
+  _root->Register(_settings.name);
 }
 
 I2cBus::~I2cBus() = default;

@@ -69,6 +69,7 @@ class I2cAdapter : public Node {
   bool IsBoundBelow(std::uint16_t address) const;
   void AddReachable(std::vector<I2cDevice*>& devices) const;
   int Transfer(std::span<const serve::I2cMessage> messages);
+  void Register(const std::string& name);
   std::string Folder() const;
 
   I2cBus& _bus;
@@ -167,7 +168,7 @@ class I2cBus {
 
   VirtualSystem& _system;
   BusSettings _settings;
-  std::shared_ptr<I2cAdapter> _root;
+  std::unique_ptr<I2cAdapter> _root;
   std::uint32_t _losses = 0;
   std::optional<Time> _held_from;
   Time _busy{};

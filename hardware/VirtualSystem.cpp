@@ -252,6 +252,7 @@ int VirtualSystem::RunProgram(const std::vector<std::string>& words, Time limit)
 std::string VirtualSystem::WithoutLinks(const std::string& path) const {
   std::string rest = path;  // what is to be walked yet
   std::string walked;
+  std::string next;
   for (int links = 0; !rest.empty();) {
     const std::size_t begin = rest.find_first_not_of('/');
     if (begin == std::string::npos) break;
@@ -263,15 +264,18 @@ std::string VirtualSystem::WithoutLinks(const std::string& path) const {
       walked.erase(std::min(walked.rfind('/'), walked.size()));
       continue;
     }
-    const auto link = _links.find(walked + "/" + name);
+    next = walked;
+    next += '/';
+    next += name;
+    const auto link = _links.find(next);
     if (link == _links.end()) {
-      walked += "/" + name;
+      walked = next;
       if (!Exists(walked)) return "";
       continue;
     }
     if (++links > MOST_LINKS) return "";
     if (link->second.starts_with('/')) walked.clear();
-    rest = link->second + rest;
+    rest.insert(0, link->second);
   }
   return walked.empty() ? "/" : walked;
 }

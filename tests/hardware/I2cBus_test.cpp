@@ -10,6 +10,7 @@
 
 #include "hardware/VirtualEeprom.h"
 #include "hardware/VirtualSystem.h"
+#include "serve/Wires.h"
 
 namespace hardware {
 namespace {
@@ -256,6 +257,20 @@ TEST_F(I2cBusTest, AdaptersAndMuxesStandInSysfsAsLinuxShowsThem) {
   EXPECT_EQ(_system.Resolve("/sys/bus/i2c/devices/5-0070/driver"), "/sys/bus/i2c/drivers/pca954x");
   EXPECT_EQ(_system.Resolve("/sys/class/i2c-dev/i2c-18/device"),
             _system.Resolve("/sys/bus/i2c/devices/i2c-18"));
+}
+
+TEST_F(I2cBusTest, TheServerFindsItsAdapters) {
+  I2cBus bus(_system, {.name = "1e78a300.i2c-bus", .number = 5});
+  I2cMux& outer = bus.Root().AddMux(0x70, 16);
+  outer.Channel(2).AddMux(0x71, 24);
+  outer.Channel(3).Bind(0x50);
+  const serve::AdapterConfig root{.adapter = "1e78a300.i2c-bus", .muxes = {}};
+  const serve::AdapterConfig inner{.adapter = "1e78a300.i2c-bus", .muxes = {{0x70, 2}, {0x71, 7}}};
+  EXPECT_EQ(serve::FindAdapter(_system, root).node, "/dev/i2c-5");
+  EXPECT_EQ(serve::FindAdapter(_system, inner).node, "/dev/i2c-31");
+  EXPECT_EQ(serve::RootKey(_system, inner), serve::RootKey(_system, root));
+  EXPECT_EQ(serve::FindAdapter(_system, {.adapter = "/dev/i2c-19", .muxes = {}}).name,
+            "i2c-5-mux (chan_id 3)");
 }
 
 // --- EEPROMs
