@@ -1,0 +1,144 @@
+#include "serve/ThreadLoop.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "common/Text.h"
+
+namespace serve {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// An erase may keep a processor busy for seconds. Clients that are kept waiting come first.
+constexpr int NICENESS = 5;
+/// A chip is polled every quarter of a millisecond; the kernel may be 50 microseconds late unless
+/// it is told otherwise.
+constexpr unsigned long TIMER_SLACK = 1000;  ///< nanoseconds
+
+Clock::time_point At(Time when) {
+  return Clock::time_point(std::chrono::duration_cast<Clock::duration>(when));
+}
+
+}  // namespace
+
+/// The thread of one wire.
+class ThreadLoop::Worker {
+ public:
+  /// Work, and what is called when it is done.
+  struct Job {
+    std::unique_ptr<WireWork> work;
+    std::function<void(std::unique_ptr<WireWork>)> done;
+  };
+  /// Takes a job that is done. Called by the worker's thread.
+  using TakeBack = std::function<void(std::shared_ptr<Job>)>;
+
+  Worker(WireId wire, System& system, TakeBack take_back)
+      : _system(system), _take_back(std::move(take_back)) {
+    // Signals are for the thread of the loop; here they would only interrupt system calls.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    _thread = std::thread([this] { Work(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_setname_np(_thread.native_handle(), common::Text("wire-", wire).substr(0, 15).c_str());
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+  ~Worker() {
+    {
+      const std::lock_guard lock(_mutex);
+      _is_stopping = true;
+    }
+    _changed.notify_one();
+    _thread.join();
+  }
+
+  void Add(Job job) {
+    {
+      const std::lock_guard lock(_mutex);
+      _jobs.push_back(std::move(job));
+    }
+    _changed.notify_one();
+  }
+
+ private:
+  void Work() {
+    // On Linux this is for the calling thread alone.
+    setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + NICENESS);
+    prctl(PR_SET_TIMERSLACK, TIMER_SLACK);
+    std::unique_lock lock(_mutex);
+    while (true) {
+      _changed.wait(lock, [this] { return _is_stopping || !_jobs.empty(); });
+      if (_is_stopping) return;
+      auto job = std::make_shared<Job>(std::move(_jobs.front()));
+      _jobs.pop_front();
+      while (!_is_stopping) {
+        lock.unlock();
+        const std::optional<Time> next = job->work->Step(_system);
+        if (!next) break;
+        lock.lock();
+        _changed.wait_until(lock, At(*next), [this] { return _is_stopping; });
+      }
+      if (lock.owns_lock()) return;  // stopped before the work was done
+      _take_back(std::move(job));
+      lock.lock();
+    }
+  }
+
+  System& _system;
+  TakeBack _take_back;
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  std::deque<Job> _jobs;      ///< guarded by _mutex
+  bool _is_stopping = false;  ///< guarded by _mutex
+  std::thread _thread;
+};
+
+ThreadLoop::ThreadLoop(protocol::EventLoop& loop, System& system)
+    : _loop(loop), _system(system), _alive(std::make_shared<bool>(true)) {}
+
+ThreadLoop::~ThreadLoop() = default;
+
+void ThreadLoop::Stop() {
+  _alive.reset();
+  _workers.clear();
+}
+
+Time ThreadLoop::Now() const { return Clock::now().time_since_epoch(); }
+
+void ThreadLoop::Run(WireId wire, std::unique_ptr<WireWork> work,
+                     std::function<void(std::unique_ptr<WireWork>)> done) {
+  if (!_alive) return;
+  auto& worker = _workers[wire];
+  if (!worker) {
+    worker = std::make_unique<Worker>(
+        wire, _system, [this, alive = std::weak_ptr(_alive)](std::shared_ptr<Worker::Job> job) {
+          _loop.Post([alive, job] {
+            if (!alive.expired()) job->done(std::move(job->work));
+          });
+        });
+  }
+  worker->Add({std::move(work), std::move(done)});
+}
+
+Loop::TimerId ThreadLoop::CallAt(Time when, std::function<void()> call) {
+  return _loop.CallAt(At(when), [alive = std::weak_ptr(_alive), call = std::move(call)] {
+    if (!alive.expired()) call();
+  });
+}
+
+void ThreadLoop::Cancel(TimerId timer) { _loop.Cancel(timer); }
+
+}  // namespace serve
