@@ -2,6 +2,7 @@
 /// same on every machine. Prints a table; fails where a figure misses its goal.
 
 #include <algorithm>
+#include <functional>
 #include <iomanip>
 #include <iostream>
 #include <random>
@@ -158,11 +159,161 @@ void Eeproms() {
   Row("polls for a page of an EEPROM", Times(polls), "", true);
 }
 
+/// A failing chip or bus is told by name, every time, and the devices beside it go on.
+class Faults {
+ public:
+  void Run() {
+    for (const auto& [what, spoil] : EepromFaults()) {
+      for (std::size_t victim = 0; victim < CHIPS; ++victim) TryEeprom(spoil, victim);
+      Tell(what);
+    }
+    for (const auto& [what, spoil] : FlashFaults()) {
+      for (std::uint64_t nth = 1; nth <= 16; ++nth) TryFlash(spoil, nth);
+      Tell(what);
+    }
+  }
+
+ private:
+  static constexpr std::size_t CHIPS = 8;
+  using SpoilEeprom = std::function<void(I2cBus&, VirtualEeprom&)>;
+  using SpoilFlash = std::function<void(hardware::VirtualFlash&, std::uint64_t nth)>;
+
+  static std::vector<std::pair<std::string, SpoilEeprom>> EepromFaults() {
+    return {
+        {"EEPROM with its write pin held",
+         [](I2cBus&, VirtualEeprom& chip) { chip.SetWriteProtected(true); }},
+        {"EEPROM that drops one page", [](I2cBus&, VirtualEeprom& chip) { chip.DropPageWrite(5); }},
+        {"EEPROM that flips one bit",
+         [](I2cBus&, VirtualEeprom& chip) { chip.FlipBitOfPageWrite(8, 3); }},
+        {"EEPROM that is gone", [](I2cBus&, VirtualEeprom& chip) { chip.SetAbsent(true); }},
+        {"stuck bus",
+         [](I2cBus& bus, VirtualEeprom&) { bus.HoldWireFrom(std::chrono::milliseconds(20)); }},
+    };
+  }
+  static std::vector<std::pair<std::string, SpoilFlash>> FlashFaults() {
+    return {
+        {"protected flash", [](hardware::VirtualFlash& flash,
+                               std::uint64_t nth) { flash.Protect(static_cast<std::uint32_t>(nth - 1) * 256, 256); }},
+        {"flash that drops one program",
+         [](hardware::VirtualFlash& flash, std::uint64_t nth) { flash.DropProgram(nth); }},
+        {"flash that fails one program",
+         [](hardware::VirtualFlash& flash, std::uint64_t nth) { flash.FailProgram(nth); }},
+    };
+  }
+
+  /// Two buses of four chips; a bus that is stuck takes all of its own with it.
+  void TryEeprom(const SpoilEeprom& spoil, std::size_t victim) {
+    ServedMachine machine;
+    std::vector<Guid> guids;
+    std::vector<I2cBus*> buses;
+    std::vector<VirtualEeprom*> chips;
+    for (std::size_t i = 0; i < CHIPS; ++i) {
+      if (i % 4 == 0) buses.push_back(&machine.AddBus());
+      guids.push_back(FIRST_GUID + i);
+      chips.push_back(&machine.AddEeprom(
+          guids.back(), *buses.back(),
+          {.address = static_cast<std::uint16_t>(0x50 + i % 4), .size = REQUEST, .page = PAGE}));
+    }
+    spoil(*buses[victim / 4], *chips[victim]);
+    machine.Serve();
+    const device::Bytes bytes = RandomBytes(REQUEST);
+    const std::string answer = machine.Ask(WriteRequest("vsI2cWriteMulti", guids, 0x50, 0, bytes));
+    bool is_told = answer.find("ERROR:" + common::HexGuid(guids[victim])) != std::string::npos;
+    for (std::size_t i = 0; i < CHIPS; ++i) {
+      const bool has_failed =
+          answer.find("ERROR:" + common::HexGuid(guids[i])) != std::string::npos;
+      // Whoever is not told to have failed has the bytes.
+      if (!has_failed && !std::ranges::equal(chips[i]->Content(), bytes)) is_told = false;
+      if (has_failed && i / 4 != victim / 4) is_told = false;
+    }
+    Count(is_told);
+  }
+
+  void TryFlash(const SpoilFlash& spoil, std::uint64_t nth) {
+    ServedMachine machine;
+    hardware::VirtualFlash& flash = machine.AddFlash(FIRST_GUID, {}, 0x10000);
+    spoil(flash, nth);
+    machine.Serve();
+    const std::string answer =
+        machine.Ask(WriteRequest("vsFlashWriteMulti", {FIRST_GUID}, 0, 0, RandomBytes(16 * 256)));
+    Count(answer.starts_with("{ERROR:" + common::HexGuid(FIRST_GUID)));
+  }
+
+  void Count(bool is_told) {
+    ++_tried;
+    if (is_told) ++_told;
+  }
+  void Tell(const std::string& what) {
+    Row(what + ": told by name, others go on", Text(_told, " of ", _tried), "all", _told == _tried);
+    _tried = _told = 0;
+  }
+
+  std::size_t _tried = 0;
+  std::size_t _told = 0;
+};
+
+/// A flash that is erased in blocks of 4 KiB and gets a mebibyte in requests of a page.
+void Flash() {
+  constexpr std::uint32_t MIB = 1 << 20;
+  constexpr std::uint32_t SECTOR = 0x10000;
+  constexpr std::uint32_t FLASH_PAGE = 256;  // -m 8
+  ServedMachine machine;
+  hardware::VirtualFlash& flash = machine.AddFlash(FIRST_GUID, {}, SECTOR);
+  machine.Serve();
+  const auto ask = [&](const std::string& request) {
+    const std::string answer = machine.Ask(request);
+    if (answer != "ACK") throw std::runtime_error("a flash request failed: " + answer);
+  };
+  // A request before, so that the device is open.
+  ask(WriteRequest("vsFlashWriteMulti", {FIRST_GUID}, 0, 0, device::Bytes(4, 0)));
+  flash.ResetCounts();
+  machine.system.ResetCalls();
+  const auto calls = [&machine] {
+    std::uint64_t sum = 0;
+    for (const Call call : {Call::OPEN, Call::CLOSE, Call::LOCK, Call::READ, Call::WRITE,
+                            Call::ERASE_MTD, Call::GET_MTD_FACTS, Call::READ_TEXT, Call::LIST}) {
+      sum += machine.system.Calls(call);
+    }
+    return static_cast<double>(sum);
+  };
+  double page_calls = 0;
+  for (std::uint32_t at = 0; at < MIB; at += FLASH_PAGE) {
+    if (at % SECTOR == 0) {
+      ask(Text("vsFlashEraseSectorMulti 1 ", common::HexGuid(FIRST_GUID), " 0x0 0x", std::hex, at,
+               " "));
+    }
+    const double before = calls();
+    ask(WriteRequest("vsFlashWriteMulti", {FIRST_GUID}, 0, at, RandomBytes(FLASH_PAGE)));
+    page_calls += calls() - before;
+  }
+  const double read = static_cast<double>(flash.BytesRead()) / MIB;
+  Row("flash, 1 MiB: bytes read / content", Times(read), "<= 2.1", read <= 2.1);
+  Row("flash, 1 MiB: erases of 4 KiB", Text(flash.Erases()), "256", flash.Erases() == 256);
+  Row("flash, 1 MiB: programs", Text(flash.Programs()), "<= 4096", flash.Programs() <= 4096);
+  const double each = page_calls / (MIB / FLASH_PAGE);
+  Row("flash: system calls for a page and its request", Times(each), "<= 6", each <= 6);
+}
+
+void LongErase() {
+  ServedMachine machine;
+  machine.AddFlash(FIRST_GUID, {.erase_size = 0x10000, .erase_time = std::chrono::seconds(40)},
+                   0x10000);
+  machine.Serve();
+  const auto asked =
+      machine.Send(Text("vsFlashEraseSectorMulti 1 ", common::HexGuid(FIRST_GUID), " 0x0 0x0 "));
+  const bool is_answered = machine.Wait(asked).answer == "ACK";
+  Row("erase of 40 s: bytes that keep the client waiting", Text(asked->heartbeats), "8, answered",
+      is_answered && asked->heartbeats == 8);
+}
+
 }  // namespace
 
 int main() {
   try {
     Eeproms();
+    Flash();
+    LongErase();
+    Faults().Run();
   } catch (const std::exception& error) {
     std::cerr << "bench_serve: " << error.what() << "\n";
     return EXIT_FAILURE;

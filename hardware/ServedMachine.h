@@ -8,6 +8,7 @@
 #include "common/Text.h"
 #include "hardware/I2cBus.h"
 #include "hardware/VirtualEeprom.h"
+#include "hardware/VirtualFlash.h"
 #include "hardware/VirtualLoop.h"
 #include "hardware/VirtualSystem.h"
 #include "serve/Gateway.h"
@@ -63,6 +64,19 @@ class ServedMachine {
     device.facts.port_guids = {guid};
     device.facts.declared_ports = 1;
     return device;
+  }
+
+  /// A device with the flash, all of it. Each flash has a number and a name of its own.
+  VirtualFlash& AddFlash(protocol::Guid guid, const FlashSettings& settings,
+                         std::uint32_t sector_size) {
+    serve::DeviceConfig& device = AddDevice(guid);
+    device.flash.emplace();
+    device.flash->size = settings.size;
+    device.flash->sector_size = sector_size;
+    device.flash->page_size = settings.page;
+    device.flash->mtd.emplace();
+    device.flash->mtd->name = settings.name;
+    return *_flashes.emplace_back(std::make_unique<VirtualFlash>(system, settings));
   }
 
   /// A device whose flash is a plain file.
@@ -143,6 +157,7 @@ class ServedMachine {
   std::vector<std::unique_ptr<I2cBus>> _buses;
   std::vector<std::string> _bus_names;
   std::vector<std::unique_ptr<VirtualEeprom>> _chips;
+  std::vector<std::unique_ptr<VirtualFlash>> _flashes;
 };
 
 /// " 0x.. 0x.." for the bytes, as requests have it.

@@ -162,7 +162,7 @@ std::string FlatMemory::Open(System& system, Access access) {
   }
   _access = access;
   _erased.clear();
-  if (access == Access::WRITE) _erased.resize(_config.size / GRANULE + 1);
+  if (access == Access::WRITE) _erased.resize(static_cast<std::size_t>(_size / GRANULE + 1));
   return "";
 }
 
@@ -186,6 +186,7 @@ std::string FlatMemory::OpenFile(System& system, Access access) {
   }
   if (access == Access::WRITE && system.Lock(_descriptor) != 0) return "In use by another program";
   _erase_size = _config.sector_size;
+  _size = _config.size;
   return "";
 }
 
@@ -201,6 +202,7 @@ std::string FlatMemory::OpenMtd(System& system, Access access) {
   if (std::string error = CheckMtd(found, facts); !error.empty()) return error;
   if (access == Access::WRITE && system.Lock(_descriptor) != 0) return "In use by another program";
   _erase_size = facts.erase_size;
+  _size = _config.size != 0 ? _config.size : facts.size - _config.first;
   return "";
 }
 
@@ -213,7 +215,7 @@ std::string FlatMemory::CheckMtd(const FoundMtd& found, const MtdFacts& facts) c
     return common::Text("The flash is erased in blocks of 0x", std::hex, facts.erase_size,
                         " bytes: the configuration's sectors do not fit");
   }
-  if (_config.first + _config.size > facts.size) {
+  if (_config.first + _config.size > facts.size || _config.first >= facts.size) {
     return common::Text("The flash has only ", facts.size, " bytes");
   }
   return "";

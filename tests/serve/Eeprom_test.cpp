@@ -224,6 +224,28 @@ TEST_F(EepromTest, AnAdapterWithoutPlainTransfersIsRefused) {
               testing::HasSubstr("The adapter makes no plain I2C transfers"));
 }
 
+TEST_F(EepromTest, ChipsBehindAMuxAreWrittenTogether) {
+  I2cBus& root = machine.AddBus();
+  hardware::I2cMux& mux = root.Root().AddMux(0x70, 16, hardware::I2cAdapter::Idle::DISCONNECT);
+  std::vector<protocol::Guid> guids;
+  std::vector<VirtualEeprom*> chips;
+  for (std::uint32_t i = 0; i < 8; ++i) {
+    guids.push_back(GUID + i);
+    // Two on each channel, at addresses that come again on the next one.
+    const std::uint32_t channel = i / 2;
+    chips.push_back(&machine.AddEeprom(
+        GUID + i, mux.Channel(channel), {{0x70, channel}},
+        {.address = static_cast<std::uint16_t>(0x50 + i % 2), .size = 8192, .page = 64}));
+  }
+  machine.Serve();
+  const Bytes bytes = RandomBytes(512, 8);
+  const auto asked = machine.Send(WriteRequest("vsI2cWriteMulti", guids, 0x50, 0, bytes));
+  EXPECT_EQ(machine.Wait(asked).answer, "ACK");
+  for (const VirtualEeprom* chip : chips) EXPECT_EQ(Part(*chip, 0, 512), bytes);
+  // One after the other they would take 8 times 8 pages of 6.5 ms, and to be read.
+  EXPECT_LT(asked->answered_at - asked->asked_at, 300ms);
+}
+
 TEST_F(EepromTest, TheBusIsLockedWhileItIsLeased) {
   Add();
   machine.Serve();

@@ -96,6 +96,39 @@ std::string TwoSlots(u_int8_t content) {
          Section("A", 0, EepromData(content), "50");
 }
 
+/// Burns, with the power cut after and inside each change of the memory, and burns again.
+/// `build` puts the device on a machine and returns its chip.
+template <typename Burner, typename Build>
+void TryAllCuts(Target& target, device::SlotKind kind, const Burner& burn, const Build& build) {
+  ServedMachine whole;
+  const auto& burnt = build(whole);
+  ASSERT_TRUE(burn(whole));
+  EXPECT_TRUE(target.VerdictOn(burnt.Content()).IsBurnt(kind));
+  const auto changes = whole.system.GetPower().Changes();
+  ASSERT_GE(changes, 10u);
+  for (u_int32_t n = 1; n <= changes; ++n) {
+    for (const bool is_inside : {false, true}) {
+      ServedMachine machine;
+      const auto& chip = build(machine);
+      hardware::Power& power = machine.system.GetPower();
+      if (is_inside) {
+        power.CutInside(n, n);
+      } else {
+        power.CutAfter(n);
+      }
+      burn(machine);
+      ASSERT_FALSE(power.IsOn());
+      EXPECT_TRUE(target.VerdictOn(chip.Content()).BootsWhole())
+          << "cut " << (is_inside ? "inside " : "after ") << n << " of " << changes << ": "
+          << Describe(target.VerdictOn(chip.Content()));
+      machine.system.PowerUp();
+      machine.Serve();
+      EXPECT_TRUE(burn(machine));
+      EXPECT_TRUE(target.VerdictOn(chip.Content()).IsBurnt(kind)) << n;
+    }
+  }
+}
+
 TEST_F(PowerCutTest, EepromsBootAfterAnyCut) {
   const std::string now = TwoSlots(0x22);
   const std::string file = _folder.Write("new.img", now);
@@ -103,35 +136,53 @@ TEST_F(PowerCutTest, EepromsBootAfterAnyCut) {
     sim::Fabric fabric;
     fabric.Add(I2cDevice(LEAF1));
     Target target(TwoSlots(0x11), now, fabric, slot);
-    const auto build = [&](ServedMachine& machine) -> hardware::VirtualEeprom& {
-      auto& chip = machine.AddEeprom(LEAF1, machine.AddBus(), {.size = 0x2000, .page = 16});
-      chip.Load(0, target.start.bytes);
-      machine.Serve();
-      return chip;
-    };
-    using Rom = OnMachine<RemoteI2cInterface>;
-    ServedMachine whole;
-    auto& burnt = build(whole);
-    ASSERT_TRUE((Burn<Rom, RV61300FailsafeBurn>(whole, file, false)));
-    EXPECT_TRUE(target.VerdictOn(burnt.Content()).IsBurnt(device::SlotKind::BOOT_RECORDS));
-    const auto changes = whole.system.GetPower().Changes();
-    ASSERT_GE(changes, 10u);
-    for (u_int32_t n = 1; n <= changes; ++n) {
-      for (const bool is_inside : {false, true}) {
-        ServedMachine machine;
-        auto& chip = build(machine);
-        auto& power = machine.system.GetPower();
-        is_inside ? power.CutInside(n, n) : power.CutAfter(n);
-        Burn<Rom, RV61300FailsafeBurn>(machine, file, false);
-        ASSERT_FALSE(power.IsOn());
-        EXPECT_TRUE(target.VerdictOn(chip.Content()).BootsWhole())
-            << "cut " << (is_inside ? "inside " : "after ") << n << " of " << changes;
-        machine.system.PowerUp();
-        machine.Serve();
-        EXPECT_TRUE((Burn<Rom, RV61300FailsafeBurn>(machine, file, false)));
-        EXPECT_TRUE(target.VerdictOn(chip.Content()).IsBurnt(device::SlotKind::BOOT_RECORDS));
-      }
-    }
+    TryAllCuts(
+        target, device::SlotKind::BOOT_RECORDS,
+        [&](ServedMachine& machine) {
+          return Burn<OnMachine<RemoteI2cInterface>, RV61300FailsafeBurn>(machine, file, false);
+        },
+        [&](ServedMachine& machine) -> hardware::VirtualEeprom& {
+          auto& chip = machine.AddEeprom(LEAF1, machine.AddBus(), {.size = 0x2000, .page = 16});
+          chip.Load(0, target.start.bytes);
+          machine.Serve();
+          return chip;
+        });
+  }
+}
+
+/// Into either slot, after a move, and over another invariant sector, but for the cuts in its
+/// rewrite: nothing else keeps that.
+TEST_F(PowerCutTest, FlashesBootAfterAnyCut) {
+  struct Case {
+    FlashImage old;
+    FlashImage now;
+    u_int32_t slot;
+  };
+  const Case cases[] = {
+      {{}, {.content = 0x22, .size = 0x420}, 0},
+      {{}, {.content = 0x22, .size = 0x420}, 1},
+      // The second slot of the old image lies where the new one has bytes in the first slot.
+      {{.image1 = 0x1000}, {.content = 0x22, .size = 0x620}, 1},
+  };
+  for (const Case& each : cases) {
+    sim::Fabric fabric;
+    fabric.Add(FlashDevice(LEAF1, FLASH_SIZE, SECTOR));
+    const std::string now = each.now.Text();
+    const std::string file = _folder.Write("new.img", now);
+    Target target(each.old.Text(), now, fabric, each.slot);
+    TryAllCuts(
+        target, device::SlotKind::POINTER_SECTORS,
+        [&](ServedMachine& machine) {
+          return Burn<OnMachine<RemoteFlashInterface>, RV52100FailsafeBurn>(machine, file, true,
+                                                                            false);
+        },
+        [&](ServedMachine& machine) -> hardware::VirtualFlash& {
+          auto& flash = machine.AddFlash(
+              LEAF1, {.size = FLASH_SIZE, .erase_size = SECTOR, .page = 64}, SECTOR);
+          flash.Load(0, target.start.bytes);
+          machine.Serve();
+          return flash;
+        });
   }
 }
 
