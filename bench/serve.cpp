@@ -7,6 +7,7 @@
 #include <iostream>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/Text.h"
@@ -29,10 +30,15 @@ constexpr std::uint32_t REQUEST = 512;  // bytes: -m 9
 constexpr std::uint32_t REQUESTS = 64;
 
 bool g_is_well = true;
+bool g_is_tabbed = false;
 
 void Row(const std::string& what, const std::string& measured, const std::string& goal,
          bool is_met) {
   g_is_well = g_is_well && is_met;
+  if (g_is_tabbed) {
+    std::cout << what << "\t" << measured << "\t" << goal << "\t" << is_met << "\n";
+    return;
+  }
   std::cout << std::left << std::setw(66) << what << std::setw(22) << measured << std::setw(12)
             << goal << (is_met ? "met" : "NOT MET") << "\n";
 }
@@ -192,8 +198,10 @@ class Faults {
   }
   static std::vector<std::pair<std::string, SpoilFlash>> FlashFaults() {
     return {
-        {"protected flash", [](hardware::VirtualFlash& flash,
-                               std::uint64_t nth) { flash.Protect(static_cast<std::uint32_t>(nth - 1) * 256, 256); }},
+        {"protected flash",
+         [](hardware::VirtualFlash& flash, std::uint64_t nth) {
+           flash.Protect(static_cast<std::uint32_t>(nth - 1) * 256, 256);
+         }},
         {"flash that drops one program",
          [](hardware::VirtualFlash& flash, std::uint64_t nth) { flash.DropProgram(nth); }},
         {"flash that fails one program",
@@ -308,7 +316,8 @@ void LongErase() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char* argv[]) {
+  g_is_tabbed = argc == 2 && argv[1] == std::string_view("--tabs");
   try {
     Eeproms();
     Flash();
