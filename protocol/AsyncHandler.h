@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "protocol/Answer.h"
 
@@ -49,7 +50,7 @@ class AsyncHandler {
   virtual void StartBurn(ClientId client, const Guids& devices, const std::string& image,
                          std::shared_ptr<Reply> reply) {
     static_cast<void>(client), static_cast<void>(devices), static_cast<void>(image);
-    reply->Send({.text = RequestError("images are not burnt")});
+    std::exchange(reply, nullptr)->Send({.text = RequestError("images are not burnt")});
   }
   /// The server's type in the address that clients use: I2C, PCI, PPC or IB.
   virtual std::string Type() const = 0;

@@ -155,7 +155,7 @@ FlatMemory::FlatMemory(const FileConfig& file, std::uint32_t size) {
 std::string FlatMemory::Open(System& system, Access access) {
   if (IsOpen(access)) return "";
   Close(system);
-  const std::string error = _config.file ? OpenFile(system, access) : OpenMtd(system, access);
+  std::string error = _config.file ? OpenFile(system, access) : OpenMtd(system, access);
   if (!error.empty()) {
     Close(system);
     return error;

@@ -175,7 +175,8 @@ TEST_F(FlashTest, AnotherChipThanExpectedIsNotWritten) {
   Config().mtd->jedec = "c2253a";
   Config().mtd->expected_size = 2 * MIB;
   machine.Serve();
-  EXPECT_THAT(machine.Ask(Write(0, Bytes(4, 0))), HasSubstr("has 0x100000 bytes, expected were 0x200000"));
+  EXPECT_THAT(machine.Ask(Write(0, Bytes(4, 0))),
+              HasSubstr("has 0x100000 bytes, expected were 0x200000"));
   EXPECT_EQ(flash.Programs(), 0u);
 }
 
