@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <random>
 #include <span>
 
 #include "serve/System.h"
@@ -31,6 +32,8 @@ class Node {
   virtual int TransferI2c(std::span<const serve::I2cMessage>) { return -ENOTTY; }
   virtual int GetMtdFacts(serve::MtdFacts&) { return -ENOTTY; }
   virtual int EraseMtd(std::uint64_t, std::uint64_t) { return -ENOTTY; }
+  /// The power has gone: what is not on its memory yet is lost, or is not.
+  virtual void LosePower(std::mt19937_64&) {}
   /// The power is back: whatever is no memory is as new.
   virtual void PowerUp() {}
 };

@@ -94,6 +94,7 @@ void Power::Cut() {
   }
   _lasting.clear();
   _is_on = false;
+  if (_when_cut) _when_cut(_random);
 }
 
 }  // namespace hardware

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "device/Chip.h"
@@ -33,6 +34,8 @@ class Power {
   /// The power goes inside the `n`th change from now: that one is torn.
   void CutInside(std::uint64_t n, std::uint64_t seed = 1) { Plan(n, true, seed); }
   void CutNow(std::uint64_t seed = 1);
+  /// Calls where the power goes, before the last change is made.
+  void WhenCut(std::function<void(Random& random)> call) { _when_cut = std::move(call); }
   /// Forgets a planned cut, too.
   void TurnOn();
 
@@ -59,6 +62,7 @@ class Power {
 
   VirtualClock& _clock;
   Random _random;
+  std::function<void(Random& random)> _when_cut;
   std::vector<Change> _lasting;  ///< in the order in which they began
   std::uint64_t _changes = 0;
   std::uint64_t _last_change = 0;  ///< by the count of changes; 0: no cut is planned

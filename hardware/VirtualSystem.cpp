@@ -10,6 +10,8 @@ namespace {
 
 /// As Linux follows at most.
 constexpr int MOST_LINKS = 40;
+/// Bytes that a disk writes as a whole.
+constexpr std::size_t DISK_BLOCK = 512;
 
 /// A plain file: one that stands for a memory, or a small one. Or a text of the kernel.
 class FileNode : public Node {
@@ -17,14 +19,26 @@ class FileNode : public Node {
   enum class Kind { TEXT, SMALL, MEMORY };
 
   FileNode(Kind kind, device::Bytes content, Power& power)
-      : _kind(kind), _content(std::move(content)), _power(power) {}
+      : _kind(kind), _content(std::move(content)), _on_disk(_content), _power(power) {}
 
   const device::Bytes& Content() const { return _content; }
 
   bool IsDevice() const override { return false; }
   bool IsReadOnly() const override { return _kind == Kind::TEXT; }
   std::int64_t Size() override { return static_cast<std::int64_t>(_content.size()); }
-  int Flush() override { return 0; }
+  int Flush() override {
+    _on_disk = _content;
+    return 0;
+  }
+  void LosePower(Power::Random& random) override {
+    if (_kind != Kind::MEMORY) return;
+    _on_disk.resize(_content.size());
+    for (std::size_t at = 0; at < _content.size(); at += DISK_BLOCK) {
+      const std::size_t end = std::min(at + DISK_BLOCK, _content.size());
+      if (random() % 2 == 0) std::copy(&_on_disk[at], _on_disk.data() + end, &_content[at]);
+    }
+    _on_disk = _content;
+  }
   std::int64_t Read(std::uint64_t offset, std::span<std::uint8_t> bytes) override {
     if (offset >= _content.size()) return 0;
     const std::size_t size = std::min<std::uint64_t>(bytes.size(), _content.size() - offset);
@@ -46,6 +60,7 @@ class FileNode : public Node {
  private:
   Kind _kind;
   device::Bytes _content;
+  device::Bytes _on_disk;
   Power& _power;
 };
 
@@ -57,6 +72,13 @@ void EraseBelow(std::map<std::string, Value>& all, const std::string& path) {
 }
 
 }  // namespace
+
+VirtualSystem::VirtualSystem() {
+  AddFolder("/run/fwpush-serve");
+  _power.WhenCut([this](Power::Random& random) {
+    for (const auto& [path, node] : _nodes) node->LosePower(random);
+  });
+}
 
 void VirtualSystem::PowerUp() {
   _open.clear();

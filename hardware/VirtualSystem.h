@@ -63,7 +63,7 @@ using Program = std::function<ProgramResult(const std::vector<std::string>& word
 /// call fails with -EIO.
 class VirtualSystem : public serve::System {
  public:
-  VirtualSystem() { AddFolder("/run/fwpush-serve"); }
+  VirtualSystem();
   ~VirtualSystem() override = default;
 
   VirtualClock& Clock() { return _clock; }
@@ -77,7 +77,9 @@ class VirtualSystem : public serve::System {
   void AddNode(const std::string& path, std::shared_ptr<Node> node);
   /// A text of a few words, as below /sys and /proc: read-only, and without its line end.
   void AddText(const std::string& path, std::string_view text);
-  /// A plain file. Its writes are changes of a memory.
+  /// A plain file. Its writes are changes of a memory. Where the power goes, each block of 512
+  /// bytes that was not flushed since it was written has its old content or the new one; the last
+  /// change is made all the same.
   void AddFile(const std::string& path, device::Bytes content);
   /// `target` may be relative to the folder of the link.
   void AddLink(const std::string& path, const std::string& target);

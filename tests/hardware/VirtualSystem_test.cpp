@@ -252,6 +252,7 @@ TEST_F(VirtualSystemTest, WithoutPowerEveryCallFailsAndFilesStay) {
   ASSERT_EQ(_system.Lock(file), 0);
   _system.GetPower().CutAfter(2);
   EXPECT_EQ(_system.Write(file, 0, Bytes{9}), 1);
+  EXPECT_EQ(_system.Flush(file), 0);
   EXPECT_EQ(_system.Write(file, 1, Bytes{8}), -EIO);
   EXPECT_EQ(_system.Write(file, 2, Bytes{7}), -EIO);
   Bytes bytes(1);
@@ -264,6 +265,28 @@ TEST_F(VirtualSystemTest, WithoutPowerEveryCallFailsAndFilesStay) {
   EXPECT_EQ(_system.Lock(again), 0);
   EXPECT_EQ(_system.FileContent("/data/chip.bin"), (Bytes{9, 8, 3, 4}));
   EXPECT_EQ(_system.GetPower().Changes(), 2u);
+}
+
+TEST_F(VirtualSystemTest, WhatWasNotFlushedMayBeLostWithThePower) {
+  std::size_t lost = 0;
+  for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    VirtualSystem system;
+    system.AddFile("/data/chip.bin", Bytes(2048, 1));
+    const int file = system.Open("/data/chip.bin", Access::WRITE);
+    EXPECT_EQ(system.Write(file, 0, Bytes(1024, 2)), 1024);
+    EXPECT_EQ(system.Flush(file), 0);
+    EXPECT_EQ(system.Write(file, 1024, Bytes(1024, 3)), 1024);
+    system.GetPower().CutNow(seed);
+    const Bytes left = system.FileContent("/data/chip.bin");
+    for (std::size_t i = 0; i < 1024; ++i) EXPECT_EQ(left[i], 2) << i;
+    for (std::size_t block = 1024; block < 2048; block += 512) {
+      EXPECT_TRUE(left[block] == 1 || left[block] == 3);
+      for (std::size_t i = block; i < block + 512; ++i) EXPECT_EQ(left[i], left[block]) << i;
+      if (left[block] == 1) ++lost;
+    }
+  }
+  EXPECT_GT(lost, 5u);
+  EXPECT_LT(lost, 35u);
 }
 
 }  // namespace
