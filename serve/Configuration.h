@@ -62,8 +62,10 @@ struct EepromConfig {
 };
 
 struct MtdConfig {
-  std::string name;                  ///< of the MTD device; this or the next, or both, are there
-  std::string by_path;               ///< of the device that it is on, such as "spi1/spi1.0"
+  std::string name;  ///< of the MTD device; this or the next, or both, are there
+  /// Folders of /sys/devices on the way to the device that it is on, in their order, such as
+  /// "1e630000.spi/spi1.0".
+  std::string by_path;
   std::optional<std::string> jedec;  ///< that it must have, such as "c2253a", in lower case
   std::optional<std::uint64_t> expected_size;  ///< that it must have
 };

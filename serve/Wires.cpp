@@ -163,6 +163,40 @@ std::string DeviceBelow(std::string path) {
   return path;
 }
 
+/// The name of the root adapter in a folder; where others have it, too, the folder around that one,
+/// which does not end in a number that changes.
+std::string RootName(System& system, const std::string& root) {
+  std::string name;
+  std::size_t namesakes = 0;
+  const std::vector<FoundAdapter> adapters = ListAdapters(system);
+  for (const FoundAdapter& adapter : adapters) {
+    if (adapter.path == root) name = adapter.name;
+  }
+  for (const FoundAdapter& adapter : adapters) {
+    if (adapter.name == name && RootPathOf(adapter.path) == adapter.path) ++namesakes;
+  }
+  return namesakes == 1 && !name.empty() ? name : FolderOf(root);
+}
+
+/// The address and the channel of the mux of adapter `parent` that makes adapter `child`. `names`:
+/// of all devices.
+std::optional<std::pair<std::uint16_t, std::uint32_t>> MuxBetween(
+    System& system, const std::vector<std::string>& names, std::uint32_t parent,
+    std::uint32_t child) {
+  const std::string prefix = Text(parent, "-");
+  for (const std::string& name : names) {
+    if (!name.starts_with(prefix)) continue;
+    const std::string folder = std::string(I2C_DEVICES) + name;
+    for (const std::uint32_t channel : NumbersIn(system, folder, "channel-")) {
+      const std::string real = system.Resolve(Text(folder, "/channel-", channel));
+      if (NumberAfter(NameOf(real), "i2c-") != child) continue;
+      const auto address = NumberOf("0x" + name.substr(prefix.size()));
+      return std::pair(static_cast<std::uint16_t>(address), channel);
+    }
+  }
+  return {};
+}
+
 /// One line of /proc/mounts.
 struct Mount {
   std::string source;
@@ -220,11 +254,22 @@ std::string UserOf(System& system, const FoundMtd& mtd, const std::vector<Mount>
   return "";
 }
 
+/// Whether all folders of `by_path` are on the way to `path`, in this order.
+bool LeadsTo(std::string_view by_path, std::string_view path) {
+  const std::vector<std::string_view> folders = Words(path, "/");
+  auto at = folders.begin();
+  for (const std::string_view folder : Words(by_path, "/")) {
+    at = std::find(at, folders.end(), folder);
+    if (at == folders.end()) return false;
+    ++at;
+  }
+  return true;
+}
+
 std::vector<FoundMtd> Matching(const std::vector<FoundMtd>& mtds, const MtdConfig& config) {
   std::vector<FoundMtd> matching;
   std::ranges::copy_if(mtds, std::back_inserter(matching), [&](const FoundMtd& mtd) {
-    const bool is_there = mtd.path == config.by_path || mtd.path.ends_with("/" + config.by_path);
-    return (config.name.empty() || mtd.name == config.name) && (config.by_path.empty() || is_there);
+    return (config.name.empty() || mtd.name == config.name) && LeadsTo(config.by_path, mtd.path);
   });
   return matching;
 }
@@ -336,19 +381,23 @@ std::string RootKey(System& system, const AdapterConfig& config) {
   const FoundAdapter first = found.error.empty() || config.muxes.empty()
                                  ? found
                                  : FindAdapter(system, {.adapter = config.adapter, .muxes = {}});
-  if (!first.error.empty()) return config.adapter;
-  const std::string root = RootPathOf(first.path);
-  std::string name;
-  std::size_t namesakes = 0;
-  const std::vector<FoundAdapter> adapters = ListAdapters(system);
-  for (const FoundAdapter& adapter : adapters) {
-    if (adapter.path == root) name = adapter.name;
+  return first.error.empty() ? RootName(system, RootPathOf(first.path)) : config.adapter;
+}
+
+AdapterConfig WayTo(System& system, const FoundAdapter& adapter) {
+  const std::string root = RootPathOf(adapter.path);
+  AdapterConfig way{.adapter = RootName(system, root), .muxes = {}};
+  const std::vector<std::string> names = system.List(std::string(I2C_DEVICES));
+  auto parent = NumberAfter(NameOf(root), "i2c-");
+  const std::string_view behind = std::string_view(adapter.path).substr(root.size());
+  for (const std::string_view folder : Words(behind, "/")) {
+    const auto child = NumberAfter(folder, "i2c-");
+    if (!parent || !child) continue;
+    const auto mux = MuxBetween(system, names, *parent, *child);
+    if (mux) way.muxes.push_back(*mux);
+    parent = child;
   }
-  for (const FoundAdapter& adapter : adapters) {
-    if (adapter.name == name && RootPathOf(adapter.path) == adapter.path) ++namesakes;
-  }
-  // The folder of the adapter ends in its number, the one around it has none.
-  return namesakes == 1 && !name.empty() ? name : FolderOf(root);
+  return way;
 }
 
 std::string FlashKey(System& system, const FlashConfig& config) {

@@ -51,6 +51,13 @@ std::string WhyNotExpected(const MtdConfig& config, const FoundMtd& found);
 /// The folder, in /sys/devices, of the adapter on whose wire all of `path` is: the outermost one.
 std::string RootPathOf(const std::string& path);
 
+/// What a mux has for its idle state where it disconnects its last channel.
+inline constexpr const char* MUX_DISCONNECTS = "-2";
+
+/// How a configuration names the adapter: by its root, and the muxes from there. The root has its
+/// name, or where others have that, too, the folder of the device that it belongs to.
+AdapterConfig WayTo(System& system, const FoundAdapter& adapter);
+
 /// Names the root adapter of `config`: two adapters on one wire get the same text. It stays the
 /// same when the numbers of adapters change. Where the kernel does not have the adapter now, this
 /// is what the configuration says.

@@ -2,27 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/FakeSysfs.h"
+#include "tests/support/FakeBoard.h"
 
 namespace serve {
 namespace {
 
-constexpr const char* BUS = "/sys/devices/platform/ahb/1e78a000.bus/1e78a300.i2c-bus";
-constexpr const char* OTHER_BUS = "/sys/devices/platform/ahb/1e78a000.bus/1e78a380.i2c-bus";
-constexpr const char* SPI0 = "/sys/devices/platform/ahb/1e620000.spi/spi_master/spi0/spi0.0";
-constexpr const char* SPI1 = "/sys/devices/platform/ahb/1e630000.spi/spi_master/spi1/spi1.0";
+constexpr auto BUS = FakeBoard::BUS;
+constexpr auto OTHER_BUS = FakeBoard::OTHER_BUS;
+constexpr auto SPI0 = FakeBoard::SPI0;
+constexpr auto SPI1 = FakeBoard::SPI1;
 
-/// A board with two I2C buses, a mux of 8 channels on the first, and two flashes.
 class WiresTest : public testing::Test {
  protected:
-  WiresTest() {
-    _system.AddAdapter(5, "1e78a300.i2c-bus", BUS);
-    _system.AddAdapter(6, "1e78a380.i2c-bus", OTHER_BUS);
-    _system.AddMux(5, 0x70, 16, 8);
-    _system.AddMtd(0, "bmc", SPI0, 0x4000000, "c2253a");
-    _system.AddMtd(1, "pnor", SPI1, 0x200000000, "ef4020");
-  }
-
   std::string AdapterErrorOf(const AdapterConfig& config) {
     return FindAdapter(_system, config).error;
   }
@@ -31,7 +22,7 @@ class WiresTest : public testing::Test {
     return {.name = name, .by_path = by_path, .jedec = {}, .expected_size = {}};
   }
 
-  FakeSysfs _system;
+  FakeBoard _system;
 };
 
 TEST_F(WiresTest, AdapterIsFoundByItsName) {
@@ -134,6 +125,16 @@ TEST_F(WiresTest, NamesakesAreToldApartByTheFolderOfTheirDevice) {
   EXPECT_EQ(RootKey(_system, {.adapter = "/dev/i2c-7", .muxes = {}}), "/sys/devices/other");
 }
 
+TEST_F(WiresTest, WayToAnAdapterFindsIt) {
+  _system.AddMux(18, 0x71, 32, 4);
+  _system.AddAdapter(7, "1e78a380.i2c-bus", "/sys/devices/other");
+  for (const FoundAdapter& adapter : ListAdapters(_system)) {
+    EXPECT_EQ(FindAdapter(_system, WayTo(_system, adapter)).number, adapter.number);
+  }
+  EXPECT_EQ(WayTo(_system, FindAdapter(_system, {.adapter = "/dev/i2c-35", .muxes = {}})),
+            (AdapterConfig{.adapter = "1e78a300.i2c-bus", .muxes = {{0x70, 2}, {0x71, 3}}}));
+}
+
 TEST_F(WiresTest, DriverOwnsItsAddressOnAllOfTheWayToTheChip) {
   const FoundAdapter parent = FindAdapter(_system, {.adapter = "/dev/i2c-5", .muxes = {}});
   const FoundAdapter behind = FindAdapter(_system, {.adapter = "/dev/i2c-16", .muxes = {}});
@@ -173,6 +174,8 @@ TEST_F(WiresTest, MtdThatIsNotThereIsToldWithThoseThatAre) {
   const std::string there =
       std::string("there are: /dev/mtd0 \"bmc\" on ") + SPI0 + ", /dev/mtd1 \"pnor\" on " + SPI1;
   EXPECT_EQ(MtdErrorOf(Named("mtd0")), "no MTD device is named \"mtd0\"; " + there);
+  EXPECT_EQ(MtdErrorOf(Named("", "spi1.0/1e630000.spi")),
+            "no MTD device is on spi1.0/1e630000.spi; " + there);
   // A part of a folder's name is not that folder.
   EXPECT_EQ(MtdErrorOf(Named("", "pi1.0")), "no MTD device is on pi1.0; " + there);
   EXPECT_EQ(MtdErrorOf(Named("bmc", "spi1.0")),

@@ -32,6 +32,11 @@ class FakeSysfs : public serve::System {
     AddFolder(path.substr(0, path.rfind('/')));
     _links[path] = target;
   }
+  /// A file on a disk, which may be opened for reading.
+  void AddPlainFile(const std::string& path, std::int64_t size) {
+    AddFile(path, "");
+    _sizes[path] = size;
+  }
   /// Takes away a file, or a link.
   void Forget(const std::string& path) {
     ASSERT_EQ(_files.erase(path) + _links.erase(path), 1u) << path;
@@ -121,14 +126,23 @@ class FakeSysfs : public serve::System {
 
   serve::Time Now() const override { return {}; }
   std::int64_t WallSeconds() const override { return 0; }
-  int Open(const std::string& path, serve::Access) override { return Refuse("Open " + path); }
-  void Close(int) override { Refuse("Close"); }
+  int Open(const std::string& path, serve::Access access) override {
+    const auto file = _sizes.find(path);
+    if (file == _sizes.end() || access != serve::Access::READ) return Refuse("Open " + path);
+    _open_size = file->second;
+    return DESCRIPTOR;
+  }
+  void Close(int descriptor) override {
+    EXPECT_EQ(descriptor, DESCRIPTOR);
+    EXPECT_TRUE(_open_size.has_value());
+    _open_size.reset();
+  }
   int Lock(int) override { return Refuse("Lock"); }
   std::int64_t Read(int, std::uint64_t, std::span<std::uint8_t>) override { return Refuse("Read"); }
   std::int64_t Write(int, std::uint64_t, std::span<const std::uint8_t>) override {
     return Refuse("Write");
   }
-  std::int64_t SizeOf(int) override { return Refuse("SizeOf"); }
+  std::int64_t SizeOf(int) override { return _open_size ? *_open_size : Refuse("SizeOf"); }
   int Flush(int) override { return Refuse("Flush"); }
   int HasPlainI2c(int) override { return Refuse("HasPlainI2c"); }
   int CheckI2cAddress(int, std::uint16_t) override { return Refuse("CheckI2cAddress"); }
@@ -146,6 +160,8 @@ class FakeSysfs : public serve::System {
   }
 
  private:
+  static constexpr int DESCRIPTOR = 3;
+
   static std::string I2cId(unsigned adapter, unsigned address) {
     return common::Text(adapter, "-", std::hex, std::setw(4), std::setfill('0'), address);
   }
@@ -157,4 +173,6 @@ class FakeSysfs : public serve::System {
   std::map<std::string, std::string> _files;  ///< by path
   std::map<std::string, std::string> _links;  ///< by path: where they lead
   std::set<std::string> _folders;
+  std::map<std::string, std::int64_t> _sizes;  ///< of plain files
+  std::optional<std::int64_t> _open_size;      ///< of the one that is open
 };
