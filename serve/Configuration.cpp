@@ -37,12 +37,6 @@ constexpr std::uint32_t LAST_ADDRESS = 0x77;
 constexpr std::uint32_t BANK_BITS = 3;
 constexpr std::uint32_t MAX_TRANSFER = 8192;  ///< bytes that the kernel takes in one message
 
-bool IsLoopback(const std::string& host) {
-  in_addr address{};
-  return host == "localhost" ||
-         (inet_pton(AF_INET, host.c_str(), &address) == 1 && ntohl(address.s_addr) >> 24 == 127);
-}
-
 /// A text that may not be empty.
 std::optional<std::string> FullString(TomlReader& reader, std::string_view key) {
   auto text = reader.String(key);
@@ -395,6 +389,12 @@ class Loader {
 };
 
 }  // namespace
+
+bool IsLoopback(const std::string& host) {
+  in_addr address{};
+  return host == "localhost" ||
+         (inet_pton(AF_INET, host.c_str(), &address) == 1 && ntohl(address.s_addr) >> 24 == 127);
+}
 
 Configuration LoadConfiguration(const fs::path& path) {
   try {

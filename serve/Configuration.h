@@ -117,6 +117,9 @@ struct Configuration {
   std::vector<DeviceConfig> devices;
 };
 
+/// Whether only clients on this machine reach a server that listens there.
+bool IsLoopback(const std::string& host);
+
 /// Reads a configuration, and touches nothing else. Throws ConfigurationError.
 Configuration LoadConfiguration(const std::filesystem::path& path);
 

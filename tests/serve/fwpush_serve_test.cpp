@@ -1,0 +1,156 @@
+/// The built fwpush-serve, with files in the place of memories.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "common/ChildProcess.h"
+#include "common/ScratchFolder.h"
+#include "common/Text.h"
+#include "protocol/Client.h"
+#include "protocol/Listener.h"
+
+namespace serve {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr std::size_t SIZE = 0x8000;
+
+class FwpushServeTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    _folder.Write("eeprom", std::string(SIZE, '\0'));
+    Configure("");
+  }
+  /// Writes the configuration, with further devices.
+  void Configure(const std::string& more) const {
+    _folder.Write("serve.toml", "[server]\nlisten = '127.0.0.1:0'\nstate = '" +
+                                    (_folder / "state") + "'\n" + Device(0x10, "eeprom") + more);
+  }
+  std::string Device(unsigned guid, const std::string& file) const {
+    return common::Text("[[device]]\nnode_guid = '0x", std::hex, guid,
+                        "'\n[[device.chip]]\naddress = 0x50\nsize = 0x8000\nfile = '",
+                        _folder / file, "'\n");
+  }
+
+  /// Starts the server, its errors to the file "errors". `before` is put before its command line,
+  /// for a shell.
+  void Begin(const std::vector<std::string>& words = {}, const std::string& before = "") {
+    common::Channel output = common::MakePipe();
+    const common::Descriptor errors(
+        open((_folder / "errors").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    std::vector<std::string> line{"/bin/sh", "-c",          before + " exec \"$@\"",
+                                  "sh",      SERVE_PROGRAM, _folder / "serve.toml"};
+    line.insert(line.end(), words.begin(), words.end());
+    _server.emplace(
+        common::Launch{.words = line, .output = output.in.Get(), .errors = errors.Get()});
+    output.in.Close();
+    std::array<char, 1000> block;
+    while (!_address.ends_with('\n')) {
+      const ssize_t count = read(output.out.Get(), block.data(), block.size());
+      if (count <= 0) break;
+      _address.append(block.data(), static_cast<std::size_t>(count));
+    }
+    ASSERT_THAT(_address, StartsWith("IB:127.0.0.1:")) << Errors();
+    _port = static_cast<std::uint16_t>(std::stoul(_address.substr(_address.rfind(':') + 1)));
+  }
+  int End() {
+    _server->Signal(SIGTERM);
+    return _server->Wait().status;
+  }
+  std::string Ask(const std::string& request) const {
+    return protocol::Client(_port).Ask(request).value_or("nothing");
+  }
+  std::string Text(const std::string& name) const {
+    std::ifstream file(_folder / name);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  std::string Errors() const { return Text("errors"); }
+  bool WaitForError(const std::string& text) const {
+    for (int i = 0; i < 2000; ++i) {
+      if (Errors().find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  common::ScratchFolder _folder;
+  std::optional<common::ChildProcess> _server;
+  std::string _address;  ///< its first line
+  std::uint16_t _port = 0;
+};
+
+constexpr const char* WRITE = "vsI2cWriteMulti 1 0x0000000000000010 0x50 4 0x8 0x31323334 ";
+constexpr const char* READ = "vsI2cReadMulti 1 0x0000000000000010 0x50 4 0x8 ";
+
+TEST_F(FwpushServeTest, FileIsServedUntilTheServerIsEnded) {
+  Begin();
+  EXPECT_EQ(Ask(WRITE), "ACK");
+  EXPECT_EQ(Ask(READ), "{ACK {data 0x31323334}}");
+  EXPECT_EQ(End(), 0);
+  EXPECT_EQ(Text("eeprom").substr(8, 4), "1234");
+  EXPECT_THROW(protocol::Client client(_port), std::system_error);
+}
+
+TEST_F(FwpushServeTest, DryRunLeavesTheMemoryAsItIs) {
+  Begin({"--dry-run"});
+  EXPECT_EQ(Ask(WRITE), "ACK");
+  EXPECT_EQ(End(), 0);
+  EXPECT_EQ(Text("eeprom"), std::string(SIZE, '\0'));
+}
+
+TEST_F(FwpushServeTest, ClientThatIsConnectedDoesNotKeepAServerFromEnding) {
+  Begin();
+  protocol::Client client(_port);
+  EXPECT_EQ(client.Ask(WRITE), "ACK");
+  EXPECT_EQ(End(), 0);
+  EXPECT_EQ(client.ReceiveBytes(), "");
+}
+
+TEST_F(FwpushServeTest, ReloadServesWhatTheFileSaysThen) {
+  Begin();
+  const std::string other = "vsI2cReadMulti 1 0x0000000000000020 0x50 4 0x0 ";
+  EXPECT_EQ(Ask(other), "{ERROR:0x0000000000000020:No such device}");
+  _folder.Write("other", std::string(SIZE, '\0'));
+  Configure(Device(0x20, "other"));
+  _server->Signal(SIGHUP);
+  ASSERT_TRUE(WaitForError("2 devices")) << Errors();
+  EXPECT_EQ(Ask(other), "{ACK {data 0x0}}");
+  EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, ReloadOfAWrongFileChangesNothing) {
+  Begin();
+  Configure("nonsense = 1\n");
+  _server->Signal(SIGHUP);
+  ASSERT_TRUE(WaitForError("serves the configuration that it had"));
+  EXPECT_THAT(Errors(), HasSubstr("serve.toml:"));
+  EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, PassedSocketIsServed) {
+  const protocol::Listener listener;
+  const int socket = dup(listener.Get());  // inherited, unlike the other
+  Begin({}, common::Text("exec 3<&", socket, ";export LISTEN_PID=$$ LISTEN_FDS=1;"));
+  close(socket);
+  EXPECT_EQ(_port, listener.Port());
+  EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, ListeningOnMoreThanLoopbackNeedsPeers) {
+  common::ChildProcess server(
+      {.words = {SERVE_PROGRAM, _folder / "serve.toml", "--listen", "0.0.0.0:0"}});
+  EXPECT_EQ(server.Wait().status, 64);
+}
+
+}  // namespace
+}  // namespace serve
