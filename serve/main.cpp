@@ -12,6 +12,8 @@
 #include "protocol/Server.h"
 #include "serve/AuditLog.h"
 #include "serve/Configuration.h"
+#include "serve/ConfigurationCheck.h"
+#include "serve/Discover.h"
 #include "serve/Gateway.h"
 #include "serve/LinuxSystem.h"
 #include "serve/Systemd.h"
@@ -28,6 +30,8 @@ struct Options {
   std::string file;
   std::string listen;
   bool is_dry_run = false;
+  bool is_check = false;
+  bool is_discover = false;
 };
 
 /// The configuration, with what the command line has in its place. Throws ConfigurationError and
@@ -141,10 +145,11 @@ class Program {
   };
 
   void Tell(const std::string& state) const {
-    _manager.Tell(common::Text(state, "\nSTATUS=", _is_ending ? "ending" : "serving ",
-                               _is_ending ? "" : common::Text(_configuration.devices.size()),
-                               _is_ending ? "" : " devices at ",
-                               _is_ending ? "" : _server.ServerString()));
+    _manager.Tell(common::Text(state, "\nSTATUS=",
+                               _is_ending
+                                   ? "ends when the requests under way are answered"
+                                   : common::Text("serves at ", _server.ServerString(),
+                                                  "; devices: ", _configuration.devices.size())));
   }
 
   void End() {
@@ -168,8 +173,9 @@ class Program {
       _gateway.Reload(configuration);
       const bool needs_restart = NeedsRestart(_configuration, configuration);
       _configuration.devices = std::move(configuration.devices);
-      _log.Write(Priority::NOTICE, common::Text("serves ", _options.file, " as it is now: ",
-                                                _configuration.devices.size(), " devices"));
+      _log.Write(Priority::NOTICE,
+                 common::Text("serves ", _options.file,
+                              " as it is now; devices: ", _configuration.devices.size()));
       if (needs_restart) {
         _log.Write(Priority::WARNING,
                    "the listening address, its peers and limits, the type and the folder of state "
@@ -203,8 +209,28 @@ class Program {
   bool _is_ending = false;
 };
 
-int Serve(const Options& options) {
+/// Prints what would keep devices from being burnt.
+int Check(const Configuration& configuration, const std::string& file) {
+  serve::LinuxSystem system;
+  const std::vector<std::string> problems = serve::CheckConfiguration(system, configuration);
+  for (const std::string& problem : problems) std::cout << problem << "\n";
+  if (problems.empty()) {
+    std::cout << file << ": devices: " << configuration.devices.size() << ", problems: none\n";
+  }
+  std::cout.flush();
+  return problems.empty() ? common::ALL_WELL : common::DIFFERS;
+}
+
+int Run(const Options& options) {
+  if (options.is_discover) {
+    if (!options.file.empty()) throw common::UsageError("--discover", "is without a FILE");
+    serve::LinuxSystem system;
+    std::cout << serve::DiscoverConfiguration(system) << std::flush;
+    return common::ALL_WELL;
+  }
+  if (options.file.empty()) throw common::UsageError("FILE", "is needed");
   Configuration configuration = Load(options);
+  if (options.is_check) return Check(configuration, options.file);
   const std::optional<int> passed_socket = serve::TakePassedSocket();
   if (passed_socket && !options.listen.empty()) {
     throw common::UsageError("--listen", "is not used: a service manager has passed a socket");
@@ -225,11 +251,21 @@ int main(int argc, char* argv[]) {
   common::CommandLine line(
       "A bus server for the memories of this machine: SPI NOR flashes, I2C EEPROMs and files.");
   Options options;
-  line.Add("FILE", options.file, "The configuration (TOML)").Required();
+  line.Add("FILE", options.file, "The configuration (TOML)");
   line.Add("--listen", options.listen,
            "HOST:PORT to listen on, in the place of that of FILE; port 0 takes a free one");
-  line.AddFlag("--dry-run", options.is_dry_run,
-               "Serve, but keep what is written in memory, over what the devices hold");
-  line.SetWork([&options] { return Serve(options); });
+  const common::Option dry_run =
+      line.AddFlag("--dry-run", options.is_dry_run,
+                   "Serve, but keep what is written in memory, over what the devices hold");
+  common::Option check = line.AddFlag(
+      "--check", options.is_check,
+      "Print what keeps devices of FILE from being burnt, and exit; no device is opened");
+  line.AddFlag("--discover", options.is_discover,
+               "Print a configuration for the memories that the kernel knows of, and exit; no bus "
+               "is probed")
+      .Excludes(check)
+      .Excludes(dry_run);
+  check.Excludes(dry_run);
+  line.SetWork([&options] { return Run(options); });
   return common::RunProgram({.name = NAME, .is_verbatim = true}, line, argc, argv);
 }

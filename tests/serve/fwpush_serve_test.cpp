@@ -5,7 +5,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "common/ChildProcess.h"
@@ -120,7 +122,7 @@ TEST_F(FwpushServeTest, ReloadServesWhatTheFileSaysThen) {
   _folder.Write("other", std::string(SIZE, '\0'));
   Configure(Device(0x20, "other"));
   _server->Signal(SIGHUP);
-  ASSERT_TRUE(WaitForError("2 devices")) << Errors();
+  ASSERT_TRUE(WaitForError("devices: 2")) << Errors();
   EXPECT_EQ(Ask(other), "{ACK {data 0x0}}");
   EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
   EXPECT_EQ(End(), 0);
@@ -144,6 +146,39 @@ TEST_F(FwpushServeTest, PassedSocketIsServed) {
   EXPECT_EQ(_port, listener.Port());
   EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
   EXPECT_EQ(End(), 0);
+}
+
+/// What a program prints, and its exit status.
+std::pair<std::string, int> Output(const std::vector<std::string>& words) {
+  common::Channel output = common::MakePipe();
+  common::ChildProcess program({.words = words, .output = output.in.Get()});
+  output.in.Close();
+  std::string text;
+  std::array<char, 1000> block;
+  for (ssize_t count; (count = read(output.out.Get(), block.data(), block.size())) > 0;) {
+    text.append(block.data(), static_cast<std::size_t>(count));
+  }
+  return {text, program.Wait().status};
+}
+
+TEST_F(FwpushServeTest, CheckTellsWhatIsMissingAndServesNothing) {
+  const std::string file = _folder / "serve.toml";
+  EXPECT_EQ(Output({SERVE_PROGRAM, "--check", file}),
+            std::pair(file + ": devices: 1, problems: none\n", 0));
+  Configure(Device(0x20, "missing"));
+  const auto [text, status] = Output({SERVE_PROGRAM, "--check", file});
+  EXPECT_THAT(text, HasSubstr(_folder / "missing"));
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(access((_folder / "state").c_str(), F_OK), -1) << "nothing is created";
+}
+
+TEST_F(FwpushServeTest, DiscoveryPrintsAConfiguration) {
+  const auto [text, status] = Output({SERVE_PROGRAM, "--discover"});
+  EXPECT_THAT(text, HasSubstr("[server]"));
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(Output({SERVE_PROGRAM, "--discover", _folder / "serve.toml"}),
+            std::pair(std::string(), 64));
+  EXPECT_EQ(Output({SERVE_PROGRAM}), std::pair(std::string(), 64));
 }
 
 TEST_F(FwpushServeTest, ListeningOnMoreThanLoopbackNeedsPeers) {
