@@ -921,7 +921,7 @@ std::set<std::string> Matches(const std::string& text, const std::string& patter
 TEST(JsonDocumentTest, SchemasAreStrict) {
   const std::set<std::string> optional{"cannot"};
   const auto schemas = Schemas();
-  EXPECT_EQ(schemas.size(), 11u);
+  EXPECT_EQ(schemas.size(), 12u);
   for (const auto& [name, schema] : schemas) {
     SCOPED_TRACE(name);
     EXPECT_EQ(schema.at("$schema"), "https://json-schema.org/draft/2020-12/schema");
@@ -952,6 +952,7 @@ TEST(JsonDocumentTest, SchemasAreStrict) {
 std::string HeadingOf(std::string schema) {
   if (schema == "rollout-summary") return "The summary of a roll-out";
   if (schema == "rollout-host") return "The file of a host";
+  if (schema == "serve-audit") return "The audit log of fwpush-serve";
   if (schema.starts_with("fwimg-")) schema[5] = ' ';
   return schema + " --json";
 }
