@@ -19,8 +19,8 @@ class NoTargetError : public std::runtime_error {
 /// The kinds of devices of a fabric, each once.
 class FabricTargets {
  public:
-  /// Reads a fabric file as fwpush-sim does, the contents of its devices included. Throws
-  /// std::runtime_error.
+  /// Reads a fabric file as fwpush-sim does, the contents of its devices included, or a
+  /// configuration of fwpush-serve, which has other keys. Throws std::runtime_error.
   FabricTargets(const std::filesystem::path& path, unsigned log2_chunk);
 
   /// The kinds of devices that have the memory of this type. Throws NoTargetError where there is

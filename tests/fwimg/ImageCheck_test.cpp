@@ -816,6 +816,28 @@ TEST_F(FwimgCheckTest, AFabricWithoutADeviceThatFitsIsSaid) {
   }
 }
 
+TEST_F(FwimgCheckTest, AConfigurationOfRealMemoriesGivesTheirSizes) {
+  const std::string flash = _folder.Write("flash.img", Flash{}.Text());
+  const std::string eeprom = _folder.Write("eeprom.img", Eeprom());
+  const auto run = [&](const std::string& memory, const std::string& image) {
+    return Run({"--fabric", _folder.Write("serve.toml", FabricOf({memory})), image});
+  };
+  const std::string in_file = "flash = { file = 'f', sector_size = 0x400, size = ";
+  EXPECT_EQ(run(in_file + "0x2000 }", flash).status, 0);
+  EXPECT_THAT(run(in_file + "0x1000 }", flash).output, testing::HasSubstr("[past-flash]"));
+  EXPECT_EQ(run("flash = { mtd = 'm', sector_size = 0x400 }", flash).status, 0);
+  EXPECT_THAT(run("flash = { mtd = 'm', sector_size = 0x400, size = 0x1000 }", flash).output,
+              testing::HasSubstr("[past-flash]"));
+  EXPECT_EQ(run("chip = [{ address = 0, size = 0x100, file = 'e' }]", eeprom).status, 0);
+  EXPECT_THAT(run("chip = [{ address = 0, size = 0xb8, file = 'e' }]", eeprom).output,
+              testing::HasSubstr("[past-eeprom]"));
+  // Errors are those of the kind of file.
+  EXPECT_THAT(run("flash = { mtd = 'm' }", flash).errors,
+              testing::HasSubstr("serve.toml:4: 'sector_size' is missing"));
+  EXPECT_THAT(run("flash = { sector_size = 0x400 }", flash).errors,
+              testing::HasSubstr("serve.toml:4: 'size' is missing"));
+}
+
 TEST_F(FwimgCheckTest, MorePartsThanAnyImageHasAreRefused) {
   std::string text;
   for (int i = 0; i < 10001; ++i) text += "REPLACE GUID 0 0\n";
