@@ -21,9 +21,9 @@ class Check {
 
   std::vector<std::string> Run() {
     const std::filesystem::path& audit = _configuration.audit;
-    if (!audit.empty() && _system.Resolve(audit.parent_path().string()).empty()) {
-      _problems.push_back("'audit': the folder " + audit.parent_path().string() +
-                          " does not exist");
+    const std::string folder = audit.has_parent_path() ? audit.parent_path().string() : ".";
+    if (!audit.empty() && _system.Resolve(folder).empty()) {
+      _problems.push_back("'audit': the folder " + folder + " does not exist");
     }
     for (const DeviceConfig& device : _configuration.devices) {
       _device = &device;
