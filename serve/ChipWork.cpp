@@ -30,6 +30,10 @@ std::optional<Time> ChipWork::Step(System& system) {
   return system.Now();
 }
 
+bool ChipWork::IsQuick() const {
+  return std::ranges::all_of(_items, [](const Item& item) { return item.memory->IsQuick(); });
+}
+
 void ChipWork::Begin(System& system, std::size_t index) {
   Item& item = _items[index];
   Progress& progress = _progress[index];

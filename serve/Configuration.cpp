@@ -207,10 +207,12 @@ class Loader {
     if (clears_bits && !file) {
       reader.ThrowAt("clears_bits", "'clears_bits' is for a 'file' only");
     }
+    const bool syncs = ReadSync(reader, file.has_value());
     reader.Finish();
     if (file) {
       ClaimFile(reader, "file", *file, _owner);
-      flash.file = FileConfig{.path = *file, .only_clears_bits = clears_bits.value_or(true)};
+      flash.file =
+          FileConfig{.path = *file, .only_clears_bits = clears_bits.value_or(true), .syncs = syncs};
       return flash;
     }
     const auto expected = mtd->expected_size;
@@ -221,6 +223,12 @@ class Loader {
     ClaimWindow(reader, *mtd, flash);
     flash.mtd = std::move(mtd);
     return flash;
+  }
+
+  static bool ReadSync(TomlReader& reader, bool is_file) {
+    const auto sync = reader.Bool("sync");
+    if (sync && !is_file) reader.ThrowAt("sync", "'sync' is for a 'file' only");
+    return sync.value_or(true);
   }
 
   static std::optional<MtdConfig> ReadMtd(TomlReader& reader) {
@@ -265,6 +273,7 @@ class Loader {
     if (i2c.has_value() == file.has_value()) {
       reader.Throw("a chip is either on an adapter, by 'i2c', or a 'file'");
     }
+    const bool syncs = ReadSync(reader, file.has_value());
     reader.Finish();
     const std::string owner = Text("chip ", HexText(address), " of ", _owner);
     if (device.eeproms.contains(address)) {
@@ -272,7 +281,7 @@ class Loader {
     }
     if (file) {
       ClaimFile(reader, "file", *file, owner);
-      eeprom.file = FileConfig{.path = *file, .only_clears_bits = false};
+      eeprom.file = FileConfig{.path = *file, .only_clears_bits = false, .syncs = syncs};
     } else {
       eeprom.i2c = ReadI2c(*i2c, address, eeprom.size);
       ClaimPlace(*i2c, PlaceOf(*eeprom.i2c, eeprom.size), owner);

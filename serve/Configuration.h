@@ -25,6 +25,7 @@ class ConfigurationError : public std::runtime_error {
 struct FileConfig {
   std::filesystem::path path;
   bool only_clears_bits = false;  ///< like a flash; else a write overwrites
+  bool syncs = true;              ///< what is acknowledged is on the disk
 };
 
 /// An I2C adapter: a root adapter, and the way through its muxes.

@@ -19,6 +19,7 @@ class DryMemory : public Memory {
   bool IsOpen(Access access) const override;
   void Close(System& system) override;
   std::unique_ptr<JobSteps> Begin(Job& job) override;
+  bool IsQuick() const override { return _real->IsQuick(); }
   std::size_t Channel() const override { return _real->Channel(); }
 
  private:

@@ -47,7 +47,7 @@ class FlatSteps : public JobSteps {
     }
     if (!_job.error.empty()) return {};
     if (_done < _job.size) return system.Now();
-    if (_memory._config.file && _job.kind != Job::READ) Flush();
+    if (_memory._config.file && _memory._config.file->syncs && _job.kind != Job::READ) Flush();
     return {};
   }
 
@@ -144,9 +144,9 @@ class FlatSteps : public JobSteps {
   std::uint32_t _done = 0;  ///< bytes
 };
 
-FlatMemory::FlatMemory(const FlashConfig& config) : _config(config) {}
+FlatMemory::FlatMemory(const FlashConfig& config, NodeLock& lock) : _config(config), _lock(lock) {}
 
-FlatMemory::FlatMemory(const FileConfig& file, std::uint32_t size) {
+FlatMemory::FlatMemory(const FileConfig& file, std::uint32_t size, NodeLock& lock) : _lock(lock) {
   _config.file = file;
   _config.size = size;
   _config.page_size = FILE_PAGE;
@@ -174,6 +174,23 @@ void FlatMemory::Close(System& system) {
   if (_descriptor >= 0) system.Close(_descriptor);
   _descriptor = -1;
   _erased.clear();
+  if (std::exchange(_has_lock, false) && --_lock.users == 0) {
+    system.Close(std::exchange(_lock.descriptor, -1));
+  }
+}
+
+std::string FlatMemory::TakeLock(System& system, const std::string& node) {
+  if (_lock.users == 0) {
+    _lock.descriptor = system.Open(node, Access::READ);
+    if (_lock.descriptor < 0) return CallError("Open", 0, _lock.descriptor);
+    if (system.Lock(_lock.descriptor) != 0) {
+      system.Close(std::exchange(_lock.descriptor, -1));
+      return "In use by another program";
+    }
+  }
+  ++_lock.users;
+  _has_lock = true;
+  return "";
 }
 
 std::string FlatMemory::OpenFile(System& system, Access access) {
@@ -184,7 +201,11 @@ std::string FlatMemory::OpenFile(System& system, Access access) {
   if (size < 0 || static_cast<std::uint64_t>(size) < needed) {
     return common::Text("The file has ", size, " bytes, the memory needs ", needed);
   }
-  if (access == Access::WRITE && system.Lock(_descriptor) != 0) return "In use by another program";
+  if (access == Access::WRITE) {
+    if (std::string error = TakeLock(system, _config.file->path.string()); !error.empty()) {
+      return error;
+    }
+  }
   _erase_size = _config.sector_size;
   _size = _config.size;
   return "";
@@ -200,7 +221,9 @@ std::string FlatMemory::OpenMtd(System& system, Access access) {
   if (const int result = system.GetMtdFacts(_descriptor, facts))
     return CallError("Open", 0, result);
   if (std::string error = CheckMtd(found, facts); !error.empty()) return error;
-  if (access == Access::WRITE && system.Lock(_descriptor) != 0) return "In use by another program";
+  if (access == Access::WRITE) {
+    if (std::string error = TakeLock(system, found.node); !error.empty()) return error;
+  }
   _erase_size = facts.erase_size;
   _size = _config.size != 0 ? _config.size : facts.size - _config.first;
   return "";

@@ -10,17 +10,25 @@ namespace serve {
 
 struct FoundMtd;
 
+/// The lock of an MTD device or a file, which keeps other programs out while one of its memories is
+/// open for writing: several devices may have parts of one flash. They have one worker.
+struct NodeLock {
+  int descriptor = -1;
+  std::uint32_t users = 0;  ///< memories that are open for writing
+};
+
 class FlatMemory : public Memory {
  public:
-  /// A flash of `config`.
-  explicit FlatMemory(const FlashConfig& config);
+  /// A flash of `config`. The lock is borrowed, here and below.
+  FlatMemory(const FlashConfig& config, NodeLock& lock);
   /// An EEPROM in a plain file.
-  FlatMemory(const FileConfig& file, std::uint32_t size);
+  FlatMemory(const FileConfig& file, std::uint32_t size, NodeLock& lock);
 
   std::string Open(System& system, Access access) override;
   bool IsOpen(Access access) const override;
   void Close(System& system) override;
   std::unique_ptr<JobSteps> Begin(Job& job) override;
+  bool IsQuick() const override { return _config.file && !_config.file->syncs; }
 
   /// Bytes of one erase of the memory itself. Valid while it is open.
   std::uint32_t EraseSize() const { return _erase_size; }
@@ -30,6 +38,8 @@ class FlatMemory : public Memory {
 
   std::string OpenFile(System& system, Access access);
   std::string OpenMtd(System& system, Access access);
+  /// Takes the lock of `node`, for writing.
+  std::string TakeLock(System& system, const std::string& node);
   std::string CheckMtd(const FoundMtd& found, const MtdFacts& facts) const;
 
   /// Marks what an erase has left, or a write has changed.
@@ -38,6 +48,8 @@ class FlatMemory : public Memory {
   bool IsErased(std::uint32_t offset, std::size_t size) const;
 
   FlashConfig _config;  ///< of an EEPROM in a file, sector_size is 0
+  NodeLock& _lock;
+  bool _has_lock = false;
   int _descriptor = -1;
   Access _access = Access::READ;
   std::uint32_t _erase_size = 0;

@@ -23,7 +23,8 @@ struct Gateway::Exchange {
   std::vector<bool> needs_memory;  ///< of each element
   std::size_t unplanned = 0;       ///< elements
   std::size_t works = 0;           ///< that wires have not done yet
-  Loop::TimerId timer = 0;
+  bool is_finished = false;
+  std::optional<Loop::TimerId> timer;  ///< of the next heartbeat; none before the first is due
 };
 
 Gateway::Gateway(System& system, Loop& loop, const Configuration& configuration,
@@ -76,7 +77,6 @@ void Gateway::Start(ClientId client, std::string_view text,
   }
   ++_under_way;
   _clients[client].is_asking = true;
-  exchange->timer = _loop.CallAt(_loop.Now() + HEARTBEAT, [this, exchange] { Beat(exchange); });
   const std::size_t count = exchange->request.devices.size();
   exchange->devices.resize(count);
   exchange->elements.resize(count);
@@ -85,6 +85,7 @@ void Gateway::Start(ClientId client, std::string_view text,
   exchange->unplanned = count + 1;
   for (std::size_t i = 0; i < count; ++i) Plan(exchange, i);
   Planned(exchange);
+  if (!exchange->is_finished) WaitForBeat(exchange);
 }
 
 std::optional<Answer> Gateway::AnswerAlone(const Request& request) const {
@@ -232,7 +233,8 @@ void Gateway::TakeResults(const ExchangePointer& exchange, ChipWork& work) {
 }
 
 void Gateway::Finish(const ExchangePointer& exchange) {
-  _loop.Cancel(exchange->timer);
+  exchange->is_finished = true;
+  if (exchange->timer) _loop.Cancel(*exchange->timer);
   const bool is_alone =
       exchange->request.command->action == Action::BSN && exchange->elements.size() == 1;
   exchange->reply->Send(
@@ -241,9 +243,11 @@ void Gateway::Finish(const ExchangePointer& exchange) {
   EndRequest(exchange->client);
 }
 
-void Gateway::Beat(const ExchangePointer& exchange) {
-  exchange->reply->KeepWaiting();
-  exchange->timer = _loop.CallAt(_loop.Now() + HEARTBEAT, [this, exchange] { Beat(exchange); });
+void Gateway::WaitForBeat(const ExchangePointer& exchange) {
+  exchange->timer = _loop.CallAt(_loop.Now() + HEARTBEAT, [this, exchange] {
+    exchange->reply->KeepWaiting();
+    WaitForBeat(exchange);
+  });
 }
 
 void Gateway::EndRequest(ClientId client) {

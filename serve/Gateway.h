@@ -64,7 +64,7 @@ class Gateway : public protocol::AsyncHandler {
   void Execute(const ExchangePointer& exchange);
   void TakeResults(const ExchangePointer& exchange, ChipWork& work);
   void Finish(const ExchangePointer& exchange);
-  void Beat(const ExchangePointer& exchange);
+  void WaitForBeat(const ExchangePointer& exchange);
   void EndRequest(protocol::ClientId client);
   void CheckIdle();
 

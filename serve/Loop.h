@@ -27,6 +27,8 @@ class WireWork {
   /// Does the next step. Returns when to call again: at once where that time is over. Nothing when
   /// the work is done.
   virtual std::optional<Time> Step(System& system) = 0;
+  /// Whether no step waits for anything: the loop may do them itself.
+  virtual bool IsQuick() const { return false; }
 };
 
 /// Its callbacks are called one at a time.
@@ -40,7 +42,8 @@ class Loop {
   virtual ~Loop() = default;
 
   virtual Time Now() const = 0;
-  /// Has the worker of `wire` do `work` after what it was given before, and then calls `done`.
+  /// Has the worker of `wire` do `work` after what it was given before, and then calls `done`; for
+  /// quick work perhaps before this returns.
   virtual void Run(WireId wire, std::unique_ptr<WireWork> work,
                    std::function<void(std::unique_ptr<WireWork>)> done) = 0;
   virtual TimerId CallAt(Time when, std::function<void()> call) = 0;

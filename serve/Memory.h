@@ -55,6 +55,8 @@ class Memory {
   /// The memory must be open and hold what the job names, and the job must live as long as its
   /// steps.
   virtual std::unique_ptr<JobSteps> Begin(Job& job) = 0;
+  /// Whether no call for it waits for anything.
+  virtual bool IsQuick() const { return false; }
   /// Transfers of one channel follow each other where that costs no time: a mux is switched less.
   virtual std::size_t Channel() const { return 0; }
 };

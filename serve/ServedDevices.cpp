@@ -4,7 +4,6 @@
 
 #include "common/Text.h"
 #include "serve/DryMemory.h"
-#include "serve/FlatMemory.h"
 #include "serve/Leases.h"
 #include "serve/Wires.h"
 
@@ -79,6 +78,12 @@ WireId ServedDevices::WireOf(const std::string& key) {
   return _wires.try_emplace(key, _wires.size()).first->second;
 }
 
+NodeLock& ServedDevices::LockOf(const std::string& key) {
+  auto& lock = _locks[key];
+  if (!lock) lock = std::make_unique<NodeLock>();
+  return *lock;
+}
+
 void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
   device.config = config;
   device.configuration = _configurations;
@@ -89,8 +94,9 @@ void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
     const FlashConfig& flash = *config.flash;
     const bool only_clears = !flash.file || flash.file->only_clears_bits;
     device.facts[0] = {flash.size, flash.sector_size, flash.page_size};
-    device.chips[0] = {Wrap(std::make_shared<FlatMemory>(flash), only_clears),
-                       WireOf(FlashKey(_system, flash))};
+    const std::string key = FlashKey(_system, flash);
+    device.chips[0] = {Wrap(std::make_shared<FlatMemory>(flash, LockOf(key)), only_clears),
+                       WireOf(key)};
   }
   for (const auto& [address, eeprom] : config.eeproms) {
     device.facts[address] = {eeprom.size, 0, 0};
@@ -100,8 +106,9 @@ void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
 
 ServedChip ServedDevices::MakeEeprom(const EepromConfig& config) {
   if (config.file) {
-    return {Wrap(std::make_shared<FlatMemory>(*config.file, config.size), false),
-            WireOf("file " + config.file->path.string())};
+    const std::string key = "file " + config.file->path.string();
+    return {Wrap(std::make_shared<FlatMemory>(*config.file, config.size, LockOf(key)), false),
+            WireOf(key)};
   }
   const I2cConfig& i2c = *config.i2c;
   const std::string root = RootKey(_system, i2c.adapter);

@@ -10,6 +10,7 @@
 #include "protocol/DeviceFacts.h"
 #include "serve/Configuration.h"
 #include "serve/Eeprom.h"
+#include "serve/FlatMemory.h"
 #include "serve/Loop.h"
 #include "serve/Memory.h"
 
@@ -65,6 +66,7 @@ class ServedDevices {
   ServedChip MakeEeprom(const EepromConfig& config);
   std::shared_ptr<Memory> Wrap(std::shared_ptr<Memory> memory, bool only_clears_bits) const;
   WireId WireOf(const std::string& key);
+  NodeLock& LockOf(const std::string& key);
   void Index();
 
   System& _system;
@@ -76,6 +78,7 @@ class ServedDevices {
   std::uint64_t _configurations = 0;
   std::map<std::string, WireId> _wires;
   std::map<std::string, std::unique_ptr<I2cWire>> _i2c_wires;
+  std::map<std::string, std::unique_ptr<NodeLock>> _locks;
   std::map<std::string, std::size_t> _channels;
 };
 

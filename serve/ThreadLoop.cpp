@@ -89,6 +89,7 @@ class ThreadLoop::Worker {
         const std::optional<Time> next = job->work->Step(_system);
         if (!next) break;
         lock.lock();
+        if (At(*next) <= Clock::now()) continue;
         _changed.wait_until(lock, At(*next), [this] { return _is_stopping; });
       }
       if (lock.owns_lock()) return;  // stopped before the work was done
@@ -113,7 +114,7 @@ ThreadLoop::~ThreadLoop() = default;
 
 void ThreadLoop::Stop() {
   _alive.reset();
-  _workers.clear();
+  _wires.clear();
 }
 
 Time ThreadLoop::Now() const { return Clock::now().time_since_epoch(); }
@@ -121,16 +122,32 @@ Time ThreadLoop::Now() const { return Clock::now().time_since_epoch(); }
 void ThreadLoop::Run(WireId wire, std::unique_ptr<WireWork> work,
                      std::function<void(std::unique_ptr<WireWork>)> done) {
   if (!_alive) return;
-  auto& worker = _workers[wire];
+  Wire& used = _wires[wire];
+  // To hand it to a thread and back would take longer than the work itself.
+  if (used.works == 0 && work->IsQuick()) {
+    while (const std::optional<Time> next = work->Step(_system)) {
+      if (*next > Now()) std::this_thread::sleep_until(At(*next));
+    }
+    return done(std::move(work));
+  }
+  ++used.works;
+  WorkerOf(wire).Add({std::move(work), std::move(done)});
+}
+
+ThreadLoop::Worker& ThreadLoop::WorkerOf(WireId wire) {
+  auto& worker = _wires[wire].worker;
   if (!worker) {
     worker = std::make_unique<Worker>(
-        wire, _system, [this, alive = std::weak_ptr(_alive)](std::shared_ptr<Worker::Job> job) {
-          _loop.Post([alive, job] {
-            if (!alive.expired()) job->done(std::move(job->work));
+        wire, _system,
+        [this, wire, alive = std::weak_ptr(_alive)](std::shared_ptr<Worker::Job> job) {
+          _loop.Post([this, wire, alive, job] {
+            if (alive.expired()) return;
+            --_wires[wire].works;
+            job->done(std::move(job->work));
           });
         });
   }
-  worker->Add({std::move(work), std::move(done)});
+  return *worker;
 }
 
 Loop::TimerId ThreadLoop::CallAt(Time when, std::function<void()> call) {

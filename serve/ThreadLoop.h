@@ -29,11 +29,17 @@ class ThreadLoop : public Loop {
 
  private:
   class Worker;
+  struct Wire {
+    std::unique_ptr<Worker> worker;  ///< null before the first work that is not quick
+    std::size_t works = 0;           ///< that it was given and has not given back
+  };
+
+  Worker& WorkerOf(WireId wire);
 
   protocol::EventLoop& _loop;
   System& _system;
-  std::map<WireId, std::unique_ptr<Worker>> _workers;  ///< of the wires that were used
-  std::shared_ptr<bool> _alive;  ///< what is called back later holds a weak pointer to it
+  std::map<WireId, Wire> _wires;  ///< those that were used
+  std::shared_ptr<bool> _alive;   ///< what is called back later holds a weak pointer to it
 };
 
 }  // namespace serve

@@ -152,6 +152,7 @@ TEST_F(ConfigurationTest, DeviceHasUsualValues) {
   EXPECT_EQ(device.flash->page_size, 256u);
   EXPECT_EQ(device.flash->file->path, _folder / "flash.bin");
   EXPECT_TRUE(device.flash->file->only_clears_bits);
+  EXPECT_TRUE(device.flash->file->syncs);
 }
 
 TEST_F(ConfigurationTest, DeviceTellsAll) {
@@ -161,7 +162,7 @@ TEST_F(ConfigurationTest, DeviceTellsAll) {
            "attribute = 'rev-a'\nbsn = 'S1'\nvsd = '0x01'\nread_only = true\n"
            "write = [[0x10000, 0x1ffff], [0, 0]]\nprepare = ['/bin/on', '']\n"
            "release = ['/bin/off']\nhook_seconds = 7\n" +
-           FLASH + "first = 0x20000\npage_size = 512\nclears_bits = false\n");
+           FLASH + "first = 0x20000\npage_size = 512\nclears_bits = false\nsync = false\n");
   const DeviceConfig& device = config.devices.at(0);
   EXPECT_EQ(device.facts.port_guids, (protocol::Guids{0x11, 0x12}));
   EXPECT_EQ(device.facts.declared_ports, 2u);
@@ -183,6 +184,7 @@ TEST_F(ConfigurationTest, DeviceTellsAll) {
   EXPECT_EQ(device.flash->first, 0x20000u);
   EXPECT_EQ(device.flash->page_size, 512u);
   EXPECT_FALSE(device.flash->file->only_clears_bits);
+  EXPECT_FALSE(device.flash->file->syncs);
 }
 
 TEST_F(ConfigurationTest, DeviceIsRefused) {
@@ -264,6 +266,7 @@ TEST_F(ConfigurationTest, FlashIsRefused) {
       {mtd + sectors + "page_size = 8192", ":4: 'page_size' must be a number from 1 to 4096"},
       {mtd + "sector_size = 0x80\npage_size = 256", ":4: 'page_size' is more than a sector"},
       {mtd + sectors + "clears_bits = true", ":4: 'clears_bits' is for a 'file' only"},
+      {mtd + sectors + "sync = false", ":4: 'sync' is for a 'file' only"},
       {file + sectors + "expect = { size = 0x1000 }\nsize = 0x1000",
        ":4: 'expect' is for an MTD device only"},
       {mtd + sectors + "expect = { jedec = 'c225' }", jedec},

@@ -222,6 +222,28 @@ TEST_F(FlashTest, NothingOutsideOfTheWindowIsTouched) {
   EXPECT_TRUE(std::ranges::equal(flash.Content(), expected));
 }
 
+TEST_F(FlashTest, TwoDevicesMayHavePartsOfOneFlash) {
+  VirtualFlash& flash = Add();
+  Config().size = 0x40000;
+  DeviceConfig second = machine.configuration.devices[0];
+  second.facts.node_guid = second.facts.sys_guid = GUID + 1;
+  second.facts.port_guids = {GUID + 1};
+  second.flash->first = 0x40000;
+  machine.configuration.devices.push_back(second);
+  machine.Serve();
+  EXPECT_EQ(machine.Ask(Write(0, Bytes(4, 0x12)), 1), "ACK");
+  EXPECT_EQ(machine.Ask(WriteRequest("vsFlashWriteMulti", {GUID + 1}, 0, 0, Bytes(4, 0x34)), 2),
+            "ACK");
+  EXPECT_EQ(flash.Content()[0], 0x12);
+  EXPECT_EQ(flash.Content()[0x40000], 0x34);
+  machine.Disconnect(1);
+  // The other one keeps other programs out.
+  const int other = machine.system.Open("/dev/mtd0", Access::READ);
+  EXPECT_EQ(machine.system.Lock(other), -EWOULDBLOCK);
+  machine.Disconnect(2);
+  EXPECT_EQ(machine.system.Lock(other), 0);
+}
+
 TEST_F(FlashTest, TheSizeIsThatOfTheDeviceWhereNoneIsGiven) {
   Add();
   Config().size = 0;
