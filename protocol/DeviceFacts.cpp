@@ -79,7 +79,8 @@ std::optional<std::string> ElementWithoutMemory(const Request& request, const De
   if (request.offset > chip->size || chip->size - request.offset < size) {
     throw Refusal("Address out of range");
   }
-  if (is_erase && request.offset % chip->sector_size != 0) {
+  const std::uint32_t sector = chip->sector_size;
+  if (is_erase && (sector == 0 || request.offset % sector != 0)) {
     throw Refusal("Not the start of a sector");
   }
   return std::nullopt;

@@ -43,6 +43,7 @@ Network ParseNetwork(const std::string& text) {
 
 std::vector<Network> ParseNetworks(const std::vector<std::string>& texts) {
   std::vector<Network> networks;
+  networks.reserve(texts.size());
   for (const std::string& text : texts) networks.push_back(ParseNetwork(text));
   return networks;
 }

@@ -67,7 +67,7 @@ std::string ShortPath(const std::string& path) {
   const std::vector<std::string_view> folders = common::Words(path, "/");
   if (folders.empty()) return "";
   const auto master = std::ranges::find(folders, "spi_master");
-  const std::string last(folders.back());
+  std::string last(folders.back());
   if (master == folders.begin() || master == folders.end()) return last;
   return std::string(*std::prev(master)) + "/" + last;
 }
@@ -105,12 +105,12 @@ std::string Flashes(System& system) {
     const std::string title = mtd.node + " " + Quoted(mtd.name);
     const std::string reason = WhyNotServed(mtd);
     if (!reason.empty()) {
-      text += "\n# " + title + ": not served, " + reason + ".\n";
+      text += Text("\n# ", title, ": not served, ", reason, ".\n");
     } else if (!mtd.in_use.empty()) {
-      text += "\n# " + title + " is in use: " + Quoted(mtd.in_use) + ". It cannot be written.\n" +
-              AsComment(FlashText(mtd));
+      text += Text("\n# ", title, " is in use: ", Quoted(mtd.in_use), ". It cannot be written.\n",
+                   AsComment(FlashText(mtd)));
     } else {
-      text += "\n# " + title + "\n" + FlashText(mtd);
+      text += Text("\n# ", title, "\n", FlashText(mtd));
     }
   }
   return text;

@@ -316,6 +316,7 @@ std::vector<FoundMtd> ListMtds(System& system) {
   }
   const std::vector<Mount> mounts = Mounts(system);
   std::vector<std::string> users;
+  users.reserve(mtds.size());
   for (const FoundMtd& mtd : mtds) users.push_back(UserOf(system, mtd, mounts));
   for (std::size_t i = 0; i < mtds.size(); ++i) {
     mtds[i].in_use = users[i];
