@@ -94,6 +94,7 @@ void VirtualEeprom::Program() {
   if (_page_writes == _dropped) return;
   _power.Program(device::MemoryKind::EEPROM, device::Cells(_cells).subspan(page, _settings.page),
                  at, bytes, _settings.write_time);
+  if (_stuck) _cells[_stuck->first] = _stuck->second;
 }
 
 }  // namespace hardware

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 
 #include "device/Bytes.h"
 #include "hardware/I2cBus.h"
@@ -43,6 +44,8 @@ class VirtualEeprom : public I2cDevice {
     _flipped = _page_writes + n;
     _flipped_bit = bit;
   }
+  /// From now on the cell holds `byte`, whatever is written.
+  void StickCell(std::uint32_t offset, std::uint8_t byte) { _stuck = {offset, byte}; }
   /// One bit of the content, at once.
   void FlipBit(std::uint32_t offset, std::uint32_t bit);
 
@@ -72,6 +75,7 @@ class VirtualEeprom : public I2cDevice {
   std::uint64_t _dropped = 0;  ///< by the count of page writes; 0: none
   std::uint64_t _flipped = 0;  ///< likewise
   std::uint32_t _flipped_bit = 0;
+  std::optional<std::pair<std::uint32_t, std::uint8_t>> _stuck;  ///< offset, and what is there
 };
 
 }  // namespace hardware

@@ -10,11 +10,14 @@ namespace serve {
 
 /// What the EEPROMs behind one root adapter share. They have one worker.
 struct I2cWire {
-  std::string lock_file;           ///< that is locked while one of them is open for writing
-  int lock = -1;                   ///< its descriptor
-  std::uint32_t lock_users = 0;    ///< EEPROMs that are open for writing
-  std::uint32_t max_write = 8192;  ///< bytes of one message, the offset included
-  std::uint32_t max_read = 8192;   ///< both as transfers have shown
+  std::string lock_file;         ///< that is locked while one of them is open for writing
+  int lock = -1;                 ///< its descriptor
+  std::uint32_t lock_users = 0;  ///< EEPROMs that are open for writing
+  /// Bytes of one transfer, without the offset, as transfers have shown.
+  std::uint32_t max_write = MOST_BYTES;
+  std::uint32_t max_read = MOST_BYTES;
+
+  static constexpr std::uint32_t MOST_BYTES = 8192;  ///< of a message, for the kernel
 };
 
 class Eeprom : public Memory {

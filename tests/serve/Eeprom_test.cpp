@@ -134,6 +134,55 @@ TEST_F(EepromTest, AFlippedBitIsTold) {
                          ":Verification failed at 0x40: wrote 10101010, read 11101010}"));
 }
 
+TEST_F(EepromTest, AStuckCellIsNotTakenForProtection) {
+  Add().StickCell(5, 0);
+  machine.Serve();
+  EXPECT_EQ(
+      machine.Ask(Write(0, Bytes(64, 0x5A))),
+      common::Text("{ERROR:", NAME, ":Verification failed at 0x5: wrote 5a5a5a5a, read 005a5a5a}"));
+}
+
+TEST_F(EepromTest, AnAdapterForSmallTransfersServesChipsOfBothWidths) {
+  I2cBus& small = machine.AddBus({.max_write = 2});
+  machine.AddEeprom(GUID, small, {.address = 0x50, .size = 256, .page = 8, .offset_bits = 8});
+  machine.AddEeprom(GUID + 1, small, {.address = 0x52, .size = 8192, .page = 64});
+  machine.Serve();
+  EXPECT_EQ(machine.Ask(Write(0, Bytes(8, 1))), "ACK");
+  // An offset of two bytes leaves no room for data.
+  const auto asked =
+      machine.Send(WriteRequest("vsI2cWriteMulti", {GUID + 1}, 0x50, 0, Bytes(8, 1)));
+  machine.loop.RunUntil(machine.loop.Now() + 60s);
+  EXPECT_THAT(asked->answer, testing::HasSubstr("Write failed at 0x0: "));
+  EXPECT_EQ(machine.Ask(Write(0, Bytes(8, 2))), "ACK");
+}
+
+TEST_F(EepromTest, ABusStaysLockedUntilItsLastChipIsReleased) {
+  I2cBus& both = machine.AddBus();
+  machine.AddEeprom(GUID, both, CHIP_64);
+  machine.AddEeprom(GUID + 1, both, {.address = 0x51, .size = 8192, .page = 64});
+  machine.Serve();
+  EXPECT_EQ(machine.Ask(Write(0, Bytes(4, 1)), 1), "ACK");
+  EXPECT_EQ(machine.Ask(WriteRequest("vsI2cWriteMulti", {GUID + 1}, 0x50, 0, Bytes(4, 1)), 2),
+            "ACK");
+  machine.Disconnect(1);
+  std::string lock;
+  for (const std::string& file : machine.system.List("/run/fwpush-serve")) {
+    if (file.starts_with("i2c-")) lock = "/run/fwpush-serve/" + file;
+  }
+  const int other = machine.system.Open(lock, Access::LOCK);
+  EXPECT_EQ(machine.system.Lock(other), -EWOULDBLOCK);
+  machine.Disconnect(2);
+  EXPECT_EQ(machine.system.Lock(other), 0);
+}
+
+TEST_F(EepromTest, ADriverMayOwnAnyAddressOfAChip) {
+  Add({.address = 0x50, .size = 0x20000, .page = 128});
+  bus->Root().Bind(0x51);
+  machine.Serve();
+  EXPECT_THAT(machine.Ask(Write(0, Bytes(4, 1))), testing::HasSubstr("Address in use by driver"));
+  EXPECT_EQ(bus->Transfers(), 0u);
+}
+
 TEST_F(EepromTest, AbsentChipIsNotThere) {
   Add().SetAbsent(true);
   machine.Serve();
