@@ -31,18 +31,23 @@ class DrySteps : public JobSteps {
  private:
   void Do(std::uint32_t i) {
     const std::uint32_t offset = _job.offset + i;
-    if (_job.kind == Job::ERASE) {
-      _memory._written[offset] = ERASED;
+    const std::uint32_t at = offset % DryMemory::BLOCK;
+    if (_job.kind == Job::READ) {
+      const auto block = _memory._written.find(offset / DryMemory::BLOCK);
+      if (block != _memory._written.end() && block->second.is_written[at]) {
+        _job.data[i] = block->second.bytes[at];
+      }
       return;
     }
-    const auto written = _memory._written.find(offset);
-    const std::uint8_t held = written == _memory._written.end() ? _read.data[i] : written->second;
-    if (_job.kind == Job::READ) {
-      _job.data[i] = held;
+    DryMemory::Block& block = _memory._written[offset / DryMemory::BLOCK];
+    if (_job.kind == Job::ERASE) {
+      block.bytes[at] = ERASED;
     } else {
+      const std::uint8_t held = block.is_written[at] ? block.bytes[at] : _read.data[i];
       const int mask = _memory._only_clears_bits ? held : 0xFF;
-      _memory._written[offset] = static_cast<std::uint8_t>(_job.data[i] & mask);
+      block.bytes[at] = static_cast<std::uint8_t>(_job.data[i] & mask);
     }
+    block.is_written[at] = true;
   }
 
   DryMemory& _memory;

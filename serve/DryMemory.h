@@ -28,7 +28,14 @@ class DryMemory : public Memory {
   std::shared_ptr<Memory> _real;
   bool _only_clears_bits;
   Access _access = Access::READ;
-  std::map<std::uint32_t, std::uint8_t> _written;  ///< by offset
+  /// A part of the memory, as it would be now.
+  struct Block {
+    Bytes bytes = Bytes(BLOCK);
+    std::vector<bool> is_written = std::vector<bool>(BLOCK);
+  };
+  static constexpr std::uint32_t BLOCK = 4096;  ///< bytes
+
+  std::map<std::uint32_t, Block> _written;  ///< by number
 };
 
 }  // namespace serve
