@@ -133,6 +133,11 @@ class Loader {
       device.hook_limit = std::chrono::seconds(*limit);
     }
     if (auto flash = reader.Table("flash")) device.flash = ReadFlash(*flash);
+    // Before it is prepared, nobody can tell how large it is.
+    if (device.flash && device.flash->size == 0 && !device.prepare.empty()) {
+      reader.ThrowAt("prepare",
+                     "a flash that 'prepare' makes appear needs a 'size', here or in 'expect'");
+    }
     std::vector<TomlReader> chips = reader.Tables("chip");
     if (chips.empty() != device.flash.has_value()) {
       reader.Throw("a device has either a [device.flash] or [[device.chip]]s");
@@ -219,6 +224,10 @@ class Loader {
     if (expected && (flash.first >= *expected || flash.size > *expected - flash.first)) {
       reader.ThrowAt(flash.size != 0 ? "size" : "first",
                      Text("the flash ends past the ", HexText(*expected), " bytes of 'expect'"));
+    }
+    if (flash.size == 0 && expected && *expected - flash.first <= MAX_SIZE) {
+      flash.size = static_cast<std::uint32_t>(*expected - flash.first);
+      flash.size -= flash.size % flash.sector_size;
     }
     ClaimWindow(reader, *mtd, flash);
     flash.mtd = std::move(mtd);

@@ -67,7 +67,7 @@ TEST_F(ConfigurationCheckTest, FlashThatIsNotThereIsTold) {
   EXPECT_THAT(FlashProblems("mtd = 'none'"), ElementsAre(HasSubstr(there)));
   // Another program may bring it.
   _system.AddFile("/bin/on", "");
-  EXPECT_THAT(FlashProblems("mtd = 'none'", "prepare = ['/bin/on']"), IsEmpty());
+  EXPECT_THAT(FlashProblems("mtd = 'none'\nsize = 0x10000", "prepare = ['/bin/on']"), IsEmpty());
 }
 
 TEST_F(ConfigurationCheckTest, FlashThatCannotBeServedIsTold) {
@@ -178,8 +178,9 @@ TEST_F(ConfigurationCheckTest, FileUnderTwoNamesIsTold) {
 }
 
 TEST_F(ConfigurationCheckTest, ProgramAndFolderThatAreNotThereAreTold) {
-  EXPECT_THAT(FlashProblems(BMC, "prepare = ['/bin/on']\nrelease = ['/bin/off']"),
-              ElementsAre("'prepare': there is no /bin/on", "'release': there is no /bin/off"));
+  EXPECT_THAT(
+      FlashProblems(BMC + "\nsize = 0x10000", "prepare = ['/bin/on']\nrelease = ['/bin/off']"),
+      ElementsAre("'prepare': there is no /bin/on", "'release': there is no /bin/off"));
   EXPECT_THAT(Problems("[server]\naudit = '/log/audit.jsonl'\n[[device]]\nnode_guid = '0x10'\n"
                        "[device.flash]\nmtd = 'bmc'\nsector_size = 0x1000\n"),
               ElementsAre("'audit': the folder /log does not exist"));

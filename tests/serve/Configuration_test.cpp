@@ -289,6 +289,19 @@ TEST_F(ConfigurationTest, FlashIsRefused) {
   }
 }
 
+TEST_F(ConfigurationTest, AFlashThatAppearsLaterNeedsASize) {
+  const std::string prepare = "prepare = ['/bin/on']\n";
+  const std::string flash = "[device.flash]\nmtd = 'a'\nsector_size = 0x1000\n";
+  EXPECT_EQ(RefusalAfter(Device(0x10), prepare + flash),
+            ":1: a flash that 'prepare' makes appear needs a 'size', here or in 'expect'");
+  EXPECT_EQ(Load(Device(0x10) + prepare + flash + "size = 0x2000\n").devices[0].flash->size,
+            0x2000u);
+  EXPECT_EQ(Load(Device(0x10) + prepare + flash + "expect = { size = 0x4000 }\nfirst = 0x1000\n")
+                .devices[0]
+                .flash->size,
+            0x3000u);
+}
+
 TEST_F(ConfigurationTest, PageOfASmallSectorIsTheSector) {
   const auto config = Load(Device(0x10) + "[device.flash]\nmtd = 'a'\nsector_size = 0x40\n");
   EXPECT_EQ(config.devices[0].flash->page_size, 0x40u);
