@@ -1,6 +1,7 @@
 /// A machine in virtual time with buses, chips and flashes, and a gateway that serves them.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -94,9 +95,11 @@ class ServedMachine {
   serve::Gateway& Serve(serve::ServedDevices::Options options = {}) {
     gateway = std::make_unique<serve::Gateway>(
         system, loop, configuration, options,
-        serve::Gateway::Outputs{
-            [this](const serve::LeaseRecord& record) { records.push_back(record); },
-            [this](const std::string& text) { log.push_back(text); }});
+        serve::Gateway::Outputs{[this](const serve::LeaseRecord& record) {
+                                  if (on_record) on_record();
+                                  records.push_back(record);
+                                },
+                                [this](const std::string& text) { log.push_back(text); }});
     for (protocol::ClientId client = 1; client <= 3; ++client) {
       gateway->Connected(client, "127.0.0.1:" + std::to_string(40000 + client));
     }
@@ -129,6 +132,7 @@ class ServedMachine {
   std::unique_ptr<serve::Gateway> gateway;
   std::vector<serve::LeaseRecord> records;
   std::vector<std::string> log;
+  std::function<void()> on_record;  ///< called before a record is added; may be empty
 
  private:
   class RecordedReply : public protocol::Reply {

@@ -30,6 +30,14 @@ std::optional<Time> ChipWork::Step(System& system) {
   return system.Now();
 }
 
+void ChipWork::Fail(const std::string& why) {
+  for (std::size_t i = 0; i < _items.size(); ++i) {
+    const bool is_over = i < _begun && !_progress[i].steps;
+    if (!is_over) _items[i].job.error = why;
+    _progress[i].steps.reset();
+  }
+}
+
 bool ChipWork::IsQuick() const {
   return std::ranges::all_of(_items, [](const Item& item) { return item.memory->IsQuick(); });
 }

@@ -23,6 +23,7 @@ class ChipWork : public WireWork {
   explicit ChipWork(std::vector<Item> items);
 
   std::optional<Time> Step(System& system) override;
+  void Fail(const std::string& why) override;
   bool IsQuick() const override;
   /// Valid when the work is done.
   std::vector<Item>& Items() { return _items; }

@@ -13,6 +13,13 @@ using protocol::ClientId;
 using protocol::Refusal;
 using protocol::Request;
 
+namespace {
+
+/// Bytes that one request may read, over all its devices: an answer is some four times as long.
+constexpr std::uint64_t MOST_READ = 32 << 20;
+
+}  // namespace
+
 /// One request under way.
 struct Gateway::Exchange {
   ClientId client = 0;
@@ -21,6 +28,7 @@ struct Gateway::Exchange {
   std::vector<ServedDevicePointer> devices;  ///< of each element; null where there is none
   std::vector<std::string> elements;
   std::vector<bool> needs_memory;  ///< of each element
+  std::vector<ServedChip> chips;   ///< of each element that needs it, as it was checked
   std::size_t unplanned = 0;       ///< elements
   std::size_t works = 0;           ///< that wires have not done yet
   bool is_finished = false;
@@ -29,8 +37,7 @@ struct Gateway::Exchange {
 
 Gateway::Gateway(System& system, Loop& loop, const Configuration& configuration,
                  ServedDevices::Options options, Outputs outputs)
-    : _system(system),
-      _loop(loop),
+    : _loop(loop),
       _configuration(configuration),
       _devices(system, options),
       _leases(system, loop, std::move(outputs.audit), std::move(outputs.log), options.is_dry_run) {
@@ -50,7 +57,9 @@ void Gateway::Reload(const Configuration& configuration) {
   _devices.Set(_configuration);
 }
 
-void Gateway::Connected(ClientId client, const std::string& peer) { _clients[client] = {peer}; }
+void Gateway::Connected(ClientId client, const std::string& peer) {
+  _clients[client] = {.peer = peer, .multi_max = _configuration.multi_max};
+}
 
 void Gateway::Disconnected(ClientId client) {
   const auto found = _clients.find(client);
@@ -68,9 +77,15 @@ void Gateway::Start(ClientId client, std::string_view text,
   exchange->reply = std::move(reply);
   try {
     exchange->request = protocol::ParseRequest(text);
-    protocol::CheckCount(exchange->request, std::to_string(_configuration.multi_max));
+    const std::uint32_t multi_max = _clients[client].multi_max;
+    protocol::CheckCount(exchange->request, std::to_string(multi_max));
     if (auto answer = AnswerAlone(exchange->request)) {
       return exchange->reply->Send(*std::move(answer));
+    }
+    const Request& request = exchange->request;
+    if (request.command->action == Action::READ &&
+        std::uint64_t{request.size} * request.count > MOST_READ) {
+      throw Refusal("more bytes than the server reads at once");
     }
   } catch (const Refusal& refusal) {
     return exchange->reply->Send({.text = protocol::RequestError(refusal.what())});
@@ -81,11 +96,16 @@ void Gateway::Start(ClientId client, std::string_view text,
   exchange->devices.resize(count);
   exchange->elements.resize(count);
   exchange->needs_memory.resize(count);
+  exchange->chips.resize(count);
   // One more, so that the last device is not the last before all were looked at.
   exchange->unplanned = count + 1;
-  for (std::size_t i = 0; i < count; ++i) Plan(exchange, i);
-  Planned(exchange);
-  if (!exchange->is_finished) WaitForBeat(exchange);
+  try {
+    for (std::size_t i = 0; i < count; ++i) Plan(exchange, i);
+    Planned(exchange);
+    if (!exchange->is_finished) WaitForBeat(exchange);
+  } catch (const std::exception& error) {
+    Abort(exchange, error.what());
+  }
 }
 
 std::optional<Answer> Gateway::AnswerAlone(const Request& request) const {
@@ -114,41 +134,52 @@ void Gateway::Plan(const ExchangePointer& exchange, std::size_t i) {
   const Request& request = exchange->request;
   const Action action = request.command->action;
   const auto fail = [exchange, i](const std::string& why) {
+    exchange->needs_memory[i] = false;
     exchange->elements[i] = protocol::DeviceError(exchange->request.devices[i], why);
   };
+  const auto again = [this, exchange, i] { Plan(exchange, i); };
   const ServedDevicePointer device = exchange->devices[i] = _devices.Find(request.devices[i]);
+  const bool changes = action == Action::WRITE || action == Action::ERASE;
   bool needs_lease = false;
   try {
     if (!device) throw Refusal("No such device");
-    const bool changes = action == Action::WRITE || action == Action::ERASE;
     if (changes || action == Action::READ || action == Action::ATTRIBUTES) {
       _devices.LearnSize(*device);
     }
     auto element = protocol::ElementWithoutMemory(request, device->config.facts, device->facts);
     exchange->needs_memory[i] = !element;
-    if (element) exchange->elements[i] = *std::move(element);
+    if (element) {
+      exchange->elements[i] = *std::move(element);
+    } else {
+      exchange->chips[i] = device->chips.at(request.chip);
+      exchange->chips[i].sector_size = device->facts.at(request.chip).sector_size;
+    }
     if (changes || action == Action::START) CheckWritable(request, *device);
+    needs_lease = changes || action == Action::START;
     // Until it is prepared, such a device may not even be there to be read.
-    const bool is_read = action == Action::READ && !device->config.prepare.empty() &&
-                         (!device->lease || device->lease->state == Lease::RELEASING);
-    needs_lease = changes || action == Action::START || is_read;
+    if (action == Action::READ && !device->config.prepare.empty()) {
+      const Lease* const lease = device->lease.get();
+      if (lease != nullptr && lease->state == Lease::PREPARING) {
+        return Leases::Wait(*device, again);
+      }
+      needs_lease = lease == nullptr || lease->state == Lease::RELEASING;
+    }
   } catch (const Refusal& refusal) {
-    exchange->needs_memory[i] = false;
+    needs_lease = false;
     fail(refusal.what());
   }
   if (!needs_lease) return Planned(exchange);
-  _leases.Take(device, exchange->client, _clients[exchange->client].peer,
-               [this, exchange, i, fail](const std::string& error) {
-                 if (!error.empty()) {
-                   exchange->needs_memory[i] = false;
-                   fail(error);
-                 }
-                 Planned(exchange);
-               });
+  _leases.Take(device, exchange->client, _clients[exchange->client].peer, action == Action::READ,
+               {.held =
+                    [this, exchange, fail](const std::string& error) {
+                      if (!error.empty()) fail(error);
+                      Planned(exchange);
+                    },
+                .again = again});
 }
 
-void Gateway::CheckWritable(const Request& request, const ServedDevice& device) const {
-  if (_configuration.is_read_only || device.config.is_read_only) throw Refusal("Read-only");
+void Gateway::CheckWritable(const Request& request, const ServedDevice& device) {
+  if (device.config.is_read_only) throw Refusal("Read-only");
   const Action action = request.command->action;
   if (!device.config.write || action == Action::START) return;
   const std::uint64_t size =
@@ -168,7 +199,29 @@ void Gateway::CheckWritable(const Request& request, const ServedDevice& device) 
 }
 
 void Gateway::Planned(const ExchangePointer& exchange) {
-  if (--exchange->unplanned == 0) Execute(exchange);
+  if (--exchange->unplanned > 0) return;
+  try {
+    if (!PlanAgain(exchange)) Execute(exchange);
+  } catch (const std::exception& error) {
+    Abort(exchange, error.what());
+  }
+}
+
+bool Gateway::PlanAgain(const ExchangePointer& exchange) {
+  if (exchange->request.command->action != Action::READ) return false;
+  std::vector<std::size_t> elements;
+  for (std::size_t i = 0; i < exchange->elements.size(); ++i) {
+    if (!exchange->needs_memory[i]) continue;
+    const ServedDevice& device = *exchange->devices[i];
+    // Its holder has left while other devices were prepared.
+    const bool is_ready = device.lease && device.lease->state == Lease::HELD;
+    if (!device.config.prepare.empty() && !is_ready) elements.push_back(i);
+  }
+  if (elements.empty()) return false;
+  exchange->unplanned = elements.size() + 1;
+  for (const std::size_t i : elements) Plan(exchange, i);
+  Planned(exchange);
+  return true;
 }
 
 void Gateway::Execute(const ExchangePointer& exchange) {
@@ -183,15 +236,13 @@ void Gateway::Execute(const ExchangePointer& exchange) {
       exchange->elements[i] = protocol::ACK;
       continue;
     }
-    const ServedChip& chip = exchange->devices[i]->chips.at(request.chip);
+    const ServedChip& chip = exchange->chips[i];
     ChipWork::Item item{.memory = chip.memory, .job = {}, .element = i};
     item.job.kind = action == Action::READ    ? Job::READ
                     : action == Action::WRITE ? Job::WRITE
                                               : Job::ERASE;
     item.job.offset = request.offset;
-    item.job.size = action == Action::ERASE
-                        ? exchange->devices[i]->facts.at(request.chip).sector_size
-                        : request.size;
+    item.job.size = action == Action::ERASE ? chip.sector_size : request.size;
     item.job.data = request.data;
     works[{chip.wire, named[chip.memory.get()]++}].push_back(std::move(item));
   }
@@ -200,6 +251,7 @@ void Gateway::Execute(const ExchangePointer& exchange) {
   for (auto& [wire, items] : works) {
     _loop.Run(wire.first, std::make_unique<ChipWork>(std::move(items)),
               [this, exchange](const std::unique_ptr<WireWork>& work) {
+                if (exchange->is_finished) return;
                 TakeResults(exchange, static_cast<ChipWork&>(*work));
                 if (--exchange->works == 0) Finish(exchange);
               });
@@ -218,12 +270,8 @@ void Gateway::TakeResults(const ExchangePointer& exchange, ChipWork& work) {
       element = protocol::ACK;
     }
     Lease* lease = Leases::Of(*exchange->devices[item.element], exchange->client);
-    if (lease == nullptr) continue;
-    ++lease->record.requests;
-    if (!job.error.empty()) {
-      ++lease->record.failed;
-      lease->record.last_error = job.error;
-    } else if (job.kind == Job::WRITE) {
+    if (lease == nullptr || !job.error.empty()) continue;
+    if (job.kind == Job::WRITE) {
       lease->record.bytes += job.size;
       lease->digest.Add(job.data);
     } else if (job.kind == Job::ERASE) {
@@ -232,14 +280,35 @@ void Gateway::TakeResults(const ExchangePointer& exchange, ChipWork& work) {
   }
 }
 
+void Gateway::Note(const Exchange& exchange) {
+  for (std::size_t i = 0; i < exchange.elements.size(); ++i) {
+    if (!exchange.devices[i]) continue;
+    Lease* const lease = Leases::Of(*exchange.devices[i], exchange.client);
+    if (lease == nullptr) continue;
+    ++lease->record.requests;
+    const std::string begin = protocol::DeviceError(exchange.request.devices[i], "");
+    if (!exchange.elements[i].starts_with(begin)) continue;
+    ++lease->record.failed;
+    lease->record.last_error = exchange.elements[i].substr(begin.size());
+  }
+}
+
 void Gateway::Finish(const ExchangePointer& exchange) {
   exchange->is_finished = true;
+  Note(*exchange);
   if (exchange->timer) _loop.Cancel(*exchange->timer);
   const bool is_alone =
       exchange->request.command->action == Action::BSN && exchange->elements.size() == 1;
   exchange->reply->Send(
       {.text = is_alone ? exchange->elements.front()
                         : protocol::JoinElements(exchange->request, exchange->elements)});
+  EndRequest(exchange->client);
+}
+
+void Gateway::Abort(const ExchangePointer& exchange, const std::string& why) {
+  if (std::exchange(exchange->is_finished, true)) return;
+  if (exchange->timer) _loop.Cancel(*exchange->timer);
+  exchange->reply->Send({.text = protocol::RequestError(why)});
   EndRequest(exchange->client);
 }
 

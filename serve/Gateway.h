@@ -42,7 +42,8 @@ class Gateway : public protocol::AsyncHandler {
   /// Serves another configuration from now on. A device that a client holds keeps what it has until
   /// it is released.
   void Reload(const Configuration& configuration);
-  /// Releases devices whose leases a crash of this server has left.
+  /// Releases devices whose leases a crash of this server has left. Throws std::runtime_error where
+  /// another server uses the same folder of leases.
   void ReleaseLeftOvers() { _leases.ReleaseLeftOvers(_devices); }
   /// Calls `call` once no device is held and no request is under way; at once where that is so.
   void WhenIdle(std::function<void()> call);
@@ -50,6 +51,7 @@ class Gateway : public protocol::AsyncHandler {
  private:
   struct Client {
     std::string peer;
+    std::uint32_t multi_max = 0;  ///< as it was when the client connected
     bool is_gone = false;
     bool is_asking = false;  ///< a request of it is under way
   };
@@ -59,16 +61,20 @@ class Gateway : public protocol::AsyncHandler {
   std::optional<protocol::Answer> AnswerAlone(const protocol::Request& request) const;
   /// Decides what the `i`th device of the request needs, and takes its lease where that is needed.
   void Plan(const ExchangePointer& exchange, std::size_t i);
-  void CheckWritable(const protocol::Request& request, const ServedDevice& device) const;
+  static void CheckWritable(const protocol::Request& request, const ServedDevice& device);
   void Planned(const ExchangePointer& exchange);
   void Execute(const ExchangePointer& exchange);
   void TakeResults(const ExchangePointer& exchange, ChipWork& work);
+  /// Plans once more what may be read no longer, and returns whether there was something.
+  bool PlanAgain(const ExchangePointer& exchange);
   void Finish(const ExchangePointer& exchange);
+  void Note(const Exchange& exchange);
+  /// Answers a request that cannot be executed.
+  void Abort(const ExchangePointer& exchange, const std::string& why);
   void WaitForBeat(const ExchangePointer& exchange);
   void EndRequest(protocol::ClientId client);
   void CheckIdle();
 
-  System& _system;
   Loop& _loop;
   Configuration _configuration;
   ServedDevices _devices;

@@ -55,6 +55,10 @@ class CloseWork : public WireWork {
 
 }  // namespace
 
+Leases::~Leases() {
+  if (_folder_lock >= 0) _system.Close(_folder_lock);
+}
+
 Lease* Leases::Of(const ServedDevice& device, protocol::ClientId client) {
   Lease* lease = device.lease.get();
   return lease != nullptr && lease->client == client && lease->state == Lease::HELD ? lease
@@ -62,53 +66,63 @@ Lease* Leases::Of(const ServedDevice& device, protocol::ClientId client) {
 }
 
 void Leases::Take(const ServedDevicePointer& device, protocol::ClientId client,
-                  const std::string& peer, std::function<void(const std::string&)> then) {
+                  const std::string& peer, bool is_for_reading, Taken taken) {
   if (!device->lease) {
     device->lease = std::make_unique<Lease>();
     device->lease->client = client;
+    device->lease->is_for_reading = is_for_reading;
     LeaseRecord& record = device->lease->record;
     record.peer = peer;
     record.device = device->config.facts.node_guid;
     record.name = device->config.facts.name;
     record.since = _system.WallSeconds();
     _held.emplace(record.device, device);
-    return Begin(device, std::move(then));
+    return Begin(device, std::move(taken.held));
   }
   Lease& lease = *device->lease;
-  const bool is_own = lease.client == client;
-  if (is_own && lease.state == Lease::HELD) return then("");
-  if (lease.state == Lease::RELEASING || is_own) {
-    lease.waiting.push_back(
-        [this, device, client, peer, then = std::move(then)] { Take(device, client, peer, then); });
-    return;
+  if (lease.state == Lease::HELD && lease.is_for_reading && !is_for_reading) {
+    lease.is_for_reading = false;
+    lease.client = client;
+    lease.record.peer = peer;
   }
-  then("Device is being burnt by " + lease.record.peer + " since " + ClockTime(lease.record.since));
+  const bool is_own = lease.client == client;
+  if (is_own && lease.state == Lease::HELD) return taken.held("");
+  if (lease.state == Lease::RELEASING || is_own ||
+      (lease.state == Lease::PREPARING && lease.is_for_reading)) {
+    return Wait(*device, std::move(taken.again));
+  }
+  taken.held("Device is being burnt by " + lease.record.peer + " since " +
+             ClockTime(lease.record.since));
+}
+
+void Leases::Wait(const ServedDevice& device, std::function<void()> call) {
+  device.lease->waiting.push_back(std::move(call));
 }
 
 void Leases::Begin(const ServedDevicePointer& device,
                    std::function<void(const std::string&)> then) {
   const LeaseRecord& record = device->lease->record;
   const std::string file = FileOf(record.device);
-  if (const int result =
-          _system.WriteText(file, common::Text(record.peer, " ", record.since, "\n"))) {
+  const int result =
+      _is_dry_run ? 0 : _system.WriteText(file, common::Text(record.peer, " ", record.since, "\n"));
+  if (result != 0) {
     const std::string error =
         file + ": " + std::generic_category().message(-result) + ": nothing is written";
-    Log(error);
-    device->lease->record.last_error = error;
-    End(device, "no lease");
+    device->lease->record.end = "no lease";
+    End(device, error);
     return then(error);
   }
   RunHook(*device, "prepare", device->config.prepare,
           [this, device, then = std::move(then)](const std::string& error) {
-            if (error.empty()) {
-              device->lease->state = Lease::HELD;
-              CallWaiting(*device->lease);
-            } else {
+            if (!error.empty()) {
               // What it has done before it failed is undone.
               device->lease->record.last_error = error;
               Release(device, error);
+              return then(error);
             }
-            then(error);
+            device->lease->state = Lease::HELD;
+            then("");
+            if (device->lease) CallWaiting(*device->lease);
           });
 }
 
@@ -163,8 +177,13 @@ void Leases::End(const ServedDevicePointer& device, const std::string& error) {
   record.until = _system.WallSeconds();
   record.sha256 = lease.digest.Finish();
   if (record.end.empty()) record.end = error;
-  _system.Remove(FileOf(record.device));
-  if (_audit) _audit(record);
+  // A device that could not be released is released at the next start.
+  if (!_is_dry_run && error.empty()) _system.Remove(FileOf(record.device));
+  try {
+    if (_audit) _audit(record);
+  } catch (const std::exception& failure) {
+    Log(failure.what());
+  }
   _held.erase(record.device);
   const std::unique_ptr<Lease> ended = std::move(device->lease);
   if (freed) freed(device);
@@ -175,7 +194,21 @@ void Leases::CallWaiting(Lease& lease) {
   for (const auto& call : std::exchange(lease.waiting, {})) call();
 }
 
+void Leases::KeepFolder() {
+  const std::string file = _folder / "server.lock";
+  _folder_lock = _system.Open(file, Access::LOCK);
+  if (_folder_lock < 0) {
+    throw std::runtime_error(file + ": " + std::generic_category().message(-_folder_lock));
+  }
+  if (_system.Lock(_folder_lock) != 0) {
+    _system.Close(std::exchange(_folder_lock, -1));
+    throw std::runtime_error(_folder.string() + ": another server uses this 'state'");
+  }
+}
+
 void Leases::ReleaseLeftOvers(const ServedDevices& devices) {
+  if (_is_dry_run) return;
+  KeepFolder();
   for (const std::string& name : _system.List(_folder.string())) {
     if (!name.ends_with(FILE_END)) continue;
     for (const auto& [guid, device] : devices.All()) {

@@ -22,7 +22,7 @@ struct LeaseRecord {
   std::string name;
   std::int64_t since = 0;  ///< seconds since 1970
   std::int64_t until = 0;
-  std::uint64_t requests = 0;  ///< of the holder that named the device
+  std::uint64_t requests = 0;  ///< of the holder that named the device, refused ones, too
   std::uint64_t failed = 0;    ///< of them
   std::uint64_t bytes = 0;     ///< programmed
   std::uint64_t erases = 0;    ///< sectors
@@ -39,6 +39,7 @@ struct Lease {
   enum State { PREPARING, HELD, RELEASING };
 
   State state = PREPARING;
+  bool is_for_reading = false;  ///< a client that writes may take it over
   protocol::ClientId client = 0;
   LeaseRecord record;
   Digest digest;
@@ -55,22 +56,35 @@ class Leases {
         _audit(std::move(audit)),
         _log(std::move(log)),
         _is_dry_run(is_dry_run) {}
+  ~Leases();
+  Leases(const Leases&) = delete;
+  Leases& operator=(const Leases&) = delete;
 
-  /// The folder of the files that say which leases are open. Throws std::runtime_error where it
-  /// cannot be written to.
+  /// The folder of the files that say which leases are open.
   void SetFolder(const std::filesystem::path& folder) { _folder = folder; }
 
-  /// Lends the device to the client, after its `prepare` hook, and calls `then` with an empty text;
-  /// or calls it with why it cannot. At once, or later.
+  /// What Take calls, at once or later: `held` with an empty text when the client has the device,
+  /// or with why it cannot have it; `again` when another client has given it up, and everything
+  /// about it may be another now.
+  struct Taken {
+    std::function<void(const std::string& error)> held;
+    std::function<void()> again;
+  };
+  /// Lends the device to the client, after its `prepare` hook. A lease for reading only is taken
+  /// over by a client that writes.
   void Take(const ServedDevicePointer& device, protocol::ClientId client, const std::string& peer,
-            std::function<void(const std::string& error)> then);
+            bool is_for_reading, Taken taken);
+  /// Calls `call` when the state of the device's lease has changed. It must have one.
+  static void Wait(const ServedDevice& device, std::function<void()> call);
   /// The client's lease of the device; null where it has none.
   static Lease* Of(const ServedDevice& device, protocol::ClientId client);
 
   /// Closes the memories of all devices of a client and runs their `release` hooks; `why` is for
   /// the audit log. None of its requests may be under way.
   void Release(protocol::ClientId client, const std::string& why);
-  /// Releases devices whose leases a crash of this server has left in the folder.
+  /// Releases devices whose leases a crash of this server has left in the folder, and keeps the
+  /// folder for this server. A dry run does neither. Throws std::runtime_error where another server
+  /// has it.
   void ReleaseLeftOvers(const ServedDevices& devices);
 
   bool IsEmpty() const { return _held.empty(); }
@@ -79,6 +93,7 @@ class Leases {
 
  private:
   std::string FileOf(protocol::Guid device) const;
+  void KeepFolder();
   void Begin(const ServedDevicePointer& device, std::function<void(const std::string&)> then);
   void Release(const ServedDevicePointer& device, const std::string& why);
   void RunHook(const ServedDevice& device, const char* name, const std::vector<std::string>& words,
@@ -93,6 +108,7 @@ class Leases {
   std::function<void(const std::string&)> _log;
   bool _is_dry_run;
   std::filesystem::path _folder;
+  int _folder_lock = -1;
   std::map<protocol::Guid, ServedDevicePointer> _held;  ///< by node GUID
 };
 

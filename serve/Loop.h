@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "serve/System.h"
 
@@ -27,6 +28,8 @@ class WireWork {
   /// Does the next step. Returns when to call again: at once where that time is over. Nothing when
   /// the work is done.
   virtual std::optional<Time> Step(System& system) = 0;
+  /// A step has thrown; no other one follows.
+  virtual void Fail(const std::string& why) { static_cast<void>(why); }
   /// Whether no step waits for anything: the loop may do them itself.
   virtual bool IsQuick() const { return false; }
 };

@@ -1,5 +1,6 @@
 #include "serve/ServedDevices.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/Text.h"
@@ -37,35 +38,71 @@ void ServedDevices::Set(const Configuration& configuration) {
   ++_configurations;
   _next.clear();
   for (const DeviceConfig& device : configuration.devices) {
-    _next.emplace(device.facts.node_guid, device);
+    DeviceConfig& next = _next.emplace(device.facts.node_guid, device).first->second;
+    next.is_read_only = next.is_read_only || configuration.is_read_only;
   }
   std::erase_if(_devices, [](const auto& entry) { return !entry.second->lease; });
-  for (const auto& [guid, config] : _next) {
-    const auto [device, is_new] = _devices.try_emplace(guid);
-    if (!is_new) continue;
-    device->second = std::make_shared<ServedDevice>();
-    Make(config, *device->second);
-  }
-  Index();
+  AddMissing();
 }
 
 void ServedDevices::Settle(const ServedDevicePointer& device) {
   if (device->configuration == _configurations) return;
-  const protocol::Guid guid = device->config.facts.node_guid;
-  const auto next = _next.find(guid);
-  if (next == _next.end()) {
-    _devices.erase(guid);
-  } else {
-    Make(next->second, *device);
+  _devices.erase(device->config.facts.node_guid);
+  AddMissing();
+}
+
+void ServedDevices::AddMissing() {
+  for (const auto& [guid, config] : _next) {
+    if (_devices.contains(guid)) continue;
+    auto device = std::make_shared<ServedDevice>();
+    Make(config, *device);
+    if (!IsClaimed(*device)) _devices.emplace(guid, std::move(device));
   }
   Index();
 }
 
+bool ServedDevices::IsClaimed(const ServedDevice& device) const {
+  for (const auto& [guid, other] : _devices) {
+    for (const Claim& claim : device.claims) {
+      if (std::ranges::any_of(other->claims,
+                              [&](const Claim& taken) { return taken.Overlaps(claim); })) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+Claim ServedDevices::ClaimOf(const FlashConfig& flash) const {
+  Claim claim{FlashKey(_system, flash), flash.first, flash.first + flash.size};
+  if (flash.mtd) {
+    // A partition is a part of the chip that it is on.
+    const FoundMtd found = FindMtd(_system, *flash.mtd);
+    claim.first += found.offset;
+    claim.end += found.offset;
+    if (flash.size == 0) claim.end = found.size == 0 ? UINT64_MAX : found.offset + found.size;
+  }
+  return claim;
+}
+
+Claim ServedDevices::ClaimOf(const EepromConfig& eeprom) const {
+  if (eeprom.file) return {"file " + eeprom.file->path.string(), 0, eeprom.size};
+  const I2cConfig& i2c = *eeprom.i2c;
+  const FoundAdapter found = FindAdapter(_system, i2c.adapter);
+  const std::uint32_t banks = ((eeprom.size - 1) >> i2c.offset_bits << i2c.bank_bit) + 1;
+  return {found.path.empty() ? ChannelKey(i2c.adapter) : found.path, i2c.address,
+          std::uint64_t{i2c.address} + banks};
+}
+
 void ServedDevices::Index() {
   _node_of.clear();
-  for (const auto& [node, device] : _devices) {
-    _node_of[node] = node;
-    for (const protocol::Guid port : device->config.facts.port_guids) _node_of[port] = node;
+  // Those that are held come last: they keep their names.
+  for (const bool is_held : {false, true}) {
+    for (const auto& [node, device] : _devices) {
+      if ((device->lease != nullptr) != is_held) continue;
+      _node_of[node] = node;
+      for (const protocol::Guid port : device->config.facts.port_guids) _node_of[port] = node;
+    }
   }
 }
 
@@ -89,6 +126,7 @@ void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
   device.configuration = _configurations;
   device.facts.clear();
   device.chips.clear();
+  device.claims.clear();
   device.hook_wire = WireOf("hooks of " + common::HexGuid(config.facts.node_guid));
   if (config.flash) {
     const FlashConfig& flash = *config.flash;
@@ -97,10 +135,12 @@ void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
     const std::string key = FlashKey(_system, flash);
     device.chips[0] = {Wrap(std::make_shared<FlatMemory>(flash, LockOf(key)), only_clears),
                        WireOf(key)};
+    device.claims.push_back(ClaimOf(flash));
   }
   for (const auto& [address, eeprom] : config.eeproms) {
     device.facts[address] = {eeprom.size, 0, 0};
     device.chips[address] = MakeEeprom(eeprom);
+    device.claims.push_back(ClaimOf(eeprom));
   }
 }
 
@@ -113,8 +153,11 @@ ServedChip ServedDevices::MakeEeprom(const EepromConfig& config) {
   const I2cConfig& i2c = *config.i2c;
   const std::string root = RootKey(_system, i2c.adapter);
   auto& wire = _i2c_wires[root];
-  if (!wire) wire = std::make_unique<I2cWire>();
-  wire->lock_file = _state / ("i2c-" + FileName(root) + ".lock");
+  if (!wire) {
+    // Its worker reads the name: it stays as it is.
+    wire = std::make_unique<I2cWire>();
+    wire->lock_file = _state / ("i2c-" + FileName(root) + ".lock");
+  }
   const std::size_t channel =
       _channels.try_emplace(ChannelKey(i2c.adapter), _channels.size()).first->second;
   return {

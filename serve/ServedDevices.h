@@ -22,12 +22,26 @@ struct Lease;
 struct ServedChip {
   std::shared_ptr<Memory> memory;
   WireId wire = 0;
+  std::uint32_t sector_size = 0;  ///< bytes; 0: an EEPROM
+};
+
+/// Bytes, or bus addresses, that a chip takes of what the machine has. No two devices may have the
+/// same ones.
+struct Claim {
+  std::string key;  ///< of the flash, the file or the channel of a bus
+  std::uint64_t first = 0;
+  std::uint64_t end = 0;
+
+  bool Overlaps(const Claim& other) const {
+    return key == other.key && first < other.end && other.first < end;
+  }
 };
 
 struct ServedDevice {
   DeviceConfig config;
   protocol::ChipFactsByAddress facts;  ///< the size of a flash is 0 until it is known
   std::map<std::uint8_t, ServedChip> chips;
+  std::vector<Claim> claims;
   std::uint64_t configuration = 0;  ///< which one it is of, counted from 1
   WireId hook_wire = 0;             ///< of the programs that prepare and release it
   std::unique_ptr<Lease> lease;     ///< null where nobody holds it
@@ -48,7 +62,8 @@ class ServedDevices {
   ServedDevices(System& system, Options options) : _system(system), _options(options) {}
 
   /// Serves what `configuration` has from now on, but for devices that are held: they stay as they
-  /// are until Settle is called for them.
+  /// are until Settle is called for them. What claims memory of another device is not served before
+  /// that is gone.
   void Set(const Configuration& configuration);
   /// The device is free: it gets what the last configuration says.
   void Settle(const ServedDevicePointer& device);
@@ -65,6 +80,10 @@ class ServedDevices {
   void Make(const DeviceConfig& config, ServedDevice& device);
   ServedChip MakeEeprom(const EepromConfig& config);
   std::shared_ptr<Memory> Wrap(std::shared_ptr<Memory> memory, bool only_clears_bits) const;
+  void AddMissing();
+  bool IsClaimed(const ServedDevice& device) const;
+  Claim ClaimOf(const FlashConfig& flash) const;
+  Claim ClaimOf(const EepromConfig& eeprom) const;
   WireId WireOf(const std::string& key);
   NodeLock& LockOf(const std::string& key);
   void Index();

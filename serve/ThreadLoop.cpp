@@ -20,6 +20,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// What a step throws, such as std::bad_alloc, is the error of its work, not the end of the server.
+std::optional<Time> StepOrFail(WireWork& work, System& system) {
+  try {
+    return work.Step(system);
+  } catch (const std::exception& error) {
+    work.Fail(error.what());
+    return {};
+  }
+}
+
 /// An erase may keep a processor busy for seconds. Clients that are kept waiting come first.
 constexpr int NICENESS = 5;
 /// A chip is polled every quarter of a millisecond; the kernel may be 50 microseconds late unless
@@ -86,7 +96,7 @@ class ThreadLoop::Worker {
       _jobs.pop_front();
       while (!_is_stopping) {
         lock.unlock();
-        const std::optional<Time> next = job->work->Step(_system);
+        const std::optional<Time> next = StepOrFail(*job->work, _system);
         if (!next) break;
         lock.lock();
         if (At(*next) <= Clock::now()) continue;
@@ -125,7 +135,7 @@ void ThreadLoop::Run(WireId wire, std::unique_ptr<WireWork> work,
   Wire& used = _wires[wire];
   // To hand it to a thread and back would take longer than the work itself.
   if (used.works == 0 && work->IsQuick()) {
-    while (const std::optional<Time> next = work->Step(_system)) {
+    while (const std::optional<Time> next = StepOrFail(*work, _system)) {
       if (*next > Now()) std::this_thread::sleep_until(At(*next));
     }
     return done(std::move(work));
@@ -139,7 +149,7 @@ ThreadLoop::Worker& ThreadLoop::WorkerOf(WireId wire) {
   if (!worker) {
     worker = std::make_unique<Worker>(
         wire, _system,
-        [this, wire, alive = std::weak_ptr(_alive)](std::shared_ptr<Worker::Job> job) {
+        [this, wire, alive = std::weak_ptr(_alive)](const std::shared_ptr<Worker::Job>& job) {
           _loop.Post([this, wire, alive, job] {
             if (alive.expired()) return;
             --_wires[wire].works;

@@ -130,7 +130,8 @@ TEST_F(GatewayTest, AuditRecordsTellWhatWasDone) {
   EXPECT_EQ(record.device, A);
   EXPECT_EQ(record.bytes, 3u);
   EXPECT_EQ(record.erases, 1u);
-  EXPECT_EQ(record.requests, 2u);
+  EXPECT_EQ(record.requests, 3u);  // with the one that was refused
+  EXPECT_EQ(record.failed, 1u);
   EXPECT_EQ(record.end, "the client disconnected");
   // The well-known digest of these three bytes.
   EXPECT_EQ(record.sha256, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
