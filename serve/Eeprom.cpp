@@ -92,7 +92,7 @@ class EepromSteps : public JobSteps {
       }
       return AfterFailure(system, "Write", offset, result);
     }
-    _cycle_began = system.Now();
+    _memory._cycle_began = system.Now();
     _last_nak.reset();
     _at += size;
     if (_at < end) return NextTry();
@@ -141,18 +141,18 @@ class EepromSteps : public JobSteps {
     const int result = system.TransferI2c(_memory._descriptor, messages);
     if (result < 0) return result;
     _arbitrations = 0;
-    if (!_cycle_began) return result;
-    const Time elapsed = begin - *_cycle_began;
+    if (!_memory._cycle_began) return result;
+    const Time elapsed = begin - *_memory._cycle_began;
     if (_last_nak) {
-      _memory._write_time = *_last_nak - *_cycle_began;
+      _memory._write_time = *_last_nak - *_memory._cycle_began;
     } else if (elapsed < _memory._write_time + POLL) {
       _memory._write_time -= _memory._write_time / 16;  // it may be faster
     }
-    _cycle_began.reset();
+    _memory._cycle_began.reset();
     return result;
   }
 
-  Time NextTry() const { return *_cycle_began + _memory._write_time; }
+  Time NextTry() const { return *_memory._cycle_began + _memory._write_time; }
 
   /// A transfer of that size is more than the adapter makes: the next ones are smaller. False where
   /// none is: then it is not the size.
@@ -165,11 +165,12 @@ class EepromSteps : public JobSteps {
                                    int result) {
     const Time now = system.Now();
     const bool is_nak = result == -ENXIO || result == -EREMOTEIO;
-    if (_cycle_began && (is_nak || result == -EIO)) {
-      if (now - *_cycle_began < _memory._config.write_limit) {
-        _last_nak = now;
-        return now + POLL;
-      }
+    const bool may_be_busy = _memory._cycle_began && (is_nak || result == -EIO);
+    if (may_be_busy && now - *_memory._cycle_began < _memory._config.write_limit) {
+      _last_nak = now;
+      return now + POLL;
+    }
+    if (may_be_busy && _last_nak) {
       _job.error = common::Text("Chip stays busy after a write at 0x", std::hex, offset);
     } else if (result == -EAGAIN && ++_arbitrations < ARBITRATION_TRIES) {
       return now + ARBITRATION_PAUSE;
@@ -224,9 +225,8 @@ class EepromSteps : public JobSteps {
   Bytes _read_again;
   std::uint32_t _again_begin = 0;
   std::uint32_t _again_end = 0;
-  std::optional<Time> _cycle_began;  ///< of the write that the chip may be busy with
-  std::optional<Time> _last_nak;     ///< since then
-  int _arbitrations = 0;             ///< lost in a row
+  std::optional<Time> _last_nak;  ///< of this job, since the last write
+  int _arbitrations = 0;          ///< lost in a row
 };
 
 Eeprom::Eeprom(const I2cConfig& config, std::uint32_t size, std::size_t channel, I2cWire& wire,

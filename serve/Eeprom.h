@@ -50,6 +50,8 @@ class Eeprom : public Memory {
   Access _access = Access::READ;
   /// After a write the chip was still busy for so long, the last time that it was asked.
   Time _write_time{0};
+  /// Of the write that the chip may be busy with: nothing has been heard of the chip since.
+  std::optional<Time> _cycle_began;
 };
 
 }  // namespace serve

@@ -40,7 +40,8 @@ Gateway::Gateway(System& system, Loop& loop, const Configuration& configuration,
     : _loop(loop),
       _configuration(configuration),
       _devices(system, options),
-      _leases(system, loop, std::move(outputs.audit), std::move(outputs.log), options.is_dry_run) {
+      _leases(system, loop, _devices.WireOf("books"), std::move(outputs.audit),
+              std::move(outputs.log), options.is_dry_run) {
   _leases.SetFolder(configuration.state);
   _leases.freed = [this](const ServedDevicePointer& device) {
     _devices.Settle(device);

@@ -23,21 +23,38 @@ std::string ClockTime(std::int64_t seconds) {
   return {text, std::strftime(text, sizeof(text), "%H:%M:%S", &parts)};
 }
 
-class HookWork : public WireWork {
+/// A call that may wait for a disk or a program.
+class CallWork : public WireWork {
  public:
-  HookWork(std::vector<std::string> words, Time limit) : _words(std::move(words)), _limit(limit) {}
+  /// `call` returns why it has failed; an empty text when it has not.
+  using Call = std::function<std::string(System& system)>;
+
+  explicit CallWork(Call call) : _call(std::move(call)) {}
 
   std::optional<Time> Step(System& system) override {
-    status = system.RunProgram(_words, _limit);
+    try {
+      error = _call(system);
+    } catch (const std::exception& failure) {
+      error = failure.what();
+    }
     return {};
   }
 
-  int status = 0;
+  std::string error;
 
  private:
-  std::vector<std::string> _words;
-  Time _limit;
+  Call _call;
 };
+
+/// Runs the program of `name`; returns why it has failed.
+std::string RunHook(System& system, const char* name, const std::vector<std::string>& words,
+                    Time limit) {
+  const int status = system.RunProgram(words, limit);
+  if (status == 0) return "";
+  if (status == -ETIME) return common::Text("'", name, "' takes too long");
+  if (status > 0) return common::Text("'", name, "' has ended with ", status);
+  return common::Text("'", name, "' can't be run: ", std::generic_category().message(-status));
+}
 
 class CloseWork : public WireWork {
  public:
@@ -101,44 +118,55 @@ void Leases::Wait(const ServedDevice& device, std::function<void()> call) {
 
 void Leases::Begin(const ServedDevicePointer& device,
                    std::function<void(const std::string&)> then) {
-  const LeaseRecord& record = device->lease->record;
-  const std::string file = FileOf(record.device);
-  const int result =
-      _is_dry_run ? 0 : _system.WriteText(file, common::Text(record.peer, " ", record.since, "\n"));
-  if (result != 0) {
-    const std::string error =
-        file + ": " + std::generic_category().message(-result) + ": nothing is written";
-    device->lease->record.end = "no lease";
-    End(device, error);
-    return then(error);
-  }
-  RunHook(*device, "prepare", device->config.prepare,
-          [this, device, then = std::move(then)](const std::string& error) {
-            if (!error.empty()) {
-              // What it has done before it failed is undone.
-              device->lease->record.last_error = error;
-              Release(device, error);
-              return then(error);
-            }
-            device->lease->state = Lease::HELD;
-            then("");
-            if (device->lease) CallWaiting(*device->lease);
-          });
+  WriteFile(*device, [this, device, then = std::move(then)](const std::string& failure) {
+    if (!failure.empty()) {
+      const std::string error = failure + ": nothing is written";
+      device->lease->record.end = "no lease";
+      End(device, error);
+      return then(error);
+    }
+    RunHook(*device, "prepare", device->config.prepare, [this, device, then](const auto& error) {
+      if (!error.empty()) {
+        // What it has done before it failed is undone.
+        device->lease->record.last_error = error;
+        Release(device, error);
+        return then(error);
+      }
+      device->lease->state = Lease::HELD;
+      then("");
+      if (device->lease) CallWaiting(*device->lease);
+    });
+  });
+}
+
+void Leases::WriteFile(const ServedDevice& device, Then then) {
+  if (_is_dry_run) return then("");
+  const LeaseRecord& record = device.lease->record;
+  Call(
+      _books,
+      [file = FileOf(record.device),
+       text = common::Text(record.peer, " ", record.since, "\n")](System& system) -> std::string {
+        const int result = system.WriteText(file, text);
+        return result == 0 ? "" : file + ": " + std::generic_category().message(-result);
+      },
+      std::move(then));
 }
 
 void Leases::RunHook(const ServedDevice& device, const char* name,
-                     const std::vector<std::string>& words,
-                     std::function<void(const std::string&)> then) {
+                     const std::vector<std::string>& words, Then then) {
   if (words.empty() || _is_dry_run) return then("");
-  _loop.Run(device.hook_wire, std::make_unique<HookWork>(words, device.config.hook_limit),
-            [name, then = std::move(then)](std::unique_ptr<WireWork> work) {
-              const int status = static_cast<HookWork&>(*work).status;
-              if (status == 0) return then("");
-              if (status == -ETIME) return then(common::Text("'", name, "' takes too long"));
-              then(status < 0
-                       ? common::Text("'", name,
-                                      "' can't be run: ", std::generic_category().message(-status))
-                       : common::Text("'", name, "' has ended with ", status));
+  Call(
+      device.hook_wire,
+      [name, words, limit = device.config.hook_limit](System& system) {
+        return serve::RunHook(system, name, words, limit);
+      },
+      std::move(then));
+}
+
+void Leases::Call(WireId wire, std::function<std::string(System&)> call, Then then) {
+  _loop.Run(wire, std::make_unique<CallWork>(std::move(call)),
+            [then = std::move(then)](const std::unique_ptr<WireWork>& work) {
+              then(static_cast<CallWork&>(*work).error);
             });
 }
 
@@ -169,6 +197,7 @@ void Leases::Release(const ServedDevicePointer& device, const std::string& why) 
 
 void Leases::End(const ServedDevicePointer& device, const std::string& error) {
   Lease& lease = *device->lease;
+  lease.state = Lease::RELEASING;
   LeaseRecord& record = lease.record;
   if (!error.empty()) {
     record.last_error = error;
@@ -178,16 +207,21 @@ void Leases::End(const ServedDevicePointer& device, const std::string& error) {
   record.sha256 = lease.digest.Finish();
   if (record.end.empty()) record.end = error;
   // A device that could not be released is released at the next start.
-  if (!_is_dry_run && error.empty()) _system.Remove(FileOf(record.device));
-  try {
-    if (_audit) _audit(record);
-  } catch (const std::exception& failure) {
-    Log(failure.what());
-  }
-  _held.erase(record.device);
-  const std::unique_ptr<Lease> ended = std::move(device->lease);
-  if (freed) freed(device);
-  CallWaiting(*ended);
+  const bool is_released = !_is_dry_run && error.empty();
+  Call(
+      _books,
+      [this, record, is_released](System& system) -> std::string {
+        if (is_released) system.Remove(FileOf(record.device));
+        if (_audit) _audit(record);
+        return "";
+      },
+      [this, device](const std::string& failure) {
+        if (!failure.empty()) Log(failure);
+        _held.erase(device->lease->record.device);
+        const std::unique_ptr<Lease> ended = std::move(device->lease);
+        if (freed) freed(device);
+        CallWaiting(*ended);
+      });
 }
 
 void Leases::CallWaiting(Lease& lease) {

@@ -31,7 +31,8 @@ struct LeaseRecord {
   std::string end;  ///< why it ended
 };
 
-/// Takes the record of a lease when it has ended.
+/// Takes the record of a lease when it has ended. Called by the worker of a wire; what it throws is
+/// logged.
 using Audit = std::function<void(const LeaseRecord&)>;
 
 /// Of one device.
@@ -48,11 +49,13 @@ struct Lease {
 
 class Leases {
  public:
-  /// All are borrowed; `audit` and `log` may be empty. With `is_dry_run` no hook is run.
-  Leases(System& system, Loop& loop, Audit audit, std::function<void(const std::string&)> log,
-         bool is_dry_run)
+  /// All are borrowed; `audit` and `log` may be empty. `books` is the wire of the files that tell
+  /// of leases, for disks may be slow. With `is_dry_run` no hook is run.
+  Leases(System& system, Loop& loop, WireId books, Audit audit,
+         std::function<void(const std::string&)> log, bool is_dry_run)
       : _system(system),
         _loop(loop),
+        _books(books),
         _audit(std::move(audit)),
         _log(std::move(log)),
         _is_dry_run(is_dry_run) {}
@@ -94,16 +97,21 @@ class Leases {
  private:
   std::string FileOf(protocol::Guid device) const;
   void KeepFolder();
-  void Begin(const ServedDevicePointer& device, std::function<void(const std::string&)> then);
+  using Then = std::function<void(const std::string& error)>;
+  void Begin(const ServedDevicePointer& device, Then then);
+  void WriteFile(const ServedDevice& device, Then then);
   void Release(const ServedDevicePointer& device, const std::string& why);
   void RunHook(const ServedDevice& device, const char* name, const std::vector<std::string>& words,
-               std::function<void(const std::string& error)> then);
+               Then then);
+  /// Calls `call` on the wire, and then `then` with what it has returned or thrown.
+  void Call(WireId wire, std::function<std::string(System& system)> call, Then then);
   void End(const ServedDevicePointer& device, const std::string& error);
   static void CallWaiting(Lease& lease);
   void Log(const std::string& text) const;
 
   System& _system;
   Loop& _loop;
+  WireId _books;
   Audit _audit;
   std::function<void(const std::string&)> _log;
   bool _is_dry_run;

@@ -75,6 +75,8 @@ class ServedDevices {
   /// Looks for the size of an MTD device that the configuration does not give. Throws
   /// protocol::Refusal where it is not there.
   void LearnSize(ServedDevice& device) const;
+  /// The number of the wire that `key` names: always the same.
+  WireId WireOf(const std::string& key);
 
  private:
   void Make(const DeviceConfig& config, ServedDevice& device);
@@ -84,7 +86,6 @@ class ServedDevices {
   bool IsClaimed(const ServedDevice& device) const;
   Claim ClaimOf(const FlashConfig& flash) const;
   Claim ClaimOf(const EepromConfig& eeprom) const;
-  WireId WireOf(const std::string& key);
   NodeLock& LockOf(const std::string& key);
   void Index();
 

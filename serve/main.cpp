@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include "common/Program.h"
@@ -76,28 +77,28 @@ bool NeedsRestart(const Configuration& before, const Configuration& after) {
          before.limits.idle != after.limits.idle;
 }
 
-/// The audit log, if the configuration has one. A lease that cannot be noted ends all the same.
+/// The audit log, if the configuration has one.
 class Auditor {
  public:
-  explicit Auditor(const serve::Log& log) : _log(log) {}
-
   /// Opens the file, again where it is open: it may have been moved away. Throws
   /// std::runtime_error.
   void Open(const std::filesystem::path& path) {
-    _audit = path.empty() ? nullptr : std::make_unique<serve::AuditLog>(path);
+    auto opened = path.empty() ? nullptr : std::make_shared<serve::AuditLog>(path);
+    const std::lock_guard lock(_mutex);
+    _audit = std::move(opened);
   }
+  /// Called by another thread. Throws std::runtime_error.
   void Write(const serve::LeaseRecord& record) {
-    if (!_audit) return;
-    try {
-      _audit->Write(record);
-    } catch (const std::runtime_error& error) {
-      _log.Write(Priority::ERROR, error.what());
-    }
+    const auto audit = [this] {
+      const std::lock_guard lock(_mutex);
+      return _audit;
+    }();
+    if (audit) audit->Write(record);
   }
 
  private:
-  const serve::Log& _log;
-  std::unique_ptr<serve::AuditLog> _audit;
+  std::mutex _mutex;
+  std::shared_ptr<serve::AuditLog> _audit;  ///< guarded by _mutex
 };
 
 /// The server and all that it needs, from its start to its end.
@@ -199,7 +200,7 @@ class Program {
   Configuration _configuration;
   serve::ServiceManager _manager;
   serve::Log _log{NAME};
-  Auditor _auditor{_log};
+  Auditor _auditor;
   serve::LinuxSystem _system;
   protocol::EventLoop _events;
   serve::ThreadLoop _threads{_events, _system};

@@ -191,6 +191,17 @@ TEST_F(EepromTest, AbsentChipIsNotThere) {
   EXPECT_EQ(machine.Ask(common::Text("vsI2cReadMulti 1 ", NAME, " 0x50 4 0x0 ")), error);
 }
 
+TEST_F(EepromTest, AChipThatABrokenWriteLeftBusyIsWaitedFor) {
+  Add({.size = 0x8000, .page = 64, .write_time = 20ms});
+  machine.Serve();
+  const auto broken = machine.Send(Write(0, Bytes(128, 1)));
+  machine.loop.RunUntil(machine.loop.Now() + 100us);
+  bus->LoseArbitration(10);
+  EXPECT_THAT(machine.Wait(broken).answer, testing::HasSubstr("Write failed at 0x40"));
+  EXPECT_LT(machine.loop.Now(), 20ms);
+  EXPECT_EQ(machine.Ask(Write(0, Bytes(128, 1))), "ACK");
+}
+
 TEST_F(EepromTest, EveryErrorNumberForBusyIsUnderstood) {
   for (const int error : {ENXIO, EREMOTEIO, EIO}) {
     ServedMachine other;

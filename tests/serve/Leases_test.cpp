@@ -251,6 +251,7 @@ TEST_F(LeasesTest, NothingIsWrittenWithoutANoteOfTheLease) {
   machine.Serve();
   machine.system.Fail({.call = hardware::Call::WRITE_TEXT, .error = ENOSPC});
   EXPECT_THAT(machine.Ask(Write(A, 0, Bytes(4, 0))), HasSubstr("No space left"));
+  machine.loop.RunUntilIdle();
   EXPECT_EQ(machine.system.FileContent(FILE_PATH)[0], 0xFF);
   ASSERT_EQ(machine.records.size(), 1u);
   EXPECT_THAT(machine.records[0].last_error, HasSubstr("No space left"));
