@@ -33,7 +33,6 @@ std::size_t PrintableSize(std::string_view text) {
 }  // namespace
 
 std::string Printable(std::string_view text) {
-  constexpr std::string_view DIGITS = "0123456789abcdef";
   std::string result;
   while (!text.empty()) {
     const std::size_t size = PrintableSize(text);
@@ -41,9 +40,7 @@ std::string Printable(std::string_view text) {
       result += text.substr(0, size);
     } else {
       const auto byte = static_cast<unsigned char>(text[0]);
-      result += "\\x";
-      result += DIGITS[byte >> 4];
-      result += DIGITS[byte & 15];
+      result += "\\x" + HexBytes(std::span(&byte, 1));
     }
     text.remove_prefix(std::max<std::size_t>(size, 1));
   }
@@ -55,6 +52,17 @@ std::optional<std::uint8_t> HexDigit(char c) {
   if ('a' <= c && c <= 'f') return static_cast<std::uint8_t>(c - 'a' + 10);
   if ('A' <= c && c <= 'F') return static_cast<std::uint8_t>(c - 'A' + 10);
   return std::nullopt;
+}
+
+std::string HexBytes(std::span<const std::uint8_t> bytes) {
+  constexpr std::string_view DIGITS = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const std::uint8_t byte : bytes) {
+    text += DIGITS[byte >> 4];
+    text += DIGITS[byte & 15];
+  }
+  return text;
 }
 
 std::string HexText(std::uint64_t number) { return Text("0x", std::hex, number); }

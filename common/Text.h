@@ -5,6 +5,7 @@
 #include <iomanip>
 #include <optional>
 #include <set>
+#include <span>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -27,6 +28,8 @@ std::string Printable(std::string_view text);
 /// The value of a hexadecimal digit, 0 to 15; nothing for any other character.
 std::optional<std::uint8_t> HexDigit(char c);
 
+/// Two digits for each byte: "01ff".
+std::string HexBytes(std::span<const std::uint8_t> bytes);
 /// "0x1f000"
 std::string HexText(std::uint64_t number);
 /// A GUID in the form of requests: "0x" and 16 lower-case digits.

@@ -73,13 +73,10 @@ class JsonPrinter : public Listener {
   bool _is_first = true;
 };
 
-std::string HexBytes(std::span<const std::uint8_t> bytes, std::size_t most = ~std::size_t{0}) {
-  std::string text;
-  for (const std::uint8_t byte : bytes.first(std::min(most, bytes.size()))) {
-    text += "0123456789abcdef"[byte >> 4];
-    text += "0123456789abcdef"[byte & 15];
-  }
-  return bytes.size() > most ? text + "..." : text;
+/// The first `most` of the bytes, and "..." where there are more.
+std::string FirstBytes(std::span<const std::uint8_t> bytes, std::size_t most) {
+  if (bytes.size() <= most) return common::HexBytes(bytes);
+  return common::HexBytes(bytes.first(most)) + "...";
 }
 
 class Comparison : private BurnListener {
@@ -383,14 +380,14 @@ class Comparison : private BurnListener {
     const std::size_t size = bytes_a.size();
     const auto text = [&] {
       return Text("bytes ", HexText(addr), " to ", HexText(addr + size), where, ": ",
-                  HexBytes(bytes_a, TOLD_BYTES), " / ", HexBytes(bytes_b, TOLD_BYTES));
+                  FirstBytes(bytes_a, TOLD_BYTES), " / ", FirstBytes(bytes_b, TOLD_BYTES));
     };
     const auto json = [&] {
       Json object = begin;
       object["address"] = addr;
       object["size"] = size;
-      object["a"] = HexBytes(bytes_a);
-      object["b"] = HexBytes(bytes_b);
+      object["a"] = common::HexBytes(bytes_a);
+      object["b"] = common::HexBytes(bytes_b);
       return object;
     };
     if (in_text) {

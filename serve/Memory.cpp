@@ -12,15 +12,6 @@ namespace {
 
 constexpr std::size_t SHOWN_BYTES = 4;
 
-std::string Hex(std::span<const std::uint8_t> bytes) {
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text += "0123456789abcdef"[byte >> 4];
-    text += "0123456789abcdef"[byte & 15];
-  }
-  return text;
-}
-
 }  // namespace
 
 std::string CallError(const char* what, std::uint32_t offset, std::int64_t result) {
@@ -47,7 +38,8 @@ std::string VerificationError(std::uint32_t offset, std::span<const std::uint8_t
   const auto at = static_cast<std::size_t>(differ.in1 - wrote.begin());
   const std::size_t size = std::min(SHOWN_BYTES, std::min(wrote.size(), read.size()) - at);
   return common::Text("Verification failed at 0x", std::hex, offset + at, ": wrote ",
-                      Hex(wrote.subspan(at, size)), ", read ", Hex(read.subspan(at, size)));
+                      common::HexBytes(wrote.subspan(at, size)), ", read ",
+                      common::HexBytes(read.subspan(at, size)));
 }
 
 }  // namespace serve

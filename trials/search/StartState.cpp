@@ -16,14 +16,7 @@ using device::Memory;
 
 namespace {
 
-std::string Hex(device::View bytes) {
-  std::string text = "0x";
-  for (const std::uint8_t byte : bytes) {
-    text += "0123456789abcdef"[byte >> 4];
-    text += "0123456789abcdef"[byte & 15];
-  }
-  return text;
-}
+std::string Hex(device::View bytes) { return "0x" + common::HexBytes(bytes); }
 
 /// Changes the sections of the invariant sector, but for the failsafe marker. Returns false where
 /// the image has none.
