@@ -155,7 +155,9 @@ void AddCheck(CommandLine& program) {
           .Check(common::ByteCountCheck);
   command
       .Add("--fabric", options->fabric,
-           "Check against the devices of this fabric file that have the image's kind of memory")
+           "Check against the devices of this fabric file, or of this configuration of "
+           "fwpush-serve, "
+           "that have the image's kind of memory")
       .Excludes(sector_size)
       .Excludes(flash_size);
   command.Add("-m", options->log2_chunk, "Chunks of the burn have 2 to the power of this bytes")
