@@ -197,8 +197,9 @@ std::string FlatMemory::OpenFile(System& system, Access access) {
   _descriptor = system.Open(_config.file->path.string(), access);
   if (_descriptor < 0) return CallError("Open", 0, _descriptor);
   const std::int64_t size = system.SizeOf(_descriptor);
+  if (size < 0) return "Not a plain file";
   const std::uint64_t needed = _config.first + _config.size;
-  if (size < 0 || static_cast<std::uint64_t>(size) < needed) {
+  if (static_cast<std::uint64_t>(size) < needed) {
     return common::Text("The file has ", size, " bytes, the memory needs ", needed);
   }
   if (access == Access::WRITE) {
