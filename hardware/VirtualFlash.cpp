@@ -48,9 +48,8 @@ class MtdNode : public Node {
   int GetMtdFacts(serve::MtdFacts& facts) override {
     const FlashSettings& chip = _flash._settings;
     facts = {.is_nor = chip.kind == FlashSettings::Kind::NOR,
-             .is_writable = _part.is_writable,
-             .is_bit_writable = chip.kind != FlashSettings::Kind::NAND,
-             .has_no_erase = chip.kind == FlashSettings::Kind::RAM,
+             .is_bit_writable = chip.kind != FlashSettings::Kind::NAND && chip.is_bit_writable,
+             .has_no_erase = chip.kind == FlashSettings::Kind::RAM || chip.has_no_erase,
              .size = _part.size,
              .erase_size = chip.erase_size,
              .write_size = _flash.WriteSize(),
@@ -153,7 +152,7 @@ std::string VirtualFlash::MtdFolder(const Part& part) const {
 }
 
 std::uint32_t VirtualFlash::WriteSize() const {
-  return _settings.kind == FlashSettings::Kind::NAND ? NAND_PAGE : 1;
+  return _settings.kind == FlashSettings::Kind::NAND ? NAND_PAGE : _settings.write_unit;
 }
 
 bool VirtualFlash::IsProtected(std::uint64_t offset, std::uint64_t size) const {

@@ -34,6 +34,10 @@ struct FlashSettings {
   std::uint32_t erase_size = 0x1000;  ///< bytes
   std::uint32_t page = 256;           ///< bytes of one program
   std::uint32_t erase_regions = 0;    ///< as MTD tells of them; the chip has blocks of one size
+  // What MTD may tell of a NOR flash, too; the chip behaves as any other.
+  std::uint32_t write_unit = 1;  ///< bytes; more where the chip keeps check bytes for each unit
+  bool is_bit_writable = true;
+  bool has_no_erase = false;
   bool is_writable = true;
   bool is_present = true;                              ///< else SetPresent makes the nodes appear
   Time program_time = std::chrono::microseconds(400);  ///< of a page

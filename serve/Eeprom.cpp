@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/Text.h"
+#include "serve/Places.h"
 #include "serve/Wires.h"
 
 namespace serve {
@@ -257,13 +258,13 @@ std::string Eeprom::TryOpen(System& system, Access access) {
   if (_descriptor < 0) return CallError("Open", 0, _descriptor);
   if (system.HasPlainI2c(_descriptor) != 1) return "The adapter makes no plain I2C transfers";
   if (_config.allow_bound) return "";
-  for (std::uint32_t at = 0; at < _size; at += 1u << _config.offset_bits) {
-    const int result = system.CheckI2cAddress(_descriptor, AddressOf(at));
+  for (const std::uint16_t address : AddressesOf(_config, _size)) {
+    const int result = system.CheckI2cAddress(_descriptor, address);
     if (result == -EBUSY) {
-      const std::string owner = OwnerOf(system, found, AddressOf(at));
+      const std::string owner = OwnerOf(system, found, address);
       return owner.empty() ? "Address in use by a driver" : "Address in use by driver " + owner;
     }
-    if (result < 0) return CallError("Open", at, result);
+    if (result < 0) return CallError("Open", 0, result);
   }
   return "";
 }

@@ -30,9 +30,6 @@ class FlatMemory : public Memory {
   std::unique_ptr<JobSteps> Begin(Job& job) override;
   bool IsQuick() const override { return _config.file && !_config.file->syncs; }
 
-  /// Bytes of one erase of the memory itself. Valid while it is open.
-  std::uint32_t EraseSize() const { return _erase_size; }
-
  private:
   friend class FlatSteps;
 
@@ -52,7 +49,7 @@ class FlatMemory : public Memory {
   bool _has_lock = false;
   int _descriptor = -1;
   Access _access = Access::READ;
-  std::uint32_t _erase_size = 0;
+  std::uint32_t _erase_size = 0;  ///< bytes of one erase; valid while it is open
   std::uint64_t _size = 0;    ///< bytes of the memory; valid while it is open
   std::vector<bool> _erased;  ///< by granule, since the memory was opened for writing
 };

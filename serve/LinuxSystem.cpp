@@ -142,7 +142,6 @@ int LinuxSystem::GetMtdFacts(int descriptor, MtdFacts& facts) {
     return result;
   }
   facts = {.is_nor = info.type == MTD_NORFLASH,
-           .is_writable = (info.flags & MTD_WRITEABLE) != 0,
            .is_bit_writable = (info.flags & MTD_BIT_WRITEABLE) != 0,
            .has_no_erase = (info.flags & MTD_NO_ERASE) != 0,
            .size = info.size,

@@ -24,7 +24,6 @@ struct I2cMessage {
 /// What the kernel tells of an MTD device.
 struct MtdFacts {
   bool is_nor = false;
-  bool is_writable = false;
   bool is_bit_writable = false;     ///< bytes may be programmed again
   bool has_no_erase = false;        ///< memory that is overwritten, not erased
   std::uint64_t size = 0;           ///< bytes

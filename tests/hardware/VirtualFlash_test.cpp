@@ -223,7 +223,6 @@ TEST_F(VirtualFlashTest, FactsTellNorNandAndRamApart) {
   serve::MtdFacts facts;
   EXPECT_EQ(_system.GetMtdFacts(Open(), facts), 0);
   EXPECT_EQ(facts, (serve::MtdFacts{.is_nor = true,
-                                    .is_writable = true,
                                     .is_bit_writable = true,
                                     .has_no_erase = false,
                                     .size = 0x100000,

@@ -330,6 +330,14 @@ TEST_F(ConfigurationTest, FileBelongsToOneMemory) {
             ":2: 'file' is the file of the audit log, too");
 }
 
+TEST_F(ConfigurationTest, TheExampleIsServed) {
+  const auto example = std::filesystem::path(DOCUMENTS).parent_path() / "examples/serve.toml";
+  const Configuration config = LoadConfiguration(example);
+  ASSERT_EQ(config.devices.size(), 2u);
+  EXPECT_EQ(config.devices[0].flash->size, 0x200000u);
+  EXPECT_EQ(config.devices[1].eeproms.size(), 2u);
+}
+
 TEST_F(ConfigurationTest, ChipHasUsualValues) {
   const Configuration config = Load(Device(0x10) + Chip());
   const EepromConfig& chip = config.devices.at(0).eeproms.at(0x50);

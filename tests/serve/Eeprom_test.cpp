@@ -306,6 +306,58 @@ TEST_F(EepromTest, ChipsBehindAMuxAreWrittenTogether) {
   EXPECT_LT(asked->answered_at - asked->asked_at, 300ms);
 }
 
+TEST_F(EepromTest, AMuxIsSwitchedOnceForAllChipsOfAChannelThatAreReady) {
+  I2cBus& root = machine.AddBus();
+  hardware::I2cMux& mux = root.Root().AddMux(0x70, 16, hardware::I2cAdapter::Idle::AS_IS);
+  std::vector<protocol::Guid> guids;
+  for (std::uint32_t i = 0; i < 8; ++i) {
+    // In the order of the request each one is on another channel than the one before.
+    const std::uint32_t channel = i % 2;
+    guids.push_back(GUID + i);
+    machine.AddEeprom(
+        GUID + i, mux.Channel(channel), {{0x70, channel}},
+        {.address = static_cast<std::uint16_t>(0x50 + i / 2), .size = 8192, .page = 64});
+  }
+  machine.Serve();
+  EXPECT_EQ(machine.Ask(WriteRequest("vsI2cWriteMulti", guids, 0x50, 0, RandomBytes(512, 8))),
+            "ACK");
+  // 64 pages, and a reading of each chip: in turns, the channels would be switched 72 times.
+  EXPECT_LT(root.MuxWrites(), 40u);
+}
+
+TEST_F(EepromTest, TransfersKeepWithinWhatTheConfigurationSays) {
+  Add();
+  I2cConfig& config = *machine.configuration.devices[0].eeproms.at(0x50).i2c;
+  config.max_write = 18;  // two of them are the offset
+  config.max_read = 32;
+  machine.Serve();
+  const Bytes bytes = RandomBytes(128, 1);
+  EXPECT_EQ(machine.Ask(Write(0, bytes)), "ACK");
+  // 8 pieces of 16 bytes; 4 of 32 read them back. Those of a busy chip do not count.
+  EXPECT_EQ(bus->Transfers() - bus->Naks(), 8u + 4u);
+}
+
+TEST_F(EepromTest, TheTimeOfAWriteCycleIsLearnt) {
+  Add();
+  machine.Serve();
+  machine.Ask(Write(0, RandomBytes(64, 1)));
+  const std::uint64_t first = bus->Naks();
+  bus->ResetCounts();
+  machine.Ask(Write(0, RandomBytes(1024, 2)));
+  // 5 ms are 20 polls; what is known saves almost all of them.
+  EXPECT_GE(first, 10u);
+  EXPECT_LE(bus->Naks(), 16u);
+}
+
+TEST_F(EepromTest, AnAddressOfADriverIsReachedWhereTheConfigurationSaysSo) {
+  VirtualEeprom& chip = Add();
+  bus->Root().Bind(0x50);
+  machine.configuration.devices[0].eeproms.at(0x50).i2c->allow_bound = true;
+  machine.Serve();
+  EXPECT_EQ(machine.Ask(Write(0, Bytes(4, 1))), "ACK");
+  EXPECT_EQ(Part(chip, 0, 4), Bytes(4, 1));
+}
+
 TEST_F(EepromTest, TheBusIsLockedWhileItIsLeased) {
   Add();
   machine.Serve();

@@ -181,16 +181,20 @@ TEST_F(FlashTest, AnotherChipThanExpectedIsNotWritten) {
 }
 
 TEST_F(FlashTest, MemoriesThatAreNoNorFlashAreRefused) {
-  const FlashSettings refused[] = {{.kind = FlashSettings::Kind::NAND},
-                                   {.kind = FlashSettings::Kind::RAM},
-                                   {.erase_regions = 2},
-                                   {.erase_size = 0x20000}};
-  for (const FlashSettings& settings : refused) {
+  const std::pair<FlashSettings, std::string> refused[] = {
+      {{.kind = FlashSettings::Kind::NAND}, "Not a NOR flash"},
+      {{.kind = FlashSettings::Kind::RAM}, "Not a NOR flash"},
+      {{.write_unit = 16}, "Not a NOR flash"},
+      {{.is_bit_writable = false}, "Not a NOR flash"},
+      {{.has_no_erase = true}, "Not a memory that is erased"},
+      {{.erase_regions = 2}, "sectors of several sizes"},
+      {{.erase_size = 0x20000}, "The flash is erased in blocks of 0x20000 bytes"}};
+  for (const auto& [settings, error] : refused) {
     ServedMachine other;
     VirtualFlash& flash = other.AddFlash(GUID, settings, SECTOR);
     other.Serve();
-    EXPECT_THAT(other.Ask(Write(0, Bytes(4, 0))), HasSubstr("{ERROR:"));
-    EXPECT_THAT(other.Ask(Erase(0)), HasSubstr("{ERROR:"));
+    EXPECT_THAT(other.Ask(Write(0, Bytes(4, 0))), HasSubstr(error));
+    EXPECT_THAT(other.Ask(Erase(0)), HasSubstr(error));
     EXPECT_EQ(flash.Programs() + flash.Erases(), 0u);
   }
 }
