@@ -45,6 +45,14 @@ void KeepAlive(int socket) {
 /// Children must not inherit a socket.
 void CloseOnExec(int socket) { fcntl(socket, F_SETFD, FD_CLOEXEC); }
 
+tcp::socket Prepared(tcp::socket socket, const ServerOptions& options) {
+  asio::error_code ignored;
+  socket.set_option(tcp::no_delay(true), ignored);
+  CloseOnExec(socket.native_handle());
+  if (options.is_keep_alive) KeepAlive(socket.native_handle());
+  return socket;
+}
+
 /// A socket for IPv6 takes clients of IPv4, too, and gives their addresses another form.
 asio::ip::address PlainAddress(const asio::ip::address& address) {
   if (address.is_v6() && address.to_v6().is_v4_mapped()) {
@@ -69,17 +77,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   Connection(tcp::socket socket, AsyncHandler& handler, ClientId client, const std::string& peer,
              const ServerOptions& options, const Server::Trace& trace, OnEnd on_end)
-      : _socket(std::move(socket)),
+      : _socket(Prepared(std::move(socket), options)),
         _timer(_socket.get_executor()),
         _idle_timer(_socket.get_executor()),
         _idle(options.idle),
         _on_end(std::move(on_end)),
         _session(handler, client, peer, options.max_message) {
     _session.trace = trace;
-    asio::error_code ignored;
-    _socket.set_option(tcp::no_delay(true), ignored);
-    CloseOnExec(_socket.native_handle());
-    if (options.is_keep_alive) KeepAlive(_socket.native_handle());
   }
 
   void Begin() {

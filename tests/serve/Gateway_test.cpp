@@ -22,7 +22,6 @@ using namespace std::chrono_literals;
 constexpr protocol::Guid A = 0xaa550000000010;
 constexpr protocol::Guid B = 0xaa550000000020;
 constexpr const char* A_NAME = "0x00aa550000000010";
-constexpr const char* B_NAME = "0x00aa550000000020";
 constexpr const char* FILE_PATH = "/srv/flash.bin";
 
 std::string Write(const std::vector<protocol::Guid>& guids, std::uint32_t offset,
