@@ -92,9 +92,12 @@ class PowerCutTest : public ConsoleTest {
 };
 
 std::string TwoSlots(u_int8_t content) {
-  return "DEVICE_TYPE RV61300\nDEVMAP 2000 50\nIMAGE 0 0 50\nIMAGE 1 80 50\n" +
-         Section("A", 0, EepromData(content), "50");
+  return "DEVICE_TYPE RV61300\nDEVMAP 2000 50\nIMAGE 0 0 50\nIMAGE 1 400 50\n" +
+         Section("A", 0, EepromData(content), "50") +
+         Section("B", 0x48, DataVec(0x1A4, content), "50");
 }
+
+constexpr u_int32_t TEARS = 4;  ///< of each change
 
 /// Burns, with the power cut after and inside each change of the memory, and burns again.
 /// `build` puts the device on a machine and returns its chip.
@@ -106,27 +109,32 @@ void TryAllCuts(Target& target, device::SlotKind kind, const Burner& burn, const
   EXPECT_TRUE(target.VerdictOn(burnt.Content()).IsBurnt(kind));
   const auto changes = whole.system.GetPower().Changes();
   ASSERT_GE(changes, 10u);
+  u_int32_t booting = 0;
   for (u_int32_t n = 1; n <= changes; ++n) {
-    for (const bool is_inside : {false, true}) {
+    // After it, and torn in several ways.
+    for (u_int32_t tear = 0; tear <= TEARS; ++tear) {
       ServedMachine machine;
       const auto& chip = build(machine);
       hardware::Power& power = machine.system.GetPower();
-      if (is_inside) {
-        power.CutInside(n, n);
+      if (tear > 0) {
+        power.CutInside(n, n * TEARS + tear);
       } else {
         power.CutAfter(n);
       }
       burn(machine);
       ASSERT_FALSE(power.IsOn());
-      EXPECT_TRUE(target.VerdictOn(chip.Content()).BootsWhole())
-          << "cut " << (is_inside ? "inside " : "after ") << n << " of " << changes << ": "
-          << Describe(target.VerdictOn(chip.Content()));
+      const bool boots = target.VerdictOn(chip.Content()).BootsWhole();
+      booting += boots ? 1 : 0;
+      EXPECT_TRUE(boots) << "cut " << (tear > 0 ? "inside " : "after ") << n << " of " << changes
+                         << ": " << Describe(target.VerdictOn(chip.Content()));
       machine.system.PowerUp();
       machine.Serve();
       EXPECT_TRUE(burn(machine));
       EXPECT_TRUE(target.VerdictOn(chip.Content()).IsBurnt(kind)) << n;
     }
   }
+  std::cout << "power cuts: " << (1 + TEARS) * changes << "; the device boots after: " << booting
+            << "\n";
 }
 
 TEST_F(PowerCutTest, EepromsBootAfterAnyCut) {
