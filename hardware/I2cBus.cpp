@@ -191,7 +191,7 @@ I2cBus::I2cBus(VirtualSystem& system, BusSettings settings)
 I2cBus::~I2cBus() = default;
 
 void I2cBus::ResetCounts() {
-  _busy = _page_writes_time = Time{};
+  _busy = _nak_time = _page_writes_time = Time{};
   _page_writes = _transfers = _naks = _mux_writes = 0;
 }
 
@@ -241,6 +241,7 @@ int I2cBus::TransferOnWire(std::span<const serve::I2cMessage> messages) {
   ++bits;
   clock.AdvanceTo(begin + BitTime(bits));
   _busy += BitTime(bits);
+  if (result < 0) _nak_time += BitTime(bits);
   bool begins_write = false;
   for (I2cDevice* device : devices) {
     if (device->Stop()) begins_write = true;

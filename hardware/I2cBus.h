@@ -151,6 +151,8 @@ class I2cBus {
 
   /// Of the wire: all transfers, even those that nobody acknowledged.
   Time BusyTime() const { return _busy; }
+  /// Part of it: transfers that nobody acknowledged, such as questions to a chip that is busy.
+  Time NakTime() const { return _nak_time; }
   /// Part of it: transfers after which a write cycle began.
   Time PageWriteTime() const { return _page_writes_time; }
   std::uint64_t PageWrites() const { return _page_writes; }
@@ -172,6 +174,7 @@ class I2cBus {
   std::uint32_t _losses = 0;
   std::optional<Time> _held_from;
   Time _busy{};
+  Time _nak_time{};
   Time _page_writes_time{};
   std::uint64_t _page_writes = 0;
   std::uint64_t _transfers = 0;

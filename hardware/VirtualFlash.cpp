@@ -162,7 +162,7 @@ bool VirtualFlash::IsProtected(std::uint64_t offset, std::uint64_t size) const {
 void VirtualFlash::Read(std::uint64_t offset, std::span<std::uint8_t> bytes) {
   std::ranges::copy(device::View(_cells).subspan(offset, bytes.size()), bytes.begin());
   _bytes_read += bytes.size();
-  _system.Clock().Advance(_settings.byte_time * bytes.size());
+  BeBusy(_settings.byte_time * bytes.size());
 }
 
 int VirtualFlash::Program(std::uint64_t offset, std::span<const std::uint8_t> bytes) {
@@ -183,12 +183,12 @@ int VirtualFlash::ProgramPage(std::uint64_t offset, std::span<const std::uint8_t
   const auto programmed = fails ? bytes.first(bytes.size() / 2) : bytes;
   const auto kind = _settings.kind == FlashSettings::Kind::RAM ? device::MemoryKind::EEPROM
                                                                : device::MemoryKind::FLASH;
-  _system.Clock().Advance(_settings.byte_time * bytes.size());
+  BeBusy(_settings.byte_time * bytes.size());
   // What the chip ignores takes it no time.
   if (_all_programs != _dropped_program && !IsProtected(offset, bytes.size())) {
     _system.GetPower().Program(kind, device::Cells(_cells).subspan(offset, programmed.size()), 0,
                                programmed, _settings.program_time);
-    _system.Clock().Advance(_settings.program_time);
+    BeBusy(_settings.program_time);
   }
   return fails || !_system.GetPower().IsOn() ? -EIO : 0;
 }
@@ -197,7 +197,7 @@ int VirtualFlash::EraseBlock(std::uint64_t offset) {
   ++_erases;
   ++_all_erases;
   if (_all_erases == _failed_erase) {
-    _system.Clock().Advance(_settings.erase_time);
+    BeBusy(_settings.erase_time);
     return -EIO;
   }
   const bool is_shifted =
@@ -207,8 +207,13 @@ int VirtualFlash::EraseBlock(std::uint64_t offset) {
   if (IsProtected(first, size)) return 0;
   const std::uint64_t erased = _all_erases == _spoilt_erase ? size / 2 : size;
   _system.GetPower().Erase(device::Cells(_cells).subspan(first, erased), _settings.erase_time);
-  _system.Clock().Advance(_settings.erase_time);
+  BeBusy(_settings.erase_time);
   return _system.GetPower().IsOn() ? 0 : -EIO;
+}
+
+void VirtualFlash::BeBusy(Time time) {
+  _busy += time;
+  _system.Clock().Advance(time);
 }
 
 }  // namespace hardware

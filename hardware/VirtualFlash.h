@@ -69,7 +69,12 @@ class VirtualFlash {
   std::uint64_t Erases() const { return _erases; }
   std::uint64_t Programs() const { return _programs; }
   std::uint64_t BytesRead() const { return _bytes_read; }
-  void ResetCounts() { _erases = _programs = _bytes_read = 0; }
+  /// What reads, programs and erases have taken.
+  Time BusyTime() const { return _busy; }
+  void ResetCounts() {
+    _erases = _programs = _bytes_read = 0;
+    _busy = Time{};
+  }
 
   // --- What is wrong with it. The `n`th is counted from now, from 1.
 
@@ -113,6 +118,7 @@ class VirtualFlash {
   int Program(std::uint64_t offset, std::span<const std::uint8_t> bytes);
   int ProgramPage(std::uint64_t offset, std::span<const std::uint8_t> bytes);
   int EraseBlock(std::uint64_t offset);
+  void BeBusy(Time time);
 
   VirtualSystem& _system;
   FlashSettings _settings;
@@ -123,6 +129,7 @@ class VirtualFlash {
   std::uint64_t _erases = 0;
   std::uint64_t _programs = 0;
   std::uint64_t _bytes_read = 0;
+  Time _busy{};
   std::uint64_t _all_erases = 0;  ///< ResetCounts leaves these
   std::uint64_t _all_programs = 0;
   std::uint64_t _failed_program = 0;  ///< by the count of all; 0: none; likewise below

@@ -88,7 +88,8 @@ void VirtualSystem::PowerUp() {
 }
 
 void VirtualSystem::AddNode(const std::string& path, std::shared_ptr<Node> node) {
-  _links.erase(path);
+  ++_tree;
+  if (_links.erase(path) > 0) _walked.clear();
   _nodes[path] = std::move(node);
 }
 
@@ -102,6 +103,8 @@ void VirtualSystem::AddFile(const std::string& path, device::Bytes content) {
 }
 
 void VirtualSystem::AddLink(const std::string& path, const std::string& target) {
+  ++_tree;
+  _walked.clear();
   _nodes.erase(path);
   _links[path] = target;
 }
@@ -111,6 +114,8 @@ void VirtualSystem::AddProgram(const std::string& path, Program program) {
 }
 
 void VirtualSystem::TakeAway(const std::string& path) {
+  ++_tree;
+  _walked.clear();
   EraseBelow(_nodes, path);
   EraseBelow(_links, path);
   EraseBelow(_programs, path);
@@ -134,7 +139,7 @@ int VirtualSystem::Open(const std::string& path, serve::Access access) {
   const auto node = Find(resolved);
   if (!node) return access == serve::Access::READ ? -EINVAL : -EISDIR;
   if (access != serve::Access::READ && node->IsReadOnly()) return -EACCES;
-  _open[++_last_descriptor] = {path, resolved, node, access};
+  _open[++_last_descriptor] = {path, resolved, node, access, _tree};
   return _last_descriptor;
 }
 
@@ -254,6 +259,8 @@ int VirtualSystem::Remove(const std::string& path) {
   const auto node = Find(resolved);
   if (!node) return -EISDIR;
   if (node->IsDevice() || node->IsReadOnly()) return -EACCES;
+  ++_tree;
+  std::erase_if(_walked, [&](const auto& entry) { return entry.second == resolved; });
   _nodes.erase(resolved);
   return 0;
 }
@@ -272,6 +279,15 @@ int VirtualSystem::RunProgram(const std::vector<std::string>& words, Time limit)
 
 /// `path` without links, "." and ".."; empty where it does not exist.
 std::string VirtualSystem::WithoutLinks(const std::string& path) const {
+  // A server walks to the same few entries of sysfs at each start of a job.
+  const auto walked = _walked.find(path);
+  if (walked != _walked.end()) return walked->second;
+  std::string resolved = Walk(path);
+  if (!resolved.empty()) _walked.emplace(path, resolved);
+  return resolved;
+}
+
+std::string VirtualSystem::Walk(const std::string& path) const {
   std::string rest = path;  // what is to be walked yet
   std::string walked;
   std::string next;
@@ -337,20 +353,28 @@ int VirtualSystem::Begin(Call call, const std::string& path, const std::string& 
     ++seen;
     if (seen >= fault.nth && seen - fault.nth < fault.times && error == 0) error = -fault.error;
   }
+  // One that is over is not asked again.
+  std::erase_if(_faults, [](const PlannedFault& planned) {
+    return planned.seen >= planned.fault.nth &&
+           planned.seen - planned.fault.nth >= planned.fault.times - 1;
+  });
   return error;
 }
 
 template <typename Operation>
 std::int64_t VirtualSystem::OnOpen(Call call, int descriptor, Operation operation) {
   const auto found = _open.find(descriptor);
-  const bool is_open = found != _open.end();
-  const std::string path = is_open ? found->second.path : "";
-  const std::string resolved = is_open ? found->second.resolved : "";
-  if (const int error = Begin(call, path, resolved)) return error;
-  if (!is_open) return -EBADF;
-  const auto& node = found->second.node;
-  if (node->IsDevice() && Find(resolved) != node) return -ENODEV;
-  const std::int64_t result = operation(found->second);
+  if (found == _open.end()) {
+    const int error = Begin(call, "", "");
+    return error != 0 ? error : -EBADF;
+  }
+  OpenFile& file = found->second;
+  if (const int error = Begin(call, file.path, file.resolved)) return error;
+  if (file.found_in != _tree) {
+    if (file.node->IsDevice() && Find(file.resolved) != file.node) return -ENODEV;
+    file.found_in = _tree;
+  }
+  const std::int64_t result = operation(file);
   return _power.IsOn() ? result : -EIO;
 }
 

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "device/Bytes.h"
@@ -90,6 +91,10 @@ class VirtualSystem : public serve::System {
   void TakeAway(const std::string& path);
 
   void Fail(CallFault fault) { _faults.push_back({std::move(fault), 0}); }
+  /// Forgets calls of this path that were to fail.
+  void StopFailing(const std::string& path) {
+    std::erase_if(_faults, [&](const PlannedFault& fault) { return fault.fault.path == path; });
+  }
   /// What every call takes, but for Now and WallSeconds.
   void SetCallTime(Time time) { _call_time = time; }
   /// Of the moment at which the clock began.
@@ -105,6 +110,7 @@ class VirtualSystem : public serve::System {
   std::size_t OpenDescriptors() const { return _open.size(); }
   /// The words of each, in the order in which they ran.
   const std::vector<std::vector<std::string>>& ProgramRuns() const { return _runs; }
+  void ForgetProgramRuns() { _runs.clear(); }
 
   // --- serve::System
 
@@ -142,6 +148,7 @@ class VirtualSystem : public serve::System {
     std::string resolved;  ///< without links
     std::shared_ptr<Node> node;
     serve::Access access;
+    std::uint64_t found_in;  ///< the last state of the tree in which the node was at its path
   };
   struct PlannedFault {
     CallFault fault;
@@ -149,6 +156,7 @@ class VirtualSystem : public serve::System {
   };
 
   std::string WithoutLinks(const std::string& path) const;
+  std::string Walk(const std::string& path) const;
   std::string WhereToMake(const std::string& path) const;
   bool Exists(const std::string& path) const;
   std::shared_ptr<Node> Find(const std::string& resolved) const;
@@ -158,8 +166,11 @@ class VirtualSystem : public serve::System {
 
   VirtualClock _clock;
   Power _power{_clock};
+  std::uint64_t _tree = 0;  ///< grows with each change of nodes and links
   std::map<std::string, std::shared_ptr<Node>> _nodes;
   std::map<std::string, std::string> _links;
+  /// Paths that exist, without links. What is added changes none of them, but for links.
+  mutable std::unordered_map<std::string, std::string> _walked;
   std::map<std::string, Program> _programs;
   std::map<std::string, bool> _folders;  ///< those that were added
   std::map<int, OpenFile> _open;

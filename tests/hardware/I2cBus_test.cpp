@@ -64,11 +64,13 @@ TEST_F(I2cBusTest, TransfersTakeTheirBitsOnTheWire) {
   EXPECT_EQ(_system.Now(), ((3 + 64) * 9 + 2) * BIT);
   EXPECT_EQ(bus.PageWriteTime(), 605 * BIT);
   EXPECT_EQ(bus.BusyTime(), 605 * BIT);
+  EXPECT_EQ(bus.NakTime(), 0 * BIT);
 
   // Nobody acknowledges the address: a start, the address, a stop.
   EXPECT_EQ(WriteAt(adapter, 0x50, 64, Bytes(64, 0xA5)), -ENXIO);
   EXPECT_EQ(_system.Now(), (605 + 11) * BIT);
   EXPECT_EQ(bus.Naks(), 1u);
+  EXPECT_EQ(bus.NakTime(), 11 * BIT);
 
   // A read: start, address, offset; start again, address, 16 bytes, stop.
   Wait(5ms);

@@ -48,6 +48,7 @@ TEST_F(VirtualFlashTest, AWriteIsCutIntoProgramsOfPages) {
   EXPECT_EQ(_system.Write(mtd, 0xF0, Bytes(0x120, 0)), 0x120);
   EXPECT_EQ(flash.Programs(), 3u);  // 16 bytes, a page, 16 bytes
   EXPECT_EQ(_system.Now(), 3 * 1ms + 0x120 * 1us);
+  EXPECT_EQ(flash.BusyTime(), _system.Now());
   EXPECT_EQ(flash.Content()[0xEF], 0xFF);
   EXPECT_EQ(flash.Content()[0xF0], 0);
   EXPECT_EQ(flash.Content()[0x20F], 0);

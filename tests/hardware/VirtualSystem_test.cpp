@@ -205,6 +205,17 @@ TEST_F(VirtualSystemTest, TheNthCallOfAKindOnAPathFails) {
   EXPECT_EQ(results, (std::vector<std::int64_t>{1, -EBUSY, -EBUSY, 1}));
 }
 
+TEST_F(VirtualSystemTest, FaultsOfAPathThatAreForgottenDoNotComeTrue) {
+  _system.AddFile("/data/other.bin", Bytes{5});
+  for (const char* path : {"/data/chip.bin", "/data/other.bin"}) {
+    _system.Fail({.call = Call::OPEN, .path = path, .nth = 2, .error = EBUSY});
+    EXPECT_GT(_system.Open(path, Access::READ), 2);
+  }
+  _system.StopFailing("/data/chip.bin");
+  EXPECT_GT(_system.Open("/data/chip.bin", Access::READ), 2);
+  EXPECT_EQ(_system.Open("/data/other.bin", Access::READ), -EBUSY);
+}
+
 TEST_F(VirtualSystemTest, EveryKindOfCallCanBeMadeToFail) {
   const int file = _system.Open("/data/chip.bin", Access::WRITE);
   Bytes bytes(1);
