@@ -777,7 +777,7 @@ TEST(ArchitectureDocumentTest, FoldersMayIncludeWhatTheScriptLetsThem) {
   std::map<std::string, std::set<std::string>> allowed;
   std::ifstream script(std::filesystem::path(DOCUMENTS).parent_path() / "script" /
                        "include-directions");
-  const std::regex entry(R"re(^    "([a-z]+)": \[(.*)\],$)re");
+  const std::regex entry(R"re(^    "([a-z/]+)": \[(.*)\],$)re");
   const std::regex name("\"([A-Za-z./]+)\"");
   for (std::string line; std::getline(script, line);) {
     std::smatch row;
