@@ -53,7 +53,7 @@ Machine::Machine(std::uint64_t seed) : _random(seed) {
   configuration.multi_max = 16;
   for (const auto& [path, count] :
        {std::pair("/usr/lib/prepare", &_prepared), std::pair("/usr/lib/release", &_released)}) {
-    system.AddProgram(path, [count](const auto&) {
+    system.AddProgram(path, [count = count](const auto&) {
       ++*count;
       return hardware::ProgramResult{0, 30ms};
     });
