@@ -5,11 +5,19 @@
 
 namespace serve {
 
+namespace {
+
+/// Bytes of all jobs together that keep nobody waiting.
+constexpr std::uint64_t MOST_QUICK = 0x10000;
+
+}  // namespace
+
 ChipWork::ChipWork(std::vector<Item> items) : _items(std::move(items)), _progress(_items.size()) {}
 
 std::optional<Time> ChipWork::Step(System& system) {
   if (_begun < _items.size()) {
-    Begin(system, _begun++);
+    Begin(system, _begun);
+    ++_begun;
     return system.Now();
   }
   const auto chosen = Choose(system.Now());
@@ -25,21 +33,26 @@ std::optional<Time> ChipWork::Step(System& system) {
     return system.Now();
   }
   progress.steps.reset();
+  progress.is_over = true;
   // No chip behind it can be reached: to try each of them would take its time, and end like this.
   if (_items[*chosen].job.is_wire_stuck) EndAll(_items[*chosen].job.error);
   return system.Now();
 }
 
-void ChipWork::Fail(const std::string& why) {
+void ChipWork::Fail(System& system, const std::string& why) {
+  // What is not known to be done is not done.
   for (std::size_t i = 0; i < _items.size(); ++i) {
-    const bool is_over = i < _begun && !_progress[i].steps;
-    if (!is_over) _items[i].job.error = why;
+    if (!_progress[i].is_over && _items[i].job.error.empty()) _items[i].job.error = why;
     _progress[i].steps.reset();
   }
+  CloseAll(system);
 }
 
 bool ChipWork::IsQuick() const {
-  return std::ranges::all_of(_items, [](const Item& item) { return item.memory->IsQuick(); });
+  std::uint64_t size = 0;
+  for (const Item& item : _items) size += item.job.size;
+  return size <= MOST_QUICK &&
+         std::ranges::all_of(_items, [](const Item& item) { return item.memory->IsQuick(); });
 }
 
 void ChipWork::Begin(System& system, std::size_t index) {

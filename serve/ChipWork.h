@@ -23,7 +23,7 @@ class ChipWork : public WireWork {
   explicit ChipWork(std::vector<Item> items);
 
   std::optional<Time> Step(System& system) override;
-  void Fail(const std::string& why) override;
+  void Fail(System& system, const std::string& why) override;
   bool IsQuick() const override;
   /// Valid when the work is done.
   std::vector<Item>& Items() { return _items; }
@@ -31,6 +31,7 @@ class ChipWork : public WireWork {
  private:
   struct Progress {
     std::unique_ptr<JobSteps> steps;  ///< null before the job has begun, and when it is over
+    bool is_over = false;
     Time ready{0};
     bool is_to_be_closed = false;
   };

@@ -28,8 +28,8 @@ class WireWork {
   /// Does the next step. Returns when to call again: at once where that time is over. Nothing when
   /// the work is done.
   virtual std::optional<Time> Step(System& system) = 0;
-  /// A step has thrown; no other one follows.
-  virtual void Fail(const std::string& why) { static_cast<void>(why); }
+  /// A step has thrown, or none can be made: no other one follows.
+  virtual void Fail(System&, const std::string&) {}
   /// Whether no step waits for anything: the loop may do them itself.
   virtual bool IsQuick() const { return false; }
 };

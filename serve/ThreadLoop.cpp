@@ -25,7 +25,7 @@ std::optional<Time> StepOrFail(WireWork& work, System& system) {
   try {
     return work.Step(system);
   } catch (const std::exception& error) {
-    work.Fail(error.what());
+    work.Fail(system, error.what());
     return {};
   }
 }
@@ -35,6 +35,22 @@ constexpr int NICENESS = 5;
 /// A chip is polled every quarter of a millisecond; the kernel may be 50 microseconds late unless
 /// it is told otherwise.
 constexpr unsigned long TIMER_SLACK = 1000;  ///< nanoseconds
+
+/// Signals are for the thread of the loop: in a worker they would only interrupt system calls.
+class BlockedSignals {
+ public:
+  BlockedSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &_before);
+  }
+  BlockedSignals(const BlockedSignals&) = delete;
+  BlockedSignals& operator=(const BlockedSignals&) = delete;
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
+
+ private:
+  sigset_t _before{};
+};
 
 Clock::time_point At(Time when) {
   return Clock::time_point(std::chrono::duration_cast<Clock::duration>(when));
@@ -55,13 +71,8 @@ class ThreadLoop::Worker {
 
   Worker(WireId wire, System& system, TakeBack take_back)
       : _system(system), _take_back(std::move(take_back)) {
-    // Signals are for the thread of the loop; here they would only interrupt system calls.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const BlockedSignals blocked;
     _thread = std::thread([this] { Work(); });
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_setname_np(_thread.native_handle(), common::Text("wire-", wire).substr(0, 15).c_str());
   }
   Worker(const Worker&) = delete;
@@ -140,24 +151,31 @@ void ThreadLoop::Run(WireId wire, std::unique_ptr<WireWork> work,
     }
     return done(std::move(work));
   }
+  try {
+    StartWorker(wire);
+  } catch (const std::system_error& error) {
+    // No thread is to be had now. The next work tries again.
+    work->Fail(_system, error.what());
+    return done(std::move(work));
+  }
+  used.worker->Add({std::move(work), std::move(done)});
   ++used.works;
-  WorkerOf(wire).Add({std::move(work), std::move(done)});
 }
 
-ThreadLoop::Worker& ThreadLoop::WorkerOf(WireId wire) {
+void ThreadLoop::StartWorker(WireId wire) {
   auto& worker = _wires[wire].worker;
   if (!worker) {
     worker = std::make_unique<Worker>(
         wire, _system,
-        [this, wire, alive = std::weak_ptr(_alive)](const std::shared_ptr<Worker::Job>& job) {
-          _loop.Post([this, wire, alive, job] {
+        [this, wire, alive = std::weak_ptr(_alive)](std::shared_ptr<Worker::Job> job) {
+          // The worker keeps nothing of it: what it holds belongs to the thread of the loop.
+          _loop.Post([this, wire, alive, job = std::move(job)] {
             if (alive.expired()) return;
             --_wires[wire].works;
             job->done(std::move(job->work));
           });
         });
   }
-  return *worker;
 }
 
 Loop::TimerId ThreadLoop::CallAt(Time when, std::function<void()> call) {

@@ -34,7 +34,8 @@ class ThreadLoop : public Loop {
     std::size_t works = 0;           ///< that it was given and has not given back
   };
 
-  Worker& WorkerOf(WireId wire);
+  /// Throws std::system_error where there can be no further thread.
+  void StartWorker(WireId wire);
 
   protocol::EventLoop& _loop;
   System& _system;

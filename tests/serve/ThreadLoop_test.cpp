@@ -11,6 +11,7 @@
 #include <set>
 #include <thread>
 
+#include "serve/ChipWork.h"
 #include "serve/LinuxSystem.h"
 
 namespace serve {
@@ -28,6 +29,20 @@ class FunctionWork : public WireWork {
 
  private:
   std::function<std::optional<Time>(System&)> _step;
+};
+
+/// A memory that fails in the middle of everything, as where there is no memory left.
+class BrokenMemory : public Memory {
+ public:
+  std::string Open(System&, Access) override {
+    is_open = true;
+    return "";
+  }
+  bool IsOpen(Access) const override { return is_open; }
+  void Close(System&) override { is_open = false; }
+  std::unique_ptr<JobSteps> Begin(Job&) override { throw std::runtime_error("no memory is left"); }
+
+  bool is_open = false;
 };
 
 class ThreadLoopTest : public testing::Test {
@@ -62,6 +77,25 @@ TEST_F(ThreadLoopTest, WorkIsDoneByAThreadOfItsWireAndTakenBackByTheLoop) {
   EXPECT_EQ(returned, given);
   EXPECT_EQ(taker, std::this_thread::get_id());
   EXPECT_NE(worker, taker);
+}
+
+TEST_F(ThreadLoopTest, WhatThrowsIsNotDone) {
+  for (const auto kind : {Job::READ, Job::WRITE, Job::ERASE}) {
+    const auto memory = std::make_shared<BrokenMemory>();
+    std::vector<ChipWork::Item> items(1);
+    items[0].memory = memory;
+    items[0].job.kind = kind;
+    std::string error;
+    _loop->Run(0, std::make_unique<ChipWork>(std::move(items)),
+               [&](const std::unique_ptr<WireWork>& work) {
+                 error = static_cast<ChipWork&>(*work).Items()[0].job.error;
+                 _events.Stop();
+               });
+    _events.Run();
+    EXPECT_EQ(error, "no memory is left");
+    // What was opened for reading is closed; a lease keeps what it writes to.
+    EXPECT_EQ(memory->is_open, kind != Job::READ);
+  }
 }
 
 TEST_F(ThreadLoopTest, WorkOfOneWireIsDoneInTurn) {
