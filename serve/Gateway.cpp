@@ -15,8 +15,9 @@ using protocol::Request;
 
 namespace {
 
-/// Bytes that one request may read, over all its devices: an answer is some four times as long.
-constexpr std::uint64_t MOST_READ = 32 << 20;
+/// Bytes that one request may read, over all its devices. The answer is some five times as long: a
+/// client takes no line that is longer.
+constexpr std::uint64_t MOST_READ = 4 << 20;
 
 }  // namespace
 
@@ -40,13 +41,15 @@ Gateway::Gateway(System& system, Loop& loop, const Configuration& configuration,
     : _loop(loop),
       _configuration(configuration),
       _devices(system, options),
-      _leases(system, loop, _devices.WireOf("books"), std::move(outputs.audit),
-              std::move(outputs.log), options.is_dry_run) {
+      _leases(system, loop, {_devices.WireOf("books"), _devices.WireOf("audit")},
+              std::move(outputs.audit), outputs.log, options.is_dry_run) {
   _leases.SetFolder(configuration.state);
   _leases.freed = [this](const ServedDevicePointer& device) {
     _devices.Settle(device);
     CheckIdle();
   };
+  _devices.log = outputs.log;
+  _devices.log = std::move(outputs.log);
   _devices.Set(configuration);
 }
 
@@ -252,9 +255,14 @@ void Gateway::Execute(const ExchangePointer& exchange) {
   for (auto& [wire, items] : works) {
     _loop.Run(wire.first, std::make_unique<ChipWork>(std::move(items)),
               [this, exchange](const std::unique_ptr<WireWork>& work) {
+                const bool is_last = --exchange->works == 0;
                 if (exchange->is_finished) return;
-                TakeResults(exchange, static_cast<ChipWork&>(*work));
-                if (--exchange->works == 0) Finish(exchange);
+                try {
+                  TakeResults(exchange, static_cast<ChipWork&>(*work));
+                  if (is_last) Finish(exchange);
+                } catch (const std::exception& error) {
+                  Abort(exchange, error.what());
+                }
               });
   }
 }
@@ -295,14 +303,14 @@ void Gateway::Note(const Exchange& exchange) {
 }
 
 void Gateway::Finish(const ExchangePointer& exchange) {
-  exchange->is_finished = true;
   Note(*exchange);
-  if (exchange->timer) _loop.Cancel(*exchange->timer);
   const bool is_alone =
       exchange->request.command->action == Action::BSN && exchange->elements.size() == 1;
-  exchange->reply->Send(
-      {.text = is_alone ? exchange->elements.front()
-                        : protocol::JoinElements(exchange->request, exchange->elements)});
+  Answer answer{.text = is_alone ? exchange->elements.front()
+                                 : protocol::JoinElements(exchange->request, exchange->elements)};
+  exchange->is_finished = true;
+  if (exchange->timer) _loop.Cancel(*exchange->timer);
+  exchange->reply->Send(std::move(answer));
   EndRequest(exchange->client);
 }
 

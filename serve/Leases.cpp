@@ -1,6 +1,8 @@
 #include "serve/Leases.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <ctime>
 #include <stdexcept>
 #include <system_error>
@@ -39,6 +41,7 @@ class CallWork : public WireWork {
     }
     return {};
   }
+  void Fail(System&, const std::string& why) override { error = why; }
 
   std::string error;
 
@@ -65,10 +68,26 @@ class CloseWork : public WireWork {
     for (const auto& memory : _memories) memory->Close(system);
     return {};
   }
+  void Fail(System& system, const std::string&) override { Step(system); }
 
  private:
   std::vector<std::shared_ptr<Memory>> _memories;
 };
+
+std::string NoteText(const Leases::Note& note) {
+  return common::Text(note.peer, " ", note.since, "\n");
+}
+
+/// Nothing where the text is no note.
+std::optional<Leases::Note> ParseNote(const std::string& text) {
+  const std::vector<std::string_view> words = common::Words(text, " \n");
+  if (words.size() != 2 || !common::ParseHostPort(std::string(words[0]))) return {};
+  Leases::Note note{std::string(words[0]), 0};
+  const char* const end = words[1].data() + words[1].size();
+  const auto [rest, error] = std::from_chars(words[1].data(), end, note.since);
+  if (error != std::errc() || rest != end) return {};
+  return note;
+}
 
 }  // namespace
 
@@ -100,7 +119,13 @@ void Leases::Take(const ServedDevicePointer& device, protocol::ClientId client,
   if (lease.state == Lease::HELD && lease.is_for_reading && !is_for_reading) {
     lease.is_for_reading = false;
     lease.client = client;
-    lease.record.peer = peer;
+    // What the reader did is none of the writer's.
+    LeaseRecord record;
+    record.peer = peer;
+    record.device = lease.record.device;
+    record.name = lease.record.name;
+    record.since = _system.WallSeconds();
+    lease.record = std::move(record);
   }
   const bool is_own = lease.client == client;
   if (is_own && lease.state == Lease::HELD) return taken.held("");
@@ -143,9 +168,9 @@ void Leases::WriteFile(const ServedDevice& device, Then then) {
   if (_is_dry_run) return then("");
   const LeaseRecord& record = device.lease->record;
   Call(
-      _books,
+      _wires.books,
       [file = FileOf(record.device),
-       text = common::Text(record.peer, " ", record.since, "\n")](System& system) -> std::string {
+       text = NoteText({record.peer, record.since})](System& system) -> std::string {
         const int result = system.WriteText(file, text);
         return result == 0 ? "" : file + ": " + std::generic_category().message(-result);
       },
@@ -209,19 +234,30 @@ void Leases::End(const ServedDevicePointer& device, const std::string& error) {
   // A device that could not be released is released at the next start.
   const bool is_released = !_is_dry_run && error.empty();
   Call(
-      _books,
-      [this, record, is_released](System& system) -> std::string {
-        if (is_released) system.Remove(FileOf(record.device));
-        if (_audit) _audit(record);
+      _wires.books,
+      [this, device = record.device, is_released](System& system) -> std::string {
+        if (is_released) system.Remove(FileOf(device));
         return "";
       },
-      [this, device](const std::string& failure) {
-        if (!failure.empty()) Log(failure);
-        _held.erase(device->lease->record.device);
-        const std::unique_ptr<Lease> ended = std::move(device->lease);
-        if (freed) freed(device);
-        CallWaiting(*ended);
+      [this, device](const std::string&) {
+        Call(
+            _wires.audit,
+            [this, record = device->lease->record](System&) -> std::string {
+              if (_audit) _audit(record);
+              return "";
+            },
+            [this, device](const std::string& failure) {
+              if (!failure.empty()) Log(failure);
+              Forget(device);
+            });
       });
+}
+
+void Leases::Forget(const ServedDevicePointer& device) {
+  _held.erase(device->lease->record.device);
+  const std::unique_ptr<Lease> ended = std::move(device->lease);
+  if (freed) freed(device);
+  CallWaiting(*ended);
 }
 
 void Leases::CallWaiting(Lease& lease) {
@@ -245,21 +281,31 @@ void Leases::ReleaseLeftOvers(const ServedDevices& devices) {
   KeepFolder();
   for (const std::string& name : _system.List(_folder.string())) {
     if (!name.ends_with(FILE_END)) continue;
-    for (const auto& [guid, device] : devices.All()) {
-      if (device->lease || _folder / name != FileOf(guid)) continue;
-      device->lease = std::make_unique<Lease>();
-      LeaseRecord& record = device->lease->record;
-      const std::string text = _system.ReadText((_folder / name).string()).value_or("");
-      record.peer = text.substr(0, text.find(' '));
-      record.device = guid;
-      record.name = device->config.facts.name;
-      record.since =
-          std::strtoll(text.c_str() + std::min(text.size(), record.peer.size()), nullptr, 10);
-      _held.emplace(guid, device);
-      Log(common::HexGuid(guid) + ": the server ended while " + record.peer + " held it");
-      Release(device, "the server was killed");
+    const std::string file = (_folder / name).string();
+    const auto note = ParseNote(_system.ReadText(file).value_or(""));
+    const auto found = std::ranges::find_if(
+        devices.All(), [&](const auto& entry) { return FileOf(entry.first) == file; });
+    if (!note) {
+      Log(file + " is no note of a lease: it is left alone");
+    } else if (found == devices.All().end()) {
+      Log(file + ": the server ended while " + note->peer +
+          " held a device that is not served any more: it is not released");
+    } else if (!found->second->lease) {
+      ReleaseLeftOver(found->second, *note);
     }
   }
+}
+
+void Leases::ReleaseLeftOver(const ServedDevicePointer& device, const Note& note) {
+  device->lease = std::make_unique<Lease>();
+  LeaseRecord& record = device->lease->record;
+  record.peer = note.peer;
+  record.device = device->config.facts.node_guid;
+  record.name = device->config.facts.name;
+  record.since = note.since;
+  _held.emplace(record.device, device);
+  Log(common::HexGuid(record.device) + ": the server ended while " + record.peer + " held it");
+  Release(device, "the server was killed");
 }
 
 std::string Leases::FileOf(protocol::Guid device) const {

@@ -49,13 +49,23 @@ struct Lease {
 
 class Leases {
  public:
-  /// All are borrowed; `audit` and `log` may be empty. `books` is the wire of the files that tell
-  /// of leases, for disks may be slow. With `is_dry_run` no hook is run.
-  Leases(System& system, Loop& loop, WireId books, Audit audit,
+  /// Whose workers write files, for disks may be slow.
+  struct Wires {
+    WireId books = 0;  ///< of the files that tell of leases
+    WireId audit = 0;
+  };
+  /// What the file of an open lease says.
+  struct Note {
+    std::string peer;
+    std::int64_t since = 0;  ///< seconds since 1970
+  };
+
+  /// All are borrowed; `audit` and `log` may be empty. With `is_dry_run` no hook is run.
+  Leases(System& system, Loop& loop, Wires wires, Audit audit,
          std::function<void(const std::string&)> log, bool is_dry_run)
       : _system(system),
         _loop(loop),
-        _books(books),
+        _wires(wires),
         _audit(std::move(audit)),
         _log(std::move(log)),
         _is_dry_run(is_dry_run) {}
@@ -106,12 +116,14 @@ class Leases {
   /// Calls `call` on the wire, and then `then` with what it has returned or thrown.
   void Call(WireId wire, std::function<std::string(System& system)> call, Then then);
   void End(const ServedDevicePointer& device, const std::string& error);
+  void Forget(const ServedDevicePointer& device);
+  void ReleaseLeftOver(const ServedDevicePointer& device, const Note& note);
   static void CallWaiting(Lease& lease);
   void Log(const std::string& text) const;
 
   System& _system;
   Loop& _loop;
-  WireId _books;
+  Wires _wires;
   Audit _audit;
   std::function<void(const std::string&)> _log;
   bool _is_dry_run;

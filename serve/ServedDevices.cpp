@@ -56,21 +56,27 @@ void ServedDevices::AddMissing() {
     if (_devices.contains(guid)) continue;
     auto device = std::make_shared<ServedDevice>();
     Make(config, *device);
-    if (!IsClaimed(*device)) _devices.emplace(guid, std::move(device));
+    const ServedDevicePointer claimant = ClaimantOf(*device);
+    if (!claimant) {
+      _devices.emplace(guid, std::move(device));
+    } else if (log) {
+      log(common::HexGuid(guid) + " is not served: " +
+          common::HexGuid(claimant->config.facts.node_guid) + " has a part of its memory");
+    }
   }
   Index();
 }
 
-bool ServedDevices::IsClaimed(const ServedDevice& device) const {
+ServedDevicePointer ServedDevices::ClaimantOf(const ServedDevice& device) const {
   for (const auto& [guid, other] : _devices) {
     for (const Claim& claim : device.claims) {
       if (std::ranges::any_of(other->claims,
                               [&](const Claim& taken) { return taken.Overlaps(claim); })) {
-        return true;
+        return other;
       }
     }
   }
-  return false;
+  return nullptr;
 }
 
 Claim ServedDevices::ClaimOf(const FlashConfig& flash) const {
@@ -86,7 +92,7 @@ Claim ServedDevices::ClaimOf(const FlashConfig& flash) const {
 }
 
 Claim ServedDevices::ClaimOf(const EepromConfig& eeprom) const {
-  if (eeprom.file) return {"file " + eeprom.file->path.string(), 0, eeprom.size};
+  if (eeprom.file) return {FileKey(_system, *eeprom.file), 0, eeprom.size};
   const I2cConfig& i2c = *eeprom.i2c;
   const FoundAdapter found = FindAdapter(_system, i2c.adapter);
   const std::uint32_t banks = ((eeprom.size - 1) >> i2c.offset_bits << i2c.bank_bit) + 1;
@@ -146,7 +152,7 @@ void ServedDevices::Make(const DeviceConfig& config, ServedDevice& device) {
 
 ServedChip ServedDevices::MakeEeprom(const EepromConfig& config) {
   if (config.file) {
-    const std::string key = "file " + config.file->path.string();
+    const std::string key = FileKey(_system, *config.file);
     return {Wrap(std::make_shared<FlatMemory>(*config.file, config.size, LockOf(key)), false),
             WireOf(key)};
   }

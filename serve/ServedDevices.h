@@ -61,6 +61,9 @@ class ServedDevices {
 
   ServedDevices(System& system, Options options) : _system(system), _options(options) {}
 
+  /// Takes what keeps a device from being served; may be empty.
+  std::function<void(const std::string&)> log;
+
   /// Serves what `configuration` has from now on, but for devices that are held: they stay as they
   /// are until Settle is called for them. What claims memory of another device is not served before
   /// that is gone.
@@ -83,7 +86,8 @@ class ServedDevices {
   ServedChip MakeEeprom(const EepromConfig& config);
   std::shared_ptr<Memory> Wrap(std::shared_ptr<Memory> memory, bool only_clears_bits) const;
   void AddMissing();
-  bool IsClaimed(const ServedDevice& device) const;
+  /// The device that has a part of its memory; null where none has.
+  ServedDevicePointer ClaimantOf(const ServedDevice& device) const;
   Claim ClaimOf(const FlashConfig& flash) const;
   Claim ClaimOf(const EepromConfig& eeprom) const;
   NodeLock& LockOf(const std::string& key);

@@ -401,11 +401,13 @@ AdapterConfig WayTo(System& system, const FoundAdapter& adapter) {
   return way;
 }
 
+std::string FileKey(System& system, const FileConfig& file) {
+  const std::string real = system.Resolve(file.path.string());
+  return "file " + (real.empty() ? file.path.string() : real);
+}
+
 std::string FlashKey(System& system, const FlashConfig& config) {
-  if (config.file) {
-    const std::string real = system.Resolve(config.file->path.string());
-    return "file " + (real.empty() ? config.file->path.string() : real);
-  }
+  if (config.file) return FileKey(system, *config.file);
   const std::vector<FoundMtd> found = Matching(ListMtds(system), *config.mtd);
   // All partitions of a flash are on its wire.
   if (!found.empty()) {

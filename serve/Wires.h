@@ -62,6 +62,8 @@ AdapterConfig WayTo(System& system, const FoundAdapter& adapter);
 /// same when the numbers of adapters change. Where the kernel does not have the adapter now, this
 /// is what the configuration says.
 std::string RootKey(System& system, const AdapterConfig& config);
+/// Names the file: without links where it exists.
+std::string FileKey(System& system, const FileConfig& file);
 /// Likewise names the flash, or the file.
 std::string FlashKey(System& system, const FlashConfig& config);
 

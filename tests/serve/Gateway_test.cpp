@@ -253,6 +253,22 @@ TEST_F(GatewayTest, ACrashIsFollowedByTheReleaseHook) {
   EXPECT_EQ(machine.system.ProgramRuns().size(), 1u);
 }
 
+TEST_F(GatewayTest, WhatIsLeftOverOfUnknownDevicesIsTold) {
+  AddFlash();
+  const std::string folder = "/run/fwpush-serve/";
+  machine.system.WriteText(folder + "0x0000000000009999.lease", "127.0.0.1:40001 1700000000\n");
+  const std::string no_note = folder + common::HexGuid(A) + ".lease";
+  machine.system.WriteText(no_note, "the content of a memory");
+  machine.Serve();
+  machine.gateway->ReleaseLeftOvers();
+  machine.loop.RunUntilIdle();
+  EXPECT_THAT(machine.log,
+              ElementsAre(HasSubstr("127.0.0.1:40001 held a device that is not served any more"),
+                          HasSubstr("is no note of a lease")));
+  EXPECT_EQ(machine.system.ReadText(no_note), "the content of a memory");
+  EXPECT_TRUE(machine.records.empty());
+}
+
 TEST_F(GatewayTest, AClientThatIsGoneKeepsItsDeviceUntilItsRequestIsDone) {
   DeviceConfig& device = AddFlash();
   device.prepare = {"/usr/lib/host-off"};

@@ -156,6 +156,8 @@ TEST_F(LeasesTest, PartitionsThatOverlapAreNotBothServed) {
   machine.Serve();
   EXPECT_EQ(machine.Ask(Write(A, 0, Bytes(4, 0)), 1), "ACK");
   EXPECT_THAT(machine.Ask(Write(B, 0, Bytes(4, 0)), 2), HasSubstr("No such device"));
+  EXPECT_THAT(machine.log, testing::Contains(HexGuid(B) + " is not served: " + HexGuid(A) +
+                                             " has a part of its memory"));
 }
 
 TEST_F(LeasesTest, NobodyReadsWhileADeviceIsPrepared) {
@@ -197,7 +199,9 @@ TEST_F(LeasesTest, AWriterTakesOverWhatAReaderHadPrepared) {
   machine.Disconnect(1);
   EXPECT_TRUE(machine.records.empty());
   machine.Disconnect(2);
-  EXPECT_EQ(machine.records.size(), 1u);
+  ASSERT_EQ(machine.records.size(), 1u);
+  EXPECT_EQ(machine.records[0].requests, 1u);
+  EXPECT_EQ(machine.records[0].peer, "127.0.0.1:40002");
 }
 
 TEST_F(LeasesTest, ASecondServerDoesNotReleaseWhatTheFirstHolds) {
