@@ -1,6 +1,7 @@
 #include "serve/Configuration.h"
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <bit>
@@ -57,6 +58,20 @@ void CheckPowerOfTwo(const TomlReader& reader, std::string_view key, std::uint32
 }
 
 /// Reads a file, and remembers what it has claimed for the devices so far.
+/// The path without links, as far as it exists.
+fs::path Real(const fs::path& path) {
+  std::error_code error;
+  const fs::path real = fs::weakly_canonical(path, error);
+  return error ? path.lexically_normal() : real;
+}
+
+/// The same text for all names of a file, hard links included.
+std::string NameOfFile(const fs::path& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) return Text(status.st_dev, ":", status.st_ino);
+  return Real(path).string();
+}
+
 class Loader {
  public:
   explicit Loader(const fs::path& path) : _path(path) {}
@@ -386,21 +401,26 @@ class Loader {
     _windows.push_back({mtd, flash.first, end, _owner});
   }
 
-  /// The configuration itself is no memory either.
+  /// The configuration itself is no memory either, nor is what the server keeps in its folder.
   void ClaimFile(const TomlReader& reader, std::string_view key, const fs::path& path,
                  const std::string& owner) {
     if (path.empty()) return;
-    if (path == _path.lexically_normal()) {
+    const std::string name = NameOfFile(path);
+    if (name == NameOfFile(_path)) {
       reader.ThrowAt(key, Text("'", key, "' is the configuration itself"));
     }
-    const auto [file, is_new] = _files.try_emplace(path, owner);
+    if (Real(path).parent_path() == Real(_configuration.state / "x").parent_path()) {
+      reader.ThrowAt(key,
+                     Text("'", key, "' is in the folder 'state', where the server's files are"));
+    }
+    const auto [file, is_new] = _files.try_emplace(name, owner);
     if (!is_new) reader.ThrowAt(key, Text("'", key, "' is the file of ", file->second, ", too"));
   }
 
   fs::path _path;
   Configuration _configuration;
   std::map<protocol::Guid, protocol::Guid> _guids;
-  std::map<fs::path, std::string> _files;  ///< by path: whose they are
+  std::map<std::string, std::string> _files;  ///< by NameOfFile: whose they are
   std::vector<Window> _windows;
   std::vector<ClaimedPlace> _places;
   std::string _owner;  ///< the device that is being read

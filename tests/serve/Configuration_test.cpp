@@ -330,6 +330,27 @@ TEST_F(ConfigurationTest, FileBelongsToOneMemory) {
             ":2: 'file' is the file of the audit log, too");
 }
 
+TEST_F(ConfigurationTest, FileBelongsToOneMemoryByAnyName) {
+  _folder.Write("flash.bin", "");
+  std::filesystem::create_symlink("flash.bin", _folder / "link");
+  std::filesystem::create_hard_link(_folder / "flash.bin", _folder / "hard");
+  for (const std::string name : {"link", "hard"}) {
+    const std::string chip =
+        "[[device.chip]]\nsize = 0x100\naddress = 0x50\nfile = '" + name + "'\n";
+    EXPECT_EQ(RefusalAfter(Device(0x10) + FLASH, Device(0x20) + chip),
+              ":6: 'file' is the file of 0x0000000000000010, too");
+    EXPECT_EQ(RefusalAfter("[server]\naudit = '" + name + "'\n" + Device(0x10), FLASH),
+              ":2: 'file' is the file of the audit log, too");
+  }
+}
+
+TEST_F(ConfigurationTest, NoMemoryIsInTheFolderOfLeases) {
+  const std::string chip =
+      "[[device.chip]]\nsize = 0x100\naddress = 0x50\nfile = 'state/0x0000000000000010.lease'\n";
+  EXPECT_EQ(RefusalAfter("[server]\nstate = './state'\n" + Device(0x20), chip),
+            ":4: 'file' is in the folder 'state', where the server's files are");
+}
+
 TEST_F(ConfigurationTest, TheExampleIsServed) {
   const auto example = std::filesystem::path(DOCUMENTS).parent_path() / "examples/serve.toml";
   const Configuration config = LoadConfiguration(example);
