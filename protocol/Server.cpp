@@ -30,6 +30,9 @@ constexpr int PROBE_INTERVAL = 5;   ///< seconds
 constexpr int PROBES = 3;           ///< without an answer
 constexpr int DEAD_AFTER = 25'000;  ///< milliseconds in which what was sent is not acknowledged
 
+/// A client that takes nothing of its answer for so long does not keep a server from its end.
+constexpr std::chrono::milliseconds LONGEST_FINISH{5000};
+
 void KeepAlive(int socket) {
   const auto set = [socket](int level, int option, int value) {
     // What the kernel does not have is left out: the client is found out later.
@@ -101,10 +104,15 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Read();
   }
 
-  /// Closes the connection when what is under way is answered.
+  /// Closes the connection when what is under way is answered. A client that does not take its
+  /// answer is not waited for.
   void Finish() {
     _session.Finish();
-    if (!_is_busy && _steps.empty() && _session.IsFinished()) End();
+    if (!_is_busy && _steps.empty() && _session.IsFinished()) return End();
+    _idle = _idle.count() == 0 ? LONGEST_FINISH : std::min(_idle, LONGEST_FINISH);
+    NoteActivity();
+    _idle_timer.cancel();
+    WatchIdleness();
   }
 
   void End() {

@@ -254,6 +254,17 @@ TEST_F(LateServerTest, FinishedServerAnswersWhatIsUnderWay) {
   finisher.join();
 }
 
+TEST_F(LateServerTest, FinishedServerDoesNotWaitForWhoTakesNoAnswer) {
+  ServerThread server(_handler);
+  Client client(server.Port());
+  client.Send(Frame("one"));
+  ASSERT_TRUE(_handler.WaitForRequests(1));
+  // Of several pieces: the client never agrees to the second.
+  Answer(server, 0, std::string(3 << 20, 'a'));
+  server.Finish();
+  EXPECT_TRUE(WaitForEnds(1));
+}
+
 TEST_F(LateServerTest, FinishedServerTakesNoFurtherRequest) {
   ServerThread server(_handler);
   Client client(server.Port());
