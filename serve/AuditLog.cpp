@@ -52,16 +52,19 @@ std::string AuditLine(const LeaseRecord& record) {
 
 AuditLog::AuditLog(const std::filesystem::path& path)
     : _path(path),
-      _file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640)) {
+      _file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+                 0640)) {
   if (!_file.IsOpen()) ThrowFileError(path);
 }
 
 void AuditLog::Write(const LeaseRecord& record) {
-  const std::string line = AuditLine(record) + "\n";
+  // After a line that the disk had no room for, this one begins a new line.
+  const std::string line = (_is_torn ? "\n" : "") + AuditLine(record) + "\n";
   // One call, so that no other writer comes in between.
   const ssize_t written = write(_file.Get(), line.data(), line.size());
   if (written < 0) ThrowFileError(_path);
-  if (static_cast<std::size_t>(written) < line.size()) {
+  _is_torn = static_cast<std::size_t>(written) < line.size();
+  if (_is_torn) {
     throw std::runtime_error(_path.string() + ": the disk is full");
   }
   // A pipe or a terminal has no disk.

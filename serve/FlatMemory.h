@@ -50,8 +50,8 @@ class FlatMemory : public Memory {
   int _descriptor = -1;
   Access _access = Access::READ;
   std::uint32_t _erase_size = 0;  ///< bytes of one erase; valid while it is open
-  std::uint64_t _size = 0;    ///< bytes of the memory; valid while it is open
-  std::vector<bool> _erased;  ///< by granule, since the memory was opened for writing
+  std::uint64_t _size = 0;        ///< bytes of the memory; valid while it is open
+  std::vector<bool> _erased;      ///< by granule, since the memory was opened for writing
 };
 
 }  // namespace serve

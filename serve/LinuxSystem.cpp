@@ -25,6 +25,8 @@
 
 namespace serve {
 
+static_assert(sizeof(off_t) == 8, "offsets of memories do not fit");
+
 namespace {
 
 using common::Descriptor;

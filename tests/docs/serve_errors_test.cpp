@@ -17,10 +17,10 @@ const std::filesystem::path ROOT = std::filesystem::path(DOCUMENTS).parent_path(
 
 /// What an element of an answer may be made of.
 constexpr const char* FILES[] = {
-    "serve/ChipWork.cpp",   "serve/DryMemory.cpp",     "serve/Eeprom.cpp",
-    "serve/FlatMemory.cpp", "serve/Gateway.cpp",       "serve/Leases.cpp",
-    "serve/Memory.cpp",     "serve/Memory.h",          "serve/ServedDevices.cpp",
-    "serve/Wires.cpp",      "protocol/DeviceFacts.cpp"};
+    "serve/ChipWork.cpp",   "serve/DryMemory.cpp",      "serve/Eeprom.cpp",
+    "serve/FlatMemory.cpp", "serve/Gateway.cpp",        "serve/Leases.cpp",
+    "serve/Memory.cpp",     "serve/Memory.h",           "serve/ServedDevices.cpp",
+    "serve/Wires.cpp",      "protocol/DeviceFacts.cpp", "protocol/Session.cpp"};
 
 /// Literals with a blank that are no texts of errors.
 const std::set<std::string> OTHERS = {
@@ -29,6 +29,10 @@ const std::set<std::string> OTHERS = {
     "no lease",
     ": the server ended while ",  // the server's own log
     " held it",
+    " is no note of a lease: it is left alone",
+    " held a device that is not served any more: it is not released",
+    " is not served: ",
+    " has a part of its memory",
     ": another server uses this 'state'",  // at its start
     "hooks of ",                           // names of wires
     // Of configurations, before anything is served.

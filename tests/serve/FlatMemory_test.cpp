@@ -265,6 +265,18 @@ TEST_F(FlashTest, AFlashThatIsNotThereIsTheErrorOfItsRequest) {
   EXPECT_EQ(machine.Ask("vsMultiMaxGet"), "64");
 }
 
+TEST_F(FlashTest, WhatIsAcknowledgedOfAFileIsOnTheDiskUnlessTheFileSaysOtherwise) {
+  for (const bool syncs : {true, false}) {
+    ServedMachine other;
+    other.AddFileFlash(GUID, "/srv/flash.bin", 0x10000, SECTOR).flash->file->syncs = syncs;
+    other.Serve();
+    other.Ask(Write(0, Bytes(4, 0)));
+    EXPECT_EQ(other.system.Calls(hardware::Call::FLUSH), syncs ? 1u : 0u);
+    other.Ask(Erase(0));
+    EXPECT_EQ(other.system.Calls(hardware::Call::FLUSH), syncs ? 2u : 0u);
+  }
+}
+
 TEST_F(FlashTest, AFlashMayAppearByItsHook) {
   VirtualFlash& flash = Add({.is_present = false});
   machine.configuration.devices[0].prepare = {"/usr/lib/bind"};
