@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <numeric>
+#include <utility>
 
 #include "common/Text.h"
 #include "device/Boot.h"
@@ -541,9 +541,9 @@ void Endurance::CheckPause() {
   Sample sample{.hours = Hours()};
   sample.descriptors = _machine.system.OpenDescriptors();
   sample.process_descriptors = ProcessDescriptors();
-  // What tests look at, and this run does not.
-  _machine.records = {};
-  _machine.log = {};
+  // What tests look at, and this run does not. Their room on the heap goes, too.
+  std::exchange(_machine.records, std::vector<serve::LeaseRecord>());
+  std::exchange(_machine.log, std::vector<std::string>());
   _machine.system.ForgetProgramRuns();
   sample.heap = mallinfo2().uordblks + mallinfo2().hblkhd;
   std::set<const device::Image*> images;
