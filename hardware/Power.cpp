@@ -47,13 +47,16 @@ void Power::Program(device::MemoryKind kind, device::Cells page, std::size_t at,
     OnWrapped(cells, at, wanted.size(),
               [&](device::Cells row) { device::ProgramTorn(kind, row, wanted, tear); });
   };
-  if (!bytes.empty()) Do({page, _clock.Now(), _clock.Now() + takes, whole, torn, {}});
+  if (bytes.empty()) return;
+  if (_is_on && _before_change) _before_change({page, false, at, bytes});
+  Do({page, _clock.Now(), _clock.Now() + takes, whole, torn, {}});
 }
 
 void Power::Erase(device::Cells sector, Time takes) {
   const auto torn = [](device::Cells cells, Random& random) {
     device::EraseTorn(cells, [&](std::size_t) { return random() % 2 == 0; });
   };
+  if (_is_on && _before_change) _before_change({sector, true, 0, {}});
   Do({sector, _clock.Now(), _clock.Now() + takes, device::Erase, torn, {}});
 }
 

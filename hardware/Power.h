@@ -39,6 +39,18 @@ class Power {
   /// Forgets a planned cut, too.
   void TurnOn();
 
+  /// A change that a memory is asked for, before any of it is made.
+  struct Request {
+    device::View cells;  ///< of the page or the sector, as they are
+    bool is_erase;
+    std::size_t at;      ///< in `cells`, of the first byte; the others may wrap at their end
+    device::View bytes;  ///< to be programmed; empty for an erase
+  };
+  /// Calls before each change that is made, whole or torn.
+  void BeforeChange(std::function<void(const Request& request)> call) {
+    _before_change = std::move(call);
+  }
+
   /// Programs `bytes` into `page` from `at`, wrapping at its end; at most as many as the page has.
   /// It begins now; the caller lets the time pass that it `takes`. What takes no time is never
   /// undone; the cells of anything else must live as long as the power.
@@ -63,6 +75,7 @@ class Power {
   VirtualClock& _clock;
   Random _random;
   std::function<void(Random& random)> _when_cut;
+  std::function<void(const Request& request)> _before_change;
   std::vector<Change> _lasting;  ///< in the order in which they began
   std::uint64_t _changes = 0;
   std::uint64_t _last_change = 0;  ///< by the count of changes; 0: no cut is planned

@@ -45,10 +45,10 @@ std::string Contents(const Descriptor& file) {
 /// One client's connection.
 class ClientConnection {
  public:
-  ClientConnection(Descriptor connection, sim::Fabric& fabric, FaultInjector& injector,
-                   pid_t client, RunOutcome& outcome, steady_clock::time_point deadline)
+  ClientConnection(Descriptor connection, Responder& devices, FaultInjector& injector, pid_t client,
+                   RunOutcome& outcome, steady_clock::time_point deadline)
       : _connection(std::move(connection)),
-        _fabric(fabric),
+        _devices(devices),
         _injector(injector),
         _client(client),
         _outcome(outcome),
@@ -65,7 +65,15 @@ class ClientConnection {
       const std::size_t index = _outcome.requests.size();
       _outcome.requests.push_back(request);
       const bool is_executed = _injector.BeforeRequest(index, request, _client);
-      const std::string answer = is_executed ? _fabric.Execute(request).text : "";
+      std::string answer;
+      if (is_executed) {
+        std::optional<std::string> right = _devices.Answer(request);
+        if (!right) {
+          _outcome.answers.emplace_back();
+          return _connection.Close();
+        }
+        answer = *std::move(right);
+      }
       _outcome.answers.push_back(answer);
       if (const InjectedFault* injected = _injector.FaultFor(index, request, answer)) {
         SendFaulty(*injected);
@@ -182,7 +190,7 @@ class ClientConnection {
   }
 
   Descriptor _connection;
-  sim::Fabric& _fabric;
+  Responder& _devices;
   FaultInjector& _injector;
   pid_t _client;
   RunOutcome& _outcome;
@@ -194,17 +202,14 @@ class ClientConnection {
 /// Injects one fault, or none.
 class SingleFaultInjector : public FaultInjector {
  public:
-  SingleFaultInjector(const InjectedFault* injected, sim::Fabric& fabric)
-      : _injected(injected), _fabric(fabric) {}
+  SingleFaultInjector(const InjectedFault* injected, Responder& devices)
+      : _injected(injected), _devices(devices) {}
 
-  bool BeforeRequest(std::size_t index, const std::string&, pid_t) override {
+  bool BeforeRequest(std::size_t index, const std::string& request, pid_t) override {
     if (!IsHit(index)) return true;
     if (_injected->fault == AnswerFault::ELEMENT_ERROR ||
         _injected->fault == AnswerFault::ELEMENT_TARGET_ERROR) {
-      sim::Fault fault;
-      fault.kind = sim::Fault::DEVICE_ERROR;
-      fault.device = _injected->device;
-      _fabric.faults.Add(fault);
+      _devices.FailNext(_injected->device, request);
     }
     // An error for all devices means that the request was not executed.
     return _injected->fault != AnswerFault::ERROR_ANSWER &&
@@ -221,7 +226,7 @@ class SingleFaultInjector : public FaultInjector {
   bool IsHit(std::size_t index) const { return _injected && _injected->at == index; }
 
   const InjectedFault* _injected;
-  sim::Fabric& _fabric;
+  Responder& _devices;
 };
 
 }  // namespace
@@ -230,13 +235,13 @@ std::string MisbehavingServer::Name(const std::string& type) const {
   return Text(type, ":127.0.0.1:", _listener.Port());
 }
 
-RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, Responder& devices,
                                   const InjectedFault* injected, milliseconds limit) {
-  SingleFaultInjector injector(injected, fabric);
-  return Run(words, fabric, injector, limit);
+  SingleFaultInjector injector(injected, devices);
+  return Run(words, devices, injector, limit);
 }
 
-RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, Responder& devices,
                                   FaultInjector& injector, milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
   RunOutcome outcome;
@@ -253,8 +258,10 @@ RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fa
   if (WaitUntilReadable(_listener.Get(), child.EndDescriptor(), deadline)) {
     Descriptor connection = _listener.TryAccept();
     if (connection.IsOpen()) {
-      ClientConnection(std::move(connection), fabric, injector, child.Pid(), outcome, deadline)
+      devices.Connected();
+      ClientConnection(std::move(connection), devices, injector, child.Pid(), outcome, deadline)
           .Serve();
+      devices.Disconnected();
     }
   }
   outcome.in_time = child.WaitUntil(deadline).has_value();
@@ -264,6 +271,7 @@ RunOutcome MisbehavingServer::Run(const std::vector<std::string>& words, sim::Fa
   outcome.signal = ending.signal;
   outcome.output = Contents(output);
   outcome.errors = Contents(errors);
+  outcome.server_error = devices.Wrong();
   return outcome;
 }
 

@@ -1,5 +1,5 @@
-/// A bus server for one client at a time. It answers from a simulated fabric, but for the faults
-/// that are injected into its answers.
+/// A bus server for one client at a time. It answers as its devices do, but for the faults that are
+/// injected into its answers.
 #pragma once
 
 #include <sys/types.h>
@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "protocol/Listener.h"
-#include "sim/Fabric.h"
 #include "trials/AnswerFaults.h"
+#include "trials/Responder.h"
 
 namespace trials {
 
@@ -30,6 +30,7 @@ struct RunOutcome {
   int signal = 0;              ///< the signal that ended it; 0 where none did
   bool in_time = true;         ///< false: it was killed at the end of its time limit
   std::string protocol_error;  ///< what the client sent wrong; empty where all was right
+  std::string server_error;    ///< what the devices' side did wrong; empty where all was right
   std::vector<std::string> requests;
   std::vector<std::string> answers;  ///< the right ones, whatever was sent
 };
@@ -38,7 +39,7 @@ struct RunOutcome {
 class FaultInjector {
  public:
   virtual ~FaultInjector() = default;
-  /// Called before a request is executed. May change the fabric or send the client a signal. The
+  /// Called before a request is executed. May change the devices or send the client a signal. The
   /// request is not executed where it returns false.
   virtual bool BeforeRequest(std::size_t index, const std::string& request, pid_t client) = 0;
   /// The fault to inject into the answer; null for none. Owned by the injector, valid until the
@@ -55,13 +56,13 @@ class MisbehavingServer {
   /// "TYPE:HOST:PORT", for -s.
   std::string Name(const std::string& type) const;
 
-  /// Starts the program `words[0]` with the other words as its arguments, and serves it from
-  /// `fabric` until it ends, or is killed after `limit`. `injected` may be null.
-  RunOutcome Run(const std::vector<std::string>& words, sim::Fabric& fabric,
+  /// Starts the program `words[0]` with the other words as its arguments, and lets `devices`
+  /// answer it until it ends, or is killed after `limit`. `injected` may be null.
+  RunOutcome Run(const std::vector<std::string>& words, Responder& devices,
                  const InjectedFault* injected, std::chrono::milliseconds limit);
   /// The same with any number of faults.
-  RunOutcome Run(const std::vector<std::string>& words, sim::Fabric& fabric,
-                 FaultInjector& injector, std::chrono::milliseconds limit);
+  RunOutcome Run(const std::vector<std::string>& words, Responder& devices, FaultInjector& injector,
+                 std::chrono::milliseconds limit);
 
  private:
   protocol::Listener _listener;

@@ -9,6 +9,7 @@
 #include "device/Crc.h"
 #include "device/ImageFile.h"
 #include "sim/Filling.h"
+#include "trials/ServedFabric.h"
 
 namespace trials {
 
@@ -255,10 +256,22 @@ std::vector<std::unique_ptr<MatrixBurn>> MatrixBurn::All(const common::ScratchFo
        .has_marker = false},
   };
   std::vector<std::unique_ptr<MatrixBurn>> burns;
-  burns.push_back(Generic(folder));
-  for (const FlashState& state : STATES) burns.push_back(Rv52100(folder, state));
-  burns.push_back(Rv61300(folder));
+  for (const bool is_served : {false, true}) {
+    const auto add = [&](std::unique_ptr<MatrixBurn> burn) {
+      burn->_is_served = is_served;
+      if (is_served) burn->_name = "served-" + burn->_name;
+      burns.push_back(std::move(burn));
+    };
+    add(Generic(folder));
+    for (const FlashState& state : STATES) add(Rv52100(folder, state));
+    add(Rv61300(folder));
+  }
   return burns;
+}
+
+std::unique_ptr<Responder> MatrixBurn::Answering(sim::Fabric& fabric) const {
+  if (_is_served) return std::make_unique<ServedFabric>(fabric);
+  return std::make_unique<FabricResponder>(fabric);
 }
 
 sim::Fabric MatrixBurn::Start() const { return Repaired(_start); }

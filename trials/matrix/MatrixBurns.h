@@ -17,6 +17,7 @@
 #include "sim/Filling.h"
 #include "trials/AnswerFaults.h"
 #include "trials/BurnOutput.h"
+#include "trials/Responder.h"
 
 namespace trials {
 
@@ -31,7 +32,8 @@ struct RunVerdict {
 /// An image and the devices that it is burnt into.
 class MatrixBurn {
  public:
-  /// The burns of all kinds and starting states. Their images live in `folder`.
+  /// The burns of all kinds and starting states, each twice: the devices are simulated, or memories
+  /// that fwpush-serve's gateway serves. Their images live in `folder`.
   static std::vector<std::unique_ptr<MatrixBurn>> All(const common::ScratchFolder& folder);
 
   const std::string& Name() const { return _name; }
@@ -43,6 +45,11 @@ class MatrixBurn {
   /// The command line without the server.
   std::vector<std::string> Words(const std::string& program) const;
   const std::string& ServerType() const { return _server_type; }
+  /// Whether fwpush-serve's gateway answers.
+  bool IsServed() const { return _is_served; }
+  /// What answers the requests of a run. Borrows `fabric`, which holds afterwards what the run
+  /// leaves.
+  std::unique_ptr<Responder> Answering(sim::Fabric& fabric) const;
 
   /// Whether the device is not burnt, because it has no valid image to fall back on.
   bool IsLeftAlone(Guid guid) const { return _untouched.contains(guid); }
@@ -86,6 +93,7 @@ class MatrixBurn {
   device::Image _image;
   std::vector<std::string> _switches;
   std::string _server_type = "IB";
+  bool _is_served = false;
   BurnFacts _facts;
   sim::Fabric _start;
   std::vector<FailedDevice> _refused;

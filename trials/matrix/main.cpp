@@ -81,6 +81,7 @@ class CaseRunner {
     };
     if (!outcome.in_time) fail("it does not end by itself");
     if (!outcome.protocol_error.empty()) fail(outcome.protocol_error);
+    if (!outcome.server_error.empty()) fail(outcome.server_error);
     const bool is_well = EndsLikeFaultFreeRun(burn, outcome);
     result.end = HasSucceeded(outcome) ? "succeeded" : outcome.signal != 0 ? "aborted" : "ended";
     CheckEnd(of, expected, outcome, is_well, fail);
@@ -129,7 +130,7 @@ class CaseRunner {
     std::vector<std::string> words = burn.Words(program);
     words.insert(words.end(), switches.begin(), switches.end());
     words.insert(words.end(), {"-s", _server.Name(burn.ServerType())});
-    return _server.Run(words, fabric, injected, LIMIT);
+    return _server.Run(words, *burn.Answering(fabric), injected, LIMIT);
   }
 
   /// Whether the run ends as the fault-free one.
@@ -234,6 +235,7 @@ class CaseRunner {
                          const sim::Fabric& fabric) {
     if (!outcome.in_time) return "does not end by itself";
     if (!outcome.protocol_error.empty()) return outcome.protocol_error;
+    if (!outcome.server_error.empty()) return outcome.server_error;
     if (!EndsLikeFaultFreeRun(burn, outcome)) {
       return Text("ends with status ", outcome.status, ", signal ", outcome.signal, ", \"",
                   FinalErrorIn(outcome.output), "\"");
@@ -262,6 +264,7 @@ class CaseRunner {
   void CheckBurnWithN(const MatrixBurn& burn, const sim::Fabric& left, const Fail& fail) {
     sim::Fabric fabric = burn.Repaired(left);
     const RunOutcome outcome = RunBurn(burn, FWPUSH_PROGRAM, fabric, nullptr, {"-n"});
+    if (!outcome.server_error.empty()) fail(outcome.server_error);
     if (outcome.status != 0) fail(Text("a burn with -n ends with status ", outcome.status));
     for (const auto& [guid, device] : fabric.Devices()) {
       const RunVerdict verdict = burn.Judge(device, device::BurnKind::PLAIN);
@@ -290,17 +293,26 @@ std::vector<Case> AllCases(const std::vector<std::unique_ptr<MatrixBurn>>& burns
 }
 
 /// Orders the cases so that the first N, for any N, hold about the same number of each fault at
-/// each kind of request.
+/// each kind of request, and every third one is served by fwpush-serve's gateway, while there are
+/// such.
 void Balance(std::vector<Case>& cases, unsigned seed) {
   std::shuffle(cases.begin(), cases.end(), std::mt19937(seed));
-  std::map<std::pair<const AnswerFaultRow*, RequestKind>, std::size_t> counts;
-  std::vector<std::pair<std::size_t, Case>> ranked;
-  ranked.reserve(cases.size());
+  std::map<std::pair<const AnswerFaultRow*, RequestKind>, std::size_t> counts[2];
+  std::vector<std::pair<std::size_t, Case>> ranked[2];
   for (const Case& each : cases) {
-    ranked.emplace_back(counts[{each.fault, each.burn->requests[each.at].kind}]++, each);
+    const bool is_served = each.burn->IsServed();
+    const RequestKind kind = each.burn->requests[each.at].kind;
+    ranked[is_served].emplace_back(counts[is_served][{each.fault, kind}]++, each);
   }
-  std::ranges::stable_sort(ranked, {}, &std::pair<std::size_t, Case>::first);
-  std::ranges::transform(ranked, cases.begin(), &std::pair<std::size_t, Case>::second);
+  for (auto& list : ranked) {
+    std::ranges::stable_sort(list, {}, &std::pair<std::size_t, Case>::first);
+  }
+  std::size_t taken[2] = {};
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    std::size_t list = i % 3 == 2 ? 1 : 0;
+    if (taken[list] == ranked[list].size()) list = 1 - list;
+    cases[i] = ranked[list][taken[list]++].second;
+  }
 }
 
 /// Counts of the cases of one burn and one fault.
