@@ -69,6 +69,11 @@ bool IsRead(const trials::ParsedExchange& request) {
 }  // namespace
 
 std::string PlannedFault::Name() const {
+  if (of_memory) {
+    return std::string(
+        std::ranges::find(trials::AllMemoryFaults(), *of_memory, &trials::MemoryFaultRow::fault)
+            ->name);
+  }
   if (kind == FaultKind::ANSWER) {
     return std::string(
         std::ranges::find(trials::AllAnswerFaults(), fault, &trials::AnswerFaultRow::fault)->name);
@@ -148,14 +153,54 @@ bool PlannedFaultInjector::BeforeRequest(std::size_t index, const std::string& r
     _occurred.push_back({*planned, parsed});
   } else if (planned->kind == FaultKind::ANSWER) {
     // The errors are true: the device, or the server, has not executed the request.
-    if (planned->fault == AnswerFault::ELEMENT_ERROR && !parsed.devices.empty())
-      InjectIntoDevice(*planned, parsed);
+    if (planned->fault == AnswerFault::ELEMENT_ERROR && !parsed.devices.empty()) {
+      if (_served) {
+        InjectIntoMemory(*planned, parsed);
+      } else {
+        InjectIntoDevice(*planned, parsed);
+      }
+    }
     return planned->fault != AnswerFault::ERROR_ANSWER &&
            planned->fault != AnswerFault::TARGET_ERROR_ANSWER;
+  } else if (_served) {
+    InjectIntoMemory(*planned, parsed);
   } else {
     InjectIntoDevice(*planned, parsed);
   }
   return true;
+}
+
+/// A request that needs no memory is not hit: the next one is.
+void PlannedFaultInjector::InjectIntoMemory(PlannedFault planned,
+                                            const trials::ParsedExchange& request) {
+  using trials::MemoryFault;
+  Random random(planned.seed);
+  const std::size_t index = planned.at;
+  if (request.devices.empty()) return Postpone(index);
+  const Guid guid = request.devices[random.Below(request.devices.size())];
+  const sim::Device* const device = _fabric.Find(guid);
+  if (device == nullptr) return;
+  auto faults = trials::ServedFabric::FaultsAt(*device, request.text);
+  const bool cuts = std::erase(faults, MemoryFault::POWER_LOST) > 0;
+  if (planned.kind == FaultKind::CUT && cuts) faults = {MemoryFault::POWER_LOST};
+  if (faults.empty()) return Postpone(index);
+  const MemoryFault fault = faults[random.Below(faults.size())];
+  planned.of_memory = fault;
+  const std::uint32_t nth = random.Chance(60) ? 1 : random.Between(1, 4);
+  _served->Inject(fault, guid, request.text, nth, random.Seed());
+  OccurredFault occurred{planned, request};
+  occurred.device = guid;
+  if (fault == MemoryFault::POWER_LOST) {
+    occurred.ends = {"Failed remote read from server "};
+  } else if (fault != MemoryFault::ARBITRATION_LOST) {
+    // A write that changes nothing may not meet the fault.
+    occurred.ends = {"No more accessible devices"};
+    if (IsRead(request)) PredictEffects(occurred);
+    if (fault == MemoryFault::STUCK_BUS && _scenario.Slots() == SlotKind::BOOT_RECORDS) {
+      occurred.asserts = {"read_data.size() == 16"};
+    }
+  }
+  _occurred.push_back(occurred);
 }
 
 void PlannedFaultInjector::InjectIntoDevice(const PlannedFault& planned,
@@ -221,7 +266,8 @@ const trials::InjectedFault* PlannedFaultInjector::FaultFor(std::size_t index,
                                                             const std::string& answer) {
   const PlannedFault* planned = FaultAt(index);
   if (planned == nullptr || planned->kind != FaultKind::ANSWER) return nullptr;
-  // The fabric answers with the fault itself.
+  // The devices answer with the fault themselves.
+  if (_served && planned->fault == AnswerFault::ELEMENT_ERROR) return nullptr;
   if (!_occurred.empty() && _occurred.back().planned.at == index) return nullptr;
   OccurredFault occurred{*planned, trials::ParseExchange(request, answer, _has_written)};
   const auto targets = trials::FaultTargets(planned->fault, occurred.request);

@@ -9,6 +9,7 @@
 
 #include "sim/Fabric.h"
 #include "trials/MisbehavingServer.h"
+#include "trials/ServedFabric.h"
 #include "trials/soak/Random.h"
 #include "trials/soak/Scenario.h"
 
@@ -35,6 +36,8 @@ struct PlannedFault {
   FaultKind kind = FaultKind::ANSWER;
   trials::AnswerFault fault = trials::AnswerFault::BYTEWISE;  ///< of ANSWER
   std::uint64_t seed = 0;                                     ///< for the choice of device and bits
+  /// What happens to a served memory instead of a fault of the simulated device.
+  std::optional<trials::MemoryFault> of_memory;
   std::string Name() const;
 };
 
@@ -61,9 +64,10 @@ std::vector<PlannedFault> PlanFaults(std::uint32_t requests, Random& random);
 /// Injects the planned faults into a run.
 class PlannedFaultInjector : public trials::FaultInjector {
  public:
-  PlannedFaultInjector(const Scenario& scenario, sim::Fabric& fabric,
+  /// `served` is null where the fabric answers.
+  PlannedFaultInjector(const Scenario& scenario, sim::Fabric& fabric, trials::ServedFabric* served,
                        const std::vector<PlannedFault>& faults)
-      : _scenario(scenario), _fabric(fabric), _planned(faults) {}
+      : _scenario(scenario), _fabric(fabric), _served(served), _planned(faults) {}
 
   bool BeforeRequest(std::size_t index, const std::string& request, pid_t client) override;
   const trials::InjectedFault* FaultFor(std::size_t index, const std::string& request,
@@ -78,11 +82,13 @@ class PlannedFaultInjector : public trials::FaultInjector {
   /// one.
   void Postpone(std::size_t index);
   void InjectIntoDevice(const PlannedFault& planned, const trials::ParsedExchange& request);
+  void InjectIntoMemory(PlannedFault planned, const trials::ParsedExchange& request);
   void PredictEffects(OccurredFault& occurred) const;
   void PredictEffectsOfAnswer(OccurredFault& occurred) const;
 
   const Scenario& _scenario;
   sim::Fabric& _fabric;
+  trials::ServedFabric* _served;
   std::vector<PlannedFault> _planned;
   std::vector<OccurredFault> _occurred;
   std::uint32_t _short_writes = 0;

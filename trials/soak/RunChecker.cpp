@@ -132,6 +132,7 @@ void RunChecker::CheckRefusal(const BurnRun& run) {
 void RunChecker::CheckOutcome(const trials::RunOutcome& outcome) {
   if (!outcome.in_time) Fail("it does not end by itself");
   if (!outcome.protocol_error.empty()) Fail(outcome.protocol_error);
+  if (!outcome.server_error.empty()) Fail(outcome.server_error);
 }
 
 /// The error that must end the run without any fault; empty where it must succeed.

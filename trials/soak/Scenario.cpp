@@ -6,6 +6,7 @@
 
 #include "common/Text.h"
 #include "sim/Filling.h"
+#include "trials/ServedFabric.h"
 #include "trials/soak/ImageText.h"
 
 namespace soak {
@@ -41,6 +42,7 @@ class ScenarioMaker {
       SetUpBootRecords();
     }
     if (_random.Chance(8) && _scenario.row.empty() && !_scenario.rewrites_invariant) MakeRefused();
+    ChooseServer();
     _scenario.text = TextOf(_image, _random);
     _scenario.image = _image.Loaded();
     WriteSwitches();
@@ -484,6 +486,23 @@ class ScenarioMaker {
     const auto& row = rows[_random.Below(std::size(rows))];
     _image.bad_lines = {row.line};
     _scenario.refusal = row.reason;
+  }
+
+  // ---- The server
+
+  /// A third of the scenarios is served by fwpush-serve's gateway: with the facts that it has, and
+  /// but for a burn that an old version must refuse. Draws nothing, so that the others stay as they
+  /// are.
+  void ChooseServer() {
+    constexpr std::uint64_t GOLDEN_RATIO = 0x9E3779B97F4A7C15;  // spreads neighbouring seeds
+    if ((_scenario.seed * GOLDEN_RATIO >> 32) % 3 != 0) return;
+    if (_scenario.refusal.find("required version") != std::string::npos) return;
+    sim::ServerFacts& facts = _scenario.fabric.facts;
+    facts.ifc_version = "2.2";
+    if (facts.multi_max == "many") facts.multi_max = "1";
+    const std::string why = trials::ServedFabric::WhyNotServed(_scenario.fabric);
+    if (!why.empty()) throw std::logic_error("fwpush-serve cannot serve the scenario: " + why);
+    _scenario.is_served = true;
   }
 
   // ---- The command line

@@ -27,6 +27,7 @@ struct Scenario {
   Image image;
   std::string text;  ///< the image file
   sim::Fabric fabric;
+  bool is_served = false;  ///< by fwpush-serve's gateway, over models of real memories
   std::string server_type;
   std::uint32_t log2_chunk = 5;  ///< -m
   std::vector<std::string> switches;

@@ -5,6 +5,7 @@
 
 #include "common/Text.h"
 #include "sim/Filling.h"
+#include "trials/ServedFabric.h"
 #include "trials/soak/RunChecker.h"
 
 namespace soak {
@@ -30,7 +31,12 @@ class ScenarioRun {
         _out(out),
         _spoil(spoil),
         _statistics(statistics),
-        _checker(scenario, statistics, out) {}
+        _checker(scenario, statistics, out),
+        _simulated(scenario.fabric) {
+    if (!scenario.is_served) return;
+    _served = std::make_unique<trials::ServedFabric>(scenario.fabric);
+    ++statistics.served;
+  }
 
   void Run() {
     Show();
@@ -70,8 +76,10 @@ class ScenarioRun {
     std::vector<std::string> words = {_program, "-f", _file};
     words.insert(words.end(), _scenario.switches.begin(), _scenario.switches.end());
     words.insert(words.end(), {"-s", _server.Name(_scenario.server_type)});
-    PlannedFaultInjector injector(_scenario, fabric, faults);
-    run.outcome = _server.Run(words, fabric, injector, LIMIT);
+    PlannedFaultInjector injector(_scenario, fabric, _served.get(), faults);
+    trials::Responder* devices = &_simulated;
+    if (_served) devices = _served.get();
+    run.outcome = _server.Run(words, *devices, injector, LIMIT);
     fabric.observer = nullptr;
     fabric.faults = sim::FaultLayer();
     run.occurred = injector.Occurred();
@@ -127,7 +135,8 @@ class ScenarioRun {
 
   void Show() const {
     if (_out == nullptr) return;
-    *_out << "scenario " << std::dec << _scenario.seed << ": " << _scenario.kind << ", server "
+    *_out << "scenario " << std::dec << _scenario.seed << ": " << _scenario.kind
+          << (_scenario.is_served ? ", served by fwpush-serve" : ", simulated") << ", server "
           << _scenario.server_type << ", version " << _scenario.fabric.facts.ifc_version
           << ", at once " << _scenario.fabric.facts.multi_max << "\n"
           << _scenario.text << "\nfwpush";
@@ -183,6 +192,8 @@ class ScenarioRun {
   Spoil _spoil;
   Statistics& _statistics;
   RunChecker _checker;
+  trials::FabricResponder _simulated;
+  std::unique_ptr<trials::ServedFabric> _served;  ///< null where the fabric answers
   std::vector<std::string>
       _signs;  ///< texts, one of which a failure has that detects the deliberate change
 };

@@ -4,6 +4,7 @@ namespace soak {
 
 Statistics& Statistics::operator+=(const Statistics& other) {
   scenarios += other.scenarios;
+  served += other.served;
   runs += other.runs;
   for (const auto& [kind, count] : other.kinds) kinds[kind] += count;
   for (const auto& [fault, by_end] : other.ends) {

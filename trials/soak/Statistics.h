@@ -10,6 +10,7 @@ namespace soak {
 
 struct Statistics {
   std::uint32_t scenarios = 0;
+  std::uint32_t served = 0;  ///< scenarios whose devices fwpush-serve's gateway serves
   std::uint32_t runs = 0;
   std::map<std::string, std::uint32_t> kinds;                        ///< scenarios by kind
   std::map<std::string, std::map<std::string, std::uint32_t>> ends;  ///< of runs, by fault

@@ -37,6 +37,7 @@ void PrintTable(const Statistics& statistics) {
     std::cout << "\n";
   }
   std::vector<std::pair<const char*, std::uint64_t>> counts = {
+      {"scenarios served by fwpush-serve", statistics.served},
       {"runs of fwpush", statistics.runs},
       {"requests", statistics.requests},
       {"devices burnt", statistics.burnt},
