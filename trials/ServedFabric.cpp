@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <functional>
+#include <stdexcept>
+#include <utility>
 
 #include "common/Text.h"
 #include "trials/AnswerFaults.h"
@@ -10,7 +13,6 @@
 namespace trials {
 
 using common::Text;
-using hardware::VirtualEeprom;
 
 namespace {
 
