@@ -20,6 +20,7 @@ namespace hardware {
 struct Asked {
   std::string answer;
   bool is_answered = false;
+  std::size_t answers = 0;  ///< one, in the end
   std::size_t heartbeats = 0;
   Time asked_at{0};
   Time answered_at{0};
@@ -142,6 +143,7 @@ class ServedMachine {
     void KeepWaiting() override { ++_asked->heartbeats; }
     void Send(protocol::Answer answer) override {
       _asked->is_answered = true;
+      ++_asked->answers;
       _asked->answered_at = _loop.Now();
       _asked->answer = std::move(answer.text);
     }
