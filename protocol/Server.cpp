@@ -149,12 +149,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
     }
     if (_steps.empty()) {
       _is_busy = false;
-      NoteActivity();
       if (_session.IsFinished()) return End();
       if (!_is_reading) Read();
       return;
     }
     _is_busy = true;
+    // Bytes that make no request do not count: a client could send one a second for ever.
+    NoteActivity();
     _step = std::move(_steps.front());
     _steps.pop_front();
     const auto go_on = [self = shared_from_this()](const asio::error_code& error, auto...) {
@@ -200,7 +201,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   asio::steady_timer _timer;
   asio::steady_timer _idle_timer;
   std::chrono::milliseconds _idle;
-  steady_clock::time_point _active;  ///< when something was last received or answered
+  steady_clock::time_point _active;  ///< when a request was last answered, or a part of it
   OnEnd _on_end;
   std::array<char, 65536> _block{};
   std::size_t _received = 0;  ///< bytes in it that wait for the end of the steps

@@ -2,15 +2,20 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <thread>
 
 #include "common/ChildProcess.h"
+#include "common/Descriptor.h"
 #include "common/ScratchFolder.h"
 #include "common/Text.h"
 #include "protocol/Client.h"
@@ -30,10 +35,11 @@ class FwpushServeTest : public testing::Test {
     _folder.Write("eeprom", std::string(SIZE, '\0'));
     Configure("");
   }
-  /// Writes the configuration, with further devices.
-  void Configure(const std::string& more) const {
+  /// Writes the configuration, with further devices, and further keys of the server.
+  void Configure(const std::string& more, const std::string& keys = "") const {
     _folder.Write("serve.toml", "[server]\nlisten = '127.0.0.1:0'\nstate = '" +
-                                    (_folder / "state") + "'\n" + Device(0x10, "eeprom") + more);
+                                    (_folder / "state") + "'\n" + keys + Device(0x10, "eeprom") +
+                                    more);
   }
   std::string Device(unsigned guid, const std::string& file) const {
     return common::Text("[[device]]\nnode_guid = '0x", std::hex, guid,
@@ -73,13 +79,21 @@ class FwpushServeTest : public testing::Test {
     std::ifstream file(_folder / name);
     return {std::istreambuf_iterator<char>(file), {}};
   }
-  std::string Errors() const { return Text("errors"); }
-  bool WaitForError(const std::string& text) const {
+  std::size_t Descriptors() const {
+    const std::filesystem::directory_iterator all(common::Text("/proc/", _server->Pid(), "/fd"));
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+  }
+  /// Within a time that is long enough on a busy machine.
+  static bool Wait(const std::function<bool()>& holds) {
     for (int i = 0; i < 2000; ++i) {
-      if (Errors().find(text) != std::string::npos) return true;
+      if (holds()) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
+  }
+  std::string Errors() const { return Text("errors"); }
+  bool WaitForError(const std::string& text) const {
+    return Wait([&] { return Errors().find(text) != std::string::npos; });
   }
 
   common::ScratchFolder _folder;
@@ -135,6 +149,121 @@ TEST_F(FwpushServeTest, ReloadOfAWrongFileChangesNothing) {
   ASSERT_TRUE(WaitForError("serves the configuration that it had"));
   EXPECT_THAT(Errors(), HasSubstr("serve.toml:"));
   EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
+  EXPECT_EQ(End(), 0);
+}
+
+common::Descriptor Connect(std::uint16_t port) {
+  common::Descriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address{.sin_family = AF_INET,
+                            .sin_port = htons(port),
+                            .sin_addr = {htonl(INADDR_LOOPBACK)},
+                            .sin_zero = {}};
+  EXPECT_EQ(connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+            0);
+  return connection;
+}
+
+TEST_F(FwpushServeTest, APortScanLeavesNothing) {
+  Begin();
+  EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
+  const std::size_t before = Descriptors();
+  std::vector<common::Descriptor> half_closed;
+  for (int i = 0; i < 300; ++i) {
+    common::Descriptor connection = Connect(_port);
+    const linger at_once{.l_onoff = 1, .l_linger = 0};
+    switch (i % 4) {
+      case 0:
+        break;
+      case 1:
+        setsockopt(connection.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        break;
+      case 2:
+        send(connection.Get(), "GET / HTTP/1.0\r\n\r\n", 18, MSG_NOSIGNAL);
+        break;
+      default:
+        shutdown(connection.Get(), SHUT_WR);
+        half_closed.push_back(std::move(connection));
+    }
+    if (i % 50 == 0) {
+      EXPECT_TRUE(Wait([this] { return Ask(READ) == "{ACK {data 0x0}}"; }));
+    }
+  }
+  EXPECT_TRUE(Wait([&] { return Descriptors() <= before; })) << Descriptors() << ", " << before;
+  EXPECT_EQ(Ask(WRITE), "ACK");
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, AClientOfAByteNowAndThenIsDisconnected) {
+  Configure("", "idle_seconds = 1\n");
+  Begin();
+  const common::Descriptor slow = Connect(_port);
+  EXPECT_TRUE(Wait([&] {
+    const bool is_sent = send(slow.Get(), "N", 1, MSG_NOSIGNAL) == 1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    return !is_sent;
+  }));
+  EXPECT_EQ(Ask(READ), "{ACK {data 0x0}}");
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, LimitsAreThoseOfTheFile) {
+  Configure("", "max_connections = 2\nmax_message = 1024\n");
+  Begin();
+  EXPECT_EQ(Ask(std::string(1025, 'x')), "ERROR:message too long");
+  const auto is_full = [this] { return Ask(READ) == "nothing"; };
+  std::optional<protocol::Client> first(_port);
+  EXPECT_TRUE(Wait([&] { return first->Ask(READ).has_value() || (first.emplace(_port), false); }));
+  std::optional<protocol::Client> second(_port);
+  EXPECT_TRUE(
+      Wait([&] { return second->Ask(READ).has_value() || (second.emplace(_port), false); }));
+  EXPECT_TRUE(is_full());
+  second.reset();
+  EXPECT_TRUE(Wait([&] { return !is_full(); }));
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, ADeviceIsFreeWhenItsBurnerHasVanished) {
+  Begin();
+  std::optional<protocol::Client> first(_port);
+  EXPECT_EQ(first->Ask(WRITE), "ACK");
+  protocol::Client second(_port);
+  EXPECT_THAT(*second.Ask(WRITE), HasSubstr("Device is being burnt by 127.0.0.1:"));
+  EXPECT_EQ(second.Ask(READ), "{ACK {data 0x31323334}}");
+  first.reset();
+  EXPECT_TRUE(Wait([&] { return second.Ask(WRITE) == "ACK"; }));
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, WhatAKilledServerHeldIsReleasedAtTheNextStart) {
+  const std::string released = _folder / "released";
+  _folder.Write("other", std::string(SIZE, '\0'));
+  std::string device = Device(0x20, "other");
+  device.insert(device.find("[[device.chip]]"), "release = ['/bin/touch', '" + released + "']\n");
+  Configure(device);
+  Begin();
+  protocol::Client client(_port);
+  EXPECT_EQ(client.Ask("vsI2cWriteMulti 1 0x0000000000000020 0x50 4 0x8 0x1 "), "ACK");
+  _server->Signal(SIGKILL);
+  _server->Wait();
+  EXPECT_EQ(access(released.c_str(), F_OK), -1);
+  _address.clear();
+  Begin();
+  EXPECT_TRUE(WaitForError("0x0000000000000020: the server ended while 127.0.0.1:"));
+  EXPECT_TRUE(Wait([&] { return access(released.c_str(), F_OK) == 0; }));
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(FwpushServeTest, AnAuditLogThatIsMovedAwayIsBegunAnewAtAReload) {
+  Configure("", "audit = '" + (_folder / "audit") + "'\n");
+  Begin();
+  EXPECT_EQ(Ask(WRITE), "ACK");
+  EXPECT_TRUE(Wait([this] { return Text("audit").ends_with("\n"); }));
+  std::filesystem::rename(_folder / "audit", _folder / "audit.1");
+  _server->Signal(SIGHUP);
+  ASSERT_TRUE(WaitForError("devices: 1"));
+  EXPECT_EQ(Ask(WRITE), "ACK");
+  EXPECT_TRUE(Wait([this] { return Text("audit").ends_with("\n"); }));
+  EXPECT_THAT(Text("audit.1"), HasSubstr("0x0000000000000010"));
   EXPECT_EQ(End(), 0);
 }
 
