@@ -15,6 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <system_error>
@@ -127,7 +128,11 @@ int LinuxSystem::TransferI2c(int descriptor, std::span<const I2cMessage> message
     wanted[i].len = static_cast<std::uint16_t>(message.bytes.size());
     wanted[i].buf = message.bytes.data();
   }
-  i2c_rdwr_ioctl_data transfer{wanted.data(), static_cast<std::uint32_t>(messages.size())};
+  // The kernel is given its padding, too.
+  i2c_rdwr_ioctl_data transfer;
+  std::memset(&transfer, 0, sizeof(transfer));
+  transfer.msgs = wanted.data();
+  transfer.nmsgs = static_cast<std::uint32_t>(messages.size());
   const int done = Made([&] { return ioctl(descriptor, I2C_RDWR, &transfer); });
   if (done < 0) return done;
   return static_cast<std::size_t>(done) == messages.size() ? 0 : -EIO;
