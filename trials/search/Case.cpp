@@ -328,8 +328,7 @@ class Case {
     ++_statistics.burns;
     const sim::Device& device = *fabric.Find(guid);
     const Memory before = sim::MemoryOf(device, _image);
-    const trials::RunOutcome run =
-        _server.Run(BurnWords(guid, kind, _file), fabric, nullptr, LIMIT);
+    const trials::RunOutcome run = RunAt(BurnWords(guid, kind, _file), fabric);
     if (run.status != 0) {
       const std::size_t line = run.output.find("-E-");
       return Text("the burn ends with ", run.status, ", signal ", run.signal, ": ",
@@ -442,8 +441,7 @@ class Case {
         return FalseClaim(Text("rehearsed as safe, ", state.name, ", and a power loss in ", which,
                                " leaves: ", Describe(judge.CurrentVerdict())));
       }
-      const trials::RunOutcome run =
-          _server.Run(BurnWords(guid, BurnKind::FAILSAFE, _file), start, nullptr, LIMIT);
+      const trials::RunOutcome run = RunAt(BurnWords(guid, BurnKind::FAILSAFE, _file), start);
       if (run.status != 0) return;
       // What lies between the sections may have changed.
       judge.AddKnownImage(_image, identity, sim::MemoryOf(device, _image), device::Whole::NEW,
@@ -464,8 +462,7 @@ class Case {
                          .nth = 1 + _random.Below(_random.OneOf<std::uint32_t>({4, 20, 100})),
                          .text = {},
                          .seed = static_cast<std::uint32_t>(_random.Seed())});
-      const trials::RunOutcome run =
-          _server.Run(BurnWords(guid, BurnKind::FAILSAFE, _file), fabric, nullptr, LIMIT);
+      const trials::RunOutcome run = RunAt(BurnWords(guid, BurnKind::FAILSAFE, _file), fabric);
       if (run.status == 0) continue;  // the burn was over before
       ++_statistics.cuts;
       judge.SetAll(sim::MemoryOf(*fabric.Find(guid), _image).bytes);
@@ -498,7 +495,7 @@ class Case {
         std::ranges::copy(wanted, memory.begin() + static_cast<std::ptrdiff_t>(addr));
       }
     };
-    _server.Run(BurnWords(guid, BurnKind::FAILSAFE, _file), fabric, nullptr, LIMIT);
+    RunAt(BurnWords(guid, BurnKind::FAILSAFE, _file), fabric);
     return is_safe;
   }
 
@@ -564,7 +561,7 @@ class Case {
     sim::Fabric fabric;
     if (!SetUp(_scenario, state, kind, _scenario.image, fabric)) return {};
     const device::Guid guid = fabric.Devices().begin()->first;
-    const trials::RunOutcome run = _server.Run(BurnWords(guid, kind, file), fabric, nullptr, LIMIT);
+    const trials::RunOutcome run = RunAt(BurnWords(guid, kind, file), fabric);
     return {run.status, sim::MemoryOf(*fabric.Find(guid), _image).bytes};
   }
 
@@ -579,7 +576,7 @@ class Case {
                                       "-s",
                                       _server.Name(_scenario.server_type)};
     if (kind == BurnKind::PLAIN) words.insert(words.end(), {"--slot", "none"});
-    const trials::RunOutcome run = _server.Run(words, fabric, nullptr, LIMIT);
+    const trials::RunOutcome run = RunAt(words, fabric);
     return {run.status, run.output, run.errors};
   }
 
@@ -636,10 +633,16 @@ class Case {
 
   // ---- Helpers
 
+  /// Runs the program with the fabric behind its server.
+  trials::RunOutcome RunAt(const std::vector<std::string>& words, sim::Fabric& fabric) {
+    trials::FabricResponder devices(fabric);
+    return _server.Run(words, devices, nullptr, LIMIT);
+  }
+
   /// Runs a program that needs no server.
   Ended RunProgram(const std::vector<std::string>& words) {
     sim::Fabric none;
-    const trials::RunOutcome run = _server.Run(words, none, nullptr, LIMIT);
+    const trials::RunOutcome run = RunAt(words, none);
     return {run.status, run.output, run.errors};
   }
 
