@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "device/Bytes.h"
@@ -110,7 +111,8 @@ class VirtualSystem : public serve::System {
   std::size_t OpenDescriptors() const { return _open.size(); }
   /// The words of each, in the order in which they ran.
   const std::vector<std::vector<std::string>>& ProgramRuns() const { return _runs; }
-  void ForgetProgramRuns() { _runs.clear(); }
+  /// Gives back their room, too.
+  void ForgetProgramRuns() { std::exchange(_runs, std::vector<std::vector<std::string>>()); }
 
   // --- serve::System
 
