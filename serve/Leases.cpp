@@ -126,6 +126,9 @@ void Leases::Take(const ServedDevicePointer& device, protocol::ClientId client,
     record.name = lease.record.name;
     record.since = _system.WallSeconds();
     lease.record = std::move(record);
+    return WriteFile(*device, [held = std::move(taken.held)](const std::string& failure) {
+      held(failure.empty() ? "" : failure + ": nothing is written");
+    });
   }
   const bool is_own = lease.client == client;
   if (is_own && lease.state == Lease::HELD) return taken.held("");

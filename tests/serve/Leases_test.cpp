@@ -193,6 +193,8 @@ TEST_F(LeasesTest, AWriterTakesOverWhatAReaderHadPrepared) {
   machine.Serve();
   machine.Ask(Read(A), 1);
   EXPECT_EQ(machine.Ask(Write(A, 0, Bytes(4, 0)), 2), "ACK");
+  EXPECT_THAT(machine.system.ReadText("/run/fwpush-serve/" + HexGuid(A) + ".lease").value_or(""),
+              HasSubstr("127.0.0.1:40002"));
   EXPECT_EQ(machine.Ask(Read(A), 1), "{ACK {data 0x0}}");
   EXPECT_THAT(machine.Ask(Write(A, 0, Bytes(4, 0)), 1), HasSubstr("127.0.0.1:40002"));
   EXPECT_EQ(machine.system.ProgramRuns().size(), 1u);
