@@ -52,6 +52,12 @@ TEST(AuditLogTest, ALineSaysWhoBurntWhatAndHowItEnded) {
             R"-("last_error":"Write had no effect (write-protected?)"})-");
 }
 
+TEST(AuditLogTest, TimesPast32BitsAreTold) {
+  LeaseRecord record = Record();
+  record.until = 2208988800;
+  EXPECT_EQ(json::parse(AuditLine(record)).at("until"), "2040-01-01T00:00:00Z");
+}
+
 TEST(AuditLogTest, WithoutAnErrorTheLastOneIsNull) {
   LeaseRecord record = Record();
   record.last_error.clear();
