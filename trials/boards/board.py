@@ -25,6 +25,15 @@ class BoardError(Exception):
     """A board does not do what it must, or not in time."""
 
 
+running = set()  # boards with the power on
+
+
+def end_all():
+    """Cuts the power of all boards, for a run that ends early."""
+    for board in list(running):
+        board.kill()
+
+
 class Kind:
     """What distinguishes one board from the other. All I2C chips hang on the adapter i2c-0."""
 
@@ -178,6 +187,7 @@ class Board:
         self.started = time.monotonic()
         self._process = subprocess.Popen(self._words, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                          stderr=subprocess.STDOUT)
+        running.add(self)
         try:
             threading.Thread(target=self._read, daemon=True).start()
             self.wait_for("^board: ready$", 180)
@@ -196,6 +206,7 @@ class Board:
         if self._process is not None and self._process.poll() is None:
             os.kill(self._process.pid, signal.SIGKILL)
             self._process.wait(30)
+        running.discard(self)
         if self._monitor is not None:
             self._monitor.close()
             self._monitor = None
