@@ -4,6 +4,7 @@ files of this machine. Needs what trials/boards/fetch-packages has unpacked.
 
 Used by script/test-boards. All that is started here is ended by its process id."""
 
+import errno
 import json
 import lzma
 import os
@@ -48,6 +49,7 @@ ASPEED = Kind(
     flash_size=0x200000, sector_size=0x10000, erase_size=0x10000, programs="pages of 256 bytes",
     # The window of the flash controller is 256 MiB, which the default leaves no room for.
     parameters="vmalloc=700M", options=[],
+    absent_error=errno.ENXIO,
     modules="spi-aspeed-smc spi-nor i2c-aspeed i2c-dev i2c-mux-pca954x at24 mdio-aspeed realtek ftgmac100",
     edits=[["-r", "/ahb/spi@1e620000/flash@0/partitions"]],
     # Ports, buses and flashes without anything on them only cost time.
@@ -59,6 +61,7 @@ SABRELITE = Kind(
     load_address=0x10208000, dtb="imx6q-sabrelite.dtb", i2c_bus="i2c-bus.0", nic="imx.enet",
     flash_size=0x200000, sector_size=0x10000, erase_size=0x1000, programs="2 bytes",
     parameters="", options=["-m", "256"],
+    absent_error=errno.ETIMEDOUT,
     modules="gpio-mxc spi-imx spi-nor i2c-imx i2c-dev i2c-mux-pca954x at24 fec",
     # The emulator lacks the DMA controller, which the SPI driver would wait for.
     edits=[["-d", "/soc/bus@2000000/spba-bus@2000000/spi@2008000", name] for name in ("dmas", "dma-names")],
@@ -159,16 +162,17 @@ class Firmware:
 class Board:
     """One board: from its start to its end, once. Its memories' files outlive it."""
 
-    def __init__(self, firmware, folder, flash, eeproms, files=()):
+    def __init__(self, firmware, folder, flash, eeproms, files=(), is_traced=False):
         """`flash` is the file of the flash; `eeproms` those of EEPROMs: the first at 0x54 of the adapter,
-        the others at 0x50 of channels 0, 1, ... of a mux at 0x70; `files` more files in the board: (name, text)."""
+        the others at 0x50 of channels 0, 1, ... of a mux at 0x70; `files` more files in the board: (name, bytes).
+        A board that is traced counts what the flash is told: commands()."""
         self.firmware, self.folder = firmware, folder
         self._lines, self._news, self._commands = [], threading.Condition(), 0
         self._process = self._monitor = None
         kind = firmware.kind
         initrd = folder / "initrd"
         initrd.write_bytes(firmware.archive.read_bytes() +
-                           archive([(name, 0o100644, text.encode()) for name, text in files]))
+                           archive([(name, 0o100644, data) for name, data in files]))
         words = ["qemu-system-arm", "-M", kind.machine, *kind.options, "-accel", "tcg", "-display", "none",
                  "-monitor", "none", "-no-reboot", "-nodefaults", *kind.serial, "-kernel", firmware.kernel,
                  "-dtb", firmware.dtb, "-initrd", initrd, "-qmp", f"unix:{folder}/qmp,server=on,wait=off",
@@ -176,6 +180,8 @@ class Board:
                  "-netdev", f"user,id=net,restrict=on,hostfwd=tcp:127.0.0.1:0-:{SERVER_PORT}",
                  "-net", f"nic,netdev=net,model={kind.nic}",
                  "-device", f"pca9548,bus={kind.i2c_bus},address=0x70",
+                 # One line for each command that the flash gets.
+                 "-D", folder / "trace", *(["-trace", "m25p80_command_decoded"] if is_traced else []),
                  "-append", f"console={kind.console},115200 panic=-1 quiet cryptomgr.notests {kind.parameters}"]
         for number, path in enumerate(eeproms):
             bus, address = (f"i2c.{number - 1}", 0x50) if number else (kind.i2c_bus, 0x54)
@@ -279,6 +285,13 @@ class Board:
     def _forwarded_port(self):
         text = self.monitor("human-monitor-command", **{"command-line": "info usernet"})
         return int(re.search(r"TCP\[HOST_FORWARD\]\s+\d+\s+127\.0\.0\.1\s+(\d+)", text).group(1))
+
+    def commands(self):
+        """How often the flash got each command so far, by its first byte."""
+        counts = {}
+        for code in re.findall(r"new command:0x([0-9a-f]+)", (self.folder / "trace").read_text()):
+            counts[int(code, 16)] = counts.get(int(code, 16), 0) + 1
+        return counts
 
     def start_server(self):
         """Starts fwpush-serve with /serve.toml, and waits until it listens. The shell collects it."""
