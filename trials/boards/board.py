@@ -4,6 +4,7 @@ files of this machine. Needs what trials/boards/fetch-packages has unpacked.
 
 Used by script/test-boards. All that is started here is ended by its process id."""
 
+import ctypes
 import errno
 import json
 import lzma
@@ -19,6 +20,7 @@ import time
 
 HERE = pathlib.Path(__file__).resolve().parent
 SERVER_PORT = 26519  # inside the board
+PR_SET_PDEATHSIG = 1
 HOST = "10.0.2.2"  # this machine, as the board sees it
 
 
@@ -35,6 +37,11 @@ def end_all():
         board.kill()
 
 
+def end_with_parent():
+    """In a child: it is killed when its parent ends, however that ends."""
+    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+
+
 class Kind:
     """What distinguishes one board from the other. All I2C chips hang on the adapter i2c-0."""
 
@@ -48,7 +55,7 @@ ASPEED = Kind(
     load_address=0x80208000, dtb="aspeed-ast2600-evb.dtb", i2c_bus="aspeed.i2c.bus.0", nic="ftgmac100",
     flash_size=0x200000, sector_size=0x10000, erase_size=0x10000, programs="pages of 256 bytes",
     # The window of the flash controller is 256 MiB, which the default leaves no room for.
-    parameters="vmalloc=700M", options=[],
+    parameters="vmalloc=700M maxcpus=1", options=[],
     absent_error=errno.ENXIO,
     modules="spi-aspeed-smc spi-nor i2c-aspeed i2c-dev i2c-mux-pca954x at24 mdio-aspeed realtek ftgmac100",
     edits=[["-r", "/ahb/spi@1e620000/flash@0/partitions"]],
@@ -126,7 +133,7 @@ def modules_of(kernel_modules, names):
 
 
 class Firmware:
-    """What a kind of board boots, made once for all boards of the kind."""
+    """What a kind of board boots, made once for all boards of a run."""
 
     def __init__(self, kind, packages, programs, folder):
         root = packages / "board"
@@ -192,7 +199,7 @@ class Board:
     def __enter__(self):
         self.started = time.monotonic()
         self._process = subprocess.Popen(self._words, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                         stderr=subprocess.STDOUT)
+                                         stderr=subprocess.STDOUT, preexec_fn=end_with_parent)
         running.add(self)
         try:
             threading.Thread(target=self._read, daemon=True).start()
