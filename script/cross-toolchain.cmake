@@ -18,6 +18,8 @@ endif()
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${processor})
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
+# What ARM's calls were like before GCC 7 is no matter of ours.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
 # The C library of Debian's cross compiler.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${processor};-L;/usr/${triplet})
