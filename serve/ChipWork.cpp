@@ -18,25 +18,26 @@ std::optional<Time> ChipWork::Step(System& system) {
   if (_begun < _items.size()) {
     Begin(system, _begun);
     ++_begun;
-    return system.Now();
+    return AT_ONCE;
   }
-  const auto chosen = Choose(system.Now());
+  const Time now = IsAnyWaiting() ? system.Now() : AT_ONCE;
+  const auto chosen = Choose(now);
   if (!chosen) {
     CloseAll(system);
     return {};
   }
   Progress& progress = _progress[*chosen];
-  if (progress.ready > system.Now()) return progress.ready;
+  if (progress.ready > now) return progress.ready;
   _last = *chosen;
   if (const auto ready = progress.steps->Step(system)) {
     progress.ready = *ready;
-    return system.Now();
+    return AT_ONCE;
   }
   progress.steps.reset();
   progress.is_over = true;
   // No chip behind it can be reached: to try each of them would take its time, and end like this.
   if (_items[*chosen].job.is_wire_stuck) EndAll(_items[*chosen].job.error);
-  return system.Now();
+  return AT_ONCE;
 }
 
 void ChipWork::Fail(System& system, const std::string& why) {
@@ -65,7 +66,13 @@ void ChipWork::Begin(System& system, std::size_t index) {
     progress.is_to_be_closed = access == Access::READ;
   }
   progress.steps = item.memory->Begin(item.job);
-  progress.ready = system.Now();
+  progress.ready = AT_ONCE;
+}
+
+bool ChipWork::IsAnyWaiting() const {
+  return std::ranges::any_of(_progress, [](const Progress& progress) {
+    return progress.steps && progress.ready != AT_ONCE;
+  });
 }
 
 std::optional<std::size_t> ChipWork::Choose(Time now) const {

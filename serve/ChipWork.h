@@ -32,11 +32,13 @@ class ChipWork : public WireWork {
   struct Progress {
     std::unique_ptr<JobSteps> steps;  ///< null before the job has begun, and when it is over
     bool is_over = false;
-    Time ready{0};
+    Time ready = AT_ONCE;  ///< for its next step
     bool is_to_be_closed = false;
   };
 
   void Begin(System& system, std::size_t index);
+  /// Whether the time matters to any job that goes on.
+  bool IsAnyWaiting() const;
   /// The job to go on with at `now`; nothing where all are over.
   std::optional<std::size_t> Choose(Time now) const;
   void EndAll(const std::string& error);

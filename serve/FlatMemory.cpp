@@ -46,7 +46,7 @@ class FlatSteps : public JobSteps {
         break;
     }
     if (!_job.error.empty()) return {};
-    if (_done < _job.size) return system.Now();
+    if (_done < _job.size) return AT_ONCE;
     if (_memory._config.file && _memory._config.file->syncs && _job.kind != Job::READ) Flush();
     return {};
   }

@@ -25,8 +25,8 @@ class WireWork {
   WireWork& operator=(const WireWork&) = delete;
   virtual ~WireWork() = default;
 
-  /// Does the next step. Returns when to call again: at once where that time is over. Nothing when
-  /// the work is done.
+  /// Does the next step. Returns when to call again, AT_ONCE or another time that is over to go on
+  /// without a pause; nothing when the work is done.
   virtual std::optional<Time> Step(System& system) = 0;
   /// A step has thrown, or none can be made: no other one follows.
   virtual void Fail(System&, const std::string&) {}

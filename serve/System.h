@@ -13,6 +13,9 @@ namespace serve {
 
 /// Since the clock began; also a duration.
 using Time = std::chrono::nanoseconds;
+/// A time that is always over. Where the hardware has no clock that programs may read, it costs a
+/// system call to ask for the true one.
+inline constexpr Time AT_ONCE{0};
 
 /// One message of an I2C transfer.
 struct I2cMessage {

@@ -1,12 +1,14 @@
 #include "serve/ThreadLoop.h"
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -56,6 +58,35 @@ Clock::time_point At(Time when) {
   return Clock::time_point(std::chrono::duration_cast<Clock::duration>(when));
 }
 
+/// Takes one system call to wake a thread, and one to wait. A condition variable takes two to wait:
+/// it leaves its mutex as if others waited for that, too.
+class Semaphore {
+ public:
+  Semaphore() { sem_init(&_semaphore, 0, 0); }
+  Semaphore(const Semaphore&) = delete;
+  Semaphore& operator=(const Semaphore&) = delete;
+  ~Semaphore() { sem_destroy(&_semaphore); }
+
+  void Post() { sem_post(&_semaphore); }
+  void Wait() {
+    while (sem_wait(&_semaphore) != 0 && errno == EINTR) {
+    }
+  }
+  /// False when the time came before a post.
+  bool WaitUntil(Time when) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(when);
+    const timespec end{static_cast<time_t>(seconds.count()),
+                       static_cast<long>((when - seconds).count())};
+    while (sem_clockwait(&_semaphore, CLOCK_MONOTONIC, &end) != 0) {
+      if (errno != EINTR) return false;
+    }
+    return true;
+  }
+
+ private:
+  sem_t _semaphore{};
+};
+
 }  // namespace
 
 /// The thread of one wire.
@@ -78,20 +109,17 @@ class ThreadLoop::Worker {
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
   ~Worker() {
-    {
-      const std::lock_guard lock(_mutex);
-      _is_stopping = true;
-    }
-    _changed.notify_one();
+    _is_stopping = true;
+    _changed.Post();
     _thread.join();
   }
 
   void Add(Job job) {
     {
       const std::lock_guard lock(_mutex);
-      _jobs.push_back(std::move(job));
+      _jobs.push_back(std::make_shared<Job>(std::move(job)));
     }
-    _changed.notify_one();
+    _changed.Post();
   }
 
  private:
@@ -99,32 +127,44 @@ class ThreadLoop::Worker {
     // On Linux this is for the calling thread alone.
     setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + NICENESS);
     prctl(PR_SET_TIMERSLACK, TIMER_SLACK);
-    std::unique_lock lock(_mutex);
-    while (true) {
-      _changed.wait(lock, [this] { return _is_stopping || !_jobs.empty(); });
-      if (_is_stopping) return;
-      auto job = std::make_shared<Job>(std::move(_jobs.front()));
-      _jobs.pop_front();
-      while (!_is_stopping) {
-        lock.unlock();
-        const std::optional<Time> next = StepOrFail(*job->work, _system);
-        if (!next) break;
-        lock.lock();
-        if (At(*next) <= Clock::now()) continue;
-        _changed.wait_until(lock, At(*next), [this] { return _is_stopping; });
+    while (std::shared_ptr<Job> job = NextJob()) {
+      while (const std::optional<Time> next = StepOrFail(*job->work, _system)) {
+        if (*next != AT_ONCE && *next > _system.Now()) Pause(*next);
+        if (_is_stopping) return;
       }
-      if (lock.owns_lock()) return;  // stopped before the work was done
       _take_back(std::move(job));
-      lock.lock();
+    }
+  }
+
+  /// Waits for a job; null when it is to stop.
+  std::shared_ptr<Job> NextJob() {
+    while (!_is_stopping) {
+      {
+        const std::lock_guard lock(_mutex);
+        if (!_jobs.empty()) {
+          std::shared_ptr<Job> job = std::move(_jobs.front());
+          _jobs.pop_front();
+          return job;
+        }
+      }
+      _changed.Wait();
+    }
+    return nullptr;
+  }
+
+  /// Until `when`, or until it is to stop.
+  void Pause(Time when) {
+    while (!_is_stopping && _changed.WaitUntil(when)) {
     }
   }
 
   System& _system;
   TakeBack _take_back;
   std::mutex _mutex;
-  std::condition_variable _changed;
-  std::deque<Job> _jobs;      ///< guarded by _mutex
-  bool _is_stopping = false;  ///< guarded by _mutex
+  Semaphore
+      _changed;  ///< posted for each job, and to stop; jobs are looked for before it is waited for
+  std::deque<std::shared_ptr<Job>> _jobs;  ///< guarded by _mutex
+  std::atomic<bool> _is_stopping = false;
   std::thread _thread;
 };
 
