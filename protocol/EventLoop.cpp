@@ -1,14 +1,34 @@
 #include "protocol/EventLoop.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
 #include <asio.hpp>
+#include <cerrno>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <system_error>
 #include <utility>
+#include <vector>
 
 namespace protocol {
 
+namespace {
+
+int NewEvent() {
+  const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  return descriptor;
+}
+
+}  // namespace
+
 class EventLoop::Implementation {
  public:
+  Implementation() { AwaitTasks(); }
+
   /// Its timers, in the order in which they are due.
   using Due = std::map<std::pair<Clock::time_point, TimerId>, std::function<void()>>;
 
@@ -37,6 +57,41 @@ class EventLoop::Implementation {
     }
   }
 
+  void Post(std::function<void()> task) {
+    bool is_first = false;
+    {
+      const std::lock_guard lock(tasks_mutex);
+      is_first = tasks.empty();
+      tasks.push_back(std::move(task));
+    }
+    // Without the lock. asio::post wakes the loop while it has one that the loop takes next: on one
+    // processor they would take turns twice for each task.
+    const std::uint64_t one = 1;
+    if (is_first && write(event.native_handle(), &one, sizeof one) < 0) {
+      throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+  }
+
+  void AwaitTasks() {
+    event.async_read_some(asio::buffer(event_count), [this](const asio::error_code& error, auto) {
+      if (error) return;
+      AwaitTasks();
+      std::vector<std::function<void()>> now;
+      {
+        const std::lock_guard lock(tasks_mutex);
+        now.swap(tasks);
+      }
+      for (std::size_t i = 0; i < now.size(); ++i) {
+        if (context.stopped()) {
+          // For the next run.
+          for (; i < now.size(); ++i) Post(std::move(now[i]));
+          return;
+        }
+        now[i]();
+      }
+    });
+  }
+
   void AwaitSignal() {
     signals.async_wait([this](const asio::error_code& error, int signal) {
       if (error) return;
@@ -48,6 +103,10 @@ class EventLoop::Implementation {
 
   asio::io_context context;
   asio::executor_work_guard<asio::io_context::executor_type> guard{context.get_executor()};
+  asio::posix::stream_descriptor event{context, NewEvent()};  ///< there are tasks
+  std::array<std::uint8_t, 8> event_count{};
+  std::mutex tasks_mutex;
+  std::vector<std::function<void()>> tasks;  ///< of other threads; guarded by tasks_mutex
   asio::steady_timer timer{context};
   std::optional<Clock::time_point> awaited;  ///< what the timer waits for
   Due due;
@@ -69,9 +128,7 @@ void EventLoop::Run() {
 
 void EventLoop::Stop() { _implementation->context.stop(); }
 
-void EventLoop::Post(std::function<void()> task) {
-  asio::post(_implementation->context, std::move(task));
-}
+void EventLoop::Post(std::function<void()> task) { _implementation->Post(std::move(task)); }
 
 EventLoop::TimerId EventLoop::CallAt(Clock::time_point when, std::function<void()> task) {
   const TimerId id = ++_implementation->last_timer;
