@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <random>
 #include <thread>
@@ -83,6 +84,57 @@ TEST_F(EventLoopTest, TaskOfAnotherThreadRunsInTheLoop) {
   _loop.Run();
   other.join();
   EXPECT_EQ(ran_in, std::this_thread::get_id());
+}
+
+TEST_F(EventLoopTest, TasksOfManyThreadsAllRunOnceAndThoseOfOneThreadInTheirOrder) {
+  constexpr int THREADS = 4;
+  constexpr int TASKS = 2000;
+  std::vector<std::vector<int>> ran(THREADS);
+  int left = THREADS * TASKS;
+  std::vector<std::thread> threads;
+  for (std::size_t thread = 0; thread < THREADS; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int number = 0; number < TASKS; ++number) {
+        _loop.Post([&, thread, number] {
+          ran[thread].push_back(number);
+          if (--left == 0) _loop.Stop();
+        });
+      }
+    });
+  }
+  _loop.Run();
+  for (std::thread& thread : threads) thread.join();
+  for (const std::vector<int>& numbers : ran) {
+    ASSERT_EQ(numbers.size(), static_cast<std::size_t>(TASKS));
+    EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
+  }
+}
+
+TEST_F(EventLoopTest, TaskOfTheLoopItselfRunsAfterTheOneThatPostsIt) {
+  std::vector<int> ran;
+  _loop.Post([&] {
+    _loop.Post([&] {
+      ran.push_back(2);
+      _loop.Stop();
+    });
+    ran.push_back(1);
+  });
+  _loop.Run();
+  EXPECT_THAT(ran, ElementsAre(1, 2));
+}
+
+TEST_F(EventLoopTest, TasksBehindTheOneThatStopsTheLoopAreForTheNextRun) {
+  std::vector<int> ran;
+  for (const int number : {1, 2, 3}) {
+    _loop.Post([&, number] {
+      ran.push_back(number);
+      if (number != 2) _loop.Stop();
+    });
+  }
+  _loop.Run();
+  EXPECT_THAT(ran, ElementsAre(1));
+  _loop.Run();
+  EXPECT_THAT(ran, ElementsAre(1, 2, 3));
 }
 
 TEST_F(EventLoopTest, StoppedLoopMayRunAgain) {

@@ -53,6 +53,20 @@ class ThreadLoopTest : public testing::Test {
     _loop->Run(wire, std::make_unique<FunctionWork>(std::move(step)), std::move(done));
   }
 
+  /// Work whose second step is for a time 50 ms after the first.
+  void RunWithPause(WireId wire, Done done) {
+    Run(
+        wire,
+        [this](System& system) -> std::optional<Time> {
+          if (_asked == Time()) return _asked = system.Now() + milliseconds(50);
+          _called = system.Now();
+          return std::nullopt;
+        },
+        std::move(done));
+  }
+
+  Time _asked{};
+  Time _called{};
   LinuxSystem _system;
   protocol::EventLoop _events;
   std::optional<ThreadLoop> _loop{std::in_place, _events, _system};
@@ -145,24 +159,28 @@ TEST_F(ThreadLoopTest, WiresWorkSideBySide) {
 }
 
 TEST_F(ThreadLoopTest, NextStepIsNotMadeBeforeItsTime) {
-  Time asked{};
-  Time called{};
-  Run(
-      0,
-      [&](System& system) -> std::optional<Time> {
-        if (asked == Time()) return asked = system.Now() + milliseconds(50);
-        called = system.Now();
-        return std::nullopt;
-      },
-      [&](auto) { _events.Stop(); });
+  RunWithPause(0, [&](auto) { _events.Stop(); });
   _events.Run();
-  EXPECT_GE(called, asked);
+  EXPECT_GE(_called, _asked);
+}
+
+TEST_F(ThreadLoopTest, FurtherWorkDoesNotCutAPauseShort) {
+  RunWithPause(0, [](auto) {});
+  for (int further = 0; further < 3; ++further) {
+    Run(
+        0, [](System&) { return std::optional<Time>(); },
+        [&, further](auto) {
+          if (further == 2) _events.Stop();
+        });
+  }
+  _events.Run();
+  EXPECT_GE(_called, _asked);
 }
 
 TEST_F(ThreadLoopTest, StepWhoseTimeIsOverIsMadeAtOnce) {
   int steps = 0;
   Run(
-      0, [&](System&) { return ++steps < 1000 ? std::optional(Time(0)) : std::nullopt; },
+      0, [&](System&) { return ++steps < 1000 ? std::optional(AT_ONCE) : std::nullopt; },
       [&](auto) { _events.Stop(); });
   _events.Run();
   EXPECT_EQ(steps, 1000);
