@@ -1,6 +1,6 @@
 """Two emulated boards that run Debian's own armhf kernel, each with a NOR flash (spi-nor), I2C EEPROMs
 and a network port of which one port of the loopback leads to fwpush-serve inside. Their memories are
-files of this machine. Needs what trials/boards/build-server has fetched.
+files of this machine. Needs what trials/boards/build-programs has fetched.
 
 Used by script/test-boards. All that is started here is ended by its process id."""
 
