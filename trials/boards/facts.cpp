@@ -1,7 +1,8 @@
 /// Runs inside a board: what fwpush-serve relies on in the kernel's MTD and I2C interfaces, a test
 /// for each fact. Prints "fact: FACT: holds", or "fact: FACT: CHANGED: what is so now".
-/// Usage: board_facts MTD_NUMBER I2C_NUMBER ERROR
-/// ERROR is the number of the error of a transfer to an address without a chip.
+/// Usage: board_facts MTD_NUMBER I2C_NUMBER ERROR ERASE_SIZE
+/// ERROR is the number of the error of a transfer to an address without a chip, ERASE_SIZE what the
+/// flash erases at once, in bytes.
 /// The I2C adapter has a pca9548 at 0x70, known to the kernel, and 24C64 at 0x54 and, on channel 0
 /// of the mux, at 0x50. The start of the flash is overwritten.
 
@@ -11,10 +12,12 @@
 #include <mtd/mtd-user.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/klog.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -32,6 +35,9 @@
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+
+constexpr int SYSLOG_ACTION_READ_ALL = 3;
+constexpr int SYSLOG_ACTION_SIZE_BUFFER = 10;
 
 constexpr std::uint16_t CHIP = 0x54;
 constexpr std::uint16_t CHIP_BEHIND_MUX = 0x50;
@@ -96,20 +102,35 @@ std::uint8_t ByteAt(int fd, std::uint32_t addr) {
   return byte;
 }
 
-void TellOfMtd(const std::string& number) {
+void TellOfMtd(const std::string& number, std::uint32_t erase_size) {
   const std::string node = "/dev/mtd" + number;
+  const std::string users = "/sys/module/spi_nor/refcnt";
+  const std::string users_before = Read(users);
   const File flash(node, O_RDWR);
+  Tell("an open flash keeps its driver's module", std::stoi(Read(users)) > std::stoi(users_before),
+       Read(users) + " users, before it was opened " + users_before);
   mtd_info_user info{};
   TellSuccess("MEMGETINFO works", ioctl(flash, MEMGETINFO, &info));
   Tell("a NOR flash has the type NOR", info.type == MTD_NORFLASH, std::to_string(info.type));
   Tell("bits of a NOR flash may be written again, byte by byte",
        (info.flags & MTD_BIT_WRITEABLE) != 0 && info.writesize == 1,
        "writesize " + std::to_string(info.writesize));
+  // 4 KiB where the flash can: Debian builds the kernel so.
+  Tell("the flash is erased by " + std::to_string(erase_size) + " bytes",
+       info.erasesize == erase_size, std::to_string(info.erasesize));
   const std::string folder = "/sys/class/mtd/mtd" + number;
   Tell("/sys tells the size", Read(folder + "/size") == std::to_string(info.size),
        Read(folder + "/size"));
   Tell("/sys tells what is erased at once",
        Read(folder + "/erasesize") == std::to_string(info.erasesize), Read(folder + "/erasesize"));
+  Tell("/sys tells the type", Read(folder + "/type") == "nor", Read(folder + "/type"));
+  Tell("/sys tells what is written at least", Read(folder + "/writesize") == "1",
+       Read(folder + "/writesize"));
+  Tell("/sys tells how many regions with other sectors there are",
+       Read(folder + "/numeraseregions") == "0", Read(folder + "/numeraseregions"));
+  int regions = -1;
+  TellSuccess("MEMGETREGIONCOUNT works", ioctl(flash, MEMGETREGIONCOUNT, &regions));
+  Tell("it tells the same as /sys", regions == 0, std::to_string(regions));
   Tell("/sys tells the JEDEC id", Read(folder + "/device/spi-nor/jedec_id").size() >= 6,
        "'" + Read(folder + "/device/spi-nor/jedec_id") + "'");
 
@@ -132,7 +153,9 @@ void TellOfMtd(const std::string& number) {
   Tell("a read past the end reads nothing", pread(flash, bytes.data(), 16, info.size) == 0, "");
   TellError("a write past the end fails with ENOSPC", pwrite(flash, bytes.data(), 16, info.size),
             ENOSPC);
+  Tell("a write across the end is short", pwrite(flash, bytes.data(), 16, info.size - 8) == 8, "");
   TellError("fsync fails with EINVAL", fsync(flash), EINVAL);
+  TellError("fdatasync fails with EINVAL", fdatasync(flash), EINVAL);
   const void* mapped = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, flash, 0);
   TellError("mmap fails with ENODEV", mapped == MAP_FAILED ? -1 : 0, ENODEV);
 
@@ -143,6 +166,14 @@ void TellOfMtd(const std::string& number) {
   const File read_only(node, O_RDONLY);
   TellError("MEMERASE needs a node that is opened for writing", Erase(read_only, 0, info.erasesize),
             EPERM);
+  erase_info_user whole{0, info.size};
+  TellError("MEMLOCK needs one, too", ioctl(read_only, MEMLOCK, &whole), EPERM);
+  TellError("and MEMUNLOCK", ioctl(read_only, MEMUNLOCK, &whole), EPERM);
+  mtd_write_req request{};
+  TellError("and MEMWRITE", ioctl(read_only, MEMWRITE, &request), EPERM);
+  const int locked = ioctl(flash, MEMISLOCKED, &whole);
+  Tell("MEMISLOCKED says that nothing is locked, or that it does not know",
+       locked == 0 || (locked < 0 && errno == EOPNOTSUPP), Ended(locked));
   const int for_writing = open((node + "ro").c_str(), O_RDWR | O_CLOEXEC);
   TellError("the node /dev/mtdNro cannot be opened for writing", for_writing, EACCES);
 }
@@ -192,6 +223,14 @@ std::string Short(const std::string& number, std::uint16_t address) {
   return text.data();
 }
 
+std::string KernelLog() {
+  const int size = klogctl(SYSLOG_ACTION_SIZE_BUFFER, nullptr, 0);
+  std::string log(static_cast<std::size_t>(std::max(size, 0)), '\0');
+  const int read = klogctl(SYSLOG_ACTION_READ_ALL, log.data(), size);
+  log.resize(static_cast<std::size_t>(std::max(read, 0)));
+  return log;
+}
+
 void TellOfBoundChips(const std::string& number, const std::string& channel) {
   const std::string devices = "/sys/bus/i2c/devices/";
   const File bus("/dev/i2c-" + number, O_RDWR);
@@ -201,6 +240,10 @@ void TellOfBoundChips(const std::string& number, const std::string& channel) {
   const std::string file = devices + Short(number, CHIP) + "/eeprom";
   struct stat status {};
   TellSuccess("at24 has a file for a chip", stat(file.c_str(), &status));
+  Tell("without a device tree it writes single bytes",
+       KernelLog().find(Short(number, CHIP) +
+                        ": 8192 byte 24c64 EEPROM, writable, 1 bytes/write") != std::string::npos,
+       "the kernel's log does not say so");
   Tell("it is root's alone", (status.st_mode & 0777) == 0600,
        std::to_string(status.st_mode & 0777));
   TellError("I2C_SLAVE tells that a driver owns an address", ioctl(bus, I2C_SLAVE, CHIP), EBUSY);
@@ -230,6 +273,9 @@ void TellOfI2c(const std::string& number, int absent_error) {
   TellError(std::string("an address without a chip fails with ") + strerror(absent_error),
             Transfer(bus, {Message(ABSENT, I2C_M_RD, one)}), absent_error);
   TellSuccess("I2C_SLAVE takes an address that no driver owns", ioctl(bus, I2C_SLAVE, CHIP));
+  Bytes most(10000);
+  const long cut = ::read(bus, most.data(), most.size());
+  Tell("read is cut at 8192 bytes in silence", cut == 8192, Ended(cut));
 
   const std::string channel = ChannelOf(number);
   const std::string name = Read("/sys/bus/i2c/devices/i2c-" + channel + "/name");
@@ -246,9 +292,9 @@ void TellOfI2c(const std::string& number, int absent_error) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) return 64;
+  if (argc != 5) return 64;
   try {
-    TellOfMtd(argv[1]);
+    TellOfMtd(argv[1], static_cast<std::uint32_t>(std::stoul(argv[4])));
     TellOfI2c(argv[2], std::stoi(argv[3]));
   } catch (const std::exception& error) {
     std::cout << "fact: CHANGED: " << error.what() << "\n";
