@@ -203,7 +203,7 @@ class Board:
         running.add(self)
         try:
             threading.Thread(target=self._read, daemon=True).start()
-            self.wait_for("^board: ready$", 180)
+            self.wait_for("^board: ready$", 400)
             self.boot_seconds = time.monotonic() - self.started
             self.port = self._forwarded_port()
         except BaseException:
