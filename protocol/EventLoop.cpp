@@ -6,12 +6,15 @@
 #include <array>
 #include <asio.hpp>
 #include <cerrno>
+#include <cstdlib>
+#include <deque>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <system_error>
 #include <utility>
-#include <vector>
 
 namespace protocol {
 
@@ -66,30 +69,44 @@ class EventLoop::Implementation {
     }
     // Without the lock. asio::post wakes the loop while it has one that the loop takes next: on one
     // processor they would take turns twice for each task.
+    if (is_first) TellOfTasks();
+  }
+
+  void TellOfTasks() {
     const std::uint64_t one = 1;
-    if (is_first && write(event.native_handle(), &one, sizeof one) < 0) {
-      throw std::system_error(errno, std::generic_category(), "eventfd");
-    }
+    // The counter is far from its end, so that this cannot fail. Else the loop would sleep for
+    // ever.
+    if (write(event.native_handle(), &one, sizeof one) < 0) std::abort();
   }
 
   void AwaitTasks() {
     event.async_read_some(asio::buffer(event_count), [this](const asio::error_code& error, auto) {
-      if (error) return;
+      if (error == asio::error::operation_aborted) return;
       AwaitTasks();
-      std::vector<std::function<void()>> now;
-      {
-        const std::lock_guard lock(tasks_mutex);
-        now.swap(tasks);
-      }
-      for (std::size_t i = 0; i < now.size(); ++i) {
-        if (context.stopped()) {
-          // For the next run.
-          for (; i < now.size(); ++i) Post(std::move(now[i]));
-          return;
-        }
-        now[i]();
-      }
+      RunTasks();
     });
+  }
+
+  /// Those of now. Where one stops the loop or throws, the others are for the next run.
+  void RunTasks() {
+    std::deque<std::function<void()>> now;
+    {
+      const std::lock_guard lock(tasks_mutex);
+      now.swap(tasks);
+    }
+    const auto keep_rest = [&](void*) {
+      if (now.empty()) return;
+      const std::lock_guard lock(tasks_mutex);
+      tasks.insert(tasks.begin(), std::make_move_iterator(now.begin()),
+                   std::make_move_iterator(now.end()));
+      TellOfTasks();
+    };
+    const std::unique_ptr<void, decltype(keep_rest)> at_end(this, keep_rest);
+    while (!now.empty() && !context.stopped()) {
+      const std::function<void()> task = std::move(now.front());
+      now.pop_front();
+      task();
+    }
   }
 
   void AwaitSignal() {
@@ -106,7 +123,7 @@ class EventLoop::Implementation {
   asio::posix::stream_descriptor event{context, NewEvent()};  ///< there are tasks
   std::array<std::uint8_t, 8> event_count{};
   std::mutex tasks_mutex;
-  std::vector<std::function<void()>> tasks;  ///< of other threads; guarded by tasks_mutex
+  std::deque<std::function<void()>> tasks;  ///< of other threads; guarded by tasks_mutex
   asio::steady_timer timer{context};
   std::optional<Clock::time_point> awaited;  ///< what the timer waits for
   Due due;

@@ -110,7 +110,7 @@ class ThreadLoop::Worker {
   Worker& operator=(const Worker&) = delete;
   ~Worker() {
     _is_stopping = true;
-    _changed.Post();
+    _wake_ups.Post();
     _thread.join();
   }
 
@@ -119,7 +119,7 @@ class ThreadLoop::Worker {
       const std::lock_guard lock(_mutex);
       _jobs.push_back(std::make_shared<Job>(std::move(job)));
     }
-    _changed.Post();
+    _wake_ups.Post();
   }
 
  private:
@@ -129,7 +129,7 @@ class ThreadLoop::Worker {
     prctl(PR_SET_TIMERSLACK, TIMER_SLACK);
     while (std::shared_ptr<Job> job = NextJob()) {
       while (const std::optional<Time> next = StepOrFail(*job->work, _system)) {
-        if (*next != AT_ONCE && *next > _system.Now()) Pause(*next);
+        if (*next != AT_ONCE && At(*next) > Clock::now()) Pause(*next);
         if (_is_stopping) return;
       }
       _take_back(std::move(job));
@@ -147,22 +147,23 @@ class ThreadLoop::Worker {
           return job;
         }
       }
-      _changed.Wait();
+      _wake_ups.Wait();
     }
     return nullptr;
   }
 
   /// Until `when`, or until it is to stop.
   void Pause(Time when) {
-    while (!_is_stopping && _changed.WaitUntil(when)) {
+    while (!_is_stopping && _wake_ups.WaitUntil(when)) {
     }
   }
 
   System& _system;
   TakeBack _take_back;
   std::mutex _mutex;
-  Semaphore
-      _changed;  ///< posted for each job, and to stop; jobs are looked for before it is waited for
+  /// Posted for each job, and to stop. There may be more posts than jobs left: jobs are looked for
+  /// before it is waited for, so that a wait then ends early and no job is found.
+  Semaphore _wake_ups;
   std::deque<std::shared_ptr<Job>> _jobs;  ///< guarded by _mutex
   std::atomic<bool> _is_stopping = false;
   std::thread _thread;

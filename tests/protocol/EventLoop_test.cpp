@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <csignal>
 #include <random>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -135,6 +136,21 @@ TEST_F(EventLoopTest, TasksBehindTheOneThatStopsTheLoopAreForTheNextRun) {
   EXPECT_THAT(ran, ElementsAre(1));
   _loop.Run();
   EXPECT_THAT(ran, ElementsAre(1, 2, 3));
+}
+
+TEST_F(EventLoopTest, TasksBehindOneThatThrowsAreForTheNextRunBeforeLaterOnes) {
+  std::vector<int> ran;
+  _loop.Post([&] {
+    _loop.Post([&] {
+      ran.push_back(3);
+      _loop.Stop();
+    });
+    throw std::runtime_error("a task");
+  });
+  _loop.Post([&] { ran.push_back(2); });
+  EXPECT_THROW(_loop.Run(), std::runtime_error);
+  _loop.Run();
+  EXPECT_THAT(ran, ElementsAre(2, 3));
 }
 
 TEST_F(EventLoopTest, StoppedLoopMayRunAgain) {

@@ -307,4 +307,4 @@ class Board:
                   "usleep 50000; done; cat /serve.log; grep -q ^IB: /serve.out")
 
     def kill_server(self):
-        self.must("kill -9 $server; wait $server 2>/dev/null; true")
+        self.must("kill -9 $server || exit 1; wait $server 2>/dev/null; true")

@@ -13,7 +13,8 @@ class Relay:
     def __init__(self, port, limit=None, pause=0.0, action=None):
         self._target, self._limit, self._pause, self._action = port, limit, pause, action
         self.sent = 0  # bytes of fwpush
-        self.is_done = False  # whether the action was called, before fwpush hung up
+        self.is_done = False  # whether the action went through, before fwpush hung up
+        self._error = None  # of the action
         self._listener = socket.create_server(("127.0.0.1", 0))
         self._listener.settimeout(60)
         self.port = self._listener.getsockname()[1]
@@ -26,6 +27,10 @@ class Relay:
     def __exit__(self, *_):
         self._listener.close()
         self._thread.join(60)
+        if self._error is not None:
+            raise self._error
+        if self._thread.is_alive():
+            raise RuntimeError("a relay does not end")
 
     def _serve(self):
         try:
@@ -47,12 +52,19 @@ class Relay:
                 server.sendall(data)
                 self.sent += len(data)
                 if self._limit is not None and self.sent >= self._limit and not self.is_done:
-                    self.is_done = True
                     time.sleep(self._pause)
-                    self._action()
+                    self._act()
         except OSError:
             pass
         self._hang_up(client, server)
+
+    def _act(self):
+        self._limit = None
+        try:
+            self._action()
+            self.is_done = True
+        except Exception as error:  # pylint: disable=broad-except
+            self._error = error  # for the thread that waits
 
     def _pass_back(self, server, client):
         try:
