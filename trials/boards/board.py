@@ -154,7 +154,7 @@ class Firmware:
         files = [(name, 0o40755, b"") for name in
                  ("bin", "dev", "proc", "sys", "modules", "lib", "lib/arm-linux-gnueabihf", "tmp", "state")]
         files.append(("init", 0o100755, (HERE / "init").read_bytes()))
-        for name, path in {"bin/busybox": root / "bin/busybox", "bin/flashcp": root / "usr/sbin/flashcp",
+        for name, path in {"bin/busybox": root / "bin/busybox", **{f"bin/{name}": root / "usr/sbin" / name for name in ("flashcp", "flash_lock", "flash_unlock")},
                            "lib/ld-linux-armhf.so.3": (libraries / "ld-linux-armhf.so.3"),
                            "lib/arm-linux-gnueabihf/libc.so.6": libraries / "libc.so.6",
                            **{f"bin/{path.name}": path for path in programs}}.items():
