@@ -103,11 +103,11 @@ void Pad(std::vector<RecordRange>& ranges, std::uint8_t pad) {
       // The words of a range begin where it does, so the next one may begin inside one.
       const std::uint64_t whole = last.addr + (std::uint64_t{last.data.size()} + 3) / 4 * 4;
       if (range.addr < whole) {
-        last.data.resize(last.data.size() + (range.addr - end), pad);
+        last.data.resize(last.data.size() + static_cast<std::size_t>(range.addr - end), pad);
         last.data.insert(last.data.end(), range.data.begin(), range.data.end());
         continue;
       }
-      last.data.resize(whole - last.addr, pad);
+      last.data.resize(static_cast<std::size_t>(whole - last.addr), pad);
     }
     padded.push_back(std::move(range));
   }

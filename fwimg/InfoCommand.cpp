@@ -124,8 +124,8 @@ class AddressMap {
     std::string drawn(COLUMNS, '.');
     const auto fill = [&](std::uint64_t from, std::uint64_t end, char c) {
       if (from >= end) return;
-      const std::size_t first = (from - _from) / _column;
-      const std::size_t last = (end - 1 - _from) / _column;
+      const auto first = static_cast<std::size_t>((from - _from) / _column);
+      const auto last = static_cast<std::size_t>((end - 1 - _from) / _column);
       std::fill_n(drawn.begin() + static_cast<std::ptrdiff_t>(first), last - first + 1, c);
     };
     auto ranges = bar.ranges;

@@ -9,7 +9,7 @@ namespace hardware {
 namespace {
 
 device::Tear RandomTear(std::size_t size, Power::Random& random) {
-  device::Tear tear{.word = random() % device::WordsIn(size)};
+  device::Tear tear{.word = static_cast<std::size_t>(random() % device::WordsIn(size))};
   for (auto& done : tear.done) done = static_cast<std::uint8_t>(random());
   return tear;
 }

@@ -31,14 +31,16 @@ class MtdNode : public Node {
 
   std::int64_t Read(std::uint64_t offset, std::span<std::uint8_t> bytes) override {
     if (offset >= _part.size) return 0;
-    const std::size_t size = std::min<std::uint64_t>(bytes.size(), _part.size - offset);
+    const auto size =
+        static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), _part.size - offset));
     _flash.Read(_part.offset + offset, bytes.first(size));
     return static_cast<std::int64_t>(size);
   }
 
   std::int64_t Write(std::uint64_t offset, std::span<const std::uint8_t> bytes) override {
     if (offset >= _part.size) return -ENOSPC;
-    const std::size_t size = std::min<std::uint64_t>(bytes.size(), _part.size - offset);
+    const auto size =
+        static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), _part.size - offset));
     const std::uint32_t whole = _flash.WriteSize();
     if (offset % whole != 0 || size % whole != 0) return -EINVAL;
     if (const int error = _flash.Program(_part.offset + offset, bytes.first(size))) return error;
@@ -160,14 +162,15 @@ bool VirtualFlash::IsProtected(std::uint64_t offset, std::uint64_t size) const {
 }
 
 void VirtualFlash::Read(std::uint64_t offset, std::span<std::uint8_t> bytes) {
-  std::ranges::copy(device::View(_cells).subspan(offset, bytes.size()), bytes.begin());
+  std::ranges::copy(device::View(_cells).subspan(static_cast<std::size_t>(offset), bytes.size()),
+                    bytes.begin());
   _bytes_read += bytes.size();
   BeBusy(_settings.byte_time * bytes.size());
 }
 
 int VirtualFlash::Program(std::uint64_t offset, std::span<const std::uint8_t> bytes) {
   while (!bytes.empty()) {
-    const std::size_t room = _settings.page - offset % _settings.page;
+    const auto room = static_cast<std::size_t>(_settings.page - offset % _settings.page);
     const std::size_t size = std::min(room, bytes.size());
     if (const int error = ProgramPage(offset, bytes.first(size))) return error;
     bytes = bytes.subspan(size);
@@ -186,8 +189,9 @@ int VirtualFlash::ProgramPage(std::uint64_t offset, std::span<const std::uint8_t
   BeBusy(_settings.byte_time * bytes.size());
   // What the chip ignores takes it no time.
   if (_all_programs != _dropped_program && !IsProtected(offset, bytes.size())) {
-    _system.GetPower().Program(kind, device::Cells(_cells).subspan(offset, programmed.size()), 0,
-                               programmed, _settings.program_time);
+    _system.GetPower().Program(
+        kind, device::Cells(_cells).subspan(static_cast<std::size_t>(offset), programmed.size()), 0,
+        programmed, _settings.program_time);
     BeBusy(_settings.program_time);
   }
   return fails || !_system.GetPower().IsOn() ? -EIO : 0;
@@ -206,7 +210,9 @@ int VirtualFlash::EraseBlock(std::uint64_t offset) {
   const std::uint64_t size = std::min<std::uint64_t>(_settings.erase_size, _cells.size() - first);
   if (IsProtected(first, size)) return 0;
   const std::uint64_t erased = _all_erases == _spoilt_erase ? size / 2 : size;
-  _system.GetPower().Erase(device::Cells(_cells).subspan(first, erased), _settings.erase_time);
+  _system.GetPower().Erase(device::Cells(_cells).subspan(static_cast<std::size_t>(first),
+                                                         static_cast<std::size_t>(erased)),
+                           _settings.erase_time);
   BeBusy(_settings.erase_time);
   return _system.GetPower().IsOn() ? 0 : -EIO;
 }

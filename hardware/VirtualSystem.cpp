@@ -41,14 +41,16 @@ class FileNode : public Node {
   }
   std::int64_t Read(std::uint64_t offset, std::span<std::uint8_t> bytes) override {
     if (offset >= _content.size()) return 0;
-    const std::size_t size = std::min<std::uint64_t>(bytes.size(), _content.size() - offset);
+    const auto size =
+        static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), _content.size() - offset));
     std::copy_n(_content.begin() + static_cast<std::ptrdiff_t>(offset), size, bytes.begin());
     return static_cast<std::int64_t>(size);
   }
   std::int64_t Write(std::uint64_t offset, std::span<const std::uint8_t> bytes) override {
     if (bytes.empty()) return 0;
-    _content.resize(std::max<std::size_t>(_content.size(), offset + bytes.size()));
-    const auto part = device::Cells(_content).subspan(offset, bytes.size());
+    const auto first = static_cast<std::size_t>(offset);
+    _content.resize(std::max(_content.size(), first + bytes.size()));
+    const auto part = device::Cells(_content).subspan(first, bytes.size());
     if (_kind == Kind::MEMORY) {
       _power.Program(device::MemoryKind::EEPROM, part, 0, bytes, Time{});
     } else {

@@ -169,7 +169,8 @@ void Comparison::TakeRecords(std::uint32_t at, std::span<const std::uint8_t> byt
     const std::uint64_t next = _task.layout->records[slot] + std::uint64_t{record.size()};
     const std::size_t left = _task.layout->RecordSize() - record.size();
     if (next < at || next >= at + bytes.size()) continue;
-    const auto piece = bytes.subspan(next - at).first(std::min(left, bytes.size() - (next - at)));
+    const auto rest = bytes.subspan(static_cast<std::size_t>(next - at));
+    const auto piece = rest.first(std::min(left, rest.size()));
     record.insert(record.end(), piece.begin(), piece.end());
   }
 }

@@ -20,7 +20,7 @@ class RegionTarget : public device::BurnTarget {
   }
   void Program(std::uint32_t addr, device::View bytes) override {
     ForEachPart(addr, bytes.size(), [&](device::Cells cells, std::uint64_t offset) {
-      device::Program(_kind, cells, bytes.subspan(offset, cells.size()));
+      device::Program(_kind, cells, bytes.subspan(static_cast<std::size_t>(offset), cells.size()));
     });
   }
 
@@ -33,7 +33,9 @@ class RegionTarget : public device::BurnTarget {
       const std::uint64_t start = std::max(addr, region.addr);
       const std::uint64_t end = std::min(addr + size, region.End());
       if (start >= end) continue;
-      change(device::Cells(region.expected).subspan(start - region.addr, end - start),
+      change(device::Cells(region.expected)
+                 .subspan(static_cast<std::size_t>(start - region.addr),
+                          static_cast<std::size_t>(end - start)),
              start - addr);
     }
   }
