@@ -253,7 +253,7 @@ class Board:
                 if left <= 0 or not self._news.wait(left):
                     raise BoardError(f"no line {pattern!r} in {seconds} s; the last are {self._lines[-5:]}")
 
-    def run(self, command, seconds=60):
+    def run(self, command, seconds=200):
         """Runs a line of shell in the board; its exit status and the lines that it prints."""
         self._commands += 1
         start = len(self._lines)
@@ -263,7 +263,7 @@ class Board:
         match, end = self.wait_for(rf"^{mark}(\d+)$", seconds, start)
         return int(match.group(1)), self._lines[start:end - 1]
 
-    def must(self, command, seconds=60):
+    def must(self, command, seconds=200):
         status, lines = self.run(command, seconds)
         if status != 0:
             raise BoardError(f"in the board: {command}: status {status}: {lines}")

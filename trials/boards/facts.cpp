@@ -92,8 +92,8 @@ void Write(const std::string& path, const std::string& text) {
 // ---- MTD
 
 int Erase(int fd, std::uint32_t start, std::uint32_t length) {
-  erase_info_user range{start, length};
-  return ioctl(fd, MEMERASE, &range);
+  erase_info_user64 range{start, length};
+  return ioctl(fd, MEMERASE64, &range);
 }
 
 std::uint8_t ByteAt(int fd, std::uint32_t addr) {
@@ -134,7 +134,7 @@ void TellOfMtd(const std::string& number, std::uint32_t erase_size) {
   Tell("/sys tells the JEDEC id", Read(folder + "/device/spi-nor/jedec_id").size() >= 6,
        "'" + Read(folder + "/device/spi-nor/jedec_id") + "'");
 
-  TellSuccess("MEMERASE of one block works", Erase(flash, 0, info.erasesize));
+  TellSuccess("MEMERASE64 of one block works", Erase(flash, 0, info.erasesize));
   Tell("erased bytes are FF", ByteAt(flash, 0x100) == 0xFF, std::to_string(ByteAt(flash, 0x100)));
   const std::uint8_t first = 0x0F;
   const std::uint8_t second = 0x3C;
@@ -142,11 +142,11 @@ void TellOfMtd(const std::string& number, std::uint32_t erase_size) {
   Tell("it is programmed again without an erase", pwrite(flash, &second, 1, 0x100) == 1, Ended(-1));
   Tell("a program only clears bits", ByteAt(flash, 0x100) == 0x0C,
        "3C over 0F reads " + std::to_string(ByteAt(flash, 0x100)));
-  TellError("MEMERASE of half a block is refused", Erase(flash, 0, info.erasesize / 2), EINVAL);
-  TellSuccess("MEMERASE from the middle of a block is not refused",
+  TellError("MEMERASE64 of half a block is refused", Erase(flash, 0, info.erasesize / 2), EINVAL);
+  TellSuccess("MEMERASE64 from the middle of a block is not refused",
               Erase(flash, info.erasesize / 2, info.erasesize));
-  Erase(flash, 0, 2 * info.erasesize);
-  TellError("MEMERASE past the end is refused", Erase(flash, info.size, info.erasesize), EINVAL);
+  TellSuccess("MEMERASE64 of two blocks works", Erase(flash, 0, 2 * info.erasesize));
+  TellError("MEMERASE64 past the end is refused", Erase(flash, info.size, info.erasesize), EINVAL);
 
   Bytes bytes(16);
   Tell("a read across the end is short", pread(flash, bytes.data(), 16, info.size - 8) == 8, "");
@@ -164,8 +164,8 @@ void TellOfMtd(const std::string& number, std::uint32_t erase_size) {
   TellSuccess("flock works", flock(flash, LOCK_EX | LOCK_NB));
   TellError("and keeps another opener out", flock(again, LOCK_EX | LOCK_NB), EWOULDBLOCK);
   const File read_only(node, O_RDONLY);
-  TellError("MEMERASE needs a node that is opened for writing", Erase(read_only, 0, info.erasesize),
-            EPERM);
+  TellError("MEMERASE64 needs a node that is opened for writing",
+            Erase(read_only, 0, info.erasesize), EPERM);
   erase_info_user whole{0, info.size};
   TellError("MEMLOCK needs one, too", ioctl(read_only, MEMLOCK, &whole), EPERM);
   TellError("and MEMUNLOCK", ioctl(read_only, MEMUNLOCK, &whole), EPERM);
@@ -285,6 +285,13 @@ void TellOfI2c(const std::string& number, int absent_error) {
   Bytes most(10000);
   const long cut = ::read(bus, most.data(), most.size());
   Tell("read is cut at 8192 bytes in silence", cut == 8192, Ended(cut));
+  std::fill(most.begin(), most.end(), std::uint8_t{0});
+  const long written = ::write(bus, most.data(), most.size());
+  Tell("write is cut at 8192 bytes in silence", written == 8192, Ended(written));
+  WriteChip(bus, CHIP, 0x40, "word");
+  Bytes longest(8192);
+  Tell("a message of 8192 bytes is taken", Transfer(bus, {Message(CHIP, I2C_M_RD, longest)}) == 1,
+       Ended(-1));
 
   const std::string channel = ChannelOf(number);
   const std::string name = Read("/sys/bus/i2c/devices/i2c-" + channel + "/name");
@@ -296,6 +303,12 @@ void TellOfI2c(const std::string& number, int absent_error) {
   Tell("so that a chip behind it answers before it",
        ReadChip(bus, CHIP_BEHIND_MUX, 0x40, 4) == "deep", ReadChip(bus, CHIP_BEHIND_MUX, 0x40, 4));
   TellOfBoundChips(number, channel);
+  Write("/sys/bus/i2c/devices/" + number + "-0070/idle_state", "-2");
+  WriteChip(behind, CHIP_BEHIND_MUX, 0x40, "deep");
+  Tell("with idle_state -2 it answers behind the mux alone",
+       Transfer(bus, {Message(CHIP_BEHIND_MUX, I2C_M_RD, one)}) < 0 &&
+           ReadChip(behind, CHIP_BEHIND_MUX, 0x40, 4) == "deep",
+       "it does not");
 }
 
 }  // namespace
