@@ -82,6 +82,7 @@ class EventLoop::Implementation {
   void AwaitTasks() {
     event.async_read_some(asio::buffer(event_count), [this](const asio::error_code& error, auto) {
       if (error == asio::error::operation_aborted) return;
+      if (error) std::abort();  // as in TellOfTasks
       AwaitTasks();
       RunTasks();
     });

@@ -4,11 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <iomanip>
+#include <ctime>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <stdexcept>
 
 #include "common/Json.h"
@@ -20,22 +18,11 @@ namespace {
 
 /// "2026-05-04T12:03:11Z".
 std::string IsoTime(std::int64_t seconds) {
-  // Not by time_t, which has 32 bits on some boards and ends in 2038 there.
-  const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
-  const auto midnight = std::chrono::floor<std::chrono::days>(time);
-  const std::chrono::year_month_day date(midnight);
-  const std::chrono::hh_mm_ss clock(time - midnight);
-  std::ostringstream text;
-  const auto two_digits = [&](const char* before, auto number) {
-    text << before << std::setw(2) << number;
-  };
-  text << std::setfill('0') << std::setw(4) << static_cast<int>(date.year());
-  two_digits("-", static_cast<unsigned>(date.month()));
-  two_digits("-", static_cast<unsigned>(date.day()));
-  two_digits("T", clock.hours().count());
-  two_digits(":", clock.minutes().count());
-  two_digits(":", clock.seconds().count());
-  return text.str() + "Z";
+  const std::time_t time = seconds;
+  std::tm parts{};
+  gmtime_r(&time, &parts);
+  char text[32];
+  return {text, std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
 [[noreturn]] void ThrowFileError(const std::filesystem::path& path) {

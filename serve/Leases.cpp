@@ -18,7 +18,7 @@ constexpr std::string_view FILE_END = ".lease";
 
 /// "12:03:11", local time.
 std::string ClockTime(std::int64_t seconds) {
-  const std::time_t time = static_cast<std::time_t>(seconds);
+  const std::time_t time = seconds;
   std::tm parts{};
   localtime_r(&time, &parts);
   char text[16];
