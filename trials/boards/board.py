@@ -29,10 +29,12 @@ class BoardError(Exception):
 
 
 running = set()  # boards with the power on
+has_ended = threading.Event()  # no further board may start
 
 
 def end_all():
     """Cuts the power of all boards, for a run that ends early."""
+    has_ended.set()
     for board in list(running):
         board.kill()
 
@@ -197,13 +199,17 @@ class Board:
         self._words = [str(word) for word in words]
 
     def __enter__(self):
+        if has_ended.is_set():
+            raise BoardError("another board has failed")
         self.started = time.monotonic()
         self._process = subprocess.Popen(self._words, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                          stderr=subprocess.STDOUT, preexec_fn=end_with_parent)
         running.add(self)
         try:
             threading.Thread(target=self._read, daemon=True).start()
-            self.wait_for("^board: ready$", 400)
+            state, _ = self.wait_for("^board: (ready|FAILED.*)$", 400)
+            if state.group(1) != "ready":
+                raise BoardError(state.group(0))
             self.boot_seconds = time.monotonic() - self.started
             self.port = self._forwarded_port()
         except BaseException:

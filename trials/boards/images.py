@@ -6,6 +6,14 @@ import random
 import subprocess
 
 FWIMG = pathlib.Path(__file__).resolve().parents[2] / "build" / "fwimg"
+# What each device has of its own.
+FIELDS = """[[field]]
+type = "GUIDS"
+at = { image = 0x40 }
+[[field]]
+type = "SYSGUID"
+at = { image = 0x60 }
+"""
 
 
 def write_image(folder, name, layout, parts):
@@ -58,13 +66,7 @@ fill = true
 name = "FIRMWARE"
 at = {slots[0]:#x}
 file = "{name}-firmware"
-[[field]]
-type = "GUIDS"
-at = {{ image = 0x40 }}
-[[field]]
-type = "SYSGUID"
-at = {{ image = 0x60 }}
-[[crc]]
+{FIELDS}[[crc]]
 from = {{ image = 0 }}
 size = 0xFFC
 at = {{ image = 0xFFC }}
@@ -97,13 +99,7 @@ content = [
 name = "FIRMWARE"
 at = {{ device = 0x50, offset = 0x400 }}
 file = "{name}-firmware"
-[[field]]
-type = "GUIDS"
-at = {{ image = 0x40 }}
-[[field]]
-type = "SYSGUID"
-at = {{ image = 0x60 }}
-[[crc]]
+{FIELDS}[[crc]]
 from = {{ image = 0x10 }}
 size = 0x3EC
 at = {{ image = 0x3FC }}
